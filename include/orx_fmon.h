@@ -1,0 +1,172 @@
+/*
+ * orx_fmon.h: the file monitor as its agent and its clients see it.
+ *
+ * The module is a shared library, libfmon.so. The agent loads it (its undefined symbols are resolved from the agent:
+ * see orx_base.h, orx_event_loop.h, orx_autolog.h), calls orx_fmon_init() once, and from then on any of its modules
+ * may create an instance and add watches to it. Matching file events reach the instance's callback.
+ *
+ * Conventions, for every function here:
+ *  - Result: 0 (or an id) is success, a negative value one of the FMON_E* codes or a code of the backend (below).
+ *  - Text: NUL-terminated bytes, paths as the kernel has them (no encoding is assumed), at most 1022 bytes.
+ *  - Null: not accepted unless stated.
+ *  - Ownership: the module copies what it is given; an event lent to a callback belongs to the module and is gone
+ *    when the callback returns.
+ *  - Threads: every function may be called from any thread of the agent, except from inside a client callback:
+ *    callbacks run on the monitor thread with the monitor lock held.
+ */
+#ifndef ORX_FMON_H
+#define ORX_FMON_H
+
+#include <stdint.h>
+
+#include "orx_list.h"
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Marks what libfmon.so exports; everything else in it is hidden. */
+#define FMON_API __attribute__((visibility("default")))
+
+/* Result codes. The backend passes its own through: -103 no fanotify in this process, -104 fanotify refused,
+ * -105 inotify refused at start, -108 inotify refused a watch, -109 fanotify refused a mark, -110 the
+ * watch-descriptor table could not grow, -117 the path of a directory is too long to be built. */
+enum {
+    FMON_ENOTINIT = -100, /* orx_fmon_init has not succeeded */
+    FMON_ENOMEM = -101,   /* an allocation failed, or the directory cache is full */
+    FMON_EEXIST = -102,   /* the name or path exists already */
+    FMON_EINVAL = -111,   /* bad argument, instance id, path or mask */
+    FMON_ENOTSUP = -112,  /* the watch needs a source that this system lacks, or kinds which it cannot watch */
+    FMON_EFULL = -113,    /* all instance slots are taken */
+    FMON_ENOENT = -114    /* the path or watch does not exist, or is of the wrong type */
+};
+
+/* Event kinds: the kernel's inotify bits. event_str() and event_mask() convert to and from names. */
+enum {
+    FMON_ACCESS = 0x1,
+    FMON_MODIFY = 0x2,
+    FMON_ATTRIB = 0x4,
+    FMON_CLOSE_WRITE = 0x8,
+    FMON_CLOSE_NOWRITE = 0x10,
+    FMON_OPEN = 0x20,
+    FMON_MOVED_FROM = 0x40,
+    FMON_MOVED_TO = 0x80,
+    FMON_CREATE = 0x100,
+    FMON_DELETE = 0x200,
+    FMON_DELETE_SELF = 0x400,
+    FMON_MOVE_SELF = 0x800,
+    FMON_ALL_EVENTS = 0xfff,
+    FMON_CLOSE = 0x18,
+    FMON_LINK = 0x1000 /* a hard link was made: from kernel probes only, has no name, may not stand in a watch */
+};
+
+/* Watch flags. Exactly one of the first three must be set. */
+enum {
+    FMON_FILE = 0x1,         /* the path is a regular file */
+    FMON_DIR = 0x2,          /* the path is a directory: itself and its direct children */
+    FMON_MOUNT = 0x4,        /* the path names a mount, watched as a whole */
+    FMON_RECURSIVE = 0x8,    /* descend into subdirectories (not with FMON_FILE) */
+    FMON_DELAY = 0x10,       /* hold access and modify until the file is closed, deliver once */
+    FMON_PID = 0x20,         /* watch the whole mask through the source that names the process */
+    FMON_SYMBOLIC = 0x40,    /* accepted; changes nothing */
+    FMON_DELETED = 0x80,     /* the path may be missing: wait for it, and wait again when it goes */
+    FMON_SYNC = 0x100,       /* keep the cached tree in step with renames and new directories (not with FMON_MOUNT) */
+    FMON_DYNAMIC = 0x10000,  /* set by the module on a watch that a pattern made */
+    FMON_ASTERISK = 0x20000  /* set by the module on a watch whose path holds one "*" */
+};
+
+enum { FMON_MAX_INSTANCES = 32 };
+
+/* One pending event: what happened to one path by one process since the client last consumed it. */
+struct event {
+    char *path;       /* full path of the object; never null in a delivered event */
+    char *container;  /* container mode: the container the path lies in, or "host"; else null */
+    uint32_t mask;    /* event kinds, merged by OR */
+    uint32_t pid;     /* causing process, 0 where the source does not tell */
+    uint32_t ref;     /* instances whose queue holds the record (bit i = instance i) */
+    uint32_t pending; /* instances that hold it back until the file is closed */
+    hlink link;       /* the module's own */
+};
+
+/* Client callback, on the monitor thread with the monitor lock held: it must be quick and must not call back into the
+ * module. A result above 0 pauses the instance for that many milliseconds and keeps the event; else it is consumed. */
+typedef int32_t (*fmon_client_cb)(struct event *);
+
+/* What the backend missed since the start. */
+struct fmon_losses {
+    uint64_t unknown_wd;       /* records for a watch descriptor that is not known */
+    uint64_t inotify_overflow; /* overflows of the inotify queue */
+    uint64_t fanotify_overflow;
+};
+
+/* ---- the plug-in ---- */
+
+/* Starts the monitor and its thread; both arguments are ignored. 0 also when it runs already or is disabled by an
+ * earlier failure; -1 when this start failed. */
+FMON_API int orx_fmon_init(uint32_t unused, void *unused_arg);
+
+/* 1 when the module runs inside a container that sees the host's files below /rootfs, else 0. Set by orx_fmon_init. */
+extern FMON_API int32_t g_container_flag;
+
+/* ---- instances ---- */
+
+/* Creates an instance of that name (15 bytes count) and returns its id, 0..31. A null callback consumes everything.
+ * -1: the table is full; FMON_EEXIST: the name is taken; FMON_EINVAL: empty name; FMON_ENOTINIT. */
+FMON_API int _orx_fmon_create_instance(const char *name, fmon_client_cb cb);
+
+/* Removes an instance with its watches and queued events. -1: no such instance. */
+FMON_API int _orx_fmon_del_instance(uint32_t id);
+
+/* A callback that consumes every event. */
+FMON_API int callback_func(struct event *);
+
+/* ---- watches ---- */
+
+/* Adds a watch. `path` is absolute, without "//" and trailing "/", and may hold one "*" (a pattern, looked up again
+ * every tbd_interval). `max_depth` (16 bits count) limits how deep the first walk of a recursive watch goes; 0 is no
+ * limit. `max_subdirs` limits nothing unless its top bit is set. Codes: FMON_EINVAL, FMON_EEXIST, FMON_ENOMEM,
+ * FMON_ENOTSUP, FMON_ENOENT, FMON_ENOTINIT or a code of the backend. */
+FMON_API int _orx_fmon_add_watch(uint32_t id, const char *path, uint32_t mask, uint32_t flags, uint32_t max_depth,
+                                 uint32_t max_subdirs);
+
+/* Removes the watch whose stored (resolved) path is exactly `path`. FMON_ENOENT: there is none. */
+FMON_API int _orx_fmon_del_watch(uint32_t id, const char *path);
+
+/* Adds (add != 0) or removes system-wide events of these kinds for the instance. -1: no source for them. */
+FMON_API int _orx_fmon_global_watch(uint32_t id, uint32_t mask, uint32_t add);
+
+/* Rebuilds the filter of the system-wide sources after mounts changed. */
+FMON_API int _orx_fmon_global_update(uint32_t id);
+
+/* Switches the kernel probes on (1) or off (0). Takes no lock. */
+FMON_API void _clt_file_enable(uint32_t flag);
+
+/* ---- diagnosis ---- */
+
+/* Copies the backend's loss counters. FMON_ENOTINIT before the start. */
+FMON_API int _orx_fmon_losses(struct fmon_losses *out);
+
+/* Writes the monitor's state to the log at level 4. `type`: 0 all, 1 instances, 2 waiting watches, 3 directories,
+ * 4 events, 5 backend, 6 watched files; above 6: -1. `arg` is handed to the backend and may be null. */
+FMON_API int _orx_fmon_dump(uint32_t type, void *arg);
+
+/* Writes the pattern of the paths below which containers keep their files; `out260` holds 260 bytes. Returns 0. */
+FMON_API int _orx_get_container_path(char *out260);
+
+/* ---- names of masks ---- */
+
+/* Names of a mask, joined by ",", in a static buffer of 256 bytes, each function its own: valid until the next call of
+ * the same function. Only for use inside a client callback or before the start, since the module writes them too. */
+FMON_API char *event_str(uint32_t mask);
+FMON_API char *event_str2(uint32_t mask);
+FMON_API char *flags_str(uint32_t flags);
+
+/* The mask that a comma-separated list names; the text is cut up in place, unknown names add nothing. Thread-safe. */
+FMON_API uint32_t event_mask(char *text);
+FMON_API uint32_t flags_mask(char *text);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

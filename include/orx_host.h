@@ -1,0 +1,29 @@
+/*
+ * orx_host.h: what the embedded host (liborx_base.so) offers to a program beyond the interfaces that plug-ins use.
+ *
+ * libfmon.so never calls these; an agent with a base library of its own does not have them.
+ */
+#ifndef ORX_HOST_H
+#define ORX_HOST_H
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+/* Sees every log line that passes error_output_level, after formatting and before it is written; `text` has no
+ * trailing newline and is valid during the call only. Called on the thread that logs: it must be quick, must not log
+ * and must not call the module. */
+typedef void (*orx_log_sink)(int level, const char *file, int line, const char *text, void *arg);
+
+/* Sets the sink (null removes it). `arg` is handed to each call. */
+void orx_host_log_sink(orx_log_sink sink, void *arg);
+
+/* Makes every INI file loaded from now on answer `value` for that key, whatever it holds, and makes a missing file
+ * load as an empty one. Values are copied. 0, or -1 when memory runs out. A null value takes the override back. */
+int orx_host_ini_override(const char *section, const char *key, const char *value);
+
+#ifdef __cplusplus
+}
+#endif
+
+#endif

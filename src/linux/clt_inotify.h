@@ -1,0 +1,26 @@
+/*
+ * clt_inotify.h: the kernel's inotify deliveries seen by a kernel probe, with the causing process.
+ */
+#ifndef FMON_CLT_INOTIFY_H
+#define FMON_CLT_INOTIFY_H
+
+#include <cstdint>
+
+#include "orx_fmon.h"
+
+extern "C" {
+
+/* Creates the probe instance; fills at most `clt_inotify_room` descriptors and returns how many; negative: none. */
+FMON_API int kp_inotify_init(int32_t *descriptors_out);
+FMON_API int get_inotify_event(void);
+FMON_API void kp_inotify_enable(int on);
+FMON_API int inotify_parse(int index);
+FMON_API int kp_inotify_destroy(void); /* 0 */
+
+/* (Hidden.) Whether a probe instance exists, and the capacity of the array that kp_inotify_init is given. */
+int clt_inotify_active(void);
+extern int32_t clt_inotify_room;
+
+} /* extern "C" */
+
+#endif

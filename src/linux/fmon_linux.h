@@ -1,0 +1,151 @@
+/*
+ * fmon_linux.h: the Linux backend: inotify per directory, fanotify marks on directories, files and mounts, and the
+ * kernel-probe sources.
+ *
+ * A watch becomes kernel marks on the dentry of its path; each mark carries the union of what all watches concerned
+ * need, and only what nobody else needs is taken away with a watch. Everything runs under the monitor lock.
+ *
+ * Sources: fmon_linux.cpp (state, start, stop, selection), fmon_linux_marks.cpp (kernel marks of one dentry),
+ * fmon_linux_watch.cpp (adding and deleting watches), fmon_linux_tree.cpp (collect, punish, moved and new directories),
+ * fmon_linux_mount.cpp (mount watches), fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
+ */
+#ifndef FMON_FMON_LINUX_H
+#define FMON_FMON_LINUX_H
+
+#include <cstdint>
+
+#include "fmon.h"
+#include "linux/seq.h"
+
+/* Backend codes (see orx_fmon.h). */
+enum {
+    FMON_LINUX_ENOFAN = -103,
+    FMON_LINUX_EFANINIT = -104,
+    FMON_LINUX_EINOINIT = -105,
+    FMON_LINUX_EINOTIFY = -108,
+    FMON_LINUX_EFANOTIFY = -109,
+    FMON_LINUX_ESEQ = -110,
+    FMON_LINUX_EPATH = -117
+};
+
+/* Internal watch flag: no other watch keeps this mark. */
+#define FMON_LINUX_LAST_MARK 0x40000u
+
+enum { FMON_LINUX_READ_BUFFER = 4096, FMON_LINUX_PASS_LIMIT = 100 };
+
+/* What a read pass met (fmlnx.read_status). */
+enum { READ_UNKNOWN_WD = 0x1, READ_INOTIFY_OVERFLOW = 0x2, READ_FANOTIFY_OVERFLOW = 0x4 };
+
+/* fmlnx.fan_fd */
+enum { FAN_FD_FILE = 0, FAN_FD_MOUNT = 1 };
+
+/* What a directory needs from either source. */
+struct fmon_masks {
+    uint32_t fan, ino;
+};
+
+/* The block that walks carry from a directory to its children. */
+union fmon_walk_data {
+    struct fmon_masks m;
+    unsigned char raw[DCACHE_DATA_SIZE];
+};
+static_assert(sizeof(union fmon_walk_data) == DCACHE_DATA_SIZE, "a walk copies blocks of this size");
+
+extern "C" {
+
+/*
+ * The backend's state. `fds`: positions 0..inotify_num-1 inotify-type sources, then the fanotify descriptors for files
+ * and directories and for mounts, then the system-wide probe sources; -1 is an unusable slot. `selectable` runs
+ * parallel: a descriptor to wait for, -1 it is ready, -2 leave it out.
+ */
+struct fmlnx_t {
+    uint32_t initialised;
+    int32_t *fds, fd_num, fan_fd[2], inotify_num;
+    uint32_t kp_global; /* system-wide probe sources are usable */
+    struct seq_table seq;
+    list_head mounts;
+    uint64_t unknown_wd_count, ino_overflow, fan_overflow;
+    uint32_t read_status;
+    uint32_t rate_limit, rate_interval, rate_log;
+    uint32_t *period_start, *delay, *io_count; /* per position */
+    int32_t *selectable;
+    int32_t events_this_pass, max_events_per_pass;
+};
+extern struct fmlnx_t fmlnx; /* hidden */
+
+/* ---- start, stop, selection ---- */
+
+FMON_API int fmon_linux_pre_init(void);
+FMON_API int fmon_linux_init(struct fmon *);
+FMON_API void fmon_linux_deinit(void);
+FMON_API int fmon_linux_get_selectable_fds(int32_t **out_fds, uint32_t *out_timeout_ms);
+FMON_API void fmon_linux_dump(uint32_t type, void *arg);
+FMON_API void _dump_file_list(void);
+
+/* ---- fanotify wrappers ---- */
+
+/* A fanotify descriptor, never 0; FMON_LINUX_ENOFAN or FMON_LINUX_EFANINIT. */
+FMON_API int init_fanotify(void);
+FMON_API int fanotify_add(int fd, const char *path, uint32_t mask, uint32_t flags);
+FMON_API int fanotify_del(int fd, const char *path, uint32_t mask, uint32_t flags);
+FMON_API int fanotify_ignore(int fd, int dirfd, uint32_t mask, int add);
+
+/* ---- watches ---- */
+
+FMON_API int fmon_check_watch(struct watch *);
+FMON_API int fmon_linux_add_watch(struct fmon *, struct watch *);
+FMON_API int fmon_linux_del_watch(struct fmon *, struct watch *);
+FMON_API int fmon_linux_punish_unexpected_watch(int fd, char *path);
+
+/* Marks of mount watches (fmon_linux_mount.cpp). */
+int fmon_linux_add_mount_watch(struct watch *);
+void fmon_linux_del_mount_watch(struct watch *);
+
+/* Masks of a dentry: of its own watches; of its recursive ones; of those and every ancestor's recursive ones. */
+struct fmon_masks fmon_linux_own_masks(struct dentry *);
+struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *);
+struct fmon_masks fmon_linux_recursive_masks(struct dentry *);
+inline struct fmon_masks masks_or(struct fmon_masks a, struct fmon_masks b) { return {a.fan | b.fan, a.ino | b.ino}; }
+
+/* Kernel marks. `path` null: the dentry's. 0 or a code. */
+int fmon_linux_fan_up(struct dentry *, const char *path, uint32_t old, uint32_t add, uint32_t flags);
+int fmon_linux_fan_down(struct dentry *, const char *path, uint32_t remain, uint32_t del, uint32_t flags);
+int fmon_linux_ino_up(struct dentry *, uint32_t old, uint32_t add);
+int fmon_linux_ino_down(struct dentry *, uint32_t remain, uint32_t del);
+
+/* Marks everything below `start` that is on disk; `base` is what its directories inherit. FMON_ENOENT. */
+int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max_subdirs, struct fmon_masks base);
+
+/* Frees a dentry of the cache, first taking away a kernel watch that still names it. As dcache_del. */
+int fmon_linux_drop_dentry(struct dentry *);
+
+/* Frees dentries from here upward that carry nothing. */
+void fmon_linux_collect(struct dentry *);
+
+/* Takes a vanished dentry's watches to watch_out_service and drops it when it is bare; may free it. */
+void fmon_linux_punish(struct dentry *, uint32_t fe, uint32_t ie);
+
+void fmon_linux_moved_away(struct dentry *);                                      /* may free it and its parents */
+int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved);   /* 0 or -1 */
+
+/* ---- reading ---- */
+
+FMON_API int fmon_linux_read_event(struct fmon *, uint32_t now_ms, fmon_event_cb);  /* with kernel probes */
+FMON_API int fmon_linux_read_event2(struct fmon *, uint32_t now_ms, fmon_event_cb); /* without */
+
+/* Tree maintenance, also used for records of the inotify probe. */
+int fmon_linux_ignored(int wd);
+void fmon_linux_on_create(struct dentry *, const char *name, int is_dir);
+void fmon_linux_on_moved_from(struct dentry *, const char *name, int is_dir);
+void fmon_linux_on_moved_to(struct dentry *, const char *name, int is_dir);
+void fmon_linux_on_move_self(struct dentry *, const char *name, int is_dir);
+
+/* ---- system-wide events ---- */
+
+FMON_API int fmon_linux_add_global(uint32_t mask);
+FMON_API int fmon_linux_del_global(uint32_t mask); /* mask: what is still wanted */
+FMON_API int fmon_linux_update_global(int id);     /* the id changes nothing */
+
+} /* extern "C" */
+
+#endif
