@@ -38,6 +38,8 @@ struct dentry {
     alignas(8) unsigned char owner[32]; /* the users' (see owner_of in fmon.h) */
 };
 
+inline const char *dentry_name(const struct dentry *d) { return d->len < DENTRY_NAME_LIMIT ? d->name.in : d->name.ptr; }
+
 struct dcache {
     struct dentry *root; /* "/", not hashed, not counted */
     int32_t size_index;  /* rung of the bucket ladder */

@@ -8,6 +8,7 @@
 #ifndef FMON_FMON_SHELL_H
 #define FMON_FMON_SHELL_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "orx_fmon.h"
@@ -21,20 +22,33 @@ struct shell_row {
     uint32_t next_call; /* ms: not before this time; 0: any time */
 };
 
-/* What the shell's sources share. */
+/* What the shell's sources share. Run state and lock are atomic: the monitor thread's end and an agent's new start meet
+ * there, and clients look for the lock at any time. */
 struct fmon_shell {
-    int32_t run_state;
+    std::atomic<int32_t> run_state;
     int32_t max_events, max_dentries, tbd_interval;
     uint32_t rate_limit, rate_interval, rate_log;
-    void *lock; /* null: none yet, or no more */
+    std::atomic<void *> lock; /* null: none yet, or no more */
     int32_t row_count;
     struct shell_row rows[FMON_MAX_INSTANCES];
 };
 extern struct fmon_shell fmon_shell;
 
-/* Take and release the monitor lock; nothing while there is none. */
-void shell_lock(void);
-void shell_unlock(void);
+/* Holds the monitor lock while it lives; nothing while there is none, the core then answers that it is not started. */
+class ShellLock
+{
+public:
+    ShellLock();
+    ~ShellLock();
+    ShellLock(const ShellLock &) = delete;
+    ShellLock &operator=(const ShellLock &) = delete;
+
+private:
+    void *held_; /* what was locked: a start or stop in between replaces the shell's */
+};
+
+/* Takes the monitor lock away from everyone and destroys it, if it exists. */
+void shell_lock_destroy(void);
 
 /* The monitor thread's body; returns 0 when select failed for good. */
 int fmon_thread(void *unused);

@@ -1,9 +1,12 @@
 /*
  * clt_file.h: system-wide file events by kernel probes, and the platform facts they need.
+ *
+ * Sources: clt_file.cpp (collector), os_info.cpp (platform and structure offsets), mount_id.cpp.
  */
 #ifndef FMON_CLT_FILE_H
 #define FMON_CLT_FILE_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "orx_fmon.h"
@@ -15,22 +18,47 @@ struct os_info {
     uint8_t platform, major, minor, patch;
     uint32_t build; /* the number behind the first "-" of the release */
 };
+static_assert(sizeof(struct os_info) == 8, "passed by value to init_file_offset_conf");
 
-FMON_API int get_os_info(struct os_info *);            /* 0, or -1: other machine, or a release of another shape */
-FMON_API int init_file_offset_conf(struct os_info);    /* 0, or -1: no configuration file */
+/* 0, or -1: uname failed, another machine, or a release of another shape than MAJOR.MINOR.PATCH-BUILD. */
+FMON_API int get_os_info(struct os_info *);
+
+/* Takes the structure offsets from the kernel's section of fmon.ini, or the built-in ones. 0, or -1: no file. */
+FMON_API int init_file_offset_conf(struct os_info);
 
 /* Starts the collector. Fills at most `clt_file_room` descriptors; negative: not available. */
 FMON_API int init_kpnotify(int32_t *descriptors_out);
-FMON_API int kp_notify_destroy(void); /* 0 */
+
+/* Back to zero, the offsets too. Probes stay registered in the library. Returns 0. */
+FMON_API int kp_notify_destroy(void);
+
+/* Switches the probe of one event kind; kinds without a registered probe are ignored. */
 FMON_API void enable_event(uint32_t event_bit, int on);
+
+/* Switches the probe of the agent's first wanted kind (watch_map). Any thread, takes no lock. */
 FMON_API void kpnotify_enable(int on);
+
+/* Rebuilds the mount filter from a fresh mount table. */
 FMON_API void enable_filter(uint32_t event_bit);
-FMON_API int kpnotify_parse(int index); /* events read; 0 without an instance */
+
+/* Reads the index-th descriptor's records: how many, 0 without an instance or such a descriptor. */
+FMON_API int kpnotify_parse(int index);
+
+/* Throws away the records that wait in the library. */
 FMON_API void clean_global_event(void);
 
 /* Copies the mount id of an open descriptor as text (at most 10 characters) to `out`, at least 11 zeroed bytes. 0 also
  * where the kernel does not tell; -1. */
 FMON_API int read_mount_id(int fd, char *out);
+
+/* (Hidden.) The collector; zero while it does not run. */
+struct clt_file_state {
+    std::atomic<void *> instance; /* atomic: kpnotify_enable runs without the monitor lock */
+    int32_t *fds;                 /* made by the library, freed by us */
+    int32_t fd_count;
+    int32_t s_mounts_offset, mnt_id_offset; /* bytes into the kernel's structures */
+};
+extern struct clt_file_state clt_file;
 
 /* (Hidden.) Capacity of the array that init_kpnotify is given, set by its caller. */
 extern int32_t clt_file_room;

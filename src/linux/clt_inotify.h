@@ -12,9 +12,17 @@ extern "C" {
 
 /* Creates the probe instance; fills at most `clt_inotify_room` descriptors and returns how many; negative: none. */
 FMON_API int kp_inotify_init(int32_t *descriptors_out);
+
+/* Chooses and registers the probe for the running kernel, on the monitor thread, whose own events it leaves out. The
+ * registration's status. */
 FMON_API int get_inotify_event(void);
+
+/* Switches the probe. Any thread, takes no lock. */
 FMON_API void kp_inotify_enable(int on);
+
+/* Reads the index-th descriptor's records: how many, 0 without an instance or such a descriptor. */
 FMON_API int inotify_parse(int index);
+
 FMON_API int kp_inotify_destroy(void); /* 0 */
 
 /* (Hidden.) Whether a probe instance exists, and the capacity of the array that kp_inotify_init is given. */

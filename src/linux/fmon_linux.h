@@ -18,15 +18,13 @@
 #include "linux/seq.h"
 
 /* Backend codes (see orx_fmon.h). */
-enum {
-    FMON_LINUX_ENOFAN = -103,
-    FMON_LINUX_EFANINIT = -104,
-    FMON_LINUX_EINOINIT = -105,
-    FMON_LINUX_EINOTIFY = -108,
-    FMON_LINUX_EFANOTIFY = -109,
-    FMON_LINUX_ESEQ = -110,
-    FMON_LINUX_EPATH = -117
-};
+constexpr int FMON_LINUX_ENOFAN = -103;
+constexpr int FMON_LINUX_EFANINIT = -104;
+constexpr int FMON_LINUX_EINOINIT = -105;
+constexpr int FMON_LINUX_EINOTIFY = -108;
+constexpr int FMON_LINUX_EFANOTIFY = -109;
+constexpr int FMON_LINUX_ESEQ = -110;
+constexpr int FMON_LINUX_EPATH = -117;
 
 /* Internal watch flag: no other watch keeps this mark. */
 #define FMON_LINUX_LAST_MARK 0x40000u
@@ -115,6 +113,10 @@ int fmon_linux_ino_down(struct dentry *, uint32_t remain, uint32_t del);
 
 /* Marks everything below `start` that is on disk; `base` is what its directories inherit. FMON_ENOENT. */
 int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max_subdirs, struct fmon_masks base);
+
+/* Takes the masks of a removed recursive watch from everything cached below `start` and frees what then is bare;
+ * `inherited` is what its directories keep inheriting. */
+void fmon_linux_unwatch_subtree(struct dentry *start, struct fmon_masks inherited, struct fmon_masks removed);
 
 /* Frees a dentry of the cache, first taking away a kernel watch that still names it. As dcache_del. */
 int fmon_linux_drop_dentry(struct dentry *);

@@ -11,6 +11,8 @@
 #include <utility>
 #include <vector>
 
+typedef struct cJSON cJSON;
+
 namespace testlib {
 
 /* ---- log ---- */
@@ -64,7 +66,15 @@ std::vector<std::pair<std::string, int>> autolog_inits();
 int autolog_deinits();
 int dll_closes();
 
-/* Everything back to its start. */
+/* Waits for the threads that were really started; whoever started one must have told it to end. */
+void join_threads();
+
+/* ---- JSON objects of the agent's library ---- */
+cJSON *json_object();
+std::string json_text(const cJSON *item); /* {"a":1,"b":"x"}, members in the order they came */
+void json_free(cJSON *item);
+
+/* Everything back to its start; joins threads. */
 void reset_host();
 
 } // namespace testlib

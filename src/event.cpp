@@ -1,0 +1,215 @@
+/* The table of pending event records: making, merging and freeing them. */
+#include "event.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "checked.h"
+#include "list.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "event.c";
+
+/* Wanted length of a chain when the table is full, and the least number of chains. */
+constexpr int32_t kChainLength = 12, kMinBuckets = 32;
+
+/* One raw event on its way through the table. */
+struct raw_event {
+    char *path; /* owned until a record takes it */
+    uint32_t mask, pid;
+    int source_fd;
+    const char *walk;      /* the path to look directories up by */
+    const char *container; /* null: none */
+    char walk_buffer[DCACHE_PATH_MAX];
+};
+
+/* Null also for null. */
+char *copy_text(const char *text)
+{
+    if (!text)
+        return nullptr;
+    size_t size = strlen(text) + 1;
+    auto *copy = static_cast<char *>(malloc(size));
+    if (copy)
+        memcpy(copy, text, size);
+    return copy;
+}
+
+/* djb2. */
+uint32_t path_hash(const char *path)
+{
+    uint32_t hash = 5381;
+    for (; *path; path++)
+        hash = hash * 33 + static_cast<unsigned char>(*path);
+    return hash;
+}
+
+hlink **bucket_of(struct fmon *monitor, const char *path)
+{
+    return &monitor->hash[path_hash(path) % static_cast<uint32_t>(monitor->hash_size)];
+}
+
+struct event *find_record(hlink **bucket, const char *path, uint32_t pid)
+{
+    for (hlink *node = *bucket; node; node = node->next) {
+        struct event *ev = FMON_RECORD(node, struct event, link);
+        if (ev->pid == pid && strcmp(ev->path, path) == 0)
+            return ev;
+    }
+    return nullptr;
+}
+
+/* In container mode: where the path lies as seen from here, and in which container. */
+void translate_path(struct raw_event *raw, const char *mount_id)
+{
+    raw->walk = raw->path;
+    raw->container = nullptr;
+    if (!g_container_flag || !mount_id)
+        return;
+    raw->walk_buffer[0] = '\0';
+    container_path_get(raw->path, mount_id, &raw->container, raw->walk_buffer, sizeof raw->walk_buffer);
+    if (raw->walk_buffer[0])
+        raw->walk = raw->walk_buffer;
+}
+
+/* A record for the event, in no table; takes the path. Null: out of memory, the path is still the caller's. */
+struct event *new_record(const struct raw_event *raw)
+{
+    FMON_LOG(4, kFile, "create new event: %s, len:%d, ev: %s, pid: %d\n", raw->path,
+             static_cast<int>(strlen(raw->path)), event_str(raw->mask), raw->pid);
+    auto *ev = static_cast<struct event *>(calloc(1, sizeof(struct event)));
+    if (!ev)
+        return nullptr;
+    ev->container = copy_text(raw->container);
+    if (raw->container && !ev->container) {
+        free(ev);
+        return nullptr;
+    }
+    ev->path = raw->path;
+    ev->mask = raw->mask;
+    ev->pid = raw->pid;
+    return ev;
+}
+
+/* Returns whether any watch was met. Without a dentry only a kernel probe's event is for the whole system. */
+bool offer(struct fmon *monitor, struct event *ev, struct dentry *d, const char *name, const struct raw_event *raw)
+{
+    if (d)
+        return event_offer_dentry(monitor, ev, d, name);
+    if (raw->source_fd != 0)
+        return event_offer_path(monitor, ev, raw->walk);
+    event_dispatch_global(monitor, ev);
+    return false;
+}
+
+void settle_new(struct fmon *monitor, struct event *ev, hlink **bucket, bool watched, int source_fd)
+{
+    if (ev->ref || ev->pending) {
+        hlink_add(&ev->link, bucket);
+        monitor->event_count = checked_add(monitor->event_count, 1);
+        return;
+    }
+    FMON_LOG(4, kFile, "not watch prefer this event\n");
+    if (!watched && source_fd != 0 && fmon_method.punish_unexpected_watch)
+        fmon_method.punish_unexpected_watch(source_fd, ev->path);
+    _event_free(ev);
+}
+
+void settle_merged(struct fmon *monitor, struct event *ev)
+{
+    if (ev->ref || ev->pending)
+        return;
+    FMON_LOG(4, kFile, "clear deleted instance's pending event\n");
+    event_free(monitor, ev);
+}
+
+/* The later event adds its kinds to the record; what destroyed instances held back is forgotten. */
+void merge(struct fmon *monitor, struct event *ev, uint32_t mask)
+{
+    FMON_LOG(4, kFile, "merge into old event, old event %s, new event %s\n", event_str(ev->mask), event_str2(mask));
+    ev->mask |= mask;
+    ev->pending &= monitor->inst_mask;
+}
+
+}  // namespace
+
+int event_init(struct fmon *monitor, int32_t max_events)
+{
+    monitor->max_events = max_events;
+    monitor->hash_size = max_events / kChainLength;
+    if (monitor->hash_size < kMinBuckets)
+        monitor->hash_size = kMinBuckets;
+    monitor->hash = static_cast<hlink **>(calloc(static_cast<size_t>(monitor->hash_size), sizeof(hlink *)));
+    return monitor->hash ? 0 : FMON_ENOMEM;
+}
+
+void event_deinit(struct fmon *monitor)
+{
+    free(monitor->hash);
+    monitor->hash = nullptr;
+}
+
+int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint32_t mask, uint32_t pid, int source_fd,
+                  const char *mount_id)
+{
+    struct raw_event raw;
+    raw.path = d ? dentry_sub_path_dup(d, name) : copy_text(name);
+    if (!raw.path)
+        return FMON_ENOMEM;
+    raw.mask = mask;
+    raw.pid = pid;
+    raw.source_fd = source_fd;
+    translate_path(&raw, mount_id);
+
+    hlink **bucket = bucket_of(monitor, raw.path);
+    struct event *ev = find_record(bucket, raw.path, pid);
+    if (ev) {
+        merge(monitor, ev, mask);
+        offer(monitor, ev, d, name, &raw);
+        settle_merged(monitor, ev);
+        free(raw.path);
+        return 0;
+    }
+    ev = new_record(&raw);
+    if (!ev) {
+        free(raw.path);
+        return FMON_ENOMEM;
+    }
+    bool watched = offer(monitor, ev, d, name, &raw);
+    settle_new(monitor, ev, bucket, watched, source_fd);
+    return 0;
+}
+
+void event_free(struct fmon *monitor, struct event *ev)
+{
+    monitor->event_count = checked_sub(monitor->event_count, 1);
+    if (monitor->hash) /* records outlive the table of a stopped monitor */
+        hlink_unlink(&ev->link);
+    _event_free(ev);
+}
+
+void _event_free(struct event *ev)
+{
+    if (!ev)
+        return;
+    free(ev->path);
+    free(ev->container);
+    free(ev);
+}
+
+void event_dump(struct fmon *monitor)
+{
+    FMON_LOG(4, kFile, "\nEvents:\n");
+    FMON_LOG(4, kFile, "count: %d\n", monitor->event_count);
+    if (!monitor->hash)
+        return;
+    for (int32_t i = 0; i < monitor->hash_size; i++)
+        for (hlink *node = monitor->hash[i]; node; node = node->next) {
+            struct event *ev = FMON_RECORD(node, struct event, link);
+            FMON_LOG(4, kFile, "  %s, event %s pid %d, ref %x, pending %x\n", ev->path, event_str(ev->mask), ev->pid,
+                     ev->ref, ev->pending);
+        }
+}

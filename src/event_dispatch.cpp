@@ -1,0 +1,133 @@
+/* Which instances want a record, and the delivery to their queues. */
+#include <cstdlib>
+#include <cstring>
+
+#include "event.h"
+#include "list.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "event.c";
+
+/* What a delayed watch holds back or completes with. */
+constexpr uint32_t kDelayMask = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE;
+
+enum class Verdict { no_match, hold, deliver };
+
+/* Whether the watch's path agrees with the record's up to the record's last "/". So a watch on /a/b takes /a/b itself
+ * and what lies directly in it. */
+bool in_directory(const struct watch *w, const char *path)
+{
+    const char *slash = strrchr(path, '/');
+    return !slash || strncmp(w->path, path, static_cast<size_t>(slash - path)) == 0;
+}
+
+/* The record's mask holds all kinds merged so far: what a delayed watch waits for may have come with an earlier one. */
+Verdict match(const struct watch *w, const struct event *ev)
+{
+    uint32_t wanted = w->mask & ev->mask;
+    if (!wanted)
+        return Verdict::no_match;
+    if ((w->flags & FMON_DIR) && !(w->flags & FMON_RECURSIVE) && !in_directory(w, ev->path))
+        return Verdict::no_match;
+    if (!(w->flags & FMON_DELAY) || (wanted & ~kDelayMask))
+        return Verdict::deliver;
+    if ((wanted & FMON_ACCESS) && (wanted & FMON_CLOSE))
+        return Verdict::deliver;
+    if ((wanted & FMON_MODIFY) && (ev->mask & FMON_CLOSE_WRITE))
+        return Verdict::deliver;
+    return (wanted & (FMON_ACCESS | FMON_MODIFY)) ? Verdict::hold : Verdict::no_match;
+}
+
+/* Null, with a log line: out of memory. */
+struct event_entry *new_entry(struct event *ev)
+{
+    auto *entry = static_cast<struct event_entry *>(malloc(sizeof(struct event_entry)));
+    if (entry)
+        entry->ev = ev;
+    else
+        FMON_LOG(1, kFile, "event1 malloc fail\n");
+    return entry;
+}
+
+void queue_entry(struct fmon *monitor, struct event_entry *entry, int id)
+{
+    list_add_tail(&entry->link, &monitor->instances[id].events);
+    FMON_LOG(4, kFile, "dispatch event to %d", id);
+    entry->ev->ref |= instance_bit(id);
+    monitor->event_mask |= instance_bit(id);
+}
+
+void offer_to_watch(struct fmon *monitor, struct event *ev, const struct watch *w)
+{
+    uint32_t bit = instance_bit(w->instance);
+    if (ev->ref & bit)
+        return;
+    Verdict verdict = match(w, ev);
+    if (verdict == Verdict::no_match)
+        return;
+    if (verdict == Verdict::hold) {
+        ev->pending |= bit;
+        return;
+    }
+    ev->pending &= ~bit;
+    struct event_entry *entry = new_entry(ev);
+    if (!entry)
+        return;
+    FMON_LOG(4, kFile, "instance %d prefer this event\n", w->instance);
+    queue_entry(monitor, entry, w->instance);
+}
+
+/* Returns whether the dentry has a watch at all. */
+bool offer_to_dentry(struct fmon *monitor, struct event *ev, struct dentry *d)
+{
+    list_head *watches = &owner_of(d)->watches;
+    if (list_empty(watches))
+        return false;
+    FMON_LIST_EACH(node, watches) { offer_to_watch(monitor, ev, FMON_RECORD(node, struct watch, link)); }
+    return true;
+}
+
+}  // namespace
+
+bool event_offer_dentry(struct fmon *monitor, struct event *ev, struct dentry *d, const char *name)
+{
+    struct dentry *child = name ? dcache_find_sub(&monitor->dcache, d, name) : nullptr;
+    bool watched = false;
+    for (struct dentry *at = child ? child : d; at; at = at->parent)
+        watched |= offer_to_dentry(monitor, ev, at);
+    return watched;
+}
+
+bool event_offer_path(struct fmon *monitor, struct event *ev, const char *walk)
+{
+    struct dentry *at = monitor->dcache.root;
+    bool watched = offer_to_dentry(monitor, ev, at);
+    const char *name;
+    for (int len; (len = path_component(&walk, &name)) > 0 && len <= DCACHE_PATH_MAX;) {
+        at = dcache_find_sub2(&monitor->dcache, at, name, len);
+        if (!at)
+            break;
+        watched |= offer_to_dentry(monitor, ev, at);
+    }
+    return watched;
+}
+
+void event_dispatch_global(struct fmon *monitor, struct event *ev)
+{
+    uint32_t rest = monitor->global_instance_mask & monitor->inst_mask & ~ev->ref;
+    FMON_LOG(4, kFile, "rest_mask=%x, fmon->inst_mask = %x, fmon->global_instance_mask = %x, event_ref = %x", rest,
+             monitor->inst_mask, monitor->global_instance_mask, ev->ref);
+    for (; rest; rest &= rest - 1) {
+        int id = __builtin_ctz(rest);
+        ev->pending &= ~instance_bit(id);
+        if (!(monitor->instances[id].global_mask & ev->mask))
+            continue;
+        struct event_entry *entry = new_entry(ev);
+        if (!entry)
+            return; /* memory is short: unlike the offer to watches, the rest is not tried */
+        queue_entry(monitor, entry, id);
+    }
+}

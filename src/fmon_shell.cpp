@@ -1,0 +1,140 @@
+#include "fmon_shell.h"
+
+#include <cstdlib>
+#include <cstring>
+
+#include "fmon.h"
+#include "log.h"
+#include "orx_event_loop.h"
+#include "text.h"
+
+int32_t g_container_flag;
+
+struct fmon_shell fmon_shell = {
+    .run_state = FMON_STOPPED,
+    .max_events = 10000,
+    .max_dentries = 8000,
+    .tbd_interval = 30000, /* ms */
+    .rate_limit = 10,
+    .rate_interval = 200, /* ms */
+    .rate_log = 0,
+    .lock = nullptr,
+    .row_count = 0,
+    .rows = {},
+};
+
+namespace
+{
+
+constexpr char kFile[] = "fmon_shell.c";
+constexpr char kConfig[] = "@/../config/fmon.ini";
+constexpr char kSection[] = "fmon";
+
+/* Twice this, which rate control may compute, still is a signed 32-bit number. */
+constexpr uint32_t kRateMax = 1000000000;
+
+/* A missing key, and a value of 0 or below, leave the current value. */
+void read_positive(void *ini, const char *key, int32_t *value)
+{
+    const char *text = orx_ini_file_get(ini, kSection, key);
+    const int32_t number = text ? text_to_int(text) : 0;
+    if (number > 0)
+        *value = number;
+}
+
+/* Here 0 means something, so a text that is no number must not pass for it: it leaves the current value. */
+void read_rate(void *ini, const char *key, uint32_t *value)
+{
+    uint32_t number;
+    const char *text = orx_ini_file_get(ini, kSection, key);
+    if (text && text_to_count(text, kRateMax, &number))
+        *value = number;
+}
+
+void load_config()
+{
+    char path[260] = "";
+    orx_dirutils_path_transform(kConfig, path, sizeof(path));
+    void *ini = orx_ini_file_load(path);
+    if (!ini)
+        return;
+    read_positive(ini, "max_events", &fmon_shell.max_events);
+    read_positive(ini, "max_dentries", &fmon_shell.max_dentries);
+    read_positive(ini, "tbd_interval", &fmon_shell.tbd_interval);
+    read_rate(ini, "rate_limit", &fmon_shell.rate_limit);
+    read_rate(ini, "rate_interval", &fmon_shell.rate_interval);
+    read_rate(ini, "rate_log", &fmon_shell.rate_log);
+    orx_ini_file_free(ini);
+}
+
+/* Disabled for the life of the process: an agent that retries would meet the same refusal each time. */
+int disable()
+{
+    fmon_shell.run_state = FMON_DISABLED;
+    return -1;
+}
+
+int start_core()
+{
+    if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
+        disable();
+        FMON_LOG(1, kFile, "fmon init failed\n");
+        shell_lock_destroy();
+        return -1;
+    }
+    if (fmon_rate_ctrl(fmon_shell.rate_limit, fmon_shell.rate_interval, fmon_shell.rate_log) < 0)
+        FMON_LOG(1, kFile, "fmon rate ctrl fail\n");
+    return 0;
+}
+
+/* A thread that cannot be made leaves the monitor started with nobody to read it: clients are served, without events,
+ * and a later start finds it running. */
+void start_thread()
+{
+    void *handle = nullptr;
+    if (cl_ev_create_isolated_thread(&handle, nullptr, fmon_thread, nullptr) < 0)
+        FMON_LOG(1, kFile, "create file monitor thread failed\n");
+}
+
+}  // namespace
+
+ShellLock::ShellLock() : held_(fmon_shell.lock)
+{
+    if (held_)
+        th_mutex_lock(held_);
+}
+
+ShellLock::~ShellLock()
+{
+    if (held_)
+        th_mutex_unlock(held_);
+}
+
+void shell_lock_destroy(void)
+{
+    if (void *lock = fmon_shell.lock.exchange(nullptr))
+        th_mutex_destroy(lock);
+}
+
+int orx_fmon_init(uint32_t, void *)
+{
+    g_container_flag = container_detect();
+    if (fmon_shell.run_state > FMON_STOPPED) {
+        FMON_LOG(4, kFile, "orx_fmon thread already runing.");
+        return 0;
+    }
+    if (fmon_shell.run_state < FMON_STOPPED) {
+        FMON_LOG(2, kFile, "maybe not support inotify");
+        return 0;
+    }
+    fmon_shell.run_state = FMON_RUNNING;
+    FMON_LOG(3, kFile, "orx_fmon plugin init");
+    load_config();
+    fmon_shell.lock = th_mutex_init();
+    if (!fmon_shell.lock)
+        return disable();
+    if (start_core() < 0)
+        return -1;
+    start_thread();
+    return 0;
+}

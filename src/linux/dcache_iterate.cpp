@@ -1,0 +1,146 @@
+#include "linux/dcache_iterate.h"
+
+#include <sys/stat.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "checked.h"
+#include "list.h"
+#include "log.h"
+
+namespace {
+
+constexpr char kFile[] = "linux/dcache_iterate.c";
+
+/* A level above the current one; its stream stays open at its read position. */
+struct saved_frame {
+    list_head link;
+    struct dcache_iterate_frame frame;
+};
+
+/* Makes the pending directory the current one. On failure the current one stays. */
+int open_level(struct dcache_iterate *it)
+{
+    const char *path = dentry_path_null(it->pending.d);
+    if (!path) {
+        FMON_LOG(1, kFile, "path is NULL\n");
+        return -1;
+    }
+    DIR *dir = opendir(path);
+    if (!dir) {
+        const int error = errno;
+        FMON_LOG(1, kFile, "open dir %s failed: %s\n", path, strerror(error));
+        return -1;
+    }
+    it->cur = it->pending;
+    it->cur.dir = dir;
+    it->pending.d = nullptr;
+    return 0;
+}
+
+/* Enters the pending directory. Where that fails its subtree is skipped, and not tried again. */
+void descend(struct dcache_iterate *it)
+{
+    struct saved_frame *saved = static_cast<struct saved_frame *>(malloc(sizeof(struct saved_frame)));
+    if (!saved) {
+        FMON_LOG(1, kFile, "malloc iterate failed: %s\n", strerror(errno));
+        it->pending.d = nullptr;
+        return;
+    }
+    saved->frame = it->cur;
+    if (open_level(it) < 0) {
+        free(saved);
+        it->pending.d = nullptr;
+        return;
+    }
+    list_add(&saved->link, &it->stack);
+}
+
+/* Closes the current level and goes on in the one above. False: there is none. */
+bool pop(struct dcache_iterate *it)
+{
+    closedir(it->cur.dir);
+    it->cur.dir = nullptr;
+    if (list_empty(&it->stack))
+        return false;
+    struct saved_frame *saved = FMON_RECORD(it->stack.next, struct saved_frame, link);
+    it->cur = saved->frame;
+    list_unlink(&saved->link);
+    free(saved);
+    return true;
+}
+
+/* For file systems whose streams do not tell types. */
+bool is_directory_on_disk(struct dentry *parent, const char *name)
+{
+    const char *path = _dentry_path(parent, name);
+    struct stat st;
+    return path && lstat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+bool is_subdirectory(struct dentry *parent, const struct dirent *entry)
+{
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+        return false;
+    if (entry->d_type == DT_UNKNOWN)
+        return is_directory_on_disk(parent, entry->d_name);
+    return entry->d_type == DT_DIR;
+}
+
+/* Caches the entry and makes it pending. Null: not a directory, or no room for it. */
+struct dentry *take_entry(struct dcache_iterate *it, const struct dirent *entry)
+{
+    if (!is_subdirectory(it->cur.d, entry))
+        return nullptr;
+    struct dentry *d = dcache_add_sub(it->cache, it->cur.d, entry->d_name);
+    if (!d) {
+        FMON_LOG(1, kFile, "iterate add dentry failed\n");
+        return nullptr;
+    }
+    it->pending = {};
+    it->pending.d = d;
+    it->pending.depth = checked_add(it->cur.depth, 1);
+    return d;
+}
+
+} /* namespace */
+
+int dcache_iterate_start(struct dcache *cache, struct dentry *start, struct dcache_iterate *it, int32_t max_depth,
+                         int32_t max_subdirs, const void *data)
+{
+    *it = {};
+    list_init(&it->stack);
+    it->cache = cache;
+    it->max_depth = max_depth;
+    it->max_subdirs = max_subdirs;
+    it->pending.d = start;
+    if (open_level(it) < 0)
+        return -1;
+    memcpy(it->cur.data, data, sizeof(it->cur.data));
+    return 0;
+}
+
+struct dentry *dcache_iterate_next(struct dcache_iterate *it)
+{
+    /* The count stays 0, so this ends a walk only where max_subdirs is negative; clients rely on no other limit. */
+    if (it->max_subdirs != 0 && it->subdir_count >= it->max_subdirs)
+        return nullptr;
+    if (!it->cur.dir)
+        return nullptr;
+    if (it->pending.d && (it->max_depth == 0 || it->pending.depth < it->max_depth))
+        descend(it);
+    do {
+        while (const struct dirent *entry = readdir(it->cur.dir))
+            if (struct dentry *d = take_entry(it, entry))
+                return d;
+    } while (pop(it));
+    return nullptr;
+}
+
+void dcache_iterate_stop(struct dcache_iterate *it)
+{
+    while (it->cur.dir && pop(it))
+        ;
+}

@@ -1,0 +1,56 @@
+#include "linux/clt_file.h"
+#include "linux/fmon_linux.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "linux/fmon_linux.c";
+
+/* The kinds that a probe can report from the whole system, in the order in which they are switched. */
+constexpr uint32_t kGlobalKinds[] = {FMON_CLOSE_WRITE, FMON_MOVED_FROM, FMON_MOVED_TO, FMON_DELETE, FMON_CREATE};
+
+/* Not in a container, nor where the probe library is missing or did not start. */
+bool supported()
+{
+    if (fmlnx.kp_global == 1)
+        return true;
+    FMON_LOG(2, kFile, "not support global event");
+    return false;
+}
+
+/* Turns the kinds in `mask` on or off. Other bits have no probe and change nothing. */
+void switch_kinds(uint32_t mask, int on)
+{
+    for (const uint32_t kind : kGlobalKinds) {
+        if (mask & kind)
+            enable_event(kind, on);
+    }
+}
+
+}  // namespace
+
+int fmon_linux_add_global(uint32_t mask)
+{
+    if (!supported())
+        return -1;
+    switch_kinds(mask, '1');
+    return 0;
+}
+
+int fmon_linux_del_global(uint32_t mask)
+{
+    if (!supported())
+        return -1;
+    switch_kinds(~mask, '0');
+    return 0;
+}
+
+/* Only the create probe filters by mount and by watched place. */
+int fmon_linux_update_global(int)
+{
+    if (!supported())
+        return -1;
+    enable_filter(FMON_CREATE);
+    return 0;
+}

@@ -1,0 +1,323 @@
+/* Reading the descriptors that are ready, and what each kernel record means for the tree. */
+#include <fcntl.h>
+#include <sys/fanotify.h>
+#include <sys/inotify.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "checked.h"
+#include "event.h"
+#include "linux/clt_file.h"
+#include "linux/clt_inotify.h"
+#include "linux/fmon_linux.h"
+#include "linux/rate_ctrl.h"
+#include "linux/record.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "linux/fmon_linux.c";
+
+enum { SELECTABLE_READY = -1, SELECTABLE_OUT = -2, MOUNT_ID_SIZE = 16 };
+
+/* One byte more than is ever read: the name of the last record can be terminated in place. */
+char read_buffer[FMON_LINUX_READ_BUFFER + 1];
+char fanotify_path[DCACHE_PATH_MAX];
+
+void count_unknown_wd()
+{
+    fmlnx.unknown_wd_count++;
+    fmlnx.read_status |= READ_UNKNOWN_WD;
+}
+
+/* ---- inotify ---- */
+
+/* The dentry that a watch descriptor stands for now, or null. */
+struct dentry *live_dentry(int32_t wd)
+{
+    uint64_t value = seq_get(&fmlnx.seq, wd);
+    return value == 0 || value == SEQ_POISON ? nullptr
+                                             : reinterpret_cast<struct dentry *>(static_cast<uintptr_t>(value));
+}
+
+/* The tree's share of a record. Each step may free the dentry, so each looks it up again. */
+void maintain_tree(int32_t wd, uint32_t mask, const char *name)
+{
+    static constexpr struct {
+        uint32_t bit;
+        void (*step)(struct dentry *, const char *, int);
+    } steps[] = {
+        {IN_CREATE, fmon_linux_on_create},
+        {IN_MOVED_FROM, fmon_linux_on_moved_from},
+        {IN_MOVED_TO, fmon_linux_on_moved_to},
+        {IN_MOVE_SELF, fmon_linux_on_move_self},
+    };
+    int is_dir = (mask & IN_ISDIR) != 0;
+    for (const auto &step : steps) {
+        struct dentry *d = (mask & step.bit) ? live_dentry(wd) : nullptr;
+        if (d)
+            step.step(d, name, is_dir);
+    }
+}
+
+/* A record for a watch descriptor: 1 when it reached a dentry. */
+int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const char *name, int fd,
+                   fmon_event_cb callback)
+{
+    uint64_t value = seq_get(&fmlnx.seq, record->wd);
+    if (value == 0) {
+        FMON_LOG(1, kFile, "can't find dentry\n");
+        count_unknown_wd();
+        return 0;
+    }
+    if (value == SEQ_POISON) {
+        FMON_LOG(2, kFile, "this dentry is put in poison\n");
+        return 0;
+    }
+    struct dentry *d = live_dentry(record->wd);
+    uint32_t kinds = record->mask & FMON_ALL_EVENTS;
+    if (kinds != 0) {
+        FMON_LOG(4, kFile, "inotify event: %s [%s] (%s)\n", dentry_path(d), name ? name : "", event_str(kinds));
+        callback(monitor, d, name, kinds, 0, fd, nullptr);
+    }
+    maintain_tree(record->wd, record->mask, name);
+    return 1;
+}
+
+int handle_inotify_record(struct fmon *monitor, const struct raw_inotify *record, const char *text, int fd,
+                          fmon_event_cb callback)
+{
+    FMON_LOG(4, kFile, "inotify read an event: wd %d, event 0x%x, name %s\n", record->wd, record->mask, text);
+    if (record->mask & IN_Q_OVERFLOW) {
+        FMON_LOG(3, kFile, "inotify event overflow\n");
+        fmlnx.read_status |= READ_INOTIFY_OVERFLOW;
+        fmlnx.ino_overflow++;
+        return 0;
+    }
+    if (record->mask & IN_IGNORED) {
+        fmon_linux_ignored(record->wd);
+        return 0;
+    }
+    return handle_watched(monitor, record, text[0] != '\0' ? text : nullptr, fd, callback);
+}
+
+/* `position`: whose reads are counted. Returns the records handled. */
+int read_inotify(struct fmon *monitor, int fd, int position, fmon_event_cb callback)
+{
+    ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
+    if (got <= 0) {
+        FMON_LOG(1, kFile, "read inotify failed: %s\n", strerror(errno));
+        return 0;
+    }
+    fmlnx.io_count[position]++;
+
+    int handled = 0;
+    size_t size = static_cast<size_t>(got);
+    struct raw_inotify record;
+    for (size_t at = 0; inotify_record_at(read_buffer, size, at, &record); at += record.size) {
+        /* The kernel pads names with NULs; one that fills its field ends where the next record begins. */
+        char *end = read_buffer + at + record.size;
+        char saved = *end;
+        *end = '\0';
+        handled =
+            checked_add(handled, handle_inotify_record(monitor, &record, record.len ? record.name : "", fd, callback));
+        *end = saved;
+    }
+    return handled;
+}
+
+/* ---- fanotify ---- */
+
+/* Puts the path of the event's file into fanotify_path; false when it has none (any more). */
+bool fanotify_event_path(int fd)
+{
+    char link[sizeof("/proc/self/fd/-2147483648")];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    struct stat st;
+    if (fd < 0 || fstat(fd, &st) != 0 || st.st_nlink == 0)
+        return false;
+    ssize_t length = readlink(link, fanotify_path, sizeof(fanotify_path) - 1);
+    if (length < 0)
+        return false;
+    fanotify_path[length] = '\0';
+    return true;
+}
+
+void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *record, int fd, fmon_event_cb callback)
+{
+    if (record->mask & FAN_Q_OVERFLOW) {
+        FMON_LOG(2, kFile, "fanotify overflow detected\n");
+        fmlnx.fan_overflow++;
+        fmlnx.read_status |= READ_FANOTIFY_OVERFLOW;
+    }
+    if (!fanotify_event_path(record->fd)) {
+        FMON_LOG(4, kFile, "read link failed, fd %d\n", record->fd);
+        return;
+    }
+    uint32_t kinds = static_cast<uint32_t>(record->mask) & FMON_ALL_EVENTS;
+    if (kinds == 0)
+        return;
+    FMON_LOG(4, kFile, "fanotify event: %s (%s) pid %d\n", fanotify_path, event_str(kinds), record->pid);
+    char mount_id[MOUNT_ID_SIZE] = {};
+    read_mount_id(record->fd, mount_id);
+    callback(monitor, nullptr, fanotify_path, kinds, static_cast<uint32_t>(record->pid), fd, mount_id);
+}
+
+/* Returns the records looked at. */
+int read_fanotify(struct fmon *monitor, int fd, fmon_event_cb callback)
+{
+    ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
+    if (got <= 0) {
+        FMON_LOG(1, kFile, "read fanotify failed: %s\n", strerror(errno));
+        return 0;
+    }
+    FMON_LOG(4, kFile, "read a fanotify event");
+
+    int looked_at = 0;
+    size_t size = static_cast<size_t>(got);
+    struct raw_fanotify record;
+    for (size_t at = 0; fanotify_record_at(read_buffer, size, at, &record); at += record.event_len) {
+        FMON_LOG(4, kFile, "get a fanotify event mask 0x%lx\n", static_cast<unsigned long>(record.mask));
+        if (record.vers != FANOTIFY_VERSION) {
+            /* A record of another layout: what stands where its descriptor is expected must not be closed. */
+            FMON_LOG(1, kFile, "metadata ver mismatach\n");
+            break;
+        }
+        handle_fanotify_record(monitor, &record, fd, callback);
+        if (record.fd >= 0)
+            close(record.fd);
+        looked_at = checked_add(looked_at, 1);
+    }
+    return looked_at;
+}
+
+/* ---- a pass ---- */
+
+bool ready(int32_t position) { return position < fmlnx.fd_num && fmlnx.selectable[position] == SELECTABLE_READY; }
+
+/* Nothing stays marked ready beyond its pass: while the event table is full the selection is not made anew, and a
+ * stale mark would make a later pass wait in a read, with the monitor lock held. */
+void end_pass(struct fmon *monitor, uint32_t now_ms)
+{
+    for (int32_t i = 0; i < fmlnx.fd_num; i++) {
+        if (fmlnx.selectable[i] == SELECTABLE_READY)
+            fmlnx.selectable[i] = SELECTABLE_OUT;
+    }
+    fmlnx.events_this_pass = 0;
+    rate_ctrl(monitor, now_ms);
+}
+
+/* An inotify-type position: a probe source, or the plain descriptor where no probe instance could be made. */
+int read_inotify_source(struct fmon *monitor, int32_t position, fmon_event_cb callback)
+{
+    if (!clt_inotify_active())
+        return read_inotify(monitor, fmlnx.fds[position], position, callback);
+    fmlnx.io_count[position]++;
+    return inotify_parse(position);
+}
+
+int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback)
+{
+    int32_t k = fmlnx.inotify_num;
+    if (position < k)
+        return read_inotify_source(monitor, position, callback);
+    fmlnx.io_count[position]++;
+    return position > k + 1 ? kpnotify_parse(position - k - 2) : read_fanotify(monitor, fmlnx.fds[position], callback);
+}
+
+}  // namespace
+
+int fmon_linux_ignored(int wd)
+{
+    uint64_t value = seq_get(&fmlnx.seq, wd);
+    if (value == 0) {
+        FMON_LOG(1, kFile, "ignore: can't find seq of wd: %d\n", wd);
+        count_unknown_wd();
+        return -1;
+    }
+    if (value == SEQ_POISON) {
+        FMON_LOG(4, kFile, "inotify ignore del poison wd %d\n", wd);
+        if (seq_del(&fmlnx.seq, wd) < 0)
+            FMON_LOG(1, kFile, "ignore del poison seq failed, wd %d\n", wd);
+        return 0;
+    }
+    struct dentry *d = live_dentry(wd);
+    struct dentry *parent = d->parent;
+    if (seq_del(&fmlnx.seq, wd) < 0)
+        FMON_LOG(1, kFile, "ignore del seq failed, wd %d\n", wd);
+    owner_of(d)->wd = -1;
+    FMON_LOG(4, kFile, "ignore dentry %s\n", dentry_path(d));
+    fmon_linux_punish(d, 0, 0);
+    fmon_linux_collect(parent);
+    return 0;
+}
+
+void fmon_linux_on_create(struct dentry *d, const char *name, int is_dir)
+{
+    if (is_dir && name)
+        fmon_linux_new_subdir(d, name, 0);
+}
+
+void fmon_linux_on_moved_from(struct dentry *d, const char *name, int is_dir)
+{
+    if (!is_dir || !name)
+        return;
+    FMON_LOG(4, kFile, "inotify moved from: %s (%s) %s\n", dentry_path(d), name, "dir");
+    struct dentry *child = dcache_find_sub(&fmon.dcache, d, name);
+    if (child)
+        fmon_linux_moved_away(child);
+    else
+        FMON_LOG(4, kFile, "No sub dentry\n");
+}
+
+void fmon_linux_on_moved_to(struct dentry *d, const char *name, int is_dir)
+{
+    if (!is_dir || !name)
+        return;
+    FMON_LOG(4, kFile, "inotify moved to: %s (%s) %s\n", dentry_path(d), name, "dir");
+    fmon_linux_new_subdir(d, name, 1);
+}
+
+/* Not for directories only: the kernel does not say what moved. The line's words are those of the arrival too. */
+void fmon_linux_on_move_self(struct dentry *d, const char *name, int is_dir)
+{
+    FMON_LOG(4, kFile, "inotify moved to: %s (%s) %s\n", dentry_path(d), name ? name : "", is_dir ? "dir" : "file");
+    fmon_linux_moved_away(d);
+}
+
+int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)
+{
+    fmlnx.read_status = 0;
+    fmlnx.events_this_pass = 0;
+    for (int32_t i = 0; i < fmlnx.fd_num; i++) {
+        if (ready(i))
+            fmlnx.events_this_pass = checked_add(fmlnx.events_this_pass, read_position(monitor, i, callback));
+        /* One busy source must not take the thread; what the probe library still holds is given up. */
+        if (fmlnx.events_this_pass > fmlnx.max_events_per_pass) {
+            clean_global_event();
+            break;
+        }
+    }
+    end_pass(monitor, now_ms);
+    return 0;
+}
+
+int fmon_linux_read_event2(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)
+{
+    fmlnx.read_status = 0;
+    FMON_LOG(4, kFile, "fmon read event2");
+    /* Fixed positions and no limit of a pass. Only the inotify reader counts its reads, so only it is throttled. */
+    if (ready(0))
+        read_inotify(monitor, fmlnx.fds[0], 0, callback);
+    if (ready(1))
+        read_fanotify(monitor, fmlnx.fds[1], callback);
+    if (ready(2))
+        read_fanotify(monitor, fmlnx.fds[2], callback);
+    end_pass(monitor, now_ms);
+    return 0;
+}

@@ -1,0 +1,137 @@
+/* Adding and deleting watches: the backend's side of the registry. */
+#include <cstring>
+
+#include "event.h"
+#include "linux/fmon_linux.h"
+#include "list.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "linux/fmon_linux.c";
+
+/* What fanotify can report. */
+constexpr uint32_t kFanotifyMask = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE | FMON_OPEN;
+
+/* The kinds that tell of changes of the tree. */
+constexpr uint32_t kSyncMask =
+    FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CREATE | FMON_DELETE | FMON_DELETE_SELF | FMON_MOVE_SELF;
+
+static_assert(kFanotifyMask == 0x3b && kSyncMask == 0xfc0, "masks known to clients");
+
+/* Divides the watch's mask between the two sources. */
+void split_mask(struct watch *w)
+{
+    if (w->flags & (FMON_MOUNT | FMON_PID)) {
+        w->fan_mask = w->mask;
+        w->ino_mask = 0;
+    } else {
+        w->fan_mask = fmlnx.fan_fd[FAN_FD_FILE] >= 0 ? w->mask & kFanotifyMask : 0;
+        w->ino_mask = w->mask & ~w->fan_mask;
+    }
+    if ((w->flags & FMON_SYNC) && !(w->flags & FMON_MOUNT))
+        w->ino_mask |= kSyncMask;
+    FMON_LOG(4, kFile, "fanotify event: %s, inotify event: %s\n", event_str(w->fan_mask), event_str2(w->ino_mask));
+}
+
+/* `made`: the dentry is new to the cache, so no mark of ours can be on it, whatever its ancestors want. */
+int add_tree_watch(struct watch *w, bool made)
+{
+    struct dentry *d = w->dentry;
+    struct fmon_masks rec = fmon_linux_recursive_masks(d); /* the new watch is not linked yet */
+    struct fmon_masks others = masks_or(fmon_linux_own_masks(d), rec);
+
+    int result = fmon_linux_fan_up(d, nullptr, made ? 0 : others.fan, w->fan_mask, w->flags);
+    if (result < 0)
+        return result;
+    result = fmon_linux_ino_up(d, others.ino, w->ino_mask);
+    if (result >= 0 && (w->flags & FMON_RECURSIVE)) {
+        struct fmon_masks base = masks_or(rec, {w->fan_mask, w->ino_mask});
+        result = fmon_linux_mark_subtree(d, w->max_depth, w->max_subdirs, base);
+        if (result < 0)
+            fmon_linux_ino_down(d, others.ino, w->ino_mask);
+    }
+    if (result < 0)
+        fmon_linux_fan_down(d, nullptr, others.fan, w->fan_mask, w->flags);
+    return result;
+}
+
+}  // namespace
+
+int fmon_check_watch(struct watch *w)
+{
+    if ((w->mask & FMON_ALL_EVENTS) == 0 || w->mask > FMON_ALL_EVENTS)
+        return FMON_EINVAL;
+    if (w->flags & FMON_DELAY) {
+        if ((w->mask & FMON_ACCESS) && (w->mask & FMON_CLOSE) != FMON_CLOSE)
+            return FMON_EINVAL;
+        if ((w->mask & FMON_MODIFY) && !(w->mask & FMON_CLOSE_WRITE))
+            return FMON_EINVAL;
+    }
+    if (!(w->flags & (FMON_MOUNT | FMON_PID)))
+        return 0;
+    if (fmlnx.fan_fd[FAN_FD_MOUNT] < 1 || (w->mask & ~kFanotifyMask))
+        return FMON_ENOTSUP;
+    return 0;
+}
+
+int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
+{
+    split_mask(w);
+    bool made = dcache_find(&monitor->dcache, w->path) == nullptr;
+    struct dentry *d = dcache_add(&monitor->dcache, w->path);
+    if (!d)
+        return FMON_ENOMEM;
+    w->dentry = d;
+
+    int result = (w->flags & FMON_MOUNT) ? fmon_linux_add_mount_watch(w) : add_tree_watch(w, made);
+    if (result < 0) {
+        FMON_LOG(4, kFile, "watch failed, roll back dentry\n");
+        fmon_linux_collect(d);
+        w->dentry = nullptr;
+        return result;
+    }
+    /* The node may still hold its neighbours in the list of waiting watches, whose owner splices them: overwrite it. */
+    list_add_tail(&w->link, &owner_of(d)->watches);
+    return 0;
+}
+
+int fmon_linux_del_watch(struct fmon *, struct watch *w)
+{
+    list_unlink(&w->link);
+    if (w->flags & FMON_MOUNT) {
+        /* The dentry stays in the cache and in the watch, which its owner frees. */
+        fmon_linux_del_mount_watch(w);
+        return 0;
+    }
+    struct dentry *d = w->dentry;
+    if (!d)
+        return 0;
+
+    struct fmon_masks rec = fmon_linux_recursive_masks(d);
+    if (w->flags & FMON_RECURSIVE)
+        fmon_linux_unwatch_subtree(d, rec, {w->fan_mask, w->ino_mask});
+    struct fmon_masks remain = masks_or(fmon_linux_own_masks(d), rec);
+    int fan_result = fmon_linux_fan_down(d, nullptr, remain.fan, w->fan_mask, w->flags);
+    int ino_result = fmon_linux_ino_down(d, remain.ino, w->ino_mask);
+    fmon_linux_collect(d);
+    w->dentry = nullptr;
+    return fan_result ? fan_result : ino_result;
+}
+
+int fmon_linux_punish_unexpected_watch(int fd, char *path)
+{
+    /* The second position, not the fanotify one: with several inotify-type sources nothing is ever punished. Kept. */
+    if (fmlnx.fd_num < 2 || fd != fmlnx.fds[1])
+        return 0;
+    int file_fd = fmlnx.fan_fd[FAN_FD_FILE];
+    fanotify_del(file_fd, path, kFanotifyMask, FMON_FILE | FMON_LINUX_LAST_MARK);
+    char *slash = strrchr(path, '/');
+    if (!slash)
+        return 0;
+    *slash = '\0';
+    fanotify_del(file_fd, path, kFanotifyMask, FMON_DIR | FMON_LINUX_LAST_MARK);
+    *slash = '/';
+    return 0;
+}

@@ -1,0 +1,36 @@
+/*
+ * fault_switch.h: the border between the switches (fault.cpp) and the wrapped calls (fault_wraps.cpp).
+ */
+#ifndef TESTLIB_FAULT_SWITCH_H
+#define TESTLIB_FAULT_SWITCH_H
+
+#include <string>
+
+/* One row a call that can fail. */
+#define TESTLIB_CALLS(X)                                                                                               \
+    X(malloc)                                                                                                          \
+    X(calloc) X(realloc) X(inotify_init) X(inotify_add_watch) X(inotify_rm_watch) X(fanotify_init) X(fanotify_mark)    \
+        X(select) X(read) X(readlink) X(realpath) X(stat) X(lstat) X(fstat) X(opendir) X(readdir) X(closedir) X(uname) \
+            X(prctl) X(dlopen) X(dlsym) X(close) X(fopen) X(fgets) X(open) X(fcntl)
+
+namespace testlib
+{
+
+enum class Call : int {
+#define X(name) name,
+    TESTLIB_CALLS(X)
+#undef X
+};
+
+/* Counts the call for every armed switch of that name; not 0: it must fail with this errno. */
+int injected_error(Call call);
+
+/* Where opens of `path` go; the path itself when it is not redirected. The text lives until clear_redirects. */
+const char *redirected(const char *path);
+
+/* Whether a dlopen replacement of a test made the handle, so that the C library must not see it. */
+bool is_test_handle(void *handle);
+
+}  // namespace testlib
+
+#endif

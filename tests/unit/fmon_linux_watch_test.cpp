@@ -1,0 +1,657 @@
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <list>
+
+#include "linux/fmon_linux.h"
+#include "linux/mount.h"
+#include "list.h"
+#include "testlib/backend.h"
+#include "testlib/fake_host.h"
+#include "testlib/fault.h"
+#include "testlib/tree.h"
+
+using namespace testlib;
+
+namespace
+{
+
+constexpr uint64_t kOnDir = 0x48000000;
+
+class Watching : public ::testing::Test
+{
+protected:
+    Watching() { EXPECT_EQ(0, m.result); }
+    ~Watching() override { g_container_flag = 0; }
+    uint64_t fan(const std::string &path) { return m.fanotify.mask_of(fmlnx.fan_fd[0], path); }
+    uint64_t fan_mount(const std::string &path) { return m.fanotify.mask_of(fmlnx.fan_fd[1], path); }
+    TempTree tree;
+    LinuxMonitor m;
+};
+
+TEST_F(Watching, MaskIsDividedBetweenTheSources)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, 0xfff, FMON_DIR));
+    EXPECT_EQ(0x3bU | kOnDir, fan(a));
+    EXPECT_EQ(0xfc4U, kernel_mask(a));
+    EXPECT_TRUE(logged(4,
+                       "fanotify event: open,access,modify,close_write,close_nowrite, inotify event: "
+                       "create,delete,moved_from,moved_to,attrib,move_self,delete_self\n"));
+}
+
+TEST_F(Watching, SyncAddsTheStructureKinds)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, FMON_MODIFY, FMON_DIR | FMON_SYNC));
+    EXPECT_EQ(0xfc0U, kernel_mask(a));
+    EXPECT_EQ(FMON_MODIFY | kOnDir, fan(a));
+}
+
+TEST_F(Watching, FanotifyOnlyWatchPlacesNoInotifyWatch)
+{
+    std::string f = tree.file("f");
+    ASSERT_EQ(0, m.add(f, FMON_MODIFY, FMON_FILE));
+    EXPECT_EQ(-1, wd_of(f));
+    EXPECT_EQ(FMON_MODIFY, fan(f));
+}
+
+TEST_F(Watching, TwoWatchesShareOneInotifyWatch)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    int wd = wd_of(a);
+    ASSERT_EQ(0, fmon_add_watch(m.id2, a.c_str(), FMON_DELETE | FMON_ATTRIB, FMON_DIR, 0, 0));
+    EXPECT_EQ(wd, wd_of(a));
+    EXPECT_EQ(uint32_t{FMON_CREATE | FMON_DELETE | FMON_ATTRIB}, kernel_mask(a));
+
+    ASSERT_EQ(0, m.del(a));
+    EXPECT_EQ(uint32_t{FMON_DELETE | FMON_ATTRIB}, kernel_mask(a));
+    ASSERT_EQ(0, fmon_del_watch(m.id2, a.c_str()));
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(uint64_t{SEQ_POISON}, seq_get(&fmlnx.seq, wd));
+    EXPECT_FALSE(cached(a));
+}
+
+TEST_F(Watching, FanotifyAddsOnlyWhatIsMissing)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, FMON_MODIFY | FMON_OPEN, FMON_DIR));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, a.c_str(), FMON_MODIFY | FMON_ACCESS, FMON_DIR, 0, 0));
+    ASSERT_EQ(2U, m.fanotify.marks.size());
+    EXPECT_EQ(FMON_ACCESS | kOnDir, m.fanotify.marks[1].mask);
+
+    ASSERT_EQ(0, m.del(a));
+    EXPECT_EQ(uint64_t{FMON_OPEN}, m.fanotify.marks[2].mask) << "the other watch keeps modify, and the directory bits";
+    ASSERT_EQ(0, fmon_del_watch(m.id2, a.c_str()));
+    EXPECT_EQ(0U, fan(a));
+}
+
+TEST_F(Watching, RecursiveWatchMarksTheSubtree)
+{
+    std::string a = tree.dir("a");
+    std::string c = tree.dir("a/b/c");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE | FMON_MODIFY, FMON_DIR | FMON_RECURSIVE));
+    for (const auto &path : {a, a + "/b", c}) {
+        EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(path)) << path;
+        EXPECT_EQ(FMON_MODIFY | kOnDir, fan(path)) << path;
+    }
+    ASSERT_EQ(0, m.del(a));
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(0U, fan(c));
+    EXPECT_FALSE(cached(tree.root()));
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+TEST_F(Watching, DepthLimitEndsTheFirstWalk)
+{
+    std::string a = tree.dir("a");
+    tree.dir("a/b/c/d");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE, 2));
+    EXPECT_NE(0U, kernel_mask(a + "/b/c"));
+    EXPECT_FALSE(cached(a + "/b/c/d"));
+}
+
+TEST_F(Watching, SubdirectoryLimitOnlyCountsAsASignedNumber)
+{
+    std::string a = tree.dir("a");
+    for (int i = 0; i < 5; i++)
+        tree.dir("a/" + std::to_string(i));
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE, 0, 2));
+    EXPECT_EQ(6U, kernel_watches().size());
+    ASSERT_EQ(0, m.del(a));
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE, 0, 0x80000000U));
+    EXPECT_EQ(1U, kernel_watches().size());
+}
+
+/* A non-recursive watch is nobody's business below it. */
+TEST_F(Watching, OwnMasksDoNotLeakToChildren)
+{
+    std::string b = tree.dir("t/a/b");
+    std::string a = tree.path("t/a");
+    ASSERT_EQ(0, m.add(a, FMON_ATTRIB, FMON_DIR));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, tree.path("t").c_str(), FMON_CREATE, FMON_DIR | FMON_RECURSIVE, 0, 0));
+    EXPECT_EQ(uint32_t{FMON_ATTRIB | FMON_CREATE}, kernel_mask(a));
+    EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(b));
+}
+
+TEST_F(Watching, RecursiveBelowRecursiveMarksTheUnion)
+{
+    std::string b = tree.dir("t/a/b");
+    ASSERT_EQ(0, m.add(tree.path("t"), FMON_CREATE | FMON_OPEN, FMON_DIR | FMON_RECURSIVE));
+    ASSERT_EQ(0, m.add(tree.path("t/a"), FMON_DELETE | FMON_MODIFY, FMON_DIR | FMON_RECURSIVE));
+    EXPECT_EQ(uint32_t{FMON_CREATE | FMON_DELETE}, kernel_mask(b));
+    EXPECT_EQ(FMON_OPEN | FMON_MODIFY | kOnDir, fan(b));
+
+    ASSERT_EQ(0, m.del(tree.path("t/a")));
+    EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(b));
+    EXPECT_EQ(FMON_OPEN | kOnDir, fan(b));
+    ASSERT_EQ(0, m.del(tree.path("t")));
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+/* Three levels: what the grandparent's watch needs must be carried through every level of the walk. */
+TEST_F(Watching, UnwatchKeepsWhatAnOuterRecursiveWatchNeeds)
+{
+    std::string deep = tree.dir("t/a/b/c/d");
+    ASSERT_EQ(0, m.add(tree.path("t"), FMON_CREATE, FMON_DIR | FMON_RECURSIVE));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, tree.path("t/a").c_str(), FMON_CREATE, FMON_DIR | FMON_RECURSIVE, 0, 0));
+    ASSERT_EQ(0, fmon_del_watch(m.id2, tree.path("t/a").c_str()));
+    for (const auto &path : {"t", "t/a", "t/a/b", "t/a/b/c", "t/a/b/c/d"})
+        EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(tree.path(path))) << path;
+}
+
+/* A directory that a depth limit left out is not marked, although its ancestor's recursive watch has the same kinds. */
+TEST_F(Watching, DirectoryNewToTheCacheGetsItsOwnMark)
+{
+    std::string deep = tree.dir("t/a/b");
+    ASSERT_EQ(0, m.add(tree.path("t"), FMON_MODIFY, FMON_DIR | FMON_RECURSIVE, 1));
+    EXPECT_EQ(0U, fan(deep));
+    ASSERT_EQ(0, m.add(deep, FMON_MODIFY, FMON_DIR));
+    EXPECT_EQ(FMON_MODIFY | kOnDir, fan(deep));
+}
+
+TEST_F(Watching, DeletingTheLastWatchCollectsEmptyAncestors)
+{
+    std::string c = tree.dir("a/b/c");
+    ASSERT_EQ(0, m.add(tree.path("a"), FMON_CREATE, FMON_DIR));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, c.c_str(), FMON_CREATE, FMON_DIR, 0, 0));
+    ASSERT_EQ(0, fmon_del_watch(m.id2, c.c_str()));
+    EXPECT_FALSE(cached(tree.path("a/b")));
+    EXPECT_TRUE(cached(tree.path("a")));
+    EXPECT_TRUE(logged(4, "collect dentry " + c + "\n"));
+    EXPECT_TRUE(logged(4, "collect dentry " + tree.path("a/b") + "\n"));
+}
+
+TEST_F(Watching, CollectionStopsAtADirectoryWithChildren)
+{
+    std::string c = tree.dir("a/c"), d = tree.dir("a/d");
+    ASSERT_EQ(0, m.add(c, FMON_CREATE, FMON_DIR));
+    ASSERT_EQ(0, m.add(d, FMON_CREATE, FMON_DIR));
+    ASSERT_EQ(0, m.del(c));
+    EXPECT_FALSE(cached(c));
+    EXPECT_TRUE(cached(tree.path("a")));
+}
+
+TEST_F(Watching, WithoutFanotifyEverythingGoesToInotify)
+{
+    int32_t saved = fmlnx.fan_fd[0];
+    fmlnx.fan_fd[0] = -1;
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, 0xfff, FMON_DIR));
+    EXPECT_EQ(0xfffU, kernel_mask(a));
+    EXPECT_TRUE(m.fanotify.marks.empty());
+    fmlnx.fan_fd[0] = saved;
+}
+
+TEST_F(Watching, PidPutsTheWholeMaskIntoFanotify)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, FMON_MODIFY | FMON_CLOSE, FMON_DIR | FMON_PID));
+    EXPECT_EQ(FMON_MODIFY | FMON_CLOSE | kOnDir, fan(a)) << "directory marks, not mount marks";
+    EXPECT_EQ(-1, wd_of(a));
+}
+
+TEST_F(Watching, CheckRefusesWhatTheSourcesCannotTell)
+{
+    std::string a = tree.dir("a");
+    EXPECT_EQ(-112, m.add(a, FMON_CREATE, FMON_DIR | FMON_PID));
+    EXPECT_EQ(-112, m.add(a, FMON_MODIFY | FMON_CREATE, FMON_MOUNT));
+    EXPECT_EQ(-111, m.add(a, FMON_ACCESS | FMON_CLOSE_WRITE, FMON_DIR | FMON_DELAY));
+    EXPECT_EQ(-111, m.add(a, FMON_MODIFY | FMON_CLOSE_NOWRITE, FMON_DIR | FMON_DELAY));
+    EXPECT_EQ(0, m.add(a, FMON_ACCESS | FMON_MODIFY | FMON_CLOSE, FMON_DIR | FMON_DELAY));
+}
+
+TEST_F(Watching, CheckMaskLimits)
+{
+    struct watch w = {};
+    w.flags = FMON_DIR;
+    for (uint32_t bad : {0U, 0x1000U, 0x1001U, 0x10000U}) {
+        w.mask = bad;
+        EXPECT_EQ(-111, fmon_check_watch(&w)) << bad;
+    }
+    w.mask = 0xfff;
+    EXPECT_EQ(0, fmon_check_watch(&w));
+}
+
+TEST_F(Watching, MountDescriptorBelowOneIsNotSupported)
+{
+    struct watch w = {};
+    w.mask = FMON_MODIFY;
+    int32_t saved = fmlnx.fan_fd[1];
+    for (int fd : {-1, 0}) {
+        fmlnx.fan_fd[1] = fd;
+        for (uint32_t flag : {uint32_t{FMON_MOUNT}, uint32_t{FMON_PID}}) {
+            w.flags = flag | FMON_DIR;
+            EXPECT_EQ(-112, fmon_check_watch(&w)) << fd;
+        }
+    }
+    fmlnx.fan_fd[1] = saved;
+    EXPECT_EQ(0, fmon_check_watch(&w));
+}
+
+/* ---- failures leave nothing ---- */
+
+TEST_F(Watching, RefusedFanotifyMarkRollsBack)
+{
+    std::string a = tree.dir("x/a");
+    m.fanotify.mark_error = EACCES;
+    EXPECT_EQ(-109, m.add(a, 0xfff, FMON_DIR));
+    EXPECT_TRUE(logged(1, "fanotify add failed: Permission denied\n"));
+    EXPECT_TRUE(logged(4, "watch failed, roll back dentry\n"));
+    EXPECT_EQ(0U, fmon.dcache.count);
+    EXPECT_TRUE(kernel_watches().empty());
+
+    m.fanotify.mark_error = ENOENT;
+    EXPECT_EQ(-114, m.add(a, 0xfff, FMON_DIR));
+}
+
+TEST_F(Watching, RefusedInotifyWatchTakesTheFanotifyMarkBack)
+{
+    std::string a = tree.dir("a");
+    {
+        Fault fault("inotify_add_watch", 1, ENOSPC);
+        EXPECT_EQ(-108, m.add(a, 0xfff, FMON_DIR));
+    }
+    EXPECT_TRUE(logged(1, "inotify add failed: No space left on device\n"));
+    EXPECT_EQ(0U, fan(a));
+    EXPECT_EQ(0U, fmon.dcache.count);
+    {
+        Fault fault("inotify_add_watch", 1, ENOENT);
+        EXPECT_EQ(-114, m.add(a, 0xfff, FMON_DIR));
+    }
+    EXPECT_EQ(0, m.add(a, 0xfff, FMON_DIR));
+}
+
+TEST_F(Watching, UnreadableTreeTakesBothMarksBack)
+{
+    std::string a = tree.dir("a");
+    {
+        Fault fault("opendir", 1, EACCES);
+        EXPECT_EQ(-114, m.add(a, 0xfff, FMON_DIR | FMON_RECURSIVE));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_TRUE(logged(2, "iterate " + a + " failed\n"));
+    EXPECT_EQ(0U, fan(a));
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+TEST_F(Watching, UnreadableTreeKeepsWhatOthersNeed)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, fmon_add_watch(m.id2, a.c_str(), FMON_CREATE | FMON_MODIFY, FMON_DIR, 0, 0));
+    {
+        Fault fault("opendir", 1, EACCES);
+        EXPECT_EQ(-114, m.add(a, 0xfff, FMON_DIR | FMON_RECURSIVE));
+    }
+    EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(a));
+    EXPECT_EQ(FMON_MODIFY | kOnDir, fan(a));
+}
+
+/* The watch waits on: what failed once must be retried with the same record. */
+TEST_F(Watching, FailedAddLeavesAWaitingWatchUsable)
+{
+    std::string a = tree.dir("a");
+    {
+        Fault fault("opendir", 1, EACCES);
+        EXPECT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE | FMON_DELETED));
+    }
+    EXPECT_FALSE(list_empty(&fmon.tbd));
+    fmon_tbd_pass();
+    EXPECT_TRUE(list_empty(&fmon.tbd));
+    EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(a));
+    EXPECT_TRUE(logged(4, "tbd watch " + a + " added\n"));
+}
+
+TEST_F(Watching, FullWatchDescriptorTableRemovesTheNewWatch)
+{
+    std::string a = tree.dir("a");
+    {
+        Fault fault("realloc", 1, ENOMEM);
+        EXPECT_EQ(-110, m.add(a, FMON_CREATE, FMON_DIR));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(1, log_count_containing("add seq failed, wd "));
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+TEST_F(Watching, FullCacheIsOutOfMemory)
+{
+    std::string a = tree.dir("a");
+    fmon.dcache.max_entries = 1;
+    EXPECT_EQ(-101, m.add(a, FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(0U, fmon.dcache.count);
+    EXPECT_TRUE(kernel_watches().empty());
+}
+
+TEST_F(Watching, EveryFailedAllocationRollsBack)
+{
+    std::string a = tree.dir("a");
+    tree.dir("a/b/c");
+    for (const char *call : {"malloc", "calloc", "realloc"}) {
+        bool hit = true;
+        for (int nth = 1; hit; nth++) {
+            int result;
+            {
+                Fault fault(call, nth);
+                result = m.add(a, 0xfff, FMON_DIR | FMON_RECURSIVE);
+                hit = fault.hit();
+            }
+            EXPECT_EQ(result, result == 0 ? m.del(a) : result);
+            EXPECT_TRUE(kernel_watches().empty()) << call << " " << nth << " result " << result;
+            EXPECT_EQ(0U, fmon.dcache.count) << call << " " << nth << " result " << result;
+        }
+    }
+}
+
+/* A directory whose frame cannot be saved is not entered: what lies below keeps its marks, and nothing dangles. */
+TEST_F(Watching, FailedFrameOfARemovalKeepsTheMarksBelow)
+{
+    std::string b = tree.dir("a/b/c");
+    std::string a = tree.path("a");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE));
+    {
+        Fault fault("malloc", 1);
+        EXPECT_EQ(0, m.del(a));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_TRUE(logged(1, "dir malloc failed\n"));
+    EXPECT_EQ(uint32_t{FMON_CREATE}, kernel_mask(b));
+    EXPECT_TRUE(m.add(a, FMON_CREATE, FMON_DIR | FMON_RECURSIVE) == 0 && m.del(a) == 0);
+    EXPECT_TRUE(kernel_watches().empty());
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+TEST_F(Watching, FailedStatKeepsTheWatch)
+{
+    std::string a = tree.dir("a");
+    {
+        Fault fault("stat", 1, EACCES);
+        EXPECT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    }
+    EXPECT_TRUE(logged(1, "maybe the file not exist! " + a));
+    EXPECT_TRUE(logged(3, "path:" + a + ",inode:0"));
+}
+
+TEST_F(Watching, InodeNumberIsKept)
+{
+    std::string a = tree.dir("a");
+    struct stat st;
+    ASSERT_EQ(0, stat(a.c_str(), &st));
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(st.st_ino, owner_of(dcache_find(&fmon.dcache, a.c_str()))->ino);
+    EXPECT_TRUE(
+        logged(3, "wd " + std::to_string(wd_of(a)) + ",path:" + a + ",inode:" + std::to_string(st.st_ino) + "\n"));
+    EXPECT_TRUE(logged(4, "inotify down: " + a + " old , new create, old wd -1\n"));
+}
+
+TEST_F(Watching, PathTooLongToBuild)
+{
+    std::string deep = "/";
+    while (deep.size() < 1023)
+        deep += std::string(deep.size() + 200 < 1023 ? 200 : 1023 - deep.size(), 'x') +
+                (deep.size() + 201 < 1023 ? "/" : "");
+    struct watch w = {};
+    w.flags = FMON_DIR;
+    w.mask = FMON_CREATE;
+    w.path = deep.data();
+    EXPECT_EQ(-117, fmon_linux_add_watch(&fmon, &w));
+    w.mask = FMON_MODIFY;
+    EXPECT_EQ(-117, fmon_linux_add_watch(&fmon, &w));
+    EXPECT_EQ(0U, fmon.dcache.count);
+    EXPECT_EQ(nullptr, w.dentry);
+}
+
+TEST_F(Watching, RemovalThatTheKernelRefusesStillUpdatesTheState)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    int wd = wd_of(a);
+    {
+        Fault fault("inotify_rm_watch", 1, EINVAL);
+        EXPECT_EQ(0, m.del(a));
+    }
+    EXPECT_TRUE(logged(1, "inotify del failed: Invalid argument\n"));
+    EXPECT_EQ(uint64_t{SEQ_POISON}, seq_get(&fmlnx.seq, wd));
+    EXPECT_FALSE(cached(a));
+}
+
+TEST_F(Watching, FailedFanotifyRemovalIsLogged)
+{
+    std::string a = tree.dir("a");
+    ASSERT_EQ(0, m.add(a, 0xfff, FMON_DIR));
+    m.fanotify.mark_error = EINVAL;
+    EXPECT_EQ(0, m.del(a));
+    EXPECT_TRUE(logged(1, "fanotify del failed: Invalid argument\n"));
+    EXPECT_TRUE(logged(1, "del watch failed: -109\n"));
+    EXPECT_TRUE(kernel_watches().empty());
+}
+
+/* ---- containers ---- */
+
+TEST_F(Watching, InAContainerOnlyTheHostTreeIsWatched)
+{
+    g_container_flag = 1;
+    std::string a = tree.dir("a");
+    EXPECT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(-1, wd_of(a));
+    EXPECT_EQ(0, m.del(a));
+    EXPECT_TRUE(logged(1, "wd is -1, but has events, remain , old create\n"));
+    EXPECT_TRUE(logged(1, "del watch failed: -1\n"));
+}
+
+/* ---- mounts ---- */
+
+class Mounts : public Watching
+{
+protected:
+    Mounts()
+    {
+        mount_release(&fmlnx.mounts);
+        list_init(&fmlnx.mounts);
+        for (const char *mount : {"/", "/home", "/home/user", "/home2", "/srv"})
+            add_mount(mount);
+    }
+    void add_mount(const char *path)
+    {
+        std::string line = std::to_string(next_id_++) + " 1 8:1 / " + path + " rw - ext4 /dev rw";
+        mount_parse_line(line.data(), &fmlnx.mounts);
+    }
+    int add_mount_watch(const std::string &path, uint32_t flags = 0, uint32_t mask = FMON_MODIFY)
+    {
+        watches_.push_back({});
+        struct watch &w = watches_.back();
+        w.mask = mask;
+        w.flags = FMON_MOUNT | flags;
+        paths_.push_back(path);
+        w.path = paths_.back().data();
+        return fmon_linux_add_watch(&fmon, &w);
+    }
+    int links()
+    {
+        int count = 0;
+        FMON_LIST_EACH (node, &fmlnx.mounts) {
+            FMON_LIST_EACH (link, &FMON_RECORD(node, struct mount_entry, link)->watches)
+                count++;
+        }
+        return count;
+    }
+    ~Mounts() override
+    {
+        for (auto &w : watches_) {
+            if (w.dentry)
+                fmon_linux_del_watch(&fmon, &w);
+        }
+    }
+    std::list<struct watch> watches_;
+    std::list<std::string> paths_;
+    int next_id_ = 20;
+};
+
+TEST_F(Mounts, LongestMountPointWins)
+{
+    ASSERT_EQ(0, add_mount_watch("/home/user/data"));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/home/user"));
+    ASSERT_EQ(0, add_mount_watch("/home2/x"));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/home2"));
+    EXPECT_EQ(0U, fan_mount("/home"));
+    ASSERT_EQ(0, add_mount_watch("/var"));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/"));
+}
+
+TEST_F(Mounts, MarksUseTheMountDescriptorAndFlag)
+{
+    ASSERT_EQ(0, add_mount_watch("/srv"));
+    ASSERT_EQ(1U, m.fanotify.marks.size());
+    EXPECT_EQ(fmlnx.fan_fd[1], m.fanotify.marks[0].fd);
+    EXPECT_EQ(0x1U | 0x4U | 0x10U, m.fanotify.marks[0].flags);
+}
+
+TEST_F(Mounts, RecursiveWatchMarksMountsBelow)
+{
+    ASSERT_EQ(0, add_mount_watch("/home", FMON_RECURSIVE));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/home"));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/home/user"));
+    EXPECT_EQ(0U, fan_mount("/home2"));
+    EXPECT_EQ(0U, fan_mount("/"));
+    EXPECT_EQ(2, links());
+}
+
+TEST_F(Mounts, RecursiveWatchWithoutAMountBelowIsRefused)
+{
+    EXPECT_EQ(-114, add_mount_watch("/home/user/data", FMON_RECURSIVE));
+    EXPECT_EQ(0, links());
+    EXPECT_EQ(0U, fmon.dcache.count);
+}
+
+TEST_F(Mounts, RootCoversEverything)
+{
+    ASSERT_EQ(0, add_mount_watch("/", FMON_RECURSIVE));
+    EXPECT_EQ(5, links());
+}
+
+TEST_F(Mounts, HalfwayFailureLeavesNoLink)
+{
+    m.fanotify.mark_error = EACCES;
+    m.fanotify.fail_mark_at = 2;
+    EXPECT_EQ(-109, add_mount_watch("/", FMON_RECURSIVE));
+    EXPECT_TRUE(logged(1, "watch mount /home failed\n"));
+    EXPECT_EQ(0, links());
+    EXPECT_EQ(nullptr, watches_.back().dentry);
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/")) << "marks already made stay";
+}
+
+TEST_F(Mounts, FailedLinkAllocation)
+{
+    for (int nth = 1;; nth++) {
+        int result;
+        bool hit;
+        {
+            Fault fault("calloc", nth, ENOMEM);
+            result = add_mount_watch("/srv");
+            hit = fault.hit();
+        }
+        if (!hit)
+            break;
+        EXPECT_EQ(-101, result) << nth;
+        EXPECT_EQ(0, links());
+        EXPECT_EQ(0U, fmon.dcache.count);
+    }
+}
+
+TEST_F(Mounts, OnlyMissingKindsAreAddedAndUnneededOnesRemoved)
+{
+    ASSERT_EQ(0, add_mount_watch("/srv", 0, FMON_MODIFY | FMON_OPEN));
+    ASSERT_EQ(0, add_mount_watch("/srv", 0, FMON_MODIFY | FMON_ACCESS));
+    EXPECT_EQ(uint64_t{FMON_ACCESS}, m.fanotify.marks[1].mask);
+    EXPECT_EQ(0, fmon_linux_del_watch(&fmon, &watches_.front()));
+    watches_.front().dentry = nullptr;
+    EXPECT_EQ(uint64_t{FMON_MODIFY | FMON_ACCESS}, fan_mount("/srv"));
+    EXPECT_EQ(1, links());
+}
+
+/* Deleting a mount watch collects nothing: the dentry stays cached, in the watch too. */
+TEST_F(Mounts, DeletionKeepsTheDentry)
+{
+    ASSERT_EQ(0, add_mount_watch("/srv"));
+    EXPECT_EQ(0, fmon_linux_del_watch(&fmon, &watches_.front()));
+    EXPECT_TRUE(cached("/srv"));
+    EXPECT_NE(nullptr, watches_.front().dentry);
+    EXPECT_EQ(0U, fan_mount("/srv"));
+    watches_.front().dentry = nullptr;
+}
+
+TEST_F(Mounts, ContainerMarksThePathItself)
+{
+    g_container_flag = 1;
+    ASSERT_EQ(0, add_mount_watch("/rootfs/x"));
+    EXPECT_EQ(uint64_t{FMON_MODIFY}, fan_mount("/rootfs/x"));
+    EXPECT_EQ(0, links());
+    m.fanotify.mark_error = EACCES;
+    EXPECT_EQ(-109, add_mount_watch("/rootfs/y"));
+    EXPECT_TRUE(logged(1, "watch mount /rootfs/y failed\n"));
+}
+
+TEST_F(Mounts, NoTableNoMount)
+{
+    mount_release(&fmlnx.mounts);
+    list_init(&fmlnx.mounts);
+    EXPECT_EQ(-114, add_mount_watch("/srv"));
+}
+
+/* ---- punishment of marks nobody wants ---- */
+
+TEST_F(Watching, UnexpectedEventRemovesTheMarksOfFileAndParent)
+{
+    char path[] = "/d/f";
+    m.fanotify.marks.clear();
+    EXPECT_EQ(0, fmon_linux_punish_unexpected_watch(fmlnx.fds[1], path));
+    std::vector<MarkCall> expected = {{fmlnx.fan_fd[0], 0x2 | 0x4, 0x3b, -100, "/d/f"},
+                                      {fmlnx.fan_fd[0], 0x2 | 0x4 | 0x8, 0x4800003b, -100, "/d"}};
+    EXPECT_EQ(expected, m.fanotify.marks);
+    EXPECT_STREQ("/d/f", path);
+}
+
+TEST_F(Watching, PunishmentIsForTheSecondPositionOnly)
+{
+    char path[] = "/d/f";
+    m.fanotify.marks.clear();
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[0], path);
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[2], path);
+    EXPECT_TRUE(m.fanotify.marks.empty());
+    char odd[] = "pipe:[7]";
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[1], odd);
+    EXPECT_EQ(1U, m.fanotify.marks.size());
+    char top[] = "/x";
+    m.fanotify.mark_error = ENOENT;
+    EXPECT_EQ(0, fmon_linux_punish_unexpected_watch(fmlnx.fds[1], top));
+    EXPECT_EQ("", m.fanotify.marks.back().path);
+    EXPECT_STREQ("/x", top);
+}
+
+}  // namespace
