@@ -8,8 +8,9 @@
 extern "C" {
 #endif
 
-/* Starts a thread outside the agent's pool that runs fn(arg) once and then ends. `attr` may be null. On success a
- * handle is stored, which the caller need not release. Negative: the thread could not be made. */
+/* Starts a thread outside the agent's pool that runs fn(arg) once and then ends. `attr` may be null; what else it is is
+ * the agent's business (liborx_base.so: the thread's name, of which 15 bytes count). On success a handle is stored,
+ * which the caller need not release. Negative: the thread could not be made. */
 int cl_ev_create_isolated_thread(void **handle, void *attr, int (*fn)(void *), void *arg);
 
 /* For the calling thread's loop: n != 0 makes the following turns return at once when nothing is ready. Returns 0. */

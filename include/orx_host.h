@@ -11,11 +11,12 @@ extern "C" {
 #endif
 
 /* Sees every log line that passes error_output_level, after formatting and before it is written; `text` has no
- * trailing newline and is valid during the call only. Called on the thread that logs: it must be quick, must not log
- * and must not call the module. */
+ * trailing newline and is valid during the call only. It is not escaped: a file name in it may hold any byte but NUL.
+ * Called on the thread that logs: it must be quick, must not log (such lines do not come back to it), must not set the
+ * sink and must not call the module. */
 typedef void (*orx_log_sink)(int level, const char *file, int line, const char *text, void *arg);
 
-/* Sets the sink (null removes it). `arg` is handed to each call. */
+/* Sets the sink (null removes it). `arg` is handed to each call. Calls of the sink before are over when this returns. */
 void orx_host_log_sink(orx_log_sink sink, void *arg);
 
 /* Makes every INI file loaded from now on answer `value` for that key, whatever it holds, and makes a missing file

@@ -1,3 +1,10 @@
+/*
+ * The table and the tree. A dentry hangs twice: in its parent's ring of children, which paths and walks follow, and in
+ * the bucket that its parent's address and its own name hash to, which look-ups follow. Dentries never move in memory,
+ * so rehashing only links them anew, and users may keep their addresses until they delete them.
+ *
+ * An entry with a name below 30 bytes costs one block of 128 bytes and an eighth of a bucket pointer or more.
+ */
 #include "dcache.h"
 
 #include <cstdlib>
@@ -6,13 +13,15 @@
 #include "checked.h"
 #include "list.h"
 
-namespace {
+namespace
+{
 
 /* Numbers of buckets, one rung a step. Powers of two: a mask picks the bucket. */
 constexpr int32_t kLadder[] = {128, 1024, 4096, 16384, 65536, 262144};
 constexpr int32_t kLastRung = 5;
 constexpr int32_t kLoad = 8;           /* entries per bucket at which the table grows */
 constexpr int32_t kShrinkPercent = 67; /* of the next lower rung's capacity: the gap keeps the table from flapping */
+constexpr int kFewSiblings = 16;       /* looked through before the table is asked */
 
 static_assert(sizeof(kLadder) / sizeof(kLadder[0]) == kLastRung + 1);
 static_assert(kLadder[kLastRung] * kLoad == DCACHE_MAX_ENTRIES);
@@ -27,37 +36,49 @@ constexpr bool rungs_are_powers_of_two()
 }
 static_assert(rungs_are_powers_of_two());
 
-/* What a child is looked up by. The hash outlives a change of the table's size. */
-struct child_key {
-    struct dentry *parent;
-    const char *name;
-    uint32_t len;
-    uint32_t hash;
-};
-
-struct child_key key_of(struct dentry *parent, const char *name, uint32_t len)
+/* The parent's address salts the hash: equal names in different directories spread over the table. */
+hlink **bucket_of(struct dcache *cache, const struct dentry *parent, const char *name, uint32_t len)
 {
-    return {parent, name, len, full_name_hash(reinterpret_cast<uintptr_t>(parent), name, len)};
-}
-
-hlink **bucket_of(struct dcache *cache, uint32_t hash)
-{
+    const uint32_t hash = full_name_hash(reinterpret_cast<uintptr_t>(parent), name, len);
     return &cache->buckets[hash & (static_cast<uint32_t>(kLadder[cache->size_index]) - 1)];
 }
 
 struct dentry *dentry_of(hlink *node) { return FMON_RECORD(node, struct dentry, hash); }
 
-struct dentry *lookup(struct dcache *cache, const struct child_key &key)
+bool has_name(const struct dentry *d, const char *name, uint32_t len)
 {
-    for (hlink *node = *bucket_of(cache, key.hash); node; node = node->next) {
+    return d->len == len && memcmp(dentry_name(d), name, len) == 0;
+}
+
+/* (parent, name) is unique, so the first match is the only one. */
+struct dentry *lookup(struct dcache *cache, struct dentry *parent, const char *name, uint32_t len)
+{
+    if (list_empty(&parent->children)) /* most directories have none: no hash, no chain */
+        return nullptr;
+    for (hlink *node = *bucket_of(cache, parent, name, len); node; node = node->next) {
         struct dentry *d = dentry_of(node);
-        if (d->parent == key.parent && d->len == key.len && memcmp(dentry_name(d), key.name, key.len) == 0)
+        if (d->parent == parent && has_name(d, name, len))
             return d;
     }
     return nullptr;
 }
 
-/* Moves every dentry into a table of rung `index`. On failure the old table stays in force. */
+/* As lookup, for a child that is probably missing. To know that from its chain costs a cache miss per link; its newest
+ * siblings were made a moment ago when a tree is taken in, and few directories have more than these. */
+struct dentry *lookup_among_siblings(struct dcache *cache, struct dentry *parent, const char *name, uint32_t len)
+{
+    list_head *head = &parent->children;
+    list_head *node = head->prev;
+    for (int i = 0; i < kFewSiblings && node != head; i++, node = node->prev) {
+        struct dentry *d = FMON_RECORD(node, struct dentry, sibling);
+        if (has_name(d, name, len))
+            return d;
+    }
+    return node == head ? nullptr : lookup(cache, parent, name, len);
+}
+
+/* Moves every dentry into a table of rung `index`. On failure the old table stays in force. Entries are pushed at the
+ * heads of their new chains, so a chain tells the order of the old ones backwards. */
 int rehash(struct dcache *cache, int32_t index)
 {
     hlink **table = static_cast<hlink **>(calloc(static_cast<size_t>(kLadder[index]), sizeof(hlink *)));
@@ -71,13 +92,14 @@ int rehash(struct dcache *cache, int32_t index)
         for (hlink *node = old[i], *next; node; node = next) {
             next = node->next;
             struct dentry *d = dentry_of(node);
-            hlink_add(node, bucket_of(cache, key_of(d->parent, dentry_name(d), d->len).hash));
+            hlink_add(node, bucket_of(cache, d->parent, dentry_name(d), d->len));
         }
     }
     free(old);
     return 0;
 }
 
+/* Before each creation: at most one rung, since one entry comes at a time. */
 int grow(struct dcache *cache)
 {
     const int32_t index = cache->size_index;
@@ -86,6 +108,7 @@ int grow(struct dcache *cache)
     return rehash(cache, checked_add(index, 1));
 }
 
+/* After each deletion: at most one rung. */
 int shrink(struct dcache *cache)
 {
     const int32_t index = cache->size_index;
@@ -97,6 +120,7 @@ int shrink(struct dcache *cache)
     return rehash(cache, checked_sub(index, 1));
 }
 
+/* `name` is a component of a longer text as often as a text of its own: its length tells where it ends. */
 bool store_name(struct dentry *d, const char *name, uint32_t len)
 {
     char *to = d->name.in;
@@ -118,7 +142,8 @@ void dentry_free(struct dentry *d)
     free(d);
 }
 
-/* A dentry at the tail of its parent's children, in no bucket yet. Null: out of memory. */
+/* A dentry at the tail of its parent's children, in no bucket yet, its owner area set up by the hook. Null: out of
+ * memory. */
 struct dentry *dentry_new(struct dcache *cache, struct dentry *parent, const char *name, uint32_t len)
 {
     struct dentry *d = static_cast<struct dentry *>(calloc(1, sizeof(struct dentry)));
@@ -137,17 +162,18 @@ struct dentry *dentry_new(struct dcache *cache, struct dentry *parent, const cha
     return d;
 }
 
-struct dentry *create(struct dcache *cache, const struct child_key &key)
+/* The new entry heads its chain: what was just made is asked for soonest. */
+struct dentry *create(struct dcache *cache, struct dentry *parent, const char *name, uint32_t len)
 {
-    if (key.len > UINT16_MAX) /* `len` could not hold it */
+    if (len > UINT16_MAX) /* `len` could not hold it */
         return nullptr;
     if (cache->count >= static_cast<uint32_t>(cache->max_entries) || grow(cache) < 0)
         return nullptr;
-    struct dentry *d = dentry_new(cache, key.parent, key.name, key.len);
+    struct dentry *d = dentry_new(cache, parent, name, len);
     if (!d)
         return nullptr;
     cache->count = checked_add(cache->count, 1u);
-    hlink_add(&d->hash, bucket_of(cache, key.hash));
+    hlink_add(&d->hash, bucket_of(cache, parent, name, len));
     return d;
 }
 
@@ -165,7 +191,7 @@ void roll_back(struct dcache *cache, struct dentry *first, struct dentry *last)
     }
 }
 
-} /* namespace */
+}  // namespace
 
 int dcache_init(struct dcache *cache, int32_t max_entries, void (*init_hook)(struct dentry *))
 {
@@ -180,13 +206,14 @@ int dcache_init(struct dcache *cache, int32_t max_entries, void (*init_hook)(str
     cache->buckets = static_cast<hlink **>(calloc(static_cast<size_t>(kLadder[0]), sizeof(hlink *)));
     if (cache->buckets)
         return 0;
-    dentry_free(cache->root);
+    dentry_free(cache->root); /* what its hook set up needs no release */
     cache->root = nullptr;
     return -1;
 }
 
 void dcache_destroy(struct dcache *cache)
 {
+    /* Through the table and not the tree: every dentry but the root is in one bucket, and nothing recurses. */
     for (int32_t i = 0; cache->buckets && i < kLadder[cache->size_index]; i++) {
         for (hlink *node = cache->buckets[i], *next; node; node = next) {
             next = node->next;
@@ -225,12 +252,11 @@ struct dentry *dcache_add(struct dcache *cache, const char *path)
     for (int len; (len = path_component(&path, &name)) > 0;) {
         struct dentry *child = nullptr;
         if (len <= DCACHE_PATH_MAX) {
-            const struct child_key key = key_of(d, name, static_cast<uint32_t>(len));
-            child = lookup(cache, key);
-            if (!child && (child = create(cache, key)) && !first)
+            child = lookup(cache, d, name, static_cast<uint32_t>(len));
+            if (!child && (child = create(cache, d, name, static_cast<uint32_t>(len))) && !first)
                 first = child;
         }
-        if (!child) {
+        if (!child) { /* too long, no room or no memory */
             roll_back(cache, first, d);
             return nullptr;
         }
@@ -241,19 +267,19 @@ struct dentry *dcache_add(struct dcache *cache, const char *path)
 
 struct dentry *dcache_add_sub(struct dcache *cache, struct dentry *parent, const char *name)
 {
-    const struct child_key key = key_of(parent, name, static_cast<uint32_t>(strlen(name)));
-    struct dentry *d = lookup(cache, key);
-    return d ? d : create(cache, key);
+    const uint32_t len = static_cast<uint32_t>(strlen(name));
+    struct dentry *d = lookup_among_siblings(cache, parent, name, len);
+    return d ? d : create(cache, parent, name, len);
 }
 
 struct dentry *dcache_find_sub(struct dcache *cache, struct dentry *parent, const char *name)
 {
-    return lookup(cache, key_of(parent, name, static_cast<uint32_t>(strlen(name))));
+    return lookup(cache, parent, name, static_cast<uint32_t>(strlen(name)));
 }
 
 struct dentry *dcache_find_sub2(struct dcache *cache, struct dentry *parent, const char *name, int len)
 {
-    return len < 0 ? nullptr : lookup(cache, key_of(parent, name, static_cast<uint32_t>(len)));
+    return len < 0 ? nullptr : lookup(cache, parent, name, static_cast<uint32_t>(len));
 }
 
 int dcache_del(struct dcache *cache, struct dentry *d)
@@ -262,7 +288,7 @@ int dcache_del(struct dcache *cache, struct dentry *d)
         return 0;
     if (!list_empty(&d->children))
         return -1;
-    hlink_unlink(&d->hash);
+    hlink_unlink(&d->hash); /* both leave poison: a dentry that was taken out before does no harm */
     list_unlink(&d->sibling);
     dentry_free(d);
     cache->count = checked_sub(cache->count, 1u);

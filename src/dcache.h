@@ -18,10 +18,10 @@
 extern "C" {
 
 enum {
-    DENTRY_NAME_INLINE = 32,        /* names below 30 bytes lie in the dentry */
+    DENTRY_NAME_INLINE = 32, /* names below 30 bytes lie in the dentry */
     DENTRY_NAME_LIMIT = 30,
-    DCACHE_PATH_MAX = 1024,         /* size of the shared path buffer, and limit of a component */
-    DCACHE_DATA_SIZE = 32,          /* user data of a traversal or iteration level */
+    DCACHE_PATH_MAX = 1024, /* size of the shared path buffer, and limit of a component */
+    DCACHE_DATA_SIZE = 32,  /* user data of a traversal or iteration level */
     DCACHE_MAX_ENTRIES = 2097152
 };
 
@@ -114,7 +114,7 @@ FMON_API const char *dentry_path(struct dentry *);
 FMON_API char *dentry_path_dup(struct dentry *);
 FMON_API char *dentry_sub_path_dup(struct dentry *, const char *name);
 
-/* ---- traversal: depth-first, the dentry just returned may be deleted ---- */
+/* ---- traversal: depth-first; unless it is about to be entered, the dentry just returned may be deleted ---- */
 
 /* `data`: DCACHE_DATA_SIZE bytes for the start level, or null for zeros. `start` itself is never returned. */
 FMON_API void dcache_traverse_start(struct dcache_traverse *, struct dentry *start, const void *data);

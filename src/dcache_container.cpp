@@ -1,17 +1,21 @@
-#include <dlfcn.h>
+/*
+ * Container paths. Inside a container the kernel's paths are those of the mount that an event came from; the agent's
+ * container library tells whose mount it is. Without the library every mount counts as the host's.
+ */
+#include "dcache.h"
 
 #include <cerrno>
 
-#include "dcache.h"
+#include "dll.h"
 #include "log.h"
 #include "orx_base.h"
 #include "orx_sensitivedir.h"
 
-namespace {
+namespace
+{
 
 constexpr char kFile[] = "dcache.c";
 constexpr char kLibrary[] = "@/../lib/liborx_sensitive_dir.6.so";
-constexpr int kLibraryPathMax = 1024;
 
 typedef const struct orx_container_mount *(*get_mount_fn)(const char *id);
 
@@ -22,24 +26,16 @@ get_mount_fn get_mount;
 int32_t mount_pid(const struct orx_container_mount *record) { return record->pid; }
 const char *mount_label(const struct orx_container_mount *record) { return record->label; }
 
-void *open_library()
-{
-    char path[kLibraryPathMax] = {};
-    orx_dirutils_path_transform(kLibrary, path, sizeof(path));
-    void *handle = dlopen(path, RTLD_NOW | RTLD_DEEPBIND);
-    if (!handle)
-        FMON_LOG(1, kFile, "load fmon module failed, errno: %d\n", errno);
-    return handle;
-}
-
 /* Null when the library or its entry is missing; the next call then tries again. */
 get_mount_fn load_get_mount()
 {
     if (get_mount)
         return get_mount;
-    void *handle = open_library();
-    if (!handle)
+    void *handle = dll_open(kLibrary);
+    if (!handle) {
+        FMON_LOG(1, kFile, "load fmon module failed, errno: %d\n", errno);
         return nullptr;
+    }
     get_mount = reinterpret_cast<get_mount_fn>(dlsym(handle, "_orx_get_container_mount"));
     if (!get_mount) {
         /* The line names another entry than the one looked up; log readers know it in this form. */
@@ -55,12 +51,13 @@ const struct orx_container_mount *find_mount(const char *container_id)
     return get ? get(container_id) : nullptr;
 }
 
-} /* namespace */
+}  // namespace
 
 void container_path_get(const char *path, const char *container_id, const char **source, char *out, int out_size)
 {
     if (!path || !container_id || !source || !out || !*container_id)
         return;
+    /* A negative size would be a huge one to the formatter. */
     const size_t size = out_size > 0 ? static_cast<size_t>(out_size) : 0;
     const struct orx_container_mount *record = find_mount(container_id);
     if (record) {

@@ -1,9 +1,14 @@
+/*
+ * The name hash. Its values decide bucket places only and nothing outside the process sees them, but they must be the
+ * same for a component inside a path and for the stored copy of its name: bytes behind the length never count.
+ */
+#include "dcache.h"
+
 #include <bit>
 #include <cstring>
 
-#include "dcache.h"
-
-namespace {
+namespace
+{
 
 constexpr uint64_t kGoldenRatio = 0x61C8864680B583EB;
 constexpr uint32_t kWord = 8;
@@ -14,6 +19,7 @@ static_assert(kLittle || std::endian::native == std::endian::big);
 /* The byte of a word that lies last in memory. */
 constexpr uint64_t kEighthByte = kLittle ? uint64_t{0xff} << 56 : uint64_t{0xff};
 
+/* Whether any byte is zero: the lowest byte to borrow into a clear top bit can only be a zero one. */
 bool has_zero_byte(uint64_t w) { return ((w - 0x0101010101010101) & ~w & 0x8080808080808080) != 0; }
 
 /* A word of the first `count` (below 8) bytes of `name` in memory order, those from a NUL on taken as zero. */
@@ -33,12 +39,12 @@ uint64_t load_word(const char *name)
 {
     uint64_t w;
     memcpy(&w, name, sizeof(w));
-    if (has_zero_byte(w | kEighthByte)) [[unlikely]]
+    if (has_zero_byte(w | kEighthByte)) [[unlikely]] /* no name holds a NUL, but a caller's text may */
         return load_bytes(name, kWord - 1);
     return w & ~kEighthByte;
 }
 
-} /* namespace */
+}  // namespace
 
 uint32_t full_name_hash(uint64_t salt, const char *name, uint32_t len)
 {
@@ -52,7 +58,7 @@ uint32_t full_name_hash(uint64_t salt, const char *name, uint32_t len)
         y = std::rotl(y, 45);
         y *= 9;
     }
-    x ^= load_bytes(name, len);
+    x ^= load_bytes(name, len); /* the rest is taken in without a round of its own */
     y ^= x * kGoldenRatio;
     y *= kGoldenRatio;
     return static_cast<uint32_t>(y >> 32);

@@ -1,13 +1,18 @@
+/*
+ * Paths are built from the last name to the first, into the end of the buffer, since only the way up is known.
+ */
+#include "dcache.h"
+
 #include <cstdlib>
 #include <cstring>
 
-#include "dcache.h"
+namespace
+{
 
-namespace {
-
-/* Shared by all callers; paths grow from its end towards its start. */
+/* Shared by all callers, which hold the monitor lock: a path lives until the next one is built. */
 char path_buffer[DCACHE_PATH_MAX];
 
+/* Null for null, so that an overflow passes through. */
 char *path_copy(const char *path)
 {
     if (!path)
@@ -19,7 +24,7 @@ char *path_copy(const char *path)
     return copy;
 }
 
-} /* namespace */
+}  // namespace
 
 char *_dentry_path(struct dentry *d, const char *suffix)
 {
@@ -27,7 +32,7 @@ char *_dentry_path(struct dentry *d, const char *suffix)
     path_buffer[p] = '\0';
     if (suffix) {
         const size_t len = strlen(suffix);
-        if (len > DCACHE_PATH_MAX - 2)
+        if (len > DCACHE_PATH_MAX - 2) /* one byte for the NUL, one for the root */
             return nullptr;
         p -= static_cast<int>(len);
         memcpy(path_buffer + p, suffix, len);

@@ -1,11 +1,18 @@
+/*
+ * A walk with a stack of its own: trees are as deep as users make them, and the thread's stack is not. What the walk
+ * will visit next is known before the caller gets the dentry, so that the caller may delete it; the directories on the
+ * stack are ancestors, which have children and so cannot be deleted.
+ */
+#include "dcache.h"
+
 #include <cstdlib>
 #include <cstring>
 
-#include "dcache.h"
 #include "list.h"
 #include "log.h"
 
-namespace {
+namespace
+{
 
 constexpr char kFile[] = "dcache.c";
 
@@ -15,6 +22,7 @@ struct saved_frame {
     struct dcache_frame frame;
 };
 
+/* The directory returned last becomes the current one, and its block the one that its children see. */
 void descend(struct dcache_traverse *t)
 {
     struct saved_frame *saved = static_cast<struct saved_frame *>(malloc(sizeof(struct saved_frame)));
@@ -43,7 +51,7 @@ struct dcache_frame pop(struct dcache_traverse *t)
 struct dentry *take_child(struct dcache_traverse *t)
 {
     list_head *head = &t->cur.d->children;
-    list_head *node = t->cursor ? t->cursor : head->next;
+    list_head *node = t->cursor ? t->cursor : head->next; /* not set is not the end: the end is the head */
     if (node == head) {
         t->cursor = head;
         return nullptr;
@@ -62,7 +70,7 @@ struct dentry *leave(struct dcache_traverse *t)
     return t->ret.d;
 }
 
-} /* namespace */
+}  // namespace
 
 void dcache_traverse_start(struct dcache_traverse *t, struct dentry *start, const void *data)
 {

@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "checked.h"
+#include "event_index.h"
 #include "list.h"
 #include "log.h"
 
@@ -52,16 +53,6 @@ hlink **bucket_of(struct fmon *monitor, const char *path)
     return &monitor->hash[path_hash(path) % static_cast<uint32_t>(monitor->hash_size)];
 }
 
-struct event *find_record(hlink **bucket, const char *path, uint32_t pid)
-{
-    for (hlink *node = *bucket; node; node = node->next) {
-        struct event *ev = FMON_RECORD(node, struct event, link);
-        if (ev->pid == pid && strcmp(ev->path, path) == 0)
-            return ev;
-    }
-    return nullptr;
-}
-
 /* In container mode: where the path lies as seen from here, and in which container. */
 void translate_path(struct raw_event *raw, const char *mount_id)
 {
@@ -76,22 +67,22 @@ void translate_path(struct raw_event *raw, const char *mount_id)
 }
 
 /* A record for the event, in no table; takes the path. Null: out of memory, the path is still the caller's. */
-struct event *new_record(const struct raw_event *raw)
+struct event_record *new_record(const struct raw_event *raw)
 {
     FMON_LOG(4, kFile, "create new event: %s, len:%d, ev: %s, pid: %d\n", raw->path,
              static_cast<int>(strlen(raw->path)), event_str(raw->mask), raw->pid);
-    auto *ev = static_cast<struct event *>(calloc(1, sizeof(struct event)));
-    if (!ev)
+    auto *record = static_cast<struct event_record *>(calloc(1, sizeof(struct event_record)));
+    if (!record)
         return nullptr;
-    ev->container = copy_text(raw->container);
-    if (raw->container && !ev->container) {
-        free(ev);
+    record->ev.container = copy_text(raw->container);
+    if (raw->container && !record->ev.container) {
+        free(record);
         return nullptr;
     }
-    ev->path = raw->path;
-    ev->mask = raw->mask;
-    ev->pid = raw->pid;
-    return ev;
+    record->ev.path = raw->path;
+    record->ev.mask = raw->mask;
+    record->ev.pid = raw->pid;
+    return record;
 }
 
 /* Returns whether any watch was met. Without a dentry only a kernel probe's event is for the whole system. */
@@ -105,10 +96,12 @@ bool offer(struct fmon *monitor, struct event *ev, struct dentry *d, const char 
     return false;
 }
 
-void settle_new(struct fmon *monitor, struct event *ev, hlink **bucket, bool watched, int source_fd)
+void settle_new(struct fmon *monitor, struct event_record *record, uint64_t key, bool watched, int source_fd)
 {
+    struct event *ev = &record->ev;
     if (ev->ref || ev->pending) {
-        hlink_add(&ev->link, bucket);
+        hlink_add(&ev->link, bucket_of(monitor, ev->path));
+        event_index_add(monitor, record, key);
         monitor->event_count = checked_add(monitor->event_count, 1);
         return;
     }
@@ -142,7 +135,7 @@ int event_init(struct fmon *monitor, int32_t max_events)
     monitor->hash_size = max_events / kChainLength;
     if (monitor->hash_size < kMinBuckets)
         monitor->hash_size = kMinBuckets;
-    monitor->hash = static_cast<hlink **>(calloc(static_cast<size_t>(monitor->hash_size), sizeof(hlink *)));
+    monitor->hash = event_table_new(monitor->hash_size);
     return monitor->hash ? 0 : FMON_ENOMEM;
 }
 
@@ -164,8 +157,8 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
     raw.source_fd = source_fd;
     translate_path(&raw, mount_id);
 
-    hlink **bucket = bucket_of(monitor, raw.path);
-    struct event *ev = find_record(bucket, raw.path, pid);
+    uint64_t key = event_key(raw.path, pid);
+    struct event *ev = event_index_find(monitor, key, raw.path, pid);
     if (ev) {
         merge(monitor, ev, mask);
         offer(monitor, ev, d, name, &raw);
@@ -173,21 +166,24 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
         free(raw.path);
         return 0;
     }
-    ev = new_record(&raw);
-    if (!ev) {
+    struct event_record *record = new_record(&raw);
+    if (!record) {
         free(raw.path);
         return FMON_ENOMEM;
     }
-    bool watched = offer(monitor, ev, d, name, &raw);
-    settle_new(monitor, ev, bucket, watched, source_fd);
+    bool watched = offer(monitor, &record->ev, d, name, &raw);
+    settle_new(monitor, record, key, watched, source_fd);
     return 0;
 }
 
 void event_free(struct fmon *monitor, struct event *ev)
 {
     monitor->event_count = checked_sub(monitor->event_count, 1);
-    if (monitor->hash) /* records outlive the table of a stopped monitor */
+    /* Records outlive the table of a stopped monitor; those are in no chain of the next one either. */
+    if (monitor->hash && hlink_linked(&ev->link)) {
+        event_index_remove(ev);
         hlink_unlink(&ev->link);
+    }
     _event_free(ev);
 }
 

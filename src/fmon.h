@@ -6,8 +6,8 @@
  * Nothing here locks: every call is made under the monitor lock of the plug-in shell (fmon_shell.h), by the monitor
  * thread or by a client's. Result codes are those of orx_fmon.h.
  *
- * Sources: fmon.cpp (start, stop, instances), fmon_watch.cpp (watch registry), fmon_global.cpp (system-wide watches),
- * fmon_run.cpp (descriptors, run step, event accessors), fmon_dump.cpp.
+ * Sources: fmon.cpp (start, stop, instances), fmon_watch.cpp, fmon_wildcard.cpp and fmon_tbd.cpp (watch registry),
+ * fmon_global.cpp (system-wide watches), fmon_run.cpp (descriptors, run step, event accessors), fmon_dump.cpp.
  */
 #ifndef FMON_FMON_H
 #define FMON_FMON_H

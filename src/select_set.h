@@ -63,14 +63,12 @@ private:
 
     bool grow(size_t size)
     {
-        void *block = realloc(grown_, size * sizeof(unsigned long));
+        void *block = calloc(size, sizeof(unsigned long));
         if (!block)
             return false;
-        unsigned long *next = static_cast<unsigned long *>(block);
-        if (!grown_)
-            memcpy(next, fixed_, sizeof(fixed_));
-        memset(next + size_, 0, (size - size_) * sizeof(unsigned long));
-        grown_ = next;
+        memcpy(block, words(), size_ * sizeof(unsigned long));
+        free(grown_);
+        grown_ = static_cast<unsigned long *>(block);
         size_ = size;
         return true;
     }

@@ -1,3 +1,8 @@
+/*
+ * The walk on disk. It keeps one open stream per level, each at its read position, so that a tree is read in one pass
+ * and costs a descriptor and a small block per level. The path of a directory is built anew when it is opened: the
+ * tree may have moved meanwhile, and then the open fails and the subtree is skipped.
+ */
 #include "linux/dcache_iterate.h"
 
 #include <sys/stat.h>
@@ -10,7 +15,8 @@
 #include "list.h"
 #include "log.h"
 
-namespace {
+namespace
+{
 
 constexpr char kFile[] = "linux/dcache_iterate.c";
 
@@ -20,7 +26,7 @@ struct saved_frame {
     struct dcache_iterate_frame frame;
 };
 
-/* Makes the pending directory the current one. On failure the current one stays. */
+/* Makes the pending directory the current one. On failure the current one stays, and the pending one is as it was. */
 int open_level(struct dcache_iterate *it)
 {
     const char *path = dentry_path_null(it->pending.d);
@@ -30,11 +36,11 @@ int open_level(struct dcache_iterate *it)
     }
     DIR *dir = opendir(path);
     if (!dir) {
-        const int error = errno;
+        const int error = errno; /* before the log can change it */
         FMON_LOG(1, kFile, "open dir %s failed: %s\n", path, strerror(error));
         return -1;
     }
-    it->cur = it->pending;
+    it->cur = it->pending; /* dentry, depth and block */
     it->cur.dir = dir;
     it->pending.d = nullptr;
     return 0;
@@ -72,7 +78,7 @@ bool pop(struct dcache_iterate *it)
     return true;
 }
 
-/* For file systems whose streams do not tell types. */
+/* For file systems whose streams do not tell types. Links are not followed, as a type would say "link". */
 bool is_directory_on_disk(struct dentry *parent, const char *name)
 {
     const char *path = _dentry_path(parent, name);
@@ -99,13 +105,13 @@ struct dentry *take_entry(struct dcache_iterate *it, const struct dirent *entry)
         FMON_LOG(1, kFile, "iterate add dentry failed\n");
         return nullptr;
     }
-    it->pending = {};
+    it->pending = {}; /* its block is zero until the caller writes it */
     it->pending.d = d;
     it->pending.depth = checked_add(it->cur.depth, 1);
     return d;
 }
 
-} /* namespace */
+}  // namespace
 
 int dcache_iterate_start(struct dcache *cache, struct dentry *start, struct dcache_iterate *it, int32_t max_depth,
                          int32_t max_subdirs, const void *data)
@@ -127,8 +133,9 @@ struct dentry *dcache_iterate_next(struct dcache_iterate *it)
     /* The count stays 0, so this ends a walk only where max_subdirs is negative; clients rely on no other limit. */
     if (it->max_subdirs != 0 && it->subdir_count >= it->max_subdirs)
         return nullptr;
-    if (!it->cur.dir)
+    if (!it->cur.dir) /* over */
         return nullptr;
+    /* Before the next sibling is read: whatever is below the directory returned last comes first. */
     if (it->pending.d && (it->max_depth == 0 || it->pending.depth < it->max_depth))
         descend(it);
     do {

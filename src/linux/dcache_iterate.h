@@ -21,7 +21,8 @@ struct dcache_iterate_frame {
 
 struct dcache_iterate {
     struct dcache *cache;
-    int32_t subdir_count; /* compared with max_subdirs and never advanced: a negative max_subdirs ends the walk at once */
+    int32_t
+        subdir_count; /* compared with max_subdirs and never advanced: a negative max_subdirs ends the walk at once */
     int32_t max_depth, max_subdirs; /* 0: no limit */
     list_head stack;
     struct dcache_iterate_frame cur;     /* the directory being read: its block belongs to what is returned's parent */
@@ -31,8 +32,9 @@ struct dcache_iterate {
 /* 0, or -1 when the directory cannot be opened. `data`: DCACHE_DATA_SIZE bytes, required. */
 FMON_API int dcache_iterate_start(struct dcache *, struct dentry *, struct dcache_iterate *, int32_t max_depth,
                                   int32_t max_subdirs, const void *data);
-FMON_API struct dentry *dcache_iterate_next(struct dcache_iterate *); /* null: over */
-FMON_API void dcache_iterate_stop(struct dcache_iterate *);           /* after every successful start */
+/* Null: over. The dentry is entered by the next call: it must still be there then. */
+FMON_API struct dentry *dcache_iterate_next(struct dcache_iterate *);
+FMON_API void dcache_iterate_stop(struct dcache_iterate *); /* after every successful start */
 
 } /* extern "C" */
 

@@ -1,0 +1,299 @@
+#include "core_fixture.h"
+
+namespace
+{
+
+using namespace testlib;
+
+class Run : public CoreTest
+{
+protected:
+    explicit Run(int max_events = 100) : CoreTest(max_events), id(instance()), dir(tree.dir("d"))
+    {
+        EXPECT_EQ(0, add(id, dir, FMON_CREATE | FMON_MODIFY));
+        backend.calls.clear();
+        log_clear();
+    }
+    /* Whether a run at that time retries the waiting watches. */
+    bool passes(uint32_t now)
+    {
+        std::string path = tree.dir("late");
+        int result = 0;
+        tree.remove("late");
+        EXPECT_EQ(0, add(id, path, FMON_CREATE, FMON_DIR | FMON_DELETED));
+        tree.dir("late");
+        result = fmon_run(now);
+        EXPECT_EQ(0, result);
+        bool attached = find(id, path)->dentry != nullptr;
+        EXPECT_EQ(0, del(id, path));
+        return attached;
+    }
+    void fill(int n)
+    {
+        for (int i = 0; i < n; i++)
+            ASSERT_EQ(0, process(dir, "f" + std::to_string(i), FMON_CREATE));
+    }
+
+    int id;
+    std::string dir;
+};
+
+class FullTable : public Run
+{
+protected:
+    FullTable() : Run(3) {}
+};
+
+/* ---- descriptors ---- */
+
+TEST_F(Run, DescriptorsAreTheBackends)
+{
+    backend.fds = {4, -1, 5};
+    backend.lower_timeout = 150;
+    int32_t *fds = nullptr;
+    uint32_t timeout = 1000;
+    EXPECT_EQ(3, fmon_get_selectable_fds(&fds, &timeout));
+    EXPECT_EQ(backend.fds.data(), fds);
+    EXPECT_EQ(150u, timeout);
+}
+
+TEST_F(FullTable, OffersNoDescriptor)
+{
+    backend.fds = {4};
+    backend.lower_timeout = 150;
+    int32_t *fds = nullptr;
+    uint32_t timeout = 1000;
+    fill(2);
+    EXPECT_EQ(1, fmon_get_selectable_fds(&fds, &timeout));
+    fill(3);
+    ASSERT_EQ(3, fmon.event_count);
+    fds = nullptr;
+    timeout = 1000;
+    EXPECT_EQ(0, fmon_get_selectable_fds(&fds, &timeout));
+    EXPECT_EQ(nullptr, fds);
+    EXPECT_EQ(1000u, timeout);
+    fill(4);
+    EXPECT_EQ(0, fmon_get_selectable_fds(&fds, &timeout)); /* above the limit as well */
+    fmon_drop_event(id);
+    fmon_drop_event(id);
+    EXPECT_EQ(1, fmon_get_selectable_fds(&fds, &timeout));
+}
+
+/* ---- the run step ---- */
+
+TEST_F(Run, ReadsTheBackend)
+{
+    backend.read_result = 17;
+    EXPECT_EQ(17, fmon_run(500));
+    EXPECT_EQ(1, backend.count("read_event(500)"));
+    backend.read_result = -5;
+    EXPECT_EQ(-5, fmon_run(501));
+}
+
+TEST_F(Run, HandsTheBackendTheTable)
+{
+    backend.on_read = [&](struct fmon *object, uint32_t, fmon_event_cb cb) {
+        EXPECT_EQ(&fmon, object);
+        return cb(object, dentry(dir), "f", FMON_CREATE, 3, kFd, nullptr);
+    };
+    EXPECT_EQ(0, fmon_run(500));
+    EXPECT_NE(nullptr, record(dir + "/f", 3));
+}
+
+TEST_F(FullTable, ReadsNothingButRetriesWaitingWatches)
+{
+    fill(3);
+    backend.read_result = 17;
+    EXPECT_TRUE(passes(2000));
+    EXPECT_EQ(0, backend.count("read_event(2000)"));
+    EXPECT_EQ(2000u, fmon.tbd_last);
+    fmon_drop_event(id);
+    EXPECT_EQ(17, fmon_run(2001));
+}
+
+TEST_F(Run, PassIsDueAfterMoreThanTheInterval)
+{
+    EXPECT_FALSE(passes(999));
+    EXPECT_FALSE(passes(1000));
+    EXPECT_EQ(0u, fmon.tbd_last);
+    EXPECT_TRUE(passes(1001));
+    EXPECT_EQ(1001u, fmon.tbd_last);
+    EXPECT_FALSE(passes(2001));
+    EXPECT_TRUE(passes(2002));
+}
+
+TEST_F(Run, TimerWrapIsHarmless)
+{
+    fmon.tbd_interval = 30000;
+    fmon.tbd_last = static_cast<uint32_t>(-296); /* 301 ms before 5 */
+    EXPECT_FALSE(passes(5));
+    fmon.tbd_last = static_cast<uint32_t>(-296);
+    EXPECT_FALSE(passes(29704));
+    EXPECT_TRUE(passes(29705));
+    EXPECT_EQ(29705u, fmon.tbd_last);
+    fmon.tbd_last = 0xffffffff;
+    EXPECT_FALSE(passes(0));
+    EXPECT_FALSE(passes(0xffffffff));
+    EXPECT_TRUE(passes(0xfffffffe)); /* a clock that went back counts as far ahead */
+}
+
+TEST_F(Run, PassComesBeforeTheReading)
+{
+    std::string path = tree.dir("late");
+    tree.remove("late");
+    ASSERT_EQ(0, add(id, path, FMON_CREATE, FMON_DIR | FMON_DELETED));
+    tree.dir("late");
+    backend.on_read = [&](struct fmon *, uint32_t, fmon_event_cb) {
+        EXPECT_NE(nullptr, find(id, path)->dentry);
+        return 0;
+    };
+    fmon_run(5000);
+    EXPECT_EQ(1, backend.count("read_event(5000)"));
+}
+
+/* ---- reading events ---- */
+
+TEST_F(Run, PeekLeavesTheRecord)
+{
+    fill(1);
+    struct event *ev = fmon_peek_event(id);
+    ASSERT_NE(nullptr, ev);
+    EXPECT_EQ(ev, fmon_peek_event(id));
+    EXPECT_EQ(1u, ev->ref);
+    EXPECT_EQ(1, fmon_has_event(id));
+}
+
+TEST_F(Run, PeekOfAnEmptyQueueClearsTheBitAndNeverSetsOne)
+{
+    int other = instance("other");
+    fmon.event_mask = 3;
+    EXPECT_EQ(nullptr, fmon_peek_event(other));
+    EXPECT_EQ(1u, *fmon_get_event_mask());
+    EXPECT_EQ(nullptr, fmon_peek_event(other));
+    EXPECT_EQ(1u, *fmon_get_event_mask());
+    fill(1);
+    fmon.event_mask = 0;
+    EXPECT_NE(nullptr, fmon_peek_event(id));
+    EXPECT_EQ(0u, *fmon_get_event_mask());
+}
+
+TEST_F(Run, ReadTakesTheRecordOffTheQueue)
+{
+    fill(2);
+    struct event *ev = fmon_read_event(id);
+    ASSERT_NE(nullptr, ev);
+    EXPECT_EQ(dir + "/f0", ev->path);
+    EXPECT_EQ(0u, ev->ref);
+    EXPECT_EQ(1u, queued(id));
+    EXPECT_EQ(2, fmon.event_count); /* until it is freed */
+    EXPECT_EQ(1u, *fmon_get_event_mask());
+    EXPECT_EQ((Lines{fmon_line(4, "free event " + dir + "/f0\n")}), log_of([&] { fmon_free_event(ev); }));
+    EXPECT_EQ(1, fmon.event_count);
+}
+
+TEST_F(Run, ReadOfAnEmptyQueueClearsTheBit)
+{
+    fmon.event_mask = 1;
+    EXPECT_EQ(nullptr, fmon_read_event(id));
+    EXPECT_EQ(0u, *fmon_get_event_mask());
+}
+
+TEST_F(Run, LastReadLeavesTheBitUntilTheNextLook)
+{
+    fill(1);
+    fmon_drop_event(id);
+    EXPECT_EQ(0, fmon_has_event(id));
+    EXPECT_EQ(1u, *fmon_get_event_mask());
+    fmon_drop_event(id);
+    EXPECT_EQ(0u, *fmon_get_event_mask());
+}
+
+TEST_F(Run, RecordThatWasReadStillTakesEventsIn)
+{
+    fill(1);
+    struct event *ev = fmon_read_event(id);
+    process(dir, "f0", FMON_MODIFY);
+    EXPECT_EQ(1, fmon.event_count);
+    EXPECT_EQ(FMON_CREATE | FMON_MODIFY, ev->mask);
+    EXPECT_EQ(ev, fmon_peek_event(id)); /* queued again */
+    EXPECT_TRUE(log_of([&] { fmon_free_event(ev); }).empty());
+    EXPECT_EQ(1, fmon.event_count);
+}
+
+TEST_F(Run, DropFreesOnlyWhatNobodyElseHolds)
+{
+    int other = instance("other");
+    ASSERT_EQ(0, add(other, dir, FMON_CREATE));
+    fill(1);
+    ASSERT_EQ(3u, fmon_peek_event(id)->ref);
+    EXPECT_TRUE(log_of([&] { fmon_drop_event(id); }).empty());
+    EXPECT_EQ(1, fmon.event_count);
+    EXPECT_EQ((Lines{fmon_line(4, "free event " + dir + "/f0\n")}), log_of([&] { fmon_drop_event(other); }));
+    EXPECT_EQ(0, fmon.event_count);
+}
+
+TEST_F(Run, DropKeepsWhatIsHeldBack)
+{
+    int other = instance("other");
+    ASSERT_EQ(0, add(other, dir, FMON_MODIFY | FMON_CLOSE_WRITE, FMON_DIR | FMON_DELAY));
+    process(dir, "f", FMON_MODIFY);
+    ASSERT_EQ(2u, fmon_peek_event(id)->pending);
+    fmon_drop_event(id);
+    EXPECT_EQ(1, fmon.event_count);
+    EXPECT_NE(nullptr, record(dir + "/f"));
+}
+
+TEST_F(Run, DropOfAnEmptyQueueDoesNothing)
+{
+    EXPECT_TRUE(log_of([&] { fmon_drop_event(id); }).empty());
+}
+
+TEST_F(Run, SlotNeverUsedHasNoEvents)
+{
+    for (int never : {5, 31}) {
+        EXPECT_EQ(0, fmon_has_event(never));
+        EXPECT_EQ(nullptr, fmon_peek_event(never));
+        EXPECT_EQ(nullptr, fmon_read_event(never));
+        fmon_drop_event(never);
+    }
+}
+
+TEST_F(Run, DestroyedSlotHasNoEvents)
+{
+    fill(2);
+    fmon_destroy_instance(id);
+    EXPECT_EQ(0, fmon_has_event(id));
+    EXPECT_EQ(nullptr, fmon_peek_event(id));
+    EXPECT_EQ(nullptr, fmon_read_event(id));
+}
+
+TEST_F(Run, EventMaskIsLive)
+{
+    uint32_t *mask = fmon_get_event_mask();
+    EXPECT_EQ(0u, *mask);
+    fill(1);
+    EXPECT_EQ(1u, *mask);
+    EXPECT_EQ(&fmon.event_mask, mask);
+}
+
+/* A queue entry without a record does not occur; were there one, it would be dropped like any other. */
+TEST_F(Run, EntryWithoutARecordIsDropped)
+{
+    auto *entry = static_cast<struct event_entry *>(calloc(1, sizeof(struct event_entry)));
+    list_add_tail(&entry->link, &fmon.instances[id].events);
+    EXPECT_EQ(1, fmon_has_event(id));
+    fmon_drop_event(id);
+    EXPECT_EQ(0, fmon_has_event(id));
+    entry = static_cast<struct event_entry *>(calloc(1, sizeof(struct event_entry)));
+    list_add_tail(&entry->link, &fmon.instances[id].events);
+    EXPECT_EQ(0, fmon_destroy_instance(id));
+}
+
+TEST_F(Run, RateControlIsTheBackends)
+{
+    backend.rate_result = 3;
+    EXPECT_EQ(3, fmon_rate_ctrl(10, 200, 0));
+    EXPECT_EQ(1, backend.count("rate_ctrl(10,200,0)"));
+}
+
+}  // namespace

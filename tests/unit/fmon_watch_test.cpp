@@ -1,0 +1,634 @@
+#include <unistd.h>
+
+#include "core_fixture.h"
+
+namespace
+{
+
+using namespace testlib;
+
+constexpr uint32_t kWait = FMON_DIR | FMON_DELETED;
+
+class Watches : public CoreTest
+{
+protected:
+    Watches() : id(instance()), dir(tree.dir("dir")) { log_clear(); }
+
+    /* Adds, and where that succeeds deletes again. */
+    int try_add(const std::string &path, uint32_t mask = FMON_CREATE, uint32_t flags = FMON_DIR)
+    {
+        int result = add(id, path, mask, flags);
+        if (result == 0) {
+            EXPECT_EQ(0, del(id, path)) << path;
+        }
+        EXPECT_EQ(0u, watches(id));
+        return result;
+    }
+    /* Deletes the leaves of the cached tree, which the fake backend leaves behind. */
+    static void prune()
+    {
+        struct dcache_traverse walk;
+        dcache_traverse_start(&walk, fmon.dcache.root, nullptr);
+        while (struct dentry *d = dcache_traverse_next_safe(&walk))
+            if (walk.state == DCACHE_LEAF)
+                dcache_del(&fmon.dcache, d);
+        dcache_traverse_end(&walk);
+    }
+    /* A directory, or anything else, vanishes from the tree as the backend reports it. */
+    static void vanish(struct watch *w)
+    {
+        list_unlink(&w->link);
+        w->dentry = nullptr;
+        watch_out_service(&fmon, w);
+    }
+
+    int id;
+    std::string dir;
+};
+
+/* ---- adding ---- */
+
+TEST_F(Watches, RecordHoldsTheRequest)
+{
+    ASSERT_EQ(0, fmon_add_watch(id, dir.c_str(), 0x123, 0x10a, 5, 6));
+    struct watch *w = find(id, dir);
+    ASSERT_NE(nullptr, w);
+    EXPECT_EQ(0x123u, w->mask);
+    EXPECT_EQ(0x10au, w->flags);
+    EXPECT_EQ(id, w->instance);
+    EXPECT_EQ(5, w->max_depth);
+    EXPECT_EQ(6, w->max_subdirs);
+    EXPECT_EQ(dentry(dir), w->dentry);
+    EXPECT_EQ(nullptr, w->parent);
+    EXPECT_EQ((std::vector<std::string>{"init()", "check_watch(" + dir + ")", "add_watch(" + dir + ")"}), backend.calls);
+}
+
+TEST_F(Watches, AddingIsLogged)
+{
+    EXPECT_EQ((Lines{fmon_line(4, "add watch: " + dir +
+                                      ", event modify,create, flags dir,recursive, max depth 5, max subdirs 6\n"),
+                     fmon_line(4, "watch new, origin path: " + dir + ", rpath: " + dir)}),
+              log_of([&] { fmon_add_watch(id, dir.c_str(), FMON_CREATE | FMON_MODIFY, FMON_DIR | FMON_RECURSIVE, 5, 6); }));
+}
+
+TEST_F(Watches, LimitsAreStoredTruncatedAndLoggedAsGiven)
+{
+    log_clear();
+    ASSERT_EQ(0, fmon_add_watch(id, dir.c_str(), FMON_CREATE, FMON_DIR, 65536, 0x80000000));
+    EXPECT_EQ(0, find(id, dir)->max_depth);
+    EXPECT_EQ(INT32_MIN, find(id, dir)->max_subdirs);
+    EXPECT_EQ(1, log_count_containing("max depth 65536, max subdirs -2147483648\n"));
+    ASSERT_EQ(0, del(id, dir));
+    ASSERT_EQ(0, fmon_add_watch(id, dir.c_str(), FMON_CREATE, FMON_DIR, 65535, 1));
+    EXPECT_EQ(65535, find(id, dir)->max_depth);
+}
+
+TEST_F(Watches, InstanceMustBeLive)
+{
+    for (int bad : {-1, 1, 31, 32, INT32_MAX, INT32_MIN}) {
+        EXPECT_TRUE(log_of([&] { EXPECT_EQ(FMON_EINVAL, add(bad, dir, FMON_CREATE)); }).empty());
+        EXPECT_EQ(FMON_EINVAL, del(bad, dir));
+    }
+}
+
+TEST_F(Watches, MaskMustBeWithinTheNamedKinds)
+{
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, 0));
+    EXPECT_EQ(0, try_add(dir, 1));
+    EXPECT_EQ(0, try_add(dir, 0xfff));
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, 0x1000));
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, 0x1001));
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, 0x80000001));
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, 0xffffffff));
+}
+
+TEST_F(Watches, ExactlyOneTypeMustBeGiven)
+{
+    std::string file = tree.file("f");
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_FILE));
+    EXPECT_EQ(0, try_add(dir, FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(0, try_add(dir, FMON_CREATE, FMON_MOUNT));
+    for (uint32_t flags : {0u, 3u, 5u, 6u, 7u, 8u, 0x80u})
+        EXPECT_EQ(FMON_EINVAL, try_add(dir, FMON_CREATE, flags)) << flags;
+}
+
+TEST_F(Watches, FlagsThatDoNotGoTogether)
+{
+    std::string file = tree.file("f");
+    EXPECT_EQ(FMON_EINVAL, try_add(file, FMON_CREATE, FMON_FILE | FMON_RECURSIVE));
+    EXPECT_EQ(0, try_add(dir, FMON_CREATE, FMON_DIR | FMON_RECURSIVE));
+    EXPECT_EQ(0, try_add(dir, FMON_CREATE, FMON_MOUNT | FMON_RECURSIVE));
+    EXPECT_EQ(FMON_EINVAL, try_add(dir, FMON_CREATE, FMON_MOUNT | FMON_SYNC));
+    EXPECT_EQ(0, try_add(dir, FMON_CREATE, FMON_DIR | FMON_SYNC));
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_FILE | FMON_SYNC));
+}
+
+TEST_F(Watches, FlagsWithoutAMeaningAreKept)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE, FMON_DIR | FMON_SYMBOLIC | 0xfffc0000));
+    EXPECT_EQ(FMON_DIR | FMON_SYMBOLIC | 0xfffc0000, find(id, dir)->flags);
+}
+
+/* An existing directory is resolved before it is stored, but the client's spelling decides. */
+TEST_F(Watches, PathMustBeWellFormedAsGiven)
+{
+    EXPECT_EQ(FMON_EINVAL, try_add(dir + "/"));
+    EXPECT_EQ(FMON_EINVAL, try_add(tree.root() + "//dir"));
+    EXPECT_EQ(FMON_EINVAL, try_add("/" + dir));
+    EXPECT_EQ(FMON_EINVAL, try_add("//"));
+    EXPECT_EQ(FMON_EINVAL, try_add("data"));
+    EXPECT_EQ(FMON_EINVAL, try_add("."));
+    EXPECT_EQ(FMON_EINVAL, try_add(""));
+    EXPECT_EQ(0, try_add("/"));
+    ASSERT_EQ(0, chdir(tree.root().c_str()));
+    EXPECT_EQ(FMON_EINVAL, try_add("dir"));
+    ASSERT_EQ(0, chdir("/"));
+}
+
+TEST_F(Watches, MissingPathIsNotResolvedButMustBeWellFormed)
+{
+    std::string missing = tree.path("missing");
+    EXPECT_EQ(0, try_add(missing, FMON_CREATE, kWait));
+    EXPECT_EQ(FMON_EINVAL, try_add(missing + "/", FMON_CREATE, kWait));
+    EXPECT_EQ(FMON_EINVAL, try_add(tree.root() + "//missing", FMON_CREATE, kWait));
+    EXPECT_EQ(FMON_EINVAL, try_add("missing", FMON_CREATE, kWait));
+}
+
+TEST_F(Watches, RefusedCheckIsLogged)
+{
+    EXPECT_EQ((Lines{fmon_line(4, "add watch: , event create, flags dir, max depth 0, max subdirs 0\n"),
+                     fmon_line(4, "watch new, origin path: , rpath: "), fmon_line(1, "check watch failed\n")}),
+              log_of([&] { EXPECT_EQ(FMON_EINVAL, add(id, "", FMON_CREATE)); }));
+}
+
+TEST_F(Watches, BackendMayRefuse)
+{
+    backend.check_result = FMON_ENOTSUP;
+    EXPECT_EQ(FMON_ENOTSUP, try_add(dir));
+    EXPECT_TRUE(logged(1, "check watch failed\n"));
+    EXPECT_EQ(0, backend.count("add_watch(" + dir + ")"));
+    backend.check_result = 1; /* only below 0 */
+    EXPECT_EQ(0, try_add(dir));
+}
+
+TEST_F(Watches, BackendNeedNotCheck)
+{
+    backend.drop_optional();
+    EXPECT_EQ(0, try_add(dir));
+}
+
+TEST_F(Watches, CoreChecksBeforeTheBackend)
+{
+    try_add(dir, 0);
+    EXPECT_EQ(0, backend.count("check_watch(" + dir + ")"));
+}
+
+TEST_F(Watches, PathMustExistAndBeOfItsType)
+{
+    std::string file = tree.file("f"), missing = tree.path("missing");
+    EXPECT_EQ(FMON_ENOENT, try_add(missing));
+    EXPECT_EQ(FMON_ENOENT, try_add(file));
+    EXPECT_EQ(FMON_ENOENT, try_add(file, FMON_CREATE, FMON_MOUNT));
+    EXPECT_EQ(FMON_ENOENT, try_add(dir, FMON_CREATE, FMON_FILE));
+    EXPECT_EQ(FMON_ENOENT, try_add("/dev/null", FMON_CREATE, FMON_FILE));
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_FILE));
+    EXPECT_EQ(0, backend.count("add_watch(" + missing + ")"));
+    EXPECT_TRUE(logged(1, "add watch failed: -114\n"));
+}
+
+TEST_F(Watches, BackendsCodePassesThrough)
+{
+    std::string before = snapshot();
+    for (int code : {-101, -103, -108, -109, -110, -112, -114, -117, -1, 1}) {
+        backend.add_result = code;
+        EXPECT_EQ((Lines{fmon_line(1, "add watch failed: " + std::to_string(code) + "\n")}).back(),
+                  log_of([&] { EXPECT_EQ(code, add(id, dir, FMON_CREATE)); }).back());
+        EXPECT_EQ(0u, watches(id));
+    }
+    EXPECT_EQ(before, snapshot());
+}
+
+TEST_F(Watches, EachAllocationCanFail)
+{
+    std::string before = snapshot();
+    int result = 0, hits = 0;
+    for (const char *name : {"malloc", "calloc", "realloc"})
+        hits += fail_each_then(
+            name, [&] { result = add(id, dir, FMON_CREATE); },
+            [&](bool hit) {
+                EXPECT_EQ(hit ? FMON_ENOMEM : 0, result) << name;
+                if (!hit) {
+                    EXPECT_EQ(0, del(id, dir));
+                    while (fmon.dcache.count)
+                        prune();
+                }
+                EXPECT_EQ(before, snapshot()) << name;
+            });
+    EXPECT_GE(hits, 4); /* record, path, and the directories */
+}
+
+TEST_F(Watches, PathThatCannotBeResolvedIsKept)
+{
+    std::string link = tree.link("l", dir);
+    Fault fault("realpath", 1, ENOENT);
+    EXPECT_EQ(FMON_ENOENT, add(id, link, FMON_CREATE)); /* itself a link, which is no directory */
+    EXPECT_TRUE(logged(4, "watch new, origin path: " + link + ", rpath: " + link));
+}
+
+TEST_F(Watches, PathThatCannotBeExaminedIsMissing)
+{
+    Fault fault("lstat", 1, EACCES);
+    EXPECT_EQ(FMON_ENOENT, add(id, dir, FMON_CREATE));
+    EXPECT_TRUE(fault.hit());
+}
+
+/* ---- the same path again ---- */
+
+TEST_F(Watches, SamePathOfOneInstanceIsRefused)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    EXPECT_EQ((Lines{fmon_line(4, "add watch: " + dir + ", event modify, flags file, max depth 0, max subdirs 0\n")}),
+              log_of([&] { EXPECT_EQ(FMON_EEXIST, add(id, dir, FMON_MODIFY, FMON_FILE)); }));
+    int other = instance("other");
+    EXPECT_EQ(0, add(other, dir, FMON_CREATE));
+}
+
+TEST_F(Watches, SameDirectoryThroughALinkIsAddedAgain)
+{
+    std::string link = tree.link("l", dir);
+    EXPECT_EQ(0, add(id, dir, FMON_CREATE));
+    EXPECT_EQ(0, add(id, link, FMON_CREATE));
+    EXPECT_EQ(0, add(id, link, FMON_CREATE));
+    EXPECT_EQ(3u, watches(id));
+    EXPECT_TRUE(logged(4, "watch new, origin path: " + link + ", rpath: " + dir));
+    EXPECT_EQ(FMON_EEXIST, add(id, dir, FMON_CREATE));
+    EXPECT_EQ(FMON_ENOENT, del(id, link));
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ(0, del(id, dir));
+    EXPECT_EQ(FMON_ENOENT, del(id, dir));
+}
+
+TEST_F(Watches, LinkOnTheWayIsResolved)
+{
+    tree.dir("dir/e");
+    std::string through = tree.link("l", dir) + "/e";
+    ASSERT_EQ(0, add(id, through, FMON_CREATE));
+    EXPECT_NE(nullptr, find(id, dir + "/e"));
+    EXPECT_EQ(FMON_ENOENT, del(id, through));
+    EXPECT_EQ(0, add(id, through, FMON_CREATE));
+}
+
+/* ---- deleting ---- */
+
+TEST_F(Watches, DeletingGivesItBackToTheBackend)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    EXPECT_EQ((Lines{fmon_line(4, "del watch: " + dir + " from instance client\n")}),
+              log_of([&] { EXPECT_EQ(0, del(id, dir)); }));
+    EXPECT_EQ(1, backend.count("del_watch(" + dir + ")"));
+    EXPECT_EQ(0u, watches(id));
+    EXPECT_TRUE(log_of([&] { EXPECT_EQ(FMON_ENOENT, del(id, dir)); }).empty());
+}
+
+TEST_F(Watches, DeletingGoesOnWhenTheBackendFails)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    backend.del_result = -109;
+    EXPECT_EQ((Lines{fmon_line(4, "del watch: " + dir + " from instance client\n"),
+                     fmon_line(1, "del watch failed: -109\n")}),
+              log_of([&] { EXPECT_EQ(0, del(id, dir)); }));
+    EXPECT_EQ(0u, watches(id));
+}
+
+TEST_F(Watches, BackendThatLeavesTheWatchInItsDentryDoesNoHarm)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    backend.on_del = [](struct watch *) { return -1; };
+    EXPECT_EQ(0, del(id, dir));
+    EXPECT_TRUE(list_empty(&owner_of(dentry(dir))->watches));
+}
+
+TEST_F(Watches, PlainWatchOfAVanishedDirectoryIsStillThere)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    vanish(find(id, dir));
+    EXPECT_EQ(1u, watches(id));
+    EXPECT_EQ(0u, waiting());
+    EXPECT_EQ(FMON_EEXIST, add(id, dir, FMON_CREATE));
+    EXPECT_EQ(0, del(id, dir));
+    EXPECT_EQ(0, backend.count("del_watch(" + dir + ")"));
+    EXPECT_EQ(0u, watches(id));
+}
+
+TEST_F(Watches, WaitingWatchIsDeleted)
+{
+    std::string missing = tree.path("missing");
+    ASSERT_EQ(0, add(id, missing, FMON_CREATE, kWait));
+    EXPECT_EQ((Lines{fmon_line(4, "del watch: " + missing + " from instance client\n"),
+                     fmon_line(4, "delete deleted watch\n")}),
+              log_of([&] { EXPECT_EQ(0, del(id, missing)); }));
+    EXPECT_EQ(0u, watches(id));
+    EXPECT_EQ(0u, waiting());
+}
+
+TEST_F(Watches, AttachedWatchThatWouldWaitIsDeletedAsAnyOther)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE, kWait));
+    EXPECT_EQ((Lines{fmon_line(4, "del watch: " + dir + " from instance client\n")}),
+              log_of([&] { EXPECT_EQ(0, del(id, dir)); }));
+    EXPECT_EQ(1, backend.count("del_watch(" + dir + ")"));
+}
+
+/* ---- waiting ---- */
+
+class Waiting : public Watches
+{
+protected:
+    void pass() { fmon_tbd_pass(); }
+    /* The waiting paths in order, below the tree's root. */
+    std::string order()
+    {
+        std::string text;
+        FMON_LIST_EACH(node, &fmon.tbd)
+        {
+            struct watch *w = FMON_RECORD(node, struct watch, link);
+            text += std::string(w->path).substr(tree.root().size());
+        }
+        /* The list is whole in the other direction too. */
+        size_t back = 0;
+        for (list_head *node = fmon.tbd.prev; node != &fmon.tbd; node = node->prev)
+            back++;
+        EXPECT_EQ(back, waiting());
+        return text;
+    }
+    void wait_for(const std::string &names)
+    {
+        for (char c : names)
+            ASSERT_EQ(0, add(id, tree.path(std::string(1, c)), FMON_CREATE, kWait));
+    }
+};
+
+TEST_F(Waiting, MissingPathIsAccepted)
+{
+    std::string missing = tree.path("missing");
+    EXPECT_EQ((Lines{fmon_line(4, "add watch: " + missing + ", event create, flags dir,deleted, max depth 0, max subdirs 0\n"),
+                     fmon_line(4, "watch new, origin path: " + missing + ", rpath: " + missing),
+                     fmon_line(4, "this watch is add to tbd list\n")}),
+              log_of([&] { EXPECT_EQ(0, add(id, missing, FMON_CREATE, kWait)); }));
+    EXPECT_EQ(1u, waiting());
+    EXPECT_EQ(nullptr, find(id, missing)->dentry);
+    EXPECT_EQ(FMON_EEXIST, add(id, missing, FMON_CREATE, kWait));
+}
+
+TEST_F(Waiting, BackendThatMissesThePathMakesItWait)
+{
+    backend.add_result = FMON_ENOENT;
+    EXPECT_EQ(0, add(id, dir, FMON_CREATE, kWait));
+    EXPECT_EQ(1u, waiting());
+    backend.add_result = -109;
+    EXPECT_EQ(-109, add(id, tree.dir("e"), FMON_CREATE, kWait));
+    EXPECT_EQ(1u, waiting());
+}
+
+TEST_F(Waiting, PathOfAnotherTypeMakesItWait)
+{
+    std::string path = tree.file("x");
+    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
+    pass();
+    EXPECT_EQ(1u, waiting());
+    tree.remove("x");
+    tree.dir("x");
+    pass();
+    EXPECT_EQ(0u, waiting());
+}
+
+TEST_F(Waiting, MissingPathIsRetriedSilently)
+{
+    ASSERT_EQ(0, add(id, tree.path("missing"), FMON_CREATE, kWait));
+    EXPECT_TRUE(log_of([&] { pass(); }).empty());
+    EXPECT_EQ(0, backend.count("add_watch(" + tree.path("missing") + ")"));
+}
+
+TEST_F(Waiting, AttachesWhenThePathAppears)
+{
+    std::string missing = tree.path("missing");
+    ASSERT_EQ(0, add(id, missing, FMON_CREATE, kWait));
+    tree.dir("missing");
+    EXPECT_EQ((Lines{fmon_line(4, "tbd watch " + missing + " added\n")}), log_of([&] { pass(); }));
+    EXPECT_EQ(0u, waiting());
+    struct watch *w = find(id, missing);
+    EXPECT_EQ(dentry(missing), w->dentry);
+    EXPECT_EQ(&w->link, owner_of(w->dentry)->watches.next);
+    process(missing, "f", FMON_CREATE);
+    EXPECT_EQ(1u, queued(id));
+}
+
+TEST_F(Waiting, GoesBackToWaitingAndComesAgain)
+{
+    std::string path = tree.dir("x");
+    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
+    for (int i = 0; i < 3; i++) {
+        ASSERT_NE(nullptr, find(id, path)->dentry);
+        tree.remove("x");
+        vanish(find(id, path));
+        EXPECT_EQ(1u, waiting());
+        pass();
+        EXPECT_EQ(1u, waiting());
+        tree.dir("x");
+        pass();
+        EXPECT_EQ(0u, waiting());
+    }
+    EXPECT_EQ(0, del(id, path));
+}
+
+TEST_F(Waiting, FailedRetryIsLoggedEveryTime)
+{
+    std::string path = tree.path("x");
+    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
+    tree.dir("x");
+    backend.add_result = -108;
+    for (int i = 0; i < 2; i++) {
+        EXPECT_EQ((Lines{fmon_line(1, "add deleted flag watch " + path + " failed: -108\n")}), log_of([&] { pass(); }));
+        EXPECT_EQ("/x", order());
+    }
+    backend.add_result = 0;
+    pass();
+    EXPECT_EQ("", order());
+}
+
+TEST_F(Waiting, OutOfMemoryInARetryChangesNothing)
+{
+    wait_for("wxy");
+    std::string path = tree.dir("x"), before = snapshot();
+    int hits = 0;
+    for (const char *name : {"malloc", "calloc"})
+        hits += fail_each_then(
+            name,
+            [&] {
+                log_clear();
+                pass();
+            },
+            [&](bool hit) {
+                EXPECT_EQ(hit ? 1 : 0, log_count_containing("failed: -101\n"));
+                EXPECT_EQ(hit ? "/w/x/y" : "/w/y", order());
+                if (!hit) {
+                    vanish(find(id, path));
+                    while (fmon.dcache.count)
+                        prune();
+                    for (const char *again : {"w", "x", "y"})
+                        ASSERT_EQ(0, del(id, tree.path(again)));
+                    tree.remove("x");
+                    wait_for("wxy");
+                    tree.dir("x");
+                }
+                EXPECT_EQ(before, snapshot());
+            });
+    EXPECT_GE(hits, 2);
+}
+
+/* Each subset of five waiting watches is attached in one pass: first, last, only, neighbours, all, none. */
+TEST_F(Waiting, AnyOfThemCanLeaveTheList)
+{
+    const std::string names = "abcde";
+    for (unsigned subset = 0; subset < 32; subset++) {
+        wait_for(names);
+        std::string left;
+        for (size_t i = 0; i < names.size(); i++) {
+            if (subset & 1u << i)
+                tree.dir(std::string(1, names[i]));
+            else
+                left += std::string("/") + names[i];
+        }
+        pass();
+        EXPECT_EQ(left, order()) << subset;
+        for (char c : names) {
+            std::string name(1, c);
+            bool attached = left.find(c) == std::string::npos;
+            EXPECT_EQ(attached, find(id, tree.path(name))->dentry != nullptr) << subset << c;
+            ASSERT_EQ(0, del(id, tree.path(name)));
+            tree.remove(name);
+        }
+        ASSERT_EQ("", order());
+    }
+}
+
+/* The same with the backend refusing a subset: those stay, and stay in their place. */
+TEST_F(Waiting, RefusedOnesKeepTheirPlace)
+{
+    const std::string names = "abcde";
+    for (char c : names)
+        tree.dir(std::string(1, c));
+    for (unsigned subset = 0; subset < 32; subset++) {
+        backend.add_result = FMON_ENOENT;
+        backend.on_add = nullptr;
+        wait_for(names);
+        std::string left;
+        for (size_t i = 0; i < names.size(); i++)
+            if (!(subset & 1u << i))
+                left += std::string("/") + names[i];
+        backend.on_add = [&](struct watch *w) {
+            if (left.find(w->path + tree.root().size()) != std::string::npos)
+                return -108;
+            w->dentry = dcache_add(&fmon.dcache, w->path);
+            list_add_tail(&w->link, &owner_of(w->dentry)->watches);
+            return 0;
+        };
+        pass();
+        EXPECT_EQ(left, order()) << subset;
+        for (char c : names)
+            ASSERT_EQ(0, del(id, tree.path(std::string(1, c))));
+        ASSERT_EQ("", order());
+    }
+}
+
+/* A backend that calls it a success without linking the watch leaves no trace of it in the list. */
+TEST_F(Waiting, SuccessWithoutALinkLeavesTheListToo)
+{
+    wait_for("abc");
+    tree.dir("b");
+    backend.on_add = [](struct watch *) { return 1; };
+    pass();
+    EXPECT_EQ("/a/c", order());
+    EXPECT_FALSE(list_linked(&find(id, tree.path("b"))->link));
+}
+
+TEST_F(Waiting, ManyComeAndGoInOneList)
+{
+    wait_for("abc");
+    tree.dir("b");
+    pass();
+    wait_for("d");
+    EXPECT_EQ("/a/c/d", order());
+    vanish(find(id, tree.path("b")));
+    EXPECT_EQ("/a/c/d/b", order()); /* it waits behind the others */
+}
+
+/* ---- watch_out_service ---- */
+
+class OutOfService : public Waiting
+{
+};
+
+TEST_F(OutOfService, PlainWatchStaysUnattached)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
+    vanish(find(id, dir));
+    ASSERT_NE(nullptr, find(id, dir));
+    EXPECT_FALSE(list_linked(&find(id, dir)->link));
+    pass();
+    EXPECT_EQ(nullptr, find(id, dir)->dentry);
+}
+
+TEST_F(OutOfService, WaitingKindWaitsLast)
+{
+    wait_for("a");
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE, kWait));
+    vanish(find(id, dir));
+    EXPECT_EQ("/a/dir", order());
+}
+
+TEST_F(OutOfService, WatchMarkedDynamicByItsClientIsFreed)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE, FMON_DIR | FMON_DYNAMIC));
+    vanish(find(id, dir));
+    EXPECT_EQ(0u, watches(id));
+}
+
+TEST_F(OutOfService, DynamicWinsOverDeleted)
+{
+    ASSERT_EQ(0, add(id, dir, FMON_CREATE, FMON_DIR | FMON_DYNAMIC | FMON_DELETED));
+    vanish(find(id, dir));
+    EXPECT_EQ(0u, watches(id));
+    EXPECT_EQ(0u, waiting());
+}
+
+/* ---- in a container ---- */
+
+class InContainer : public Watches
+{
+protected:
+    InContainer() { g_container_flag = 1; }
+};
+
+TEST_F(InContainer, PathIsNotResolved)
+{
+    CallCount count("realpath");
+    std::string link = tree.link("l", dir);
+    ASSERT_EQ(0, add(id, link, FMON_CREATE));
+    EXPECT_EQ(0, count.calls());
+    EXPECT_NE(nullptr, find(id, link));
+    EXPECT_EQ(FMON_EEXIST, add(id, link, FMON_CREATE));
+    EXPECT_EQ(0, del(id, link));
+}
+
+TEST_F(InContainer, TypeOfADirectoryIsNotTested)
+{
+    std::string file = tree.file("f");
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_MOUNT));
+    EXPECT_EQ(FMON_ENOENT, try_add(tree.path("missing"), FMON_CREATE, FMON_DIR));
+    EXPECT_EQ(FMON_ENOENT, try_add(dir, FMON_CREATE, FMON_FILE));
+    EXPECT_EQ(0, try_add(file, FMON_CREATE, FMON_FILE));
+}
+
+}  // namespace

@@ -1,0 +1,746 @@
+/*
+ * The test library's own tests: a switch that does not switch would make every fault test pass.
+ */
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <limits.h>
+#include <sys/fanotify.h>
+#include <sys/inotify.h>
+#include <sys/prctl.h>
+#include <sys/select.h>
+#include <sys/stat.h>
+#include <sys/utsname.h>
+#include <unistd.h>
+
+#include <cstddef>
+#include <cstdlib>
+#include <cstring>
+#include <set>
+#include <thread>
+
+#include "orx_autolog.h"
+#include "orx_base.h"
+#include "orx_event_loop.h"
+#include "testlib/fake_backend.h"
+#include "testlib/fake_host.h"
+#include "testlib/fault.h"
+#include "testlib/records.h"
+#include "testlib/tree.h"
+
+using namespace testlib;
+
+namespace
+{
+
+/* The compiler may drop an allocation whose result nobody sees. */
+void *volatile seen;
+void *volatile no_block; /* realloc(nullptr, n) known at compile time becomes malloc(n) */
+
+bool allocated(void *block)
+{
+    seen = block;
+    free(block);
+    return seen != nullptr;
+}
+
+/* ---- one row a call: does it succeed? ---- */
+
+struct CallRow {
+    const char *name;
+    bool (*works)();
+};
+
+using fanotify_init_fn = int (*)(unsigned, unsigned);
+using fanotify_mark_fn = int (*)(int, unsigned, uint64_t, int, const char *);
+
+template <typename Fn>
+Fn looked_up(const char *name)
+{
+    return reinterpret_cast<Fn>(dlsym(RTLD_DEFAULT, name));
+}
+
+bool try_fd(int fd)
+{
+    if (fd < 0)
+        return false;
+    close(fd);
+    return true;
+}
+
+bool try_inotify_watch()
+{
+    int fd = inotify_init();
+    int wd = inotify_add_watch(fd, "/", IN_CREATE);
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return wd >= 0;
+}
+
+bool try_inotify_remove()
+{
+    int fd = inotify_init();
+    int result = inotify_rm_watch(fd, inotify_add_watch(fd, "/", IN_CREATE));
+    int saved = errno;
+    close(fd);
+    errno = saved;
+    return result == 0;
+}
+
+bool try_select()
+{
+    struct timeval none = {};
+    return select(0, nullptr, nullptr, nullptr, &none) == 0;
+}
+
+bool try_read()
+{
+    Pipe pipe;
+    pipe.put("x");
+    char c;
+    return read(pipe.read_fd(), &c, 1) == 1;
+}
+
+bool try_readlink()
+{
+    char out[64];
+    return readlink("/proc/self", out, sizeof out) > 0;
+}
+
+bool try_realpath()
+{
+    char out[PATH_MAX];
+    return realpath("/", out) != nullptr;
+}
+
+bool try_stat()
+{
+    struct stat st;
+    return stat("/", &st) == 0;
+}
+
+bool try_lstat()
+{
+    struct stat st;
+    return lstat("/", &st) == 0;
+}
+
+bool try_fstat()
+{
+    struct stat st;
+    return fstat(0, &st) == 0;
+}
+
+bool try_opendir()
+{
+    DIR *dir = opendir("/");
+    if (dir)
+        closedir(dir);
+    return dir != nullptr;
+}
+
+bool try_readdir()
+{
+    DIR *dir = opendir("/");
+    bool read_one = readdir(dir) != nullptr;
+    int saved = errno;
+    closedir(dir);
+    errno = saved;
+    return read_one;
+}
+
+bool try_uname()
+{
+    struct utsname name;
+    return uname(&name) == 0;
+}
+
+bool try_fgets()
+{
+    char line[128];
+    FILE *file = fopen("/proc/self/status", "r");
+    bool read_one = fgets(line, sizeof line, file) != nullptr;
+    int saved = errno;
+    fclose(file);
+    errno = saved;
+    return read_one;
+}
+
+bool try_fopen()
+{
+    FILE *file = fopen("/dev/null", "r");
+    if (file)
+        fclose(file);
+    return file != nullptr;
+}
+
+const CallRow rows[] = {
+    {"malloc", [] { return allocated(malloc(16)); }},
+    {"calloc", [] { return allocated(calloc(2, 8)); }},
+    {"realloc", [] { return allocated(realloc(no_block, 16)); }},
+    {"inotify_init", [] { return try_fd(inotify_init()); }},
+    {"inotify_add_watch", try_inotify_watch},
+    {"inotify_rm_watch", try_inotify_remove},
+    {"select", try_select},
+    {"read", try_read},
+    {"readlink", try_readlink},
+    {"realpath", try_realpath},
+    {"stat", try_stat},
+    {"lstat", try_lstat},
+    {"fstat", try_fstat},
+    {"opendir", try_opendir},
+    {"readdir", try_readdir},
+    {"closedir", [] { return closedir(opendir("/")) == 0; }},
+    {"uname", try_uname},
+    {"prctl", [] { return prctl(PR_SET_NAME, "testlib", 0, 0, 0) == 0; }},
+    {"dlopen", [] { return dlopen(nullptr, RTLD_LAZY) != nullptr; }},
+    {"dlsym", [] { return dlsym(RTLD_DEFAULT, "strlen") != nullptr; }},
+    {"close", [] { return close(dup(0)) == 0; }},
+    {"fopen", try_fopen},
+    {"fgets", try_fgets},
+    {"open", [] { return try_fd(open("/dev/null", O_RDONLY)); }},
+    {"fcntl", [] { return fcntl(0, F_GETFD) >= 0; }},
+};
+
+class EachCall : public testing::TestWithParam<CallRow>
+{
+};
+
+TEST_P(EachCall, WorksUntouched) { EXPECT_TRUE(GetParam().works()) << strerror(errno); }
+
+TEST_P(EachCall, FailsOnceWithItsErrno)
+{
+    Fault fault(GetParam().name, 1, EXDEV);
+    EXPECT_FALSE(GetParam().works());
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_TRUE(fault.hit());
+    EXPECT_TRUE(GetParam().works());
+    EXPECT_EQ(fault.calls(), 2);
+}
+
+TEST_P(EachCall, FailsAtTheCallAsked)
+{
+    Fault fault(GetParam().name, 3, EIO, 2);
+    std::string outcome;
+    for (int i = 0; i < 6; i++) {
+        EXPECT_EQ(fault.hit(), i >= 3);
+        outcome += GetParam().works() ? '1' : '0';
+    }
+    EXPECT_EQ(outcome, "110011");
+}
+
+TEST_P(EachCall, LeavesNoDescriptorBehind)
+{
+    int before = open_fds();
+    {
+        Fault fault(GetParam().name);
+        GetParam().works();
+    }
+    EXPECT_EQ(open_fds(), before);
+}
+
+INSTANTIATE_TEST_SUITE_P(Testlib, EachCall, testing::ValuesIn(rows),
+                         [](const auto &row) { return std::string(row.param.name); });
+
+/* ---- switches ---- */
+
+TEST(Fault, IsGoneWithItsScope)
+{
+    {
+        Fault fault("stat", 1, EIO, 1000);
+        EXPECT_FALSE(try_stat());
+    }
+    EXPECT_TRUE(try_stat());
+}
+
+TEST(Fault, CountsTheArmingThreadOnly)
+{
+    Fault fault("stat", 1, EIO);
+    CallCount count("stat");
+    bool other = false;
+    std::thread([&] { other = try_stat(); }).join();
+    EXPECT_TRUE(other);
+    EXPECT_EQ(fault.calls(), 0);
+    EXPECT_FALSE(try_stat());
+    EXPECT_EQ(fault.calls(), 1);
+    EXPECT_EQ(count.calls(), 1);
+}
+
+TEST(Fault, ReachesAllThreadsWhenAsked)
+{
+    Fault fault("stat", 1, EIO, 1, ThreadScope::all);
+    bool other = true;
+    std::thread([&] { other = try_stat(); }).join();
+    EXPECT_FALSE(other);
+    EXPECT_TRUE(try_stat());
+}
+
+TEST(Fault, TwoOfOneNameCountEachForItself)
+{
+    Fault first("stat", 1, EIO);
+    EXPECT_FALSE(try_stat());
+    Fault second("stat", 2, EXDEV);
+    EXPECT_TRUE(try_stat());
+    EXPECT_FALSE(try_stat());
+    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(first.calls(), 3);
+}
+
+TEST(Fault, CountOnlyFailsNothing)
+{
+    CallCount count("close");
+    EXPECT_TRUE(try_fd(dup(0)));
+    EXPECT_TRUE(try_fd(dup(0)));
+    EXPECT_EQ(count.calls(), 2);
+}
+
+TEST(Fault, FailEachWalksThroughEveryCall)
+{
+    std::set<int> failed_at;
+    int hits = fail_each("calloc", ENOMEM, [&](Fault &) {
+        for (int i = 0; i < 4; i++)
+            if (!allocated(calloc(1, 8)))
+                failed_at.insert(i);
+    });
+    EXPECT_EQ(hits, 4);
+    EXPECT_EQ(failed_at, (std::set<int>{0, 1, 2, 3}));
+}
+
+TEST(Fault, FailedLookUpsLeaveAText)
+{
+    {
+        Fault fault("dlopen");
+        EXPECT_EQ(dlopen(nullptr, RTLD_LAZY), nullptr);
+        EXPECT_NE(dlerror(), nullptr);
+    }
+    Fault fault("dlsym");
+    EXPECT_EQ(dlsym(RTLD_DEFAULT, "strlen"), nullptr);
+    EXPECT_NE(dlerror(), nullptr);
+}
+
+TEST(Fault, OpenPassesItsModeOn)
+{
+    TempTree tree;
+    umask(022);
+    EXPECT_TRUE(try_fd(open(tree.path("new").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640)));
+    struct stat st;
+    ASSERT_EQ(stat(tree.path("new").c_str(), &st), 0);
+    EXPECT_EQ(st.st_mode & 0777, 0640U);
+}
+
+TEST(Fault, FcntlPassesItsArgumentOn)
+{
+    int fd = fcntl(0, F_DUPFD_CLOEXEC, 200);
+    EXPECT_GE(fd, 200);
+    EXPECT_EQ(fcntl(fd, F_GETFD), FD_CLOEXEC);
+    close(fd);
+}
+
+/* ---- fanotify, found through dlsym ---- */
+
+TEST(Fanotify, IsCountedAndFailedBehindDlsym)
+{
+    auto init = looked_up<fanotify_init_fn>("fanotify_init");
+    auto mark = looked_up<fanotify_mark_fn>("fanotify_mark");
+    ASSERT_NE(init, nullptr);
+    ASSERT_NE(mark, nullptr);
+    Fault init_fault("fanotify_init", 1, EMFILE);
+    EXPECT_EQ(init(0, 0), -1);
+    EXPECT_EQ(errno, EMFILE);
+    Fault mark_fault("fanotify_mark", 2, ENOSPC);
+    EXPECT_EQ(mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"), -1);
+    EXPECT_NE(errno, ENOSPC); /* the kernel's own refusal */
+    EXPECT_EQ(mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"), -1);
+    EXPECT_EQ(errno, ENOSPC);
+}
+
+TEST(Fanotify, WorksUntouched)
+{
+    NEED(can_fanotify(), "fanotify needs root");
+    int fd = looked_up<fanotify_init_fn>("fanotify_init")(FAN_CLOEXEC, O_RDONLY);
+    ASSERT_GE(fd, 0);
+    TempTree tree;
+    auto mark = looked_up<fanotify_mark_fn>("fanotify_mark");
+    EXPECT_EQ(mark(fd, FAN_MARK_ADD, FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD, AT_FDCWD, tree.root().c_str()), 0);
+    close(fd);
+}
+
+/* ---- replacements ---- */
+
+TEST(Replaced, DlopenAndDlsymAnswerForTheTest)
+{
+    static int library;
+    replace_dlopen([](const char *path, int flags) -> void * {
+        return strcmp(path, "lib-of-the-test.so") ? dlopen(path, flags) : &library;
+    });
+    replace_dlsym([](void *handle, const char *symbol) -> void * {
+        if (handle == &library)
+            return nullptr;
+        return dlsym(handle, symbol);
+    });
+    EXPECT_EQ(dlopen("lib-of-the-test.so", RTLD_LAZY), &library);
+    EXPECT_EQ(dlopen("no-such-library.so", RTLD_LAZY), nullptr);
+    EXPECT_EQ(dlsym(&library, "strlen"), nullptr);
+    EXPECT_NE(dlsym(RTLD_DEFAULT, "strlen"), nullptr);
+    EXPECT_EQ(orx_dll_close(&library), 0);
+    EXPECT_EQ(dll_closes(), 1);
+    replace_dlopen(nullptr);
+    replace_dlsym(nullptr);
+    EXPECT_EQ(dlopen("lib-of-the-test.so", RTLD_LAZY), nullptr);
+    reset_host();
+}
+
+TEST(Replaced, UnameAnswersForTheTest)
+{
+    replace_uname([](void *out) {
+        uname(static_cast<struct utsname *>(out));
+        strcpy(static_cast<struct utsname *>(out)->release, "4.19.0-1");
+        return 0;
+    });
+    struct utsname name;
+    EXPECT_EQ(uname(&name), 0);
+    EXPECT_STREQ(name.release, "4.19.0-1");
+    replace_uname(nullptr);
+    EXPECT_EQ(uname(&name), 0);
+    EXPECT_STRNE(name.release, "4.19.0-1");
+}
+
+TEST(Replaced, OpensGoWhereTheyAreSent)
+{
+    TempTree tree;
+    redirect_path("/proc/self/mountinfo", tree.file("mounts", "line\n"));
+    redirect_path("/nowhere", tree.dir("sub"));
+    char text[16] = "";
+    FILE *file = fopen("/proc/self/mountinfo", "r");
+    ASSERT_NE(file, nullptr);
+    EXPECT_STREQ(fgets(text, sizeof text, file), "line\n");
+    fclose(file);
+    int fd = open("/proc/self/mountinfo", O_RDONLY);
+    EXPECT_EQ(read(fd, text, sizeof text), 5);
+    close(fd);
+    DIR *dir = opendir("/nowhere");
+    EXPECT_NE(dir, nullptr);
+    closedir(dir);
+    clear_redirects();
+    EXPECT_EQ(opendir("/nowhere"), nullptr);
+}
+
+TEST(Replaced, EntryTypesCanBeHidden)
+{
+    TempTree tree;
+    tree.file("a");
+    for (bool hidden : {true, false}) {
+        hide_entry_types(hidden);
+        DIR *dir = opendir(tree.root().c_str());
+        for (struct dirent *entry; (entry = readdir(dir));)
+            EXPECT_EQ(entry->d_type == DT_UNKNOWN, hidden) << entry->d_name;
+        closedir(dir);
+    }
+}
+
+/* ---- records as the kernel lays them out ---- */
+
+TEST(Records, InotifyLayoutIsTheKernels)
+{
+    struct inotify_event ev;
+    std::string record = inotify_record(7, IN_CREATE | IN_ISDIR, "name", 99);
+    ASSERT_EQ(sizeof ev, 16U);
+    ASSERT_EQ(record.size(), 32U);
+    memcpy(&ev, record.data(), sizeof ev);
+    EXPECT_EQ(ev.wd, 7);
+    EXPECT_EQ(ev.mask, static_cast<uint32_t>(IN_CREATE | IN_ISDIR));
+    EXPECT_EQ(ev.cookie, 99U);
+    EXPECT_EQ(ev.len, 16U);
+    EXPECT_STREQ(record.c_str() + offsetof(struct inotify_event, name), "name");
+    EXPECT_EQ(inotify_record(1, IN_IGNORED).size(), 16U);
+    EXPECT_EQ(inotify_record(1, IN_CREATE, std::string(15, 'n')).size(), 32U);
+    EXPECT_EQ(inotify_record(1, IN_CREATE, std::string(16, 'n')).size(), 48U); /* the NUL does not fit in 16 */
+}
+
+/* What the kernel itself sends for such a name. */
+TEST(Records, InotifyPaddingIsTheKernels)
+{
+    TempTree tree;
+    for (int len : {1, 15, 16, 255}) {
+        int fd = inotify_init();
+        int wd = inotify_add_watch(fd, tree.root().c_str(), IN_CREATE);
+        std::string name(static_cast<size_t>(len), 'n');
+        tree.file(name);
+        char buffer[1024];
+        ssize_t n = read(fd, buffer, sizeof buffer);
+        ASSERT_GT(n, 0);
+        EXPECT_EQ(std::string(buffer, static_cast<size_t>(n)), inotify_record(wd, IN_CREATE, name)) << len;
+        close(fd);
+    }
+}
+
+TEST(Records, FanotifyLayoutIsTheKernels)
+{
+    struct fanotify_event_metadata ev;
+    std::string record = fanotify_record(FAN_CLOSE_WRITE, 5, 1234);
+    ASSERT_EQ(sizeof ev, 24U);
+    ASSERT_EQ(record.size(), sizeof ev);
+    memcpy(&ev, record.data(), sizeof ev);
+    EXPECT_EQ(ev.event_len, FAN_EVENT_METADATA_LEN);
+    EXPECT_EQ(ev.vers, FANOTIFY_METADATA_VERSION);
+    EXPECT_EQ(ev.metadata_len, FAN_EVENT_METADATA_LEN);
+    EXPECT_EQ(ev.mask, static_cast<uint64_t>(FAN_CLOSE_WRITE));
+    EXPECT_EQ(ev.fd, 5);
+    EXPECT_EQ(ev.pid, 1234);
+}
+
+TEST(Records, PipesCarryThem)
+{
+    Pipe pipe;
+    pipe.put(inotify_record(1, IN_DELETE, "a"));
+    char buffer[64];
+    EXPECT_EQ(read(pipe.read_fd(), buffer, sizeof buffer), 32);
+    pipe.close_write();
+    EXPECT_EQ(read(pipe.read_fd(), buffer, sizeof buffer), 0);
+    int taken = pipe.take_read();
+    EXPECT_EQ(close(taken), 0);
+}
+
+/* ---- the agent ---- */
+
+class Agent : public testing::Test
+{
+protected:
+    void SetUp() override { reset_host(); }
+    void TearDown() override { reset_host(); }
+};
+
+TEST_F(Agent, CapturesLinesWhole)
+{
+    std::string path(3000, 'p');
+    error_output(2, "fmon.c", 1, "add %s: %d\n", path.c_str(), -7);
+    error_output(4, "event.c", 2, "no newline");
+    EXPECT_TRUE(logged(2, "add " + path + ": -7\n"));
+    EXPECT_FALSE(logged(1, "add " + path + ": -7\n"));
+    EXPECT_EQ(log_count(4, "no newline"), 1);
+    EXPECT_EQ(log_count_containing("p"), 1);
+    EXPECT_EQ(log_lines()[1].file, "event.c");
+    log_clear();
+    EXPECT_EQ(log_lines().size(), 0U);
+}
+
+TEST_F(Agent, HasAHandMovedClock)
+{
+    EXPECT_EQ(timer_ticks2ms(timer_get_ticks()), 0U);
+    set_now(0xffffffff);
+    advance(2);
+    EXPECT_EQ(static_cast<uint32_t>(timer_ticks2ms(timer_get_ticks())), 1U);
+}
+
+TEST_F(Agent, AnswersFromTheIniInMemory)
+{
+    EXPECT_EQ(orx_ini_file_load("/a.ini"), nullptr);
+    set_ini({{{"fmon", "max_events"}, "42"}});
+    void *ini = orx_ini_file_load("/b.ini");
+    ASSERT_NE(ini, nullptr);
+    EXPECT_STREQ(orx_ini_file_get(ini, "fmon", "max_events"), "42");
+    EXPECT_EQ(orx_ini_file_get(ini, "fmon", "other"), nullptr);
+    EXPECT_EQ(ini_open(), 1);
+    orx_ini_file_free(ini);
+    EXPECT_EQ(ini_open(), 0);
+    EXPECT_EQ(ini_loads(), (std::vector<std::string>{"/a.ini", "/b.ini"}));
+}
+
+TEST_F(Agent, CountsItsMutexes)
+{
+    void *mutex = th_mutex_init();
+    EXPECT_EQ(mutex_live(), 1);
+    EXPECT_EQ(th_mutex_lock(mutex), 0);
+    EXPECT_TRUE(mutex_locked());
+    std::thread([] { EXPECT_FALSE(mutex_locked()); }).join();
+    EXPECT_EQ(th_mutex_unlock(mutex), 0);
+    EXPECT_FALSE(mutex_locked());
+    EXPECT_EQ(mutex_lock_calls(), 1);
+    th_mutex_destroy(mutex);
+    EXPECT_EQ(mutex_live(), 0);
+    fail_mutex_init(true);
+    EXPECT_EQ(th_mutex_init(), nullptr);
+}
+
+std::vector<std::string> expand(const char *pattern)
+{
+    list_head found = {&found, &found};
+    EXPECT_EQ(orx_wildcard_path_expand(pattern, &found), 0);
+    std::vector<std::string> paths;
+    for (list_head *node = found.next; node != &found;) {
+        auto *entry = reinterpret_cast<orx_path_entry *>(node);
+        node = node->next;
+        paths.push_back(entry->path);
+        free(entry->path);
+        free(entry);
+    }
+    return paths;
+}
+
+TEST_F(Agent, ExpandsPatterns)
+{
+    TempTree tree;
+    std::string a = tree.file("a.log"), b = tree.file("b.log");
+    EXPECT_EQ(expand(tree.path("*.log").c_str()), (std::vector<std::string>{a, b}));
+    EXPECT_EQ(expand(tree.path("*.txt").c_str()), (std::vector<std::string>{}));
+    set_wildcard_matches({"/x", "/y"});
+    EXPECT_EQ(expand("/*"), (std::vector<std::string>{"/x", "/y"}));
+}
+
+TEST_F(Agent, TransformsPaths)
+{
+    char out[16];
+    EXPECT_EQ(orx_dirutils_path_transform("@/../config", out, sizeof out), -1);
+    EXPECT_STREQ(out, "/agent/bin/../c");
+    set_program_dir("/p");
+    EXPECT_EQ(orx_dirutils_path_transform("@/../x", out, sizeof out), 0);
+    EXPECT_STREQ(out, "/p/../x");
+    EXPECT_EQ(orx_dirutils_path_transform("/plain", out, sizeof out), 0);
+    EXPECT_STREQ(out, "/plain");
+}
+
+TEST_F(Agent, BoundsItsTexts)
+{
+    char out[4] = "zzz";
+    EXPECT_EQ(orx_str_strlcpy(out, "abcdef", sizeof out), 6U);
+    EXPECT_STREQ(out, "abc");
+    orx_strncpy(out, "xyzw", sizeof out);
+    EXPECT_EQ(memcmp(out, "xyzw", 4), 0);
+    orx_strncpy(out, "x", sizeof out);
+    EXPECT_EQ(memcmp(out, "x\0\0\0", 4), 0);
+    orx_str_snprintf(out, sizeof out, "%d", 12345);
+    EXPECT_STREQ(out, "123");
+}
+
+int ran;
+int thread_body(void *arg)
+{
+    ran = *static_cast<int *>(arg);
+    return 0;
+}
+
+TEST_F(Agent, StartsThreadsAsTold)
+{
+    void *handle = nullptr;
+    int arg = 5;
+    ran = 0;
+    EXPECT_EQ(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
+    join_threads();
+    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(last_thread_fn(), thread_body);
+    set_thread_mode(ThreadMode::start);
+    EXPECT_EQ(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
+    join_threads();
+    EXPECT_EQ(ran, 5);
+    set_thread_mode(ThreadMode::fail);
+    EXPECT_LT(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
+    EXPECT_EQ(threads_created(), 2);
+}
+
+TEST_F(Agent, CountsLoopAndLogCalls)
+{
+    cl_ev_loop_nowait(1);
+    cl_event_loop_once();
+    cl_event_loop();
+    EXPECT_EQ(loop_nowait_calls() + loop_once_calls() + loop_calls(), 3);
+    autolog_init("/log", 5);
+    autolog_deinit();
+    EXPECT_EQ(autolog_inits(), (std::vector<std::pair<std::string, int>>{{"/log", 5}}));
+    EXPECT_EQ(autolog_deinits(), 1);
+}
+
+TEST_F(Agent, BuildsJsonObjects)
+{
+    cJSON *object = json_object();
+    cJSON_AddItemToObject(object, "id", cJSON_CreateString2("abc"));
+    cJSON_AddItemToObject(object, "pid", cJSON_CreateNumber2(12));
+    EXPECT_EQ(json_text(object), "{\"id\":\"abc\",\"pid\":12}");
+    json_free(object);
+}
+
+/* ---- trees ---- */
+
+TEST(Tree, IsMadeAndRemoved)
+{
+    std::string root;
+    {
+        TempTree tree;
+        root = tree.root();
+        EXPECT_EQ(tree.file("a/b/c", "text"), root + "/a/b/c");
+        tree.link("l", "a");
+        struct stat st;
+        EXPECT_EQ(stat(tree.path("l/b/c").c_str(), &st), 0);
+        EXPECT_EQ(st.st_size, 4);
+        tree.remove("a");
+        EXPECT_NE(stat(tree.path("a").c_str(), &st), 0);
+    }
+    struct stat st;
+    EXPECT_NE(stat(root.c_str(), &st), 0);
+}
+
+TEST(Tree, CountsDescriptors)
+{
+    int before = open_fds();
+    int fd = dup(0);
+    EXPECT_EQ(open_fds(), before + 1);
+    close(fd);
+    EXPECT_EQ(open_fds(), before);
+}
+
+/* ---- the backend ---- */
+
+TEST(Backend, RecordsCallsAndPutsTheOldTableBack)
+{
+    struct fmon_method_t before = fmon_method;
+    {
+        FakeBackend backend;
+        backend.rate_result = -5;
+        EXPECT_EQ(fmon_method.rate_ctrl(10, 200, 0), -5);
+        EXPECT_EQ(fmon_method.add_global(8), 0);
+        char path[] = "/a/b";
+        EXPECT_EQ(fmon_method.punish_unexpected_watch(5, path), 0);
+        EXPECT_EQ(backend.calls,
+                  (std::vector<std::string>{"rate_ctrl(10,200,0)", "add_global(0x8)", "punish(5,/a/b)"}));
+        EXPECT_EQ(backend.count("add_global(0x8)"), 1);
+        backend.drop_optional();
+        EXPECT_EQ(fmon_method.dump, nullptr);
+    }
+    EXPECT_EQ(memcmp(&before, &fmon_method, sizeof before), 0);
+}
+
+TEST(Backend, HandsOutDescriptorsAndTimeouts)
+{
+    FakeBackend backend;
+    backend.fds = {5, -1, -2};
+    backend.lower_timeout = 30;
+    int32_t *fds = nullptr;
+    uint32_t timeout = 1000;
+    EXPECT_EQ(fmon_method.get_selectable_fds(&fds, &timeout), 3);
+    EXPECT_EQ(fds[2], -2);
+    EXPECT_EQ(timeout, 30U);
+}
+
+TEST(Backend, LinksWatchesToDentries)
+{
+    Monitor monitor;
+    int id = fmon_create_instance("testlib");
+    ASSERT_EQ(id, 0);
+    ASSERT_EQ(fmon_add_watch(id, "/proc", FMON_CREATE, FMON_DIR, 0, 0), 0);
+    EXPECT_EQ(monitor.backend.count("add_watch(/proc)"), 1);
+    EXPECT_NE(dcache_find(&fmon.dcache, "/proc"), nullptr);
+    EXPECT_EQ(fmon_del_watch(id, "/proc"), 0);
+    EXPECT_EQ(monitor.backend.count("del_watch(/proc)"), 1);
+}
+
+TEST(Backend, MonitorsFollowOneAnother)
+{
+    for (int i = 0; i < 3; i++) {
+        Monitor monitor;
+        EXPECT_EQ(fmon_create_instance("again"), 0);
+    }
+    EXPECT_EQ(fmon.inited, 0U);
+}
+
+}  // namespace

@@ -1,0 +1,427 @@
+/* The monitor thread's loop. Most cases run its body on the test's own thread and end it by failing a wait. */
+#include <fcntl.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+
+#include "shell_fixture.h"
+#include "testlib/records.h"
+
+namespace
+{
+
+using testlib::Fault;
+using testlib::logged;
+using testlib::Pipe;
+
+class Thread : public ShellTest
+{
+protected:
+    Thread()
+    {
+        start();
+        backend.lower_timeout = 1;
+        testlib::log_clear();
+    }
+
+    /* Runs the loop until its nth wait fails with EBADF: n - 1 whole turns. */
+    void turns(int n)
+    {
+        Fault last("select", n + 1, EBADF);
+        EXPECT_EQ(0, fmon_thread(nullptr));
+        EXPECT_TRUE(last.hit());
+    }
+    /* What the backend finds in the array at its nth read. */
+    void expect_array_at_read(const std::vector<int32_t> &expected)
+    {
+        backend.on_read = [this, expected](struct fmon *, uint32_t, fmon_event_cb) {
+            EXPECT_EQ(expected, backend.fds);
+            return 0;
+        };
+    }
+};
+
+/* ---- start and end ---- */
+
+TEST_F(Thread, SetsItselfUp)
+{
+    char before[16] = "", name[16] = "";
+    prctl(PR_GET_NAME, before);
+    turns(0);
+    prctl(PR_GET_NAME, name);
+    prctl(PR_SET_NAME, before);
+    EXPECT_STREQ("fmon", name);
+    EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"/agent/bin/../var/log/agent/fmon", 5}}),
+              testlib::autolog_inits());
+}
+
+TEST_F(Thread, EndsInOrder)
+{
+    turns(0);
+    const std::string tid = std::to_string(gettid());
+    EXPECT_EQ((Lines{{3, "fmon tid = " + tid},
+                     {1, "load kprobe thread module failed, errno: 2\n"},
+                     {2, "get os_info failed!"},
+                     {2, "calculate kprobe cmd failed !"},
+                     {1, "load kprobe thread module failed, errno: 2\n"},
+                     {2, "register inotify event failed!"},
+                     {1, "select failed: Bad file descriptor\n"},
+                     {3, "orx_fmon close"}}),
+              lines());
+    EXPECT_EQ(0, testlib::mutex_live());
+    EXPECT_EQ(nullptr, fmon_shell.lock.load());
+    EXPECT_EQ(0u, fmon.inited);
+    EXPECT_EQ(1, backend.count("deinit()"));
+    EXPECT_EQ(1, testlib::loop_calls());
+    EXPECT_EQ(1, testlib::autolog_deinits());
+    EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);
+}
+
+TEST_F(Thread, EndsWithoutALock)
+{
+    shell_lock_destroy();
+    turns(1);
+    EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);
+}
+
+TEST_F(Thread, TheReasonIsSelectsOwn)
+{
+    Fault invalid("select", 1, EINVAL);
+    EXPECT_EQ(0, fmon_thread(nullptr));
+    EXPECT_TRUE(logged(1, "select failed: Invalid argument\n"));
+}
+
+TEST_F(Thread, AClosedDescriptorEndsTheLoop)
+{
+    Pipe pipe;
+    const int fd = pipe.take_read();
+    close(fd);
+    backend.fds = {fd};
+    EXPECT_EQ(0, fmon_thread(nullptr));
+    EXPECT_TRUE(logged(1, "select failed: Bad file descriptor\n"));
+}
+
+TEST_F(Thread, GoesOnWhenItCannotBeNamed)
+{
+    Fault refused("prctl", 1, EPERM);
+    turns(1);
+    EXPECT_TRUE(refused.hit());
+    EXPECT_EQ(1, backend.count("read_event(0)"));
+}
+
+/* ---- turns ---- */
+
+TEST_F(Thread, ASignalDoesNotEndIt)
+{
+    testlib::set_now(42);
+    Fault signal("select", 1, EINTR, 3), last("select", 5, EBADF);
+    EXPECT_EQ(0, fmon_thread(nullptr));
+    EXPECT_EQ(5, backend.count("get_selectable_fds()"));
+    EXPECT_EQ(1, backend.count("read_event(42)")); /* an interrupted turn starts over */
+    EXPECT_EQ(1, testlib::log_count_containing("select failed"));
+}
+
+TEST_F(Thread, AReadyDescriptorIsMarkedAtItsPosition)
+{
+    Pipe full, empty;
+    full.put("x");
+    backend.fds = {-2, empty.read_fd(), -1, full.read_fd(), -2};
+    expect_array_at_read({-2, empty.read_fd(), -1, -1, -2});
+    turns(1);
+    EXPECT_TRUE(logged(4, "fds[3] is ready"));
+    EXPECT_EQ(1, testlib::log_count_containing("is ready"));
+}
+
+TEST_F(Thread, NothingReadyMarksNothing)
+{
+    Pipe empty;
+    backend.fds = {empty.read_fd()};
+    expect_array_at_read({empty.read_fd()});
+    turns(2);
+    EXPECT_EQ(0, testlib::log_count_containing("is ready"));
+}
+
+TEST_F(Thread, AClosedPipeIsReady)
+{
+    Pipe pipe;
+    pipe.close_write();
+    backend.fds = {pipe.read_fd()};
+    expect_array_at_read({-1});
+    turns(1);
+}
+
+/* With the agent's standard input closed, descriptor 0 would end the loop. */
+TEST_F(Thread, DescriptorZeroIsNotOurs)
+{
+    const int saved = fcntl(0, F_DUPFD_CLOEXEC, 10);
+    close(0);
+    backend.fds = {0, 0};
+    expect_array_at_read({0, 0});
+    Fault last("select", 3, EIO);
+    EXPECT_EQ(0, fmon_thread(nullptr));
+    EXPECT_TRUE(logged(1, "select failed: Input/output error\n")) << testlib::log_text();
+    EXPECT_EQ(-1, fcntl(0, F_GETFD)); /* still free */
+    if (saved >= 0) {
+        dup2(saved, 0);
+        close(saved);
+    }
+}
+
+/* With a readable standard input it would spin. */
+TEST_F(Thread, AReadableStandardInputIsLeftAlone)
+{
+    Pipe full;
+    full.put("x");
+    const int saved = fcntl(0, F_DUPFD_CLOEXEC, 10);
+    ASSERT_EQ(0, dup2(full.read_fd(), 0));
+    backend.fds = {0};
+    expect_array_at_read({0});
+    turns(2);
+    EXPECT_EQ(0, testlib::log_count_containing("is ready"));
+    close(0);
+    if (saved >= 0) {
+        dup2(saved, 0);
+        close(saved);
+    }
+}
+
+class HighDescriptors : public Thread
+{
+protected:
+    HighDescriptors()
+    {
+        getrlimit(RLIMIT_NOFILE, &old_);
+        struct rlimit limit = old_;
+        limit.rlim_cur = limit.rlim_max < 3000 ? limit.rlim_max : 3000;
+        setrlimit(RLIMIT_NOFILE, &limit);
+        full_.put("x");
+        low = fcntl(full_.read_fd(), F_DUPFD, 3);
+        high = fcntl(full_.read_fd(), F_DUPFD, 2000);
+    }
+    ~HighDescriptors() override
+    {
+        close(low);
+        close(high);
+        setrlimit(RLIMIT_NOFILE, &old_);
+    }
+    int low, high;
+
+private:
+    Pipe full_;
+    struct rlimit old_;
+};
+
+TEST_F(HighDescriptors, AreWaitedForLikeOthers)
+{
+    NEED(high >= 2000, "needs a hard limit of more than 2000 descriptors");
+    backend.fds = {high, low};
+    expect_array_at_read({-1, -1});
+    turns(1);
+}
+
+TEST_F(HighDescriptors, AreLeftOutForATurnWithoutMemory)
+{
+    NEED(high >= 2000, "needs a hard limit of more than 2000 descriptors");
+    int turn = 0;
+    Fault full("calloc");
+    backend.on_read = [&](struct fmon *, uint32_t, fmon_event_cb) {
+        EXPECT_EQ(turn++ == 0 ? (std::vector<int32_t>{high, -1}) : (std::vector<int32_t>{-1, -1}), backend.fds);
+        backend.fds = {high, low};
+        return 0;
+    };
+    backend.fds = {high, low};
+    turns(2);
+    EXPECT_TRUE(full.hit());
+    EXPECT_EQ(2, turn);
+}
+
+TEST_F(Thread, ACoreThatIsNotStartedOffersNoDescriptors)
+{
+    fmon_deinit();
+    backend.calls.clear();
+    turns(0);
+    EXPECT_EQ(0, backend.count("get_selectable_fds()"));
+}
+
+TEST_F(Thread, AFullTableIsWaitedOutWithoutDescriptors)
+{
+    client("a", [](struct event *) -> int32_t { return 1000; });
+    fmon.max_events = 1;
+    happens("a", "1");
+    Fault last("select", 1, EBADF);
+    EXPECT_EQ(0, fmon_thread(nullptr));
+    EXPECT_EQ(0, backend.count("get_selectable_fds()"));
+}
+
+TEST_F(Thread, TheBackendMayShortenTheWait)
+{
+    Pipe empty;
+    backend.fds = {empty.read_fd()};
+    const auto begin = std::chrono::steady_clock::now();
+    turns(3);
+    EXPECT_LT(std::chrono::steady_clock::now() - begin, std::chrono::milliseconds(1000));
+    EXPECT_EQ(3, backend.count("read_event(0)"));
+}
+
+TEST_F(Thread, TheTimeIsTheTimersInThirtyTwoBits)
+{
+    testlib::set_now(0x100000005);
+    turns(1);
+    EXPECT_EQ(1, backend.count("read_event(5)"));
+}
+
+TEST_F(Thread, AFailedRunIsLoggedAndTheLoopGoesOn)
+{
+    backend.read_result = -7;
+    turns(2);
+    EXPECT_EQ(2, testlib::log_count(1, "fmon run failed: -7\n"));
+    testlib::log_clear();
+}
+
+TEST_F(Thread, APositiveResultOfARunIsLoggedToo)
+{
+    backend.read_result = 3;
+    turns(1);
+    EXPECT_TRUE(logged(1, "fmon run failed: 3\n"));
+}
+
+TEST_F(Thread, RunsAndDeliversUnderTheLock)
+{
+    static bool called_locked;
+    called_locked = false;
+    client("a", [](struct event *) -> int32_t {
+        called_locked = testlib::mutex_locked();
+        return 0;
+    });
+    happens("a", "1");
+    bool read_locked = false;
+    backend.on_read = [&](struct fmon *, uint32_t, fmon_event_cb) {
+        read_locked = testlib::mutex_locked();
+        return 0;
+    };
+    const int before = testlib::mutex_lock_calls();
+    turns(1);
+    EXPECT_TRUE(read_locked);
+    EXPECT_TRUE(called_locked);
+    EXPECT_EQ(before + 3, testlib::mutex_lock_calls()); /* two a turn, one for the wait that failed */
+    EXPECT_FALSE(testlib::mutex_locked());
+}
+
+TEST_F(Thread, EventsReadInATurnAreDeliveredInIt)
+{
+    static int delivered;
+    delivered = 0;
+    client("a", [](struct event *) -> int32_t {
+        delivered++;
+        return 0;
+    });
+    backend.on_read = [&](struct fmon *monitor, uint32_t, fmon_event_cb cb) {
+        return cb(monitor, dcache_find(&monitor->dcache, tree.path("a").c_str()), "x", FMON_CREATE, 0, 5, nullptr);
+    };
+    turns(1);
+    EXPECT_EQ(1, delivered);
+}
+
+/* ---- the agent's own event loop ---- */
+
+class Pump : public Thread
+{
+protected:
+    /* The loop's turns at these times; how often the agent's loop got one. */
+    int pumps_at(const std::vector<uint64_t> &times)
+    {
+        testlib::set_now(times.front());
+        size_t next = 1;
+        backend.on_read = [&](struct fmon *, uint32_t, fmon_event_cb) {
+            if (next < times.size())
+                testlib::set_now(times[next++]);
+            return 0;
+        };
+        turns(static_cast<int>(times.size()));
+        EXPECT_EQ(testlib::loop_once_calls(), testlib::loop_nowait_calls());
+        return testlib::loop_once_calls();
+    }
+};
+
+TEST_F(Pump, NotInTheFirstSecond) { EXPECT_EQ(0, pumps_at({0, 1, 999, 1000})); }
+TEST_F(Pump, AfterMoreThanASecond) { EXPECT_EQ(1, pumps_at({1001})); }
+TEST_F(Pump, OnceASecond) { EXPECT_EQ(2, pumps_at({5000, 5000, 5999, 6000, 6001, 7000, 7001})); }
+TEST_F(Pump, WhenTimeGoesBack) { EXPECT_EQ(2, pumps_at({5000, 4999, 5000})); }
+TEST_F(Pump, AcrossTheWrap) { EXPECT_EQ(2, pumps_at({0xffffff00, 0x100000005, 0x100000006})); }
+
+/* ---- a real thread beside clients ---- */
+
+class RealThread : public ShellTest
+{
+protected:
+    RealThread()
+    {
+        testlib::set_thread_mode(testlib::ThreadMode::start);
+        backend.fds = {wake.read_fd()};
+        backend.on_read = [this](struct fmon *, uint32_t, fmon_event_cb) {
+            if (backend.fds[0] == -1) {
+                char byte;
+                EXPECT_EQ(1, read(wake.read_fd(), &byte, 1));
+                backend.fds[0] = wake.read_fd();
+            }
+            return 0;
+        };
+    }
+    ~RealThread() override
+    {
+        Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
+        wake.put("x");
+        testlib::join_threads();
+        EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);
+        EXPECT_EQ(0, testlib::mutex_live());
+    }
+    Pipe wake;
+};
+
+std::promise<std::string> got;
+int32_t keep_promise(struct event *ev)
+{
+    got.set_value(ev->path);
+    return 0;
+}
+
+TEST_F(RealThread, ServesClientsWhileItSleeps)
+{
+    start();
+    got = {};
+    auto path = got.get_future();
+    const int id = client("a", keep_promise);
+    {
+        const ShellLock lock;
+        happens("a", "x");
+    }
+    wake.put("x");
+    EXPECT_EQ(tree.path("a/x"), path.get());
+    EXPECT_EQ(0, _orx_fmon_del_instance(static_cast<uint32_t>(id)));
+}
+
+TEST_F(RealThread, ManyClientsAtOnce)
+{
+    start();
+    std::vector<std::thread> clients;
+    for (int c = 0; c < 4; c++)
+        clients.emplace_back([this, c] {
+            const std::string name = "client " + std::to_string(c), dir = tree.dir(name);
+            for (int i = 0; i < 50; i++) {
+                const int id = _orx_fmon_create_instance(name.c_str(), callback_func);
+                ASSERT_LE(0, id);
+                EXPECT_EQ(0, _orx_fmon_add_watch(static_cast<uint32_t>(id), dir.c_str(), FMON_CREATE, FMON_DIR, 0, 0));
+                _clt_file_enable(1);
+                wake.put("x");
+                EXPECT_EQ(0, _orx_fmon_del_instance(static_cast<uint32_t>(id)));
+            }
+        });
+    for (std::thread &c : clients)
+        c.join();
+    EXPECT_EQ(0, fmon_shell.row_count);
+}
+
+}  // namespace
