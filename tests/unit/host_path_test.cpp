@@ -1,0 +1,113 @@
+#include <sys/wait.h>
+
+#include <cstring>
+
+#include "host_support.h"
+#include "orx_base.h"
+
+namespace
+{
+
+using host_test::Environment;
+using host_test::TempDir;
+
+std::string transformed(const char *in)
+{
+    char out[4096] = "untouched";
+    EXPECT_EQ(orx_dirutils_path_transform(in, out, sizeof out), 0) << in;
+    return out;
+}
+
+std::string program_folder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path(); }
+
+TEST(Path, PutsTheProgramsFolderForTheSign)
+{
+    Environment none("FMON_HOME", nullptr);
+    EXPECT_EQ(transformed("@/../config/fmon.ini"), program_folder() + "/../config/fmon.ini");
+    EXPECT_EQ(transformed("@"), program_folder());
+    Environment empty("FMON_HOME", "");
+    EXPECT_EQ(transformed("@/x"), program_folder() + "/x");
+}
+
+TEST(Path, PutsTheAgentsHomeWhereThatIsSet)
+{
+    Environment home("FMON_HOME", "/opt/agent");
+    EXPECT_EQ(transformed("@/../lib/libhulbase.so"), "/opt/agent/bin/../lib/libhulbase.so");
+}
+
+TEST(Path, CopiesEverythingElse)
+{
+    for (const char *path : {"", "/etc/fmon.ini", "relative", "/a/@/b", "@home/x", "@@"})
+        EXPECT_EQ(transformed(path), path);
+}
+
+TEST(Path, DoesNotDependOnTheCurrentFolder)
+{
+    Environment none("FMON_HOME", nullptr);
+    TempDir dir;
+    std::string before = std::filesystem::current_path();
+    std::string first = transformed("@/x");
+    Environment home("FMON_HOME", "stage");
+    std::string second = transformed("@/x");
+    std::filesystem::current_path(dir.path());
+    EXPECT_EQ(transformed("@/x"), second);
+    EXPECT_EQ(second, before + "/stage/bin/x") << "a relative home is meant from where the program started";
+    unsetenv("FMON_HOME");
+    EXPECT_EQ(transformed("@/x"), first);
+    std::filesystem::current_path(before);
+}
+
+TEST(Path, TellsWhenItDoesNotFit)
+{
+    Environment home("FMON_HOME", "/h");
+    char out[12];
+    memset(out, 'x', sizeof out);
+    EXPECT_EQ(orx_dirutils_path_transform("@/12345", out, 12), -1); /* "/h/bin/12345" and its end need 13 */
+    EXPECT_STREQ(out, "/h/bin/1234");
+    EXPECT_EQ(orx_dirutils_path_transform("@/1234", out, 12), 0);
+    EXPECT_STREQ(out, "/h/bin/1234");
+    EXPECT_EQ(orx_dirutils_path_transform("@/", out, 1), -1);
+    EXPECT_STREQ(out, "");
+}
+
+TEST(Path, RefusesMissingArguments)
+{
+    char out[12] = "x";
+    EXPECT_EQ(orx_dirutils_path_transform("@", nullptr, 5), -1);
+    EXPECT_EQ(orx_dirutils_path_transform("@", out, 0), -1);
+    EXPECT_STREQ(out, "x");
+    EXPECT_EQ(orx_dirutils_path_transform(nullptr, out, sizeof out), -1);
+    EXPECT_STREQ(out, "");
+}
+
+/* A program that prints what "@" is for it: this one, copied to another tree and then moved with it. */
+[[gnu::constructor(65535)]] void answer_as_child()
+{
+    const char *moved = getenv("HOST_PATH_TEST_MOVE");
+    if (!moved)
+        return;
+    char first[4096], second[4096];
+    orx_dirutils_path_transform("@/x", first, sizeof first);
+    std::filesystem::rename(std::filesystem::path(first).parent_path().parent_path(), moved);
+    orx_dirutils_path_transform("@/x", second, sizeof second);
+    _exit(second == std::string(moved) + "/bin/x" ? 0 : 1);
+}
+
+TEST(Path, FollowsATreeThatIsMoved)
+{
+    TempDir dir;
+    dir.dir("tree/bin");
+    std::filesystem::copy_file("/proc/self/exe", dir.path("tree/bin/program"));
+    Environment none("FMON_HOME", nullptr), move("HOST_PATH_TEST_MOVE", dir.path("elsewhere").c_str());
+    pid_t pid = fork();
+    if (pid == 0) {
+        execl(dir.path("tree/bin/program").c_str(), "program", static_cast<char *>(nullptr));
+        _exit(99);
+    }
+    int status = -1;
+    waitpid(pid, &status, 0);
+    EXPECT_EQ(status, 0);
+    EXPECT_TRUE(dir.has("elsewhere/bin/program"));
+}
+
+}  // namespace
