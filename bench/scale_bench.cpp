@@ -92,6 +92,7 @@ private:
     std::vector<struct dentry *> leaves_;
 };
 
+/* `all`: every event in another directory; else a thousand of them take turns. */
 void run(benchmark::State &state, bool all)
 {
     WatchedTree tree(static_cast<int>(state.range(0)));
@@ -107,6 +108,15 @@ void run(benchmark::State &state, bool all)
     state.SetItemsProcessed(state.iterations());
 }
 
+/* Reads what an event must read, the names and watch lists up to the root, and does nothing with it. */
+size_t touch(struct dentry *d)
+{
+    size_t sum = 0;
+    for (; d; d = d->parent)
+        sum += d->len + static_cast<size_t>(list_empty(&owner_of(d)->watches));
+    return sum;
+}
+
 /* A thousand of the directories are busy, the others are only watched: the usual machine. */
 void scale_event_in_busy_directories(benchmark::State &state) { run(state, false); }
 BENCHMARK(scale_event_in_busy_directories)->RangeMultiplier(10)->Range(1000, 1000000);
@@ -114,5 +124,18 @@ BENCHMARK(scale_event_in_busy_directories)->RangeMultiplier(10)->Range(1000, 100
 /* Every event in another directory, in random order: the worst case for the processor's caches. */
 void scale_event_in_any_directory(benchmark::State &state) { run(state, true); }
 BENCHMARK(scale_event_in_any_directory)->RangeMultiplier(10)->Range(1000, 1000000);
+
+/* The part of that which is memory alone. */
+void scale_touch_any_directory(benchmark::State &state)
+{
+    const WatchedTree tree(static_cast<int>(state.range(0)));
+    size_t i = 0;
+    for (auto _ : state) {
+        benchmark::DoNotOptimize(touch(tree.leaves()[i]));
+        i = i + 1 == tree.leaves().size() ? 0 : i + 1;
+    }
+    state.SetItemsProcessed(state.iterations());
+}
+BENCHMARK(scale_touch_any_directory)->RangeMultiplier(10)->Range(1000, 1000000);
 
 }  // namespace

@@ -86,7 +86,9 @@ bool offer_to_dentry(struct fmon *monitor, struct event *ev, struct dentry *d)
     list_head *watches = &owner_of(d)->watches;
     if (list_empty(watches))
         return false;
-    FMON_LIST_EACH(node, watches) { offer_to_watch(monitor, ev, FMON_RECORD(node, struct watch, link)); }
+    FMON_LIST_EACH (node, watches) {
+        offer_to_watch(monitor, ev, FMON_RECORD(node, struct watch, link));
+    }
     return true;
 }
 

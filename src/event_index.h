@@ -1,9 +1,9 @@
 /*
  * event_index.h: finds the record of a path and process, whatever the size of the event table.
  *
- * The table's chains are about 12 records long when it is full; walking one costs two cache misses a record, and whoever
- * can create files can make names that all fall into one chain. So no lookup walks them: behind the chain heads lies a
- * second, finer array of heads (about one record each), addressed by a hash with a secret key.
+ * The table's chains are about 12 records long when it is full; walking one costs two cache misses a record, and
+ * whoever can create files can make names that all fall into one chain. So no lookup walks them: behind the chain heads
+ * lies a second, finer array of heads (about one record each), addressed by a hash with a secret key.
  */
 #ifndef FMON_EVENT_INDEX_H
 #define FMON_EVENT_INDEX_H

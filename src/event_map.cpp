@@ -24,9 +24,9 @@ const struct bits_row event_map[EVENT_MAP_ROWS] = {
 };
 
 const struct bits_row flags_map[FLAGS_MAP_ROWS] = {
-    {"file", FMON_FILE},         {"dir", FMON_DIR},           {"mount", FMON_MOUNT},       {"recursive", FMON_RECURSIVE},
-    {"delay", FMON_DELAY},       {"pid", FMON_PID},           {"symbolic", FMON_SYMBOLIC}, {"deleted", FMON_DELETED},
-    {"sync", FMON_SYNC},         {"dynamic", FMON_DYNAMIC},   {"asterisk", FMON_ASTERISK},
+    {"file", FMON_FILE},   {"dir", FMON_DIR},         {"mount", FMON_MOUNT},       {"recursive", FMON_RECURSIVE},
+    {"delay", FMON_DELAY}, {"pid", FMON_PID},         {"symbolic", FMON_SYMBOLIC}, {"deleted", FMON_DELETED},
+    {"sync", FMON_SYNC},   {"dynamic", FMON_DYNAMIC}, {"asterisk", FMON_ASTERISK},
 };
 
 namespace

@@ -48,14 +48,12 @@ void release_entry(struct event_entry *entry, uint32_t bit)
 void adopt_instance(int id)
 {
     struct instance *inst = &fmon.instances[id];
-    FMON_LIST_EACH(node, &inst->watches)
-    {
+    FMON_LIST_EACH (node, &inst->watches) {
         struct watch *w = FMON_RECORD(node, struct watch, inst_link);
         w->dentry = nullptr;
         list_poison(&w->link);
     }
-    FMON_LIST_EACH(node, &inst->events)
-    {
+    FMON_LIST_EACH (node, &inst->events) {
         struct event *ev = FMON_RECORD(node, struct event_entry, link)->ev;
         if (!ev)
             continue;

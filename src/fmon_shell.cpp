@@ -67,6 +67,14 @@ void load_config()
     orx_ini_file_free(ini);
 }
 
+/* Stored only when it changes: a monitor that runs already reads it on its own thread. */
+void detect_container()
+{
+    const int32_t flag = container_detect();
+    if (flag != g_container_flag)
+        g_container_flag = flag;
+}
+
 /* Disabled for the life of the process: an agent that retries would meet the same refusal each time. */
 int disable()
 {
@@ -112,13 +120,17 @@ ShellLock::~ShellLock()
 
 void shell_lock_destroy(void)
 {
-    if (void *lock = fmon_shell.lock.exchange(nullptr))
-        th_mutex_destroy(lock);
+    void *lock = fmon_shell.lock.exchange(nullptr);
+    if (!lock)
+        return;
+    th_mutex_lock(lock); /* a client that is inside finishes first */
+    th_mutex_unlock(lock);
+    th_mutex_destroy(lock);
 }
 
 int orx_fmon_init(uint32_t, void *)
 {
-    g_container_flag = container_detect();
+    detect_container();
     if (fmon_shell.run_state > FMON_STOPPED) {
         FMON_LOG(4, kFile, "orx_fmon thread already runing.");
         return 0;

@@ -47,7 +47,7 @@ private:
     void *held_; /* what was locked: a start or stop in between replaces the shell's */
 };
 
-/* Takes the monitor lock away from everyone and destroys it, if it exists. */
+/* Takes the monitor lock away and destroys it, if it exists. Who holds it finishes first; nobody may be waiting. */
 void shell_lock_destroy(void);
 
 /* The monitor thread's body; returns 0 when select failed for good. */

@@ -27,8 +27,8 @@ void watch_free(struct watch *);
 /* Takes a watch out of its instance's list and frees it; it must not be attached or waiting. */
 void watch_drop(struct watch *);
 
-/* Takes an attached watch from the backend; the result only serves to be logged. Afterwards its attachment link is in no
- * list, whatever the backend did. */
+/* Takes an attached watch from the backend; the result only serves to be logged. Afterwards its attachment link is in
+ * no list, whatever the backend did. */
 int watch_detach(struct watch *);
 
 /* 0 when there is an object of the flags' type at the path, which is not followed when it is a link; FMON_ENOENT. */

@@ -47,7 +47,7 @@ public:
     {
         struct timeval timeout = {};
         timeout.tv_sec = timeout_ms / 1000;
-        timeout.tv_usec = timeout_ms % 1000 * 1000;
+        timeout.tv_usec = static_cast<suseconds_t>(timeout_ms % 1000) * 1000;
         return select(highest_ + 1, reinterpret_cast<fd_set *>(words()), nullptr, nullptr, &timeout);
     }
 

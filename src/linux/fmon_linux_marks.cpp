@@ -31,6 +31,8 @@ struct fmon_masks masks_with(struct dentry *d, uint32_t flags)
 
 int fan_fd_for(uint32_t flags) { return fmlnx.fan_fd[(flags & FMON_MOUNT) ? FAN_FD_MOUNT : FAN_FD_FILE]; }
 
+const char *mark_path(struct dentry *d, const char *given) { return given ? given : dentry_path_null(d); }
+
 /* Inside a container only the host's tree is of interest; the rest is accepted and never watched. */
 bool outside_host_tree(const char *path) { return g_container_flag && strncmp(path, "/rootfs", 7) != 0; }
 
@@ -76,8 +78,7 @@ int fmon_linux_fan_up(struct dentry *d, const char *path, uint32_t old, uint32_t
     uint32_t bits = add & ~old;
     if (bits == 0)
         return 0;
-    if (!path)
-        path = dentry_path_null(d);
+    path = mark_path(d, path);
     if (!path)
         return FMON_LINUX_EPATH;
 
@@ -94,8 +95,7 @@ int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uin
     uint32_t bits = del & ~remain;
     if (bits == 0)
         return 0;
-    if (!path)
-        path = dentry_path_null(d);
+    path = mark_path(d, path);
     if (!path)
         return FMON_LINUX_EPATH;
 

@@ -110,32 +110,28 @@ Paths paths(const std::map<std::string, std::string> &table)
 
 Child::Child(const std::function<void()> &body)
 {
-    int hold[2], done[2];
-    EXPECT_EQ(pipe2(hold, O_CLOEXEC), 0);
+    int done[2];
     EXPECT_EQ(pipe2(done, O_CLOEXEC), 0);
     pid_ = fork();
-    char c = 0;
+    char failed = 1;
     if (pid_ == 0) {
-        close(hold[1]);
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
         body();
-        close(done[1]);
-        while (read(hold[0], &c, 1) > 0) {
-        }
-        _exit(testing::Test::HasFailure());
+        failed = testing::Test::HasFailure();
+        (void)!write(done[1], &failed, 1);
+        for (;;)
+            pause();
     }
     close(done[1]);
-    close(hold[0]);
-    EXPECT_EQ(read(done[0], &c, 1), 0); /* the body has run */
+    EXPECT_EQ(read(done[0], &failed, 1), 1);
+    EXPECT_EQ(failed, 0) << "a child's operation failed";
     close(done[0]);
-    hold_ = hold[1];
 }
 
 Child::~Child()
 {
-    close(hold_);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    EXPECT_EQ(status, 0) << "a child's operation failed";
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
 }
 
 Process::Process(const Launch &launch)
@@ -202,14 +198,15 @@ void Process::send(int signal)
 
 int Process::wait(int ms)
 {
-    for (int64_t deadline = now_ms() + ms; now_ms() < deadline; pause_ms(5)) {
-        int status = 0;
-        if (waitpid(pid_, &status, WNOHANG) != pid_)
-            continue;
-        reaped_ = true;
-        return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    int64_t deadline = now_ms() + ms;
+    int status = 0;
+    while (waitpid(pid_, &status, WNOHANG) != pid_) {
+        if (now_ms() >= deadline)
+            return -1;
+        pause_ms(5);
     }
-    return -1;
+    reaped_ = true;
+    return WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
 }
 
 /* ---- the command ---- */
@@ -275,7 +272,8 @@ Paths Watch::barrier(const std::string &dir, const Names &awaited)
     while (!std::includes(marks.begin(), marks.end(), awaited.begin(), awaited.end())) {
         auto object = next(static_cast<int>(std::max<int64_t>(deadline - now_ms(), 1)));
         if (!object) {
-            ADD_FAILURE() << "the marker " << marker << " was not reported; fmon: " << process_.errors();
+            ADD_FAILURE() << "the marker " << marker << " was not reported; fmon's status: " << process_.wait(0)
+                          << " (-1: runs) " << process_.errors();
             break;
         }
         if (!is_marker(object->value("path", "")))

@@ -32,7 +32,7 @@ int64_t now_ms();
 Names names(const std::string &list);
 Paths paths(const std::map<std::string, std::string> &table);
 
-/* Runs `body` in a child that lives until the returned object ends it; pid() is known before body runs. */
+/* Runs `body` in a child that has done so when the constructor returns, and lives as long as the object. */
 class Child
 {
 public:
@@ -44,7 +44,6 @@ public:
 
 private:
     pid_t pid_;
-    int hold_; /* closed: the child may end */
 };
 
 struct Launch {

@@ -73,7 +73,9 @@ struct HostReset {
 inline size_t list_length(list_head *head)
 {
     size_t n = 0;
-    FMON_LIST_EACH(node, head) { n++; }
+    FMON_LIST_EACH (node, head) {
+        n++;
+    }
     return n;
 }
 
@@ -91,7 +93,10 @@ class CoreTest : public ::testing::Test
 protected:
     static constexpr int kFd = 7; /* any source descriptor */
 
-    explicit CoreTest(int max_events = 100, int max_dentries = 1000) : monitor(max_events, max_dentries) { log_clear(); }
+    explicit CoreTest(int max_events = 100, int max_dentries = 1000) : monitor(max_events, max_dentries)
+    {
+        log_clear();
+    }
     ~CoreTest() override
     {
         g_container_flag = 0;
@@ -122,8 +127,7 @@ protected:
     /* The first watch of that instance with that stored path, or null. */
     static struct watch *find(int id, const std::string &path)
     {
-        FMON_LIST_EACH(node, &fmon.instances[id].watches)
-        {
+        FMON_LIST_EACH (node, &fmon.instances[id].watches) {
             struct watch *w = FMON_RECORD(node, struct watch, inst_link);
             if (w->path == path)
                 return w;
@@ -154,6 +158,27 @@ protected:
             if (ev->path == path && ev->pid == pid)
                 return ev;
         return nullptr;
+    }
+
+    /* A directory vanishes, as the backend reports it for each of its watches. */
+    static void vanish(struct watch *w)
+    {
+        list_unlink(&w->link);
+        w->dentry = nullptr;
+        watch_out_service(&fmon, w);
+    }
+
+    /* Empties the cached tree, of which the fake backend gives nothing back; no watch may be attached. */
+    static void clear_tree()
+    {
+        while (fmon.dcache.count) {
+            struct dcache_traverse walk;
+            dcache_traverse_start(&walk, fmon.dcache.root, nullptr);
+            while (struct dentry *d = dcache_traverse_next_safe(&walk))
+                if (walk.state == DCACHE_LEAF)
+                    dcache_del(&fmon.dcache, d);
+            dcache_traverse_end(&walk);
+        }
     }
 
     /* The whole state as the dump shows it, and the counters that it does not. */

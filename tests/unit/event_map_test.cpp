@@ -16,8 +16,8 @@ uint32_t parse_flags(std::string text) { return flags_mask(text.data()); }
 TEST(EventMap, RowsAreInOrder)
 {
     const struct bits_row expected[] = {
-        {"open", 0x20},       {"access", 0x1},   {"modify", 0x2},      {"create", 0x100},       {"delete", 0x200},
-        {"moved_from", 0x40}, {"moved_to", 0x80}, {"attrib", 0x4},      {"close_write", 0x8},    {"close_nowrite", 0x10},
+        {"open", 0x20},       {"access", 0x1},        {"modify", 0x2}, {"create", 0x100},    {"delete", 0x200},
+        {"moved_from", 0x40}, {"moved_to", 0x80},     {"attrib", 0x4}, {"close_write", 0x8}, {"close_nowrite", 0x10},
         {"move_self", 0x800}, {"delete_self", 0x400}, {"all", 0xfff},  {"close", 0x18},
     };
     ASSERT_EQ(14u, std::size(expected));
@@ -30,8 +30,9 @@ TEST(EventMap, RowsAreInOrder)
 TEST(EventMap, FlagRowsAreInOrder)
 {
     const struct bits_row expected[] = {
-        {"file", 0x1}, {"dir", 0x2},       {"mount", 0x4},    {"recursive", 0x8}, {"delay", 0x10},       {"pid", 0x20},
-        {"symbolic", 0x40}, {"deleted", 0x80}, {"sync", 0x100}, {"dynamic", 0x10000}, {"asterisk", 0x20000},
+        {"file", 0x1},   {"dir", 0x2},         {"mount", 0x4},        {"recursive", 0x8},
+        {"delay", 0x10}, {"pid", 0x20},        {"symbolic", 0x40},    {"deleted", 0x80},
+        {"sync", 0x100}, {"dynamic", 0x10000}, {"asterisk", 0x20000},
     };
     ASSERT_EQ(11u, std::size(expected));
     for (int i = 0; i < FLAGS_MAP_ROWS; i++) {

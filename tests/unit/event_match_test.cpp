@@ -103,8 +103,8 @@ TEST_F(EventMatch, DelayTruthTable)
 /* The same kinds with one more outside the delayed ones, in the watch, in the record, and in both. */
 TEST_F(EventMatch, DelayTruthTableWithAnotherKind)
 {
-    const uint32_t delayed[] = {0, A, M, W, N, A | M, A | W, A | N, M | W, M | N, W | N, A | M | W, A | M | N,
-                                A | W | N, M | W | N, A | M | W | N};
+    const uint32_t delayed[] = {0,     A,     M,     W,         N,         A | M,     A | W,     A | N,
+                                M | W, M | N, W | N, A | M | W, A | M | N, A | W | N, M | W | N, A | M | W | N};
     for (uint32_t watch_mask : delayed)
         for (uint32_t mask : delayed) {
             Outcome alone = offer(watch_mask, FMON_DIR | FMON_DELAY, mask);
@@ -222,9 +222,12 @@ TEST_F(EventMatch, DirectoryPartIsComparedAsAPrefix)
         std::string watch_path;
         Outcome expected;
     };
-    const Case cases[] = {{dir, kDeliver},           {dir + "x", kDeliver},
-                          {dir + "/f", kDeliver},    {dir.substr(0, dir.size() - 1), kNothing},
-                          {dir.substr(0, 1), kNothing}, {dir.substr(0, dir.size() - 1) + "x", kNothing}};
+    const Case cases[] = {{dir, kDeliver},
+                          {dir + "x", kDeliver},
+                          {dir + "/f", kDeliver},
+                          {dir.substr(0, dir.size() - 1), kNothing},
+                          {dir.substr(0, 1), kNothing},
+                          {dir.substr(0, dir.size() - 1) + "x", kNothing}};
     for (const Case &c : cases) {
         free(w->path);
         w->path = strdup(c.watch_path.c_str());

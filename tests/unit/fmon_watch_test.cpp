@@ -24,23 +24,6 @@ protected:
         EXPECT_EQ(0u, watches(id));
         return result;
     }
-    /* Deletes the leaves of the cached tree, which the fake backend leaves behind. */
-    static void prune()
-    {
-        struct dcache_traverse walk;
-        dcache_traverse_start(&walk, fmon.dcache.root, nullptr);
-        while (struct dentry *d = dcache_traverse_next_safe(&walk))
-            if (walk.state == DCACHE_LEAF)
-                dcache_del(&fmon.dcache, d);
-        dcache_traverse_end(&walk);
-    }
-    /* A directory, or anything else, vanishes from the tree as the backend reports it. */
-    static void vanish(struct watch *w)
-    {
-        list_unlink(&w->link);
-        w->dentry = nullptr;
-        watch_out_service(&fmon, w);
-    }
 
     int id;
     std::string dir;
@@ -60,15 +43,17 @@ TEST_F(Watches, RecordHoldsTheRequest)
     EXPECT_EQ(6, w->max_subdirs);
     EXPECT_EQ(dentry(dir), w->dentry);
     EXPECT_EQ(nullptr, w->parent);
-    EXPECT_EQ((std::vector<std::string>{"init()", "check_watch(" + dir + ")", "add_watch(" + dir + ")"}), backend.calls);
+    EXPECT_EQ((std::vector<std::string>{"init()", "check_watch(" + dir + ")", "add_watch(" + dir + ")"}),
+              backend.calls);
 }
 
 TEST_F(Watches, AddingIsLogged)
 {
-    EXPECT_EQ((Lines{fmon_line(4, "add watch: " + dir +
-                                      ", event modify,create, flags dir,recursive, max depth 5, max subdirs 6\n"),
-                     fmon_line(4, "watch new, origin path: " + dir + ", rpath: " + dir)}),
-              log_of([&] { fmon_add_watch(id, dir.c_str(), FMON_CREATE | FMON_MODIFY, FMON_DIR | FMON_RECURSIVE, 5, 6); }));
+    EXPECT_EQ(
+        (Lines{fmon_line(
+                   4, "add watch: " + dir + ", event modify,create, flags dir,recursive, max depth 5, max subdirs 6\n"),
+               fmon_line(4, "watch new, origin path: " + dir + ", rpath: " + dir)}),
+        log_of([&] { fmon_add_watch(id, dir.c_str(), FMON_CREATE | FMON_MODIFY, FMON_DIR | FMON_RECURSIVE, 5, 6); }));
 }
 
 TEST_F(Watches, LimitsAreStoredTruncatedAndLoggedAsGiven)
@@ -219,8 +204,7 @@ TEST_F(Watches, EachAllocationCanFail)
                 EXPECT_EQ(hit ? FMON_ENOMEM : 0, result) << name;
                 if (!hit) {
                     EXPECT_EQ(0, del(id, dir));
-                    while (fmon.dcache.count)
-                        prune();
+                    clear_tree();
                 }
                 EXPECT_EQ(before, snapshot()) << name;
             });
@@ -337,269 +321,6 @@ TEST_F(Watches, AttachedWatchThatWouldWaitIsDeletedAsAnyOther)
     EXPECT_EQ((Lines{fmon_line(4, "del watch: " + dir + " from instance client\n")}),
               log_of([&] { EXPECT_EQ(0, del(id, dir)); }));
     EXPECT_EQ(1, backend.count("del_watch(" + dir + ")"));
-}
-
-/* ---- waiting ---- */
-
-class Waiting : public Watches
-{
-protected:
-    void pass() { fmon_tbd_pass(); }
-    /* The waiting paths in order, below the tree's root. */
-    std::string order()
-    {
-        std::string text;
-        FMON_LIST_EACH(node, &fmon.tbd)
-        {
-            struct watch *w = FMON_RECORD(node, struct watch, link);
-            text += std::string(w->path).substr(tree.root().size());
-        }
-        /* The list is whole in the other direction too. */
-        size_t back = 0;
-        for (list_head *node = fmon.tbd.prev; node != &fmon.tbd; node = node->prev)
-            back++;
-        EXPECT_EQ(back, waiting());
-        return text;
-    }
-    void wait_for(const std::string &names)
-    {
-        for (char c : names)
-            ASSERT_EQ(0, add(id, tree.path(std::string(1, c)), FMON_CREATE, kWait));
-    }
-};
-
-TEST_F(Waiting, MissingPathIsAccepted)
-{
-    std::string missing = tree.path("missing");
-    EXPECT_EQ((Lines{fmon_line(4, "add watch: " + missing + ", event create, flags dir,deleted, max depth 0, max subdirs 0\n"),
-                     fmon_line(4, "watch new, origin path: " + missing + ", rpath: " + missing),
-                     fmon_line(4, "this watch is add to tbd list\n")}),
-              log_of([&] { EXPECT_EQ(0, add(id, missing, FMON_CREATE, kWait)); }));
-    EXPECT_EQ(1u, waiting());
-    EXPECT_EQ(nullptr, find(id, missing)->dentry);
-    EXPECT_EQ(FMON_EEXIST, add(id, missing, FMON_CREATE, kWait));
-}
-
-TEST_F(Waiting, BackendThatMissesThePathMakesItWait)
-{
-    backend.add_result = FMON_ENOENT;
-    EXPECT_EQ(0, add(id, dir, FMON_CREATE, kWait));
-    EXPECT_EQ(1u, waiting());
-    backend.add_result = -109;
-    EXPECT_EQ(-109, add(id, tree.dir("e"), FMON_CREATE, kWait));
-    EXPECT_EQ(1u, waiting());
-}
-
-TEST_F(Waiting, PathOfAnotherTypeMakesItWait)
-{
-    std::string path = tree.file("x");
-    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
-    pass();
-    EXPECT_EQ(1u, waiting());
-    tree.remove("x");
-    tree.dir("x");
-    pass();
-    EXPECT_EQ(0u, waiting());
-}
-
-TEST_F(Waiting, MissingPathIsRetriedSilently)
-{
-    ASSERT_EQ(0, add(id, tree.path("missing"), FMON_CREATE, kWait));
-    EXPECT_TRUE(log_of([&] { pass(); }).empty());
-    EXPECT_EQ(0, backend.count("add_watch(" + tree.path("missing") + ")"));
-}
-
-TEST_F(Waiting, AttachesWhenThePathAppears)
-{
-    std::string missing = tree.path("missing");
-    ASSERT_EQ(0, add(id, missing, FMON_CREATE, kWait));
-    tree.dir("missing");
-    EXPECT_EQ((Lines{fmon_line(4, "tbd watch " + missing + " added\n")}), log_of([&] { pass(); }));
-    EXPECT_EQ(0u, waiting());
-    struct watch *w = find(id, missing);
-    EXPECT_EQ(dentry(missing), w->dentry);
-    EXPECT_EQ(&w->link, owner_of(w->dentry)->watches.next);
-    process(missing, "f", FMON_CREATE);
-    EXPECT_EQ(1u, queued(id));
-}
-
-TEST_F(Waiting, GoesBackToWaitingAndComesAgain)
-{
-    std::string path = tree.dir("x");
-    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
-    for (int i = 0; i < 3; i++) {
-        ASSERT_NE(nullptr, find(id, path)->dentry);
-        tree.remove("x");
-        vanish(find(id, path));
-        EXPECT_EQ(1u, waiting());
-        pass();
-        EXPECT_EQ(1u, waiting());
-        tree.dir("x");
-        pass();
-        EXPECT_EQ(0u, waiting());
-    }
-    EXPECT_EQ(0, del(id, path));
-}
-
-TEST_F(Waiting, FailedRetryIsLoggedEveryTime)
-{
-    std::string path = tree.path("x");
-    ASSERT_EQ(0, add(id, path, FMON_CREATE, kWait));
-    tree.dir("x");
-    backend.add_result = -108;
-    for (int i = 0; i < 2; i++) {
-        EXPECT_EQ((Lines{fmon_line(1, "add deleted flag watch " + path + " failed: -108\n")}), log_of([&] { pass(); }));
-        EXPECT_EQ("/x", order());
-    }
-    backend.add_result = 0;
-    pass();
-    EXPECT_EQ("", order());
-}
-
-TEST_F(Waiting, OutOfMemoryInARetryChangesNothing)
-{
-    wait_for("wxy");
-    std::string path = tree.dir("x"), before = snapshot();
-    int hits = 0;
-    for (const char *name : {"malloc", "calloc"})
-        hits += fail_each_then(
-            name,
-            [&] {
-                log_clear();
-                pass();
-            },
-            [&](bool hit) {
-                EXPECT_EQ(hit ? 1 : 0, log_count_containing("failed: -101\n"));
-                EXPECT_EQ(hit ? "/w/x/y" : "/w/y", order());
-                if (!hit) {
-                    vanish(find(id, path));
-                    while (fmon.dcache.count)
-                        prune();
-                    for (const char *again : {"w", "x", "y"})
-                        ASSERT_EQ(0, del(id, tree.path(again)));
-                    tree.remove("x");
-                    wait_for("wxy");
-                    tree.dir("x");
-                }
-                EXPECT_EQ(before, snapshot());
-            });
-    EXPECT_GE(hits, 2);
-}
-
-/* Each subset of five waiting watches is attached in one pass: first, last, only, neighbours, all, none. */
-TEST_F(Waiting, AnyOfThemCanLeaveTheList)
-{
-    const std::string names = "abcde";
-    for (unsigned subset = 0; subset < 32; subset++) {
-        wait_for(names);
-        std::string left;
-        for (size_t i = 0; i < names.size(); i++) {
-            if (subset & 1u << i)
-                tree.dir(std::string(1, names[i]));
-            else
-                left += std::string("/") + names[i];
-        }
-        pass();
-        EXPECT_EQ(left, order()) << subset;
-        for (char c : names) {
-            std::string name(1, c);
-            bool attached = left.find(c) == std::string::npos;
-            EXPECT_EQ(attached, find(id, tree.path(name))->dentry != nullptr) << subset << c;
-            ASSERT_EQ(0, del(id, tree.path(name)));
-            tree.remove(name);
-        }
-        ASSERT_EQ("", order());
-    }
-}
-
-/* The same with the backend refusing a subset: those stay, and stay in their place. */
-TEST_F(Waiting, RefusedOnesKeepTheirPlace)
-{
-    const std::string names = "abcde";
-    for (char c : names)
-        tree.dir(std::string(1, c));
-    for (unsigned subset = 0; subset < 32; subset++) {
-        backend.add_result = FMON_ENOENT;
-        backend.on_add = nullptr;
-        wait_for(names);
-        std::string left;
-        for (size_t i = 0; i < names.size(); i++)
-            if (!(subset & 1u << i))
-                left += std::string("/") + names[i];
-        backend.on_add = [&](struct watch *w) {
-            if (left.find(w->path + tree.root().size()) != std::string::npos)
-                return -108;
-            w->dentry = dcache_add(&fmon.dcache, w->path);
-            list_add_tail(&w->link, &owner_of(w->dentry)->watches);
-            return 0;
-        };
-        pass();
-        EXPECT_EQ(left, order()) << subset;
-        for (char c : names)
-            ASSERT_EQ(0, del(id, tree.path(std::string(1, c))));
-        ASSERT_EQ("", order());
-    }
-}
-
-/* A backend that calls it a success without linking the watch leaves no trace of it in the list. */
-TEST_F(Waiting, SuccessWithoutALinkLeavesTheListToo)
-{
-    wait_for("abc");
-    tree.dir("b");
-    backend.on_add = [](struct watch *) { return 1; };
-    pass();
-    EXPECT_EQ("/a/c", order());
-    EXPECT_FALSE(list_linked(&find(id, tree.path("b"))->link));
-}
-
-TEST_F(Waiting, ManyComeAndGoInOneList)
-{
-    wait_for("abc");
-    tree.dir("b");
-    pass();
-    wait_for("d");
-    EXPECT_EQ("/a/c/d", order());
-    vanish(find(id, tree.path("b")));
-    EXPECT_EQ("/a/c/d/b", order()); /* it waits behind the others */
-}
-
-/* ---- watch_out_service ---- */
-
-class OutOfService : public Waiting
-{
-};
-
-TEST_F(OutOfService, PlainWatchStaysUnattached)
-{
-    ASSERT_EQ(0, add(id, dir, FMON_CREATE));
-    vanish(find(id, dir));
-    ASSERT_NE(nullptr, find(id, dir));
-    EXPECT_FALSE(list_linked(&find(id, dir)->link));
-    pass();
-    EXPECT_EQ(nullptr, find(id, dir)->dentry);
-}
-
-TEST_F(OutOfService, WaitingKindWaitsLast)
-{
-    wait_for("a");
-    ASSERT_EQ(0, add(id, dir, FMON_CREATE, kWait));
-    vanish(find(id, dir));
-    EXPECT_EQ("/a/dir", order());
-}
-
-TEST_F(OutOfService, WatchMarkedDynamicByItsClientIsFreed)
-{
-    ASSERT_EQ(0, add(id, dir, FMON_CREATE, FMON_DIR | FMON_DYNAMIC));
-    vanish(find(id, dir));
-    EXPECT_EQ(0u, watches(id));
-}
-
-TEST_F(OutOfService, DynamicWinsOverDeleted)
-{
-    ASSERT_EQ(0, add(id, dir, FMON_CREATE, FMON_DIR | FMON_DYNAMIC | FMON_DELETED));
-    vanish(find(id, dir));
-    EXPECT_EQ(0u, watches(id));
-    EXPECT_EQ(0u, waiting());
 }
 
 /* ---- in a container ---- */

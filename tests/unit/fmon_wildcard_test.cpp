@@ -15,13 +15,6 @@ protected:
     void pass() { fmon_tbd_pass(); }
     std::string log_dir(const std::string &user) { return tree.dir(user + "/log"); }
 
-    static void vanish(struct watch *w)
-    {
-        list_unlink(&w->link);
-        w->dentry = nullptr;
-        watch_out_service(&fmon, w);
-    }
-
     int id;
     std::string pattern;
 };
@@ -287,7 +280,8 @@ TEST_F(Wildcard, BackendsFailuresAreLogged)
     std::string a = log_dir("a");
     ASSERT_EQ(0, add(id, pattern, FMON_CREATE));
     backend.del_result = -109;
-    EXPECT_EQ(fmon_line(1, "del watch " + a + " failed: -109\n"), log_of([&] { EXPECT_EQ(0, del(id, pattern)); }).back());
+    EXPECT_EQ(fmon_line(1, "del watch " + a + " failed: -109\n"),
+              log_of([&] { EXPECT_EQ(0, del(id, pattern)); }).back());
     EXPECT_EQ(0u, watches(id));
 }
 
@@ -296,9 +290,9 @@ TEST_F(Wildcard, DynamicWatchCanBeDeletedByItsPath)
 {
     std::string a = log_dir("a");
     ASSERT_EQ(0, add(id, pattern, FMON_CREATE));
-    EXPECT_EQ((Lines{fmon_line(4, "del watch: " + a + " from instance client\n"),
-                     fmon_line(4, "delete asterisk watch\n")}),
-              log_of([&] { EXPECT_EQ(0, del(id, a)); }));
+    EXPECT_EQ(
+        (Lines{fmon_line(4, "del watch: " + a + " from instance client\n"), fmon_line(4, "delete asterisk watch\n")}),
+        log_of([&] { EXPECT_EQ(0, del(id, a)); }));
     EXPECT_EQ(1, backend.count("del_watch(" + a + ")"));
     EXPECT_EQ(1u, watches(id));
     EXPECT_EQ(1u, waiting());

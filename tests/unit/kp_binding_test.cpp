@@ -102,9 +102,9 @@ void *find_symbol(void *handle, const char *symbol)
     auto found = library.find(symbol);
     if (found != library.end())
         return found->second;
-    dlsym(RTLD_DEFAULT, "no_such_symbol_anywhere"); /* leaves its text for dlerror */
+    void *none = dlsym(RTLD_DEFAULT, "no_such_symbol_anywhere"); /* leaves its text for dlerror */
     errno = ESRCH;
-    return nullptr;
+    return none;
 }
 void *no_library(const char *, int)
 {

@@ -1,0 +1,55 @@
+/*
+ * format.h: what is written for an event, in the form that was asked for.
+ *
+ * Formatters append to a text and know nothing of files. Records end in "\n", or in a NUL with -0.
+ */
+#ifndef CLI_FORMAT_H
+#define CLI_FORMAT_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "queue.h"
+
+namespace cli
+{
+
+struct FormatStyle {
+    char end = '\n';
+    bool colours = false;
+    bool terminal = false; /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
+    std::vector<std::string> sources; /* the instances' names, by index */
+};
+
+class Formatter
+{
+public:
+    virtual ~Formatter() = default;
+
+    virtual void begin(std::string &) {} /* a heading */
+    virtual void event(const Event &event, std::string &out) = 0;
+
+    /* Records beside events. Only JSON has a form for them: the others append nothing. */
+    virtual void established(uint64_t, const std::vector<std::string> & /*paths*/, uint64_t /*directories*/,
+                             std::string & /*out*/)
+    {
+    }
+    virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string & /*out*/) {}
+    virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
+};
+
+std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style);
+
+/* A template: %e events, %p path, %P pid, %n process name, %t time, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e
+ * \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
+std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
+                                                   std::string &error);
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,62 @@
+#include <string>
+
+#include "escape.h"
+#include "event_names.h"
+#include "format.h"
+#include "time_format.h"
+
+namespace cli
+{
+
+namespace
+{
+
+/* time,events,path,pid,process: lines end in "\n" alone, as other tools here have it. */
+class CsvFormatter : public Formatter
+{
+public:
+    explicit CsvFormatter(const FormatStyle &style) : end_(style.end), terminal_(style.terminal) {}
+
+    void begin(std::string &out) override
+    {
+        out.append("time,events,path,pid,process");
+        out.push_back(end_);
+    }
+
+    void event(const Event &event, std::string &out) override
+    {
+        time_.append(event.time_ns, out);
+        out.push_back(',');
+        append_csv(events_text(event.mask), out);
+        out.push_back(',');
+        append_field(event.path, out);
+        out.push_back(',');
+        out.append(std::to_string(event.pid));
+        out.push_back(',');
+        if (event.process)
+            append_field(event.process->name, out);
+        out.push_back(end_);
+    }
+
+private:
+    void append_field(std::string_view bytes, std::string &out) const
+    {
+        if (terminal_)
+            append_csv(escaped(bytes), out);
+        else
+            append_csv(bytes, out);
+    }
+
+    const char end_;
+    const bool terminal_;
+    UtcTime time_;
+};
+
+}  // namespace
+
+std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style)
+{
+    return std::make_unique<CsvFormatter>(style);
+}
+
+}  // namespace cli

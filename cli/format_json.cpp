@@ -1,0 +1,176 @@
+#include <rapidjson/writer.h>
+
+#include "escape.h"
+#include "event_names.h"
+#include "format.h"
+#include "time_format.h"
+
+namespace cli
+{
+
+namespace
+{
+
+/* A std::string as the library's output stream. */
+class StringStream
+{
+public:
+    using Ch = char;
+    explicit StringStream(std::string &out) : out_(out) {}
+    void Put(char c) { out_.push_back(c); }
+    void Flush() {}
+
+private:
+    std::string &out_;
+};
+
+using Writer = rapidjson::Writer<StringStream>;
+
+void put(Writer &writer, std::string_view text)
+{
+    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
+}
+
+void put_key(Writer &writer, std::string_view key)
+{
+    writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
+}
+
+void put_bytes(Writer &writer, std::string_view bytes)
+{
+    if (is_utf8(bytes)) {
+        put(writer, bytes);
+        return;
+    }
+    std::string clean;
+    append_utf8(bytes, clean);
+    put(writer, clean);
+}
+
+// The path, and where it is not UTF-8 its bytes beside it, without which the file could not be found.
+void put_path(Writer &writer, std::string_view path)
+{
+    put_key(writer, "path");
+    put_bytes(writer, path);
+    if (is_utf8(path))
+        return;
+    std::string base64;
+    append_base64(path, base64);
+    put_key(writer, "path_bytes");
+    put(writer, base64);
+}
+
+class JsonFormatter : public Formatter
+{
+public:
+    explicit JsonFormatter(const FormatStyle &style) : end_(style.end), sources_(style.sources) {}
+
+    void event(const Event &event, std::string &out) override
+    {
+        record("event", event.time_ns, out, [&](Writer &writer) {
+            put_kinds(writer, event.mask);
+            put_path(writer, event.path);
+            put_key(writer, "pid");
+            writer.Uint(event.pid);
+            put_process(writer, event.process);
+            if (!event.container.empty()) {
+                put_key(writer, "container");
+                put_bytes(writer, event.container);
+            }
+            put_key(writer, "instance");
+            put(writer, event.source < sources_.size() ? sources_[event.source] : "");
+        });
+    }
+
+    void established(uint64_t time_ns, const std::vector<std::string> &paths, uint64_t directories,
+                     std::string &out) override
+    {
+        record("established", time_ns, out, [&](Writer &writer) {
+            put_key(writer, "paths");
+            writer.StartArray();
+            for (const std::string &path : paths)
+                put_bytes(writer, path);
+            writer.EndArray();
+            put_key(writer, "directories");
+            writer.Uint64(directories);
+        });
+    }
+
+    void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string &out) override
+    {
+        record("loss", time_ns, out, [&](Writer &writer) {
+            put_key(writer, "source");
+            put(writer, source);
+            put_key(writer, "count");
+            writer.Uint64(count);
+        });
+    }
+
+    void ended(uint64_t time_ns, std::string_view path, std::string_view reason, std::string &out) override
+    {
+        record("ended", time_ns, out, [&](Writer &writer) {
+            put_path(writer, path);
+            put_key(writer, "reason");
+            put(writer, reason);
+        });
+    }
+
+private:
+    template <typename Fields>
+    void record(std::string_view type, uint64_t time_ns, std::string &out, Fields fields)
+    {
+        StringStream stream(out);
+        Writer writer(stream);
+        writer.StartObject();
+        put_key(writer, "type");
+        put(writer, type);
+        put_key(writer, "time");
+        time_text_.clear();
+        time_.append(time_ns, time_text_);
+        put(writer, time_text_);
+        fields(writer);
+        writer.EndObject();
+        out.push_back(end_);
+    }
+
+    static void put_kinds(Writer &writer, uint32_t mask)
+    {
+        put_key(writer, "events");
+        writer.StartArray();
+        for_each_event(mask, [&](std::string_view name) { put(writer, name); });
+        writer.EndArray();
+    }
+
+    static void put_process(Writer &writer, const ProcessInfo *process)
+    {
+        if (!process)
+            return;
+        put_key(writer, "process");
+        writer.StartObject();
+        put_key(writer, "name");
+        put_bytes(writer, process->name);
+        put_key(writer, "exe");
+        put_bytes(writer, process->exe);
+        put_key(writer, "cmdline");
+        put_bytes(writer, process->cmdline);
+        put_key(writer, "uid");
+        writer.Uint(process->uid);
+        put_key(writer, "ppid");
+        writer.Uint(process->ppid);
+        writer.EndObject();
+    }
+
+    const char end_;
+    const std::vector<std::string> sources_;
+    UtcTime time_;
+    std::string time_text_;
+};
+
+}  // namespace
+
+std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style)
+{
+    return std::make_unique<JsonFormatter>(style);
+}
+
+}  // namespace cli

@@ -1,0 +1,48 @@
+/*
+ * intake.h: the client callbacks of the command's instances.
+ *
+ * They run on the monitor thread with the monitor's lock held, so they do the least that keeps an event: drop what
+ * nobody wants, name the process, copy the record into the queue. When the queue is full they ask the monitor to pause
+ * the instance, which keeps the event and, in the end, the kernel's queue: nothing is dropped here.
+ */
+#ifndef CLI_INTAKE_H
+#define CLI_INTAKE_H
+
+#include <cstdint>
+#include <vector>
+
+#include "orx_fmon.h"
+#include "process_info.h"
+#include "queue.h"
+
+namespace cli
+{
+
+class Intake
+{
+public:
+    explicit Intake(EventQueue &queue) : queue_(queue) {}
+
+    /* To be called before the instance exists. `wanted`: kinds that the main thread wants to see of it. Returns its
+     * callback; there are kMaxSources of them. */
+    fmon_client_cb add_source(uint32_t wanted);
+
+    /* What a callback does; 0, or the pause in milliseconds. */
+    int32_t accept(uint32_t source, const struct event &event);
+
+    static constexpr size_t kMaxSources = 5;
+    static constexpr int32_t kPauseMs = 20;
+
+private:
+    EventQueue &queue_;
+    ProcessCache processes_;
+    uint32_t wanted_[kMaxSources] = {};
+    size_t sources_ = 0;
+    const uint32_t self_ = own_pid(); /* the command's own doings are not shown */
+
+    static uint32_t own_pid();
+};
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,135 @@
+#include "log_watch.h"
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <utility>
+
+#include "orx_base.h"
+#include "orx_host.h"
+
+namespace cli
+{
+
+namespace
+{
+
+bool starts_with(std::string_view text, std::string_view prefix) { return text.substr(0, prefix.size()) == prefix; }
+
+bool ends_with_error(std::string_view text, int error_number)
+{
+    const std::string_view reason = strerror(error_number);
+    return text.size() >= reason.size() && text.substr(text.size() - reason.size()) == reason;
+}
+
+// A directory that vanished, or turned into something else, between its being found and its being marked.
+bool is_vanished(std::string_view text) { return ends_with_error(text, ENOENT) || ends_with_error(text, ENOTDIR); }
+
+bool is_denied(std::string_view text) { return ends_with_error(text, EACCES) || ends_with_error(text, EPERM); }
+
+LogLine read_open_failure(std::string_view text)
+{
+    constexpr std::string_view kStart = "open dir ", kEnd = " failed: ";
+    const size_t end = text.rfind(kEnd);
+    if (is_vanished(text) || end == std::string_view::npos || end < kStart.size())
+        return {};
+    return {Finding::kUnreadable, text.substr(kStart.size(), end - kStart.size())};
+}
+
+LogLine read_mark_failure(std::string_view text, Finding limit)
+{
+    if (ends_with_error(text, ENOSPC))
+        return {limit, {}};
+    if (is_vanished(text))
+        return {};
+    return {is_denied(text) ? Finding::kDenied : Finding::kOther, {}};
+}
+
+void sink(int level, const char *, int, const char *text, void *arg)
+{
+    static_cast<LogWatch *>(arg)->line(level, text);
+}
+
+void add(const LogLine &line, Findings &findings)
+{
+    switch (line.finding) {
+        case Finding::kWatchLimit:
+            findings.watch_limit++;
+            break;
+        case Finding::kMarkLimit:
+            findings.mark_limit++;
+            break;
+        case Finding::kCacheFull:
+            findings.cache_full++;
+            break;
+        case Finding::kUnreadable:
+            if (findings.unreadable++ == 0)
+                findings.first_unreadable = line.path;
+            break;
+        case Finding::kDenied:
+            findings.denied++;
+            break;
+        case Finding::kOther:
+            findings.other++;
+            break;
+        case Finding::kMonitorEnded:
+            findings.monitor_ended = true;
+            break;
+        case Finding::kNone:
+            break;
+    }
+}
+
+}  // namespace
+
+LogLine read_log_line(std::string_view text)
+{
+    if (starts_with(text, "inotify add failed: "))
+        return read_mark_failure(text, Finding::kWatchLimit);
+    if (starts_with(text, "fanotify add failed: "))
+        return read_mark_failure(text, Finding::kMarkLimit);
+    if (starts_with(text, "open dir "))
+        return read_open_failure(text);
+    if (starts_with(text, "iterate add dentry failed") || starts_with(text, "add sub dentry failed: ") ||
+        starts_with(text, "add sub failed"))
+        return {Finding::kCacheFull, {}};
+    if (starts_with(text, "path is NULL") || starts_with(text, "malloc iterate failed: ") ||
+        starts_with(text, "dir malloc failed") || starts_with(text, "add seq failed, wd "))
+        return {Finding::kOther, {}};
+    if (starts_with(text, "select failed: ") || starts_with(text, "create file monitor thread failed"))
+        return {Finding::kMonitorEnded, {}};
+    return {};
+}
+
+uint64_t Findings::left_out() const
+{
+    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + other;
+}
+
+void LogWatch::start() { orx_host_log_sink(sink, this); }
+
+void LogWatch::stop() { orx_host_log_sink(nullptr, nullptr); }
+
+void LogWatch::line(int level, std::string_view text)
+{
+    const LogLine found = read_log_line(text);
+    if (found.finding == Finding::kNone && level > ORX_LOG_ERROR)
+        return;
+    {
+        const std::lock_guard<std::mutex> hold(lock_);
+        add(found, findings_);
+        if (level <= ORX_LOG_ERROR)
+            findings_.last_error = text;
+    }
+    if (found.finding != Finding::kNone && !any_.exchange(true, std::memory_order_relaxed))
+        changed_();
+}
+
+Findings LogWatch::take()
+{
+    const std::lock_guard<std::mutex> hold(lock_);
+    any_.store(false, std::memory_order_relaxed);
+    return std::exchange(findings_, Findings());
+}
+
+}  // namespace cli

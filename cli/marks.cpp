@@ -1,0 +1,125 @@
+#include "marks.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cctype>
+#include <charconv>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string_view>
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr std::string_view kInotifyLine = "inotify wd:", kMountLine = "fanotify mnt_id:";
+
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+void for_each_number(const std::string &folder, const std::function<void(const char *)> &fn)
+{
+    const std::unique_ptr<DIR, DirCloser> dir(opendir(folder.c_str()));
+    if (!dir)
+        return;
+    while (const struct dirent *entry = readdir(dir.get()))
+        if (isdigit(static_cast<unsigned char>(entry->d_name[0])))
+            fn(entry->d_name);
+}
+
+// One line of a descriptor's information. Long files come in pieces, but no line is as long as a piece.
+void count_line(std::string_view line, Marks &marks)
+{
+    if (line.substr(0, kInotifyLine.size()) == kInotifyLine) {
+        marks.inotify_watches++;
+    } else if (line.substr(0, kMountLine.size()) == kMountLine) {
+        uint64_t id = 0;
+        std::from_chars(line.data() + kMountLine.size(), line.data() + line.size(), id, 16);
+        marks.fanotify_mounts.push_back(id);
+    }
+}
+
+void count_lines(const std::string &path, Marks &marks)
+{
+    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return;
+    std::string text(64 << 10, '\0');
+    size_t kept = 0;
+    ssize_t n;
+    while ((n = read(fd, text.data() + kept, text.size() - kept)) > 0) {
+        std::string_view rest(text.data(), kept + static_cast<size_t>(n));
+        size_t end;
+        while ((end = rest.find('\n')) != std::string_view::npos) {
+            count_line(rest.substr(0, end), marks);
+            rest.remove_prefix(end + 1);
+        }
+        kept = rest.size() < text.size() ? rest.size() : 0;
+        memmove(text.data(), rest.data(), kept);
+    }
+    close(fd);
+}
+
+}  // namespace
+
+Marks &Marks::operator+=(const Marks &other)
+{
+    inotify_instances += other.inotify_instances;
+    inotify_watches += other.inotify_watches;
+    fanotify_instances += other.fanotify_instances;
+    fanotify_mounts.insert(fanotify_mounts.end(), other.fanotify_mounts.begin(), other.fanotify_mounts.end());
+    return *this;
+}
+
+Marks process_marks(const std::string &process, const char *proc)
+{
+    Marks marks;
+    const std::string folder = std::string(proc) + "/" + process;
+    for_each_number(folder + "/fd", [&](const char *fd) {
+        char target[64];
+        const ssize_t n = readlink((folder + "/fd/" + fd).c_str(), target, sizeof target);
+        const std::string_view name(target, n > 0 ? static_cast<size_t>(n) : 0);
+        if (name == "anon_inode:inotify")
+            marks.inotify_instances++;
+        else if (name == "anon_inode:[fanotify]")
+            marks.fanotify_instances++;
+        else
+            return;
+        count_lines(folder + "/fdinfo/" + fd, marks);
+    });
+    return marks;
+}
+
+Marks user_marks(uid_t uid, const char *proc)
+{
+    Marks all;
+    for_each_number(proc, [&](const char *process) {
+        struct stat st;
+        if (stat((std::string(proc) + "/" + process).c_str(), &st) == 0 && st.st_uid == uid)
+            all += process_marks(process, proc);
+    });
+    return all;
+}
+
+uint64_t read_number(const char *path)
+{
+    char text[32] = {};
+    const int fd = open(path, O_RDONLY | O_CLOEXEC);
+    if (fd < 0)
+        return 0;
+    const ssize_t n = read(fd, text, sizeof text - 1);
+    close(fd);
+    uint64_t value = 0;
+    if (n > 0)
+        std::from_chars(text, text + n, value);
+    return value;
+}
+
+}  // namespace cli

@@ -1,0 +1,36 @@
+/*
+ * marks.h: how many kernel watches exist, as /proc shows them.
+ */
+#ifndef CLI_MARKS_H
+#define CLI_MARKS_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace cli
+{
+
+struct Marks {
+    uint64_t inotify_instances = 0;
+    uint64_t inotify_watches = 0;
+    uint64_t fanotify_instances = 0;
+    std::vector<uint64_t> fanotify_mounts; /* ids of the mounts that are marked as a whole */
+
+    Marks &operator+=(const Marks &other);
+};
+
+/* Of one process ("self" or a number), below `proc` ("/proc"). What may not be read counts as nothing. */
+Marks process_marks(const std::string &process, const char *proc = "/proc");
+
+/* Of all processes of a user that may be looked at: the limits of inotify are each user's. */
+Marks user_marks(uid_t uid, const char *proc = "/proc");
+
+/* A number in a file such as /proc/sys/fs/inotify/max_user_watches; 0 when it cannot be read. */
+uint64_t read_number(const char *path);
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,69 @@
+#include "message.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <string_view>
+
+#include "escape.h"
+
+namespace cli
+{
+
+namespace
+{
+
+int g_stderr = STDERR_FILENO;
+
+}  // namespace
+
+void say(const std::string &text)
+{
+    // Nobody can be told when this fails.
+    [[maybe_unused]] const ssize_t n = write(g_stderr, text.data(), text.size());
+}
+
+void complain(const std::string &text)
+{
+    std::string line = "fmon: ";
+    append_safe(text, line);
+    line.push_back('\n');
+    say(line);
+}
+
+bool stderr_is_terminal() { return isatty(g_stderr) == 1; }
+
+void detach_stderr()
+{
+    const int copy = fcntl(STDERR_FILENO, F_DUPFD_CLOEXEC, 3);
+    if (copy < 0)
+        return;
+    const int null = open("/dev/null", O_WRONLY | O_CLOEXEC);
+    if (null < 0 || dup2(null, STDERR_FILENO) < 0) {
+        close(copy);
+    } else {
+        g_stderr = copy;
+    }
+    if (null > STDERR_FILENO)
+        close(null);
+}
+
+std::string with_commas(uint64_t number)
+{
+    std::string text = std::to_string(number);
+    for (size_t i = text.size(); i > 3; i -= 3)
+        text.insert(i - 3, ",");
+    return text;
+}
+
+std::string counted(uint64_t number, const std::string &what)
+{
+    std::string text = with_commas(number) + " " + what;
+    if (number == 1)
+        return text;
+    if (text.back() == 'y')
+        return text.replace(text.size() - 1, 1, "ies");
+    return text + (text.back() == 'h' ? "es" : "s");
+}
+
+}  // namespace cli

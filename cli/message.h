@@ -1,0 +1,32 @@
+/*
+ * message.h: what the command says to a person: one line each, on stderr, as it was when the command started.
+ */
+#ifndef CLI_MESSAGE_H
+#define CLI_MESSAGE_H
+
+#include <cstdint>
+#include <string>
+
+namespace cli
+{
+
+/* Exit statuses of every verb. */
+enum : int { kDone = 0, kNothing = 1, kError = 2 };
+
+/* "fmon: text": something is wrong, and what to do about it. Control characters are escaped. */
+void complain(const std::string &text);
+
+/* Text as it is, for progress and log lines. */
+void say(const std::string &text);
+
+bool stderr_is_terminal();
+
+/* From now on the process's descriptor 2 leads nowhere; complain() and say() go on reaching the old one. */
+void detach_stderr();
+
+std::string with_commas(uint64_t number);                      /* 1234567 -> 1,234,567 */
+std::string counted(uint64_t number, const std::string &what); /* "1 directory", "2 directories", "0 events" */
+
+}  // namespace cli
+
+#endif

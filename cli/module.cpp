@@ -1,0 +1,64 @@
+#include "module.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+namespace cli
+{
+
+namespace
+{
+
+std::string program_folder()
+{
+    char exe[PATH_MAX];
+    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);
+    if (n <= 0)
+        return ".";
+    const std::string path(exe, static_cast<size_t>(n));
+    return path.substr(0, path.rfind('/'));
+}
+
+template <typename Fn>
+bool bind(void *library, const char *name, Fn &function, std::string &error)
+{
+    function = reinterpret_cast<Fn>(dlsym(library, name));
+    if (!function)
+        error = std::string("libfmon.so lacks ") + name + ": it belongs to another version; install both anew";
+    return function;
+}
+
+}  // namespace
+
+std::string library_folder()
+{
+    const char *home = secure_getenv("FMON_HOME");
+    return home && *home ? std::string(home) + "/lib" : program_folder() + "/../lib";
+}
+
+bool load_module(const std::string &folder, Module &module, std::string &error)
+{
+    const std::string path = folder + "/libfmon.so";
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+        error = std::string("cannot load the monitor: ") + dlerror() +
+                " (it is installed beside bin/fmon as lib/libfmon.so, or in $FMON_HOME/lib)";
+        return false;
+    }
+    return bind(library, "orx_fmon_init", module.init, error) &&
+           bind(library, "_orx_fmon_create_instance", module.create_instance, error) &&
+           bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
+           bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
+           bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
+           bind(library, "_orx_fmon_losses", module.losses, error);
+}
+
+bool has_probe_library(const std::string &folder)
+{
+    return access((folder + "/liborx_kp_thread.2.so").c_str(), R_OK) == 0;
+}
+
+}  // namespace cli

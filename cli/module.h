@@ -1,0 +1,35 @@
+/*
+ * module.h: libfmon.so, loaded at run time as any agent loads it.
+ */
+#ifndef CLI_MODULE_H
+#define CLI_MODULE_H
+
+#include <string>
+
+#include "orx_fmon.h"
+
+namespace cli
+{
+
+/* The functions of the module that the command uses. */
+struct Module {
+    decltype(&orx_fmon_init) init;
+    decltype(&_orx_fmon_create_instance) create_instance;
+    decltype(&_orx_fmon_add_watch) add_watch;
+    decltype(&_orx_fmon_del_watch) del_watch;
+    decltype(&_orx_fmon_global_watch) global_watch;
+    decltype(&_orx_fmon_losses) losses;
+};
+
+/* $FMON_HOME/lib where that is set, else ../lib beside the folder of the running program. */
+std::string library_folder();
+
+/* Loads libfmon.so from `folder`; it stays loaded. False: `error` says what is missing and where it was looked for. */
+bool load_module(const std::string &folder, Module &module, std::string &error);
+
+/* Whether the kernel-probe library is there. */
+bool has_probe_library(const std::string &folder);
+
+}  // namespace cli
+
+#endif

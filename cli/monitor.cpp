@@ -1,0 +1,99 @@
+#include "monitor.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "diagnose.h"
+#include "message.h"
+#include "orx_autolog.h"
+#include "orx_base.h"
+#include "orx_host.h"
+#include "signals.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr int kLogFiles = 5;
+
+void set_values(const WatchOptions &options)
+{
+    for (const Setting &setting : kSettingTable)
+        if (setting.usual)
+            orx_host_ini_override("fmon", setting.name, setting.usual);
+    for (const auto &[name, value] : options.settings)
+        orx_host_ini_override("fmon", name.c_str(), value.c_str());
+}
+
+// Users other than root have a log of their own.
+std::string private_log_folder()
+{
+    const char *state = secure_getenv("XDG_STATE_HOME"), *home = secure_getenv("HOME");
+    if (state && state[0] == '/')
+        return std::string(state) + "/fmon";
+    return home && home[0] == '/' ? std::string(home) + "/.local/state/fmon" : std::string();
+}
+
+// The monitor itself sends its log to files once its thread runs; what it says before belongs there, too. Where no
+// folder can be written to, the log goes nowhere: the terminal is for events.
+void set_log(const WatchOptions &options)
+{
+    if (&error_output_level && (options.log_level > 0 || error_output_level < ORX_LOG_WARNING))
+        error_output_level = options.log_level > 0 ? options.log_level : ORX_LOG_WARNING;
+    if (options.log_to_stderr) {
+        setenv("FMON_LOG", "stderr", 1);
+        return;
+    }
+    char folder[512];
+    if (orx_dirutils_path_transform("@/../var/log/agent/fmon", folder, sizeof folder) == 0 &&
+        autolog_init(folder, kLogFiles) == 0)
+        return;
+    const std::string own = private_log_folder();
+    if (own.empty() || autolog_init(own.c_str(), kLogFiles) != 0)
+        detach_stderr();
+}
+
+bool check_probes(const WatchOptions &options, const std::string &folder, std::string &error)
+{
+    const bool present = has_probe_library(folder);
+    if (options.probes == Probes::kOn && !present)
+        error = "--probes on: the kernel-probe library " + folder +
+                "/liborx_kp_thread.2.so is missing: install it, or leave out --probes";
+    if (options.probes == Probes::kOff && present)
+        error =
+            "--probes off: the monitor uses " + folder + "/liborx_kp_thread.2.so wherever it is there: move it away";
+    return error.empty();
+}
+
+}  // namespace
+
+bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error)
+{
+    const std::string folder = library_folder();
+    if (!load_module(folder, module, error) || !check_probes(options, folder, error))
+        return false;
+    set_values(options);
+    set_log(options);
+    log.start();
+    const SignalsBlocked blocked;
+    const int code = module.init(0, nullptr);
+    const Findings findings = log.take();
+    if (code == 0 && !findings.monitor_ended)
+        return true;
+    error = explain_start_failure(findings, gather_facts());
+    return false;
+}
+
+uint64_t max_dentries(const WatchOptions &options)
+{
+    uint64_t value = 2097152;
+    for (const auto &[name, text] : options.settings)
+        if (name == "max_dentries")
+            value = strtoull(text.c_str(), nullptr, 10);
+    return value;
+}
+
+}  // namespace cli

@@ -1,0 +1,163 @@
+#include "paths.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <string_view>
+#include <utility>
+#include <vector>
+
+namespace cli
+{
+
+namespace
+{
+
+struct DirCloser {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+
+// Absolute, one "/" between parts, no "." parts. ".." stays: what it means depends on links.
+std::string tidy(const std::string &given)
+{
+    std::string text = given;
+    if (given[0] != '/') {
+        char cwd[PATH_MAX];
+        text = std::string(getcwd(cwd, sizeof cwd) ? cwd : "/") + "/" + given;
+    }
+    std::string out;
+    std::string_view rest(text);
+    while (!rest.empty()) {
+        const size_t end = rest.find('/');
+        const std::string_view part = rest.substr(0, end);
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+        if (!part.empty() && part != ".")
+            out.append("/").append(part);
+    }
+    return out.empty() ? "/" : out;
+}
+
+bool resolve(const std::string &path, std::string &out)
+{
+    char *real = realpath(path.c_str(), nullptr);
+    if (!real)
+        return false;
+    out = real;
+    free(real);
+    return true;
+}
+
+// The part of a path that may be looked up: all before the component with a "*".
+size_t literal_length(const std::string &path)
+{
+    const size_t star = path.find('*');
+    return star == std::string::npos ? path.size() : path.rfind('/', star);
+}
+
+bool entry_is_dir(int dir, const struct dirent *entry)
+{
+    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+        return false;
+    if (entry->d_type != DT_UNKNOWN)
+        return entry->d_type == DT_DIR;
+    struct stat st;
+    return fstatat(dir, entry->d_name, &st, AT_SYMLINK_NOFOLLOW) == 0 && S_ISDIR(st.st_mode);
+}
+
+// Calls fn(name) for each directory in a directory until it answers false.
+void for_each_subdirectory(const std::string &path, const std::function<bool(const char *)> &fn)
+{
+    const std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
+    if (!dir)
+        return;
+    while (const struct dirent *entry = readdir(dir.get()))
+        if (entry_is_dir(dirfd(dir.get()), entry) && !fn(entry->d_name))
+            return;
+}
+
+}  // namespace
+
+bool Identity::is_dir() const { return error == 0 && S_ISDIR(mode); }
+
+bool Identity::is_file() const { return error == 0 && S_ISREG(mode); }
+
+Identity identify(const std::string &path)
+{
+    Identity id;
+    struct statx st;
+    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_MNT_ID, &st) != 0) {
+        id.error = errno;
+        return id;
+    }
+    id.mode = st.stx_mode;
+    id.dev = makedev(st.stx_dev_major, st.stx_dev_minor);
+    id.ino = st.stx_ino;
+    id.mount_id = st.stx_mask & STATX_MNT_ID ? st.stx_mnt_id : 0;
+    return id;
+}
+
+std::string absolute_path(const std::string &given)
+{
+    const std::string path = tidy(given);
+    size_t length = literal_length(path);
+    std::string real;
+    while (length > 0 && !resolve(path.substr(0, length), real))
+        length = path.rfind('/', length - 1);
+    if (length == 0)
+        return path;
+    const std::string rest = path.substr(length);
+    return real == "/" && !rest.empty() ? rest : real + rest;
+}
+
+const char *kind_name(mode_t mode)
+{
+    if (S_ISSOCK(mode))
+        return "a socket";
+    if (S_ISFIFO(mode))
+        return "a pipe";
+    if (S_ISLNK(mode))
+        return "a link that leads nowhere";
+    return "a device";
+}
+
+uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t limit)
+{
+    std::vector<std::pair<std::string, unsigned>> open = {{path, 0}};
+    uint64_t count = 0;
+    while (!open.empty() && count < limit) {
+        const auto [folder, depth] = std::move(open.back());
+        open.pop_back();
+        const std::string prefix = folder == "/" ? folder : folder + "/";
+        for_each_subdirectory(folder, [&, level = depth + 1](const char *name) {
+            if (max_depth == 0 || level < max_depth)
+                open.emplace_back(prefix + name, level);
+            return ++count < limit;
+        });
+    }
+    return count;
+}
+
+bool has_subdirectory(const std::string &path)
+{
+    // Where a file system counts links of directories, two of them are the directory's own.
+    struct stat st;
+    if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_nlink == 2)
+        return false;
+    bool found = false;
+    for_each_subdirectory(path, [&](const char *) {
+        found = true;
+        return false;
+    });
+    return found;
+}
+
+}  // namespace cli

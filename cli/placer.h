@@ -1,0 +1,71 @@
+/*
+ * placer.h: puts the planned watches in place and tells what could not be watched.
+ */
+#ifndef CLI_PLACER_H
+#define CLI_PLACER_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "diagnose.h"
+#include "intake.h"
+#include "log_watch.h"
+#include "module.h"
+#include "options.h"
+#include "plan.h"
+
+namespace cli
+{
+
+class Placer
+{
+public:
+    Placer(const WatchOptions &options, const Module &module, LogWatch &log, Plan &plan)
+        : options_(options), module_(module), log_(log), plan_(plan)
+    {
+    }
+
+    /* Creates the instances, with callbacks of `intake`, and adds the watches; says on stderr why one was refused. */
+    void run(Intake &intake);
+
+    bool refused() const { return refused_; }       /* a watch, or a part of one because of a limit */
+    bool any_placed() const { return any_placed_; } /* there is something to watch */
+    uint64_t left_out() const { return left_out_; } /* directories */
+    uint64_t directories() const;                   /* watched now */
+
+private:
+    bool create_instances(Intake &intake);
+    void add(const PlannedWatch &watch);
+    void refuse(const PlannedWatch &watch, int code, const Findings &findings);
+    void report_left_out(const PlannedWatch &watch, const Findings &findings);
+    uint64_t count_left_out(const Findings &findings) const;
+    void check_mounts();
+    Facts facts() const;
+
+    const WatchOptions &options_;
+    const Module &module_;
+    LogWatch &log_;
+    Plan &plan_;
+    std::vector<int> instances_; /* ids */
+    bool refused_ = false, any_placed_ = false;
+    uint64_t left_out_ = 0;
+};
+
+/* Shows on stderr, while it lives and if that is a terminal, how many directories are being watched. */
+class Progress
+{
+public:
+    explicit Progress(bool wanted);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+private:
+    struct State;
+    State *state_ = nullptr; /* null: nothing is shown */
+};
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,198 @@
+#include "plan.h"
+
+#include <algorithm>
+#include <cstring>
+
+#include "event_names.h"
+#include "message.h"
+#include "mounts.h"
+#include "orx_fmon.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr uint32_t kUsual = FMON_CREATE | FMON_DELETE | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_MOVED_FROM |
+                            FMON_MOVED_TO | FMON_ATTRIB | FMON_DELETE_SELF | FMON_MOVE_SELF;
+constexpr uint32_t kUsualMount = FMON_MODIFY | FMON_CLOSE_WRITE;
+
+uint32_t asked_events(const WatchOptions &options)
+{
+    if (options.events == 0)
+        return options.mount ? kUsualMount : kUsual;
+    return options.mount ? options.events & kProcessEvents : options.events;
+}
+
+class Planner
+{
+public:
+    explicit Planner(const WatchOptions &options) : options_(options), masks_(plan_masks(options)) {}
+
+    Plan run()
+    {
+        for (const std::string &given : options_.paths)
+            add_path(given);
+        return std::move(plan_);
+    }
+
+private:
+    void add_path(const std::string &given)
+    {
+        if (given.empty())
+            return refuse("a PATH is empty");
+        Root root;
+        root.path = absolute_path(given);
+        root.pattern = root.path.find('*') != std::string::npos;
+        root.identity = root.pattern ? Identity{} : identify(root.path);
+        root.waits = root.pattern || options_.wait;
+        const std::string reason = refusal(root, given);
+        if (!reason.empty())
+            return refuse(root.path + reason);
+        const auto same = [&](const Root &other) { return other.path == root.path; };
+        if (std::any_of(plan_.roots.begin(), plan_.roots.end(), same))
+            return;
+        plan_.roots.push_back(root);
+        add_watches(root);
+    }
+
+    // The rest of a line that begins with the path; empty: it can be watched as far as one sees from here.
+    std::string refusal(const Root &root, const std::string &given) const
+    {
+        const Identity &id = root.identity;
+        if (root.path.size() > kMaxPath)
+            return ": the path is longer than the " + std::to_string(kMaxPath) + " bytes that can be watched";
+        if (root.pattern)
+            return pattern_refusal(root);
+        if (id.error == ENOENT || id.error == ENOTDIR)
+            return options_.wait ? "" : " does not exist: check the path, or wait for it with --wait";
+        if (id.error)
+            return std::string(" cannot be reached: ") + strerror(id.error) +
+                   (id.error == EACCES ? ": run as root, or make its folders searchable" : "");
+        if (!id.is_dir() && !id.is_file())
+            return std::string(" is ") + kind_name(id.mode) + ": only directories and regular files can be watched";
+        if (!id.is_dir() && (options_.mount || given.back() == '/'))
+            return " is not a directory";
+        return too_many_refusal(root);
+    }
+
+    std::string pattern_refusal(const Root &root) const
+    {
+        if (std::count(root.path.begin(), root.path.end(), '*') > 1)
+            return ": a pattern can hold one \"*\" only";
+        if (options_.wait)
+            return ": a pattern waits for what it matches by itself: leave out --wait";
+        return options_.mount ? ": --mount takes no pattern" : "";
+    }
+
+    std::string too_many_refusal(const Root &root) const
+    {
+        const uint64_t limit = options_.max_subdirs;
+        if (limit == 0 || !root.identity.is_dir() ||
+            count_directories(root.path, options_.max_depth, limit + 1) <= limit)
+            return "";
+        return " has more than " + counted(limit, "directory") +
+               " below it: name a smaller tree, or raise --max-subdirs";
+    }
+
+    void refuse(const std::string &line) { plan_.refusals.push_back(line); }
+
+    void add_watches(const Root &root)
+    {
+        if (options_.mount)
+            return add_mounts(root);
+        const bool unknown = root.waits;
+        if (unknown || root.identity.is_dir())
+            add_kind(root, directory_flags(), "");
+        if (unknown || root.identity.is_file())
+            add_kind(root, FMON_FILE, unknown ? "-file" : "");
+    }
+
+    uint32_t directory_flags() const
+    {
+        return FMON_DIR | (options_.recursive ? uint32_t{FMON_RECURSIVE | FMON_SYNC} : 0u) |
+               (options_.sync ? uint32_t{FMON_SYNC} : 0u);
+    }
+
+    void add_kind(const Root &root, uint32_t flags, const std::string &suffix)
+    {
+        const uint32_t deleted = root.waits && !root.pattern ? uint32_t{FMON_DELETED} : 0u;
+        const uint32_t delay = options_.delay ? uint32_t{FMON_DELAY} : 0u;
+        flags |= deleted;
+        if (masks_.pid_mask) {
+            add_watch(root.path, "watch-pid" + suffix, masks_.pid_shown, masks_.pid_mask, flags | delay | FMON_PID);
+            add_watch(root.path, "watch" + suffix, masks_.shown, masks_.mask, flags);
+        } else {
+            add_watch(root.path, "watch" + suffix, masks_.shown, masks_.mask, flags | delay);
+        }
+    }
+
+    // The mount that holds the path, and with -r those below it: events below each point reach its own watch.
+    void add_mounts(const Root &root)
+    {
+        const uint32_t flags =
+            FMON_MOUNT | (options_.delay ? uint32_t{FMON_DELAY} : 0u) | (options_.pid ? uint32_t{FMON_PID} : 0u);
+        add_watch(root.path, "watch", masks_.shown, masks_.mask, flags);
+        if (!options_.recursive)
+            return;
+        for (const std::string &point : markable_mounts_below(read_mounts(), root.path))
+            add_watch(point, "watch", masks_.shown, masks_.mask, flags);
+    }
+
+    void add_watch(const std::string &path, const std::string &name, uint32_t shown, uint32_t mask, uint32_t flags)
+    {
+        const size_t instance = instance_named(name, shown);
+        const auto same = [&](const PlannedWatch &w) { return w.instance == instance && w.path == path; };
+        if (std::none_of(plan_.watches.begin(), plan_.watches.end(), same))
+            plan_.watches.push_back({plan_.roots.size() - 1, instance, path, mask, flags});
+    }
+
+    size_t instance_named(const std::string &name, uint32_t shown)
+    {
+        for (size_t i = 0; i < plan_.instances.size(); i++)
+            if (plan_.instances[i].name == name)
+                return i;
+        plan_.instances.push_back({name, shown});
+        return plan_.instances.size() - 1;
+    }
+
+    const WatchOptions &options_;
+    const Masks masks_;
+    Plan plan_;
+};
+
+}  // namespace
+
+uint32_t with_delay_kinds(uint32_t mask)
+{
+    if (mask & FMON_CLOSE_WRITE)
+        mask |= FMON_MODIFY;
+    if (mask & FMON_CLOSE_NOWRITE)
+        mask |= FMON_ACCESS;
+    if (mask & FMON_ACCESS)
+        mask |= FMON_CLOSE;
+    if (mask & FMON_MODIFY)
+        mask |= FMON_CLOSE_WRITE;
+    return mask;
+}
+
+Masks plan_masks(const WatchOptions &options)
+{
+    const uint32_t asked = asked_events(options);
+    uint32_t reads_and_writes = asked & kProcessEvents;
+    if (options.delay)
+        reads_and_writes = with_delay_kinds(reads_and_writes);
+    if (options.mount)
+        return {asked, reads_and_writes, 0, 0};
+    // Without these the end of a watch, and new directories, would go unnoticed.
+    const uint32_t own = FMON_DELETE_SELF | FMON_MOVE_SELF | (options.recursive ? uint32_t{FMON_CREATE} : 0u);
+    const uint32_t others = (asked & ~kProcessEvents) | own;
+    if (options.pid)
+        return {asked & ~kProcessEvents, others, asked & kProcessEvents, reads_and_writes};
+    return {asked, others | reads_and_writes, 0, 0};
+}
+
+Plan make_plan(const WatchOptions &options) { return Planner(options).run(); }
+
+}  // namespace cli

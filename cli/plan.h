@@ -1,0 +1,70 @@
+/*
+ * plan.h: from what was asked for to the monitor's instances and watches.
+ *
+ * A path becomes one watch in most cases. More instances are used where the monitor cannot have all in one watch:
+ *  - --pid: the kinds whose process is to be named go into an instance of their own, since a watch that insists on the
+ *    process takes no others.
+ *  - a path that may be missing, and a pattern: whether a file or a directory will appear is not known, so each kind
+ *    waits in an instance of its own (an instance has one watch a path).
+ */
+#ifndef CLI_PLAN_H
+#define CLI_PLAN_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "options.h"
+#include "paths.h"
+
+namespace cli
+{
+
+struct PlannedInstance {
+    std::string name;   /* at most 15 bytes */
+    uint32_t shown = 0; /* kinds to show; the watches' masks may hold more, which serve the command itself */
+};
+
+struct PlannedWatch {
+    size_t root, instance;
+    std::string path;
+    uint32_t mask, flags;
+};
+
+/* A path of the command line. */
+struct Root {
+    std::string path;
+    Identity identity;
+    bool pattern = false;
+    bool waits = false;  /* it may come and go: never ended */
+    bool placed = false; /* set by whoever places the watches */
+    bool ended = false;
+    bool suspected = false; /* the last look found it gone */
+};
+
+struct Plan {
+    std::vector<PlannedInstance> instances;
+    std::vector<Root> roots;
+    std::vector<PlannedWatch> watches;
+    std::vector<std::string> refusals; /* one line for each path that cannot be watched */
+};
+
+Plan make_plan(const WatchOptions &options);
+
+/* The masks of a watch, apart from make_plan() so that the rules can be read and tested. */
+struct Masks {
+    uint32_t shown = 0, mask = 0;         /* the instance that every watch has */
+    uint32_t pid_shown = 0, pid_mask = 0; /* the instance for --pid; 0: not used */
+};
+Masks plan_masks(const WatchOptions &options);
+
+/* With "delay" the monitor releases an access when the file is closed, and a modification when it is closed after
+ * writing; and it drops a close that follows neither. Adds the kinds that those which are in the mask need, so that a
+ * close which was asked for arrives when something happened before it. */
+uint32_t with_delay_kinds(uint32_t mask);
+
+inline constexpr size_t kMaxPath = 1022; /* bytes of a path that the monitor can build */
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,158 @@
+#include "reporter.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+#include "message.h"
+#include "signals.h"
+#include "time_format.h"
+
+namespace cli
+{
+
+namespace
+{
+
+bool wants_colours()
+{
+    const char *no_colour = getenv("NO_COLOR"), *terminal = getenv("TERM");
+    return !(no_colour && *no_colour) && !(terminal && std::string_view(terminal) == "dumb");
+}
+
+std::unique_ptr<Formatter> make_formatter(const WatchOptions &options, const FormatStyle &style, std::string &error)
+{
+    switch (options.form) {
+        case Form::kJson:
+            return make_json_formatter(style);
+        case Form::kCsv:
+            return make_csv_formatter(style);
+        case Form::kTemplate:
+            return make_template_formatter(style, options.pattern, error);
+        case Form::kText:
+            break;
+    }
+    return make_text_formatter(style);
+}
+
+}  // namespace
+
+bool Reporter::open(std::string &error)
+{
+    std::string reason;
+    for (const std::string &pattern : options_.include)
+        if (!filter_.include(pattern, reason))
+            error = "--include '" + pattern + "' is no regular expression: " + reason;
+    for (const std::string &pattern : options_.exclude)
+        if (!filter_.exclude(pattern, reason))
+            error = "--exclude '" + pattern + "' is no regular expression: " + reason;
+    if (!error.empty() || (options_.form == Form::kTemplate && !make_formatter(options_, style_, error)))
+        return false;
+    if (!output_.open(options_.output, error))
+        return false;
+    const std::string own = output_.file_path();
+    if (!own.empty())
+        filter_.hide(own);
+    if (!options_.exec.empty())
+        executor_ = std::make_unique<Executor>(options_.exec);
+    return true;
+}
+
+void Reporter::set_plan(const Plan &plan)
+{
+    style_.end = options_.null_end ? '\0' : '\n';
+    style_.terminal = output_.is_terminal();
+    style_.colours = style_.terminal && wants_colours();
+    for (const PlannedInstance &instance : plan.instances) {
+        style_.sources.push_back(instance.name);
+        shown_kinds_.push_back(instance.shown);
+    }
+    for (const Root &root : plan.roots)
+        roots_.push_back(root.path);
+    std::string error;
+    formatter_ = make_formatter(options_, style_, error);
+}
+
+void Reporter::begin() { formatter_->begin(output_.buffer()); }
+
+bool Reporter::is_within_depth(std::string_view path) const
+{
+    if (options_.max_depth == 0)
+        return true;
+    // New directories are followed however deep they are; the limit is kept here.
+    return std::any_of(roots_.begin(), roots_.end(), [&](const std::string &root) {
+        const int depth = folder_depth(root, path);
+        return depth >= 0 && static_cast<uint32_t>(depth) <= options_.max_depth;
+    });
+}
+
+bool Reporter::wants(const Event &event) const
+{
+    return (event.mask & shown_kinds_[event.source]) && is_within_depth(event.path) && filter_.shows(event.path);
+}
+
+void Reporter::event(const Event &event)
+{
+    if (finished_ || !wants(event))
+        return;
+    Event visible = event;
+    visible.mask &= shown_kinds_[event.source];
+    formatter_->event(visible, output_.buffer());
+    shown_++;
+    if (executor_)
+        execute(visible);
+    else
+        check_output(output_.flush_if_large(stop_requested));
+    if (shown_ == options_.count)
+        finish(kDone);
+}
+
+void Reporter::execute(const Event &event)
+{
+    flush();
+    std::string error;
+    if (finished_ || executor_->run(event, stop_requested, error))
+        return;
+    complain(error);
+    finish(kError);
+}
+
+void Reporter::established(const std::vector<std::string> &paths, uint64_t directories)
+{
+    formatter_->established(wall_clock_ns(), paths, directories, output_.buffer());
+    flush();
+}
+
+void Reporter::loss(const std::string &source, uint64_t count)
+{
+    formatter_->loss(wall_clock_ns(), source, count, output_.buffer());
+}
+
+void Reporter::ended(const std::string &path, const char *reason)
+{
+    formatter_->ended(wall_clock_ns(), path, reason, output_.buffer());
+}
+
+void Reporter::note(const std::string &text) const
+{
+    if (!options_.quiet)
+        complain(text);
+}
+
+void Reporter::flush() { check_output(output_.flush(stop_requested)); }
+
+void Reporter::check_output(bool written)
+{
+    if (written || finished_)
+        return;
+    if (!output_.closed())
+        complain(output_.error());
+    finish(output_.closed() ? kDone : kError);
+}
+
+void Reporter::finish(int status)
+{
+    finished_ = true;
+    status_ = status;
+}
+
+}  // namespace cli

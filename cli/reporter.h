@@ -1,0 +1,70 @@
+/*
+ * reporter.h: everything that leaves the command: records to the output, commands of --exec, notes on stderr.
+ */
+#ifndef CLI_REPORTER_H
+#define CLI_REPORTER_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "exec.h"
+#include "filter.h"
+#include "format.h"
+#include "options.h"
+#include "output.h"
+#include "plan.h"
+
+namespace cli
+{
+
+class Reporter
+{
+public:
+    explicit Reporter(const WatchOptions &options) : options_(options) {}
+
+    /* Opens the output and reads the filters. False: `error` is one line. */
+    bool open(std::string &error);
+    /* To be called before the first event. */
+    void set_plan(const Plan &plan);
+    /* The heading, before everything else. */
+    void begin();
+
+    void event(const Event &event);
+    void established(const std::vector<std::string> &paths, uint64_t directories);
+    void loss(const std::string &source, uint64_t count);
+    void ended(const std::string &path, const char *reason);
+    void note(const std::string &text) const; /* on stderr, unless quiet */
+    void flush();
+
+    /* Nothing more is to be shown; the status to end with. */
+    bool finished() const { return finished_; }
+    int status() const { return status_; }
+    uint64_t shown() const { return shown_; } /* events */
+    int output_fd() const { return output_.fd(); }
+    bool has_records() const { return options_.form == Form::kJson; } /* beside events */
+
+private:
+    bool wants(const Event &event) const;
+    bool is_within_depth(std::string_view path) const;
+    void execute(const Event &event);
+    void check_output(bool written);
+    void finish(int status);
+
+    const WatchOptions &options_;
+    Output output_;
+    PathFilter filter_;
+    std::unique_ptr<Formatter> formatter_;
+    std::unique_ptr<Executor> executor_;
+    FormatStyle style_;
+    std::vector<uint32_t> shown_kinds_; /* by instance */
+    std::vector<std::string> roots_;
+    uint64_t shown_ = 0;
+    bool finished_ = false;
+    int status_ = 0;
+};
+
+}  // namespace cli
+
+#endif

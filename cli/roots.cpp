@@ -1,0 +1,77 @@
+#include "roots.h"
+
+#include <algorithm>
+#include <cerrno>
+
+#include "mounts.h"
+#include "orx_fmon.h"
+
+namespace cli
+{
+
+namespace
+{
+
+bool is_watched(const Root &root) { return root.placed && !root.ended && !root.waits; }
+
+bool is_mounted(uint64_t id, const std::vector<Mount> &mounts)
+{
+    return std::any_of(mounts.begin(), mounts.end(), [&](const Mount &mount) { return mount.id == id; });
+}
+
+std::string parent_of(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+// Why the watch on a path has ended, or null when it has not. A rename of the path itself would have made an event, so
+// a missing path whose folder is there was removed while it was still open, and one without folder was moved with it.
+const char *end_reason(const Root &root)
+{
+    const Identity now = identify(root.path), &then = root.identity;
+    const bool gone = now.error == ENOENT || now.error == ENOTDIR;
+    if (!gone && (now.error || (now.dev == then.dev && now.ino == then.ino)))
+        return nullptr;
+    if (then.mount_id && !is_mounted(then.mount_id, read_mounts()))
+        return "unmounted";
+    if (gone)
+        return identify(parent_of(root.path)).is_dir() ? "deleted" : "moved";
+    // Something mounted over the path hides it and ends nothing.
+    return now.mount_id == then.mount_id ? "deleted" : nullptr;
+}
+
+}  // namespace
+
+void RootGuard::event(std::string_view path, uint32_t mask)
+{
+    if (!(mask & (FMON_DELETE_SELF | FMON_MOVE_SELF)))
+        return;
+    for (Root &root : roots_)
+        if (is_watched(root) && root.path == path)
+            end(root, mask & FMON_DELETE_SELF ? "deleted" : "moved");
+}
+
+void RootGuard::look()
+{
+    for (Root &root : roots_) {
+        const char *reason = is_watched(root) ? end_reason(root) : nullptr;
+        // Only what is seen twice counts: an event that tells more may be on its way.
+        if (reason && root.suspected)
+            end(root, reason);
+        root.suspected = reason != nullptr;
+    }
+}
+
+bool RootGuard::all_ended() const
+{
+    return std::none_of(roots_.begin(), roots_.end(), [](const Root &root) { return root.placed && !root.ended; });
+}
+
+void RootGuard::end(Root &root, const char *reason)
+{
+    root.ended = true;
+    ended_(root, reason);
+}
+
+}  // namespace cli

@@ -1,0 +1,327 @@
+#include "session.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "diagnose.h"
+#include "message.h"
+#include "monitor.h"
+#include "signals.h"
+#include "time_format.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr size_t kQueueEvents = 65536, kQueueBytes = 16 << 20;
+constexpr uint64_t kBusyTickMs = 1000, kIdleTickMs = 4000;
+constexpr uint64_t kBusyWaitMs = 20; /* a wait that was shorter means a stream of events */
+constexpr long kGatherMs = 5;        /* how long a stream's events gather before they are shown together */
+
+constexpr uint32_t kSystemEvents = FMON_CREATE | FMON_DELETE | FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CLOSE_WRITE;
+
+// The kinds that only a file has, once it is there: no directory was made.
+constexpr uint32_t kFileEvents = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE;
+
+}  // namespace
+
+Session::Session(const WatchOptions &options)
+    : options_(options),
+      queue_(kQueueEvents, kQueueBytes),
+      intake_(queue_),
+      log_([this] { queue_.wake(); }),
+      reporter_(options),
+      guard_(plan_.roots, [this](const Root &root, const char *reason) { report_end(root, reason); })
+{
+}
+
+Session::~Session()
+{
+    if (mount_table_ >= 0)
+        ::close(mount_table_);
+}
+
+bool Session::fail(const std::string &line)
+{
+    complain(line);
+    return false;
+}
+
+int Session::run()
+{
+    if (!prepare() || !start() || !(options_.system ? place_system() : place()))
+        return kError;
+    establish();
+    loop();
+    close();
+    return status_;
+}
+
+bool Session::prepare()
+{
+    std::string error;
+    if (queue_.wake_fd() < 0)
+        return fail("no descriptor is left: see ulimit -n");
+    if (!reporter_.open(error))
+        return fail(error);
+    if (options_.system) {
+        plan_.instances.push_back({"system", options_.events ? options_.events : kSystemEvents});
+    } else {
+        plan_ = make_plan(options_);
+        for (const std::string &line : plan_.refusals)
+            complain(line);
+        if (plan_.roots.empty() || (!plan_.refusals.empty() && !options_.keep_going))
+            return false;
+    }
+    reporter_.set_plan(plan_);
+    return true;
+}
+
+bool Session::start()
+{
+    catch_signals(queue_.wake_fd());
+    std::string error;
+    return start_monitor(options_, log_, module_, error) || fail(error);
+}
+
+bool Session::place()
+{
+    Placer placer(options_, module_, log_, plan_);
+    {
+        const Progress progress(!options_.quiet);
+        placer.run(intake_);
+    }
+    if (!placer.any_placed() || (placer.refused() && !options_.keep_going) || !keep_tree())
+        return false;
+    reporter_.begin();
+    std::vector<std::string> paths;
+    for (const Root &root : plan_.roots)
+        if (root.placed)
+            paths.push_back(root.path);
+    const uint64_t directories = placer.directories();
+    reporter_.established(paths, directories);
+    if (placer.left_out())
+        reporter_.loss("watches", placer.left_out());
+    reporter_.flush();
+    if (!reporter_.has_records())
+        note_start(paths, directories);
+    return true;
+}
+
+void Session::note_start(const std::vector<std::string> &paths, uint64_t directories) const
+{
+    std::string text = "watching " + (paths.size() == 1 ? paths[0] : counted(paths.size(), "path"));
+    if (options_.recursive && directories)
+        text += " (" + counted(directories, "directory") + ")";
+    if (geteuid() != 0)
+        text += "; without root, events do not name their process";
+    reporter_.note(text);
+}
+
+void Session::report_end(const Root &root, const char *reason)
+{
+    reporter_.ended(root.path, reason);
+    reporter_.flush();
+    complain(root.path + " is no longer watched: it was " + reason + " (with --wait its return would be waited for)");
+}
+
+// The trees in which new directories are to be completed.
+bool Session::keep_tree()
+{
+    if (!options_.recursive || options_.mount)
+        return true;
+    std::vector<std::string> roots;
+    for (const Root &root : plan_.roots)
+        roots.push_back(root.path);
+    keeper_ = std::make_unique<TreeKeeper>(module_, roots, options_.max_depth);
+    return keeper_->start() >= 0 || fail("the monitor has no instance left");
+}
+
+bool Session::place_system()
+{
+    const uint32_t kinds = plan_.instances[0].shown;
+    if (kinds & ~kSystemEvents)
+        return fail("--system knows create, delete, moved_from, moved_to and close_write only: leave out the others");
+    const int id = module_.create_instance("system", intake_.add_source(kinds));
+    if (id < 0 || module_.global_watch(static_cast<uint32_t>(id), kinds, 1) != 0) {
+        const std::string library = library_folder() + "/liborx_kp_thread.2.so";
+        return fail("--system needs kernel probes, and " +
+                    (has_probe_library(library_folder()) ? std::string("they do not work on this kernel")
+                                                         : "their library " + library + " is not installed") +
+                    "; as root, fmon watch --mount / shows what is modified and closed on a whole mount");
+    }
+    reporter_.begin();
+    reporter_.established({}, 0);
+    return true;
+}
+
+void Session::establish()
+{
+    const uint64_t now = steady_ms();
+    mount_table_ = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    next_tick_ = now + kBusyTickMs;
+    last_shown_ = now;
+}
+
+void Session::loop()
+{
+    while (status_ < 0) {
+        if (queue_.take(batch_)) {
+            handle_batch();
+            pause_if_busy();
+        } else if (queue_.prepare_to_sleep()) {
+            wait();
+        }
+        const uint64_t now = steady_ms();
+        if (now >= next_tick_ || log_.any())
+            tick(now);
+        check_timeout(now);
+        if (stop_requested())
+            end_with(kDone);
+    }
+}
+
+void Session::handle_batch()
+{
+    // Trees first: what happens in a new directory is seen only once it is marked.
+    for (size_t i = 0; keeper_ && i < batch_.size(); i++) {
+        const Event event = batch_.event(i);
+        if ((event.mask & FMON_CREATE) && !(event.mask & kFileEvents))
+            keeper_->made(event.path);
+    }
+    if (keeper_)
+        keeper_->run();
+    for (size_t i = 0; i < batch_.size() && !reporter_.finished(); i++) {
+        const Event event = batch_.event(i);
+        reporter_.event(event);
+        guard_.event(event.path, event.mask);
+        if (!options_.exec.empty() && stop_requested())
+            break;
+    }
+    reporter_.flush();
+    next_tick_ = std::min(next_tick_, steady_ms() + kBusyTickMs);
+    if (reporter_.finished())
+        end_with(reporter_.status());
+    else if (!options_.system && guard_.all_ended())
+        end_with(kNothing);
+}
+
+// In a stream of events, waking for each costs more than showing it; some milliseconds of them are shown together.
+// The first event after a silence is shown at once.
+void Session::pause_if_busy() const
+{
+    if (status_ >= 0 || waited_ms_ > kBusyWaitMs)
+        return;
+    const struct timespec pause = {0, kGatherMs * 1000000};
+    nanosleep(&pause, nullptr);
+}
+
+uint64_t Session::wait_limit(uint64_t now) const
+{
+    uint64_t until = next_tick_;
+    if (options_.timeout_ms)
+        until = std::min(until, last_shown_ + options_.timeout_ms);
+    return until > now ? until - now : 0;
+}
+
+void Session::wait()
+{
+    const uint64_t now = steady_ms();
+    struct pollfd fds[] = {{queue_.wake_fd(), POLLIN, 0}, {mount_table_, POLLPRI, 0}, {reporter_.output_fd(), 0, 0}};
+    // One more: the clock is coarse, and waking just before the time would mean waking twice.
+    poll(fds, 3, static_cast<int>(std::min<uint64_t>(wait_limit(now), 60000)) + 1);
+    woken_ms_ = steady_ms();
+    waited_ms_ = woken_ms_ - now;
+    if (fds[0].revents)
+        queue_.clear_wake();
+    if (fds[1].revents) {
+        guard_.look();
+        next_tick_ = std::min(next_tick_, woken_ms_ + kBusyTickMs);
+    }
+    if (fds[2].revents & (POLLERR | POLLHUP | POLLNVAL))  // the reader has gone
+        end_with(kDone);
+}
+
+void Session::tick(uint64_t now)
+{
+    check_losses();
+    check_findings();
+    guard_.look();
+    reporter_.flush();
+    next_tick_ = now + (now - woken_ms_ < kBusyTickMs && waited_ms_ < kBusyTickMs ? kBusyTickMs : kIdleTickMs);
+    if (!options_.system && guard_.all_ended())
+        end_with(kNothing);
+}
+
+void Session::check_losses()
+{
+    struct fmon_losses now = {};
+    if (module_.losses(&now) != 0)
+        return;
+    const auto compare = [this](const char *source, uint64_t before, uint64_t after) {
+        if (after == before)
+            return;
+        reporter_.loss(source, after - before);
+        complain(explain_loss(source, after - before));
+    };
+    compare("inotify", losses_.inotify_overflow, now.inotify_overflow);
+    compare("fanotify", losses_.fanotify_overflow, now.fanotify_overflow);
+    compare("table", losses_.unknown_wd, now.unknown_wd);
+    losses_ = now;
+}
+
+void Session::check_findings()
+{
+    if (!log_.any())
+        return;
+    const Findings findings = log_.take();
+    if (findings.monitor_ended) {
+        complain("the monitor has stopped: " + findings.last_error);
+        end_with(kError);
+    }
+    const uint64_t left_out = findings.left_out();
+    if (left_out == 0)
+        return;
+    Facts facts = gather_facts();
+    facts.max_dentries = max_dentries(options_);
+    reporter_.loss("watches", left_out);
+    complain(explain_left_out("", findings, left_out, facts));
+}
+
+void Session::check_timeout(uint64_t now)
+{
+    if (shown_ != reporter_.shown()) {
+        shown_ = reporter_.shown();
+        last_shown_ = now;
+    }
+    if (options_.timeout_ms == 0 || now < last_shown_ + options_.timeout_ms || status_ >= 0)
+        return;
+    reporter_.note("nothing happened within the time that -t gives");
+    end_with(kNothing);
+}
+
+void Session::end_with(int status)
+{
+    if (status_ < 0)
+        status_ = status;
+}
+
+// What has come until now is still shown.
+void Session::close()
+{
+    if (!reporter_.finished() && queue_.take(batch_))
+        for (size_t i = 0; i < batch_.size() && options_.exec.empty(); i++)
+            reporter_.event(batch_.event(i));
+    check_losses();
+    check_findings();
+    reporter_.flush();
+    log_.stop();
+}
+
+}  // namespace cli

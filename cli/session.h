@@ -1,0 +1,82 @@
+/*
+ * session.h: one run of `fmon watch`: start, placing, the loop, the end.
+ */
+#ifndef CLI_SESSION_H
+#define CLI_SESSION_H
+
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "intake.h"
+#include "log_watch.h"
+#include "module.h"
+#include "options.h"
+#include "placer.h"
+#include "plan.h"
+#include "queue.h"
+#include "reporter.h"
+#include "roots.h"
+#include "tree_keeper.h"
+
+namespace cli
+{
+
+class Session
+{
+public:
+    explicit Session(const WatchOptions &options);
+    ~Session();
+    Session(const Session &) = delete;
+    Session &operator=(const Session &) = delete;
+
+    /* Returns the exit status. The monitor's thread goes on: the caller ends the process at once. */
+    int run();
+
+private:
+    bool fail(const std::string &line);
+    bool prepare();
+    bool start();
+    bool place();
+    bool place_system();
+    void establish();
+    bool keep_tree();
+    void note_start(const std::vector<std::string> &paths, uint64_t directories) const;
+    void report_end(const Root &root, const char *reason);
+
+    void loop();
+    void handle_batch();
+    void pause_if_busy() const;
+    void wait();
+    void tick(uint64_t now);
+    uint64_t wait_limit(uint64_t now) const;
+    void check_findings();
+    void check_losses();
+    void check_timeout(uint64_t now);
+    void end_with(int status);
+    void close();
+
+    const WatchOptions &options_;
+    EventQueue queue_;
+    Intake intake_;
+    LogWatch log_;
+    Reporter reporter_;
+    Module module_ = {};
+    Plan plan_;
+    std::unique_ptr<TreeKeeper> keeper_; /* null: nothing is watched recursively */
+    RootGuard guard_;
+    Batch batch_;
+    struct fmon_losses losses_ = {};
+    int mount_table_ = -1; /* readable, in poll's sense, when mounts have changed */
+
+    int status_ = -1;        /* -1: going on */
+    uint64_t woken_ms_ = 0;  /* when the last wait ended */
+    uint64_t waited_ms_ = 0; /* how long it took */
+    uint64_t next_tick_ = 0;
+    uint64_t last_shown_ = 0, shown_ = 0; /* for --timeout */
+};
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,59 @@
+#include "signals.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdint>
+#include <initializer_list>
+
+namespace cli
+{
+
+namespace
+{
+
+volatile sig_atomic_t g_stop;
+volatile sig_atomic_t g_wake_fd = -1;
+
+extern "C" void on_signal(int)
+{
+    const int saved = errno;
+    const uint64_t one = 1;
+    g_stop = 1;
+    [[maybe_unused]] const ssize_t n = write(g_wake_fd, &one, sizeof one);
+    errno = saved;
+}
+
+void catch_signal(int number)
+{
+    struct sigaction before = {};
+    sigaction(number, nullptr, &before);
+    if (before.sa_handler == SIG_IGN)
+        return;
+    struct sigaction action = {};
+    action.sa_handler = on_signal;
+    sigaction(number, &action, nullptr);
+}
+
+}  // namespace
+
+void catch_signals(int wake_fd)
+{
+    g_wake_fd = wake_fd;
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        catch_signal(number);
+    signal(SIGPIPE, SIG_IGN);
+}
+
+bool stop_requested() { return g_stop != 0; }
+
+SignalsBlocked::SignalsBlocked()
+{
+    sigset_t all;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before_);
+}
+
+SignalsBlocked::~SignalsBlocked() { pthread_sigmask(SIG_SETMASK, &before_, nullptr); }
+
+}  // namespace cli

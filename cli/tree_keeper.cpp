@@ -1,0 +1,82 @@
+#include "tree_keeper.h"
+
+#include <algorithm>
+#include <utility>
+
+#include "filter.h"
+#include "paths.h"
+
+namespace cli
+{
+
+namespace
+{
+
+// "/" below every other byte: "a/b" is then before "a-b".
+bool before(const std::string &a, const std::string &b)
+{
+    const auto rank = [](char c) { return c == '/' ? 0 : static_cast<unsigned char>(c) + 1; };
+    return std::lexicographical_compare(a.begin(), a.end(), b.begin(), b.end(),
+                                        [&](char x, char y) { return rank(x) < rank(y); });
+}
+
+}  // namespace
+
+void sort_as_tree(std::vector<std::string> &paths) { std::sort(paths.begin(), paths.end(), before); }
+
+std::string without_star(const std::string &path)
+{
+    const size_t star = path.find('*');
+    if (star == std::string::npos)
+        return path;
+    const size_t slash = path.rfind('/', star);
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
+TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth)
+    : module_(module), roots_(std::move(roots)), max_depth_(max_depth)
+{
+}
+
+int TreeKeeper::start()
+{
+    instance_ = module_.create_instance("watch-new", nullptr);
+    return instance_;
+}
+
+void TreeKeeper::run()
+{
+    if (made_.empty())
+        return;
+    sort_as_tree(made_);
+    std::string walked;
+    for (const std::string &path : made_) {
+        const bool seen = !walked.empty() && is_below(walked, path);
+        if (seen || !has_subdirectory(path))
+            continue;
+        walked = path;
+        complete(path);
+    }
+    made_.clear();
+}
+
+void TreeKeeper::complete(const std::string &path)
+{
+    const std::string start = without_star(path);
+    uint32_t depth = 0;
+    for (const std::string &root : roots_) {
+        if (!is_below(root, start) || max_depth_ == 0)
+            continue;
+        const uint32_t level = static_cast<uint32_t>(folder_depth(root, start)) + (start == root ? 0 : 1);
+        if (level < max_depth_)
+            depth = std::max(depth, max_depth_ - level);
+    }
+    if (max_depth_ && depth == 0)
+        return;
+    // Only kinds that every watch which follows the tree has by itself: the marks carry what the watches above want.
+    const uint32_t flags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
+    if (module_.add_watch(static_cast<uint32_t>(instance_), start.c_str(), FMON_CREATE, flags, depth, 0) == 0)
+        module_.del_watch(static_cast<uint32_t>(instance_), start.c_str());
+}
+
+}  // namespace cli

@@ -1,0 +1,57 @@
+/*
+ * tree_keeper.h: completes new directories below a recursive watch.
+ *
+ * When a directory is made, the monitor marks it but does not look into it, so directories that were made in it before
+ * the mark (mkdir -p, tar, git checkout) would never be watched. The keeper looks into each new directory, and where
+ * it finds directories, it adds a watch of its own on the new one and takes it back at once: adding walks and marks the
+ * tree below, and taking back leaves the marks, since the recursive watch above needs them.
+ *
+ * Works on the main thread, never from a callback.
+ */
+#ifndef CLI_TREE_KEEPER_H
+#define CLI_TREE_KEEPER_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "module.h"
+
+namespace cli
+{
+
+class TreeKeeper
+{
+public:
+    /* `roots`: the recursively watched directories; `max_depth` as for the watches, 0 for no limit. */
+    TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth);
+
+    /* Makes the instance that the short-lived watches belong to. Its result code. */
+    int start();
+
+    /* Something of that path was made: to be looked at by the next run(). */
+    void made(std::string_view path) { made_.emplace_back(path); }
+
+    /* Looks at what was made since the last run. */
+    void run();
+
+private:
+    void complete(const std::string &path);
+
+    const Module &module_;
+    const std::vector<std::string> roots_;
+    const uint32_t max_depth_;
+    int instance_ = -1;
+    std::vector<std::string> made_;
+};
+
+/* Sorts paths so that each stands right before all that lies below it. */
+void sort_as_tree(std::vector<std::string> &paths);
+
+/* The deepest leading part of a path that has no "*", which the monitor would take for a pattern. */
+std::string without_star(const std::string &path);
+
+}  // namespace cli
+
+#endif
