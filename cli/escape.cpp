@@ -1,6 +1,7 @@
 #include "escape.h"
 
 #include <cstdint>
+#include <cstring>
 
 namespace cli
 {
@@ -116,6 +117,14 @@ size_t utf8_length(std::string_view text)
 
 bool is_utf8(std::string_view text)
 {
+    // Most names are ASCII: eight bytes at a time.
+    uint64_t eight;
+    while (text.size() >= sizeof eight) {
+        memcpy(&eight, text.data(), sizeof eight);
+        if (eight & 0x8080808080808080)
+            break;
+        text.remove_prefix(sizeof eight);
+    }
     while (!text.empty()) {
         const size_t length = utf8_length(text);
         if (length == 0)

@@ -1,3 +1,4 @@
+#include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
 #include "escape.h"
@@ -11,20 +12,7 @@ namespace cli
 namespace
 {
 
-/* A std::string as the library's output stream. */
-class StringStream
-{
-public:
-    using Ch = char;
-    explicit StringStream(std::string &out) : out_(out) {}
-    void Put(char c) { out_.push_back(c); }
-    void Flush() {}
-
-private:
-    std::string &out_;
-};
-
-using Writer = rapidjson::Writer<StringStream>;
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 void put(Writer &writer, std::string_view text)
 {
@@ -51,9 +39,11 @@ void put_bytes(Writer &writer, std::string_view bytes)
 void put_path(Writer &writer, std::string_view path)
 {
     put_key(writer, "path");
-    put_bytes(writer, path);
-    if (is_utf8(path))
+    if (is_utf8(path)) {
+        put(writer, path);
         return;
+    }
+    put_bytes(writer, path);
     std::string base64;
     append_base64(path, base64);
     put_key(writer, "path_bytes");
@@ -119,8 +109,9 @@ private:
     template <typename Fields>
     void record(std::string_view type, uint64_t time_ns, std::string &out, Fields fields)
     {
-        StringStream stream(out);
-        Writer writer(stream);
+        line_.Clear();
+        writer_.Reset(line_);
+        Writer &writer = writer_;
         writer.StartObject();
         put_key(writer, "type");
         put(writer, type);
@@ -130,6 +121,7 @@ private:
         put(writer, time_text_);
         fields(writer);
         writer.EndObject();
+        out.append(line_.GetString(), line_.GetSize());
         out.push_back(end_);
     }
 
@@ -164,6 +156,8 @@ private:
     const std::vector<std::string> sources_;
     UtcTime time_;
     std::string time_text_;
+    rapidjson::StringBuffer line_;
+    Writer writer_;
 };
 
 }  // namespace

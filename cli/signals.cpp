@@ -4,7 +4,6 @@
 
 #include <cerrno>
 #include <cstdint>
-#include <initializer_list>
 
 namespace cli
 {
@@ -24,12 +23,15 @@ extern "C" void on_signal(int)
     errno = saved;
 }
 
+bool is_ignored(int number)
+{
+    struct sigaction action = {};
+    sigaction(number, nullptr, &action);
+    return action.sa_handler == SIG_IGN;
+}
+
 void catch_signal(int number)
 {
-    struct sigaction before = {};
-    sigaction(number, nullptr, &before);
-    if (before.sa_handler == SIG_IGN)
-        return;
     struct sigaction action = {};
     action.sa_handler = on_signal;
     sigaction(number, &action, nullptr);
@@ -40,8 +42,11 @@ void catch_signal(int number)
 void catch_signals(int wake_fd)
 {
     g_wake_fd = wake_fd;
-    for (const int number : {SIGINT, SIGTERM, SIGHUP})
-        catch_signal(number);
+    // A shell starts background commands with SIGINT ignored; one that is sent all the same is meant.
+    catch_signal(SIGINT);
+    catch_signal(SIGTERM);
+    if (!is_ignored(SIGHUP))
+        catch_signal(SIGHUP);
     signal(SIGPIPE, SIG_IGN);
 }
 

@@ -10,8 +10,8 @@ namespace cli
 {
 
 /* Catches the three, and ignores SIGPIPE: a closed pipe is seen where it is written to. `wake_fd`, an eventfd, becomes
- * readable when one comes. System calls are interrupted. A signal that was ignored when the command started (nohup)
- * stays ignored. */
+ * readable when one comes. System calls are interrupted. SIGHUP stays ignored when it was
+ * (nohup). */
 void catch_signals(int wake_fd);
 bool stop_requested();
 

@@ -108,8 +108,9 @@ void start_thread()
 
 ShellLock::ShellLock() : held_(fmon_shell.lock)
 {
-    if (held_)
-        th_mutex_lock(held_);
+    /* A lock that was refused (a callback that calls back) is not ours to release. */
+    if (held_ && th_mutex_lock(held_) != 0)
+        held_ = nullptr;
 }
 
 ShellLock::~ShellLock()

@@ -127,6 +127,7 @@ bool paused(const struct shell_row &row, uint32_t now)
     return row.next_call != 0 && static_cast<int32_t>(row.next_call - now) > 0;
 }
 
+/* 0 stands for no pause: one that ends there is a millisecond longer. */
 void pause_until(struct shell_row *row, uint32_t when) { row->next_call = when != 0 ? when : 1; }
 
 void deliver_row(struct shell_row *row, int index, uint32_t now)

@@ -75,13 +75,14 @@ int place_watch(struct watch *w)
     int result = watch_exists(w->path, w->flags);
     if (result == 0)
         result = fmon_method.add_watch(&fmon, w);
-    if (result == FMON_ENOENT && (w->flags & FMON_DELETED)) {
-        FMON_LOG(4, kFile, "this watch is add to tbd list\n");
-        list_add_tail(&w->link, &fmon.tbd);
-        result = 0;
-    } else if (result != 0) {
+    bool waits = result == FMON_ENOENT && (w->flags & FMON_DELETED);
+    if (result != 0 && !waits) {
         FMON_LOG(1, kFile, "add watch failed: %d\n", result);
         return result;
+    }
+    if (waits) {
+        FMON_LOG(4, kFile, "this watch is add to tbd list\n");
+        list_add_tail(&w->link, &fmon.tbd);
     }
     list_add_tail(&w->inst_link, &inst->watches);
     return 0;

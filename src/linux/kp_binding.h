@@ -31,8 +31,9 @@ struct symbol_row {
     int level;         /* of the message that it is missing */
 };
 
+/* One copy an including source. */
 namespace
-{ /* one copy an including source */
+{
 
 constexpr char kLog[] = "kp_thread_utils";
 constexpr char kLibrary[] = "@/../lib/liborx_kp_thread.2.so";
@@ -179,8 +180,9 @@ inline void *create_instance(const char *file, const char *name, int32_t **fds, 
 }  // namespace
 }  // namespace kp
 
+/* One copy an including source. */
 namespace
-{ /* one copy an including source */
+{
 
 /* The library's record of the running kernel. Negative and null: the call failed, or reported success without a
  * record, as it does for a library that lacks the symbol. */
@@ -188,7 +190,7 @@ inline int32_t kp_os_info_get(const struct kp_os_info **out)
 {
     *out = nullptr;
     const int32_t status = kp::os_info_get(out);
-    return status == 0 && !*out ? -1 : status;
+    return status >= 0 && !*out ? -1 : status;
 }
 
 }  // namespace

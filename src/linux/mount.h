@@ -36,8 +36,8 @@ FMON_API int get_global_mnt(int32_t **out);
 /* Mount point of that id in the list read last, or null. Valid until the next read. */
 FMON_API const char *search_mnt(int32_t mnt_id);
 
-/* (Hidden.) Parses one line of the file into `list`. */
-void mount_parse_line(char *line, list_head *list);
+/* (Hidden.) Parses one line of the file into `list`. Cuts the text up. */
+void mount_parse_line(char *text, list_head *list);
 
 /* (Hidden.) Frees every entry and its links, and forgets the list. */
 void mount_release(list_head *list);

@@ -12,7 +12,6 @@
 #include <chrono>
 #include <cstring>
 #include <fstream>
-#include <regex>
 #include <sstream>
 #include <thread>
 
@@ -73,12 +72,19 @@ std::vector<std::string> agent_command(const std::string &root, const std::vecto
     return argv;
 }
 
+/* Whether each digit of the form stands for some digit and everything else for itself. */
+bool looks_like(const std::string &text, const std::string &form)
+{
+    return text.size() == form.size() && std::equal(text.begin(), text.end(), form.begin(), [](char have, char want) {
+               return want == '0' ? have >= '0' && have <= '9' : have == want;
+           });
+}
+
 /* What every object has. */
 void check_object(const Json &object, const std::string &line)
 {
-    static const std::regex time(R"(\d{4}-\d\d-\d\dT\d\d:\d\d:\d\d\.\d{9}Z)");
     EXPECT_TRUE(object.is_object() && object.value("type", "") != "") << line;
-    EXPECT_TRUE(std::regex_match(object.value("time", ""), time)) << line;
+    EXPECT_TRUE(looks_like(object.value("time", ""), "0000-00-00T00:00:00.000000000Z")) << line;
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 
 #include <cstring>
 #include <map>
+#include <numeric>
 
 #include "in_child.h"
 #include "linux/clt_file.h"
@@ -125,6 +126,13 @@ protected:
         });
     }
 
+    static std::vector<int> numbers(int first, size_t count)
+    {
+        std::vector<int> out(count);
+        std::iota(out.begin(), out.end(), first);
+        return out;
+    }
+
     /* The mount table: one mount an id, in this order. */
     void set_mounts(const std::vector<int> &ids)
     {
@@ -208,9 +216,7 @@ TEST_F(CltDegraded, CollectorWithoutAConfiguration)
 
 TEST_F(CltDegraded, CollectorWithTooManyMounts)
 {
-    std::vector<int> ids;
-    for (int i = 0; i < 40; i++)
-        ids.push_back(1000000 + i);
+    const std::vector<int> ids = numbers(1000000, 40);
     set_mounts(ids);
     EXPECT_GT(0, start_collector());
     EXPECT_EQ((Lines{{3, "vm_info:4.9.0-1-x86_64"},
@@ -312,9 +318,7 @@ TEST_F(CltDegraded, FilterOfOneAndMoreMounts)
 /* 256 bytes with the NUL: nineteen mounts of six digits fill them exactly. */
 TEST_F(CltDegraded, FilterAtItsLimit)
 {
-    std::vector<int> ids;
-    for (int i = 0; i < 19; i++)
-        ids.push_back(100000 + i);
+    std::vector<int> ids = numbers(100000, 19);
     const std::string widest = filter_of(ids);
     EXPECT_EQ(strlen("common_filter = ") + 255, widest.size());
     EXPECT_EQ("||mnt==100018||mnt==0)", widest.substr(widest.size() - 22));

@@ -20,9 +20,9 @@ protected:
 
     static std::vector<int> ids()
     {
-        std::vector<int> out;
-        for (int i = 0; i < fmon_shell.row_count; i++)
-            out.push_back(fmon_shell.rows[i].id);
+        std::vector<int> out(static_cast<size_t>(fmon_shell.row_count));
+        for (size_t i = 0; i < out.size(); i++)
+            out[i] = fmon_shell.rows[i].id;
         return out;
     }
     static int create(const std::string &name, fmon_client_cb cb = take_a)

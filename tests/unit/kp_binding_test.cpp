@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <array>
 #include <functional>
 #include <map>
 #include <thread>
@@ -391,9 +392,9 @@ TEST_F(KpBinding, FirstCallsOnManyThreadsOpenOneLibrary)
     testlib::replace_dlsym([](void *, const char *) -> void * {
         return address(+[](uint8_t, const char *, void *) -> int32_t { return 7; });
     });
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back([] {
+    std::array<std::thread, 4> threads;
+    for (std::thread &t : threads)
+        t = std::thread([] {
             for (int n = 0; n < 100; n++)
                 EXPECT_EQ(7, kp::event_enable(1, "Ki", &instance));
         });

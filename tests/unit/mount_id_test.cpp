@@ -124,7 +124,7 @@ TEST_F(MountId, OnlyTheFirst4096Bytes)
     EXPECT_EQ(0, ret_);
 }
 
-TEST_F(MountId, BytesBehindANulAreNotSeen) { EXPECT_EQ("", id_from(std::string("pos:\0\nmnt_id:\t5\n", 17))); }
+TEST_F(MountId, BytesBehindANulAreNotSeen) { EXPECT_EQ("", id_from(std::string("pos:") + '\0' + "\nmnt_id:\t5\n")); }
 
 TEST_F(MountId, WhatIsNotOpen)
 {

@@ -408,6 +408,7 @@ TEST_F(RealThread, ManyClientsAtOnce)
 {
     start();
     std::vector<std::thread> clients;
+    clients.reserve(4);
     for (int c = 0; c < 4; c++)
         clients.emplace_back([this, c] {
             const std::string name = "client " + std::to_string(c), dir = tree.dir(name);
