@@ -170,6 +170,12 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
     return head + (findings.last_error.empty() ? "the monitor's log tells why" : findings.last_error);
 }
 
+std::string explain_retry(const Findings &findings, const Facts &facts)
+{
+    const Refusal refusal = {findings.retry_failed, kInotifyRefused, false, false, findings};
+    return refusal.path + " is there, but" + refused_by_kernel(refusal, facts);
+}
+
 std::string explain_loss(const std::string &source, uint64_t count)
 {
     if (source == "inotify" || source == "fanotify")

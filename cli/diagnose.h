@@ -42,6 +42,9 @@ std::string explain_start_failure(const Findings &findings, const Facts &facts);
 /* Directories that were left out; `left_out` is their number. `path` is empty when it happened after the start. */
 std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts);
 
+/* A path that has appeared and cannot be watched. */
+std::string explain_retry(const Findings &findings, const Facts &facts);
+
 /* Events that were missed: `source` as in the loss record. */
 std::string explain_loss(const std::string &source, uint64_t count);
 

@@ -25,7 +25,8 @@ Examples:
   fmon watch -r /etc                                changes below /etc, as they happen
   fmon watch -r --pid -e modify,close_write /srv    who writes below /srv (root)
   fmon watch -r --format json /data | jq .path      one JSON object a line
-  fmon watch --wait -n 1 -e create /run/app.pid     wait until a file is made
+  fmon watch --wait /var/log/app.log                a file that comes and goes
+  fmon watch -q -n 1 -e create --include '/ready$' /run     wait until a file is made
   fmon watch --exec 'make -s' -e close_write src    run a command after each save
   fmon watch '/home/*/.ssh'                         every user's, also those to come
 

@@ -50,34 +50,43 @@ void sink(int level, const char *, int, const char *text, void *arg)
     static_cast<LogWatch *>(arg)->line(level, text);
 }
 
-void add(const LogLine &line, Findings &findings)
+// The count that a finding belongs to; null: it is not counted.
+uint64_t *counter(Finding finding, Findings &findings)
 {
-    switch (line.finding) {
+    switch (finding) {
         case Finding::kWatchLimit:
-            findings.watch_limit++;
-            break;
+            return &findings.watch_limit;
         case Finding::kMarkLimit:
-            findings.mark_limit++;
-            break;
+            return &findings.mark_limit;
         case Finding::kCacheFull:
-            findings.cache_full++;
-            break;
+            return &findings.cache_full;
         case Finding::kUnreadable:
-            if (findings.unreadable++ == 0)
-                findings.first_unreadable = line.path;
-            break;
+            return &findings.unreadable;
         case Finding::kDenied:
-            findings.denied++;
-            break;
+            return &findings.denied;
         case Finding::kOther:
-            findings.other++;
-            break;
-        case Finding::kMonitorEnded:
-            findings.monitor_ended = true;
-            break;
-        case Finding::kNone:
-            break;
+            return &findings.other;
+        default:
+            return nullptr;
     }
+}
+
+// "add watch PATH failed: CODE" of a pattern, "add deleted flag watch PATH failed: CODE" of a path that was waited for.
+LogLine read_retry(std::string_view text)
+{
+    constexpr std::string_view kEnd = " failed: ";
+    const size_t start = text.find("watch /"), end = text.rfind(kEnd);
+    if (start == std::string_view::npos || end == std::string_view::npos || end < start)
+        return {};
+    return {Finding::kRetryFailed, text.substr(start + 6, end - start - 6)};
+}
+
+// Lines that only pass a result on: the reason stands in an earlier one.
+bool is_consequence(std::string_view text)
+{
+    return starts_with(text, "add watch failed: ") || starts_with(text, "fmon init failed") ||
+           starts_with(text, "method init failed") || starts_with(text, "check watch failed") ||
+           read_log_line(text).finding == Finding::kRetryFailed;
 }
 
 }  // namespace
@@ -96,6 +105,8 @@ LogLine read_log_line(std::string_view text)
     if (starts_with(text, "path is NULL") || starts_with(text, "malloc iterate failed: ") ||
         starts_with(text, "dir malloc failed") || starts_with(text, "add seq failed, wd "))
         return {Finding::kOther, {}};
+    if (starts_with(text, "add deleted flag watch /") || starts_with(text, "add watch /"))
+        return read_retry(text);
     if (starts_with(text, "select failed: ") || starts_with(text, "create file monitor thread failed"))
         return {Finding::kMonitorEnded, {}};
     return {};
@@ -110,6 +121,21 @@ void LogWatch::start() { orx_host_log_sink(sink, this); }
 
 void LogWatch::stop() { orx_host_log_sink(nullptr, nullptr); }
 
+void LogWatch::count(const LogLine &line)
+{
+    uint64_t *const count = counter(line.finding, findings_);
+    if (count && (*count)++ == 0 && line.finding == Finding::kUnreadable)
+        findings_.first_unreadable = line.path;
+    if (line.finding == Finding::kRetryFailed) {
+        // The line before was about the path itself, not about a directory that is left out below it.
+        if (last_counted_)
+            --*last_counted_;
+        findings_.retry_failed = line.path;
+    }
+    last_counted_ = count;
+    findings_.monitor_ended |= line.finding == Finding::kMonitorEnded;
+}
+
 void LogWatch::line(int level, std::string_view text)
 {
     const LogLine found = read_log_line(text);
@@ -117,8 +143,8 @@ void LogWatch::line(int level, std::string_view text)
         return;
     {
         const std::lock_guard<std::mutex> hold(lock_);
-        add(found, findings_);
-        if (level <= ORX_LOG_ERROR)
+        count(found);
+        if (level <= ORX_LOG_ERROR && !is_consequence(text))
             findings_.last_error = text;
     }
     if (found.finding != Finding::kNone && !any_.exchange(true, std::memory_order_relaxed))
@@ -129,6 +155,7 @@ Findings LogWatch::take()
 {
     const std::lock_guard<std::mutex> hold(lock_);
     any_.store(false, std::memory_order_relaxed);
+    last_counted_ = nullptr;
     return std::exchange(findings_, Findings());
 }
 

@@ -19,12 +19,13 @@ namespace cli
 
 enum class Finding {
     kNone,
-    kWatchLimit,   /* a directory without inotify watch: fs.inotify.max_user_watches */
-    kMarkLimit,    /* a directory without fanotify mark: fs.fanotify.max_user_marks */
-    kCacheFull,    /* a directory that has no room in the monitor's cache */
-    kUnreadable,   /* a directory that may not be opened (with its path) */
-    kDenied,       /* a directory that may not be watched */
-    kOther,        /* a directory that is not watched for another reason */
+    kWatchLimit,  /* a directory without inotify watch: fs.inotify.max_user_watches */
+    kMarkLimit,   /* a directory without fanotify mark: fs.fanotify.max_user_marks */
+    kCacheFull,   /* a directory that has no room in the monitor's cache */
+    kUnreadable,  /* a directory that may not be opened (with its path) */
+    kDenied,      /* a directory that may not be watched */
+    kOther,       /* a directory that is not watched for another reason */
+    kRetryFailed, /* a path that was waited for, or matches a pattern, is there but cannot be watched (with its path) */
     kMonitorEnded, /* the monitor thread has given up */
 };
 
@@ -41,7 +42,8 @@ struct Findings {
     uint64_t watch_limit = 0, mark_limit = 0, cache_full = 0, unreadable = 0, denied = 0, other = 0;
     bool monitor_ended = false;
     std::string first_unreadable; /* path */
-    std::string last_error;       /* the last line of level 1: why a request was refused */
+    std::string retry_failed;     /* path: tried again once a second, so told once */
+    std::string last_error;       /* the last line that gives a reason: why a request was refused */
 
     /* Directories that are not watched. One that may not be read is refused twice, when it is marked and when it is
      * opened, but either can be missing. A directory without watch counts for both limits, too. */
@@ -65,9 +67,12 @@ public:
     bool any() const { return any_.load(std::memory_order_relaxed); }
 
 private:
+    void count(const LogLine &line);
+
     std::function<void()> changed_;
     std::mutex lock_;
-    Findings findings_; /* under lock_ */
+    Findings findings_;                /* under lock_ */
+    uint64_t *last_counted_ = nullptr; /* under lock_: in findings_, by the line before */
     std::atomic<bool> any_ = false;
 };
 

@@ -3,6 +3,7 @@
 #include <getopt.h>
 
 #include <charconv>
+#include <cmath>
 #include <cstring>
 #include <string_view>
 
@@ -121,7 +122,7 @@ bool timeout(WatchOptions &o, const char *value, std::string &error)
     const auto [stopped, code] = std::from_chars(value, end, seconds, std::chars_format::fixed);
     if (code != std::errc() || stopped != end || !(seconds >= 0.001 && seconds <= 1e9))
         return bad_value("--timeout", value, "seconds, such as 10 or 0.5", error);
-    o.timeout_ms = static_cast<uint64_t>(seconds * 1000 + 0.5);
+    o.timeout_ms = static_cast<uint64_t>(std::llround(seconds * 1000));
     return true;
 }
 

@@ -38,10 +38,10 @@ bool Output::open(const std::string &path, std::string &error)
 {
     if (path.empty()) {
         fd_ = STDOUT_FILENO;
-        if (fcntl(fd_, F_GETFD) >= 0)
-            return true;
-        error = "stdout is closed: use -o FILE";
-        return false;
+        const int flags = fcntl(fd_, F_GETFL);
+        if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY)
+            error = "stdout is closed: use -o FILE";
+        return error.empty();
     }
     fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666);
     owned_ = fd_ >= 0;

@@ -107,7 +107,7 @@ Identity identify(const std::string &path)
 
 std::string absolute_path(const std::string &given)
 {
-    const std::string path = tidy(given);
+    std::string path = tidy(given);
     size_t length = literal_length(path);
     std::string real;
     while (length > 0 && !resolve(path.substr(0, length), real))

@@ -94,6 +94,7 @@ bool Session::place()
 {
     Placer placer(options_, module_, log_, plan_);
     {
+        const StopAtOnce at_once;
         const Progress progress(!options_.quiet);
         placer.run(intake_);
     }
@@ -286,12 +287,17 @@ void Session::check_findings()
         end_with(kError);
     }
     const uint64_t left_out = findings.left_out();
-    if (left_out == 0)
+    const bool is_retry = !findings.retry_failed.empty() && told_.insert(findings.retry_failed).second;
+    if (left_out == 0 && !is_retry)
         return;
     Facts facts = gather_facts();
     facts.max_dentries = max_dentries(options_);
-    reporter_.loss("watches", left_out);
-    complain(explain_left_out("", findings, left_out, facts));
+    if (left_out) {
+        reporter_.loss("watches", left_out);
+        complain(explain_left_out("", findings, left_out, facts));
+    }
+    if (is_retry)
+        complain(explain_retry(findings, facts));
 }
 
 void Session::check_timeout(uint64_t now)

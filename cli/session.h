@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -67,6 +68,7 @@ private:
     std::unique_ptr<TreeKeeper> keeper_; /* null: nothing is watched recursively */
     RootGuard guard_;
     Batch batch_;
+    std::set<std::string> told_; /* paths that appeared and could not be watched */
     struct fmon_losses losses_ = {};
     int mount_table_ = -1; /* readable, in poll's sense, when mounts have changed */
 

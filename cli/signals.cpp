@@ -12,10 +12,13 @@ namespace
 {
 
 volatile sig_atomic_t g_stop;
+volatile sig_atomic_t g_at_once;
 volatile sig_atomic_t g_wake_fd = -1;
 
 extern "C" void on_signal(int)
 {
+    if (g_at_once)
+        _exit(0);
     const int saved = errno;
     const uint64_t one = 1;
     g_stop = 1;
@@ -51,6 +54,10 @@ void catch_signals(int wake_fd)
 }
 
 bool stop_requested() { return g_stop != 0; }
+
+StopAtOnce::StopAtOnce() { g_at_once = 1; }
+
+StopAtOnce::~StopAtOnce() { g_at_once = 0; }
 
 SignalsBlocked::SignalsBlocked()
 {

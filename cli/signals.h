@@ -15,6 +15,17 @@ namespace cli
 void catch_signals(int wake_fd);
 bool stop_requested();
 
+/* While it lives, the signals end the process at once, with status 0: for long calls that cannot be interrupted, and
+ * before there is anything to flush. */
+class StopAtOnce
+{
+public:
+    StopAtOnce();
+    ~StopAtOnce();
+    StopAtOnce(const StopAtOnce &) = delete;
+    StopAtOnce &operator=(const StopAtOnce &) = delete;
+};
+
 /* Blocks all signals while it lives, so that a thread started meanwhile never takes one. */
 class SignalsBlocked
 {

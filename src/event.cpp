@@ -1,4 +1,10 @@
-/* The table of pending event records: making, merging and freeing them. */
+/*
+ * The table of pending event records: making, merging and freeing them.
+ *
+ * A raw event is first looked for among the live records. It is merged into the one of the same path and process, which
+ * is then offered again to everybody with all its kinds; or it becomes a new record, which enters the table only when
+ * an instance took it or holds it back. So what nobody wants leaves no trace but its log lines.
+ */
 #include "event.h"
 
 #include <cstdlib>
@@ -39,7 +45,7 @@ char *copy_text(const char *text)
     return copy;
 }
 
-/* djb2. */
+/* djb2. It decides the order in which the dump lists records, and nothing else: look-ups go through the index. */
 uint32_t path_hash(const char *path)
 {
     uint32_t hash = 5381;
@@ -96,6 +102,8 @@ bool offer(struct fmon *monitor, struct event *ev, struct dentry *d, const char 
     return false;
 }
 
+/* Puts the record into the table, or frees it when no instance wants it. A descriptor's event that met no watch at all
+ * came from a mark that ought to be gone: the backend is asked to take it away. */
 void settle_new(struct fmon *monitor, struct event_record *record, uint64_t key, bool watched, int source_fd)
 {
     struct event *ev = &record->ev;
@@ -111,6 +119,8 @@ void settle_new(struct fmon *monitor, struct event_record *record, uint64_t key,
     _event_free(ev);
 }
 
+/* A merge can leave a record without a holder: those who held it back are gone, or were given it and had no memory for
+ * the delivery. */
 void settle_merged(struct fmon *monitor, struct event *ev)
 {
     if (ev->ref || ev->pending)

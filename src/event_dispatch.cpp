@@ -1,4 +1,9 @@
-/* Which instances want a record, and the delivery to their queues. */
+/*
+ * Which instances want a record, and the delivery to their queues.
+ *
+ * An instance is given a record once, however many of its watches match: its bit in `ref` stands from the delivery
+ * until the instance has read it. Offering stops for nothing but that bit, since the order of watches must not decide.
+ */
 #include <cstdlib>
 #include <cstring>
 
@@ -60,6 +65,8 @@ void queue_entry(struct fmon *monitor, struct event_entry *entry, int id)
     monitor->event_mask |= instance_bit(id);
 }
 
+/* An instance that is short of memory for the delivery misses the event, unless another of its watches comes by. It no
+ * longer holds the record back either: what it waited for has come. */
 void offer_to_watch(struct fmon *monitor, struct event *ev, const struct watch *w)
 {
     uint32_t bit = instance_bit(w->instance);
@@ -94,6 +101,7 @@ bool offer_to_dentry(struct fmon *monitor, struct event *ev, struct dentry *d)
 
 }  // namespace
 
+/* From the object itself, where it is a cached directory or a watched file, up to the root. */
 bool event_offer_dentry(struct fmon *monitor, struct event *ev, struct dentry *d, const char *name)
 {
     struct dentry *child = name ? dcache_find_sub(&monitor->dcache, d, name) : nullptr;
@@ -103,6 +111,7 @@ bool event_offer_dentry(struct fmon *monitor, struct event *ev, struct dentry *d
     return watched;
 }
 
+/* From the root down, as far as the cache goes: it need not know the file, only the watched directories above it. */
 bool event_offer_path(struct fmon *monitor, struct event *ev, const char *walk)
 {
     struct dentry *at = monitor->dcache.root;
@@ -117,6 +126,7 @@ bool event_offer_path(struct fmon *monitor, struct event *ev, const char *walk)
     return watched;
 }
 
+/* Instances that died are left out by inst_mask: their bits in the global set stay. */
 void event_dispatch_global(struct fmon *monitor, struct event *ev)
 {
     uint32_t rest = monitor->global_instance_mask & monitor->inst_mask & ~ev->ref;

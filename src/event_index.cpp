@@ -1,4 +1,9 @@
-/* The index of the event table. */
+/*
+ * The index of the event table.
+ *
+ * The key is 64 bits wide: the lower ones choose the head, the upper half is kept with the record. It is keyed so that
+ * nobody who chooses file names can make look-ups slow; colliding djb2 texts are made by hand.
+ */
 #include "event_index.h"
 
 #include <sys/auxv.h>

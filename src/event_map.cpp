@@ -1,4 +1,7 @@
-/* The vocabulary of event kinds and watch flags. */
+/*
+ * The vocabulary of event kinds and watch flags. One table for each serves both directions; the text forms appear in
+ * every log line and in what clients configure.
+ */
 #include <cstring>
 
 #include "checked.h"
@@ -72,6 +75,7 @@ uint32_t bits_mask(char *text, const struct bits_row *table, int rows)
     return mask;
 }
 
+/* Two buffers, so that one log line can show an old and a new mask. */
 char *event_str(uint32_t mask)
 {
     static char names[kNamesSize];

@@ -1,4 +1,10 @@
-/* The monitor object: start, stop and instances. */
+/*
+ * The monitor object: start, stop and instances.
+ *
+ * A stop does not touch the instances: clients keep their ids, their watches stay listed, and what is queued can still
+ * be read. Tree, table and descriptors are gone by then, so the next start cuts the survivors off them before anything
+ * can follow a stale link.
+ */
 #include "fmon.h"
 
 #include <cstdlib>
@@ -18,7 +24,7 @@ namespace
 constexpr char kFile[] = "fmon.c";
 constexpr int32_t kMinTbdInterval = 1000; /* ms */
 
-/* Takes the watch from wherever it stands and frees it. */
+/* Takes the watch from wherever it stands (tree, waiting list, neither) and frees it. */
 void release_watch(struct watch *w)
 {
     if (w->dentry) {
@@ -31,6 +37,7 @@ void release_watch(struct watch *w)
     watch_drop(w);
 }
 
+/* Bits that the instance left in `pending` of other records are cleared when those are next merged. */
 void release_entry(struct event_entry *entry, uint32_t bit)
 {
     struct event *ev = entry->ev;
@@ -183,6 +190,7 @@ int fmon_destroy_instance(int id)
 
     /* Takes nothing from the instance's system-wide mask: a slot goes on counting until it is used again. */
     fmon_del_global_watch(id, 0);
+    /* From the head each time: the backend may free further watches of the instance on the way. */
     while (!list_empty(&inst->watches))
         release_watch(FMON_RECORD(inst->watches.next, struct watch, inst_link));
     while (!list_empty(&inst->events))

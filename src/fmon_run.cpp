@@ -1,4 +1,9 @@
-/* What the monitor thread drives the core with: descriptors, the run step, and the reading of queued events. */
+/*
+ * What the monitor thread drives the core with: descriptors, the run step, and the reading of queued events.
+ *
+ * A client is shown the head of its queue and the record is dropped afterwards, so that one it postpones stays at the
+ * head and goes on taking events in.
+ */
 #include <cstdlib>
 
 #include "event.h"
@@ -59,6 +64,7 @@ struct event *fmon_peek_event(int id)
     return entry ? entry->ev : nullptr;
 }
 
+/* The record stays in the table, where it can still take events in, until fmon_free_event. */
 struct event *fmon_read_event(int id)
 {
     struct event_entry *entry = head_entry(id);

@@ -1,4 +1,7 @@
-/* The to-be-done list: watches that wait for their path, and wildcard watches, which wait for ever. */
+/*
+ * The to-be-done list: watches that wait for their path, and wildcard watches, which wait for ever. A pass goes through
+ * it in order; what it attaches leaves the list, what the backend refuses keeps its place.
+ */
 #include "fmon_watch.h"
 #include "list.h"
 #include "log.h"
@@ -39,6 +42,7 @@ void fmon_tbd_pass(void)
     }
 }
 
+/* A watch that is neither dynamic nor may wait stays listed with its instance, attached to nothing. */
 void watch_out_service(struct fmon *monitor, struct watch *w)
 {
     if (w->flags & FMON_DYNAMIC)

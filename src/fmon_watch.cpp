@@ -1,4 +1,9 @@
-/* The watch registry: records, checks, adding and deleting. */
+/*
+ * The watch registry: records, checks, adding and deleting.
+ *
+ * Watches are told apart by their stored path, which is the canonical one where there is one. A client that adds
+ * through a link therefore deletes by the resolved path.
+ */
 #include "fmon_watch.h"
 
 #include <sys/stat.h>
@@ -23,6 +28,7 @@ bool path_well_formed(const char *path)
     return path[0] == '/' && !strstr(path, "//") && (len == 1 || path[len - 1] != '/');
 }
 
+/* A file has nothing below it, and the tree below a mount is not kept in step. */
 bool flags_well_formed(uint32_t flags)
 {
     uint32_t type = flags & kTypeFlags;
@@ -52,6 +58,7 @@ int check_watch(struct watch *w, const char *given_path)
     return fmon_method.check_watch ? fmon_method.check_watch(w) : 0;
 }
 
+/* The first one with exactly that stored path; patterns and dynamic watches count. */
 struct watch *find_watch(int instance, const char *path)
 {
     FMON_LIST_EACH (node, &fmon.instances[instance].watches) {

@@ -1,4 +1,9 @@
-/* Wildcard watches: the pattern waits for ever, each path that it matches has a dynamic watch. */
+/*
+ * Wildcard watches: the pattern waits for ever, each path that it matches has a dynamic watch.
+ *
+ * A pattern is never attached. Its dynamic watches stand in the same instance's list with `parent` naming it; those
+ * whose directory vanishes are freed, and made again by a later pass when the path comes back.
+ */
 #include <cstdlib>
 #include <cstring>
 

@@ -133,19 +133,33 @@ int read_inotify(struct fmon *monitor, int fd, int position, fmon_event_cb callb
 
 /* ---- fanotify ---- */
 
+bool has_links(int fd)
+{
+    struct stat st;
+    return fstat(fd, &st) == 0 && st.st_nlink != 0;
+}
+
+/* Whether the kernel's mark for a removed file ends the path; it also ends the name of a file that is called so. */
+bool looks_removed(const char *path, size_t length)
+{
+    constexpr char kMark[] = " (deleted)";
+    constexpr size_t kLength = sizeof(kMark) - 1;
+    return length >= kLength && memcmp(path + length - kLength, kMark, kLength) == 0;
+}
+
 /* Puts the path of the event's file into fanotify_path; false when it has none (any more). */
 bool fanotify_event_path(int fd)
 {
     char link[sizeof("/proc/self/fd/-2147483648")];
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    struct stat st;
-    if (fd < 0 || fstat(fd, &st) != 0 || st.st_nlink == 0)
+    if (fd < 0 || !has_links(fd))
         return false;
     ssize_t length = readlink(link, fanotify_path, sizeof(fanotify_path) - 1);
     if (length < 0)
         return false;
     fanotify_path[length] = '\0';
-    return true;
+    /* The last link may have gone since it was looked for. */
+    return !looks_removed(fanotify_path, static_cast<size_t>(length)) || has_links(fd);
 }
 
 void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *record, int fd, fmon_event_cb callback)

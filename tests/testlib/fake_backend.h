@@ -10,10 +10,12 @@
 
 #include "fmon.h"
 
-namespace testlib {
+namespace testlib
+{
 
 /* Installs itself into fmon_method for its life and puts the old table back. */
-class FakeBackend {
+class FakeBackend
+{
 public:
     FakeBackend();
     ~FakeBackend();
@@ -23,7 +25,7 @@ public:
     /* Results, changeable at any time. */
     int init_result = 0, check_result = 0, add_result = 0, del_result = 0, read_result = 0, rate_result = 0;
     int add_global_result = 0, del_global_result = 0, update_global_result = 0, punish_result = 0;
-    std::vector<int32_t> fds; /* what get_selectable_fds hands out, all entries */
+    std::vector<int32_t> fds;   /* what get_selectable_fds hands out, all entries */
     uint32_t lower_timeout = 0; /* not 0: stored in *timeout_ms */
 
     /* Called instead of the default where set. The default add_watch makes the path's dentry in fmon.dcache and links
@@ -41,13 +43,14 @@ private:
 };
 
 /* A started monitor over a FakeBackend; stopped, with its instances destroyed, at the end. */
-class Monitor {
+class Monitor
+{
 public:
     explicit Monitor(int max_events = 100, int max_dentries = 1000, int tbd_interval = 1000);
     ~Monitor();
     FakeBackend backend;
 };
 
-} // namespace testlib
+}  // namespace testlib
 
 #endif

@@ -13,7 +13,8 @@
 
 typedef struct cJSON cJSON;
 
-namespace testlib {
+namespace testlib
+{
 
 /* ---- log ---- */
 struct LogLine {
@@ -23,10 +24,10 @@ struct LogLine {
 };
 std::vector<LogLine> log_lines();
 void log_clear();
-int log_count(int level, const std::string &text);          /* lines equal in level and text */
-int log_count_containing(const std::string &part);          /* any level */
+int log_count(int level, const std::string &text); /* lines equal in level and text */
+int log_count_containing(const std::string &part); /* any level */
 bool logged(int level, const std::string &text);
-std::string log_text();                                     /* everything, for failure messages */
+std::string log_text(); /* everything, for failure messages */
 
 /* ---- timer ---- */
 void set_now(uint64_t ms);
@@ -77,6 +78,6 @@ void json_free(cJSON *item);
 /* Everything back to its start; joins threads. */
 void reset_host();
 
-} // namespace testlib
+}  // namespace testlib
 
 #endif

@@ -1,11 +1,11 @@
 /*
  * fault.h: makes a named system or allocation call fail.
  *
- * Test programs are linked with --wrap for each name in fault_names.txt, so that the module's own calls come here first.
- * Calls are counted from the moment a Fault is armed, on the thread that armed it only (ThreadScope::all for others).
- * Names: malloc calloc realloc, inotify_init inotify_add_watch inotify_rm_watch, fanotify_init fanotify_mark (found
- * through dlsym), select read readlink realpath stat lstat fstat opendir readdir closedir uname prctl dlopen dlsym
- * close fopen fgets open fcntl.
+ * Test programs are linked with --wrap for each name in fault_names.txt, so that the module's own calls come here
+ * first. Calls are counted from the moment a Fault is armed, on the thread that armed it only (ThreadScope::all for
+ * others). Names: malloc calloc realloc, inotify_init inotify_add_watch inotify_rm_watch, fanotify_init fanotify_mark
+ * (found through dlsym), select read readlink realpath stat lstat fstat opendir readdir closedir uname prctl dlopen
+ * dlsym close fopen fgets open fcntl.
  */
 #ifndef TESTLIB_FAULT_H
 #define TESTLIB_FAULT_H
@@ -14,19 +14,21 @@
 #include <functional>
 #include <string>
 
-namespace testlib {
+namespace testlib
+{
 
 enum class ThreadScope { mine, all };
 
 /* While it lives, the nth (1-based) call of `name` fails with `err`; with `count` > 1 the ones after it too. */
-class Fault {
+class Fault
+{
 public:
     explicit Fault(const char *name, int nth = 1, int err = ENOMEM, int count = 1,
                    ThreadScope scope = ThreadScope::mine);
     ~Fault();
     Fault(const Fault &) = delete;
     Fault &operator=(const Fault &) = delete;
-    bool hit() const; /* the call was reached */
+    bool hit() const;  /* the call was reached */
     int calls() const; /* calls of that name while it lived */
 
 private:
@@ -34,7 +36,8 @@ private:
 };
 
 /* Counts calls of `name` without failing any. */
-class CallCount {
+class CallCount
+{
 public:
     explicit CallCount(const char *name);
     ~CallCount();
@@ -60,6 +63,6 @@ void clear_redirects();
 /* d_type of every directory entry is reported as DT_UNKNOWN. */
 void hide_entry_types(bool on);
 
-} // namespace testlib
+}  // namespace testlib
 
 #endif

@@ -7,7 +7,8 @@
 #include <cstdint>
 #include <string>
 
-namespace testlib {
+namespace testlib
+{
 
 /* An inotify record; the name is padded with NULs to a multiple of 16 as the kernel does (none for an empty name). */
 std::string inotify_record(int32_t wd, uint32_t mask, const std::string &name = "", uint32_t cookie = 0);
@@ -19,7 +20,8 @@ std::string fanotify_record(uint64_t mask, int32_t fd, int32_t pid);
 std::string fanotify_record_raw(uint32_t event_len, uint8_t vers, uint16_t metadata_len, uint64_t mask, int32_t fd,
                                 int32_t pid, const std::string &extra = "");
 
-class Pipe {
+class Pipe
+{
 public:
     Pipe();
     ~Pipe();
@@ -35,6 +37,6 @@ private:
     int fds_[2];
 };
 
-} // namespace testlib
+}  // namespace testlib
 
 #endif

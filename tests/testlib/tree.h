@@ -7,10 +7,12 @@
 #include <string>
 #include <vector>
 
-namespace testlib {
+namespace testlib
+{
 
 /* A fresh directory, its real path without links, removed with everything in it at the end. */
-class TempTree {
+class TempTree
+{
 public:
     TempTree();
     ~TempTree();
@@ -18,16 +20,16 @@ public:
     TempTree &operator=(const TempTree &) = delete;
     const std::string &root() const { return root_; }
     std::string path(const std::string &below) const; /* root/below */
-    std::string dir(const std::string &below);  /* mkdir -p; returns the path */
+    std::string dir(const std::string &below);        /* mkdir -p; returns the path */
     std::string file(const std::string &below, const std::string &content = "");
     std::string link(const std::string &below, const std::string &target); /* symbolic */
-    void remove(const std::string &below); /* rm -rf */
+    void remove(const std::string &below);                                 /* rm -rf */
 
 private:
     std::string root_;
 };
 
-int open_fds();                      /* descriptors open in this process */
+int open_fds(); /* descriptors open in this process */
 std::vector<int> open_fd_list();
 
 /* Skips the test with the reason when the ability is missing; in CI (environment CI set) fails instead, unless
@@ -35,15 +37,15 @@ std::vector<int> open_fd_list();
 bool is_root();
 bool can_fanotify();
 bool can_mount(); /* in a mount namespace of its own */
-#define NEED(condition, reason)                                     \
-    do {                                                            \
-        if (!(condition)) {                                         \
-            if (getenv("CI"))                                       \
-                FAIL() << "cannot run in CI: " << (reason);         \
-            GTEST_SKIP() << (reason);                               \
-        }                                                           \
+#define NEED(condition, reason)                             \
+    do {                                                    \
+        if (!(condition)) {                                 \
+            if (getenv("CI"))                               \
+                FAIL() << "cannot run in CI: " << (reason); \
+            GTEST_SKIP() << (reason);                       \
+        }                                                   \
     } while (0)
 
-} // namespace testlib
+}  // namespace testlib
 
 #endif

@@ -84,8 +84,9 @@ TEST(CliEscape, replacement_makes_valid_utf8_and_keeps_what_is_valid)
         out.clear();
         append_utf8(bytes, out);
         ASSERT_TRUE(is_utf8(out));
-        if (is_utf8(bytes))
+        if (is_utf8(bytes)) {
             ASSERT_EQ(out, bytes);
+        }
     }
 }
 

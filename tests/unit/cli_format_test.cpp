@@ -89,8 +89,9 @@ TEST(CliJson, valid_for_every_byte_of_a_name)
         const std::string line = line_of(*formatter, event_of(path, FMON_CREATE));
         const auto document = json_of(line);
         EXPECT_EQ(document.HasMember("path_bytes"), byte >= 0x80);
-        if (byte < 0x80)
+        if (byte < 0x80) {
             EXPECT_EQ(document["path"].GetString(), path);
+        }
         EXPECT_EQ(line.find('\n'), line.size() - 1);
     }
 }

@@ -23,8 +23,9 @@ protected:
                                    std::to_string(start) + " 100 200\n");
         folder.file("77/status", "Name:\tx\nPPid:\t7\nUid:\t1000\t1001\t1000\t1000\nGid:\t1\n");
         folder.file("77/cmdline", cmdline);
-        if (!exe.empty())
+        if (!exe.empty()) {
             EXPECT_EQ(symlink(exe.c_str(), folder.path("77/exe").c_str()), 0);
+        }
     }
     void end() const { std::filesystem::remove_all(folder.path("77")); }
     ProcessPtr find(uint64_t now) { return cache.find(kPid, now); }

@@ -106,8 +106,9 @@ TEST(CliQueue, nothing_is_lost_between_two_threads)
     while (next < kEvents) {
         if (!queue.take(batch)) {
             struct pollfd p = {queue.wake_fd(), POLLIN, 0};
-            if (queue.prepare_to_sleep())
+            if (queue.prepare_to_sleep()) {
                 ASSERT_EQ(poll(&p, 1, 10000), 1);
+            }
             queue.clear_wake();
         }
         for (size_t i = 0; i < batch.size(); i++)

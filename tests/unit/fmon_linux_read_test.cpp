@@ -240,6 +240,23 @@ TEST_F(Reading, FileWithoutALinkGivesNoEvent)
     EXPECT_EQ(-1, fcntl(fd, F_GETFD));
 }
 
+TEST_F(Reading, FileThatIsCalledDeletedIsNot)
+{
+    std::string f = tree.file("a/f (deleted)");
+    m.feed(1, fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1));
+    EXPECT_EQ(Strings{f + ":modify"}, m.events());
+}
+
+/* The second look at the links decides, when the last one went between the first and the reading of the path. */
+TEST_F(Reading, FileWhoseLastLinkGoesMeanwhileGivesNoEvent)
+{
+    std::string f = tree.file("a/f (deleted)");
+    Fault fault("fstat", 2, EBADF);
+    m.feed(1, fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1));
+    EXPECT_TRUE(fault.hit());
+    EXPECT_TRUE(m.events().empty());
+}
+
 TEST_F(Reading, FanotifyOverflowIsCountedAndGivesNoEvent)
 {
     m.feed(1, fanotify_record(0x4000, -1, 0));
