@@ -34,6 +34,7 @@ std::string reason_of(const Findings &findings)
     return colon == std::string::npos ? line : line.substr(colon + 2);
 }
 
+// Who uses the watches matters: raising the limit does not help for long when another program leaks them.
 std::string watch_limit_text(const Facts &facts, uint64_t missing)
 {
     const uint64_t used = std::max(facts.user_watches, facts.own_watches);
@@ -141,6 +142,7 @@ std::string explain_refusal(const Refusal &refusal, const Facts &facts)
     return refusal.path + reason_by_code(refusal, facts);
 }
 
+// EMFILE stands for the limit of instances and for that of descriptors alike.
 std::string explain_start_failure(const Findings &findings, const Facts &facts)
 {
     const std::string reason = reason_of(findings);

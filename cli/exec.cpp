@@ -2,6 +2,7 @@
 
 #include <spawn.h>
 #include <sys/wait.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <csignal>
@@ -10,14 +11,13 @@
 
 #include "event_names.h"
 
-extern char **environ;
-
 namespace cli
 {
 
 namespace
 {
 
+// Two values of one name would leave it to the shell which of them counts.
 bool is_ours(const char *variable)
 {
     for (const char *name : {"FMON_EVENTS=", "FMON_PATH=", "FMON_PID="})
@@ -74,6 +74,7 @@ public:
     posix_spawn_file_actions_t files;
 };
 
+// A signal to the whole terminal has reached the command already; one to this process alone has not.
 void wait_for(pid_t child, const std::function<bool()> &stop)
 {
     int status;

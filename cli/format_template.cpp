@@ -91,6 +91,7 @@ private:
         return literal(kBytes[i], pieces);
     }
 
+    // Up to three digits, the first of which has been read; what does not fit into a byte loses its upper bits.
     char octal(char first)
     {
         int value = first - '0';

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <ctime>
 #include <utility>
 
 #include "time_format.h"
@@ -23,6 +24,13 @@ int32_t callback(struct event *event)
 constexpr fmon_client_cb kCallbacks[Intake::kMaxSources] = {callback<0>, callback<1>, callback<2>, callback<3>,
                                                             callback<4>};
 
+uint64_t monotonic_ns()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
 }  // namespace
 
 uint32_t Intake::own_pid() { return static_cast<uint32_t>(getpid()); }
@@ -36,6 +44,7 @@ fmon_client_cb Intake::add_source(uint32_t wanted)
     return kCallbacks[sources_++];
 }
 
+// /proc is read with the monitor's lock held: a process may be gone a moment later, and each is read once in a while.
 int32_t Intake::accept(uint32_t source, const struct event &event)
 {
     // The record's mask is the union of all that happened, not only of what this instance's watch asks for.
@@ -50,7 +59,21 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
     }
     const Event copy = {wall_clock_ns(), mask, event.pid, source, event.path, event.container ? event.container : "",
                         nullptr};
-    return queue_.push(copy, std::move(process)) ? 0 : kPauseMs;
+    if (!queue_.push(copy, std::move(process)))
+        return kPauseMs;
+    gather();
+    return 0;
+}
+
+// The lock is held meanwhile, but only this command's own requests could want it.
+void Intake::gather()
+{
+    const uint64_t nap = pace_.event(monotonic_ns());
+    if (nap == 0)
+        return;
+    const struct timespec time = {0, static_cast<long>(nap)};
+    nanosleep(&time, nullptr);
+    pace_.woke(monotonic_ns());
 }
 
 }  // namespace cli

@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "orx_fmon.h"
+#include "pace.h"
 #include "process_info.h"
 #include "queue.h"
 
@@ -36,11 +37,13 @@ public:
 private:
     EventQueue &queue_;
     ProcessCache processes_;
+    Pace pace_;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
     const uint32_t self_ = own_pid(); /* the command's own doings are not shown */
 
     static uint32_t own_pid();
+    void gather();
 };
 
 }  // namespace cli

@@ -78,6 +78,7 @@ Marks &Marks::operator+=(const Marks &other)
     return *this;
 }
 
+// Descriptors may be closed, and processes end, while they are looked at: what is gone counts as nothing.
 Marks process_marks(const std::string &process, const char *proc)
 {
     Marks marks;

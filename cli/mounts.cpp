@@ -57,6 +57,7 @@ bool has_option(std::string_view options, std::string_view wanted)
 
 }  // namespace
 
+// See proc(5): id, parent, device, root, mount point, options, optional fields, "-", type, source, more options.
 bool parse_mount(std::string_view line, Mount &out)
 {
     const std::string_view id = take_field(line);

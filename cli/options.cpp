@@ -57,6 +57,7 @@ std::string setting_names()
 namespace take
 {
 
+// Repeated lists add up, as repeated options do elsewhere.
 bool events(WatchOptions &o, const char *value, std::string &error)
 {
     if (strcmp(value, "help") == 0) {
@@ -95,6 +96,7 @@ bool max_subdirs(WatchOptions &o, const char *value, std::string &error)
     return true;
 }
 
+// Any "%" makes a template: a misspelt name of a form would otherwise be printed for every event.
 bool format(WatchOptions &o, const char *value, std::string &error)
 {
     const std::string_view text(value);
@@ -115,6 +117,7 @@ bool count(WatchOptions &o, const char *value, std::string &error)
            bad_value("--count", value, "a number of events, 1 or more", error);
 }
 
+// The limits keep "nan", "inf" and what rounds to nothing out; the range is far from where milliseconds overflow.
 bool timeout(WatchOptions &o, const char *value, std::string &error)
 {
     double seconds = 0;
@@ -126,6 +129,7 @@ bool timeout(WatchOptions &o, const char *value, std::string &error)
     return true;
 }
 
+// Ranges are checked here, since the monitor quietly keeps its own value, or refuses to start, for a bad one.
 bool set(WatchOptions &o, const char *value, std::string &error)
 {
     const char *equals = strchr(value, '=');
@@ -215,6 +219,7 @@ const OptionRow *find_row(int code)
 }
 
 // getopt_long leaves the option's code in optopt, or 0 for a long name that it does not know.
+// One line in our words: getopt_long itself would name the program by its path and know nothing of verbs.
 std::string getopt_complaint(int code, char **argv)
 {
     const OptionRow *row = optopt ? find_row(optopt) : nullptr;

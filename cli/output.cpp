@@ -63,6 +63,7 @@ std::string Output::file_path() const
     return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
 }
 
+// A terminal or pipe that another program has made non-blocking is waited for.
 bool Output::flush(const std::function<bool()> &stop)
 {
     std::string_view rest = buffer_;

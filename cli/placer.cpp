@@ -17,6 +17,7 @@ namespace cli
 namespace
 {
 
+// A watch that marks every directory below its path.
 bool is_tree(const PlannedWatch &watch) { return (watch.flags & FMON_RECURSIVE) && !(watch.flags & FMON_MOUNT); }
 
 }  // namespace
@@ -114,6 +115,7 @@ void Placer::check_mounts()
     }
 }
 
+// Each watched file has an inotify watch, too.
 uint64_t Placer::directories() const
 {
     uint64_t files = 0;

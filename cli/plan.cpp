@@ -18,6 +18,7 @@ constexpr uint32_t kUsual = FMON_CREATE | FMON_DELETE | FMON_MODIFY | FMON_CLOSE
                             FMON_MOVED_TO | FMON_ATTRIB | FMON_DELETE_SELF | FMON_MOVE_SELF;
 constexpr uint32_t kUsualMount = FMON_MODIFY | FMON_CLOSE_WRITE;
 
+// "all" with --mount means all that a mount can tell.
 uint32_t asked_events(const WatchOptions &options)
 {
     if (options.events == 0)
@@ -77,6 +78,7 @@ private:
         return too_many_refusal(root);
     }
 
+    // The monitor takes one "*", and no pattern that is also waited for: it looks a pattern up again by itself.
     std::string pattern_refusal(const Root &root) const
     {
         if (std::count(root.path.begin(), root.path.end(), '*') > 1)
@@ -148,6 +150,7 @@ private:
             plan_.watches.push_back({plan_.roots.size() - 1, instance, path, mask, flags});
     }
 
+    // Instances come into being with the first watch that needs them: most runs have one.
     size_t instance_named(const std::string &name, uint32_t shown)
     {
         for (size_t i = 0; i < plan_.instances.size(); i++)

@@ -21,6 +21,7 @@ Event Batch::event(size_t i) const
             row.process.get()};
 }
 
+// Views would not survive the growth of the text, so rows hold offsets.
 void Batch::append(const Event &event, ProcessPtr process)
 {
     rows_.push_back({event.time_ns, event.mask, event.pid, event.source, static_cast<uint32_t>(text_.size()),
@@ -85,6 +86,7 @@ bool EventQueue::take(Batch &batch)
     return !batch.empty();
 }
 
+// Emptiness and the flag change under one lock: an event that comes right after is sure to find the flag.
 bool EventQueue::prepare_to_sleep()
 {
     const std::lock_guard<std::mutex> hold(lock_);

@@ -13,6 +13,7 @@ namespace cli
 namespace
 {
 
+// NO_COLOR counts when it is set and not empty, whatever its value.
 bool wants_colours()
 {
     const char *no_colour = getenv("NO_COLOR"), *terminal = getenv("TERM");
@@ -106,6 +107,7 @@ void Reporter::event(const Event &event)
         finish(kDone);
 }
 
+// The record is out before its command runs, so that both appear in order on one terminal.
 void Reporter::execute(const Event &event)
 {
     flush();
@@ -140,6 +142,7 @@ void Reporter::note(const std::string &text) const
 
 void Reporter::flush() { check_output(output_.flush(stop_requested)); }
 
+// A reader that has gone has what it wanted (head -1): that is no error.
 void Reporter::check_output(bool written)
 {
     if (written || finished_)

@@ -90,6 +90,7 @@ bool Session::start()
     return start_monitor(options_, log_, module_, error) || fail(error);
 }
 
+// Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
 bool Session::place()
 {
     Placer placer(options_, module_, log_, plan_);
@@ -162,6 +163,7 @@ bool Session::place_system()
     return true;
 }
 
+// Watching for the end begins once all is placed. Without the mount table the regular looks must do.
 void Session::establish()
 {
     const uint64_t now = steady_ms();
@@ -249,6 +251,8 @@ void Session::wait()
         end_with(kDone);
 }
 
+// Losses and vanished paths make no event, so they are looked for: each second while events come, else more rarely,
+// to leave an idle machine asleep.
 void Session::tick(uint64_t now)
 {
     check_losses();
@@ -260,6 +264,7 @@ void Session::tick(uint64_t now)
         end_with(kNothing);
 }
 
+// The counters only grow; what they grew by since the last look is one record.
 void Session::check_losses()
 {
     struct fmon_losses now = {};
@@ -277,6 +282,7 @@ void Session::check_losses()
     losses_ = now;
 }
 
+// Many lines within a tick become one: a tree that runs into a limit logs one line a directory.
 void Session::check_findings()
 {
     if (!log_.any())
@@ -300,6 +306,7 @@ void Session::check_findings()
         complain(explain_retry(findings, facts));
 }
 
+// The time begins anew with each event that is shown, not with those that a filter hides.
 void Session::check_timeout(uint64_t now)
 {
     if (shown_ != reporter_.shown()) {

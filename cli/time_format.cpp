@@ -38,6 +38,7 @@ void UtcTime::append(uint64_t ns, std::string &out)
     out.push_back('Z');
 }
 
+// localtime_r may look at the zone file, so it is called once a second at most.
 void LocalTime::append(uint64_t ns, std::string &out)
 {
     if (ns / kNs != second_) {

@@ -44,15 +44,17 @@ int TreeKeeper::start()
     return instance_;
 }
 
+// A walk from a directory covers all that is below it now, so those need no walk of their own; what is made later makes
+// an event, since its parent is marked by then.
 void TreeKeeper::run()
 {
     if (made_.empty())
         return;
+    std::erase_if(made_, [](const std::string &path) { return !has_subdirectory(path); });
     sort_as_tree(made_);
     std::string walked;
     for (const std::string &path : made_) {
-        const bool seen = !walked.empty() && is_below(walked, path);
-        if (seen || !has_subdirectory(path))
+        if (!walked.empty() && is_below(walked, path))
             continue;
         walked = path;
         complete(path);
