@@ -1,5 +1,6 @@
 #include "intake.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <ctime>
@@ -23,6 +24,13 @@ int32_t callback(struct event *event)
 
 constexpr fmon_client_cb kCallbacks[Intake::kMaxSources] = {callback<0>, callback<1>, callback<2>, callback<3>,
                                                             callback<4>};
+
+int64_t thread_waits()
+{
+    struct rusage usage = {};
+    getrusage(RUSAGE_THREAD, &usage);
+    return usage.ru_nvcsw;
+}
 
 uint64_t monotonic_ns()
 {
@@ -68,12 +76,14 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
 // The lock is held meanwhile, but only this command's own requests could want it.
 void Intake::gather()
 {
-    const uint64_t nap = pace_.event(monotonic_ns());
+    if (!pace_.starts_turn(monotonic_ns()))
+        return;
+    const uint64_t nap = pace_.nap(thread_waits());
     if (nap == 0)
         return;
     const struct timespec time = {0, static_cast<long>(nap)};
     nanosleep(&time, nullptr);
-    pace_.woke(monotonic_ns());
+    pace_.woke(monotonic_ns(), thread_waits());
 }
 
 }  // namespace cli
