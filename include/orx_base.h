@@ -37,9 +37,9 @@ void th_mutex_destroy(void *mutex);
 
 /* ---- time ---- */
 
-void timer_init(void);                    /* may be called more than once */
-uint64_t timer_get_ticks(void);           /* ticks of a monotonic clock */
-uint64_t timer_ticks2ms(uint64_t ticks);  /* ticks as milliseconds */
+void timer_init(void);                   /* may be called more than once */
+uint64_t timer_get_ticks(void);          /* ticks of a monotonic clock */
+uint64_t timer_ticks2ms(uint64_t ticks); /* ticks as milliseconds */
 
 /* ---- INI files ---- */
 
@@ -53,8 +53,8 @@ void orx_ini_file_free(void *ini);
 /* As snprintf; the buffer is always terminated when size > 0. Whether the result counts what would have been written
  * or what was is the agent's business: clamp it. */
 int orx_str_snprintf(char *out, size_t size, const char *fmt, ...) __attribute__((format(printf, 3, 4)));
-char *orx_strncpy(char *dst, const char *src, size_t n);           /* as strncpy: may leave dst without a NUL */
-size_t orx_str_strlcpy(char *dst, const char *src, size_t size);   /* as strlcpy: returns strlen(src) */
+char *orx_strncpy(char *dst, const char *src, size_t n);         /* as strncpy: may leave dst without a NUL */
+size_t orx_str_strlcpy(char *dst, const char *src, size_t size); /* as strlcpy: returns strlen(src) */
 
 /* ---- paths ---- */
 

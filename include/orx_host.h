@@ -16,7 +16,8 @@ extern "C" {
  * sink and must not call the module. */
 typedef void (*orx_log_sink)(int level, const char *file, int line, const char *text, void *arg);
 
-/* Sets the sink (null removes it). `arg` is handed to each call. Calls of the sink before are over when this returns. */
+/* Sets the sink (null removes it). `arg` is handed to each call. Calls of the sink before are over when this returns.
+ */
 void orx_host_log_sink(orx_log_sink sink, void *arg);
 
 /* Makes every INI file loaded from now on answer `value` for that key, whatever it holds, and makes a missing file

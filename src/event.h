@@ -6,8 +6,8 @@
  * appended to the queue of each instance that wants it. A record lives as long as an instance holds it (`ref`) or
  * holds it back (`pending`). Called under the monitor lock only.
  *
- * Sources: event_map.cpp (vocabulary), event.cpp (table, merge), event_index.cpp (lookup), event_dispatch.cpp (match and
- * delivery).
+ * Sources: event_map.cpp (vocabulary), event.cpp (table, merge), event_index.cpp (lookup), event_dispatch.cpp (match
+ * and delivery).
  */
 #ifndef FMON_EVENT_H
 #define FMON_EVENT_H

@@ -84,7 +84,7 @@ struct fmon_method_t {
     int (*pre_init)(void); /* not called by the core */
     int (*init)(struct fmon *);
     void (*deinit)(void);
-    int (*check_watch)(struct watch *); /* optional */
+    int (*check_watch)(struct watch *);              /* optional */
     int (*add_watch)(struct fmon *, struct watch *); /* 0: attached; FMON_ENOENT: the path is not there */
     int (*del_watch)(struct fmon *, struct watch *);
     int (*get_selectable_fds)(int32_t **fds, uint32_t *timeout_ms);
@@ -97,8 +97,8 @@ struct fmon_method_t {
     int (*update_global)(int id);
 };
 
-extern struct fmon fmon;                  /* hidden */
-extern struct fmon_method_t fmon_method;  /* hidden; filled by the backend */
+extern struct fmon fmon;                 /* hidden */
+extern struct fmon_method_t fmon_method; /* hidden; filled by the backend */
 
 /* ---- start and stop ---- */
 
@@ -149,7 +149,7 @@ FMON_API int fmon_get_selectable_fds(int32_t **fds, uint32_t *timeout_ms);
 FMON_API int fmon_run(uint32_t now_ms);
 
 FMON_API int fmon_has_event(int id);
-FMON_API uint32_t *fmon_get_event_mask(void); /* live set, bit i: instance i may have events */
+FMON_API uint32_t *fmon_get_event_mask(void);   /* live set, bit i: instance i may have events */
 FMON_API struct event *fmon_peek_event(int id); /* null when empty */
 FMON_API struct event *fmon_read_event(int id); /* takes it off the queue; free with fmon_free_event */
 FMON_API void fmon_free_event(struct event *);  /* frees it unless another instance holds it */
@@ -163,7 +163,8 @@ FMON_API int fmon_dump(uint32_t type, void *arg);
 
 } /* extern "C" */
 
-static_assert(sizeof(struct dentry_owner) <= sizeof(dentry::owner), "the owner area holds the core's and backend's fields");
+static_assert(sizeof(struct dentry_owner) <= sizeof(dentry::owner),
+              "the owner area holds the core's and backend's fields");
 static_assert(alignof(struct dentry_owner) <= 8, "the owner area is aligned to 8");
 
 inline struct dentry_owner *owner_of(struct dentry *d) { return reinterpret_cast<struct dentry_owner *>(d->owner); }

@@ -89,10 +89,10 @@ inline void hlink_unlink(hlink *node)
     (reinterpret_cast<type *>(reinterpret_cast<char *>(node) - offsetof(type, member)))
 
 /* Walks. The safe one survives the removal of the current node. Both accept a zeroed head. */
-#define FMON_LIST_EACH(node, head)                                                                                  \
+#define FMON_LIST_EACH(node, head) \
     for (list_head *node = (head)->next, *node##_end = (head); node && node != node##_end; node = node->next)
-#define FMON_LIST_EACH_SAFE(node, head)                                                                             \
-    for (list_head *node = (head)->next, *node##_end = (head), *node##_next = node ? node->next : nullptr;          \
+#define FMON_LIST_EACH_SAFE(node, head)                                                                    \
+    for (list_head *node = (head)->next, *node##_end = (head), *node##_next = node ? node->next : nullptr; \
          node && node != node##_end; node = node##_next, node##_next = node->next)
 
 #endif

@@ -127,8 +127,8 @@ void fmon_linux_collect(struct dentry *);
 /* Takes a vanished dentry's watches to watch_out_service and drops it when it is bare; may free it. */
 void fmon_linux_punish(struct dentry *, uint32_t fe, uint32_t ie);
 
-void fmon_linux_moved_away(struct dentry *);                                      /* may free it and its parents */
-int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved);   /* 0 or -1 */
+void fmon_linux_moved_away(struct dentry *);                                   /* may free it and its parents */
+int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved); /* 0 or -1 */
 
 /* ---- reading ---- */
 

@@ -28,9 +28,9 @@ struct seq_table {
     int32_t deleted; /* since the last sweep */
 };
 
-FMON_API uint64_t seq_get(struct seq_table *, int32_t wd);                /* 0: absent */
-FMON_API int seq_set(struct seq_table *, int32_t wd, uint64_t value);     /* -1: the array could not grow */
-FMON_API int seq_del(struct seq_table *, int32_t wd);                     /* -1: absent */
+FMON_API uint64_t seq_get(struct seq_table *, int32_t wd);            /* 0: absent */
+FMON_API int seq_set(struct seq_table *, int32_t wd, uint64_t value); /* -1: the array could not grow */
+FMON_API int seq_del(struct seq_table *, int32_t wd);                 /* -1: absent */
 
 } /* extern "C" */
 
