@@ -12,6 +12,7 @@
 #include "monitor.h"
 #include "signals.h"
 #include "time_format.h"
+#include "watch_count.h"
 
 namespace cli
 {
@@ -26,8 +27,9 @@ constexpr long kGatherMs = 5;        /* how long a stream's events gather before
 
 constexpr uint32_t kSystemEvents = FMON_CREATE | FMON_DELETE | FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CLOSE_WRITE;
 
-// The kinds that only a file has, once it is there: no directory was made.
-constexpr uint32_t kFileEvents = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE;
+TreeKeeper *g_keeper; /* of the one session; set before the monitor's thread can call */
+
+void on_new_watch(const char *path) { g_keeper->made(path); }
 
 }  // namespace
 
@@ -142,7 +144,11 @@ bool Session::keep_tree()
     for (const Root &root : plan_.roots)
         roots.push_back(root.path);
     keeper_ = std::make_unique<TreeKeeper>(module_, roots, options_.max_depth);
-    return keeper_->start() >= 0 || fail("the monitor has no instance left");
+    if (keeper_->start() < 0)
+        return fail("the monitor has no instance left");
+    g_keeper = keeper_.get();
+    listen_to_watches(on_new_watch);
+    return true;
 }
 
 bool Session::place_system()
@@ -190,16 +196,20 @@ void Session::loop()
     }
 }
 
+void Session::follow_new_directories()
+{
+    // Where the watches cannot be listened to, every new path is looked at.
+    for (size_t i = 0; watches_placed() == 0 && i < batch_.size(); i++)
+        if (batch_.event(i).mask & FMON_CREATE)
+            keeper_->made(batch_.event(i).path);
+    keeper_->run();
+}
+
 void Session::handle_batch()
 {
     // Trees first: what happens in a new directory is seen only once it is marked.
-    for (size_t i = 0; keeper_ && i < batch_.size(); i++) {
-        const Event event = batch_.event(i);
-        if ((event.mask & FMON_CREATE) && !(event.mask & kFileEvents))
-            keeper_->made(event.path);
-    }
     if (keeper_)
-        keeper_->run();
+        follow_new_directories();
     for (size_t i = 0; i < batch_.size() && !reporter_.finished(); i++) {
         const Event event = batch_.event(i);
         reporter_.event(event);

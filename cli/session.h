@@ -47,6 +47,7 @@ private:
     void report_end(const Root &root, const char *reason);
 
     void loop();
+    void follow_new_directories();
     void handle_batch();
     void pause_if_busy() const;
     void wait();

@@ -38,6 +38,12 @@ TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uin
 {
 }
 
+void TreeKeeper::made(std::string_view path)
+{
+    const std::lock_guard<std::mutex> hold(lock_);
+    made_.emplace_back(path);
+}
+
 int TreeKeeper::start()
 {
     instance_ = module_.create_instance("watch-new", nullptr);
@@ -48,18 +54,20 @@ int TreeKeeper::start()
 // an event, since its parent is marked by then.
 void TreeKeeper::run()
 {
-    if (made_.empty())
-        return;
-    std::erase_if(made_, [](const std::string &path) { return !has_subdirectory(path); });
-    sort_as_tree(made_);
+    std::vector<std::string> made;
+    {
+        const std::lock_guard<std::mutex> hold(lock_);
+        made.swap(made_);
+    }
+    sort_as_tree(made);
     std::string walked;
-    for (const std::string &path : made_) {
-        if (!walked.empty() && is_below(walked, path))
+    for (const std::string &path : made) {
+        const bool seen = !walked.empty() && is_below(walked, path);
+        if (seen || !has_subdirectory(path))
             continue;
         walked = path;
         complete(path);
     }
-    made_.clear();
 }
 
 void TreeKeeper::complete(const std::string &path)

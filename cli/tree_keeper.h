@@ -6,12 +6,14 @@
  * it finds directories, it adds a watch of its own on the new one and takes it back at once: adding walks and marks the
  * tree below, and taking back leaves the marks, since the recursive watch above needs them.
  *
- * Works on the main thread, never from a callback.
+ * Which directories are new it learns from the watches that the monitor places: asking the kernel what each new path
+ * is would cost as much as showing the event. All but that works on the main thread, never from a callback.
  */
 #ifndef CLI_TREE_KEEPER_H
 #define CLI_TREE_KEEPER_H
 
 #include <cstdint>
+#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -30,8 +32,8 @@ public:
     /* Makes the instance that the short-lived watches belong to. Its result code. */
     int start();
 
-    /* Something of that path was made: to be looked at by the next run(). */
-    void made(std::string_view path) { made_.emplace_back(path); }
+    /* That directory is new in the tree: to be looked at by the next run(). From any thread. */
+    void made(std::string_view path);
 
     /* Looks at what was made since the last run. */
     void run();
@@ -43,7 +45,8 @@ private:
     const std::vector<std::string> roots_;
     const uint32_t max_depth_;
     int instance_ = -1;
-    std::vector<std::string> made_;
+    std::mutex lock_;
+    std::vector<std::string> made_; /* under lock_ */
 };
 
 /* Sorts paths so that each stands right before all that lies below it. */

@@ -13,6 +13,17 @@ namespace
 
 std::atomic<uint64_t> g_placed, g_removed;
 std::atomic<int> g_highest; /* the kernel numbers new watches upwards; an old number means a changed mask */
+std::atomic<void (*)(const char *)> g_listener;
+thread_local bool t_is_listener; /* what the listener's own thread places is no news to it */
+
+void placed(int wd, const char *path)
+{
+    g_highest.store(wd, std::memory_order_relaxed);
+    g_placed.fetch_add(1, std::memory_order_relaxed);
+    void (*const listener)(const char *) = g_listener.load(std::memory_order_acquire);
+    if (listener && !t_is_listener)
+        listener(path);
+}
 
 }  // namespace
 
@@ -22,15 +33,19 @@ uint64_t watches_placed()
     return g_placed.load(std::memory_order_relaxed) - removed;
 }
 
+void listen_to_watches(void (*listener)(const char *path))
+{
+    t_is_listener = true;
+    g_listener.store(listener, std::memory_order_release);
+}
+
 }  // namespace cli
 
 extern "C" __attribute__((visibility("default"))) int inotify_add_watch(int fd, const char *path, uint32_t mask)
 {
     const int wd = static_cast<int>(syscall(SYS_inotify_add_watch, fd, path, mask));
-    if (wd > cli::g_highest.load(std::memory_order_relaxed)) {
-        cli::g_highest.store(wd, std::memory_order_relaxed);
-        cli::g_placed.fetch_add(1, std::memory_order_relaxed);
-    }
+    if (wd > cli::g_highest.load(std::memory_order_relaxed))
+        cli::placed(wd, path);
     return wd;
 }
 

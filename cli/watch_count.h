@@ -1,5 +1,5 @@
 /*
- * watch_count.h: how many inotify watches this process has placed.
+ * watch_count.h: the inotify watches that the monitor places: how many, and on what.
  *
  * The kernel lists a descriptor's watches in /proc, but for a tree of 100,000 directories that costs half as much as
  * placing them. So the command, as the program that the module is loaded into, has the C library's two functions
@@ -15,6 +15,10 @@ namespace cli
 
 /* Watches placed and not taken back; those that the kernel dropped because their directory went still count. */
 uint64_t watches_placed();
+
+/* `listener` is called with the path of each new watch that another thread than the caller's places, on that thread,
+ * after the watch is in place. */
+void listen_to_watches(void (*listener)(const char *path));
 
 }  // namespace cli
 

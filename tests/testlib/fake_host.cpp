@@ -392,8 +392,9 @@ int orx_dirutils_path_transform(const char *in, char *out, size_t out_size)
 static void add_match(const char *path, list_head *out)
 {
     auto *entry = static_cast<orx_path_entry *>(__real_malloc(sizeof(orx_path_entry)));
-    entry->path = static_cast<char *>(__real_malloc(strlen(path) + 1));
-    strcpy(entry->path, path);
+    const size_t size = strlen(path) + 1;
+    entry->path = static_cast<char *>(__real_malloc(size));
+    memcpy(entry->path, path, size);
     entry->link.next = out;
     entry->link.prev = out->prev;
     out->prev->next = &entry->link;
