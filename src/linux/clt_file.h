@@ -51,6 +51,10 @@ FMON_API void clean_global_event(void);
  * where the kernel does not tell; -1. */
 FMON_API int read_mount_id(int fd, char *out);
 
+/* (Hidden.) The same for the descriptor of an event, which is asked for with each of them: on a host, where nothing but
+ * the text depends on it, in one system call where the kernel has that. */
+int event_mount_id(int fd, char *out);
+
 /* (Hidden.) The collector; zero while it does not run. */
 struct clt_file_state {
     std::atomic<void *> instance; /* atomic: kpnotify_enable runs without the monitor lock */

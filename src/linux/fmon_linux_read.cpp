@@ -178,7 +178,7 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
         return;
     FMON_LOG(4, kFile, "fanotify event: %s (%s) pid %d\n", fanotify_path, event_str(kinds), record->pid);
     char mount_id[MOUNT_ID_SIZE] = {};
-    read_mount_id(record->fd, mount_id);
+    event_mount_id(record->fd, mount_id);
     callback(monitor, nullptr, fanotify_path, kinds, static_cast<uint32_t>(record->pid), fd, mount_id);
 }
 

@@ -1,6 +1,7 @@
 #include "linux/clt_file.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdio>
@@ -57,5 +58,16 @@ int read_mount_id(int fd, char *out)
     const char *tab = line ? strchr(line + sizeof(kKey) - 1, '\t') : nullptr;
     if (tab)
         orx_strncpy(out, tab + 1, kIdMax);
+    return 0;
+}
+
+int event_mount_id(int fd, char *out)
+{
+    /* Inside a container the number decides where the path lies: there it is read as the kernel lists it. */
+    struct statx facts;
+    constexpr int kFlags = AT_EMPTY_PATH | AT_STATX_DONT_SYNC;
+    if (g_container_flag || statx(fd, "", kFlags, STATX_MNT_ID, &facts) != 0 || !(facts.stx_mask & STATX_MNT_ID))
+        return read_mount_id(fd, out);
+    snprintf(out, kIdMax + 1, "%llu", static_cast<unsigned long long>(facts.stx_mnt_id));
     return 0;
 }

@@ -77,8 +77,7 @@ TEST(ClosedStandardDescriptors, TheCommandWritesToItsFile)
     EXPECT_TRUE(!can_fanotify() || wait_for_line(file, {"\"close_write\"", tree.path("a")}));
     for (const std::string &line : lines_of(file)) /* nobody else wrote into it by number */
         EXPECT_TRUE(Json::accept(line)) << line;
-    fmon.send(SIGINT);
-    EXPECT_EQ(fmon.wait(), 0);
+    EXPECT_EQ(fmon.interrupt(), 0);
 }
 
 /* The watched agent's standard input is closed, which must not look like an event source of the monitor's. */

@@ -69,6 +69,7 @@ public:
     void send(int signal);
     /* The exit status, 128 + signal, or -1 when it still runs after `ms`. */
     int wait(int ms = kPatienceMs);
+    int interrupt(); /* sends SIGINT; the result of wait() */
 
 private:
     testlib::TempTree scratch_;

@@ -138,8 +138,7 @@ TEST(HostileNames, AreEscapedInText)
         EXPECT_EQ(line->find("\xe2\x80\xae"), std::string::npos);
     }
     EXPECT_EQ(fmon.line(300), std::nullopt);
-    fmon.send(SIGINT);
-    EXPECT_EQ(fmon.wait(), 0);
+    EXPECT_EQ(fmon.interrupt(), 0);
 }
 
 /* A path of the greatest length that the monitor can build. */

@@ -6,12 +6,12 @@
 
 #include <string>
 
-/* One row a call that can fail. */
-/* clang-format off: laid out as a table, which the tool reflows at every pass */
+/* The calls that can fail; a table that the layout tool would reflow at every pass. */
+/* clang-format off */
 #define TESTLIB_CALLS(X) \
     X(malloc) X(calloc) X(realloc) X(inotify_init) X(inotify_add_watch) X(inotify_rm_watch) \
     X(fanotify_init) X(fanotify_mark) X(select) X(read) X(readlink) X(realpath) \
-    X(stat) X(lstat) X(fstat) X(opendir) X(readdir) X(closedir) \
+    X(stat) X(lstat) X(fstat) X(statx) X(opendir) X(readdir) X(closedir) \
     X(uname) X(prctl) X(dlopen) X(dlsym) X(close) X(fopen) \
     X(fgets) X(open) X(fcntl)
 /* clang-format on */

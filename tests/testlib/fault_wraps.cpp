@@ -126,6 +126,8 @@ WRAP(nullptr, char *, realpath, (const char *path, char *out), (path, out))
 WRAP(-1, int, stat, (const char *path, struct stat *st), (path, st))
 WRAP(-1, int, lstat, (const char *path, struct stat *st), (path, st))
 WRAP(-1, int, fstat, (int fd, struct stat *st), (fd, st))
+WRAP(-1, int, statx, (int fd, const char *path, int flags, unsigned mask, struct statx *out),
+     (fd, path, flags, mask, out))
 WRAP_AS(-1, int, stat, stat64, (const char *path, struct stat64 *st), (path, st))
 WRAP_AS(-1, int, lstat, lstat64, (const char *path, struct stat64 *st), (path, st))
 WRAP_AS(-1, int, fstat, fstat64, (int fd, struct stat64 *st), (fd, st))

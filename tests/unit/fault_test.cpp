@@ -123,6 +123,12 @@ bool try_lstat()
     return lstat("/", &st) == 0;
 }
 
+bool try_statx()
+{
+    struct statx out;
+    return statx(0, "", AT_EMPTY_PATH, STATX_MODE, &out) == 0;
+}
+
 bool try_fstat()
 {
     struct stat st;
@@ -186,6 +192,7 @@ const CallRow rows[] = {
     {"stat", try_stat},
     {"lstat", try_lstat},
     {"fstat", try_fstat},
+    {"statx", try_statx},
     {"opendir", try_opendir},
     {"readdir", try_readdir},
     {"closedir", [] { return closedir(opendir("/")) == 0; }},

@@ -164,4 +164,58 @@ TEST_F(MountId, AFailedReadAndClose)
     EXPECT_EQ((Lines{{1, "read fail!\n"}, {1, "close failed!\n"}}), lines());
 }
 
+/* ---- of an event's descriptor ---- */
+
+class EventMountId : public ::testing::Test
+{
+protected:
+    EventMountId() { testlib::reset_host(); }
+    ~EventMountId() override
+    {
+        testlib::clear_redirects();
+        g_container_flag = 0;
+    }
+    /* What the kernel's listing says of the descriptor is replaced, so that it shows where the number came from. */
+    void list_as(const std::string &id)
+    {
+        testlib::redirect_path("/proc/self/fdinfo/" + std::to_string(fd_),
+                               tree_.file("fdinfo", "mnt_id:\t" + id + "\n"));
+    }
+    std::string id()
+    {
+        char out[16] = "";
+        ret_ = event_mount_id(fd_, out);
+        return out;
+    }
+    testlib::TempTree tree_;
+    const int fd_ = open(tree_.root().c_str(), O_RDONLY | O_CLOEXEC);
+    int ret_ = 1;
+};
+
+TEST_F(EventMountId, IsTheOneThatTheKernelLists)
+{
+    char listed[16] = "";
+    ASSERT_EQ(0, read_mount_id(fd_, listed));
+    ASSERT_STRNE("", listed);
+    testlib::CallCount opens("open");
+    EXPECT_EQ(listed, id());
+    EXPECT_EQ(0, ret_);
+    EXPECT_EQ(0, opens.calls());
+}
+
+TEST_F(EventMountId, OlderKernelsAreAskedForTheListing)
+{
+    list_as("4711");
+    Fault fault("statx", 1, ENOSYS);
+    EXPECT_EQ("4711", id());
+    EXPECT_EQ(0, ret_);
+}
+
+TEST_F(EventMountId, InAContainerTheListingCounts)
+{
+    list_as("4711");
+    g_container_flag = 1;
+    EXPECT_EQ("4711", id());
+}
+
 }  // namespace
