@@ -4,8 +4,8 @@
  * Test programs are linked with --wrap for each name in fault_names.txt, so that the module's own calls come here
  * first. Calls are counted from the moment a Fault is armed, on the thread that armed it only (ThreadScope::all for
  * others). Names: malloc calloc realloc, inotify_init inotify_add_watch inotify_rm_watch, fanotify_init fanotify_mark
- * (found through dlsym), select read readlink realpath stat lstat fstat statx opendir readdir closedir uname prctl dlopen
- * dlsym close fopen fgets open fcntl.
+ * (found through dlsym), select read readlink realpath stat lstat fstat statx opendir readdir closedir uname prctl
+ * dlopen dlsym close fopen fgets open fcntl.
  */
 #ifndef TESTLIB_FAULT_H
 #define TESTLIB_FAULT_H
