@@ -21,7 +21,7 @@ constexpr int kPauseMs = 600;
 struct Told {
     unsigned mask = 0;
     int deliveries = 0;
-    unsigned first_mask = 0;
+    bool gathered = false; /* one delivery held all of kWriting */
 };
 
 class TwoClients : public testing::Test
@@ -39,8 +39,7 @@ protected:
             Told &told = told_[delivery->client][delivery->path];
             told.mask |= delivery->mask;
             told.deliveries++;
-            if (!told.first_mask)
-                told.first_mask = delivery->mask;
+            told.gathered |= delivery->mask == kWriting;
         }
         EXPECT_TRUE(done());
     }
@@ -70,7 +69,7 @@ TEST_F(TwoClients, TheSlowOneMergesAndTheFastOneLosesNothing)
     follow(agent, [&] { return complete("fast") && complete("slow"); });
 
     const Told &fast = told_["fast"][hot], &slow = told_["slow"][hot];
-    EXPECT_EQ(slow.first_mask, kWriting); /* opened, written and closed: one record */
+    EXPECT_TRUE(slow.gathered); /* opened, written and closed: one record; the very first may be the opening alone */
     EXPECT_GE(fast.deliveries, kFiles / 2);
     EXPECT_LE(slow.deliveries, kFiles / 4);
     EXPECT_GE(slow.deliveries, 1);
