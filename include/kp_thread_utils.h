@@ -25,7 +25,7 @@ struct kp_os_info {
     uint8_t b0; /* not read by the monitor */
     uint8_t major, minor, patch;
     uint16_t arch;
-    uint8_t count; /* descriptors of one instance, less one */
+    uint8_t count; /* descriptors of one instance */
     uint8_t b7;
     uint32_t pid; /* a process whose events are left out */
 };

@@ -3,8 +3,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "linux/fetch_text.h"
 #include "linux/kp_binding.h"
-#include "linux/mount.h"
+#include "linux/mount_filter.h"
 #include "log.h"
 #include "watch_map.h"
 
@@ -15,65 +16,115 @@ namespace
 {
 
 constexpr char kFile[] = "linux/clt_file.c";
-constexpr size_t kFilterSize = 256;
 
-/* A filter text under construction; what does not fit is cut off. */
-class FilterText
+/* ---- the probes ---- */
+
+/* Before 4.9 the kernel had no other function that all creations of a file pass. */
+const char *create_point(const struct kp_os_info *kernel)
 {
-public:
-    explicit FilterText(char *out) : out_(out) { out_[0] = '\0'; }
-    bool has_room() const { return len_ < kFilterSize - 1; }
-    void put(const char *text)
-    {
-        orx_str_snprintf(out_ + len_, kFilterSize - len_, "%s", text);
-        len_ += strlen(out_ + len_); /* hosts differ in what the call returns for a text that was cut off */
-    }
-    void put_mount(const char *joint, int32_t id)
-    {
-        char text[sizeof("||mnt==-2147483648")];
-        orx_str_snprintf(text, sizeof(text), "%smnt==%d", joint, id);
-        put(text);
-    }
+    const bool old = kernel->major < 4 || (kernel->major == 4 && kernel->minor < 9);
+    return old ? "vfs_create" : "security_inode_create";
+}
+const char *unlink_point(const struct kp_os_info *) { return "vfs_unlink"; }
+const char *parent_point(const struct kp_os_info *) { return "__fsnotify_parent"; }
+const char *rename_point(const struct kp_os_info *) { return "vfs_rename"; }
+const char *link_point(const struct kp_os_info *) { return "vfs_link"; }
 
-private:
-    char *out_;
-    size_t len_ = 0;
+/* A probe a row, in the order of their registration. `dentry` is where the function has the dentry that is reported:
+ * of a rename the old or the new one, of a link the existing one. `more` is fetched behind the record's usual fields
+ * and `condition` goes behind the common filter. */
+struct probe_row {
+    uint32_t event;
+    const char *name;
+    const char *(*point)(const struct kp_os_info *);
+    const char *dentry64, *dentry32;
+    const char *more64, *more32;
+    const char *condition;
+    kp_record_cb record;
+    const char *refused;
 };
 
-/* "(mnt==A||mnt==B||mnt==0)": the mounts watched as a whole, and records whose mount could not be read. */
-int write_filter(const int32_t *ids, int count, char *out)
+constexpr probe_row kProbes[CLT_FILE_PROBES] = {
+    {FMON_CREATE, "Kc", create_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_crt_event,
+     "register create file cmd failed!"},
+    {FMON_DELETE, "Ku", unlink_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_del_event,
+     "register delete file cmd failed!"},
+    /* the kernel's own event mask and the inode's mode: closes of regular files only, after writing */
+    {FMON_CLOSE_WRITE, "Km", parent_point, "%si", "%dx", "m=%dx:u32 f=+0(+48(%si)):u16", "m=%cx:u32 f=+0(+36(%dx)):u16",
+     "m==8&&f>=32768&&f<=36863", read_kp_writeclose_event, "register close_write file cmd failed!"},
+    {FMON_MOVED_FROM, "Krf", rename_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_movefrom_event,
+     "register rename from file cmd failed!"},
+    {FMON_MOVED_TO, "Krt", rename_point, "%cx", "+4(%sp)", nullptr, nullptr, nullptr, read_kp_moveto_event,
+     "register rename to file cmd failed!"},
+    /* the line speaks of close_write: log readers know it so */
+    {FMON_LINK, "Kl", link_point, "%di", "%ax", nullptr, nullptr, nullptr, read_kp_link_event,
+     "register close_write file cmd failed!"},
+};
+
+/* Kept beyond the registration, since definitions go on pointing to them; a library copies what it needs. */
+char common_filter[MOUNT_FILTER_SIZE];
+char close_write_filter[MOUNT_FILTER_SIZE];
+
+const char *filter_of(const probe_row &probe)
 {
-    FilterText filter(out);
-    filter.put("(");
-    filter.put_mount("", ids[0]);
-    for (int i = 1; i < count && filter.has_room(); i++)
-        filter.put_mount("||", ids[i]);
-    if (filter.has_room())
-        filter.put_mount("||", 0);
-    if (!filter.has_room()) {
-        FMON_LOG(2, kFile, "can't get common filter");
-        return -1;
-    }
-    filter.put(")");
-    FMON_LOG(3, kFile, "common_filter = %s", out);
-    return 0;
+    if (!probe.condition)
+        return common_filter;
+    /* Without mounts it begins with "&&", and with many it is cut off: a library refuses both. Kept. */
+    orx_str_snprintf(close_write_filter, sizeof(close_write_filter), "%s&&%s", common_filter, probe.condition);
+    FMON_LOG(4, kFile, "real_filter = %s", close_write_filter);
+    return close_write_filter;
 }
 
-/* The filter that all file probes share; left empty where no mount is watched. -1: too many mounts for its length. */
-int common_filter(char *out)
+void make_fetch_text(const probe_row &probe, bool is_64, char out[FETCH_TEXT_SIZE])
 {
-    int32_t *ids = nullptr;
-    out[0] = '\0';
-    const int count = get_global_mnt(&ids);
-    if (count <= 0) {
-        FMON_LOG(2, kFile, "can't get mountonfo!");
-        free(ids);
-        return 0;
-    }
-    const int ret = write_filter(ids, count, out);
-    free(ids);
-    return ret;
+    fetch_text_make(is_64, clt_file.mnt_id_offset, clt_file.s_mounts_offset, is_64 ? probe.dentry64 : probe.dentry32,
+                    out);
+    const char *more = is_64 ? probe.more64 : probe.more32;
+    if (!more)
+        return;
+    const size_t length = strlen(out);
+    orx_str_snprintf(out + length, FETCH_TEXT_SIZE - length, " %s", more);
 }
+
+void define_probe(const probe_row &probe, const struct kp_os_info *kernel, struct kp_probe_def *def)
+{
+    def->c0 = '0';
+    def->kind = 'p';
+    def->filter.u = reinterpret_cast<uintptr_t>(filter_of(probe));
+    orx_str_strlcpy(def->point, probe.point(kernel), sizeof(def->point));
+    orx_str_strlcpy(def->name, probe.name, sizeof(def->name));
+}
+
+/* The registration's status; -1: the kernel is not told, or it is older than any that has these functions. */
+int register_probe(const probe_row &probe, struct kp_probe_def *def, void *instance)
+{
+    const struct kp_os_info *kernel;
+    if (kp_os_info_get(&kernel) < 0) {
+        FMON_LOG(2, kFile, "get os_info failed!");
+        return -1;
+    }
+    if (kernel->major < 3)
+        return -1;
+    define_probe(probe, kernel, def);
+    char fetch[FETCH_TEXT_SIZE];
+    make_fetch_text(probe, kernel->arch == KP_ARCH_X86_64, fetch);
+    def->fetch.u = reinterpret_cast<uintptr_t>(fetch);
+    const int32_t status = kp::evt_reg(instance, def, probe.record);
+    def->fetch.u = 0;
+    FMON_LOG(3, kFile, "krpopbe mode = %d", clt_file.mode);
+    return status;
+}
+
+/* Null: the kind has no probe. */
+struct kp_probe_def *probe_of(uint32_t event)
+{
+    for (int i = 0; i < CLT_FILE_PROBES; i++)
+        if (kProbes[i].event == event)
+            return &clt_file.probes[i];
+    return nullptr;
+}
+
+/* ---- start ---- */
 
 int start_failed(const char *message, int status)
 {
@@ -82,21 +133,9 @@ int start_failed(const char *message, int status)
     return status;
 }
 
-/* 0 with an instance; else the collector is back to zero. */
-int start_instance()
+/* What must be known before anything is asked of the library. */
+int prepare()
 {
-    void *instance = kp::create_instance(kFile, "clt_file", &clt_file.fds, &clt_file.fd_count);
-    if (!instance)
-        return start_failed("create kprobe instance failed!", -1);
-    clt_file.instance.store(instance, std::memory_order_release);
-    return 0;
-}
-
-}  // namespace
-
-int init_kpnotify(int32_t *)
-{
-    kp_notify_destroy();
     struct os_info info;
     int ret = get_os_info(&info);
     if (ret < 0)
@@ -104,15 +143,38 @@ int init_kpnotify(int32_t *)
     ret = init_file_offset_conf(info);
     if (ret < 0)
         return start_failed("load offset config error", ret);
-    char filter[kFilterSize];
-    ret = common_filter(filter);
+    ret = mount_filter_make(common_filter);
     if (ret < 0)
         return start_failed("maybe noy support global event", ret);
-    ret = start_instance();
+    return 0;
+}
+
+int register_all(void *instance)
+{
+    for (int i = 0; i < CLT_FILE_PROBES; i++) {
+        const int ret = register_probe(kProbes[i], &clt_file.probes[i], instance);
+        if (ret < 0)
+            return start_failed(kProbes[i].refused, ret);
+    }
+    return 0;
+}
+
+}  // namespace
+
+int init_kpnotify(int32_t *descriptors_out)
+{
+    kp_notify_destroy();
+    int ret = prepare();
     if (ret < 0)
         return ret;
-    /* This version has no probe definitions: the collector ends as it does where the kernel refuses the first one. */
-    return start_failed("register create file cmd failed!", -1);
+    void *instance = kp::create_instance(kFile, "clt_file", &clt_file.fds, &clt_file.fd_count);
+    if (!instance)
+        return start_failed("create kprobe instance failed!", -1);
+    ret = register_all(instance);
+    if (ret < 0)
+        return ret;
+    clt_file.instance.store(instance, std::memory_order_release);
+    return kp::copy_descriptors(clt_file.fds, clt_file.fd_count, clt_file_room, descriptors_out);
 }
 
 int kp_notify_destroy(void)
@@ -121,13 +183,21 @@ int kp_notify_destroy(void)
     free(clt_file.fds);
     clt_file.fds = nullptr;
     clt_file.fd_count = 0;
+    clt_file.mode = 0;
     clt_file.s_mounts_offset = 0;
     clt_file.mnt_id_offset = 0;
+    memset(clt_file.probes, 0, sizeof(clt_file.probes));
     return 0;
 }
 
-/* No probe is registered that could be switched. */
-void enable_event(uint32_t, int) {}
+void enable_event(uint32_t event_bit, int on)
+{
+    void *instance = clt_file.instance.load(std::memory_order_acquire);
+    const struct kp_probe_def *def = probe_of(event_bit);
+    /* The byte goes on as it came: '1' and '0' from global watches, 1 and 0 from the agent's switch. */
+    if (instance && def && def->name[0] != '\0')
+        kp::event_enable(static_cast<uint8_t>(on), def->name, instance);
+}
 
 void kpnotify_enable(int on)
 {
@@ -135,12 +205,18 @@ void kpnotify_enable(int on)
         enable_event(watch_map[0], on);
 }
 
-void enable_filter(uint32_t)
+void enable_filter(uint32_t event_bit)
 {
-    /* Built even while no probe takes it: that is what refreshes the mount table. */
-    char filter[kFilterSize];
-    if (common_filter(filter) < 0)
+    /* Made even when no probe takes it: that is what refreshes the mount table. */
+    char filter[MOUNT_FILTER_SIZE];
+    if (mount_filter_make(filter) < 0) {
         FMON_LOG(2, kFile, "maybe noy support global event");
+        return;
+    }
+    void *instance = clt_file.instance.load(std::memory_order_acquire);
+    const struct kp_probe_def *def = event_bit == FMON_CREATE ? probe_of(event_bit) : nullptr;
+    if (instance && def && def->name[0] != '\0')
+        kp::event_filter(def->name, filter, instance);
 }
 
 int kpnotify_parse(int index)

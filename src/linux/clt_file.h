@@ -1,7 +1,8 @@
 /*
  * clt_file.h: system-wide file events by kernel probes, and the platform facts they need.
  *
- * Sources: clt_file.cpp (collector), os_info.cpp (platform and structure offsets), mount_id.cpp.
+ * Sources: clt_file.cpp (collector), kp_file_record.cpp (its records), os_info.cpp (platform and structure offsets),
+ * mount_id.cpp. What the probes fetch is in fetch_text.h, which mounts they report in mount_filter.h.
  */
 #ifndef FMON_CLT_FILE_H
 #define FMON_CLT_FILE_H
@@ -9,7 +10,10 @@
 #include <atomic>
 #include <cstdint>
 
+#include "kp_thread_utils.h"
 #include "orx_fmon.h"
+
+enum { CLT_FILE_PROBES = 6 };
 
 extern "C" {
 
@@ -47,6 +51,19 @@ FMON_API int kpnotify_parse(int index);
 /* Throws away the records that wait in the library. */
 FMON_API void clean_global_event(void);
 
+/* One probe hit, as the library hands it on from inside kpnotify_parse. A record shorter than a file record is dropped;
+ * one that is longer is taken for what it begins with. The record is written to. */
+FMON_API void read_kp_crt_event(uint32_t pid, void *record, uint32_t size);
+FMON_API void read_kp_del_event(uint32_t pid, void *record, uint32_t size);
+FMON_API void read_kp_writeclose_event(uint32_t pid, void *record, uint32_t size);
+FMON_API void read_kp_movefrom_event(uint32_t pid, void *record, uint32_t size);
+FMON_API void read_kp_moveto_event(uint32_t pid, void *record, uint32_t size);
+FMON_API void read_kp_link_event(uint32_t pid, void *record, uint32_t size);
+
+/* Rebuilds the path of a whole file record (420 bytes) and reports the event. 0; -1: the record has no path that could
+ * be rebuilt. */
+FMON_API int transform_to_fmon_event(void *record, uint32_t event_bit, uint32_t pid);
+
 /* Copies the mount id of an open descriptor as text (at most 10 characters) to `out`, at least 11 zeroed bytes. 0 also
  * where the kernel does not tell; -1. */
 FMON_API int read_mount_id(int fd, char *out);
@@ -60,6 +77,8 @@ struct clt_file_state {
     std::atomic<void *> instance; /* atomic: kpnotify_enable runs without the monitor lock */
     int32_t *fds;                 /* made by the library, freed by us */
     int32_t fd_count;
+    int32_t mode; /* for the log only: there is one way to place these probes */
+    struct kp_probe_def probes[CLT_FILE_PROBES];
     int32_t s_mounts_offset, mnt_id_offset; /* bytes into the kernel's structures */
 };
 extern struct clt_file_state clt_file;

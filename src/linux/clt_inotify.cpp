@@ -3,6 +3,10 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <cstring>
+
+#include "linux/inotify_probe.h"
 #include "linux/kp_binding.h"
 #include "log.h"
 
@@ -19,48 +23,74 @@ struct {
     std::atomic<void *> instance;
     int32_t *fds; /* made by the library, freed by us */
     int32_t fd_count;
+    int mode;
+    struct kp_probe_def probe;
 } state;
 
-/* Chooses the probe for the running kernel. */
-int choose_probe()
+/* Kept beyond the registration, since the definition goes on pointing to it. */
+char filter[256];
+
+/* Leaves out what the monitor's thread and the library's own process do, and what is no directory's event. */
+void make_filter(int tid, uint32_t library_pid)
 {
-    FMON_LOG(3, kFile, "fmon tid = %d", static_cast<int>(syscall(SYS_gettid)));
-    const struct kp_os_info *info;
-    if (kp_os_info_get(&info) >= 0)
-        return 0;
-    FMON_LOG(2, kFile, "get os_info failed!");
-    return -1;
+    orx_str_snprintf(filter, sizeof(filter), "common_pid!=%d&&common_pid!=%d&&w!=0", tid,
+                     static_cast<int>(library_pid));
 }
 
-/* This version has no probe definitions. The attempt still goes as far as the library's entry, so that a missing
- * library is reported as for any other call; where the entry exists, nothing is registered and the source fails. */
-int register_probe()
+/* Fills the definition for the running kernel, but for its fetch text. -1: the kernel is not told. */
+int choose_probe(char fetch[INOTIFY_FETCH_SIZE])
 {
-    int32_t status = 0;
-    return kp::entry(kp::EVT_REG, &status) ? -1 : status;
+    const int tid = static_cast<int>(syscall(SYS_gettid));
+    FMON_LOG(3, kFile, "fmon tid = %d", tid);
+    const struct kp_os_info *kernel;
+    if (kp_os_info_get(&kernel) < 0) {
+        FMON_LOG(2, kFile, "get os_info failed!");
+        return -1;
+    }
+    const struct inotify_probe chosen = inotify_probe_choose(kernel, &state.mode);
+    inotify_probe_fetch(&chosen, state.mode, fetch);
+    make_filter(tid, kernel->pid);
+    state.probe.c0 = '1';
+    state.probe.kind = 'p';
+    state.probe.filter.u = reinterpret_cast<uintptr_t>(filter);
+    orx_str_strlcpy(state.probe.point, chosen.point, sizeof(state.probe.point));
+    orx_str_strlcpy(state.probe.name, kEvent, sizeof(state.probe.name));
+    FMON_LOG(3, kFile, "kprobe mode = %d", state.mode);
+    return 0;
+}
+
+int register_probe(const char *fetch)
+{
+    void *instance = state.instance.load(std::memory_order_acquire);
+    if (!instance)
+        return -1;
+    state.probe.fetch.u = reinterpret_cast<uintptr_t>(fetch);
+    const int ret = kp::evt_reg(instance, &state.probe, read_kp_inotify_event);
+    state.probe.fetch.u = 0;
+    return ret;
 }
 
 }  // namespace
 
-int kp_inotify_init(int32_t *)
+int kp_inotify_init(int32_t *descriptors_out)
 {
     kp_inotify_destroy();
     void *instance = kp::create_instance(kFile, "clt_inotify", &state.fds, &state.fd_count);
     if (!instance) {
         FMON_LOG(2, kFile, "create kprobe instance failed!"); /* once more, for the source as a whole */
+        kp_inotify_destroy();
         return -1;
     }
-    /* Without a probe the instance would stay silent; refused here, directories are watched by inotify. */
-    FMON_LOG(2, kFile, "register inotify event failed!");
-    kp_inotify_destroy();
-    return -1;
+    state.instance.store(instance, std::memory_order_release);
+    return kp::copy_descriptors(state.fds, state.fd_count, clt_inotify_room, descriptors_out);
 }
 
 int get_inotify_event(void)
 {
-    if (choose_probe() < 0)
-        FMON_LOG(2, kFile, "calculate kprobe cmd failed !");
-    const int ret = register_probe();
+    char fetch[INOTIFY_FETCH_SIZE] = "";
+    if (choose_probe(fetch) < 0)
+        FMON_LOG(2, kFile, "calculate kprobe cmd failed !"); /* and the library is asked all the same */
+    const int ret = register_probe(fetch);
     if (ret < 0)
         FMON_LOG(2, kFile, "register inotify event failed!");
     return ret;
@@ -86,7 +116,11 @@ int kp_inotify_destroy(void)
     free(state.fds);
     state.fds = nullptr;
     state.fd_count = 0;
+    state.mode = 0;
+    memset(&state.probe, 0, sizeof(state.probe));
     return 0;
 }
 
 int clt_inotify_active(void) { return state.instance.load(std::memory_order_acquire) != nullptr; }
+
+int clt_inotify_mode(void) { return state.mode; }

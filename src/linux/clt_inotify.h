@@ -1,5 +1,7 @@
 /*
  * clt_inotify.h: the kernel's inotify deliveries seen by a kernel probe, with the causing process.
+ *
+ * Sources: clt_inotify.cpp (collector), kp_inotify_record.cpp (its records). Which probe it is, is in inotify_probe.h.
  */
 #ifndef FMON_CLT_INOTIFY_H
 #define FMON_CLT_INOTIFY_H
@@ -25,8 +27,14 @@ FMON_API int inotify_parse(int index);
 
 FMON_API int kp_inotify_destroy(void); /* 0 */
 
-/* (Hidden.) Whether a probe instance exists, and the capacity of the array that kp_inotify_init is given. */
+/* One delivery, as the library hands it on from inside inotify_parse: finds the directory by its watch descriptor,
+ * reports the event and keeps the tree. A record without its whole name is dropped. The record is written to. */
+FMON_API void read_kp_inotify_event(uint32_t pid, void *record, uint32_t size);
+
+/* (Hidden.) Whether a probe instance exists, what its records hold (inotify_probe.h), and the capacity of the array
+ * that kp_inotify_init is given. */
 int clt_inotify_active(void);
+int clt_inotify_mode(void);
 extern int32_t clt_inotify_room;
 
 } /* extern "C" */

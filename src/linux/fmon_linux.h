@@ -135,8 +135,11 @@ int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved); /
 FMON_API int fmon_linux_read_event(struct fmon *, uint32_t now_ms, fmon_event_cb);  /* with kernel probes */
 FMON_API int fmon_linux_read_event2(struct fmon *, uint32_t now_ms, fmon_event_cb); /* without */
 
-/* Tree maintenance, also used for records of the inotify probe. */
+/* What records of the inotify descriptor and of the inotify probe share: a descriptor that stands for nothing is
+ * counted; a watch that the kernel dropped; the tree's part in an event, which calls the handlers below. */
+void fmon_linux_unknown_wd(void);
 int fmon_linux_ignored(int wd);
+void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name);
 void fmon_linux_on_create(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_moved_from(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_moved_to(struct dentry *, const char *name, int is_dir);

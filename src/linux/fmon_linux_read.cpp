@@ -29,12 +29,6 @@ enum { SELECTABLE_READY = -1, SELECTABLE_OUT = -2, MOUNT_ID_SIZE = 16 };
 char read_buffer[FMON_LINUX_READ_BUFFER + 1];
 char fanotify_path[DCACHE_PATH_MAX];
 
-void count_unknown_wd()
-{
-    fmlnx.unknown_wd_count++;
-    fmlnx.read_status |= READ_UNKNOWN_WD;
-}
-
 /* ---- inotify ---- */
 
 /* The dentry that a watch descriptor stands for now, or null. */
@@ -45,26 +39,6 @@ struct dentry *live_dentry(int32_t wd)
                                              : reinterpret_cast<struct dentry *>(static_cast<uintptr_t>(value));
 }
 
-/* The tree's share of a record. Each step may free the dentry, so each looks it up again. */
-void maintain_tree(int32_t wd, uint32_t mask, const char *name)
-{
-    static constexpr struct {
-        uint32_t bit;
-        void (*step)(struct dentry *, const char *, int);
-    } steps[] = {
-        {IN_CREATE, fmon_linux_on_create},
-        {IN_MOVED_FROM, fmon_linux_on_moved_from},
-        {IN_MOVED_TO, fmon_linux_on_moved_to},
-        {IN_MOVE_SELF, fmon_linux_on_move_self},
-    };
-    int is_dir = (mask & IN_ISDIR) != 0;
-    for (const auto &step : steps) {
-        struct dentry *d = (mask & step.bit) ? live_dentry(wd) : nullptr;
-        if (d)
-            step.step(d, name, is_dir);
-    }
-}
-
 /* A record for a watch descriptor: 1 when it reached a dentry. */
 int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const char *name, int fd,
                    fmon_event_cb callback)
@@ -72,7 +46,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
     uint64_t value = seq_get(&fmlnx.seq, record->wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "can't find dentry\n");
-        count_unknown_wd();
+        fmon_linux_unknown_wd();
         return 0;
     }
     if (value == SEQ_POISON) {
@@ -85,7 +59,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
         FMON_LOG(4, kFile, "inotify event: %s [%s] (%s)\n", dentry_path(d), name ? name : "", event_str(kinds));
         callback(monitor, d, name, kinds, 0, fd, nullptr);
     }
-    maintain_tree(record->wd, record->mask, name);
+    fmon_linux_keep_tree(record->wd, record->mask, name);
     return 1;
 }
 
@@ -246,12 +220,38 @@ int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback
 
 }  // namespace
 
+void fmon_linux_unknown_wd(void)
+{
+    fmlnx.unknown_wd_count++;
+    fmlnx.read_status |= READ_UNKNOWN_WD;
+}
+
+void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name)
+{
+    /* Each step may free the dentry, so each looks it up again. */
+    static constexpr struct {
+        uint32_t bit;
+        void (*step)(struct dentry *, const char *, int);
+    } steps[] = {
+        {IN_CREATE, fmon_linux_on_create},
+        {IN_MOVED_FROM, fmon_linux_on_moved_from},
+        {IN_MOVED_TO, fmon_linux_on_moved_to},
+        {IN_MOVE_SELF, fmon_linux_on_move_self},
+    };
+    int is_dir = (mask & IN_ISDIR) != 0;
+    for (const auto &step : steps) {
+        struct dentry *d = (mask & step.bit) ? live_dentry(wd) : nullptr;
+        if (d)
+            step.step(d, name, is_dir);
+    }
+}
+
 int fmon_linux_ignored(int wd)
 {
     uint64_t value = seq_get(&fmlnx.seq, wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "ignore: can't find seq of wd: %d\n", wd);
-        count_unknown_wd();
+        fmon_linux_unknown_wd();
         return -1;
     }
     if (value == SEQ_POISON) {

@@ -177,6 +177,17 @@ inline void *create_instance(const char *file, const char *name, int32_t **fds, 
     return nullptr;
 }
 
+/* Hands a library's descriptors on, no more than there is room for. Returns how many. */
+inline int32_t copy_descriptors(const int32_t *fds, int32_t count, int32_t room, int32_t *out)
+{
+    int32_t n = count < room ? count : room;
+    if (!fds || n < 0)
+        n = 0;
+    for (int32_t i = 0; i < n; i++)
+        out[i] = fds[i];
+    return n;
+}
+
 }  // namespace
 }  // namespace kp
 
