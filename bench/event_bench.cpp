@@ -14,6 +14,7 @@
 
 #include "fmon.h"
 #include "list.h"
+#include "quiet_monitor.h"
 
 namespace
 {
@@ -22,32 +23,11 @@ constexpr int kFd = 3;
 constexpr char kTop[] = "/srv/shares/projects";
 constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE;
 
-/* A started monitor without a kernel: a watch is put on the dentry of its path, and that is all. */
-class Monitor
+/* A watch is put on the dentry of its path, and that is all. */
+class Monitor : public bench::QuietMonitor
 {
 public:
-    explicit Monitor(int max_events) : saved_(fmon_method)
-    {
-        fmon_method = {};
-        fmon_method.init = [](struct fmon *) { return 0; };
-        fmon_method.deinit = [] {};
-        fmon_method.add_watch = [](struct fmon *, struct watch *) { return int{FMON_ENOENT}; };
-        fmon_method.del_watch = [](struct fmon *, struct watch *w) {
-            list_unlink(&w->link);
-            return 0;
-        };
-        fmon_method.del_global = [](uint32_t) { return 0; };
-        fmon_init(max_events, DCACHE_MAX_ENTRIES, 30000);
-    }
-    ~Monitor()
-    {
-        for (int id = 0; id < FMON_MAX_INSTANCES; id++)
-            fmon_destroy_instance(id);
-        fmon_deinit();
-        fmon_method = saved_;
-    }
-    Monitor(const Monitor &) = delete;
-    Monitor &operator=(const Monitor &) = delete;
+    using QuietMonitor::QuietMonitor;
 
     static int instance() { return fmon_create_instance(("bench" + std::to_string(fmon.inst_mask)).c_str()); }
 
@@ -67,7 +47,6 @@ public:
     static struct dentry *directory(const std::string &path) { return dcache_add(&fmon.dcache, path.c_str()); }
 
 private:
-    struct fmon_method_t saved_;
     static inline int watches_made_ = 0;
 };
 
