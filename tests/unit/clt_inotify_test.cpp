@@ -318,7 +318,7 @@ TEST_F(CltInotify, ParsingIsTheLibrarys)
 
 TEST_F(CltInotify, AfterTheEndNothingReachesTheLibrary)
 {
-    choose(2, 6, 20);
+    choose(6, 1, 0);
     EXPECT_EQ(0, kp_inotify_destroy());
     library.calls.clear();
     kp_inotify_enable(1);

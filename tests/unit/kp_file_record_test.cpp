@@ -275,12 +275,25 @@ TEST_F(KpFileRecord, PathsAtTheirLimit)
 
 TEST_F(KpFileRecord, MountDirectoryThatFillsThePath)
 {
-    for (size_t size : {1022u, 1023u, 1024u, 2000u}) {
+    mount_of_size(1021);
+    EXPECT_EQ(1022u, path_of(30, {}, "").size());
+    EXPECT_EQ("", path_of(30, {}, "f"));
+    mount_of_size(1022); /* and the slash: no directory fits */
+    EXPECT_EQ("", path_of(30, {"d"}, ""));
+    EXPECT_EQ(1, log_count(2, "file path over 1024!"));
+    for (size_t size : {1023u, 1024u, 2000u}) { /* no directory is even tried */
         mount_of_size(size);
-        EXPECT_EQ("", path_of(30, {}, "f")) << size;
         EXPECT_EQ("", path_of(30, {"d"}, "f")) << size;
-        EXPECT_EQ(1, log_count_containing("file path over 1024")) << size;
+        EXPECT_EQ(1, log_count(2, "file path over 1024")) << size;
+        EXPECT_EQ(0, log_count_containing("transform path"));
     }
+}
+
+TEST_F(KpFileRecord, MountWithoutADirectoryAddsNothing)
+{
+    mount_of_size(1);
+    FMON_RECORD(mounts_.next, struct mount_entry, link)->mount[0] = '\0';
+    EXPECT_EQ("d/f", path_of(30, {"d"}, "f"));
 }
 
 /* ---- records that are none ---- */

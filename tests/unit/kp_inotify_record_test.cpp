@@ -181,6 +181,14 @@ TEST_F(KpInotifyRecord, WatchThatTheKernelDroppedIsForgotten)
     EXPECT_FALSE(cached(d));
 }
 
+TEST_F(KpInotifyRecord, NothingElseIsTakenFromSuchARecord)
+{
+    make_and_add("d");
+    monitor_.events();
+    take(record(inode(tree_.path("d")), wd_of(tree_.path("d")), IN_IGNORED | IN_CREATE | IN_ISDIR, "x"));
+    EXPECT_EQ(Strings{}, monitor_.events());
+}
+
 /* ---- the tree ---- */
 
 TEST_F(KpInotifyRecord, NewDirectoryIsReportedAndWatched)
@@ -207,6 +215,13 @@ TEST_F(KpInotifyRecord, MovedDirectoriesLeaveAndEnter)
     take(IN_MOVED_TO | IN_ISDIR, "e");
     EXPECT_GT(wd_of(tree_.path("e")), 0);
     EXPECT_EQ((Strings{tree_.path("d") + ":moved_from", tree_.path("e") + ":moved_to"}), monitor_.events());
+}
+
+TEST_F(KpInotifyRecord, WithoutANameNoChildMoves)
+{
+    take(IN_MOVED_FROM | IN_MOVED_TO | IN_CREATE | IN_ISDIR, "");
+    EXPECT_EQ(0, log_count_containing("inotify moved"));
+    EXPECT_EQ(0, log_count_containing("No sub dentry"));
 }
 
 TEST_F(KpInotifyRecord, DirectoryThatMovedItselfLeaves)
