@@ -246,7 +246,13 @@ TEST_F(Offsets, TextsAreReadAsNumbers)
     const struct {
         const char *text;
         int value;
-    } table[] = {{"", 0}, {"none", 0}, {"-8", -8}, {"12 bytes", 12}, {" 5", 5}, {"0x20", 0}};
+    } table[] = {{"", 0},
+                 {"none", 0},
+                 {"-8", -8},
+                 {"12 bytes", 12},
+                 {" 5", 5},
+                 {"0x20", 0},
+                 {"99999999999999999999", sizeof(long) == 8 ? -1 : 2147483647}};
     for (const auto &row : table) {
         testlib::set_ini(section("3.10.0-957-x86_64", row.text, "4"));
         EXPECT_EQ(0, init_file_offset_conf(kCentos));
