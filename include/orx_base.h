@@ -76,13 +76,14 @@ int orx_wildcard_path_expand(const char *pattern, list_head *out);
 
 int orx_dll_close(void *handle); /* as dlclose */
 
-/* ---- JSON objects ---- */
+/* ---- JSON objects. Optional: an agent that lacks one of them gets no information about containers. ---- */
 
 typedef struct cJSON cJSON;
 
-void cJSON_AddItemToObject(cJSON *object, const char *key, cJSON *item); /* the object owns the item from now on */
-cJSON *cJSON_CreateString2(const char *text);
-cJSON *cJSON_CreateNumber2(double number);
+/* The object owns the item from now on. */
+void cJSON_AddItemToObject(cJSON *object, const char *key, cJSON *item) __attribute__((weak));
+cJSON *cJSON_CreateString2(const char *text) __attribute__((weak)); /* null: out of memory */
+cJSON *cJSON_CreateNumber2(double number) __attribute__((weak));
 
 #ifdef __cplusplus
 }

@@ -20,6 +20,12 @@ typedef void (*orx_log_sink)(int level, const char *file, int line, const char *
  */
 void orx_host_log_sink(orx_log_sink sink, void *arg);
 
+/* Takes the log lines of the calling thread, of every level, to `sink` instead of the log; null ends it. Meanwhile
+ * error_output_level reads ORX_LOG_DEBUG for the whole process, so that plug-ins make all their lines; those of other
+ * threads, and the sink above, get no more than before. A line of the calling thread that would have been logged
+ * without this is logged as well. Not to be nested within a thread. */
+void orx_host_log_capture(orx_log_sink sink, void *arg);
+
 /* Makes every INI file loaded from now on answer `value` for that key, whatever it holds, and makes a missing file
  * load as an empty one. Values are copied. 0, or -1 when memory runs out. A null value takes the override back. */
 int orx_host_ini_override(const char *section, const char *key, const char *value);

@@ -1,12 +1,18 @@
 /*
  * orx_sensitivedir.h: the agent's container library, liborx_sensitive_dir.6.so, as far as the file monitor uses it.
  *
- * The monitor does not link it: it opens the library at run time, inside a container only, and does without it where
- * it is missing.
+ * The monitor does not link it: it opens the library at run time, when it first asks for a container, and does without
+ * it where it is missing. Structures and prototypes only: the library implements them, and the monitor reads each
+ * structure in one source.
+ *
+ * Conventions: text is NUL-terminated. Functions may be called from any thread, and _orx_get_container_mount once for
+ * each event, with the monitor's lock held: it should answer from memory.
  */
 #ifndef ORX_SENSITIVEDIR_H
 #define ORX_SENSITIVEDIR_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #ifdef __cplusplus
@@ -19,9 +25,43 @@ struct orx_container_mount {
     const char *label; /* the container's identity, as events name it */
 };
 
+/* What is known of one container. Texts are as the container's engine gives them; null or empty: not known. Lists are
+ * joined by ",". */
+struct orx_container_info {
+    const char *mounts;              /* "SOURCE:DESTINATION" of each mount from outside */
+    const char *user;                /* the user that its first process runs as */
+    const char *container_namespace; /* the engine's or cluster's name space that it is in */
+    const char *image_id;
+    const char *image_name; /* with neither repository nor tag */
+    const char *image_tag;
+    const char *repository; /* where the image comes from */
+    const char *container_name;
+    const char *capability;    /* the capabilities that were added, "CAP_SYS_ADMIN,..." */
+    const char *ports_binding; /* "ADDRESS:PORT->PORT/PROTOCOL" of each port that is open to the outside */
+    int32_t privileged;        /* 1: it runs without confinement, else 0 */
+    int32_t status;            /* 0: usable; anything else: not, or not now */
+    int32_t init_pid;          /* its first process, in the numbering outside; 0 while there is none */
+};
+
 /* The container of a mount, given the mount's number as text; null: the mount is the host's. The record and its label
  * belong to the library and may change at its next call: copy what is to last. */
 const struct orx_container_mount *_orx_get_container_mount(const char *id);
+
+/* What is known of a container, given its id as read_container_id() reads it; null: nothing. The record and its texts
+ * are the caller's until they are given back with _orx_free_container_info. */
+struct orx_container_info *_orx_get_container_info(const char *id);
+
+void _orx_free_container_info(struct orx_container_info *info); /* null: nothing is done */
+
+static_assert(offsetof(struct orx_container_mount, pid) == 0, "mount record");
+static_assert(offsetof(struct orx_container_mount, label) == sizeof(char *), "mount record");
+static_assert(sizeof(struct orx_container_mount) == 2 * sizeof(char *), "mount record");
+
+static_assert(offsetof(struct orx_container_info, mounts) == 0, "information record");
+static_assert(offsetof(struct orx_container_info, ports_binding) == 9 * sizeof(char *), "information record");
+static_assert(offsetof(struct orx_container_info, privileged) == 10 * sizeof(char *), "information record");
+static_assert(offsetof(struct orx_container_info, status) == 10 * sizeof(char *) + 4, "information record");
+static_assert(offsetof(struct orx_container_info, init_pid) == 10 * sizeof(char *) + 8, "information record");
 
 #ifdef __cplusplus
 }

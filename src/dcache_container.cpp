@@ -2,53 +2,34 @@
  * Container paths. Inside a container the kernel's paths are those of the mount that an event came from; the agent's
  * container library tells whose mount it is. Without the library every mount counts as the host's.
  */
+#include "agent_library.h"
 #include "dcache.h"
-
-#include <cerrno>
-
-#include "dll.h"
-#include "log.h"
 #include "orx_base.h"
 #include "orx_sensitivedir.h"
 
 namespace
 {
 
-constexpr char kFile[] = "dcache.c";
-constexpr char kLibrary[] = "@/../lib/liborx_sensitive_dir.6.so";
-
-typedef const struct orx_container_mount *(*get_mount_fn)(const char *id);
-
-/* Found once, kept for the life of the process. */
-get_mount_fn get_mount;
+/* The line on a missing entry names another one than is looked up; log readers know it in this form. */
+constinit struct agent_library sensitive_dir = {
+    .path = "@/../lib/liborx_sensitive_dir.6.so",
+    .log_file = "dcache.c",
+    .module = "fmon module",
+    .symbol = "sensitivedir symbol: _orx_get_container_info",
+    .names = {"_orx_get_container_mount"},
+    .entries = {},
+    .handle = {},
+};
 
 /* The only two places that know the record. */
 int32_t mount_pid(const struct orx_container_mount *record) { return record->pid; }
 const char *mount_label(const struct orx_container_mount *record) { return record->label; }
 
-/* Null when the library or its entry is missing; the next call then tries again. */
-get_mount_fn load_get_mount()
-{
-    if (get_mount)
-        return get_mount;
-    void *handle = dll_open(kLibrary);
-    if (!handle) {
-        FMON_LOG(1, kFile, "load fmon module failed, errno: %d\n", errno);
-        return nullptr;
-    }
-    get_mount = reinterpret_cast<get_mount_fn>(dlsym(handle, "_orx_get_container_mount"));
-    if (!get_mount) {
-        /* The line names another entry than the one looked up; log readers know it in this form. */
-        FMON_LOG(1, kFile, "load sensitivedir symbol: _orx_get_container_info failed, errno: %d\n", errno);
-        orx_dll_close(handle);
-    }
-    return get_mount;
-}
-
 const struct orx_container_mount *find_mount(const char *container_id)
 {
-    get_mount_fn get = load_get_mount();
-    return get ? get(container_id) : nullptr;
+    using get_mount_fn = decltype(&_orx_get_container_mount);
+    const auto get_mount = reinterpret_cast<get_mount_fn>(agent_library_entry(&sensitive_dir, 0));
+    return get_mount ? get_mount(container_id) : nullptr;
 }
 
 }  // namespace

@@ -10,7 +10,11 @@
 
 #include "orx_base.h"
 
-inline bool log_enabled(int level) { return !&error_output_level || level <= error_output_level; }
+/* The agent may change its level while the monitor runs. */
+inline bool log_enabled(int level)
+{
+    return !&error_output_level || level <= __atomic_load_n(&error_output_level, __ATOMIC_RELAXED);
+}
 
 /* `file` is the module's name with ".c", one constant per source, whatever the source file is called. */
 #define FMON_LOG(level, file, ...)                                \

@@ -2,12 +2,12 @@
  * An agent of another make with two clients in it: loads a base library and the module as a stranger would, by their
  * public headers only, and prints what each client is told.
  *
- *   agent [-d N] [-o FILE] [-p MS] [-w] LIBDIR PATH
+ *   agent [-c] [-d N] [-o FILE] [-p MS] [-w] LIBDIR PATH
  *
  * PATH is watched recursively by the clients "fast" and "slow"; the slow one pauses for MS milliseconds, takes what
  * has gathered, and pauses again. -d moves the module's descriptors above N. Output (-o: to FILE, opened after the
- * start): "ready", then "CLIENT MASK PID PATH" a delivery, the path in hexadecimal. Ends with its standard input, or
- * (-w) when it is killed.
+ * start): "ready", then "CLIENT MASK PID PATH" a delivery, the path in hexadecimal, with -c " CONTAINER" behind it
+ * where the event has one. Ends with its standard input, or (-w) when it is killed.
  */
 #include <dlfcn.h>
 #include <fcntl.h>
@@ -21,7 +21,7 @@
 #include "orx_fmon.h"
 
 static FILE *out;
-static int pause_ms;
+static int pause_ms, with_container;
 
 static void die(const char *what)
 {
@@ -35,6 +35,8 @@ static void print_event(const char *client, const struct event *ev)
     fprintf(out, "%s %x %u ", client, ev->mask, ev->pid);
     for (const char *p = ev->path; *p; p++)
         fprintf(out, "%02x", (unsigned char)*p);
+    if (with_container && ev->container)
+        fprintf(out, " %s", ev->container);
     fputc('\n', out);
     fflush(out);
     funlockfile(out);
@@ -119,8 +121,10 @@ int main(int argc, char **argv)
 {
     const char *file = NULL;
     int option, wait_for_ever = 0;
-    while ((option = getopt(argc, argv, "d:o:p:w")) != -1) {
-        if (option == 'd')
+    while ((option = getopt(argc, argv, "cd:o:p:w")) != -1) {
+        if (option == 'c')
+            with_container = 1;
+        else if (option == 'd')
             use_up_descriptors(atoi(optarg));
         else if (option == 'o')
             file = optarg;
@@ -130,7 +134,7 @@ int main(int argc, char **argv)
             wait_for_ever = 1;
     }
     if (argc - optind != 2)
-        die("usage: agent [-d N] [-o FILE] [-p MS] [-w] LIBDIR PATH");
+        die("usage: agent [-c] [-d N] [-o FILE] [-p MS] [-w] LIBDIR PATH");
     if (start(argv[optind]) != 0)
         die("orx_fmon_init failed");
     out = file ? fopen(file, "we") : stdout;

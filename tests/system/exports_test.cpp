@@ -4,8 +4,10 @@
  */
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
@@ -88,16 +90,50 @@ std::vector<std::string> statements(const std::string &code)
 }
 
 /* Functions and objects that a header declares, those with `mark` in their declaration. */
-Names declared(const std::string &header, const std::string &mark = "")
+Names declared_in(const std::string &path, const std::string &mark)
 {
     Names out;
-    for (std::string text : statements(code_of(std::string(FMON_TEST_INCLUDE) + "/" + header))) {
+    for (std::string text : statements(code_of(path))) {
         if (size_t block = text.find("extern \"C\" {"); block != text.npos)
             text.erase(0, block + strlen("extern \"C\" {"));
         const bool object = text.find("extern ") != text.npos, function = text.find('(') != text.npos;
         if (text.find("typedef") != text.npos || (!object && !function) || text.find(mark) == text.npos)
             continue;
         out.insert(last_word(text.substr(0, std::min({text.find('('), text.find("__attribute__"), text.find('[')}))));
+    }
+    return out;
+}
+
+Names declared(const std::string &header, const std::string &mark = "")
+{
+    return declared_in(std::string(FMON_TEST_SOURCE) + "/include/" + header, mark);
+}
+
+/* Of every header of the module. */
+Names marked_for_export()
+{
+    Names out;
+    for (const char *folder : {"/include", "/src", "/src/linux"})
+        for (const auto &entry : std::filesystem::directory_iterator(std::string(FMON_TEST_SOURCE) + folder))
+            if (entry.path().extension() == ".h")
+                out.merge(declared_in(entry.path(), "FMON_API"));
+    return out;
+}
+
+/* The names in the first column of the table below that heading, folders' names left out. */
+Names table_of(const std::string &document, const std::string &heading)
+{
+    Names out;
+    std::string text = file_text(document);
+    text.erase(0, text.find("\n" + heading + "\n") + 1 + heading.size());
+    std::istringstream lines(text.substr(0, text.find("\n## ")));
+    for (std::string line; std::getline(lines, line);) {
+        if (!line.starts_with("| `"))
+            continue;
+        std::istringstream words(line.substr(0, line.find(" | ")));
+        for (std::string word; std::getline(words, word, '`');)
+            if (std::all_of(word.begin(), word.end(), is_word) && !out.insert(word).second)
+                ADD_FAILURE() << word << " stands there twice";
     }
     return out;
 }
@@ -122,12 +158,16 @@ TEST(Exports, AreExactlyTheList)
     EXPECT_EQ(module_symbols("--defined-only"), want);
 }
 
-/* Every declaration of the public header can be called, and none is missing from it. */
-TEST(Exports, HoldThePublicHeader)
+TEST(Exports, AreWhatTheHeadersMark)
 {
-    Names want = declared("orx_fmon.h", "FMON_API");
-    EXPECT_GE(want.size(), 17U);
-    EXPECT_EQ(difference(want, module_symbols("--defined-only")), Names());
+    EXPECT_EQ(module_symbols("--defined-only"), marked_for_export());
+    EXPECT_GE(declared("orx_fmon.h", "FMON_API").size(), 17U);
+}
+
+TEST(Exports, AreTheTableOfTheArchitecture)
+{
+    EXPECT_EQ(module_symbols("--defined-only"),
+              table_of(std::string(FMON_TEST_SOURCE) + "/docs/architecture.md", "## What the module exports"));
 }
 
 TEST(Exports, OfTheHostAreItsHeaders)

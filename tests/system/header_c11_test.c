@@ -3,12 +3,14 @@
  */
 #define _POSIX_C_SOURCE 200809L
 
+#include "container_tool_utils.h"
 #include "orx_autolog.h"
 #include "orx_base.h"
 #include "orx_event_loop.h"
 #include "orx_fmon.h"
 #include "orx_host.h"
 #include "orx_list.h"
+#include "orx_sensitivedir.h"
 #include "watch_map.h"
 
 #include <stdatomic.h>

@@ -61,6 +61,32 @@ std::string fanotify_record(uint64_t mask, int32_t fd, int32_t pid)
     return fanotify_record_raw(24, 3, 24, mask, fd, pid);
 }
 
+std::string file_probe_record(uint32_t mount_id, const std::vector<std::string> &directories, const std::string &leaf)
+{
+    constexpr size_t kLevels = 11, kInline = 32, kLeaf = 64;
+    std::string out;
+    append(out, mount_id);
+    for (size_t level = 0; level < kLevels; level++) {
+        const size_t above = kLevels - level; /* 1: the parent */
+        std::string name = above <= directories.size() ? directories[directories.size() - above] : "";
+        name.resize(kInline);
+        out += name;
+    }
+    std::string name = leaf;
+    name.resize(kLeaf);
+    return out + name;
+}
+
+std::string inotify_probe_record(uint64_t inode, int32_t wd, uint32_t mask, const std::string &name, size_t name_size)
+{
+    std::string out, field = name;
+    append(out, inode);
+    append(out, wd);
+    append(out, mask);
+    field.resize(name_size);
+    return out + field;
+}
+
 Pipe::Pipe()
 {
     if (pipe2(fds_, O_CLOEXEC) != 0)

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <string>
+#include <vector>
 
 namespace testlib
 {
@@ -19,6 +20,14 @@ std::string inotify_record_raw(int32_t wd, uint32_t mask, uint32_t len, const st
 std::string fanotify_record(uint64_t mask, int32_t fd, int32_t pid);
 std::string fanotify_record_raw(uint32_t event_len, uint8_t vers, uint16_t metadata_len, uint64_t mask, int32_t fd,
                                 int32_t pid, const std::string &extra = "");
+
+/* What the file probes fetch, 420 bytes: the mount's id, the names from the mount's root ("/") down to the parent, at
+ * most eleven, and the entry's own. Names longer than their field (32 and 64 bytes) fill it, as the kernel's do. */
+std::string file_probe_record(uint32_t mount_id, const std::vector<std::string> &directories, const std::string &leaf);
+
+/* What the inotify probe fetches; the name's field has 128 bytes, or 16 on old kernels. */
+std::string inotify_probe_record(uint64_t inode, int32_t wd, uint32_t mask, const std::string &name = "",
+                                 size_t name_size = 128);
 
 class Pipe
 {

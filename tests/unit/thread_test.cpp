@@ -66,7 +66,6 @@ TEST_F(Thread, EndsInOrder)
                      {1, "load kprobe thread module failed, errno: 2\n"},
                      {2, "get os_info failed!"},
                      {2, "calculate kprobe cmd failed !"},
-                     {1, "load kprobe thread module failed, errno: 2\n"},
                      {2, "register inotify event failed!"},
                      {1, "select failed: Bad file descriptor\n"},
                      {3, "orx_fmon close"}}),
