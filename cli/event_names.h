@@ -29,6 +29,9 @@ extern const EventName kEventTable[kEventNames];
 /* Kinds that tell of a change of the tree; the others (fanotify's) can name the causing process. */
 inline constexpr uint32_t kProcessEvents = 0x3b;
 
+/* The kinds that can be asked of the whole system: create, delete, the renames and close_write. */
+inline constexpr uint32_t kSystemEvents = 0x3c8;
+
 /* The mask of a comma-separated list. False: `unknown` holds the first piece that is no event's name. */
 bool parse_events(std::string_view list, uint32_t &mask, std::string &unknown);
 

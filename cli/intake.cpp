@@ -43,6 +43,13 @@ uint64_t monotonic_ns()
 
 uint32_t Intake::own_pid() { return static_cast<uint32_t>(getpid()); }
 
+// Probes name the thread, and the monitor's own thread writes its log.
+bool Intake::is_own(uint32_t pid) const
+{
+    static thread_local const uint32_t thread = static_cast<uint32_t>(gettid());
+    return pid == self_ || pid == thread;
+}
+
 fmon_client_cb Intake::add_source(uint32_t wanted)
 {
     if (sources_ == kMaxSources)
@@ -57,8 +64,10 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
 {
     // The record's mask is the union of all that happened, not only of what this instance's watch asks for.
     const uint32_t mask = event.mask & wanted_[source];
-    if (mask == 0 || event.pid == self_)
+    if (mask == 0 || is_own(event.pid))
         return 0;
+    if (held_.load(std::memory_order_relaxed))
+        return kPauseMs;
     ProcessPtr process;
     if (event.pid != 0) {
         if (queue_.full())

@@ -8,6 +8,7 @@
 #ifndef CLI_INTAKE_H
 #define CLI_INTAKE_H
 
+#include <atomic>
 #include <cstdint>
 #include <vector>
 
@@ -31,6 +32,10 @@ public:
     /* What a callback does; 0, or the pause in milliseconds. */
     int32_t accept(uint32_t source, const struct event &event);
 
+    /* While it is on, events stay in the monitor: callbacks ask for a pause, as those of a slow client do. Any thread.
+     * Once it is off they come within a second. */
+    void hold(bool on) { held_.store(on, std::memory_order_relaxed); }
+
     static constexpr size_t kMaxSources = 5;
     static constexpr int32_t kPauseMs = 20;
 
@@ -40,9 +45,11 @@ private:
     Pace pace_;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
+    std::atomic<bool> held_ = false;
     const uint32_t self_ = own_pid(); /* the command's own doings are not shown */
 
     static uint32_t own_pid();
+    bool is_own(uint32_t pid) const;
     void gather();
 };
 

@@ -45,9 +45,9 @@ LogLine read_mark_failure(std::string_view text, Finding limit)
     return {is_denied(text) ? Finding::kDenied : Finding::kOther, {}};
 }
 
-void sink(int level, const char *, int, const char *text, void *arg)
+void sink(int level, const char *file, int, const char *text, void *arg)
 {
-    static_cast<LogWatch *>(arg)->line(level, text);
+    static_cast<LogWatch *>(arg)->line(level, text, file);
 }
 
 // The count that a finding belongs to; null: it is not counted.
@@ -136,8 +136,20 @@ void LogWatch::count(const LogLine &line)
     findings_.monitor_ended |= line.finding == Finding::kMonitorEnded;
 }
 
-void LogWatch::line(int level, std::string_view text)
+void LogWatch::look_for_probe_trouble(std::string_view text, std::string_view file)
 {
+    const ProbeCause cause = read_probe_line(text, file);
+    if (cause == ProbeCause::kNone)
+        return;
+    const std::lock_guard<std::mutex> hold(lock_);
+    if (probe_trouble_.cause == ProbeCause::kNone)
+        probe_trouble_ = {cause, std::string(text)};
+}
+
+void LogWatch::line(int level, std::string_view text, std::string_view file)
+{
+    if (level <= ORX_LOG_WARNING)
+        look_for_probe_trouble(text, file);
     const LogLine found = read_log_line(text);
     if (found.finding == Finding::kNone && level > ORX_LOG_ERROR)
         return;
@@ -157,6 +169,12 @@ Findings LogWatch::take()
     any_.store(false, std::memory_order_relaxed);
     last_counted_ = nullptr;
     return std::exchange(findings_, Findings());
+}
+
+ProbeTrouble LogWatch::probe_trouble() const
+{
+    const std::lock_guard<std::mutex> hold(lock_);
+    return probe_trouble_;
 }
 
 }  // namespace cli

@@ -14,6 +14,8 @@
 #include <string>
 #include <string_view>
 
+#include "probe_cause.h"
+
 namespace cli
 {
 
@@ -62,17 +64,21 @@ public:
 
     void start(); /* becomes the host's log sink */
     void stop();
-    void line(int level, std::string_view text);
+    /* `file`: the line's origin. */
+    void line(int level, std::string_view text, std::string_view file = {});
     Findings take();
+    ProbeTrouble probe_trouble() const; /* the first since the start; taking the findings leaves it */
     bool any() const { return any_.load(std::memory_order_relaxed); }
 
 private:
     void count(const LogLine &line);
+    void look_for_probe_trouble(std::string_view text, std::string_view file);
 
     std::function<void()> changed_;
-    std::mutex lock_;
+    mutable std::mutex lock_;
     Findings findings_;                /* under lock_ */
     uint64_t *last_counted_ = nullptr; /* under lock_: in findings_, by the line before */
+    ProbeTrouble probe_trouble_;       /* under lock_ */
     std::atomic<bool> any_ = false;
 };
 

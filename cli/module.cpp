@@ -53,12 +53,10 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
            bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
            bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
            bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
-           bind(library, "_orx_fmon_losses", module.losses, error);
-}
-
-bool has_probe_library(const std::string &folder)
-{
-    return access((folder + "/liborx_kp_thread.2.so").c_str(), R_OK) == 0;
+           bind(library, "_orx_fmon_global_update", module.global_update, error) &&
+           bind(library, "_orx_fmon_losses", module.losses, error) &&
+           bind(library, "_orx_fmon_dump", module.dump, error) &&
+           bind(library, "g_container_flag", module.container_flag, error);
 }
 
 }  // namespace cli

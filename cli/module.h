@@ -18,7 +18,12 @@ struct Module {
     decltype(&_orx_fmon_add_watch) add_watch;
     decltype(&_orx_fmon_del_watch) del_watch;
     decltype(&_orx_fmon_global_watch) global_watch;
+    decltype(&_orx_fmon_global_update) global_update;
     decltype(&_orx_fmon_losses) losses;
+    decltype(&_orx_fmon_dump) dump;
+    decltype(&g_container_flag) container_flag;
+
+    bool is_container() const { return *container_flag != 0; } /* from the start on */
 };
 
 /* $FMON_HOME/lib where that is set, else ../lib beside the folder of the running program. */
@@ -26,9 +31,6 @@ std::string library_folder();
 
 /* Loads libfmon.so from `folder`; it stays loaded. False: `error` says what is missing and where it was looked for. */
 bool load_module(const std::string &folder, Module &module, std::string &error);
-
-/* Whether the kernel-probe library is there. */
-bool has_probe_library(const std::string &folder);
 
 }  // namespace cli
 

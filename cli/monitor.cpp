@@ -9,6 +9,7 @@
 #include "orx_autolog.h"
 #include "orx_base.h"
 #include "orx_host.h"
+#include "probe_cause.h"
 #include "signals.h"
 
 namespace cli
@@ -56,15 +57,22 @@ void set_log(const WatchOptions &options)
         detach_stderr();
 }
 
-bool check_probes(const WatchOptions &options, const std::string &folder, std::string &error)
+// The monitor loads the library by itself wherever it is there.
+bool may_do_without_probes(std::string &error)
 {
-    const bool present = has_probe_library(folder);
-    if (options.probes == Probes::kOn && !present)
-        error = "--probes on: the kernel-probe library " + folder +
-                "/liborx_kp_thread.2.so is missing: install it, or leave out --probes";
-    if (options.probes == Probes::kOff && present)
-        error =
-            "--probes off: the monitor uses " + folder + "/liborx_kp_thread.2.so wherever it is there: move it away";
+    const std::string library = probe_library();
+    if (access(library.c_str(), F_OK) == 0)
+        error = "--probes off: the monitor uses " + library + " wherever it is there: move it away";
+    return error.empty();
+}
+
+bool has_probes(const LogWatch &log, const Module &module, std::string &error)
+{
+    const ProbeTrouble trouble = log.probe_trouble();
+    const ProbeFacts facts = gather_probe_facts(module.is_container());
+    if (settle_cause(trouble, facts) != ProbeCause::kNone)
+        error = "--probes on needs the kernel-probe library: " + explain_cause(trouble, facts) +
+                "; without --probes fmon does without it";
     return error.empty();
 }
 
@@ -73,7 +81,7 @@ bool check_probes(const WatchOptions &options, const std::string &folder, std::s
 bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error)
 {
     const std::string folder = library_folder();
-    if (!load_module(folder, module, error) || !check_probes(options, folder, error))
+    if (!load_module(folder, module, error) || (options.probes == Probes::kOff && !may_do_without_probes(error)))
         return false;
     set_values(options);
     set_log(options);
@@ -82,7 +90,7 @@ bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, s
     const int code = module.init(0, nullptr);
     const Findings findings = log.take();
     if (code == 0 && !findings.monitor_ended)
-        return true;
+        return options.probes != Probes::kOn || has_probes(log, module, error);
     error = explain_start_failure(findings, gather_facts());
     return false;
 }

@@ -68,7 +68,8 @@ const OptionRow kOptionTable[kOptionRows] = {
     {0, "max-subdirs", "N", nullptr, take::max_subdirs, "with -r: refuse a PATH with more than N directories below it",
      nullptr},
     {0, "system", nullptr, &O::system, nullptr,
-     "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (kernel probes)",
+     "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (kernel-probe "
+     "library; root)",
      nullptr},
     {0, "include", "REGEX", nullptr, include, "show only paths that match (extended, may be repeated)",
      "What is shown"},

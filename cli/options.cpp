@@ -250,11 +250,17 @@ bool reject_if(bool condition, const char *reason, std::string &error)
 bool check_combination(const WatchOptions &o, std::string &error)
 {
     const uint32_t beyond = o.all_events ? 0 : o.events & ~kProcessEvents;
+    const uint32_t beyond_system = o.all_events ? 0 : o.events & ~kSystemEvents;
     return !(
         reject_if(!o.system && o.paths.empty(), "no PATH to watch: see fmon watch --help", error) ||
         reject_if(o.system && !o.paths.empty(), "--system is about all paths: leave out the PATH", error) ||
         reject_if(o.system && (o.recursive || o.mount || o.pid || o.delay || o.sync || o.wait || o.max_depth),
                   "--system goes with none of the options that say how a path is watched", error) ||
+        reject_if(o.system && beyond_system,
+                  "--system knows create, delete, moved_from, moved_to and close_write only: leave out the others",
+                  error) ||
+        reject_if(o.system && o.probes == Probes::kOff, "--system needs kernel probes: leave out --probes off",
+                  error) ||
         reject_if(o.mount && beyond,
                   "--mount sees open, access, modify, close_write and close_nowrite only: leave out the other events",
                   error) ||

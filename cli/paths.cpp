@@ -105,6 +105,8 @@ Identity identify(const std::string &path)
     return id;
 }
 
+std::string literal_path(const std::string &given) { return tidy(given); }
+
 std::string absolute_path(const std::string &given)
 {
     std::string path = tidy(given);

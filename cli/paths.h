@@ -30,6 +30,10 @@ Identity identify(const std::string &path); /* links are not followed */
  * and all behind it are never looked up. `given` is not empty. */
 std::string absolute_path(const std::string &given);
 
+/* The same without looking anything up: for a monitor that takes paths as they are, since it sees other file systems
+ * through links, such as /proc/PID/root. */
+std::string literal_path(const std::string &given);
+
 /* "a socket", "a device" ... for what is neither a directory nor a regular file. */
 const char *kind_name(mode_t mode);
 

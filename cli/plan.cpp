@@ -29,7 +29,10 @@ uint32_t asked_events(const WatchOptions &options)
 class Planner
 {
 public:
-    explicit Planner(const WatchOptions &options) : options_(options), masks_(plan_masks(options)) {}
+    Planner(const WatchOptions &options, bool container)
+        : options_(options), container_(container), masks_(plan_masks(options))
+    {
+    }
 
     Plan run()
     {
@@ -44,7 +47,7 @@ private:
         if (given.empty())
             return refuse("a PATH is empty");
         Root root;
-        root.path = absolute_path(given);
+        root.path = container_ ? literal_path(given) : absolute_path(given);
         root.pattern = root.path.find('*') != std::string::npos;
         root.identity = root.pattern ? Identity{} : identify(root.path);
         root.waits = root.pattern || options_.wait;
@@ -161,6 +164,7 @@ private:
     }
 
     const WatchOptions &options_;
+    const bool container_;
     const Masks masks_;
     Plan plan_;
 };
@@ -196,6 +200,6 @@ Masks plan_masks(const WatchOptions &options)
     return {asked, others | reads_and_writes, 0, 0};
 }
 
-Plan make_plan(const WatchOptions &options) { return Planner(options).run(); }
+Plan make_plan(const WatchOptions &options, bool container) { return Planner(options, container).run(); }
 
 }  // namespace cli

@@ -49,7 +49,8 @@ struct Plan {
     std::vector<std::string> refusals; /* one line for each path that cannot be watched */
 };
 
-Plan make_plan(const WatchOptions &options);
+/* `container`: the monitor runs inside one, where it takes paths as they are. */
+Plan make_plan(const WatchOptions &options, bool container);
 
 /* The masks of a watch, apart from make_plan() so that the rules can be read and tested. */
 struct Masks {

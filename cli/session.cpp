@@ -8,6 +8,7 @@
 #include <algorithm>
 
 #include "diagnose.h"
+#include "event_names.h"
 #include "message.h"
 #include "monitor.h"
 #include "signals.h"
@@ -23,9 +24,11 @@ namespace
 constexpr size_t kQueueEvents = 65536, kQueueBytes = 16 << 20;
 constexpr uint64_t kBusyTickMs = 1000, kIdleTickMs = 4000;
 constexpr uint64_t kBusyWaitMs = 20; /* a wait that was shorter means a stream of events */
+constexpr int kTurnMs = 1100;        /* the monitor looks at paused clients once a second */
 constexpr long kGatherMs = 5;        /* how long a stream's events gather before they are shown together */
 
-constexpr uint32_t kSystemEvents = FMON_CREATE | FMON_DELETE | FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CLOSE_WRITE;
+/* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
+constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
 
 TreeKeeper *g_keeper; /* of the one session; set before the monitor's thread can call */
 
@@ -57,7 +60,7 @@ bool Session::fail(const std::string &line)
 
 int Session::run()
 {
-    if (!prepare() || !start() || !(options_.system ? place_system() : place()))
+    if (!prepare() || !start() || !make_plan() || !(options_.system ? place_system() : place()))
         return kError;
     establish();
     loop();
@@ -70,12 +73,27 @@ bool Session::prepare()
     std::string error;
     if (queue_.wake_fd() < 0)
         return fail("no descriptor is left: see ulimit -n");
-    if (!reporter_.open(error))
+    return reporter_.open(error) || fail(error);
+}
+
+bool Session::start()
+{
+    catch_signals(queue_.wake_fd());
+    std::string error;
+    if (!start_monitor(options_, log_, module_, error))
         return fail(error);
+    dump_server_ = std::make_unique<DumpServer>(module_.dump, [this](bool on) { intake_.hold(on); });
+    dump_server_->start();
+    return true;
+}
+
+// What a path stands for depends on where the monitor found itself.
+bool Session::make_plan()
+{
     if (options_.system) {
-        plan_.instances.push_back({"system", options_.events ? options_.events : kSystemEvents});
+        plan_.instances.push_back({"system", options_.events ? options_.events & kSystemEvents : kSystemEvents});
     } else {
-        plan_ = make_plan(options_);
+        plan_ = cli::make_plan(options_, module_.is_container());
         for (const std::string &line : plan_.refusals)
             complain(line);
         if (plan_.roots.empty() || (!plan_.refusals.empty() && !options_.keep_going))
@@ -83,13 +101,6 @@ bool Session::prepare()
     }
     reporter_.set_plan(plan_);
     return true;
-}
-
-bool Session::start()
-{
-    catch_signals(queue_.wake_fd());
-    std::string error;
-    return start_monitor(options_, log_, module_, error) || fail(error);
 }
 
 // Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
@@ -115,7 +126,19 @@ bool Session::place()
     reporter_.flush();
     if (!reporter_.has_records())
         note_start(paths, directories);
+    note_container(paths);
     return true;
+}
+
+// Of what a container sees, only the host's files are watched; other paths are accepted and stay silent. Marks on
+// mounts do not ask where they are.
+void Session::note_container(const std::vector<std::string> &paths) const
+{
+    if (!module_.is_container() || options_.mount)
+        return;
+    for (const std::string &path : paths)
+        if (!path.starts_with(kHostFiles) && !path.starts_with(kOtherRoots))  // as the monitor tells them apart
+            reporter_.note(path + " stays silent: inside a container only what is below " + kHostFiles + " is seen");
 }
 
 void Session::note_start(const std::vector<std::string> &paths, uint64_t directories) const
@@ -154,18 +177,15 @@ bool Session::keep_tree()
 bool Session::place_system()
 {
     const uint32_t kinds = plan_.instances[0].shown;
-    if (kinds & ~kSystemEvents)
-        return fail("--system knows create, delete, moved_from, moved_to and close_write only: leave out the others");
-    const int id = module_.create_instance("system", intake_.add_source(kinds));
-    if (id < 0 || module_.global_watch(static_cast<uint32_t>(id), kinds, 1) != 0) {
-        const std::string library = library_folder() + "/liborx_kp_thread.2.so";
-        return fail("--system needs kernel probes, and " +
-                    (has_probe_library(library_folder()) ? std::string("they do not work on this kernel")
-                                                         : "their library " + library + " is not installed") +
-                    "; as root, fmon watch --mount / shows what is modified and closed on a whole mount");
-    }
+    std::string error;
+    system_ = std::make_unique<SystemWatch>(module_, log_);
+    if (!system_->place(kinds, intake_.add_source(kinds), error))
+        return fail(error);
     reporter_.begin();
     reporter_.established({}, 0);
+    reporter_.flush();
+    if (!reporter_.has_records())
+        reporter_.note("watching the whole system for " + events_text(kinds));
     return true;
 }
 
@@ -174,6 +194,8 @@ void Session::establish()
 {
     const uint64_t now = steady_ms();
     mount_table_ = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    if (system_)
+        system_->follow_mounts();
     next_tick_ = now + kBusyTickMs;
     last_shown_ = now;
 }
@@ -255,6 +277,8 @@ void Session::wait()
         queue_.clear_wake();
     if (fds[1].revents) {
         guard_.look();
+        if (system_)
+            system_->follow_mounts();
         next_tick_ = std::min(next_tick_, woken_ms_ + kBusyTickMs);
     }
     if (fds[2].revents & (POLLERR | POLLHUP | POLLNVAL))  // the reader has gone
@@ -335,9 +359,18 @@ void Session::end_with(int status)
         status_ = status;
 }
 
+// Events that were held back for a dump are still delivered.
+void Session::end_hold()
+{
+    if (!dump_server_ || !dump_server_->stop() || reporter_.finished())
+        return;
+    poll(nullptr, 0, kTurnMs);
+}
+
 // What has come until now is still shown.
 void Session::close()
 {
+    end_hold();
     if (!reporter_.finished() && queue_.take(batch_))
         for (size_t i = 0; i < batch_.size() && options_.exec.empty(); i++)
             reporter_.event(batch_.event(i));

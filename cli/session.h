@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "dump_server.h"
 #include "intake.h"
 #include "log_watch.h"
 #include "module.h"
@@ -19,6 +20,7 @@
 #include "queue.h"
 #include "reporter.h"
 #include "roots.h"
+#include "system_watch.h"
 #include "tree_keeper.h"
 
 namespace cli
@@ -39,10 +41,12 @@ private:
     bool fail(const std::string &line);
     bool prepare();
     bool start();
+    bool make_plan();
     bool place();
     bool place_system();
     void establish();
     bool keep_tree();
+    void note_container(const std::vector<std::string> &paths) const;
     void note_start(const std::vector<std::string> &paths, uint64_t directories) const;
     void report_end(const Root &root, const char *reason);
 
@@ -57,6 +61,7 @@ private:
     void check_losses();
     void check_timeout(uint64_t now);
     void end_with(int status);
+    void end_hold();
     void close();
 
     const WatchOptions &options_;
@@ -66,7 +71,9 @@ private:
     Reporter reporter_;
     Module module_ = {};
     Plan plan_;
-    std::unique_ptr<TreeKeeper> keeper_; /* null: nothing is watched recursively */
+    std::unique_ptr<TreeKeeper> keeper_;      /* null: nothing is watched recursively */
+    std::unique_ptr<SystemWatch> system_;     /* null: paths are watched */
+    std::unique_ptr<DumpServer> dump_server_; /* null: not started yet */
     RootGuard guard_;
     Batch batch_;
     std::set<std::string> told_; /* paths that appeared and could not be watched */

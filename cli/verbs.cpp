@@ -9,6 +9,7 @@ namespace cli
 
 const Verb kVerbTable[kVerbs] = {
     {"watch", "show what happens to files, and who did it", run_watch},
+    {"dump", "show the state of a running watch", run_dump},
 };
 
 namespace
@@ -42,7 +43,8 @@ std::string main_help()
            "  -V, --version  the version\n"
            "\nExamples:\n"
            "  fmon watch -r /etc                   changes below /etc, until Ctrl-C\n"
-           "  fmon watch --format json -r /data    the same as one JSON object a line\n";
+           "  fmon watch --format json -r /data    the same as one JSON object a line\n"
+           "  fmon dump                            what the running watch watches, and what waits in it\n";
 }
 
 int run_command(int argc, char **argv)

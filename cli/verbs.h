@@ -17,7 +17,7 @@ struct Verb {
     int (*run)(int argc, char **argv); /* argv[0] is the verb; returns the exit status */
 };
 
-inline constexpr size_t kVerbs = 1;
+inline constexpr size_t kVerbs = 2;
 extern const Verb kVerbTable[kVerbs];
 
 const Verb *find_verb(std::string_view name);
@@ -27,6 +27,7 @@ std::string main_help();
 int run_command(int argc, char **argv);
 
 int run_watch(int argc, char **argv);
+int run_dump(int argc, char **argv);
 
 }  // namespace cli
 

@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <atomic>
 #include <cstdarg>
 #include <cstdio>
 #include <cstdlib>
@@ -40,6 +41,49 @@ Log &the_log()
 {
     static Log *const log = new Log; /* never destroyed: threads log while the process ends */
     return *log;
+}
+
+/* While threads take their lines away, error_output_level is raised for all; `level` is what it was, -1 otherwise. */
+struct Raised {
+    std::mutex lock;
+    int captures = 0; /* under lock */
+    std::atomic<int> level = -1;
+} raised;
+
+/* Where the calling thread's lines go; null: to the log. */
+struct Capture {
+    orx_log_sink sink;
+    void *arg;
+};
+thread_local Capture capture;
+
+void set_level(int level) { __atomic_store_n(&error_output_level, level, __ATOMIC_RELAXED); }
+
+int get_level() { return __atomic_load_n(&error_output_level, __ATOMIC_RELAXED); }
+
+/* Whether the log takes a line that has passed error_output_level. */
+bool is_for_log(int level)
+{
+    const int usual = raised.level.load(std::memory_order_relaxed);
+    return usual < 0 || level <= usual;
+}
+
+void raise_level()
+{
+    const std::lock_guard hold(raised.lock);
+    if (raised.captures++ > 0)
+        return;
+    raised.level.store(get_level(), std::memory_order_relaxed);
+    set_level(ORX_LOG_DEBUG);
+}
+
+void restore_level()
+{
+    const std::lock_guard hold(raised.lock);
+    if (--raised.captures > 0)
+        return;
+    set_level(raised.level.load(std::memory_order_relaxed));
+    raised.level.store(-1, std::memory_order_relaxed);
 }
 
 /* False where the process was started without it: 2 is then the number of some other file sooner or later. */
@@ -165,14 +209,21 @@ bool stderr_is_wanted()
 /* The level is read anew each time, as the program may change it while threads log. */
 void error_output(int level, const char *file, int line, const char *fmt, ...)
 {
-    if (level > __atomic_load_n(&error_output_level, __ATOMIC_RELAXED))
+    if (level > get_level())
+        return;
+    const bool logged = is_for_log(level);
+    if (!logged && !capture.sink)
         return;
     host::ErrnoKeeper keep;
     va_list args;
     va_start(args, fmt);
     Text text(fmt, args);
     va_end(args);
-    emit(level, file ? file : "?", line, text.without_newline());
+    const char *const shown = text.without_newline();
+    if (capture.sink)
+        capture.sink(level, file ? file : "?", line, shown, capture.arg);
+    if (logged)
+        emit(level, file ? file : "?", line, shown);
 }
 
 int autolog_init(const char *path, int n)
@@ -205,4 +256,14 @@ void orx_host_log_sink(orx_log_sink sink, void *arg)
     std::unique_lock hold(log.sink_lock);
     log.sink = sink;
     log.sink_arg = arg;
+}
+
+void orx_host_log_capture(orx_log_sink sink, void *arg)
+{
+    const bool before = capture.sink;
+    capture = {sink, arg};
+    if (sink && !before)
+        raise_level();
+    else if (!sink && before)
+        restore_level();
 }

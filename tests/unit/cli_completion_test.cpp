@@ -1,6 +1,7 @@
 #include <sstream>
 
 #include "cli_testing.h"
+#include "dump_options.h"
 #include "event_names.h"
 #include "option_table.h"
 #include "verbs.h"
@@ -28,6 +29,7 @@ protected:
     {
         folder.file("main", cli::main_help());
         folder.file("watch", cli::watch_help());
+        folder.file("dump", cli::dump_help());
         folder.file("events", cli::event_list());
         folder.file("script", "source " + in_source("packaging/completion/fmon").string() +
                                   "\n"
@@ -35,7 +37,7 @@ protected:
                                   folder.root() +
                                   "\n"
                                   "fmon() { case \"$*\" in --help) cat main ;; 'watch --help') cat watch ;;\n"
-                                  "'watch -e help') cat events ;; *) return 2 ;; esac; }\n"
+                                  "'watch -e help') cat events ;; 'dump --help') cat dump ;; *) return 2 ;; esac; }\n"
                                   "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon; echo \"${COMPREPLY[*]}\"\n");
     }
 
@@ -99,6 +101,15 @@ TEST_F(Completion, values)
     EXPECT_EQ(replies("fmon watch --set ''"), all);
 }
 
+TEST_F(Completion, dump)
+{
+    EXPECT_EQ(replies("fmon dump --"), "--type --hold --help");
+    EXPECT_EQ(replies("fmon dump -t ''"), "all instances waiting dentries events backend files");
+    EXPECT_EQ(replies("fmon dump --type = wa"), "waiting");
+    EXPECT_EQ(replies("fmon dump --hold ''"), "");
+    EXPECT_EQ(replies("fmon dump nothing"), "");
+}
+
 TEST_F(Completion, files)
 {
     EXPECT_EQ(replies("fmon watch " + folder.path("scr")), folder.path("script"));
@@ -119,4 +130,20 @@ TEST(CliManual, names_every_option_and_event)
         EXPECT_NE(page.find(std::string(".It Cm ") + row.name + "\n"), std::string::npos) << row.name;
     for (const cli::Setting &setting : cli::kSettingTable)
         EXPECT_NE(page.find(std::string(".Cm ") + setting.name), std::string::npos) << setting.name;
+}
+
+TEST(CliManual, of_dump_names_every_option_and_type)
+{
+    const std::string page = content(in_source("docs/fmon-dump.1"));
+    for (const char *option : {".It Fl t , Fl Fl type ", ".It Fl Fl hold ", ".It Fl h , Fl Fl help"})
+        EXPECT_NE(page.find(option), std::string::npos) << option;
+    for (const cli::DumpType &type : cli::kDumpTypeTable)
+        EXPECT_NE(page.find(std::string(".It Cm ") + type.name + "\n"), std::string::npos) << type.name;
+}
+
+TEST(CliManual, names_every_verb)
+{
+    const std::string page = content(in_source("docs/fmon.1"));
+    for (const cli::Verb &verb : cli::kVerbTable)
+        EXPECT_NE(page.find(std::string(".It Cm ") + verb.name + "\n"), std::string::npos) << verb.name;
 }

@@ -66,6 +66,14 @@ TEST(CliJson, event_without_process_or_container)
     EXPECT_EQ(document["pid"].GetUint(), 0u);
 }
 
+TEST(CliJson, container_with_hostile_bytes)
+{
+    const auto formatter = make_json_formatter(plain());
+    Event event = event_of("/a", FMON_CREATE);
+    event.container = "a\"b\n\xff";
+    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "a\"b\n\xef\xbf\xbd");
+}
+
 TEST(CliJson, other_records)
 {
     const auto formatter = make_json_formatter(plain());

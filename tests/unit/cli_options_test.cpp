@@ -147,6 +147,8 @@ TEST(CliOptions, each_bad_input_is_named)
         {{"--pid", "-e", "create", "/a"}, "--pid is about"},
         {{"--system", "/a"}, "leave out the PATH"},
         {{"--system", "-r"}, "--system goes with none"},
+        {{"--system", "-e", "create,open"}, "--system knows create, delete"},
+        {{"--system", "--probes", "off"}, "leave out --probes off"},
     };
     for (const Bad &bad : cases) {
         const auto parsed = parse(bad.arguments);
@@ -239,4 +241,11 @@ TEST(CliEvents, printed_names_parse_back)
         ASSERT_TRUE(cli::parse_events(cli::events_text(mask), again, unknown));
         ASSERT_EQ(again, mask);
     }
+}
+
+TEST(CliOptions, system_with_all_events_means_all_that_it_can)
+{
+    EXPECT_TRUE(parse({"--system"}).ok);
+    EXPECT_TRUE(parse({"--system", "-e", "all"}).ok);
+    EXPECT_TRUE(parse({"--system", "-e", "create,delete,moved_from,moved_to,close_write"}).ok);
 }

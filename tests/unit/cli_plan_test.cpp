@@ -20,7 +20,7 @@ Plan plan_of(std::vector<std::string> arguments)
 {
     const auto parsed = parse(std::move(arguments));
     EXPECT_TRUE(parsed.ok) << parsed.error;
-    return make_plan(parsed.options);
+    return make_plan(parsed.options, false);
 }
 
 Masks masks_of(std::vector<std::string> arguments)
@@ -190,6 +190,19 @@ TEST(CliPlan, paths_are_made_absolute_and_clean)
     char cwd[4096];
     ASSERT_TRUE(getcwd(cwd, sizeof cwd));
     EXPECT_EQ(absolute_path("."), std::filesystem::canonical(cwd).string());
+}
+
+/* A monitor in a container takes them as they are: a link such as /proc/PID/root leads into another file system. */
+TEST(CliPlan, in_a_container_links_are_not_followed)
+{
+    const Folder folder;
+    folder.dir("d/e");
+    std::filesystem::create_directory_symlink(folder.path("d"), folder.path("l"));
+    const auto parsed = parse({folder.root() + "//l/./e/"});
+    const Plan plan = make_plan(parsed.options, true);
+    ASSERT_EQ(plan.watches.size(), 1u);
+    EXPECT_EQ(plan.watches[0].path, folder.path("l/e"));
+    EXPECT_EQ(make_plan(parsed.options, false).watches[0].path, folder.path("d/e"));
 }
 
 TEST(CliPlan, what_cannot_be_watched_is_told_with_a_remedy)

@@ -172,3 +172,34 @@ TEST(CliIntake, each_source_has_its_own_callback)
     for (uint32_t i = 0; i < Intake::kMaxSources; i++)
         EXPECT_EQ(batch.event(i).source, i);
 }
+
+TEST(CliIntake, the_monitor_thread_counts_as_the_command)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_CREATE);
+    char path[] = "/log";
+    std::thread([&] {
+        struct event own = record_of(path, FMON_CREATE, static_cast<uint32_t>(gettid()));
+        EXPECT_EQ(callback(&own), 0);
+    }).join();
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+}
+
+TEST(CliIntake, while_held_events_stay_where_they_are)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_CREATE);
+    char path[] = "/a";
+    struct event wanted = record_of(path, FMON_CREATE), other = record_of(path, FMON_ATTRIB);
+    intake.hold(true);
+    EXPECT_EQ(callback(&wanted), Intake::kPauseMs);
+    EXPECT_EQ(callback(&other), 0);
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+    intake.hold(false);
+    EXPECT_EQ(callback(&wanted), 0);
+    EXPECT_TRUE(queue.take(batch));
+}

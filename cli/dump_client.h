@@ -1,0 +1,32 @@
+/*
+ * dump_client.h: finds the running watches and asks one of them.
+ */
+#ifndef CLI_DUMP_CLIENT_H
+#define CLI_DUMP_CLIENT_H
+
+#include <sys/types.h>
+
+#include <string>
+#include <vector>
+
+#include "dump_protocol.h"
+
+namespace cli
+{
+
+/* The processes that seem to listen, by the names of the kernel's table of sockets, in order. Anybody can choose such a
+ * name: is_watch() tells. */
+std::vector<pid_t> listening_pids(const char *table = "/proc/net/unix");
+
+/* Whether the process itself listens under its name, and this user may ask it. */
+bool is_watch(pid_t pid);
+
+/* "fmon watch -r /etc": the command line of a process, safe for a terminal. */
+std::string command_line(pid_t pid);
+
+/* False: `error` is one line for the user. */
+bool ask_watch(pid_t pid, const DumpRequest &request, DumpAnswer &answer, std::string &error);
+
+}  // namespace cli
+
+#endif

@@ -1,0 +1,97 @@
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+
+#include "dump_client.h"
+#include "dump_options.h"
+#include "message.h"
+#include "verbs.h"
+
+namespace cli
+{
+
+namespace
+{
+
+// A reader that has gone has what it wanted (head -1): that is no error.
+int print(const std::string &text)
+{
+    signal(SIGPIPE, SIG_IGN);
+    const bool done = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
+    if (done || errno == EPIPE)
+        return kDone;
+    complain(std::string("cannot write the output: ") + strerror(errno));
+    return kError;
+}
+
+std::string none_text(size_t others)
+{
+    if (others == 0)
+        return "no fmon watch is running that could be asked";
+    return (others == 1 ? "one fmon watch is running, and it belongs" : "all running fmon watches belong") +
+           std::string(" to another user: only root may ask ") + (others == 1 ? "it" : "them");
+}
+
+void list(const std::vector<pid_t> &pids)
+{
+    complain("more than one fmon watch is running: name its process, as in fmon dump " + std::to_string(pids[0]));
+    std::string text;
+    for (const pid_t pid : pids) {
+        std::string line = "  " + std::to_string(pid);
+        line.resize(line.size() < 11 ? 11 : line.size() + 1, ' ');
+        text += line + command_line(pid) + "\n";
+    }
+    say(text);
+}
+
+// The only watch that may be asked; 0 when there is not exactly one, which is said.
+pid_t find_only()
+{
+    std::vector<pid_t> pids;
+    const std::vector<pid_t> listening = listening_pids();
+    for (const pid_t pid : listening)
+        if (is_watch(pid))
+            pids.push_back(pid);
+    if (pids.size() == 1)
+        return pids[0];
+    if (pids.empty())
+        complain(none_text(listening.size()));
+    else
+        list(pids);
+    return 0;
+}
+
+int dump(const DumpOptions &options)
+{
+    const pid_t pid = options.pid ? options.pid : find_only();
+    if (pid == 0)
+        return kError;
+    DumpAnswer answer;
+    std::string error;
+    if (!ask_watch(pid, options.request, answer, error)) {
+        complain(error);
+        return kError;
+    }
+    if (answer.text.empty())
+        complain(std::string("the monitor of process ") + std::to_string(pid) + " has nothing to tell about " +
+                 kDumpTypeTable[options.request.type].name);
+    if (answer.cut)
+        complain("the dump is longer than 64 MB and was cut there: ask for a part with --type");
+    return print(answer.text);
+}
+
+}  // namespace
+
+int run_dump(int argc, char **argv)
+{
+    DumpOptions options;
+    std::string error;
+    if (!parse_dump(argc, argv, options, error)) {
+        complain(error);
+        return kError;
+    }
+    return options.help ? print(dump_help()) : dump(options);
+}
+
+}  // namespace cli

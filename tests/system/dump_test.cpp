@@ -1,0 +1,250 @@
+/*
+ * `fmon dump` against a running `fmon watch`, both as a user starts them.
+ */
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <cstddef>
+
+#include "harness.h"
+
+using namespace systest;
+using testlib::TempTree;
+
+namespace
+{
+
+const std::string kFmon = std::string(FMON_TEST_BIN) + "/fmon";
+
+struct Answer {
+    int status;
+    std::string text, errors;
+};
+
+std::string join(const std::vector<std::string> &lines)
+{
+    std::string text;
+    for (const std::string &line : lines)
+        text += line + "\n";
+    return text;
+}
+
+/* What a program prints until it ends. */
+Answer finish(Process &process, int ms = kPatienceMs)
+{
+    std::vector<std::string> lines;
+    while (auto line = process.line(ms))
+        lines.push_back(*line);
+    const int status = process.wait();
+    return {status, join(lines), process.errors()};
+}
+
+Answer dump(const std::vector<std::string> &arguments)
+{
+    std::vector<std::string> argv = {kFmon, "dump"};
+    argv.insert(argv.end(), arguments.begin(), arguments.end());
+    Process process({argv});
+    return finish(process);
+}
+
+void expect_has(const std::string &text, std::initializer_list<const char *> parts)
+{
+    for (const char *part : parts)
+        EXPECT_NE(text.find(part), std::string::npos) << "no '" << part << "' in:\n" << text;
+}
+
+/* One line on stderr, status 2, nothing on stdout. */
+void expect_refused(const Answer &answer, const char *reason)
+{
+    EXPECT_EQ(answer.status, 2) << answer.errors;
+    EXPECT_EQ(answer.text, "");
+    expect_has(answer.errors, {reason});
+    EXPECT_EQ(answer.errors.find('\n'), answer.errors.size() - 1) << answer.errors;
+}
+
+class Dump : public testing::Test
+{
+protected:
+    std::string pid() { return std::to_string(watch_->process().pid()); }
+
+    void SetUp() override
+    {
+        tree_.dir("sub");
+        watch_.emplace(tree_.root(), std::vector<std::string>{"-r"});
+        watch_->established();
+    }
+
+    /* Reads events until one is about that path. */
+    Json event_of(const std::string &path)
+    {
+        for (int64_t end = now_ms() + kPatienceMs; now_ms() < end;)
+            if (auto object = watch_->next(); object && object->value("path", "") == path)
+                return *object;
+        ADD_FAILURE() << "no event of " << path;
+        return {};
+    }
+
+    TempTree tree_;
+    std::optional<Watch> watch_;
+};
+
+TEST_F(Dump, EveryPart)
+{
+    const std::string watch = "    [W] " + tree_.root() + " (dentry), event ";
+    expect_has(dump({"-t", "instances", pid()}).text,
+               {"Instance:\n  watch id 0\n", watch.c_str(), "flags dir,recursive,sync, maxdepth 0, maxsubdirs 0"});
+    EXPECT_EQ(dump({"-t", "waiting", pid()}).text, "TBD list:\n");
+    expect_has(dump({"-t", "dentries", pid()}).text, {"Dentry:\n  /", ("  " + tree_.path("sub") + "\n").c_str()});
+    EXPECT_EQ(dump({"-t", "events", pid()}).text, "Events:\ncount: 0\n");
+    for (const char *part : {"backend", "files"}) {
+        const Answer answer = dump({"-t", part, pid()});
+        EXPECT_EQ(answer.status, 0);
+        EXPECT_EQ(answer.text, "");
+        expect_has(answer.errors, {"has nothing to tell about", part});
+    }
+    const Answer all = dump({pid()});
+    EXPECT_EQ(all.status, 0);
+    EXPECT_EQ(all.errors, "");
+    expect_has(all.text, {"Instance:\n", "\n\nTBD list:\n", "\n\nDentry:\n", "\n\nEvents:\ncount: 0\n"});
+    for (int type = 0; type <= 6; type++)
+        EXPECT_EQ(dump({"-t", std::to_string(type), pid()}).status, 0) << type;
+    EXPECT_EQ(dump({"-t", "0", pid()}).text, all.text);
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+/* How long the command needs to start is not known, so that a longer hold is tried where a short one missed. */
+TEST_F(Dump, HoldShowsEventsAndLosesNone)
+{
+    Answer answer;
+    std::string first, evil;
+    for (int seconds = 1; seconds <= 16 && answer.text.find("first") == std::string::npos; seconds *= 2) {
+        Process held({{kFmon, "dump", "-t", "events", "--hold", std::to_string(seconds), pid()}});
+        pause_ms(seconds * 300);
+        first = tree_.path("first" + std::to_string(seconds));
+        evil = tree_.path("sub/a\n\033[31m" + std::to_string(seconds));
+        make_file(first);
+        make_file(evil);
+        answer = finish(held, 2 * kPatienceMs);
+        EXPECT_EQ(answer.status, 0) << answer.errors;
+        EXPECT_EQ(event_of(first)["events"], Json::array({"create"}));
+        event_of(evil);
+    }
+    expect_has(answer.text, {"Events:\ncount: ", (first + ", event ").c_str(), "create pid 0, ref 1, pending 0\n",
+                             (tree_.path("sub/a\\n\\033[31m")).c_str()});
+    EXPECT_EQ(answer.text.find('\033'), std::string::npos);
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+TEST_F(Dump, HoldThatTheWatchsEndBreaksLosesNone)
+{
+    Process held({{kFmon, "dump", "--hold", "30", pid()}});
+    pause_ms(500);
+    make_file(tree_.path("late"));
+    pause_ms(300);
+    watch_->process().send(SIGINT);
+    event_of(tree_.path("late"));
+    EXPECT_EQ(watch_->process().wait(), 0);
+    const Answer answer = finish(held);
+    EXPECT_TRUE(answer.status == 0 || answer.status == 2) << answer.status;
+}
+
+TEST_F(Dump, KilledAskerIsForgotten)
+{
+    {
+        Process held({{kFmon, "dump", "--hold", "30", pid()}});
+        pause_ms(500);
+        held.send(SIGKILL);
+        held.wait();
+    }
+    make_file(tree_.path("after"));
+    event_of(tree_.path("after"));
+    EXPECT_EQ(dump({pid()}).status, 0);
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+TEST_F(Dump, StoppedAskerDoesNotStopTheWatch)
+{
+    Process held({{kFmon, "dump", "--hold", "0.2", pid()}});
+    held.send(SIGSTOP);
+    make_file(tree_.path("meanwhile"));
+    event_of(tree_.path("meanwhile"));
+    held.send(SIGCONT);
+    held.wait();
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+TEST_F(Dump, LeavesTheLogAlone)
+{
+    TempTree log;
+    log.dir("home");
+    symlink(FMON_TEST_BIN, log.path("home/bin").c_str());
+    symlink(FMON_TEST_LIB, log.path("home/lib").c_str());
+    Process quiet({{kFmon, "watch", "--log", "stderr", "--format", "json", tree_.root()},
+                   false,
+                   {"FMON_HOME=" + log.path("home")}});
+    quiet.line();
+    const std::string before = quiet.errors();
+    EXPECT_EQ(dump({std::to_string(quiet.pid())}).status, 0);
+    pause_ms(100);
+    EXPECT_EQ(quiet.errors(), before);
+    EXPECT_EQ(quiet.interrupt(), 0);
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+TEST_F(Dump, SeveralAreListed)
+{
+    Process other({{kFmon, "watch", "--format", "json", tree_.path("sub")}});
+    other.line();
+    const Answer answer = dump({});
+    EXPECT_EQ(answer.status, 2);
+    EXPECT_EQ(answer.text, "");
+    expect_has(answer.errors, {"more than one fmon watch is running", ("  " + pid() + " ").c_str(),
+                               ("  " + std::to_string(other.pid()) + " ").c_str(), "watch --format json"});
+    expect_has(dump({"-t", "1", std::to_string(other.pid())}).text, {(tree_.path("sub") + " (dentry)").c_str()});
+    EXPECT_EQ(other.interrupt(), 0);
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+/* Asks by hand, since another user may not be able to enter the folder that the command is in. */
+std::string answer_to_user(uid_t uid, pid_t watch)
+{
+    const std::string name = "fmon/" + std::to_string(watch);
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    name.copy(address.sun_path + 1, sizeof address.sun_path - 1);
+    const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    EXPECT_EQ(seteuid(uid), 0);
+    const socklen_t size = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
+    EXPECT_EQ(connect(fd, reinterpret_cast<struct sockaddr *>(&address), size), 0);
+    EXPECT_EQ(seteuid(0), 0);
+    char bytes[256] = {};
+    (void)!send(fd, "dump 0 0\n", 9, MSG_NOSIGNAL); /* who is refused may be told before asking */
+    const ssize_t n = recv(fd, bytes, sizeof bytes - 1, 0);
+    close(fd);
+    return {bytes, n > 0 ? static_cast<size_t>(n) : 0};
+}
+
+TEST_F(Dump, AnotherUserIsRefused)
+{
+    NEED(geteuid() == 0, "only root can become another user");
+    expect_has(answer_to_user(65534, watch_->process().pid()), {"Eonly root and the user who runs it may ask it"});
+    EXPECT_EQ(answer_to_user(0, watch_->process().pid()).substr(0, 11), "L\nInstance:");
+    EXPECT_EQ(watch_->stop(), 0);
+}
+
+TEST(DumpOfNothing, OneLineEach)
+{
+    expect_refused(dump({"2147483646"}), "there is no process 2147483646");
+    expect_refused(dump({"1"}), "process 1 is no running fmon watch");
+    expect_refused(dump({std::to_string(getpid())}), "is no running fmon watch");
+    expect_refused(dump({"-t", "7"}), "--type takes all, instances, waiting, dentries, events, backend, files");
+    expect_refused(dump({"--hold", "x"}), "--hold takes seconds");
+    const Answer help = dump({"--help"});
+    EXPECT_EQ(help.status, 0);
+    expect_has(help.text, {"Usage: fmon dump", "--hold S", "Examples:"});
+}
+
+}  // namespace
