@@ -57,14 +57,8 @@ void set_log(const WatchOptions &options)
         detach_stderr();
 }
 
-// The monitor loads the library by itself wherever it is there.
-bool may_do_without_probes(std::string &error)
-{
-    const std::string library = probe_library();
-    if (access(library.c_str(), F_OK) == 0)
-        error = "--probes off: the monitor uses " + library + " wherever it is there: move it away";
-    return error.empty();
-}
+// The monitor loads the library by itself wherever it finds it.
+void hide_probe_library() { orx_host_path_override(kProbeLibrary, "/dev/null/hidden-by---probes-off"); }
 
 bool has_probes(const LogWatch &log, const Module &module, std::string &error)
 {
@@ -81,8 +75,10 @@ bool has_probes(const LogWatch &log, const Module &module, std::string &error)
 bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error)
 {
     const std::string folder = library_folder();
-    if (!load_module(folder, module, error) || (options.probes == Probes::kOff && !may_do_without_probes(error)))
+    if (!load_module(folder, module, error))
         return false;
+    if (options.probes == Probes::kOff)
+        hide_probe_library();
     set_values(options);
     set_log(options);
     log.start();

@@ -18,7 +18,7 @@ namespace cli
 namespace
 {
 
-constexpr char kLibrary[] = "@/../lib/liborx_kp_thread.2.so", kConfig[] = "@/../config/fmon.ini";
+constexpr char kConfig[] = "@/../config/fmon.ini";
 
 const char *const kEntries[] = {"_kp_ins_crt",      "_os_info_get",     "_kp_evt_reg", "kp_event_parse",
                                 "_kp_event_enable", "_kp_event_filter", "_cache_clean"};
@@ -145,7 +145,7 @@ ProbeCause read_probe_line(std::string_view text, std::string_view file)
     return ProbeCause::kNone;
 }
 
-std::string probe_library() { return in_installation(kLibrary); }
+std::string probe_library() { return in_installation(kProbeLibrary); }
 
 ProbeFacts gather_probe_facts(bool container)
 {

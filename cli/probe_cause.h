@@ -52,7 +52,10 @@ struct ProbeFacts {
 /* Looks where the monitor looks. Loads the library, which then stays loaded, as far as that can be done. */
 ProbeFacts gather_probe_facts(bool container);
 
-/* Where the monitor looks for the library: without "bin/../", for people to read. */
+/* The library as the monitor asks for it. */
+inline constexpr char kProbeLibrary[] = "@/../lib/liborx_kp_thread.2.so";
+
+/* Where the monitor looks for it: without "bin/../", for people to read. */
 std::string probe_library();
 
 /* The cause when what the machine shows is taken into account: a container wins over all, and a library that lacks a

@@ -1,12 +1,16 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <map>
+#include <mutex>
+#include <optional>
 #include <string>
 
 #include <unistd.h>
 
 #include "guard.h"
 #include "orx_base.h"
+#include "orx_host.h"
 
 namespace
 {
@@ -49,16 +53,53 @@ std::string agent_folder()
 
 bool starts_with_agent_folder(const char *path) { return path[0] == '@' && (path[1] == '/' || path[1] == 0); }
 
+/* What orx_host_path_override has set, for the life of the process. */
+struct Overrides {
+    std::mutex lock;
+    std::map<std::string, std::string> targets;
+};
+
+Overrides &overrides()
+{
+    static Overrides *const all = new Overrides; /* never destroyed: threads may ask while the process ends */
+    return *all;
+}
+
+std::optional<std::string> overridden(const std::string &path)
+{
+    Overrides &set = overrides();
+    const std::lock_guard hold(set.lock);
+    const auto found = set.targets.find(path);
+    return found == set.targets.end() ? std::nullopt : std::optional(found->second);
+}
+
+void set_override(const char *path, const char *target)
+{
+    Overrides &set = overrides();
+    const std::lock_guard hold(set.lock);
+    if (target)
+        set.targets[path] = target;
+    else
+        set.targets.erase(path);
+}
+
+int copy_path(const std::string &path, char *out, size_t out_size)
+{
+    return orx_str_strlcpy(out, path.c_str(), out_size) < out_size ? 0 : -1;
+}
+
 int transform(const char *in, char *out, size_t out_size)
 {
     std::string path = in;
+    if (const auto target = overridden(path))
+        return copy_path(*target, out, out_size);
     if (starts_with_agent_folder(in)) {
         std::string folder = agent_folder();
         if (folder.empty())
             return -1;
         path.replace(0, 1, folder);
     }
-    return orx_str_strlcpy(out, path.c_str(), out_size) < out_size ? 0 : -1;
+    return copy_path(path, out, out_size);
 }
 
 }  // namespace
@@ -72,4 +113,14 @@ int orx_dirutils_path_transform(const char *in, char *out, size_t out_size)
     if (!in)
         return -1;
     return host::without_exceptions(-1, [&] { return transform(in, out, out_size); });
+}
+
+int orx_host_path_override(const char *path, const char *target)
+{
+    if (!path)
+        return -1;
+    return host::without_exceptions(-1, [=] {
+        set_override(path, target);
+        return 0;
+    });
 }

@@ -30,6 +30,11 @@ void orx_host_log_capture(orx_log_sink sink, void *arg);
  * load as an empty one. Values are copied. 0, or -1 when memory runs out. A null value takes the override back. */
 int orx_host_ini_override(const char *section, const char *key, const char *value);
 
+/* Makes orx_dirutils_path_transform answer `target`, as it is, for exactly `path` ("@/../lib/libx.so"): a plug-in then
+ * finds another file, or none, in its place. Values are copied. 0, or -1 when memory runs out. A null target takes the
+ * override back. */
+int orx_host_path_override(const char *path, const char *target);
+
 #ifdef __cplusplus
 }
 #endif

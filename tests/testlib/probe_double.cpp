@@ -90,12 +90,10 @@ void ProbeDouble::forget_calls() { tree_.remove("calls"); }
 
 std::string ProbeDouble::frame(const std::string &event, uint32_t pid, const std::string &record)
 {
-    char head[16] = "";
-    const uint32_t size = static_cast<uint32_t>(record.size());
-    memcpy(head, event.data(), event.size());
-    memcpy(head + 8, &pid, sizeof pid);
-    memcpy(head + 12, &size, sizeof size);
-    return std::string(head, sizeof head) + record;
+    const uint32_t numbers[] = {pid, static_cast<uint32_t>(record.size())};
+    std::string head = event;
+    head.resize(8);
+    return head.append(reinterpret_cast<const char *>(numbers), sizeof numbers) + record;
 }
 
 void ProbeDouble::put(const std::string &event, uint32_t pid, const std::string &record, int index)

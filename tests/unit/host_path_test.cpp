@@ -4,6 +4,7 @@
 
 #include "host_support.h"
 #include "orx_base.h"
+#include "orx_host.h"
 
 namespace
 {
@@ -55,6 +56,20 @@ TEST(Path, DoesNotDependOnTheCurrentFolder)
     unsetenv("FMON_HOME");
     EXPECT_EQ(transformed("@/x"), first);
     std::filesystem::current_path(before);
+}
+
+TEST(Path, CanBeOverridden)
+{
+    Environment home("FMON_HOME", "/opt/agent");
+    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", "/elsewhere/@/a.so"), 0);
+    EXPECT_EQ(transformed("@/../lib/a.so"), "/elsewhere/@/a.so") << "taken as it is";
+    EXPECT_EQ(transformed("@/../lib/a.so.1"), "/opt/agent/bin/../lib/a.so.1");
+    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", ""), 0);
+    EXPECT_EQ(transformed("@/../lib/a.so"), "");
+    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", nullptr), 0);
+    EXPECT_EQ(transformed("@/../lib/a.so"), "/opt/agent/bin/../lib/a.so");
+    EXPECT_EQ(orx_host_path_override("never set", nullptr), 0);
+    EXPECT_EQ(orx_host_path_override(nullptr, "/x"), -1);
 }
 
 TEST(Path, TellsWhenItDoesNotFit)

@@ -18,7 +18,6 @@
 #include <fcntl.h>
 #include <limits.h>
 #include <pthread.h>
-#include <stdarg.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -79,24 +78,26 @@ static FILE *open_text(const char *name)
 }
 
 /* One write a line: switches come from other threads. */
-__attribute__((format(printf, 1, 2))) static void note(const char *fmt, ...)
+static void note_line(char *line)
 {
-    char path[PATH_MAX], line[16384];
-    va_list args;
-    va_start(args, fmt);
-    int length = vsnprintf(line, sizeof line - 1, fmt, args);
-    va_end(args);
-    if (length < 0 || length > (int)sizeof line - 2)
-        length = (int)sizeof line - 2;
-    line[length] = '\n';
+    char path[PATH_MAX];
     in_folder(path, "calls");
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0)
         return;
-    if (write(fd, line, (size_t)length + 1) < 0)
+    const size_t length = strlen(line);
+    line[length] = '\n';
+    if (write(fd, line, length + 1) < 0)
         abort();
     close(fd);
 }
+
+#define NOTE(...)                                     \
+    do {                                              \
+        char line[16384];                             \
+        snprintf(line, sizeof line - 1, __VA_ARGS__); \
+        note_line(line);                              \
+    } while (0)
 
 /* Whether `words` are a line of `behave`; with `number`, whether they begin one, and the number behind them. */
 static int told(const char *words, int *number)
@@ -162,7 +163,7 @@ static struct probe_instance *known(void *handle, const char *symbol)
     for (int i = 0; i < INSTANCES; i++)
         if (handle == &instances[i] && instances[i].name[0])
             return handle;
-    note("stale %s", symbol);
+    NOTE("stale %s", symbol);
     return NULL;
 }
 
@@ -287,7 +288,7 @@ static int32_t wanted_descriptors(void)
 #ifndef WITHOUT__os_info_get
 EXPORT int32_t _os_info_get(const struct kp_os_info **out)
 {
-    note("os_info_get");
+    NOTE("os_info_get");
     if (told_to_fail("_os_info_get", NULL))
         return FAILED;
     read_os_info();
@@ -299,33 +300,33 @@ EXPORT int32_t _os_info_get(const struct kp_os_info **out)
 #ifndef WITHOUT__kp_ins_crt
 EXPORT void *_kp_ins_crt(const char *name, int32_t **fds, int32_t *count)
 {
-    note("ins_crt %s", name);
-    struct probe_instance *inst = instance_named(name);
-    if (!inst || told_to_fail("_kp_ins_crt", name))
+    NOTE("ins_crt %s", name);
+    struct probe_instance *self = instance_named(name);
+    if (!self || told_to_fail("_kp_ins_crt", name))
         return NULL;
-    close_instance(inst);
-    snprintf(inst->name, sizeof inst->name, "%s", name);
+    close_instance(self);
+    snprintf(self->name, sizeof self->name, "%s", name);
     const int32_t n = wanted_descriptors();
     *count = n;
     if (n == 0)
-        return inst;
-    inst->sources = calloc((size_t)n, sizeof *inst->sources);
+        return self;
+    self->sources = calloc((size_t)n, sizeof *self->sources);
     *fds = calloc((size_t)n, sizeof **fds);
-    if (!inst->sources || !*fds || open_sources(inst, *fds) != 0)
+    if (!self->sources || !*fds || open_sources(self, *fds) != 0)
         abort();
-    return inst;
+    return self;
 }
 #endif
 
 #ifndef WITHOUT__kp_evt_reg
 static const char *text_at(uint64_t address) { return address ? (const char *)(uintptr_t)address : ""; }
 
-static struct event *event_to_register(struct probe_instance *inst, const char *name)
+static struct event *event_to_register(struct probe_instance *self, const char *name)
 {
-    struct event *ev = event_named(inst, name);
+    struct event *ev = event_named(self, name);
     for (int i = 0; !ev && i < EVENTS; i++)
-        if (!inst->events[i].name[0])
-            ev = &inst->events[i];
+        if (!self->events[i].name[0])
+            ev = &self->events[i];
     return ev;
 }
 
@@ -340,15 +341,15 @@ static void copy_event(struct event *ev, const struct kp_probe_def *def, kp_reco
     ev->on = !strcmp(def->name, "Ki");
 }
 
-EXPORT int32_t _kp_evt_reg(void *handle, struct kp_probe_def *def, kp_record_cb cb)
+EXPORT int32_t _kp_evt_reg(void *inst, struct kp_probe_def *def, kp_record_cb cb)
 {
-    note("evt_reg %s %s %c %c \"%s\" \"%s\"", def->name, def->point, def->c0, def->kind, text_at(def->fetch.u),
-         text_at(def->filter.u));
-    struct probe_instance *inst = known(handle, "_kp_evt_reg");
-    if (!inst || told_to_fail("_kp_evt_reg", def->name))
+    NOTE("evt_reg %s %s %c %c \"%s\" \"%s\"", def->name, def->point, def->c0 ? def->c0 : '-',
+         def->kind ? def->kind : '-', text_at(def->fetch.u), text_at(def->filter.u));
+    struct probe_instance *self = known(inst, "_kp_evt_reg");
+    if (!self || told_to_fail("_kp_evt_reg", def->name))
         return FAILED;
     pthread_mutex_lock(&lock);
-    struct event *ev = event_to_register(inst, def->name);
+    struct event *ev = event_to_register(self, def->name);
     if (ev)
         copy_event(ev, def, cb);
     pthread_mutex_unlock(&lock);
@@ -357,34 +358,34 @@ EXPORT int32_t _kp_evt_reg(void *handle, struct kp_probe_def *def, kp_record_cb 
 #endif
 
 #ifndef WITHOUT_kp_event_parse
-EXPORT int32_t kp_event_parse(int32_t index, void *handle)
+EXPORT int32_t kp_event_parse(int32_t index, void *inst)
 {
-    struct probe_instance *inst = known(handle, "kp_event_parse");
-    if (!inst)
+    struct probe_instance *self = known(inst, "kp_event_parse");
+    if (!self)
         return FAILED;
-    note("event_parse %s %d", inst->name, index);
-    if (told_to_fail("kp_event_parse", inst->name) || index < 0 || index >= inst->count)
+    NOTE("event_parse %s %d", self->name, index);
+    if (told_to_fail("kp_event_parse", self->name) || index < 0 || index >= self->count)
         return FAILED;
-    struct source *src = &inst->sources[index];
+    struct source *src = &self->sources[index];
     struct frame head;
     int32_t taken = 0;
     for (int n = 0; n < FRAMES_A_CALL && take_frame(src, &head); n++) {
         src->have = 0;
-        taken += hand_on(inst, &head, src->bytes + sizeof head);
+        taken += hand_on(self, &head, src->bytes + sizeof head);
     }
     return taken;
 }
 #endif
 
 #ifndef WITHOUT__kp_event_enable
-EXPORT int32_t _kp_event_enable(uint8_t on, const char *event_name, void *handle)
+EXPORT int32_t _kp_event_enable(uint8_t on, const char *event_name, void *inst)
 {
-    note("event_enable %d %s", on, event_name);
-    struct probe_instance *inst = known(handle, "_kp_event_enable");
-    if (!inst || told_to_fail("_kp_event_enable", event_name))
+    NOTE("event_enable %d %s", on, event_name);
+    struct probe_instance *self = known(inst, "_kp_event_enable");
+    if (!self || told_to_fail("_kp_event_enable", event_name))
         return FAILED;
     pthread_mutex_lock(&lock);
-    struct event *ev = event_named(inst, event_name);
+    struct event *ev = event_named(self, event_name);
     if (ev)
         ev->on = on != 0 && on != '0';
     pthread_mutex_unlock(&lock);
@@ -393,11 +394,11 @@ EXPORT int32_t _kp_event_enable(uint8_t on, const char *event_name, void *handle
 #endif
 
 #ifndef WITHOUT__kp_event_filter
-EXPORT int32_t _kp_event_filter(const char *event_name, const char *filter, void *handle)
+EXPORT int32_t _kp_event_filter(const char *event_name, const char *filter, void *inst)
 {
-    note("event_filter %s \"%s\"", event_name, filter);
-    struct probe_instance *inst = known(handle, "_kp_event_filter");
-    struct event *ev = inst ? event_named(inst, event_name) : NULL;
+    NOTE("event_filter %s \"%s\"", event_name, filter);
+    struct probe_instance *self = known(inst, "_kp_event_filter");
+    struct event *ev = self ? event_named(self, event_name) : NULL;
     if (!ev || told_to_fail("_kp_event_filter", event_name))
         return FAILED;
     free(ev->filter);
@@ -407,18 +408,18 @@ EXPORT int32_t _kp_event_filter(const char *event_name, const char *filter, void
 #endif
 
 #ifndef WITHOUT__cache_clean
-EXPORT int32_t _cache_clean(void *handle)
+EXPORT int32_t _cache_clean(void *inst)
 {
-    struct probe_instance *inst = known(handle, "_cache_clean");
-    if (!inst)
+    struct probe_instance *self = known(inst, "_cache_clean");
+    if (!self)
         return FAILED;
-    note("cache_clean %s", inst->name);
-    if (told_to_fail("_cache_clean", inst->name))
+    NOTE("cache_clean %s", self->name);
+    if (told_to_fail("_cache_clean", self->name))
         return FAILED;
     char bytes[MAX_FRAME];
-    for (int32_t i = 0; i < inst->count; i++) {
-        inst->sources[i].have = 0;
-        while (read(inst->sources[i].fd, bytes, sizeof bytes) > 0) {
+    for (int32_t i = 0; i < self->count; i++) {
+        self->sources[i].have = 0;
+        while (read(self->sources[i].fd, bytes, sizeof bytes) > 0) {
         }
     }
     return 0;
