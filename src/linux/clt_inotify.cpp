@@ -76,8 +76,9 @@ int kp_inotify_init(int32_t *descriptors_out)
 {
     kp_inotify_destroy();
     void *instance = kp::create_instance(kFile, "clt_inotify", &state.fds, &state.fd_count);
-    if (!instance) {
+    if (!instance)
         FMON_LOG(2, kFile, "create kprobe instance failed!"); /* once more, for the source as a whole */
+    if (!instance || clt_inotify_room <= 0) {
         kp_inotify_destroy();
         return -1;
     }

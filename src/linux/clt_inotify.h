@@ -12,7 +12,8 @@
 
 extern "C" {
 
-/* Creates the probe instance; fills at most `clt_inotify_room` descriptors and returns how many; negative: none. */
+/* Creates the probe instance; fills at most `clt_inotify_room` descriptors and returns how many; negative: there is no
+ * instance, or no room for any descriptor. */
 FMON_API int kp_inotify_init(int32_t *descriptors_out);
 
 /* Chooses and registers the probe for the running kernel, on the monitor thread, whose own events it leaves out. The

@@ -47,6 +47,10 @@ constexpr int32_t kPlainFds = 3;
 /* Positions beyond the computed number: the fanotify pair behind a full set of probe sources. */
 constexpr int32_t kSlack = 2;
 
+/* The reader without probes looks at the first three positions only: whatever the library offers is then left alone, so
+ * that these are inotify and the fanotify pair. */
+bool reader_knows_probes() { return fmon_method.read_event != fmon_linux_read_event2; }
+
 /* How many positions the descriptor array has; also chooses the reader. */
 int32_t decide_fd_num()
 {
@@ -104,7 +108,7 @@ int make_arrays(int32_t capacity)
 
 int open_inotify(int32_t capacity)
 {
-    clt_inotify_room = capacity - 2;
+    clt_inotify_room = reader_knows_probes() ? capacity - kSlack : 0;
     int k = init_inotify(fmlnx.fds);
     fmlnx.inotify_num = k;
     if (k >= 0) {
@@ -147,9 +151,11 @@ void open_global()
         return;
 
     fmlnx.kp_global = 1;
-    clt_file_room = slots;
-    if (init_kpnotify(&fmlnx.fds[first]) >= 0)
+    clt_file_room = reader_knows_probes() ? slots : 0;
+    const bool started = init_kpnotify(&fmlnx.fds[first]) >= 0;
+    if (started && reader_knows_probes())
         return;
+    kp_notify_destroy();
     fmlnx.kp_global = 0;
     FMON_LOG(1, kFile, "init kpnotify failed");
     FMON_LOG(4, kFile, "kp_fd_num:%d, fd_num:%d, cur_fd_num:%d", fmlnx.inotify_num, fmlnx.fd_num, first);

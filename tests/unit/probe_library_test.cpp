@@ -99,8 +99,28 @@ TEST(ProbeLibrary, WithoutOsInfoThereAreNoSystemEvents)
         EXPECT_EQ(fmon_linux_read_event2, fmon_method.read_event);
         get_inotify_event();
         EXPECT_TRUE(logged(2, "calculate kprobe cmd failed !"));
-        m.turn();
+        expect_directories_are_watched(m);
         expect_no_system_events();
+        EXPECT_TRUE(m.probes.calls("stale").empty()) << "an instance of a library that was closed";
+    });
+}
+
+/* The reader without probes is for the life of the process, so a library that comes later is left alone. */
+TEST(ProbeLibrary, ALibraryThatComesLaterIsNotReadByTheSimpleReader)
+{
+    without("_os_info_get", [](ProbeMachine &m) {
+        start(m);
+        m.stop();
+        testlib::set_program_dir(testlib::probe_double_installation("") + "/bin");
+        testlib::log_clear();
+        start(m);
+        EXPECT_EQ(0, log_count_containing("maybe not support kprobe!"));
+        EXPECT_EQ(fmon_linux_read_event2, fmon_method.read_event);
+        expect_directories_are_watched(m);
+        expect_no_system_events();
+        EXPECT_EQ(1, log_count(1, "init kpnotify failed"));
+        for (int i = 3; i < fmlnx.fd_num; i++)
+            EXPECT_LE(fmlnx.fds[i], 0) << "nothing to wait for that is never read";
     });
 }
 
@@ -211,9 +231,10 @@ PROBE_CASE(ProbeRefusal, OfOsInfo)
     m.probes.behave("fail _os_info_get");
     start(m);
     EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
-    EXPECT_EQ(0, get_inotify_event()); /* kept: an empty definition is registered all the same */
+    EXPECT_EQ(-1, get_inotify_event());
     EXPECT_TRUE(logged(2, "calculate kprobe cmd failed !"));
-    EXPECT_EQ(1u, m.probes.calls("evt_reg  ").size());
+    EXPECT_TRUE(m.probes.calls("evt_reg").empty());
+    expect_directories_are_watched(m);
     expect_no_system_events();
 }
 
