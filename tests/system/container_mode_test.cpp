@@ -69,14 +69,21 @@ bool bind_folders(const std::string &root)
     return true;
 }
 
-bool enter_container()
+/* The step that failed, empty when all is well. */
+std::string enter_container()
 {
     const std::string root = place_for_root();
     host_namespace = open("/proc/self/ns/mnt", O_RDONLY | O_CLOEXEC);
-    return !root.empty() && host_namespace >= 0 && unshare(CLONE_NEWNS) == 0 &&
-           mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-           mount("container", root.c_str(), "tmpfs", 0, nullptr) == 0 && bind_tree("/", root + "/rootfs") &&
-           bind_folders(root) && chroot(root.c_str()) == 0 && chdir("/") == 0;
+    if (root.empty() || host_namespace < 0 || unshare(CLONE_NEWNS) != 0)
+        return "a namespace";
+    if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0 ||
+        mount("container", root.c_str(), "tmpfs", 0, nullptr) != 0)
+        return "a root";
+    if (!bind_tree("/", root + "/rootfs"))
+        return "/rootfs";
+    if (!bind_folders(root))
+        return "the machine's folders";
+    return chroot(root.c_str()) == 0 && chdir("/") == 0 ? "" : "chroot";
 }
 
 /* The number of the mount that a path is on, as seen from the namespace of the caller. */
@@ -117,9 +124,11 @@ protected:
     void SetUp() override
     {
         NEED(can_mount() && can_fanotify(), "a mount namespace and fanotify need root");
-        if (!in_container)
-            in_container = enter_container();
-        ASSERT_TRUE(in_container) << strerror(errno);
+        if (!in_container) {
+            const std::string failed = enter_container();
+            ASSERT_EQ(failed, "") << strerror(errno);
+            in_container = true;
+        }
         home.dir("bin");
         home.dir("double");
         home.dir("var/log/agent/fmon");
