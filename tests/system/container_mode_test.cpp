@@ -305,9 +305,11 @@ TEST_F(ContainerMode, TheNameBelowTheRootOnlyBeginsWithRootfs)
 {
     install("whole");
     make_dir("/rootfs-like");
-    ContainerWatch watch(watch_command({"-e", "create", "/rootfs-like"}));
-    make_file("/rootfs-like/f");
-    watch.expect({"create /rootfs-like/f -"});
+    {
+        ContainerWatch watch(watch_command({"-e", "create", "/rootfs-like"}));
+        make_file("/rootfs-like/f");
+        watch.expect({"create /rootfs-like/f -"});
+    } /* before what it watches goes */
     fs::remove_all("/rootfs-like");
 }
 
