@@ -32,7 +32,7 @@ struct kp_os_info {
 
 /* A probe to register: a wire format, the same in 32-bit and 64-bit builds. */
 struct kp_probe_def {
-    char c0;
+    char c0;   /* '1': switched on at once; '0': by _kp_event_enable */
     char kind; /* 'p': at function entry */
     char pad[6];
     union {
@@ -66,6 +66,28 @@ int32_t _kp_event_filter(const char *event_name, const char *filter, void *inst)
 
 /* Throws away the records that wait in the library. */
 int32_t _cache_clean(void *inst);
+
+/* ---- additions of our own: other libraries may lack them ---- */
+
+/* What became of the probe hits of an instance that are not among the records handed on. */
+struct kp_losses {
+    uint64_t delivered;  /* handed on, for comparison */
+    uint64_t ring;       /* the kernel had no room for the record */
+    uint64_t queue;      /* the library had no room for it */
+    uint64_t cleaned;    /* thrown away by _cache_clean */
+    uint64_t unreadable; /* a name could not be read, or no mount is known for it */
+    uint64_t missed;     /* the kernel could not run the probe */
+};
+
+/* Any thread. 0; negative: no such instance. */
+int32_t kp_loss_counts(void *inst, struct kp_losses *out);
+
+/* Ends an instance and deletes its probes; creating one of the same name again does so as well. The descriptors that
+ * were handed out are the caller's and stay open. 0; negative: no such instance. */
+int32_t kp_ins_del(void *inst);
+
+/* Why _os_info_get fails, in words for a person; empty where it does not. Stays valid. */
+const char *kp_unavailable(void);
 
 static_assert(sizeof(struct kp_os_info) == 12, "os-info record");
 static_assert(offsetof(struct kp_os_info, major) == 1, "os-info record");

@@ -1,0 +1,363 @@
+#include "instance.h"
+
+#include <fcntl.h>
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+#include <ctime>
+#include <exception>
+
+#include "log.h"
+
+namespace kprobe
+{
+
+namespace
+{
+
+constexpr size_t kMaxName = 40;      // of an event; the kernel takes 63 bytes with the process id
+constexpr size_t kBell = 4096;       // a bell is disarmed soon after it has rung
+constexpr int kFirstDescriptor = 3;  // the monitor takes 0 for an empty place
+
+}  // namespace
+
+Instance::Instance(const Tracefs &tracefs, const Facts &facts, std::string group)
+    : tracefs_(tracefs), facts_(facts), group_(std::move(group))
+{
+}
+
+Instance::~Instance()
+{
+    const std::lock_guard lock(control_);
+    for (const auto &probe : probes_)
+        undefine(probe.get());
+}
+
+int Instance::open(const std::vector<int> &cpus, size_t queues, const Sizes &sizes)
+{
+    for (const int cpu : cpus) {
+        rings_.push_back(std::make_unique<Ring>());
+        bells_.push_back(std::make_unique<Ring>());
+        int status = rings_.back()->open(cpu, sizes.ring);
+        if (status == 0)
+            status = bells_.back()->open(cpu, kBell, Use::kBell);
+        if (status < 0)
+            return status;
+        bell_fds_.push_back(bells_.back()->fd());
+    }
+    for (size_t i = 0; i < queues; i++) {
+        auto queue = std::make_unique<Queue>();
+        queue->signal.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+        if (!queue->signal)
+            return -errno;
+        if (!queue->records.open(sizes.queue))
+            return -ENOMEM;
+        queues_.push_back(std::move(queue));
+    }
+    newest_.resize(rings_.size());
+    return 0;
+}
+
+std::vector<Fd> Instance::copy_descriptors() const
+{
+    std::vector<Fd> out;
+    out.reserve(queues_.size());
+    for (const auto &queue : queues_) {
+        out.emplace_back(fcntl(queue->signal.get(), F_DUPFD_CLOEXEC, kFirstDescriptor));
+        if (!out.back())
+            return {};
+    }
+    return out;
+}
+
+void Instance::arm_bells(bool on)
+{
+    for (const auto &bell : bells_) {
+        bell->arm(on);
+        bell->forget();
+    }
+}
+
+std::vector<Ring *> Instance::list(const std::vector<std::unique_ptr<Ring>> &rings)
+{
+    std::vector<Ring *> out(rings.size());
+    std::transform(rings.begin(), rings.end(), out.begin(), [](const auto &ring) { return ring.get(); });
+    return out;
+}
+
+// ---- probes ----
+
+Instance::Probe *Instance::find(const std::string &event)
+{
+    for (const auto &probe : probes_)
+        if (!probe->gone && probe->def.name == event)
+            return probe.get();
+    return nullptr;
+}
+
+// What the kernel is given for a filter in the monitor's words.
+std::string Instance::kernel_filter(const Probe &probe, const std::string &text)
+{
+    if (probe.plan.shape == Shape::kInotify)
+        return filter_with_ends(text);
+    if (!probe.plan.by_device || text.empty())
+        return text;
+    const std::lock_guard lock(mounts_lock_);
+    mounts_.refresh(read_mounts());
+    mounts_read_ = now_ns();
+    mounts_.want(mount_ids(text));
+    return filter_by_device(whole_filter(probe.def, text), mounts_);
+}
+
+std::string Instance::why_refused(const Probe &probe, const std::string &filter) const
+{
+    const int watcher = facts_.deletes_safely() ? 0 : tracefs_.watcher();
+    if (watcher == 0)
+        return tracefs_.filter_error(group_, probe.event, filter);
+    return strerror(EINVAL) + std::string("; process ") + std::to_string(watcher) +
+           " watches tracefs with fanotify, so that the kernel is not asked for its reason";
+}
+
+int Instance::open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells)
+{
+    bool bad_filter;
+    int status = events->open(probe->event_id, list(rings_), filter, &bad_filter);
+    if (status == 0)
+        status = bells->open(probe->event_id, list(bells_), filter, &bad_filter);
+    if (status < 0 && bad_filter)
+        KP_LOG(1, "filter of %s refused: %s: %s", probe->def.name.c_str(), filter.c_str(),
+               why_refused(*probe, filter).c_str());
+    else if (status < 0)
+        KP_LOG(1, "probe %s cannot be read: %s", probe->def.name.c_str(), strerror(-status));
+    return status;
+}
+
+// From a plan to a probe in the kernel, switched off; nothing of it where that fails.
+int Instance::define(Probe *probe)
+{
+    int status = -ENOMEM;
+    try {
+        status = define_in_kernel(probe);
+    } catch (const std::exception &) {  // out of memory
+    }
+    if (status < 0)
+        undefine(probe);
+    return status;
+}
+
+int Instance::define_in_kernel(Probe *probe)
+{
+    // Never a name again: an earlier definition may have been busy when it was to be deleted.
+    probe->event = probe->def.name.substr(0, kMaxName) + "_" + std::to_string(getpid());
+    probe->event += "_" + std::to_string(serial_++);
+    std::string why;
+    const std::string command = probe->plan.command(group_, probe->event);
+    const int status = tracefs_.define(command, &why);
+    if (status < 0) {
+        KP_LOG(1, "probe %s at %s refused: %s", probe->def.name.c_str(), probe->plan.point.c_str(), why.c_str());
+        return status;
+    }
+    probe->defined = true;
+    const int id = tracefs_.event_id(group_, probe->event);
+    Layout layout;
+    if (id < 0 || !layout.resolve(probe->plan, tracefs_.format(group_, probe->event))) {
+        KP_LOG(1, "probe %s has another layout than was asked for", probe->def.name.c_str());
+        return -EINVAL;
+    }
+    {
+        const std::lock_guard lock(records_);
+        probe->event_id = id;
+        probe->layout = layout;
+    }
+    return open_events(probe, kernel_filter(*probe, probe->def.filter), &probe->events, &probe->bells);
+}
+
+void Instance::undefine(Probe *probe) noexcept
+{
+    if (!probe->defined)
+        return;
+    probe->events.close();
+    probe->bells.close();
+    int status = -ENOMEM;
+    try {
+        status = tracefs_.remove(group_, probe->event);
+        sweep(0);                       // what it wrote still belongs to it
+    } catch (const std::exception &) {  // out of memory
+    }
+    if (status < 0)
+        KP_LOG(2, "probe %s stays in the kernel: %s", probe->def.name.c_str(), strerror(-status));
+    const std::lock_guard lock(records_);
+    probe->event_id = -1;
+    probe->defined = false;
+}
+
+// Probes at one function are run in the reverse order of their definition. The monitor defines in the order in which
+// it wants to hear (of a rename the old name first), so that every earlier one is made anew behind the latest.
+void Instance::restack(Probe *added)
+{
+    for (size_t i = probes_.size(); i-- > 0;) {
+        Probe *probe = probes_[i].get();
+        if (probe == added || probe->gone || probe->plan.point != added->plan.point)
+            continue;
+        undefine(probe);
+        if (define(probe) < 0)
+            probe->gone = true;
+        else
+            switch_events(probe);
+    }
+}
+
+void Instance::switch_events(Probe *probe)
+{
+    probe->events.enable(probe->on);
+    probe->bells.enable(probe->on);
+}
+
+std::vector<uint32_t> Instance::left_out_by(const Probe &probe, const std::string &filter)
+{
+    return probe.plan.shape == Shape::kInotify ? threads_left_out(filter) : std::vector<uint32_t>();
+}
+
+void Instance::set_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept
+{
+    const std::lock_guard lock(records_);
+    probe->def.filter.swap(text);
+    probe->left_out.swap(left_out);
+}
+
+int Instance::add(const kp_probe_def &record, kp_record_cb callback)
+{
+    auto probe = std::make_unique<Probe>();
+    std::string why;
+    if (!callback || !parse_definition(record, &probe->def)) {
+        KP_LOG(1, "a probe definition cannot be understood");
+        return -EINVAL;
+    }
+    if (!translate(probe->def, facts_, &probe->plan, &why)) {
+        KP_LOG(1, "probe %s cannot be placed: %s", probe->def.name.c_str(), why.c_str());
+        return -EINVAL;
+    }
+    probe->callback = callback;
+    probe->left_out = left_out_by(*probe, probe->def.filter);
+    const std::lock_guard lock(control_);
+    {
+        const std::lock_guard records(records_);
+        probes_.reserve(probes_.size() + 1);  // behind the definition nothing may fail
+    }
+    if (Probe *old = find(probe->def.name)) {
+        undefine(old);
+        old->gone = true;
+    }
+    probe->on = probe->def.on;
+    if (const int status = define(probe.get()); status < 0)
+        return status;
+    KP_LOG(3, "probe %s at %s, %zu arguments", probe->def.name.c_str(), probe->plan.point.c_str(),
+           probe->plan.args.size());
+    Probe *added = probe.get();
+    {
+        const std::lock_guard records(records_);
+        probes_.push_back(std::move(probe));
+    }
+    restack(added);
+    mark_mounts(*added);
+    switch_events(added);
+    return 0;
+}
+
+void Instance::mark_mounts(const Probe &probe)
+{
+    if (!probe.plan.needs_marks)
+        return;
+    if (!probe.on) {
+        marks_.remove();
+        return;
+    }
+    const std::lock_guard lock(mounts_lock_);
+    std::set<uint32_t> devices;
+    for (const int32_t id : mount_ids(probe.def.filter))
+        if (const uint32_t device = mounts_.device_of(id))
+            devices.insert(device);
+    marks_.place(devices, mounts_);
+}
+
+int Instance::enable(const std::string &event, bool on)
+{
+    const std::lock_guard lock(control_);
+    Probe *probe = find(event);
+    if (!probe)
+        return -ENOENT;
+    probe->on = on;
+    mark_mounts(*probe);
+    switch_events(probe);
+    return 0;
+}
+
+// A perf event takes a filter once, so that new events take the place of the old ones.
+int Instance::filter(const std::string &event, const std::string &text)
+{
+    const std::lock_guard lock(control_);
+    Probe *probe = find(event);
+    if (!probe)
+        return -ENOENT;
+    if (text.size() > kMaxFilter)
+        return -EINVAL;
+    EventSet events, bells;
+    std::string kept = text;
+    std::vector<uint32_t> left_out = left_out_by(*probe, text);
+    if (const int status = open_events(probe, kernel_filter(*probe, text), &events, &bells); status < 0)
+        return status;
+    set_filter(probe, std::move(kept), std::move(left_out));
+    if (probe->on) {
+        bells.enable(true);
+        {
+            const std::lock_guard records(records_);
+            replacing_ = true;
+        }
+        events.take_over(&probe->events);
+        try {
+            sweep(0);
+        } catch (const std::exception &) {  // out of memory: what both have seen is handed on twice
+        }
+        const std::lock_guard records(records_);
+        replacing_ = false;
+        for (Newest &newest : newest_)
+            newest = {};
+    }
+    std::swap(probe->events, events);
+    std::swap(probe->bells, bells);
+    mark_mounts(*probe);
+    return 0;
+}
+
+// ---- fork ----
+
+void Instance::lock_for_fork()
+{
+    control_.lock();
+    records_.lock();
+}
+
+void Instance::unlock_for_fork()
+{
+    records_.unlock();
+    control_.unlock();
+}
+
+// Perf events that a child holds open would go on costing after the parent has gone.
+void Instance::abandon()
+{
+    for (const auto &probe : probes_) {
+        probe->events.close();
+        probe->bells.close();
+        probe->event_id = -1;
+        probe->defined = false;
+    }
+    for (const auto *rings : {&rings_, &bells_})
+        for (const auto &ring : *rings)
+            ring->close();
+    marks_.remove();
+}
+
+}  // namespace kprobe

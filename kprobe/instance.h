@@ -1,0 +1,150 @@
+/*
+ * instance.h: a set of probes, their rings, and the records that wait for the monitor.
+ *
+ * Three locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
+ * switches, which wait for the kernel), `records_` (rings and queues, never held while the kernel or a callback is
+ * waited for).
+ */
+#ifndef KPROBE_INSTANCE_H
+#define KPROBE_INSTANCE_H
+
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "definition.h"
+#include "facts.h"
+#include "marks.h"
+#include "mounts.h"
+#include "perf.h"
+#include "queue.h"
+#include "record.h"
+#include "tracefs.h"
+#include "translate.h"
+
+namespace kprobe
+{
+
+struct Sizes {
+    size_t ring, queue;  // bytes a CPU; rings are powers of two
+};
+
+class Instance
+{
+public:
+    Instance(const Tracefs &tracefs, const Facts &facts, std::string group);
+    ~Instance();  // deletes the definitions
+    Instance(const Instance &) = delete;
+    Instance &operator=(const Instance &) = delete;
+
+    // A ring for each CPU, a queue with its descriptor for each of the first `queues`. 0 or a negative errno.
+    int open(const std::vector<int> &cpus, size_t queues, const Sizes &sizes);
+
+    // 0 or negative; what went wrong is in the log.
+    int add(const kp_probe_def &record, kp_record_cb callback);
+    int enable(const std::string &event, bool on);
+    int filter(const std::string &event, const std::string &text);
+
+    // Hands on at most `budget` records, the oldest of all CPUs first. Returns how many.
+    int parse(size_t budget);
+    void clean();
+    bool losses(kp_losses *out);
+
+    // What is readable while records wait; copies. Empty: there is no room for all of them.
+    std::vector<Fd> copy_descriptors() const;
+    size_t queues() const { return queues_.size(); }
+    size_t waiting_queues();
+
+    // For the thread that empties the rings: takes what they hold, and releases what is older than `safe`. False: there
+    // was nothing to take and nothing is held back.
+    bool sweep(uint64_t safe);
+    const std::vector<int> &bell_descriptors() const { return bell_fds_; }
+    void arm_bells(bool on);
+
+    // In a process that was forked: what is shared with the parent is let go, and nothing is deleted.
+    void lock_for_fork();
+    void unlock_for_fork();
+    void abandon();
+
+private:
+    struct Probe {
+        Definition def;
+        std::string event;               // its name in the kernel; the list of misses tells no groups
+        std::vector<uint32_t> left_out;  // threads
+        Plan plan;
+        Layout layout;
+        kp_record_cb callback = nullptr;
+        int event_id = -1;
+        EventSet events, bells;
+        bool defined = false, on = false, gone = false;
+    };
+    struct Queue {
+        RecordQueue records;
+        Fd signal;  // readable as long as a record may be taken
+        bool raised = false;
+    };
+    struct Batch;
+    struct Sink;
+
+    Probe *find(const std::string &event);
+    static std::vector<Ring *> list(const std::vector<std::unique_ptr<Ring>> &rings);
+    int define(Probe *probe);
+    int define_in_kernel(Probe *probe);
+    int open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells);
+    std::string why_refused(const Probe &probe, const std::string &filter) const;
+    static void switch_events(Probe *probe);
+    void undefine(Probe *probe) noexcept;
+    void restack(Probe *added);
+    std::string kernel_filter(const Probe &probe, const std::string &text);
+    void mark_mounts(const Probe &probe);
+    int index_of(const Sample &sample) const;
+    void take(size_t ring, const Sample &sample);
+    void settle_signals();
+    size_t oldest() const;
+    void gather(size_t budget);
+    enum class Outcome { kDelivered, kUnreadable, kLeftOut };
+    Outcome hand_on(size_t at, std::vector<unsigned char> *out);
+    bool name_mount(unsigned char *record);
+    static std::vector<uint32_t> left_out_by(const Probe &probe, const std::string &filter);
+    void set_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept;
+
+    const Tracefs &tracefs_;
+    const Facts &facts_;
+    const std::string group_;
+
+    std::mutex parsing_;
+    std::vector<unsigned char> bytes_;  // the batch under way
+    std::vector<QueuedRecord> batch_;
+    WatchEnds ends_;
+
+    std::mutex control_;
+    Marks marks_;
+    unsigned serial_ = 0;  // of definitions
+
+    std::mutex records_;
+    std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index
+    std::vector<std::unique_ptr<Ring>> rings_, bells_;  // of each CPU
+    std::vector<int> bell_fds_;
+    std::vector<std::unique_ptr<Queue>> queues_;
+    struct Newest {
+        uint64_t stream;
+        uint32_t tid;
+        std::vector<unsigned char> raw;
+    };
+    std::vector<Newest> newest_;  // of each ring, while a filter is replaced
+    bool replacing_ = false;
+    uint64_t safe_ = 0;
+    kp_losses counts_ = {};
+
+    std::mutex mounts_lock_;
+    MountMap mounts_;
+    uint64_t mounts_read_ = 0;
+};
+
+uint64_t now_ns();
+
+}  // namespace kprobe
+
+#endif

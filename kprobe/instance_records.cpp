@@ -1,0 +1,233 @@
+// Records on their way through an instance: from the rings into the queues, and out to the monitor.
+#include <sys/eventfd.h>
+
+#include <algorithm>
+#include <cstring>
+#include <ctime>
+#include <exception>
+
+#include "instance.h"
+
+namespace kprobe
+{
+
+uint64_t now_ns()
+{
+    timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
+}
+
+// ---- records in ----
+
+struct Instance::Sink {
+    Instance *instance;
+    size_t ring;
+    bool took = false;
+
+    void sample(const Sample &sample)
+    {
+        took = true;
+        instance->take(ring, sample);
+    }
+    void lost(uint64_t count) { instance->counts_.ring += count; }
+};
+
+// The event's number is the first field of every raw record. -1: none of ours (any more).
+int Instance::index_of(const Sample &sample) const
+{
+    uint16_t type;
+    if (sample.raw_size < sizeof(type))
+        return -1;
+    memcpy(&type, sample.raw, sizeof(type));
+    for (size_t i = 0; i < probes_.size(); i++)
+        if (probes_[i]->event_id == type)
+            return static_cast<int>(i);
+    return -1;
+}
+
+void Instance::take(size_t ring, const Sample &sample)
+{
+    const int probe = index_of(sample);
+    if (probe < 0)
+        return;
+    if (replacing_) {
+        // One hit seen by the old and by the new events of a probe.
+        Newest &newest = newest_[ring];
+        const bool again = newest.stream != sample.stream && newest.tid == sample.tid &&
+                           newest.raw.size() == sample.raw_size &&
+                           memcmp(newest.raw.data(), sample.raw, sample.raw_size) == 0;
+        newest = {sample.stream, sample.tid, {sample.raw, sample.raw + sample.raw_size}};
+        if (again)
+            return;
+    }
+    const std::vector<uint32_t> &left_out = probes_[static_cast<size_t>(probe)]->left_out;
+    const bool known = std::find(left_out.begin(), left_out.end(), sample.tid) == left_out.end();
+    Queue &queue = *queues_[ring % queues_.size()];
+    if (!queue.records.push(
+            {sample.time, static_cast<uint32_t>(probe), known ? sample.pid : 0, sample.raw, sample.raw_size}))
+        counts_.queue++;
+}
+
+bool Instance::sweep(uint64_t safe)
+{
+    const std::lock_guard lock(records_);
+    bool took = false;
+    for (size_t i = 0; i < rings_.size(); i++) {
+        Sink sink = {this, i};
+        rings_[i]->drain(sink);
+        took |= sink.took;
+    }
+    safe_ = std::max(safe_, safe);
+    settle_signals();
+    const bool held = std::any_of(queues_.begin(), queues_.end(),
+                                  [](const auto &queue) { return !queue->records.empty() && !queue->raised; });
+    return took || held;
+}
+
+// A descriptor is readable exactly as long as its queue begins with a record that may be taken.
+void Instance::settle_signals()
+{
+    for (const auto &queue : queues_) {
+        QueuedRecord first;
+        const bool ready = queue->records.peek(&first) && first.time <= safe_;
+        if (ready == queue->raised)
+            continue;
+        eventfd_t value = 1;
+        queue->raised = ready;
+        ready ? eventfd_write(queue->signal.get(), value) : eventfd_read(queue->signal.get(), &value);
+    }
+}
+
+// ---- records out ----
+
+size_t Instance::waiting_queues()
+{
+    const std::lock_guard lock(records_);
+    return static_cast<size_t>(
+        std::count_if(queues_.begin(), queues_.end(), [](const auto &queue) { return queue->raised; }));
+}
+
+// The queue that begins with the oldest record that may be taken; the number of queues: none.
+size_t Instance::oldest() const
+{
+    size_t best = queues_.size();
+    uint64_t time = safe_;
+    QueuedRecord first;
+    for (size_t i = 0; i < queues_.size(); i++) {
+        if (!queues_[i]->records.peek(&first) || first.time > time)
+            continue;
+        time = first.time;
+        best = i;
+    }
+    return best;
+}
+
+// Copies a batch out of the queues, so that callbacks may write into it, and may call the library.
+void Instance::gather(size_t budget)
+{
+    const std::lock_guard lock(records_);
+    bytes_.clear();
+    batch_.clear();
+    for (size_t i; batch_.size() < budget && (i = oldest()) < queues_.size();) {
+        QueuedRecord record;
+        queues_[i]->records.peek(&record);
+        try {
+            bytes_.insert(bytes_.end(), record.raw, record.raw + record.raw_size);
+            batch_.push_back(record);
+        } catch (const std::exception &) {  // out of memory: the rest waits
+            break;
+        }
+        queues_[i]->records.pop();
+    }
+    size_t at = 0;
+    for (QueuedRecord &record : batch_) {
+        record.raw = bytes_.data() + at;
+        at += record.raw_size;
+    }
+    settle_signals();
+}
+
+// The device of a file record becomes a mount id. False: no mount has it.
+bool Instance::name_mount(unsigned char *record)
+{
+    constexpr uint64_t kMountsAge = 100000000;
+    const std::lock_guard lock(mounts_lock_);
+    uint32_t device;
+    memcpy(&device, record, sizeof(device));
+    if (mounts_.id_of(device) == 0 && now_ns() - mounts_read_ > kMountsAge) {
+        mounts_.refresh(read_mounts());
+        mounts_read_ = now_ns();
+    }
+    return put_mount_id(mounts_, record);
+}
+
+Instance::Outcome Instance::hand_on(size_t at, std::vector<unsigned char> *out)
+{
+    const QueuedRecord &record = batch_[at];
+    kp_record_cb callback;
+    bool by_device, inotify;
+    {
+        const std::lock_guard lock(records_);
+        const Probe &probe = *probes_[record.probe];
+        out->resize(probe.layout.size());
+        callback = probe.callback;
+        by_device = probe.plan.by_device;
+        inotify = probe.plan.shape == Shape::kInotify;
+        if (!probe.layout.fill(record.raw, record.raw_size, out->data()))
+            return Outcome::kUnreadable;
+    }
+    if (by_device && !name_mount(out->data()))
+        return Outcome::kUnreadable;
+    if (inotify && record.pid == 0 && !ends_.passes(out->data()))
+        return Outcome::kLeftOut;
+    callback(record.pid, out->data(), static_cast<uint32_t>(out->size()));
+    return Outcome::kDelivered;
+}
+
+int Instance::parse(size_t budget)
+{
+    const std::unique_lock lock(parsing_, std::try_to_lock);
+    if (!lock)  // from inside a callback
+        return 0;
+    gather(budget);
+    std::vector<unsigned char> out;
+    uint64_t good = 0, bad = 0;
+    for (size_t i = 0; i < batch_.size(); i++) {
+        Outcome outcome = Outcome::kUnreadable;
+        try {
+            outcome = hand_on(i, &out);
+        } catch (const std::exception &) {  // out of memory: counted as unreadable
+        }
+        good += outcome == Outcome::kDelivered;
+        bad += outcome == Outcome::kUnreadable;
+    }
+    const std::lock_guard records(records_);
+    counts_.delivered += good;
+    counts_.unreadable += bad;
+    return static_cast<int>(good);
+}
+
+void Instance::clean()
+{
+    sweep(0);
+    const std::lock_guard lock(records_);
+    for (const auto &queue : queues_)
+        counts_.cleaned += queue->records.clear();
+    settle_signals();
+}
+
+bool Instance::losses(kp_losses *out)
+{
+    const std::lock_guard lock(control_);
+    uint64_t missed = 0;
+    for (const auto &probe : probes_)
+        if (!probe->gone)
+            missed += tracefs_.missed(probe->event);
+    const std::lock_guard records(records_);
+    *out = counts_;
+    out->missed = missed;
+    return true;
+}
+
+}  // namespace kprobe

@@ -1,0 +1,306 @@
+#include "library.h"
+
+#include <pthread.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <exception>
+
+#include "log.h"
+
+namespace kprobe
+{
+
+namespace
+{
+
+// The monitor reads at most 100 records in one turn over all its descriptors, and throws away what waits here when
+// there are more; what else it reads in the same turn counts as well.
+constexpr size_t kPassRecords = 90;
+
+constexpr size_t kSlots = 64, kMaxDescriptors = 255;
+constexpr size_t kRing = size_t{1} << 20, kQueue = size_t{1} << 24;
+constexpr size_t kAllQueues = sizeof(void *) == 8 ? size_t{1} << 28 : size_t{1} << 25;  // of an instance
+
+size_t power_of_two(size_t n)
+{
+    size_t power = 1;
+    while (power < n)
+        power *= 2;
+    return power;
+}
+
+// A number of KiB from the environment: for machines with little memory, and for tests of losses.
+size_t setting(const char *name, size_t otherwise)
+{
+    const char *text = getenv(name);
+    const unsigned long kib = text ? strtoul(text, nullptr, 10) : 0;
+    return kib >= 4 && kib <= 1048576 ? power_of_two(kib * 1024) : otherwise;
+}
+
+Sizes sizes_for(size_t queues)
+{
+    const size_t queue = std::max(power_of_two(kAllQueues / queues / 2 + 1), size_t{1} << 19);
+    return {setting("FMON_PROBE_RING_KB", kRing), setting("FMON_PROBE_QUEUE_KB", std::min(queue, kQueue))};
+}
+
+// Deletes a definition, whatever happens in between.
+struct Temporary {
+    const Tracefs &tracefs;
+    const std::string &group, &event;
+    ~Temporary()
+    {
+        try {
+            tracefs.remove(group, event);
+        } catch (const std::exception &) {  // out of memory: it goes with the process
+        }
+    }
+};
+
+extern "C" void fork_prepare() { Library::get().before_fork(); }
+extern "C" void fork_parent() { Library::get().after_fork(false); }
+extern "C" void fork_child() { Library::get().after_fork(true); }
+
+}  // namespace
+
+// Never destroyed: its thread and other libraries' exit handlers may still use it.
+Library &Library::get()
+{
+    static Library *const library = new Library;
+    return *library;
+}
+
+// ---- start ----
+
+// Only a probe that was made and read proves that the kernel lets us: a kernel may be locked down in several ways.
+bool Library::prove(std::string *why)
+{
+    const std::string group = group_name(owner_, serial_++, "proof"), event = "proof_" + std::to_string(owner_.pid);
+    const int status = tracefs_.define(
+        "p:" + group + "/" + event + " " + (facts_.has("security_inode_create") ? "security_inode_create" : "do_exit"),
+        why);
+    if (status < 0) {
+        *why = "the kernel refuses probes: " + *why;
+        return false;
+    }
+    const Temporary temporary = {tracefs_, group, event};
+    Ring ring;
+    EventSet events;
+    bool bad_filter;
+    int error = ring.open(cpus_[0], kRing);
+    if (error == 0)
+        error = events.open(tracefs_.event_id(group, event), {&ring}, "", &bad_filter);
+    if (error < 0)
+        *why = std::string("perf events cannot be opened: ") + strerror(-error);
+    return error == 0;
+}
+
+bool Library::start()
+{
+    if (state_ != kNew)  // and what ran out of memory is tried again
+        return state_ == kWorking;
+    owner_ = current_owner();
+    slots_.reserve(kSlots);  // slots never move
+    bool works = false;
+    cpus_ = online_cpus();
+    if (cpus_.empty())
+        why_ = "the online CPUs cannot be read (/sys/devices/system/cpu/online)";
+    else if (tracefs_.find(&why_) && tracefs_.remove_orphans() >= 0 && gather_facts(tracefs_, &facts_, &why_) &&
+             prove(&why_)) {
+        works = pthread_atfork(fork_prepare, fork_parent, fork_child) == 0;
+        why_ = works ? "" : "out of memory";
+    }
+    state_ = works ? kWorking : kUnavailable;
+    if (!works)
+        KP_LOG(2, "kernel probes are not available: %s", why_.c_str());
+    return works;
+}
+
+const kp_os_info *Library::os_info()
+{
+    const std::lock_guard lock(lock_);
+    if (!start())
+        return nullptr;
+    info_.major = facts_.major;
+    info_.minor = facts_.minor;
+    info_.patch = facts_.patch;
+    info_.arch = facts_.is_64 ? KP_ARCH_X86_64 : KP_ARCH_X86_32;
+    info_.count = static_cast<uint8_t>(std::min(cpus_.size(), kMaxDescriptors));
+    info_.pid = static_cast<uint32_t>(reader_.tid() ? reader_.tid() : owner_.pid);
+    return &info_;
+}
+
+// ---- handles ----
+
+void *Library::handle_of(const Slot &slot) const
+{
+    const auto index = static_cast<uintptr_t>(&slot - slots_.data());
+    return reinterpret_cast<void *>(slot.generation << 8 | (index + 1));
+}
+
+Library::Slot *Library::slot_of(void *handle)
+{
+    const auto number = reinterpret_cast<uintptr_t>(handle);
+    const size_t index = (number & 255) - 1;
+    if (index >= slots_.size() || !slots_[index].instance || handle_of(slots_[index]) != handle)
+        return nullptr;
+    return &slots_[index];
+}
+
+std::shared_ptr<Instance> Library::find(void *handle)
+{
+    const std::lock_guard lock(lock_);
+    const Slot *slot = slot_of(handle);
+    return slot ? slot->instance : nullptr;
+}
+
+// ---- instances ----
+
+// The slot of that name, emptied: the monitor has no call for the end of an instance, it just makes a new one.
+Library::Slot *Library::free_slot(const std::string &name)
+{
+    for (Slot &slot : slots_)
+        if (slot.instance && slot.name == name)
+            end(&slot);
+    for (Slot &slot : slots_)
+        if (!slot.instance)
+            return &slot;
+    if (slots_.size() == kSlots)
+        return nullptr;
+    slots_.emplace_back();
+    return &slots_.back();
+}
+
+void Library::end(Slot *slot)
+{
+    reader_.remove(slot->instance);
+    slot->instance.reset();
+    slot->generation++;
+}
+
+void *Library::create(const char *name, int32_t **fds, int32_t *count)
+{
+    const std::lock_guard lock(lock_);
+    if (!name || !*name || !fds || !count || !start())
+        return nullptr;
+    // The monitor reads its inotify descriptor only where it has no instance for that, so there must be none where no
+    // probe can tell of inotify's events.
+    if (strcmp(name, "clt_inotify") == 0 && !can_watch_inotify(facts_)) {
+        KP_LOG(2, "no probe for inotify events on this kernel: the descriptor is used");
+        return nullptr;
+    }
+    Slot *slot = free_slot(name);
+    if (!slot || reader_.start() < 0)
+        return nullptr;
+    const size_t queues = std::min(cpus_.size(), kMaxDescriptors);
+    auto instance = std::make_shared<Instance>(tracefs_, facts_, group_name(owner_, serial_++, name));
+    if (const int status = instance->open(cpus_, queues, sizes_for(queues)); status < 0) {
+        KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
+        return nullptr;
+    }
+    slot->name = name;
+    std::vector<Fd> descriptors = instance->copy_descriptors();
+    auto *out = descriptors.empty() || reader_.add(instance) < 0
+                    ? nullptr
+                    : static_cast<int32_t *>(malloc(queues * sizeof(int32_t)));
+    if (!out) {
+        KP_LOG(1, "instance %s cannot be made: %s", name, strerror(errno));
+        reader_.remove(instance);
+        return nullptr;
+    }
+    std::transform(descriptors.begin(), descriptors.end(), out, [](Fd &fd) { return fd.release(); });
+    slot->instance = std::move(instance);
+    *fds = out;
+    *count = static_cast<int32_t>(queues);
+    return handle_of(*slot);
+}
+
+int Library::remove(void *handle)
+{
+    const std::lock_guard lock(lock_);
+    Slot *slot = slot_of(handle);
+    if (!slot)
+        return -EINVAL;
+    end(slot);
+    return 0;
+}
+
+// ---- parsing ----
+
+// What this descriptor may take of the monitor's turn, which visits ready descriptors in a rising order: a descriptor
+// at or before the last one begins a new turn. What is left is shared with the descriptors that are ready, so that no
+// CPU keeps the others waiting.
+size_t Library::share(const std::shared_ptr<Instance> &instance, size_t order)
+{
+    if (order <= pass_order_ || pass_left_ == 0)
+        pass_left_ = kPassRecords;
+    pass_order_ = order;
+    size_t waiting = 0;
+    for (const Slot &slot : slots_)
+        if (slot.instance)
+            waiting += slot.instance->waiting_queues();
+    static_cast<void>(instance);
+    return std::max<size_t>(1, pass_left_ / std::max<size_t>(1, waiting));
+}
+
+int Library::parse(int32_t index, void *handle)
+{
+    std::shared_ptr<Instance> instance;
+    size_t budget;
+    {
+        const std::lock_guard lock(lock_);
+        const Slot *slot = slot_of(handle);
+        if (!slot || index < 0 || static_cast<size_t>(index) >= slot->instance->queues())
+            return -EINVAL;
+        instance = slot->instance;
+        // The monitor's inotify source comes before its file source.
+        const size_t rank = slot->name == "clt_inotify" ? 0 : 1;
+        budget = share(instance, rank * kMaxDescriptors + static_cast<size_t>(index) + 1);
+    }
+    const int done = instance->parse(budget);
+    const std::lock_guard lock(lock_);
+    pass_left_ -= std::min(pass_left_, static_cast<size_t>(std::max(done, 0)));
+    return done;
+}
+
+// ---- end ----
+
+void Library::shut_down()
+{
+    const std::lock_guard lock(lock_);
+    if (state_ != kWorking || owner_.pid != getpid())
+        return;
+    reader_.stop();
+    for (Slot &slot : slots_)
+        if (slot.instance)
+            end(&slot);
+    state_ = kUnavailable;
+    why_ = "the process is ending";
+}
+
+void Library::before_fork()
+{
+    lock_.lock();
+    reader_.lock().lock();
+    for (const Slot &slot : slots_)
+        if (slot.instance)
+            slot.instance->lock_for_fork();
+}
+
+void Library::after_fork(bool child)
+{
+    if (child) {
+        state_ = kUnavailable;
+        why_ = "this process was forked from the one that has the probes";
+        reader_.abandon();
+    }
+    for (const Slot &slot : slots_)
+        if (slot.instance)
+            slot.instance->unlock_for_fork();
+    reader_.lock().unlock();
+    lock_.unlock();
+}
+
+}  // namespace kprobe

@@ -1,0 +1,32 @@
+/*
+ * marks.h: inert inotify watches.
+ *
+ * The kernel reports a close to __fsnotify_parent only on file systems on which somebody has a mark. One watch on the
+ * root of a mount, for a kind that never happens there, is enough; the monitor may have none.
+ */
+#ifndef KPROBE_MARKS_H
+#define KPROBE_MARKS_H
+
+#include <cstdint>
+#include <set>
+
+#include "fd.h"
+#include "mounts.h"
+
+namespace kprobe
+{
+
+class Marks
+{
+public:
+    // Marks the file systems of these devices, where they are reachable.
+    void place(const std::set<uint32_t> &devices, const MountMap &mounts);
+    void remove() { inotify_.reset(); }
+
+private:
+    Fd inotify_;
+};
+
+}  // namespace kprobe
+
+#endif

@@ -1,0 +1,113 @@
+/*
+ * perf.h: a ring of kernel records a CPU, and the events that write into it.
+ */
+#ifndef KPROBE_PERF_H
+#define KPROBE_PERF_H
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "fd.h"
+
+namespace kprobe
+{
+
+// One hit as it stands in the ring; valid until the ring moves on.
+struct Sample {
+    uint64_t stream;  // which event wrote it
+    uint32_t pid, tid;
+    uint64_t time;  // CLOCK_MONOTONIC, nanoseconds
+    const unsigned char *raw;
+    uint32_t raw_size;
+};
+
+enum class Entry { kSample, kLost, kOther, kMalformed };
+
+// One record of a ring, `size` bytes from its header on. kLost: `lost` records had no room before this one.
+Entry parse_entry(const unsigned char *bytes, size_t size, Sample *sample, uint64_t *lost);
+
+// What a ring is for: records, or just to wake whoever waits for the first one. To be woken by every record costs more
+// than the record itself, so that bells are armed only while nothing happens.
+enum class Use { kRecords, kBell };
+
+// The ring of one CPU. Not movable while events write into it.
+class Ring
+{
+public:
+    Ring() = default;
+    ~Ring() { close(); }
+    Ring(const Ring &) = delete;
+    Ring &operator=(const Ring &) = delete;
+
+    // Tries smaller and smaller rings where locked memory is short. 0 or a negative errno.
+    int open(int cpu, size_t bytes, Use use = Use::kRecords);
+    void close();
+
+    // Bells only: whether its events write at all.
+    void arm(bool on);
+
+    int fd() const { return leader_.get(); }
+    Use use() const { return use_; }
+    int cpu() const { return cpu_; }
+
+    // Drops every record.
+    void forget();
+
+    // Hands every record that is complete by now to sink.sample(Sample) and sink.lost(count), oldest first.
+    template <typename Sink>
+    void drain(Sink &&sink)
+    {
+        uint64_t tail = begin(), lost = 0;
+        Sample sample;
+        size_t size;
+        while (const unsigned char *entry = next(tail, &size)) {
+            const Entry kind = parse_entry(entry, size, &sample, &lost);
+            if (kind == Entry::kSample)
+                sink.sample(sample);
+            else if (kind == Entry::kLost)
+                sink.lost(lost);
+            tail += size;
+            release(tail);
+        }
+    }
+
+private:
+    uint64_t begin();
+    const unsigned char *next(uint64_t tail, size_t *size);
+    void release(uint64_t tail);
+
+    Fd leader_;
+    Use use_ = Use::kRecords;
+    int cpu_ = -1;
+    unsigned char *map_ = nullptr;
+    size_t data_size_ = 0, page_ = 0;
+    uint64_t head_ = 0;
+    std::vector<unsigned char> joined_;  // a record that goes over the ring's end
+};
+
+// One probe on all CPUs, writing into their rings. Switched off at first.
+class EventSet
+{
+public:
+    // 0 or a negative errno; -EINVAL of the filter alone sets *bad_filter.
+    int open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool *bad_filter);
+    void enable(bool on);
+    void close() { fds_.clear(); }
+    bool is_open() const { return !fds_.empty(); }
+
+    // Takes the place of `old` CPU by CPU: hits in between are seen twice rather than not at all.
+    void take_over(EventSet *old);
+
+private:
+    std::vector<Fd> fds_;
+};
+
+// CPUs that are online, such as "0-3,8".
+std::vector<int> parse_cpus(const std::string &text);
+std::vector<int> online_cpus();
+
+}  // namespace kprobe
+
+#endif

@@ -1,0 +1,161 @@
+#include "reader.h"
+
+#include <sys/epoll.h>
+#include <sys/eventfd.h>
+#include <sys/syscall.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <ctime>
+#include <exception>
+
+namespace kprobe
+{
+
+namespace
+{
+
+constexpr long kPauseNs = 1000000;
+constexpr int kQuietPauses = 20;       // then the bells are armed again
+constexpr uint64_t kSlackNs = 500000;  // from the time that a record shows to when it stands in its ring
+
+void pause_a_little()
+{
+    const timespec pause = {0, kPauseNs};
+    nanosleep(&pause, nullptr);
+}
+
+}  // namespace
+
+int Reader::start()
+{
+    if (started_)
+        return 0;
+    epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
+    wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    epoll_event event = {EPOLLIN, {.fd = wake_.get()}};
+    if (!epoll_ || !wake_ || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) < 0)
+        return -errno;
+    // No signal of the process is handled here.
+    sigset_t all, before;
+    sigfillset(&all);
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    stopping_ = false;
+    const int error = pthread_create(&thread_, nullptr, run, this);
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    if (error != 0)
+        return -error;
+    started_ = true;
+    while (tid_ == 0)
+        sched_yield();
+    return 0;
+}
+
+void Reader::stop()
+{
+    if (!started_)
+        return;
+    stopping_ = true;
+    eventfd_write(wake_.get(), 1);
+    pthread_join(thread_, nullptr);
+    started_ = false;
+    tid_ = 0;
+}
+
+void Reader::abandon()
+{
+    started_ = false;
+    tid_ = 0;
+    epoll_.reset();
+    wake_.reset();
+    for (const auto &instance : instances_)
+        instance->abandon();
+}
+
+int Reader::add(const std::shared_ptr<Instance> &instance)
+{
+    const std::lock_guard lock(lock_);
+    instances_.reserve(instances_.size() + 1);
+    for (const int fd : instance->bell_descriptors()) {
+        epoll_event event = {EPOLLIN, {.fd = fd}};
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0)
+            return -errno;  // those before it go with the instance
+    }
+    instances_.push_back(instance);
+    eventfd_write(wake_.get(), 1);  // its bells are to be armed
+    return 0;
+}
+
+void Reader::remove(const std::shared_ptr<Instance> &instance)
+{
+    const std::lock_guard lock(lock_);
+    std::erase(instances_, instance);
+    for (const int fd : instance->bell_descriptors())
+        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+}
+
+void *Reader::run(void *self)
+{
+    auto *reader = static_cast<Reader *>(self);
+    pthread_setname_np(pthread_self(), "orx_kp_reader");
+    reader->tid_ = static_cast<int>(syscall(SYS_gettid));
+    reader->loop();
+    return nullptr;
+}
+
+bool Reader::wait()
+{
+    epoll_event events[64];
+    const int n = epoll_wait(epoll_.get(), events, static_cast<int>(std::size(events)), -1);
+    for (int i = 0; i < n; i++) {
+        eventfd_t value;
+        if (events[i].data.fd == wake_.get())
+            eventfd_read(wake_.get(), &value);
+        else if (events[i].events & (EPOLLHUP | EPOLLERR))  // its CPU went offline; it would be ready for ever
+            epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, events[i].data.fd, nullptr);
+    }
+    return n >= 0 || errno == EINTR;
+}
+
+// False: nothing came and nothing is held back.
+bool Reader::sweep_all()
+{
+    const std::lock_guard lock(lock_);
+    const uint64_t safe = now_ns() - kSlackNs;
+    bool busy = false;
+    for (const auto &instance : instances_) {
+        try {
+            busy |= instance->sweep(safe);
+        } catch (const std::exception &) {  // out of memory: what is in the rings waits
+            busy = true;
+        }
+    }
+    return busy;
+}
+
+void Reader::arm_all(bool on)
+{
+    const std::lock_guard lock(lock_);
+    for (const auto &instance : instances_)
+        instance->arm_bells(on);
+}
+
+void Reader::loop()
+{
+    while (!stopping_) {
+        arm_all(true);
+        // What came before the bells were armed has rung none.
+        if (!sweep_all() && !wait())
+            return;
+        sweep_all();  // to disarm the bells takes a while, and then what rang is old enough
+        arm_all(false);
+        for (int quiet = 0; !stopping_ && quiet < kQuietPauses; quiet++) {
+            if (sweep_all())
+                quiet = 0;
+            pause_a_little();
+        }
+    }
+}
+
+}  // namespace kprobe

@@ -1,0 +1,108 @@
+/*
+ * kernel_double.h: what the kernel-probe library sees of a kernel, made up: tracefs, perf events, the files that it
+ * reads. A probe that the library defines is run by hit(), over memory that the test has filled.
+ *
+ * Programs are linked with --wrap for each name in wrapped.txt. While no double lives, calls go to the machine's kernel
+ * (but see testlib/fault.h). Paths that the double knows are /sys/kernel/tracing/... and those given to file().
+ */
+#ifndef TESTLIB_KERNEL_DOUBLE_H
+#define TESTLIB_KERNEL_DOUBLE_H
+
+#include <functional>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <vector>
+
+#include "testlib/kernel_double/fake_perf.h"
+#include "testlib/kernel_double/kernel_memory.h"
+#include "testlib/tree.h"
+
+namespace testlib
+{
+
+/* A function is called. */
+struct Hit {
+    std::string point;
+    std::vector<uint64_t> arguments;
+    uint32_t pid = 77, tid = 78;
+    int cpu = 0;
+    uint64_t time = 0; /* 0: now */
+};
+
+class KernelDouble
+{
+public:
+    explicit KernelDouble(bool is_64_bit = true, const std::string &release_text = "6.1.0-50-amd64");
+    ~KernelDouble();
+    KernelDouble(const KernelDouble &) = delete;
+    KernelDouble &operator=(const KernelDouble &) = delete;
+
+    /* The one that lives; null: none. */
+    static KernelDouble *living();
+
+    const bool is_64;
+    std::string release, machine; /* as uname() tells them */
+    KernelMemory memory;
+    FakePerf perf;
+
+    /* What `path` holds from now on. Lower files of tracefs too, such as "/sys/kernel/tracing/README". */
+    void file(const std::string &path, const std::string &text);
+    void no_file(const std::string &path);
+    std::string tracing(const std::string &below = "") const { return "/sys/kernel/tracing/" + below; }
+
+    /* Two CPUs, one mount of device 0:20 with id 23, BTF of a 6.1 kernel, everything that a probe may be placed at. */
+    void usual_files();
+
+    /* Definitions whose text has this word in it are refused with the kernel's words. */
+    void refuse(const std::string &word, const std::string &why);
+
+    /* The definitions in force, "p:GROUP/EVENT POINT ARGS". */
+    std::vector<std::string> definitions();
+    int id_of(const std::string &event); /* the first event whose name begins so; -1: none */
+
+    /* Runs the probes at a function, the one that was defined last at first. Returns how many records came of it. */
+    int hit(const Hit &hit);
+
+    /* Called when the library calls stat() or open() with a path. */
+    std::function<void(const std::string &)> on_stat, on_open;
+    /* Called when a perf event has been told something, such as PERF_EVENT_IOC_ENABLE. */
+    std::function<void(unsigned long request)> on_control;
+
+    /* ---- for the wrapped calls ---- */
+    std::string real_path(const char *path);
+    void opened(const std::string &path, int fd);
+    void closed(int fd);
+    bool is_control(int fd);
+    int command(int fd, const std::string &text); /* 0 or a negative errno */
+
+private:
+    struct Definition {
+        std::string text, group, event, point;
+        std::vector<Fetch> fetches;
+        int id;
+        std::vector<unsigned char> raw; /* what the last record left in the ring's memory */
+    };
+    int define(const std::string &text);
+    int remove(const std::string &name);
+    int fail(const std::string &why);
+    void write_list();
+    std::string format_of(const Definition &definition) const;
+    uint32_t head() const { return 8 + static_cast<uint32_t>(memory.word()); }
+
+    TempTree tree_;
+    std::mutex lock_;
+    std::map<std::string, std::string> files_; /* path, real path */
+    std::map<int, std::string> control_;       /* kprobe_events and filter files that are open */
+    std::map<std::string, std::string> refused_;
+    std::vector<Definition> definitions_;
+    int next_id_ = 1500, next_file_ = 0;
+};
+
+/* Whether this thread is in the double's own code: what it allocates is no concern of the library's. */
+bool in_kernel();
+
+}  // namespace testlib
+
+#endif

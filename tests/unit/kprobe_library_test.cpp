@@ -1,0 +1,417 @@
+/* The library as a whole over a made-up kernel: its start, its instances, its thread. */
+#include "library.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdlib>
+#include <optional>
+#include <thread>
+
+#include "kprobe_instance_fixture.h"
+#include "kprobe_subjects.h"
+#include "testlib/fault.h"
+#include "testlib/kernel_double/btf_blob.h"
+
+using namespace kprobe_fixture;
+using kprobe::Library;
+using testlib::Fault;
+using testlib::has_line;
+using testlib::KernelDouble;
+using testlib::take_log;
+
+namespace
+{
+
+/* A handle with its descriptors. */
+struct Source {
+    void *handle = nullptr;
+    int32_t *fds = nullptr, count = 0;
+
+    Source() = default;
+    Source(const Source &) = delete;
+    Source &operator=(const Source &) = delete;
+    ~Source() { forget(); }
+    bool open(Library &library, const char *name)
+    {
+        handle = library.create(name, &fds, &count);
+        return handle != nullptr;
+    }
+    void forget()
+    {
+        for (int32_t i = 0; i < count; i++)
+            close(fds[i]);
+        free(fds);
+        fds = nullptr;
+        count = 0;
+    }
+};
+
+struct Whole {
+    KernelDouble kernel;
+    testlib::KernelObjects objects;
+    Library library;
+    uint64_t super;
+    std::optional<Subjects> subjects; /* 32-bit kernels do not describe their types */
+
+    explicit Whole(bool is_64 = true) : kernel(is_64), objects(&kernel.memory), super(objects.super_block(kDevice))
+    {
+        kernel.usual_files();
+        if (!is_64)
+            subjects.emplace(&kernel);
+        received.clear();
+        take_log();
+    }
+    ~Whole() { library.shut_down(); }
+
+    bool works() { return library.os_info() != nullptr; }
+    void add(void *handle, const std::string &name)
+    {
+        const auto instance = library.find(handle);
+        ASSERT_TRUE(instance);
+        ASSERT_EQ(0, instance->add(testlib::file_probe(kernel.is_64, name).record(), keep));
+        ASSERT_EQ(0, instance->enable(name, true));
+    }
+    int create(const std::string &path, int cpu = 0)
+    {
+        return kernel.hit({"security_inode_create", {0, objects.path(super, path), 0}, 77, 78, cpu});
+    }
+    /* Parses as the monitor does, until so many have come or a second has gone. */
+    Paths wait_for(const Source &source, size_t n)
+    {
+        std::vector<pollfd> polled;
+        for (int32_t i = 0; i < source.count; i++)
+            polled.push_back({source.fds[i], POLLIN, 0});
+        while (received.size() < n && poll(polled.data(), polled.size(), 1000) > 0)
+            for (size_t i = 0; i < polled.size(); i++)
+                EXPECT_GE(polled[i].revents ? library.parse(static_cast<int32_t>(i), source.handle) : 0, 0);
+        return paths();
+    }
+};
+
+}  // namespace
+
+/* ---- start ---- */
+
+TEST(KprobeLibrary, tells_of_the_kernel)
+{
+    for (const bool is_64 : {true, false}) {
+        Whole w(is_64);
+        w.kernel.release = "5.10.223-test";
+        w.kernel.file("/sys/devices/system/cpu/online", "0-2\n");
+        const kp_os_info *info = w.library.os_info();
+        ASSERT_NE(nullptr, info);
+        EXPECT_EQ(5, info->major);
+        EXPECT_EQ(10, info->minor);
+        EXPECT_EQ(223, info->patch);
+        EXPECT_EQ(is_64 ? KP_ARCH_X86_64 : KP_ARCH_X86_32, info->arch);
+        EXPECT_EQ(3, info->count);
+        EXPECT_EQ(static_cast<uint32_t>(getpid()), info->pid);
+        EXPECT_STREQ("", w.library.why_not());
+        EXPECT_TRUE(w.kernel.definitions().empty()) << "the trial is gone";
+        EXPECT_EQ(0u, w.kernel.perf.open_events());
+        Source source;
+        ASSERT_TRUE(source.open(w.library, "clt_file"));
+        EXPECT_EQ(3, source.count);
+        EXPECT_NE(static_cast<uint32_t>(getpid()), w.library.os_info()->pid) << "the thread, whose events are left out";
+    }
+}
+
+TEST(KprobeLibrary, more_cpus_than_a_byte_counts)
+{
+    Whole w;
+    w.kernel.file("/sys/devices/system/cpu/online", "0-299\n");
+    ASSERT_TRUE(w.works());
+    EXPECT_EQ(255, w.library.os_info()->count);
+}
+
+TEST(KprobeLibrary, cannot_work)
+{
+    const struct {
+        std::function<void(KernelDouble &)> change;
+        const char *why;
+    } rows[] = {
+        {[](KernelDouble &k) { k.no_file(k.tracing("README")); }, "tracefs is not mounted"},
+        {[](KernelDouble &k) { k.no_file(k.tracing("kprobe_events")); }, "has no kernel probes"},
+        {[](KernelDouble &k) { k.no_file("/sys/devices/system/cpu/online"); }, "online CPUs cannot be read"},
+        {[](KernelDouble &k) { k.machine = "riscv64"; }, "not for riscv64"},
+        {[](KernelDouble &k) { k.release = "x"; }, "release cannot be read"},
+        {[](KernelDouble &k) { k.refuse("proof", "locked down"); }, "the kernel refuses probes: locked down"},
+    };
+    for (const auto &row : rows) {
+        Whole w;
+        row.change(w.kernel);
+        EXPECT_FALSE(w.works());
+        EXPECT_NE(std::string::npos, std::string(w.library.why_not()).find(row.why)) << w.library.why_not();
+        const auto lines = take_log();
+        ASSERT_EQ(1u, lines.size()) << row.why;
+        EXPECT_TRUE(has_line(lines, std::string("2 kernel probes are not available: ") + w.library.why_not()));
+        Source source;
+        EXPECT_FALSE(source.open(w.library, "clt_file"));
+        EXPECT_FALSE(w.works());
+        EXPECT_TRUE(take_log().empty()) << "it is said once";
+        EXPECT_TRUE(w.kernel.definitions().empty());
+    }
+}
+
+TEST(KprobeLibrary, perf_events_that_are_not_allowed)
+{
+    for (const int nth : {1, 2}) { /* the ring's, the probe's */
+        Whole w;
+        const Fault fault("perf_event_open", nth, EACCES);
+        EXPECT_FALSE(w.works());
+        EXPECT_STREQ("perf events cannot be opened: Permission denied", w.library.why_not());
+        EXPECT_TRUE(w.kernel.definitions().empty());
+        EXPECT_EQ(0u, w.kernel.perf.open_events());
+    }
+}
+
+TEST(KprobeLibrary, definitions_of_the_dead_go_at_start)
+{
+    Whole w;
+    kprobe::Tracefs tracefs;
+    std::string why;
+    ASSERT_TRUE(tracefs.find(&why));
+    ASSERT_EQ(0, tracefs.define("p:orx_4194305_5_0_clt_file/Kc_4194305 vfs_link", &why));
+    ASSERT_EQ(0, tracefs.define("p:others/Kc vfs_link", &why));
+    ASSERT_TRUE(w.works());
+    EXPECT_EQ(Paths{"p:others/Kc vfs_link"}, w.kernel.definitions());
+}
+
+/* ---- instances ---- */
+
+TEST(KprobeLibrary, from_a_hit_to_the_callback)
+{
+    for (const bool is_64 : {true, false}) {
+        Whole w(is_64);
+        Source source;
+        ASSERT_TRUE(source.open(w.library, "clt_file"));
+        w.add(source.handle, "Kc");
+        for (int burst = 0; burst < 3; burst++) {
+            Paths wanted;
+            for (int i = 0; i < 5; i++) {
+                wanted.push_back("/d/f" + std::to_string(i));
+                ASSERT_EQ(1, w.create(wanted.back(), i % 2));
+            }
+            EXPECT_EQ(wanted, w.wait_for(source, wanted.size())) << burst;
+            usleep(burst * 30000); /* so that the thread goes to sleep, until the bell */
+        }
+    }
+}
+
+TEST(KprobeLibrary, what_is_not_asked_for_properly)
+{
+    Whole w;
+    int32_t *fds = nullptr, count = 0;
+    EXPECT_EQ(nullptr, w.library.create(nullptr, &fds, &count));
+    EXPECT_EQ(nullptr, w.library.create("", &fds, &count));
+    EXPECT_EQ(nullptr, w.library.create("a", nullptr, &count));
+    EXPECT_EQ(nullptr, w.library.create("a", &fds, nullptr));
+    EXPECT_EQ(nullptr, fds);
+    Source source;
+    ASSERT_TRUE(source.open(w.library, "a"));
+    for (const int32_t index : {-1, 2, 255, INT32_MIN, INT32_MAX})
+        EXPECT_EQ(-EINVAL, w.library.parse(index, source.handle)) << index;
+    EXPECT_EQ(0, w.library.parse(1, source.handle));
+}
+
+TEST(KprobeLibrary, handles_are_recognised)
+{
+    Whole w;
+    ASSERT_TRUE(w.works());
+    Source first;
+    ASSERT_TRUE(first.open(w.library, "a"));
+    const auto number = reinterpret_cast<uintptr_t>(first.handle);
+    for (const uintptr_t made_up : {uintptr_t{0}, number + 1, number + 256, number - 1, ~uintptr_t{0}, number << 8}) {
+        void *handle = reinterpret_cast<void *>(made_up);
+        EXPECT_EQ(nullptr, w.library.find(handle)) << made_up;
+        EXPECT_EQ(-EINVAL, w.library.remove(handle)) << made_up;
+        EXPECT_EQ(-EINVAL, w.library.parse(0, handle)) << made_up;
+    }
+    EXPECT_EQ(0, w.library.remove(first.handle));
+    EXPECT_EQ(-EINVAL, w.library.remove(first.handle));
+    Source second;
+    ASSERT_TRUE(second.open(w.library, "a")); /* in the same place */
+    EXPECT_NE(first.handle, second.handle);
+    EXPECT_EQ(nullptr, w.library.find(first.handle));
+}
+
+TEST(KprobeLibrary, a_name_again_ends_the_one_before)
+{
+    Whole w;
+    const int before = open_descriptors();
+    Source first, second;
+    ASSERT_TRUE(first.open(w.library, "clt_file"));
+    w.add(first.handle, "Kc");
+    const int with_one = open_descriptors();
+    ASSERT_TRUE(second.open(w.library, "clt_file"));
+    EXPECT_EQ(nullptr, w.library.find(first.handle));
+    EXPECT_TRUE(w.kernel.definitions().empty());
+    w.add(second.handle, "Kc");
+    EXPECT_EQ(with_one + 2, open_descriptors()) << "the descriptors handed out are the caller's";
+    EXPECT_EQ(1, w.create("/a"));
+    EXPECT_EQ(Paths{"/a"}, w.wait_for(second, 1));
+    first.forget();
+    second.forget();
+    w.library.shut_down();
+    EXPECT_LE(open_descriptors(), before + 2) << "what the thread slept on";
+    EXPECT_TRUE(w.kernel.definitions().empty());
+    EXPECT_STREQ("the process is ending", w.library.why_not());
+    EXPECT_EQ(nullptr, w.library.find(second.handle));
+}
+
+TEST(KprobeLibrary, made_and_ended_again_and_again)
+{
+    Whole w;
+    w.kernel.file("/sys/devices/system/cpu/online", "0\n");
+    int descriptors = 0;
+    for (int round = 0; round < 100; round++) {
+        Source source;
+        ASSERT_TRUE(source.open(w.library, "clt_file")) << round;
+        w.add(source.handle, "Kc");
+        w.create("/x");
+        ASSERT_EQ(0, w.library.remove(source.handle));
+        source.forget();
+        if (round == 0)
+            descriptors = open_descriptors();
+        ASSERT_EQ(descriptors, open_descriptors()) << round;
+        ASSERT_EQ(0u, w.kernel.perf.open_events());
+    }
+    EXPECT_TRUE(w.kernel.definitions().empty());
+}
+
+TEST(KprobeLibrary, as_many_instances_as_there_is_room_for)
+{
+    Whole w;
+    w.kernel.file("/sys/devices/system/cpu/online", "0\n");
+    std::vector<Source> sources(65);
+    for (size_t i = 0; i < 64; i++)
+        ASSERT_TRUE(sources[i].open(w.library, ("i" + std::to_string(i)).c_str())) << i;
+    EXPECT_FALSE(sources[64].open(w.library, "one more"));
+    EXPECT_EQ(0, w.library.remove(sources[5].handle));
+    EXPECT_TRUE(sources[64].open(w.library, "one more"));
+}
+
+TEST(KprobeLibrary, no_inotify_instance_where_no_probe_can_tell)
+{
+    Whole w;
+    testlib::KernelTypes types;
+    types.functions = {"security_inode_create"};
+    w.kernel.file("/sys/kernel/btf/vmlinux", kernel_types(types));
+    Source inotify, file;
+    EXPECT_FALSE(inotify.open(w.library, "clt_inotify"));
+    EXPECT_TRUE(has_line(take_log(), "the descriptor is used"));
+    EXPECT_TRUE(file.open(w.library, "clt_file"));
+}
+
+TEST(KprobeLibrary, calls_that_fail_while_an_instance_is_made)
+{
+    const int at_least[] = {1, 4, 1, 3, 1, 4, 2, 1};
+    const char *const calls[] = {"epoll_create1", "perf_event_open", "pthread_create", "eventfd", "malloc",
+                                 "mmap",          "fcntl",           "epoll_ctl"};
+    for (size_t i = 0; i < std::size(calls); i++) {
+        int failed = 0, descriptors = 0;
+        const int runs = testlib::fail_each(calls[i], EMFILE, [&](Fault &fault) {
+            Whole w;
+            Fault *armed = &fault; /* counts from here on what the start called, too */
+            Source source;
+            const bool made = source.open(w.library, "clt_file");
+            EXPECT_TRUE(made || armed->hit()) << calls[i];
+            failed += !made;
+            EXPECT_EQ(made ? 4u : 0u, w.kernel.perf.open_events()) << calls[i];
+            source.forget();
+            w.library.shut_down();
+            if (descriptors == 0)
+                descriptors = open_descriptors();
+            EXPECT_NEAR(descriptors, open_descriptors(), 2) << calls[i];
+        });
+        EXPECT_GE(runs, at_least[i]) << calls[i];
+        EXPECT_GE(failed, at_least[i]) << calls[i];
+        take_log();
+    }
+}
+
+TEST(KprobeLibrary, a_start_that_failed_does_not_stop_the_next_instance)
+{
+    Whole w;
+    ASSERT_TRUE(w.works());
+    Source source;
+    {
+        const Fault fault("pthread_create", 1, EAGAIN);
+        EXPECT_FALSE(source.open(w.library, "clt_file"));
+    }
+    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    w.add(source.handle, "Kc");
+    w.create("/a");
+    EXPECT_EQ(Paths{"/a"}, w.wait_for(source, 1));
+}
+
+/* ---- turns of the monitor ---- */
+
+TEST(KprobeLibrary, no_turn_takes_more_than_the_monitor_reads)
+{
+    Whole w;
+    Source source;
+    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    w.add(source.handle, "Kc");
+    size_t hits = 0;
+    for (int i = 0; i < 600; i++)
+        hits += static_cast<size_t>(w.create("/x", i % 2));
+    usleep(20000);
+    size_t got = 0;
+    for (int turn = 0; turn < 100 && got < hits; turn++) {
+        int in_turn = 0;
+        for (const int32_t index : {0, 1})
+            if (is_readable(source.fds[index]))
+                in_turn += w.library.parse(index, source.handle);
+        EXPECT_GT(in_turn, 0) << turn;
+        EXPECT_LE(in_turn, 91) << turn;
+        got += static_cast<size_t>(in_turn);
+    }
+    EXPECT_EQ(hits, got);
+    EXPECT_FALSE(is_readable(source.fds[0]) || is_readable(source.fds[1]));
+    received.clear();
+}
+
+TEST(KprobeLibrary, hits_from_many_threads_while_it_is_used)
+{
+    Whole w;
+    Source source;
+    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    w.add(source.handle, "Kc");
+    const uint64_t entry = w.objects.path(w.super, "/same");
+    std::atomic<size_t> hits = 0;
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> threads;
+    for (const int cpu : {0, 1})
+        threads.emplace_back([&, cpu] {
+            for (uint32_t tid = 1; !stop; tid++) { /* equal hits of one thread while a filter is replaced count once */
+                hits += w.kernel.hit({"security_inode_create", {0, entry, 0}, 1, tid, cpu}) > 0 ? 1 : 0;
+                usleep(50);
+            }
+        });
+    const auto instance = w.library.find(source.handle);
+    for (int i = 0; i < 60; i++) {
+        for (const int32_t index : {0, 1})
+            w.library.parse(index, source.handle);
+        if (i % 10 == 3) {
+            EXPECT_EQ(0, instance->filter("Kc", i % 20 == 3 ? "mnt==23" : ""));
+        }
+        if (i % 10 == 7) {
+            EXPECT_EQ(0, instance->enable("Kc", false));
+            EXPECT_EQ(0, instance->enable("Kc", true));
+        }
+        usleep(2000);
+    }
+    stop = true;
+    for (std::thread &thread : threads)
+        thread.join();
+    w.wait_for(source, SIZE_MAX); /* until nothing comes */
+    kp_losses losses;
+    ASSERT_TRUE(instance->losses(&losses));
+    EXPECT_GT(losses.delivered, 100u);
+    EXPECT_EQ(hits, losses.delivered + losses.ring + losses.queue);
+}

@@ -1,0 +1,161 @@
+/* The mount table: its lines, and which mount stands for a device. */
+#include "mounts.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+
+using namespace kprobe;
+
+namespace
+{
+
+const char *const kTable =
+    "20 1 8:1 / / rw,relatime shared:1 - ext4 /dev/root rw\n"
+    "23 20 0:20 / /tmp rw - tmpfs tmpfs rw\n"
+    "31 20 0:20 / /srv/bind rw master:4 propagate_from:2 - tmpfs tmpfs rw\n"
+    "22 20 0:20 /below /srv/part rw shared:9 - tmpfs tmpfs rw\n";
+
+MountMap map_of(std::vector<Mount> mounts)
+{
+    MountMap map;
+    map.refresh(std::move(mounts));
+    return map;
+}
+
+}  // namespace
+
+TEST(KprobeMounts, lines)
+{
+    const std::vector<Mount> mounts = parse_mounts(kTable);
+    ASSERT_EQ(4u, mounts.size());
+    EXPECT_EQ(20, mounts[0].id);
+    EXPECT_EQ(8u << 20 | 1, mounts[0].device);
+    EXPECT_EQ("/", mounts[0].point);
+    EXPECT_TRUE(mounts[0].whole);
+    EXPECT_EQ("/srv/bind", mounts[2].point);
+    EXPECT_TRUE(mounts[2].whole);
+    EXPECT_EQ("/srv/part", mounts[3].point);
+    EXPECT_FALSE(mounts[3].whole);
+}
+
+TEST(KprobeMounts, large_devices)
+{
+    const std::vector<Mount> mounts = parse_mounts("5 1 259:1048575 / /x rw - ext4 /dev/x rw\n");
+    ASSERT_EQ(1u, mounts.size());
+    EXPECT_EQ(259u << 20 | 1048575, mounts[0].device);
+}
+
+TEST(KprobeMounts, escapes)
+{
+    const struct {
+        const char *written, *meant;
+    } rows[] = {{"/a\\040b", "/a b"}, {"/\\011\\012\\134", "/\t\n\\"}, {"/a\\04", "/a\\04"},
+                {"/a\\", "/a\\"},     {"/a\\089", "/a\\089"},          {"/\\134040", "/\\040"},
+                {"/#\\043", "/##"},   {"/\\303\\274", "/\xc3\xbc"}};
+    for (const auto &row : rows) {
+        const auto mounts = parse_mounts("5 1 0:9 / " + std::string(row.written) + " rw - tmpfs t rw\n");
+        ASSERT_EQ(1u, mounts.size()) << row.written;
+        EXPECT_EQ(row.meant, mounts[0].point);
+    }
+}
+
+TEST(KprobeMounts, lines_that_are_none)
+{
+    for (const char *line : {"", "\n\n\n", "x", "5", "5 1", "5 1 0", "5 1 0:", "5 1 :9 / / rw", "a 1 0:9 / / rw",
+                             "5 1 0:9 /", "5 1 0:9 / ", "5 1 0:9", "   ", "5 1 0:9  "})
+        EXPECT_TRUE(parse_mounts(line).empty()) << line;
+    const std::vector<Mount> mounts = parse_mounts("rubbish\n5 1 0:9 / /x rw\nmore");
+    ASSERT_EQ(1u, mounts.size());
+    EXPECT_EQ("/x", mounts[0].point);
+    EXPECT_EQ(1u, parse_mounts("5 1 0:9 / /last-without-an-end").size());
+}
+
+TEST(KprobeMounts, any_bytes)
+{
+    std::mt19937 random(7);
+    for (int round = 0; round < 20000; round++) {
+        std::string text = kTable;
+        for (int i = 0; i < 4; i++)
+            text[random() % text.size()] = static_cast<char>(random());
+        text.resize(random() % text.size());
+        for (const Mount &mount : parse_mounts(text))
+            ASSERT_FALSE(mount.point.empty());
+    }
+}
+
+TEST(KprobeMounts, the_lowest_whole_mount_stands_for_a_device)
+{
+    const MountMap map = map_of(parse_mounts(kTable));
+    EXPECT_EQ(23, map.id_of(20)); /* 22 shows a part */
+    EXPECT_EQ(20, map.id_of(8 << 20 | 1));
+    EXPECT_EQ(0, map.id_of(21));
+    EXPECT_EQ(20u, map.device_of(31));
+    EXPECT_EQ(20u, map.device_of(22));
+    EXPECT_EQ(0u, map.device_of(99));
+    EXPECT_STREQ("/tmp", map.point_of(20));
+    EXPECT_EQ(nullptr, map.point_of(21));
+    EXPECT_EQ(9, map_of({{9, 7, false, "/b"}, {12, 7, false, "/c"}}).id_of(7)); /* parts only */
+}
+
+TEST(KprobeMounts, wanted_ids_come_first)
+{
+    MountMap map = map_of(parse_mounts(kTable));
+    map.want({31, 22, 0, 99});
+    EXPECT_EQ(22, map.id_of(20));
+    EXPECT_EQ(20, map.id_of(8 << 20 | 1));
+    map.want({31});
+    EXPECT_EQ(31, map.id_of(20));
+    map.want({});
+    EXPECT_EQ(23, map.id_of(20));
+    map.want({0, 99}); /* no mount of any device */
+    EXPECT_EQ(0, map.id_of(0));
+}
+
+TEST(KprobeMounts, a_mount_point_mounted_anew)
+{
+    MountMap map = map_of({{20, 1, true, "/"}, {23, 20, true, "/tmp"}});
+    map.want({23});
+    map.refresh({{20, 1, true, "/"}, {40, 33, true, "/tmp"}});
+    EXPECT_EQ(33u, map.device_of(23)) << "the monitor keeps the id that it knows";
+    EXPECT_EQ(23, map.id_of(33));
+    EXPECT_EQ(0, map.id_of(20));
+    map.refresh({{20, 1, true, "/"}});
+    EXPECT_EQ(0u, map.device_of(23));
+    map.refresh({{20, 1, true, "/"}, {41, 34, true, "/tmp"}, {42, 35, true, "/tmp"}});
+    EXPECT_EQ(35u, map.device_of(23)) << "the mount on top";
+}
+
+TEST(KprobeMounts, an_id_that_is_used_again)
+{
+    MountMap map = map_of({{23, 20, true, "/tmp"}});
+    map.refresh({});
+    map.refresh({{23, 50, true, "/other"}});
+    EXPECT_EQ(50u, map.device_of(23));
+}
+
+TEST(KprobeMounts, what_is_remembered_has_an_end)
+{
+    MountMap map;
+    for (int id = 1; id <= 1100; id++)
+        map.refresh({{id, static_cast<uint32_t>(id), true, "/m" + std::to_string(id)}});
+    std::vector<Mount> all;
+    for (int id = 1; id <= 1100; id++)
+        all.push_back({10000 + id, static_cast<uint32_t>(20000 + id), true, "/m" + std::to_string(id)});
+    map.refresh(all);
+    EXPECT_EQ(21100u, map.device_of(1100));
+    EXPECT_EQ(20077u, map.device_of(77)); /* of 1100 that went, the last 1024 */
+    EXPECT_EQ(0u, map.device_of(76));
+    EXPECT_EQ(0u, map.device_of(1));
+}
+
+TEST(KprobeMounts, this_machines_table)
+{
+    const std::vector<Mount> mounts = read_mounts();
+    ASSERT_FALSE(mounts.empty());
+    for (const Mount &mount : mounts) {
+        EXPECT_GT(mount.id, 0);
+        EXPECT_EQ('/', mount.point[0]);
+    }
+}
