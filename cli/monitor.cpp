@@ -19,6 +19,7 @@ namespace
 {
 
 constexpr int kLogFiles = 5;
+constexpr int kThreadMs = 10000; /* for the monitor's thread to place its probes */
 
 void set_values(const WatchOptions &options)
 {
@@ -85,8 +86,10 @@ bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, s
     const SignalsBlocked blocked;
     const int code = module.init(0, nullptr);
     const Findings findings = log.take();
-    if (code == 0 && !findings.monitor_ended)
+    if (code == 0 && !findings.monitor_ended) {
+        orx_host_await_timers(kThreadMs); /* without its thread the monitor says so by itself */
         return options.probes != Probes::kOn || has_probes(log, module, error);
+    }
     error = explain_start_failure(findings, gather_facts());
     return false;
 }

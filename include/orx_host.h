@@ -35,6 +35,11 @@ int orx_host_ini_override(const char *section, const char *key, const char *valu
  * override back. */
 int orx_host_path_override(const char *path, const char *target);
 
+/* Waits until some plug-in has called timer_init(), `ms` milliseconds at most. The monitor's thread does so when its
+ * kernel probes are placed, some time after the monitor has started: events before that may be missed. 0, or -1 when
+ * nobody has called it by then. Any thread. */
+int orx_host_await_timers(int ms);
+
 #ifdef __cplusplus
 }
 #endif

@@ -96,17 +96,21 @@ static int (*orx_fmon_init_)(uint32_t, void *);
 static int (*create_instance)(const char *, fmon_client_cb);
 static int (*add_watch)(uint32_t, const char *, uint32_t, uint32_t, uint32_t, uint32_t);
 static int (*del_instance)(uint32_t);
+static int (*await_timers)(int);
 
 static int start(const char *libdir)
 {
-    load(libdir, "liborx_base.so", RTLD_GLOBAL);
+    void *base = load(libdir, "liborx_base.so", RTLD_GLOBAL);
     void *module = load(libdir, "libfmon.so", RTLD_LOCAL);
     /* ISO C has no cast from an object's address to a function's. */
     *(void **)&orx_fmon_init_ = dlsym(module, "orx_fmon_init");
     *(void **)&create_instance = dlsym(module, "_orx_fmon_create_instance");
     *(void **)&add_watch = dlsym(module, "_orx_fmon_add_watch");
     *(void **)&del_instance = dlsym(module, "_orx_fmon_del_instance");
-    return orx_fmon_init_ && create_instance && add_watch && del_instance ? orx_fmon_init_(0, NULL) : -1;
+    *(void **)&await_timers = dlsym(base, "orx_host_await_timers");
+    if (!orx_fmon_init_ || !create_instance || !add_watch || !del_instance || !await_timers || orx_fmon_init_(0, NULL))
+        return -1;
+    return await_timers(10000); /* where there are kernel probes, they are in place then */
 }
 
 static int add_client(const char *name, fmon_client_cb cb, const char *path)

@@ -79,6 +79,11 @@ private:
     bool reaped_ = false;
 };
 
+/* Whether the kernel-probe library works on this kernel, and the monitor so hears of names by probes. */
+bool probes_work();
+/* The longest file name, in bytes, that is reported whole. */
+size_t longest_name();
+
 /* `fmon watch --format json ARGUMENTS` over one folder. */
 class Watch
 {
@@ -102,6 +107,7 @@ public:
     int stop(); /* SIGINT; the exit status */
 
 private:
+    void await_marker(const std::string &dir, const Names &awaited, Paths &seen);
     bool is_marker(const std::string &path) const;
     bool is_own_reading(const Json &event) const;
     void take(const Json &event, Paths &seen);

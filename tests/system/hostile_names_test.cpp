@@ -36,8 +36,8 @@ const std::vector<std::string> &hostile()
         " blanks ",
         "-r",
         "nul\\0",
-        std::string(255, 'x'),
-        std::string(255, '\xff'),
+        std::string(longest_name(), 'x'),
+        std::string(longest_name(), '\xff'),
     };
     return list;
 }
@@ -146,13 +146,15 @@ TEST(HostileNames, LongPathsArrive)
 {
     TempTree tree;
     std::string below;
-    while (tree.path(below).size() + 101 < 900)
-        below += (below.empty() ? "" : "/") + std::string(100, 'd');
+    constexpr size_t kLongest = 1022, kName = 100;
+    while (tree.path(below).size() + 2 * (kName + 1) < kLongest)
+        below += (below.empty() ? "" : "/") + std::string(kName, 'd');
+    below += "/" + std::string(kLongest - tree.path(below).size() - kName - 2, 'd');
     std::string dir = tree.dir(below);
     Watch watch(tree.root(), {"-r", "-e", "create"});
     watch.established();
-    std::string longest = dir + "/" + std::string(1022 - dir.size() - 1, 'f');
-    ASSERT_LE(longest.size() - dir.size() - 1, 255U);
+    std::string longest = dir + "/" + std::string(kName, 'f');
+    ASSERT_EQ(longest.size(), kLongest);
     make_file(longest);
     make_file(longest + "f"); /* one byte more: cannot be built, must harm nothing */
     watch.barrier(tree.root(), {"create"});

@@ -70,7 +70,8 @@ TEST_F(TwoClients, TheSlowOneMergesAndTheFastOneLosesNothing)
 
     const Told &fast = told_["fast"][hot], &slow = told_["slow"][hot];
     EXPECT_TRUE(slow.gathered); /* opened, written and closed: one record; the very first may be the opening alone */
-    EXPECT_GE(fast.deliveries, kFiles / 2);
+    /* With probes every descriptor is read ten times a second at most. */
+    EXPECT_GE(fast.deliveries, probes_work() ? 5 : kFiles / 2);
     EXPECT_LE(slow.deliveries, kFiles / 4);
     EXPECT_GE(slow.deliveries, 1);
     agent.close_input();

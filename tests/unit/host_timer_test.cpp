@@ -1,7 +1,9 @@
 #include <ctime>
+#include <thread>
 
 #include "host_support.h"
 #include "orx_base.h"
+#include "orx_host.h"
 
 namespace
 {
@@ -11,6 +13,20 @@ uint64_t monotonic_ms()
     struct timespec now;
     clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1000000;
+}
+
+/* The first case of this program: nobody has called timer_init() yet. */
+TEST(Timer, AreAwaitedUntilSomebodyWantsThem)
+{
+    const uint64_t before = monotonic_ms();
+    EXPECT_EQ(orx_host_await_timers(0), -1);
+    EXPECT_EQ(orx_host_await_timers(-1), -1);
+    EXPECT_EQ(orx_host_await_timers(30), -1);
+    EXPECT_GE(monotonic_ms(), before + 30);
+    std::thread other([] { timer_init(); });
+    EXPECT_EQ(orx_host_await_timers(60000), 0);
+    other.join();
+    EXPECT_EQ(orx_host_await_timers(0), 0);
 }
 
 TEST(Timer, ShowsTheKernelsMonotonicClock)
