@@ -1,0 +1,67 @@
+# shellcheck shell=sh
+# What the guest's scripts share. In the environment: BUILD and STAGE, the build folder and the installation tree (their
+# programs and those of tests/kernels/ are on PATH), TMPDIR, an empty tmpfs, and LIMIT.
+
+# result NAME ok|FAIL|SKIP [WORDS]: one check's outcome.
+result() { echo "RESULT $*"; }
+
+# run_gtest NAME PROGRAM [ARGUMENTS]: all its cases as one result; what failed is shown before.
+run_gtest() {
+    label=$1
+    shift
+    timeout -s KILL 120 "$@" >/run/gtest.out 2>&1
+    status=$?
+    passed=$(grep -c '^\[       OK \]' /run/gtest.out)
+    # Each skipped or failed case is named twice, the second time in the summary, without its time.
+    skipped=$(grep -c '^\[  SKIPPED \] .* ms)' /run/gtest.out)
+    if [ $status != 0 ]; then
+        grep -vE '^\[ +(OK|RUN) ' /run/gtest.out | tail -n 60
+        case $status in 137) why="killed after 120 s" ;; *) why="status $status" ;; esac
+        result "$label" FAIL "$why:" "$(sed -n 's/^\[  FAILED  \] \([^ ,]*\)$/\1/p' /run/gtest.out | sort -u | tr '\n' ' ')"
+    elif [ "$passed" = 0 ]; then
+        result "$label" SKIP "$skipped cases: $(grep -m 1 -i 'skip' /run/gtest.out)"
+    else
+        [ "$skipped" = 0 ] || grep -A 2 'Skipped$' /run/gtest.out
+        took=$(sed -n 's/.* ran\. (\([0-9]*\) ms total)$/\1/p' /run/gtest.out)
+        result "$label" ok "$passed passed, $skipped skipped, $took ms"
+    fi
+}
+
+# await SECONDS COMMAND: until the command succeeds.
+await() {
+    tries=$(($1 * 10))
+    shift
+    until "$@"; do
+        tries=$((tries - 1))
+        [ $tries -gt 0 ] || return 1
+        usleep 100000
+    done
+}
+
+# load_module NAME: a file system that this kernel has as a module; true where it is built in.
+load_module() {
+    [ -e "/lib/modules/$(uname -r)/modules.dep" ] || depmod 2>/dev/null
+    modprobe "$1" 2>/dev/null || grep -qw "$1" /proc/filesystems
+}
+
+# tests_of KIND: the names, without "KIND.", of the build's tests that tests=PATTERN on the kernel's command line means.
+tests_of() {
+    sed -n "s/^$1\\.//p" /etc/tests | while read -r name; do
+        # shellcheck disable=SC2154,SC2254 # the kernel's command line sets it, and it is a pattern
+        case $name in ${tests:-*}) echo "$name" ;; esac
+    done
+}
+
+# start_watch ARGUMENTS: starts fmon watch, as $watch, with its output in $out and $err; false: it ended, or did not get
+# everything in place.
+start_watch() {
+    : >"$out" # not only when the command gets to run: what stands there from an earlier one is not this one's
+    fmon watch "$@" >"$out" 2>"$err" &
+    watch=$!
+    tries=600
+    until grep -q '"established"' "$out"; do
+        tries=$((tries - 1))
+        if [ $tries = 0 ] || ! kill -0 $watch 2>/dev/null; then return 1; fi
+        usleep 100000
+    done
+}
