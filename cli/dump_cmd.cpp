@@ -1,11 +1,7 @@
-#include <cerrno>
-#include <csignal>
-#include <cstdio>
-#include <cstring>
-
 #include "dump_client.h"
 #include "dump_options.h"
 #include "message.h"
+#include "print.h"
 #include "verbs.h"
 
 namespace cli
@@ -13,17 +9,6 @@ namespace cli
 
 namespace
 {
-
-// A reader that has gone has what it wanted (head -1): that is no error.
-int print(const std::string &text)
-{
-    signal(SIGPIPE, SIG_IGN);
-    const bool done = fwrite(text.data(), 1, text.size(), stdout) == text.size() && fflush(stdout) == 0;
-    if (done || errno == EPIPE)
-        return kDone;
-    complain(std::string("cannot write the output: ") + strerror(errno));
-    return kError;
-}
 
 std::string none_text(size_t others)
 {
@@ -78,7 +63,7 @@ int dump(const DumpOptions &options)
                  kDumpTypeTable[options.request.type].name);
     if (answer.cut)
         complain("the dump is longer than 64 MB and was cut there: ask for a part with --type");
-    return print(answer.text);
+    return print_out(answer.text);
 }
 
 }  // namespace
@@ -91,7 +76,7 @@ int run_dump(int argc, char **argv)
         complain(error);
         return kError;
     }
-    return options.help ? print(dump_help()) : dump(options);
+    return options.help ? print_out(dump_help()) : dump(options);
 }
 
 }  // namespace cli

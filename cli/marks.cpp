@@ -18,7 +18,8 @@ namespace cli
 namespace
 {
 
-constexpr std::string_view kInotifyLine = "inotify wd:", kMountLine = "fanotify mnt_id:";
+constexpr std::string_view kInotifyLine = "inotify wd:", kFanotifyLine = "fanotify ",
+                           kMountField = " mnt_id:", kDeviceField = " sdev:";
 
 struct DirCloser {
     void operator()(DIR *dir) const { closedir(dir); }
@@ -34,15 +35,26 @@ void for_each_number(const std::string &folder, const std::function<void(const c
             fn(entry->d_name);
 }
 
+bool find_hex(std::string_view line, std::string_view field, uint64_t &out)
+{
+    const size_t at = line.find(field);
+    if (at == std::string_view::npos)
+        return false;
+    const char *begin = line.data() + at + field.size();
+    return std::from_chars(begin, line.data() + line.size(), out, 16).ec == std::errc();
+}
+
 // One line of a descriptor's information. Long files come in pieces, but no line is as long as a piece.
 void count_line(std::string_view line, Marks &marks)
 {
     if (line.substr(0, kInotifyLine.size()) == kInotifyLine) {
         marks.inotify_watches++;
-    } else if (line.substr(0, kMountLine.size()) == kMountLine) {
-        uint64_t id = 0;
-        std::from_chars(line.data() + kMountLine.size(), line.data() + line.size(), id, 16);
-        marks.fanotify_mounts.push_back(id);
+    } else if (line.substr(0, kFanotifyLine.size()) == kFanotifyLine) {
+        uint64_t number;
+        if (find_hex(line, kMountField, number))
+            marks.fanotify_mounts.push_back(number);
+        if (find_hex(line, kDeviceField, number))
+            marks.fanotify_devices.insert(static_cast<uint32_t>(number));
     }
 }
 
@@ -75,6 +87,7 @@ Marks &Marks::operator+=(const Marks &other)
     inotify_watches += other.inotify_watches;
     fanotify_instances += other.fanotify_instances;
     fanotify_mounts.insert(fanotify_mounts.end(), other.fanotify_mounts.begin(), other.fanotify_mounts.end());
+    fanotify_devices.insert(other.fanotify_devices.begin(), other.fanotify_devices.end());
     return *this;
 }
 
@@ -107,6 +120,17 @@ Marks user_marks(uid_t uid, const char *proc)
             all += process_marks(process, proc);
     });
     return all;
+}
+
+std::map<uid_t, Marks> marks_by_user(const char *proc)
+{
+    std::map<uid_t, Marks> users;
+    for_each_number(proc, [&](const char *process) {
+        struct stat st;
+        if (stat((std::string(proc) + "/" + process).c_str(), &st) == 0)
+            users[st.st_uid] += process_marks(process, proc);
+    });
+    return users;
 }
 
 uint64_t read_number(const char *path)

@@ -7,6 +7,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -18,6 +20,7 @@ struct Marks {
     uint64_t inotify_watches = 0;
     uint64_t fanotify_instances = 0;
     std::vector<uint64_t> fanotify_mounts; /* ids of the mounts that are marked as a whole */
+    std::set<uint32_t> fanotify_devices;   /* of files, directories and file systems that are marked */
 
     Marks &operator+=(const Marks &other);
 };
@@ -27,6 +30,9 @@ Marks process_marks(const std::string &process, const char *proc = "/proc");
 
 /* Of all processes of a user that may be looked at: the limits of inotify are each user's. */
 Marks user_marks(uid_t uid, const char *proc = "/proc");
+
+/* Of all processes that may be looked at, by user. */
+std::map<uid_t, Marks> marks_by_user(const char *proc = "/proc");
 
 /* A number in a file such as /proc/sys/fs/inotify/max_user_watches; 0 when it cannot be read. */
 uint64_t read_number(const char *path);

@@ -1,5 +1,6 @@
 #include "mounts.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
@@ -55,6 +56,17 @@ bool has_option(std::string_view options, std::string_view wanted)
     return false;
 }
 
+// "8:1" as the kernel keeps it.
+uint32_t device_number(std::string_view text)
+{
+    uint32_t major = 0, minor = 0;
+    const size_t colon = std::min(text.find(':'), text.size());
+    std::from_chars(text.data(), text.data() + colon, major);
+    if (colon < text.size())
+        std::from_chars(text.data() + colon + 1, text.data() + text.size(), minor);
+    return major << 20 | minor;
+}
+
 }  // namespace
 
 // See proc(5): id, parent, device, root, mount point, options, optional fields, "-", type, source, more options.
@@ -64,7 +76,7 @@ bool parse_mount(std::string_view line, Mount &out)
     if (std::from_chars(id.data(), id.data() + id.size(), out.id).ec != std::errc())
         return false;
     take_field(line);  // parent
-    take_field(line);  // device
+    out.device = device_number(take_field(line));
     const std::string_view root = take_field(line);
     out.point = unescape(take_field(line));
     const std::string_view options = take_field(line);

@@ -17,6 +17,7 @@ struct Mount {
     std::string point; /* where it is mounted, "\040" and the like resolved */
     std::string type;
     bool whole_device = false; /* writable, from a device, from its root: what the monitor can mark */
+    uint32_t device = 0;       /* the kernel's own number: major << 20 | minor */
 };
 
 /* One line of /proc/self/mountinfo; false when it is not one. */

@@ -7,6 +7,7 @@
 #include <charconv>
 #include <filesystem>
 
+#include "kp_thread_utils.h"
 #include "message.h"
 #include "mounts.h"
 #include "orx_base.h"
@@ -83,6 +84,12 @@ std::string incomplete_text(const ProbeTrouble &trouble, const ProbeFacts &facts
     return facts.library + " lacks " + name + ": it belongs to another version, install both anew";
 }
 
+std::string kernel_text(const ProbeFacts &facts)
+{
+    const std::string reason = facts.library_reason.empty() ? "" : " (" + facts.library_reason + ")";
+    return "it does not work on this kernel, " + facts.release + reason + root_hint(facts);
+}
+
 std::string machine_text(const ProbeTrouble &trouble, const ProbeFacts &facts)
 {
     const std::string named = in_brackets(trouble.line);
@@ -132,6 +139,14 @@ std::string loader_error(const std::string &library, void **handle)
     return text ? text : "no reason is given";
 }
 
+// Libraries of another make do not have this entry.
+std::string library_reason(void *handle)
+{
+    const auto unavailable = reinterpret_cast<decltype(&kp_unavailable)>(dlsym(handle, "kp_unavailable"));
+    const char *const reason = unavailable ? unavailable() : nullptr;
+    return reason ? reason : "";
+}
+
 }  // namespace
 
 // The inotify source fails on its own, and system-wide events work without it.
@@ -147,7 +162,7 @@ ProbeCause read_probe_line(std::string_view text, std::string_view file)
 
 std::string probe_library() { return in_installation(kProbeLibrary); }
 
-ProbeFacts gather_probe_facts(bool container)
+ProbeFacts gather_probe_facts(bool container, bool ask)
 {
     ProbeFacts facts;
     facts.root = geteuid() == 0;
@@ -161,6 +176,8 @@ ProbeFacts gather_probe_facts(bool container)
         for (const char *entry : kEntries)
             if (handle && facts.missing_entry.empty() && !dlsym(handle, entry))
                 facts.missing_entry = entry;
+        if (handle && ask && !container && facts.missing_entry.empty())
+            facts.library_reason = library_reason(handle);
     }
     struct utsname name;
     if (uname(&name) == 0) {
@@ -189,7 +206,7 @@ std::string explain_cause(const ProbeTrouble &trouble, const ProbeFacts &facts)
         case ProbeCause::kIncomplete:
             return incomplete_text(trouble, facts);
         case ProbeCause::kKernel:
-            return "it does not work on this kernel, " + facts.release + root_hint(facts);
+            return kernel_text(facts);
         case ProbeCause::kMachine:
             return machine_text(trouble, facts);
         case ProbeCause::kRelease:

@@ -44,13 +44,15 @@ struct ProbeFacts {
     bool library_there = false; /* a file of that name */
     std::string load_error;     /* the loader's words; empty: it can be loaded */
     std::string missing_entry;  /* a function that it lacks; empty: it has all */
+    std::string library_reason; /* why it does not work, in its own words; empty: it works, or does not tell */
     std::string config;         /* where fmon.ini is looked for */
     std::string release, machine;
     uint64_t mounts = 0; /* that the filter has to name */
 };
 
-/* Looks where the monitor looks. Loads the library, which then stays loaded, as far as that can be done. */
-ProbeFacts gather_probe_facts(bool container);
+/* Looks where the monitor looks. Loads the library, which then stays loaded, as far as that can be done. `ask`: has it
+ * try whether probes work, as the monitor does when it starts; once they have been tried, it remembers. */
+ProbeFacts gather_probe_facts(bool container, bool ask = true);
 
 /* The library as the monitor asks for it. */
 inline constexpr char kProbeLibrary[] = "@/../lib/liborx_kp_thread.2.so";

@@ -1,9 +1,9 @@
 #include "reporter.h"
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "message.h"
+#include "print.h"
 #include "signals.h"
 #include "time_format.h"
 
@@ -12,13 +12,6 @@ namespace cli
 
 namespace
 {
-
-// NO_COLOR counts when it is set and not empty, whatever its value.
-bool wants_colours()
-{
-    const char *no_colour = getenv("NO_COLOR"), *terminal = getenv("TERM");
-    return !(no_colour && *no_colour) && !(terminal && std::string_view(terminal) == "dumb");
-}
 
 std::unique_ptr<Formatter> make_formatter(const WatchOptions &options, const FormatStyle &style, std::string &error)
 {

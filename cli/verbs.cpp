@@ -10,6 +10,8 @@ namespace cli
 const Verb kVerbTable[kVerbs] = {
     {"watch", "show what happens to files, and who did it", run_watch},
     {"dump", "show the state of a running watch", run_dump},
+    {"doctor", "show what works on this machine, and how to mend the rest", run_doctor},
+    {"offsets", "show the section of fmon.ini for a kernel", run_offsets},
 };
 
 namespace
@@ -44,7 +46,8 @@ std::string main_help()
            "\nExamples:\n"
            "  fmon watch -r /etc                   changes below /etc, until Ctrl-C\n"
            "  fmon watch --format json -r /data    the same as one JSON object a line\n"
-           "  fmon dump                            what the running watch watches, and what waits in it\n";
+           "  fmon dump                            what the running watch watches, and what waits in it\n"
+           "  fmon doctor                          what works here, and what does not\n";
 }
 
 int run_command(int argc, char **argv)

@@ -17,7 +17,7 @@ struct Verb {
     int (*run)(int argc, char **argv); /* argv[0] is the verb; returns the exit status */
 };
 
-inline constexpr size_t kVerbs = 2;
+inline constexpr size_t kVerbs = 4;
 extern const Verb kVerbTable[kVerbs];
 
 const Verb *find_verb(std::string_view name);
@@ -28,6 +28,8 @@ int run_command(int argc, char **argv);
 
 int run_watch(int argc, char **argv);
 int run_dump(int argc, char **argv);
+int run_doctor(int argc, char **argv);
+int run_offsets(int argc, char **argv);
 
 }  // namespace cli
 

@@ -1,8 +1,10 @@
 #include <sstream>
 
 #include "cli_testing.h"
+#include "doctor.h"
 #include "dump_options.h"
 #include "event_names.h"
+#include "offsets_options.h"
 #include "option_table.h"
 #include "verbs.h"
 
@@ -30,15 +32,19 @@ protected:
         folder.file("main", cli::main_help());
         folder.file("watch", cli::watch_help());
         folder.file("dump", cli::dump_help());
+        folder.file("doctor", cli::doctor_help());
+        folder.file("offsets", cli::offsets_help());
         folder.file("events", cli::event_list());
-        folder.file("script", "source " + in_source("packaging/completion/fmon").string() +
-                                  "\n"
-                                  "cd " +
-                                  folder.root() +
-                                  "\n"
-                                  "fmon() { case \"$*\" in --help) cat main ;; 'watch --help') cat watch ;;\n"
-                                  "'watch -e help') cat events ;; 'dump --help') cat dump ;; *) return 2 ;; esac; }\n"
-                                  "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon; echo \"${COMPREPLY[*]}\"\n");
+        folder.file("script",
+                    "source " + in_source("packaging/completion/fmon").string() +
+                        "\n"
+                        "cd " +
+                        folder.root() +
+                        "\n"
+                        "fmon() { case \"$*\" in --help) cat main ;; 'watch --help') cat watch ;;\n"
+                        "'watch -e help') cat events ;; 'dump --help') cat dump ;;\n"
+                        "'doctor --help') cat doctor ;; 'offsets --help') cat offsets ;; *) return 2 ;; esac; }\n"
+                        "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon; echo \"${COMPREPLY[*]}\"\n");
     }
 
     /* What the words, the last of them unfinished, are completed to. */
@@ -110,6 +116,17 @@ TEST_F(Completion, dump)
     EXPECT_EQ(replies("fmon dump nothing"), "");
 }
 
+TEST_F(Completion, doctor_and_offsets)
+{
+    EXPECT_EQ(replies("fmon doctor --"), "--format --help");
+    EXPECT_EQ(replies("fmon doctor -f ''"), "text json");
+    EXPECT_EQ(replies("fmon doctor scr"), "");
+    EXPECT_EQ(replies("fmon offsets --"), "--release --format --help");
+    EXPECT_EQ(replies("fmon offsets --format = j"), "json");
+    EXPECT_EQ(replies("fmon offsets --release ''"), "");
+    EXPECT_EQ(replies("fmon offsets " + folder.path("scr")), folder.path("script"));
+}
+
 TEST_F(Completion, files)
 {
     EXPECT_EQ(replies("fmon watch " + folder.path("scr")), folder.path("script"));
@@ -139,6 +156,15 @@ TEST(CliManual, of_dump_names_every_option_and_type)
         EXPECT_NE(page.find(option), std::string::npos) << option;
     for (const cli::DumpType &type : cli::kDumpTypeTable)
         EXPECT_NE(page.find(std::string(".It Cm ") + type.name + "\n"), std::string::npos) << type.name;
+}
+
+TEST(CliManual, of_doctor_and_offsets_names_every_option)
+{
+    for (const char *option : {".It Fl f , Fl Fl format ", ".It Fl h , Fl Fl help"}) {
+        EXPECT_NE(content(in_source("docs/fmon-doctor.1")).find(option), std::string::npos) << option;
+        EXPECT_NE(content(in_source("docs/fmon-offsets.1")).find(option), std::string::npos) << option;
+    }
+    EXPECT_NE(content(in_source("docs/fmon-offsets.1")).find(".It Fl Fl release "), std::string::npos);
 }
 
 TEST(CliManual, names_every_verb)

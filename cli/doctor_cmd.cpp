@@ -1,0 +1,59 @@
+#include <unistd.h>
+
+#include "doctor.h"
+#include "message.h"
+#include "orx_base.h"
+#include "print.h"
+#include "time_format.h"
+#include "verbs.h"
+
+namespace cli
+{
+
+namespace
+{
+
+void append(Checks &all, Checks more)
+{
+    all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
+}
+
+// A section each, in the report's order.
+Checks examine()
+{
+    const SetupFacts setup = gather_setup();
+    const KernelFacts kernel = gather_kernel(setup.config);
+    const std::map<uid_t, Marks> users = marks_by_user();
+    const std::vector<Mount> mounts = read_mounts();
+    Checks checks = judge_setup(setup);
+    append(checks, judge_kernel(kernel));
+    append(checks, judge_rights(gather_rights()));
+    append(checks, judge_events(gather_events(users)));
+    append(checks, judge_probes(gather_probes(kernel, setup.container, users, mounts)));
+    append(checks, judge_mounts(mounts));
+    return checks;
+}
+
+int doctor(const DoctorOptions &options)
+{
+    error_output_level = 0;  // what is loaded must not write to the installation's log
+    const Checks checks = examine();
+    const bool colours = isatty(STDOUT_FILENO) && wants_colours();
+    const int printed = print_out(options.json ? doctor_json(checks, wall_clock_ns()) : doctor_text(checks, colours));
+    return printed == kDone ? doctor_status(checks) : printed;
+}
+
+}  // namespace
+
+int run_doctor(int argc, char **argv)
+{
+    DoctorOptions options;
+    std::string error;
+    if (!parse_doctor(argc, argv, options, error)) {
+        complain(error);
+        return kError;
+    }
+    return options.help ? print_out(doctor_help()) : doctor(options);
+}
+
+}  // namespace cli
