@@ -343,3 +343,19 @@ FileCase::FileCase(const std::string &where) : place(where)
 }
 
 FileCase::~FileCase() { umount2(place.c_str(), MNT_DETACH); }
+
+CountCase::CountCase(const std::string &where) : place(where)
+{
+    make_mount(place);
+    filter = mounts_filter({mount_id_of(place)});
+    add_create_probe(source.handle, filter);
+    kp.enable(1, "Kc", source.handle);
+    counting = true;
+    counted = 0;
+}
+
+CountCase::~CountCase()
+{
+    counting = false;
+    umount2(place.c_str(), MNT_DETACH);
+}

@@ -126,6 +126,16 @@ struct FileCase {
     FileCase &operator=(const FileCase &) = delete;
 };
 
+// The create probe alone, on a mount of its own; records are counted.
+struct CountCase {
+    Source source{"clt_file"};
+    std::string place, filter;
+    explicit CountCase(const std::string &where);
+    ~CountCase();
+    CountCase(const CountCase &) = delete;
+    CountCase &operator=(const CountCase &) = delete;
+};
+
 // ---- cases ----
 
 void case_files();

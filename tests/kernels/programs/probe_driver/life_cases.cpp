@@ -132,12 +132,8 @@ void case_cycles()
 // A child that goes on without exec has no probes, and harms none.
 void case_forks()
 {
-    Source source("clt_file");
-    make_mount("/m_forks");
-    add_create_probe(source.handle, mounts_filter({mount_id_of("/m_forks")}));
-    kp.enable(1, "Kc", source.handle);
-    counting = true;
-    counted = 0;
+    CountCase at("/m_forks");
+    Source &source = at.source;
     fflush(stdout);
     const pid_t child = fork();
     if (child == 0) {
@@ -162,6 +158,4 @@ void case_forks()
     result("forks.removed", definitions() == 0, std::to_string(definitions()));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
-    counting = false;
-    umount2("/m_forks", MNT_DETACH);
 }

@@ -90,12 +90,8 @@ private:
 
 void case_many()
 {
-    Source source("clt_file");
-    make_mount("/m_many");
-    add_create_probe(source.handle, mounts_filter({mount_id_of("/m_many")}));
-    kp.enable(1, "Kc", source.handle);
-    counting = true;
-    counted = 0;
+    CountCase at("/m_many");
+    Source &source = at.source;
     constexpr int kProcesses = 4, kEach = 25000;
     const double began = seconds();
     start_creators("/m_many", kProcesses, kEach);
@@ -108,19 +104,13 @@ void case_many()
     words += " in " + std::to_string(seconds() - began) + " s";
     result("many.account", accounted, words);
     result("many.lost", counted == uint64_t{kProcesses} * kEach, words);
-    counting = false;
-    umount2("/m_many", MNT_DETACH);
 }
 
 // What waits is thrown away again and again while more comes.
 void case_clean()
 {
-    Source source("clt_file");
-    make_mount("/m_clean");
-    add_create_probe(source.handle, mounts_filter({mount_id_of("/m_clean")}));
-    kp.enable(1, "Kc", source.handle);
-    counting = true;
-    counted = 0;
+    CountCase at("/m_clean");
+    Source &source = at.source;
     constexpr int kProcesses = 4, kEach = 5000;
     start_creators("/m_clean", kProcesses, kEach);
     while (children_run()) {
@@ -136,19 +126,13 @@ void case_clean()
     const uint64_t before = counted;
     source.drain();
     result("clean.after", counted == before + 10, std::to_string(counted - before) + " of 10");
-    counting = false;
-    umount2("/m_clean", MNT_DETACH);
 }
 
 // An agent that gets signals all the time and forks meanwhile, whose probes are switched and get other filters.
 void case_disturbed()
 {
-    Source source("clt_file");
-    make_mount("/m_busy");
-    add_create_probe(source.handle, mounts_filter({mount_id_of("/m_busy")}));
-    kp.enable(1, "Kc", source.handle);
-    counting = true;
-    counted = 0;
+    CountCase at("/m_busy");
+    Source &source = at.source;
     constexpr int kProcesses = 2, kEach = 5000;
     start_creators("/m_busy", kProcesses, kEach);
     {
@@ -166,33 +150,27 @@ void case_disturbed()
     const bool accounted = all_accounted(source, uint64_t{kProcesses} * kEach, &words);
     result("disturbed.account", accounted, words);
     result("disturbed.lost", counted == uint64_t{kProcesses} * kEach, words);
-    counting = false;
-    umount2("/m_busy", MNT_DETACH);
 }
 
 void case_cost()
 {
-    make_mount("/m_cost");
     constexpr int kCount = 3000, kTurns = 12;  // the best of many: the machine has other work, too
     double off = 1e9, on = 1e9, rejected = 1e9;
-    Source source("clt_file");
-    add_create_probe(source.handle, mounts_filter({mount_id_of("/m_cost")}));
-    counting = true;
+    CountCase at("/m_cost");
+    Source &source = at.source;
     for (int turn = 0; turn < kTurns; turn++) {
+        kp.enable('0', "Kc", source.handle);
         off = std::min(off, time_creations(kCount, nullptr));
         kp.enable(1, "Kc", source.handle);
         on = std::min(on, time_creations(kCount, &source));
         kp.filter("Kc", "mnt==99999", source.handle);
         rejected = std::min(rejected, time_creations(kCount, nullptr));
-        kp.filter("Kc", mounts_filter({mount_id_of("/m_cost")}).c_str(), source.handle);
-        kp.enable('0', "Kc", source.handle);
+        kp.filter("Kc", at.filter.c_str(), source.handle);
     }
-    counting = false;
     char words[160];
     snprintf(words, sizeof(words), "off %.1f us, on %.1f us: %.2f times; rejected by the filter %.2f times", off, on,
              on / off, rejected / off);
     result("cost", on / off <= 1.8, words);
-    umount2("/m_cost", MNT_DETACH);
 }
 
 // How long after a creation its record can be read: out of the blue, and while there is more.
