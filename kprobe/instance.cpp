@@ -74,9 +74,25 @@ std::vector<Fd> Instance::copy_descriptors() const
 
 void Instance::arm_bells(bool on)
 {
+    const std::lock_guard lock(arming_);
+    armed_ = on;
     for (const auto &bell : bells_) {
         bell->arm(on);
         bell->forget();
+    }
+}
+
+// New events of a bell that is armed already: some kernels run them only when the bell is armed anew. Hits must not be
+// recorded before that, or nobody is told of them.
+void Instance::ring_from_now_on(EventSet *bells)
+{
+    bells->enable(true);
+    const std::lock_guard lock(arming_);
+    if (!armed_)
+        return;
+    for (const auto &bell : bells_) {
+        bell->arm(false);
+        bell->arm(true);
     }
 }
 
@@ -211,8 +227,11 @@ void Instance::restack(Probe *added)
 
 void Instance::switch_events(Probe *probe)
 {
+    if (probe->on)
+        ring_from_now_on(&probe->bells);
     probe->events.enable(probe->on);
-    probe->bells.enable(probe->on);
+    if (!probe->on)
+        probe->bells.enable(false);
 }
 
 std::vector<uint32_t> Instance::left_out_by(const Probe &probe, const std::string &filter)
@@ -310,7 +329,7 @@ int Instance::filter(const std::string &event, const std::string &text)
         return status;
     set_filter(probe, std::move(kept), std::move(left_out));
     if (probe->on) {
-        bells.enable(true);
+        ring_from_now_on(&bells);
         {
             const std::lock_guard records(records_);
             replacing_ = true;
@@ -336,12 +355,14 @@ int Instance::filter(const std::string &event, const std::string &text)
 void Instance::lock_for_fork()
 {
     control_.lock();
+    arming_.lock();
     records_.lock();
 }
 
 void Instance::unlock_for_fork()
 {
     records_.unlock();
+    arming_.unlock();
     control_.unlock();
 }
 

@@ -1,9 +1,9 @@
 /*
  * instance.h: a set of probes, their rings, and the records that wait for the monitor.
  *
- * Three locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
- * switches, which wait for the kernel), `records_` (rings and queues, never held while the kernel or a callback is
- * waited for).
+ * Four locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
+ * switches, which wait for the kernel), `arming_` (whether bells ring), `records_` (rings and queues, never held while
+ * the kernel or a callback is waited for).
  */
 #ifndef KPROBE_INSTANCE_H
 #define KPROBE_INSTANCE_H
@@ -94,7 +94,8 @@ private:
     int define_in_kernel(Probe *probe);
     int open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells);
     std::string why_refused(const Probe &probe, const std::string &filter) const;
-    static void switch_events(Probe *probe);
+    void switch_events(Probe *probe);
+    void ring_from_now_on(EventSet *bells);
     void undefine(Probe *probe) noexcept;
     void restack(Probe *added);
     std::string kernel_filter(const Probe &probe, const std::string &text);
@@ -122,6 +123,9 @@ private:
     std::mutex control_;
     Marks marks_;
     unsigned serial_ = 0;  // of definitions
+
+    std::mutex arming_;
+    bool armed_ = false;
 
     std::mutex records_;
     std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index

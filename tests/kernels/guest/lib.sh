@@ -65,3 +65,11 @@ start_watch() {
         usleep 100000
     done
 }
+
+# need_known_release NAME: ends the script with a SKIP where the monitor does not take the kernel's release for system-wide
+# events.
+need_known_release() {
+    uname -r | grep -qE '^[0-9]+\.[0-9]+\.[0-9]+-[0-9]' && return
+    result "$1" SKIP "the monitor does not understand the release $(uname -r)"
+    exit
+}
