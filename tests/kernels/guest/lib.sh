@@ -54,6 +54,7 @@ tests_of() {
 
 # start_watch ARGUMENTS: starts fmon watch, as $watch, with its output in $out and $err; false: it ended, or did not get
 # everything in place.
+# shellcheck disable=SC2154 # the script says where: $out and $err
 start_watch() {
     : >"$out" # not only when the command gets to run: what stands there from an earlier one is not this one's
     fmon watch "$@" >"$out" 2>"$err" &
