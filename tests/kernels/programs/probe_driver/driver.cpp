@@ -15,18 +15,20 @@
 // The texts are the monitor's, not copies of them.
 #include "linux/fetch_text.h"
 
+std::string last_line;
+
 extern "C" {
 int error_output_level = 2;
 void error_output(int level, const char *file, int line, const char *fmt, ...)
 {
-    if (level > error_output_level)
-        return;
+    char text[1024];
     va_list args;
     va_start(args, fmt);
-    printf("# %s:%d: ", file, line);
-    vprintf(fmt, args);
-    printf("\n");
+    vsnprintf(text, sizeof(text), fmt, args);
     va_end(args);
+    last_line = text;
+    if (level <= error_output_level)
+        printf("# %s:%d: %s\n", file, line, text);
 }
 int orx_str_snprintf(char *out, size_t size, const char *fmt, ...)
 {

@@ -39,7 +39,8 @@ struct Library {
     decltype(&kp_unavailable) unavailable;
 };
 extern Library kp;
-extern "C" int error_output_level;
+extern "C" int error_output_level;  // lines above are not shown
+extern std::string last_line;       // of the library's log
 
 void load_library();
 const kp_os_info *kernel();
@@ -152,6 +153,7 @@ void case_ends();
 void case_cycles();
 void case_forks();
 void case_bad_input();
+void case_watched_tracefs();
 int hold(int fd);
 
 #endif

@@ -1,5 +1,6 @@
 // How probes end, whoever ends, and what cannot be had.
 #include <fcntl.h>
+#include <sys/fanotify.h>
 #include <sys/mount.h>
 
 #include <csignal>
@@ -158,4 +159,35 @@ void case_forks()
     result("forks.removed", definitions() == 0, std::to_string(definitions()));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
+}
+
+// Somebody marks the control files with fanotify and keeps what the events hold open until the probes are deleted:
+// older kernels do not survive that for the files of a probe, so that the library must not open these.
+void case_watched_tracefs()
+{
+    const int watcher = fanotify_init(FAN_CLASS_NOTIF | FAN_NONBLOCK | FAN_CLOEXEC, O_RDONLY | O_CLOEXEC);
+    if (fanotify_mark(watcher, FAN_MARK_ADD | FAN_MARK_FILESYSTEM, FAN_OPEN | FAN_CLOSE, AT_FDCWD,
+                      "/sys/kernel/tracing"))
+        stop("fanotify_mark");
+    const bool safe = kernel()->major > 6 || (kernel()->major == 6 && kernel()->minor >= 7);
+    std::vector<int> held;
+    {
+        error_output_level = 0;
+        Source source("clt_file");
+        const bool refused = add_create_probe(source.handle, "nofield==1") < 0;
+        const bool told = last_line.find("watches tracefs with fanotify") != std::string::npos;
+        result("watched.refused", refused && told != safe, last_line);
+        result("watched.defined", add_create_probe(source.handle, "mnt==1") >= 0);
+        error_output_level = 2;
+        alignas(8) char buffer[65536];
+        for (ssize_t got; (got = read(watcher, buffer, sizeof(buffer))) > 0;) {
+            auto *event = reinterpret_cast<fanotify_event_metadata *>(buffer);
+            for (; FAN_EVENT_OK(event, got); event = FAN_EVENT_NEXT(event, got))
+                held.push_back(event->fd);
+        }
+    }
+    for (const int fd : held)
+        close(fd);
+    close(watcher);
+    result("watched.ended", definitions() == 0 && !held.empty(), std::to_string(held.size()) + " files held");
 }

@@ -14,13 +14,11 @@ struct Case {
     bool usual = true;
 };
 constexpr Case kCases[] = {
-    {"ends", case_ends},       {"files", case_files},
-    {"names", case_names},     {"mounts", case_mounts},
-    {"inotify", case_inotify}, {"many", case_many},
-    {"clean", case_clean},     {"disturbed", case_disturbed},
-    {"latency", case_latency}, {"forks", case_forks},
-    {"bad", case_bad_input},   {"cycles", case_cycles},
-    {"cost", case_cost},       {"cost_parts", case_cost_parts, false},
+    {"ends", case_ends},     {"files", case_files},         {"names", case_names},
+    {"mounts", case_mounts}, {"inotify", case_inotify},     {"many", case_many},
+    {"clean", case_clean},   {"disturbed", case_disturbed}, {"latency", case_latency},
+    {"forks", case_forks},   {"bad", case_bad_input},       {"watched", case_watched_tracefs},
+    {"cycles", case_cycles}, {"cost", case_cost},           {"cost_parts", case_cost_parts, false},
 };
 
 }  // namespace
