@@ -125,7 +125,7 @@ TEST_F(EventLoop, TellsWhenAThreadCannotBeMade)
     pthread_attr_t before, huge; /* a stack that no address space holds */
     ASSERT_EQ(pthread_getattr_default_np(&before), 0);
     huge = before;
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, size_t{1} << (sizeof(void *) * 8 - 2)), 0);
+    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3 & ~size_t{0xffff}), 0);
     ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
     Isolated thread;
     int result = thread.start();
