@@ -94,6 +94,8 @@ void Instance::ring_from_now_on(EventSet *bells)
         bell->arm(false);
         bell->arm(true);
     }
+    if (wake_ >= 0)  // what came in between has rung none
+        eventfd_write(wake_, 1);
 }
 
 std::vector<Ring *> Instance::list(const std::vector<std::unique_ptr<Ring>> &rings)
@@ -379,6 +381,7 @@ void Instance::abandon()
         for (const auto &ring : *rings)
             ring->close();
     marks_.remove();
+    wake_ = -1;
 }
 
 }  // namespace kprobe

@@ -62,6 +62,8 @@ public:
     bool sweep(uint64_t safe);
     const std::vector<int> &bell_descriptors() const { return bell_fds_; }
     void arm_bells(bool on);
+    // An eventfd, by which the instance asks that thread to look.
+    void wake_by(int fd) { wake_ = fd; }
 
     // In a process that was forked: what is shared with the parent is let go, and nothing is deleted.
     void lock_for_fork();
@@ -126,6 +128,7 @@ private:
 
     std::mutex arming_;
     bool armed_ = false;
+    std::atomic<int> wake_ = -1;
 
     std::mutex records_;
     std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index

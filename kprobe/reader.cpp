@@ -82,6 +82,7 @@ int Reader::add(const std::shared_ptr<Instance> &instance)
         if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0)
             return -errno;  // those before it go with the instance
     }
+    instance->wake_by(wake_.get());
     instances_.push_back(instance);
     eventfd_write(wake_.get(), 1);  // its bells are to be armed
     return 0;
