@@ -198,6 +198,7 @@ void Instance::undefine(Probe *probe) noexcept
         return;
     probe->events.close();
     probe->bells.close();
+    drop_replaced(probe);
     int status = -ENOMEM;
     try {
         status = tracefs_.remove(group_, probe->event);
@@ -232,8 +233,10 @@ void Instance::switch_events(Probe *probe)
     if (probe->on)
         ring_from_now_on(&probe->bells);
     probe->events.enable(probe->on);
-    if (!probe->on)
+    if (!probe->on) {
         probe->bells.enable(false);
+        drop_replaced(probe);
+    }
 }
 
 std::vector<uint32_t> Instance::left_out_by(const Probe &probe, const std::string &filter)
@@ -324,32 +327,82 @@ int Instance::filter(const std::string &event, const std::string &text)
         return -ENOENT;
     if (text.size() > kMaxFilter)
         return -EINVAL;
+    {
+        const std::lock_guard replaced(replaced_lock_);
+        replaced_.reserve(replaced_.size() + 1);  // behind the change nothing may fail
+    }
     EventSet events, bells;
     std::string kept = text;
     std::vector<uint32_t> left_out = left_out_by(*probe, text);
     if (const int status = open_events(probe, kernel_filter(*probe, text), &events, &bells); status < 0)
         return status;
     set_filter(probe, std::move(kept), std::move(left_out));
-    if (probe->on) {
-        ring_from_now_on(&bells);
-        {
-            const std::lock_guard records(records_);
-            replacing_ = true;
-        }
-        events.take_over(&probe->events);
-        try {
-            sweep(0);
-        } catch (const std::exception &) {  // out of memory: what both have seen is handed on twice
-        }
-        const std::lock_guard records(records_);
-        replacing_ = false;
-        for (Newest &newest : newest_)
-            newest = {};
-    }
+    if (probe->on)
+        replace(probe, &events, &bells);
     std::swap(probe->events, events);
     std::swap(probe->bells, bells);
     mark_mounts(*probe);
     return 0;
+}
+
+// The kernel walks the events of a probe one by one, may be interrupted meanwhile, and drops, uncounted, what comes to
+// an event that was just switched off. A hit that was on its way when the new events came sees the old one only: that
+// has to stay for a while, in which all other hits are told twice.
+void Instance::replace(Probe *probe, EventSet *events, EventSet *bells)
+{
+    drop_replaced(probe);
+    ring_from_now_on(bells);
+    const std::lock_guard lock(replaced_lock_);
+    {
+        const std::lock_guard records(records_);
+        if (told_twice_until_ < now_ns())
+            std::fill(newest_.begin(), newest_.end(), Newest());
+        told_twice_until_ = UINT64_MAX;
+    }
+    events->enable(true);
+    replaced_.push_back({probe, std::move(probe->events), std::move(probe->bells), now_ns()});
+    if (wake_ >= 0)
+        eventfd_write(wake_, 1);
+}
+
+// A probe has one at most.
+void Instance::drop_replaced(const Probe *probe) noexcept
+{
+    const std::lock_guard lock(replaced_lock_);
+    const auto found = std::find_if(replaced_.begin(), replaced_.end(),
+                                    [probe](const Replaced &replaced) { return replaced.probe == probe; });
+    if (found != replaced_.end())
+        close_replaced(found);
+    note_replaced();
+}
+
+bool Instance::close_replaced()
+{
+    const std::unique_lock lock(replaced_lock_, std::try_to_lock);
+    if (!lock)
+        return true;  // rings fill up while somebody waits for the kernel
+    if (replaced_.empty())
+        return false;
+    while (!replaced_.empty() && now_ns() - replaced_.front().since >= kOverlap)
+        close_replaced(replaced_.begin());
+    note_replaced();
+    return !replaced_.empty();
+}
+
+// Switched off, since a process that is forked at this moment still holds them open.
+void Instance::close_replaced(std::vector<Replaced>::iterator replaced)
+{
+    replaced->events.enable(false);
+    replaced->bells.enable(false);
+    replaced_.erase(replaced);
+}
+
+// What was on its way through the last of them may still come.
+void Instance::note_replaced()
+{
+    const std::lock_guard lock(records_);
+    if (replaced_.empty() && told_twice_until_ == UINT64_MAX)
+        told_twice_until_ = now_ns() + kOverlap;
 }
 
 // ---- fork ----
@@ -358,12 +411,14 @@ void Instance::lock_for_fork()
 {
     control_.lock();
     arming_.lock();
+    replaced_lock_.lock();
     records_.lock();
 }
 
 void Instance::unlock_for_fork()
 {
     records_.unlock();
+    replaced_lock_.unlock();
     arming_.unlock();
     control_.unlock();
 }
@@ -380,6 +435,7 @@ void Instance::abandon()
     for (const auto *rings : {&rings_, &bells_})
         for (const auto &ring : *rings)
             ring->close();
+    replaced_.clear();
     marks_.remove();
     wake_ = -1;
 }

@@ -1,9 +1,9 @@
 /*
  * instance.h: a set of probes, their rings, and the records that wait for the monitor.
  *
- * Four locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
- * switches, which wait for the kernel), `arming_` (whether bells ring), `records_` (rings and queues, never held while
- * the kernel or a callback is waited for).
+ * Locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
+ * switches, which wait for the kernel), `arming_` (whether bells ring) or `replaced_lock_` (events that are to be
+ * closed), `records_` (rings and queues, never held while the kernel or a callback is waited for).
  */
 #ifndef KPROBE_INSTANCE_H
 #define KPROBE_INSTANCE_H
@@ -60,6 +60,10 @@ public:
     // For the thread that empties the rings: takes what they hold, and releases what is older than `safe`. False: there
     // was nothing to take and nothing is held back.
     bool sweep(uint64_t safe);
+
+    // For the same thread: closes events whose place others took a while ago. True: some are left.
+    bool close_replaced();
+    static constexpr uint64_t kOverlap = 20000000;  // ns; far longer than a hit takes
     const std::vector<int> &bell_descriptors() const { return bell_fds_; }
     void arm_bells(bool on);
     // An eventfd, by which the instance asks that thread to look.
@@ -87,6 +91,11 @@ private:
         Fd signal;  // readable as long as a record may be taken
         bool raised = false;
     };
+    struct Replaced {  // by events with another filter
+        const Probe *probe;
+        EventSet events, bells;
+        uint64_t since;
+    };
     struct Batch;
     struct Sink;
 
@@ -98,12 +107,17 @@ private:
     std::string why_refused(const Probe &probe, const std::string &filter) const;
     void switch_events(Probe *probe);
     void ring_from_now_on(EventSet *bells);
+    void replace(Probe *probe, EventSet *events, EventSet *bells);
+    void drop_replaced(const Probe *probe) noexcept;
+    void close_replaced(std::vector<Replaced>::iterator replaced);
+    void note_replaced();
     void undefine(Probe *probe) noexcept;
     void restack(Probe *added);
     std::string kernel_filter(const Probe &probe, const std::string &text);
     void mark_mounts(const Probe &probe);
     int index_of(const Sample &sample) const;
     void take(size_t ring, const Sample &sample);
+    bool is_again(size_t ring, const Sample &sample);
     void settle_signals();
     size_t oldest() const;
     void gather(size_t budget);
@@ -130,18 +144,21 @@ private:
     bool armed_ = false;
     std::atomic<int> wake_ = -1;
 
+    std::mutex replaced_lock_;
+    std::vector<Replaced> replaced_;  // in the order of `since`
+
     std::mutex records_;
     std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index
     std::vector<std::unique_ptr<Ring>> rings_, bells_;  // of each CPU
     std::vector<int> bell_fds_;
     std::vector<std::unique_ptr<Queue>> queues_;
     struct Newest {
-        uint64_t stream;
         uint32_t tid;
         std::vector<unsigned char> raw;
+        std::vector<uint64_t> streams;  // that told it
     };
-    std::vector<Newest> newest_;  // of each ring, while a filter is replaced
-    bool replacing_ = false;
+    std::vector<Newest> newest_;     // of each ring, while hits are told twice
+    uint64_t told_twice_until_ = 0;  // UINT64_MAX: nobody knows yet
     uint64_t safe_ = 0;
     kp_losses counts_ = {};
 

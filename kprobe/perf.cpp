@@ -190,15 +190,6 @@ void EventSet::enable(bool on)
         ioctl(fd.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0);
 }
 
-void EventSet::take_over(EventSet *old)
-{
-    for (size_t i = 0; i < fds_.size(); i++) {
-        ioctl(fds_[i].get(), PERF_EVENT_IOC_ENABLE, 0);
-        if (i < old->fds_.size())
-            ioctl(old->fds_[i].get(), PERF_EVENT_IOC_DISABLE, 0);
-    }
-}
-
 // ---- CPUs ----
 
 std::vector<int> parse_cpus(const std::string &text)

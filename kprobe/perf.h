@@ -97,9 +97,6 @@ public:
     void close() { fds_.clear(); }
     bool is_open() const { return !fds_.empty(); }
 
-    // Takes the place of `old` CPU by CPU: hits in between are seen twice rather than not at all.
-    void take_over(EventSet *old);
-
 private:
     std::vector<Fd> fds_;
 };

@@ -127,6 +127,7 @@ bool Reader::sweep_all()
     bool busy = false;
     for (const auto &instance : instances_) {
         try {
+            busy |= instance->close_replaced();
             busy |= instance->sweep(safe);
         } catch (const std::exception &) {  // out of memory: what is in the rings waits
             busy = true;

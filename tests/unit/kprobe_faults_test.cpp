@@ -121,6 +121,7 @@ TEST(KprobeFaults, filters_that_cannot_be_opened)
             const int status = f.instance.filter("Kc", "mnt==20");
             failed += status < 0;
             EXPECT_TRUE(fault.hit() || status == 0) << call;
+            f.settle();
             EXPECT_EQ(8u, f.kernel.perf.open_events()) << call;
             f.instance.enable("Kc", true);
         });

@@ -6,6 +6,7 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
+#include <unistd.h>
 #include <poll.h>
 
 #include <cstring>
@@ -127,6 +128,12 @@ struct Fixture {
         return kernel.hit({"security_inode_create", {0, objects.path(super, path), 0}, pid, pid + 1, cpu, time});
     }
     bool sweep() { return instance.sweep(UINT64_MAX); }
+    /* Time passes, and the events that had the filter before are closed. */
+    void settle()
+    {
+        usleep(kprobe::Instance::kOverlap / 1000);
+        EXPECT_FALSE(instance.close_replaced());
+    }
     std::vector<std::string> parse(size_t budget = 1000)
     {
         sweep();

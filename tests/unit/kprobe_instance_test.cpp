@@ -238,12 +238,17 @@ TEST(KprobeInstanceFilter, replaced)
     ASSERT_EQ(0, f.add("Kc", "mnt==20"));
     ASSERT_EQ(0, f.instance.enable("Kc", true));
     EXPECT_EQ(0, f.instance.filter("Kc", "mnt==23||mnt==99"));
+    EXPECT_EQ(12u, f.kernel.perf.open_events()) << "a hit may be on its way through the old ones";
+    EXPECT_TRUE(f.instance.close_replaced()) << "it is too early";
+    f.settle();
+    EXPECT_EQ(8u, f.kernel.perf.open_events());
     const int id = f.kernel.id_of("Kc");
     EXPECT_EQ((Paths{"mnt==20||mnt==4294967295", "mnt==20||mnt==4294967295"}), f.kernel.perf.filters(id));
     EXPECT_TRUE(f.kernel.perf.enabled(id));
     EXPECT_EQ(1, f.create("/a"));
     EXPECT_EQ(Paths{"/a"}, f.parse());
     EXPECT_EQ(0, f.instance.filter("Kc", ""));
+    f.settle();
     EXPECT_EQ((Paths{"", ""}), f.kernel.perf.filters(id));
     EXPECT_EQ(8u, f.kernel.perf.open_events());
 }
@@ -286,6 +291,35 @@ TEST(KprobeInstanceFilter, a_hit_that_both_filters_see_counts_once)
     std::sort(got.begin(), got.end());
     EXPECT_EQ(wanted, got);
     EXPECT_GT(records, n) << "some were written twice";
+}
+
+/* The kernel drops what comes to an event that was just switched off. */
+TEST(KprobeInstanceFilter, a_hit_on_its_way_is_told_by_the_old_one)
+{
+    Fixture f;
+    f.add_on("Kc");
+    f.kernel.perf.begin_hits();
+    ASSERT_EQ(0, f.instance.filter("Kc", "mnt==23"));
+    EXPECT_EQ(1, f.create("/a"));
+    f.kernel.perf.end_hits();
+    EXPECT_EQ(2, f.create("/b"));
+    EXPECT_EQ((Paths{"/a", "/b"}), f.parse());
+    f.settle();
+    EXPECT_EQ(1, f.create("/c"));
+    EXPECT_EQ(Paths{"/c"}, f.parse());
+}
+
+TEST(KprobeInstanceFilter, many_at_once)
+{
+    Fixture f;
+    f.add_on("Kc");
+    for (int i = 0; i < 10; i++)
+        ASSERT_EQ(0, f.instance.filter("Kc", "mnt==23"));
+    EXPECT_EQ(2, f.create("/a")) << "events with older filters do not pile up";
+    EXPECT_EQ(Paths{"/a"}, f.parse());
+    EXPECT_EQ(0, f.instance.enable("Kc", false));
+    EXPECT_EQ(0, f.create("/b")) << "off is off";
+    EXPECT_EQ(8u, f.kernel.perf.open_events());
 }
 
 TEST(KprobeInstanceFilter, equal_hits_are_not_one)

@@ -148,7 +148,7 @@ int FakePerf::hit(int id, int cpu, uint32_t pid, uint32_t tid, uint64_t time, co
     int records = 0;
     for (auto &[fd, event] : events_) {
         if (event.attr.type != PERF_TYPE_TRACEPOINT || event.attr.config != static_cast<uint64_t>(id) ||
-            event.cpu != cpu || !event.enabled)
+            event.cpu != cpu || !event.enabled || event.stream >= unseen_)
             continue;
         const auto ring = events_.find(event.output);
         if (ring == events_.end() || !ring->second.map)
@@ -161,6 +161,18 @@ int FakePerf::hit(int id, int cpu, uint32_t pid, uint32_t tid, uint64_t time, co
         }
     }
     return records;
+}
+
+void FakePerf::begin_hits()
+{
+    const std::lock_guard lock(lock_);
+    unseen_ = streams_;
+}
+
+void FakePerf::end_hits()
+{
+    const std::lock_guard lock(lock_);
+    unseen_ = UINT64_MAX;
 }
 
 unsigned char *FakePerf::map_of(int fd)

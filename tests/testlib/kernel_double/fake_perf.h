@@ -42,6 +42,10 @@ public:
     /* One hit of tracepoint `id` on a CPU: to each enabled event. Returns how many records were written or lost. */
     int hit(int id, int cpu, uint32_t pid, uint32_t tid, uint64_t time, const std::vector<unsigned char> &raw);
 
+    /* Hits that have begun by now: events that come later do not see them. */
+    void begin_hits();
+    void end_hits();
+
     size_t open_events();
     unsigned char *map_of(int fd);
     size_t map_size_of(int fd);
@@ -55,7 +59,7 @@ private:
 
     std::mutex lock_;
     std::map<int, FakeEvent> events_;
-    uint64_t streams_ = 100;
+    uint64_t streams_ = 100, unseen_ = UINT64_MAX; /* from this stream on, no event sees a hit */
 };
 
 /* One record as it stands in a ring. */
