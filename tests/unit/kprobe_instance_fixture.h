@@ -6,10 +6,11 @@
 
 #include <dirent.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 #include <poll.h>
+#include <unistd.h>
 
 #include <cstring>
+#include <memory>
 
 #include "instance.h"
 #include "kprobe_facts.h"
@@ -93,14 +94,17 @@ struct Fixture {
     testlib::KernelObjects objects;
     kprobe::Tracefs tracefs;
     kprobe::Facts facts;
-    kprobe::Instance instance;
+    /* On the heap: the thread sanitizer takes locks on the stack for those of an earlier test that stood there. */
+    std::unique_ptr<kprobe::Instance> owned;
+    kprobe::Instance &instance;
     uint64_t super;
 
     explicit Fixture(bool is_64 = true, kprobe::Sizes sizes = {1 << 16, 1 << 18}, std::vector<int> cpus = {0, 1})
         : kernel(is_64),
           objects(&kernel.memory),
           facts(is_64 ? kprobe_facts::amd64_6_1() : kprobe_facts::i386_6_1()),
-          instance(tracefs, facts, "orx_1_2_3_clt_file"),
+          owned(std::make_unique<kprobe::Instance>(tracefs, facts, "orx_1_2_3_clt_file")),
+          instance(*owned),
           super(objects.super_block(kDevice))
     {
         std::string why;
