@@ -19,6 +19,9 @@
 extern "C" {
 #endif
 
+/* `status`, as the library that comes with the file monitor tells it. */
+enum { ORX_CONTAINER_RUNNING = 0, ORX_CONTAINER_ENDED = 1, ORX_CONTAINER_PAUSED = 2 };
+
 /* The container that a mount belongs to. */
 struct orx_container_mount {
     int32_t pid;       /* a process that runs inside: /proc/PID/root shows its files */
@@ -39,7 +42,7 @@ struct orx_container_info {
     const char *capability;    /* the capabilities that were added, "CAP_SYS_ADMIN,..." */
     const char *ports_binding; /* "ADDRESS:PORT->PORT/PROTOCOL" of each port that is open to the outside */
     int32_t privileged;        /* 1: it runs without confinement, else 0 */
-    int32_t status;            /* 0: usable; anything else: not, or not now */
+    int32_t status;            /* 0: usable; anything else: not, or not now (ORX_CONTAINER_...) */
     int32_t init_pid;          /* its first process, in the numbering outside; 0 while there is none */
 };
 
@@ -52,6 +55,27 @@ const struct orx_container_mount *_orx_get_container_mount(const char *id);
 struct orx_container_info *_orx_get_container_info(const char *id);
 
 void _orx_free_container_info(struct orx_container_info *info); /* null: nothing is done */
+
+/* ---- additions of the library that comes with the file monitor: the monitor itself uses none of them ---- */
+
+/* What one pass over /proc finds. */
+struct orx_container_census {
+    uint32_t containers, mounts, namespaces, processes;
+    uint32_t hidden; /* processes that may not be looked at: no root, or /proc is mounted with hidepid */
+    uint32_t cut;    /* mount namespaces that have more mounts than are read */
+    uint32_t micros; /* what it took */
+};
+
+/* Other folders than /proc and than that of the host's files, which is /rootfs where the host's etc and proc are there,
+ * else "/"; null: those again. What was known is forgotten. No look-up may run meanwhile. 0; -ENOMEM. */
+int32_t orx_container_set_roots(const char *proc, const char *files);
+
+/* The innermost container that a process is in, from its control groups; `size` of 65 holds every id. 0; -ENOENT: it is
+ * in none, or there is no such process; -EINVAL: bad arguments; -ENOMEM. */
+int32_t orx_container_of_process(int32_t pid, char *out, size_t size);
+
+/* Looks at /proc now, which may take a while, and keeps what it finds for look-ups. 0; -errno: /proc cannot be read. */
+int32_t orx_container_survey(struct orx_container_census *out);
 
 static_assert(offsetof(struct orx_container_mount, pid) == 0, "mount record");
 static_assert(offsetof(struct orx_container_mount, label) == sizeof(char *), "mount record");

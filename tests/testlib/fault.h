@@ -7,7 +7,8 @@
  * (found through dlsym), select read readlink realpath stat lstat fstat statx opendir readdir closedir uname prctl
  * dlopen dlsym close fopen fgets open fcntl. Tests of the kernel-probe library (see kernel_double/) have instead:
  * malloc read close open fcntl uname stat inotify_add_watch, and access write mmap ioctl perf_event_open eventfd
- * epoll_create1 epoll_ctl pthread_create inotify_init1.
+ * epoll_create1 epoll_ctl pthread_create inotify_init1. Tests of the container library (container_world/): calloc read
+ * open openat openat2 pidfd_open readlinkat fdopendir dup fstat eventfd pthread_create.
  */
 #ifndef TESTLIB_FAULT_H
 #define TESTLIB_FAULT_H

@@ -1,0 +1,51 @@
+/*
+ * details.h: what is known of a container from the files that its engine and its runtime leave on the disk.
+ */
+#ifndef CONTAINER_DETAILS_H
+#define CONTAINER_DETAILS_H
+
+#include <string>
+#include <string_view>
+
+#include "files.h"
+#include "json.h"
+
+namespace container
+{
+
+/* Texts are empty where nothing is known; lists are joined by ",". */
+struct Details {
+    std::string mounts, user, name_space, image_id, image_name, image_tag, repository, name, capability, ports;
+    bool privileged = false;
+    bool running = false, paused = false; /* as its files say, which a crash leaves behind */
+    bool known = false;                   /* there was a file */
+};
+
+/* Looks in every engine's places below `root` for a container's files. `id` is_id. Nothing found: all empty. Where
+ * several files tell the same thing, the engine's own wins over the runtime's. */
+Details read_details(const std::string &root, const std::string &id);
+
+/* ---- one engine each: fill in what is not known yet ---- */
+
+void read_docker(const Tree &root, const std::string &id, Details &out);
+void read_storage(const Tree &root, const std::string &id, Details &out); /* podman and CRI-O */
+void read_containerd(const Tree &root, const std::string &id, Details &out);
+void read_runtimes(const Tree &root, const std::string &id, Details &out); /* runc and crun */
+
+/* An OCI bundle's config.json. */
+void take_bundle(const Json &config, Details &out);
+
+/* ---- pieces ---- */
+
+/* Parses a file in one of an engine's folders. */
+bool read_json(const Tree &folder, const std::string &path, JsonDocument &out);
+
+/* Takes "registry:5000/team/web:1.2@sha256:..." apart; names without a tag and digests alone are fine, too. */
+void take_image(std::string_view reference, Details &out);
+
+/* Fills in a text that is not known yet. */
+void fill(std::string &text, std::string_view value);
+
+}  // namespace container
+
+#endif

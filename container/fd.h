@@ -1,0 +1,43 @@
+/*
+ * fd.h: owns a file descriptor.
+ */
+#ifndef CONTAINER_FD_H
+#define CONTAINER_FD_H
+
+#include <unistd.h>
+
+#include <utility>
+
+namespace container
+{
+
+class Fd
+{
+public:
+    explicit Fd(int fd = -1) : fd_(fd) {}
+    ~Fd() { reset(); }
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
+    Fd &operator=(Fd &&other) noexcept
+    {
+        if (this != &other)
+            reset(other.release());
+        return *this;
+    }
+
+    int get() const { return fd_; }
+    int release() { return std::exchange(fd_, -1); }
+    explicit operator bool() const { return fd_ >= 0; }
+    void reset(int fd = -1)
+    {
+        if (fd_ >= 0)
+            close(fd_);
+        fd_ = fd;
+    }
+
+private:
+    int fd_;
+};
+
+}  // namespace container
+
+#endif

@@ -1,0 +1,277 @@
+#include "keeper.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/eventfd.h>
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <chrono>
+#include <exception>
+#include <new>
+
+namespace container
+{
+
+namespace
+{
+
+constexpr char kProc[] = "/proc";
+constexpr uint64_t kDescriptionAge = 5000; /* ms: names change rarely, but they change */
+constexpr size_t kMaxDescriptions = 1024;
+
+uint64_t now_ms()
+{
+    return static_cast<uint64_t>(
+        std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now().time_since_epoch())
+            .count());
+}
+
+bool is_folder(const char *path)
+{
+    struct stat st;
+    return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// An agent in a container of its own has the host's files below /rootfs.
+std::string default_files() { return is_folder("/rootfs/etc") && is_folder("/rootfs/proc") ? "/rootfs" : "/"; }
+
+}  // namespace
+
+Keeper::Keeper() : files_(default_files()) {}
+
+// Never destroyed: look-ups of other threads may outlive the process's orderly part.
+Keeper &Keeper::get()
+{
+    alignas(Keeper) static unsigned char place[sizeof(Keeper)];
+    static Keeper *keeper = new (place) Keeper;
+    return *keeper;
+}
+
+std::string Keeper::proc() const
+{
+    const std::lock_guard lock(lock_);
+    return proc_;
+}
+
+bool Keeper::start_thread()
+{
+    if (running_)
+        return true;
+    stop_ = false;
+    if (!bell_)
+        bell_ = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    polled_.assign(1, {bell_.get(), POLLIN, 0});
+    const auto body = [](void *self) -> void * {
+        static_cast<Keeper *>(self)->run();
+        return nullptr;
+    };
+    sigset_t all, before;
+    sigfillset(&all); /* the agent's signals are for its own threads */
+    pthread_sigmask(SIG_SETMASK, &all, &before);
+    running_ = bell_ && pthread_create(&thread_, nullptr, body, this) == 0;
+    pthread_sigmask(SIG_SETMASK, &before, nullptr);
+    return running_;
+}
+
+void Keeper::stop()
+{
+    {
+        const std::lock_guard lock(lock_);
+        if (!running_)
+            return;
+        stop_ = true;
+        eventfd_write(bell_.get(), 1);
+    }
+    pthread_join(thread_, nullptr);
+    const std::lock_guard lock(lock_);
+    running_ = false;
+}
+
+// The parent's descriptors of processes are the child's, too, where nobody would look at them.
+void Keeper::after_fork(bool child)
+{
+    if (child) {
+        running_ = false;
+        wanted_ = false;
+        bell_.reset();
+        ends_.clear();
+    }
+    lock_.unlock();
+}
+
+// ---- look-ups ----
+
+bool Keeper::request()
+{
+    if (!start_thread())
+        return false;
+    if (!wanted_)
+        eventfd_write(bell_.get(), 1);
+    wanted_ = true;
+    return true;
+}
+
+// For the end of a census. False: it took too long.
+bool Keeper::wait(std::unique_lock<std::mutex> &lock)
+{
+    const uint64_t before = generation_;
+    return refreshed_.wait_for(lock, std::chrono::milliseconds(kMaxWait), [&] { return generation_ != before; });
+}
+
+bool Keeper::find(uint64_t mount, Found &out)
+{
+    std::unique_lock lock(lock_);
+    Table::Answer answer = table_.find(mount, now_ms());
+    const bool fresh = answer.advice == Table::Advice::kRefresh && !wanted_; /* it will be asked for this mount */
+    const bool coming = answer.advice == Table::Advice::kRefresh ? request() : wanted_;
+    if (answer.unknown && coming) {
+        const bool done = wait(lock);
+        answer = table_.find(mount, now_ms());
+        if (done && fresh && answer.unknown)
+            table_.give_up(mount);
+    }
+    if (answer.found)
+        out = *answer.found;
+    return answer.found;
+}
+
+// True: files_ may have news of it.
+bool Keeper::read_again(const std::string &id, uint64_t now)
+{
+    const auto old = std::find_if(descriptions_.begin(), descriptions_.end(),
+                                  [&](const Description &description) { return description.id == id; });
+    if (old != descriptions_.end() && now - old->read_ms < kDescriptionAge)
+        return false;
+    if (old != descriptions_.end())
+        descriptions_.erase(old);
+    if (descriptions_.size() >= kMaxDescriptions)
+        descriptions_.erase(descriptions_.begin()); /* the one that was read first */
+    return true;
+}
+
+// Files are read without the lock: a look-up of a mount never waits for a disk.
+bool Keeper::describe(const std::string &id, Details &details, Found &found)
+{
+    std::unique_lock lock(lock_);
+    if (!table_.container(id) && (wanted_ || (table_.may_refresh(now_ms()) && request())))
+        wait(lock);
+    const Found *row = table_.container(id);
+    if (row)
+        found = *row;
+    const bool nested = row && row->nested;
+    if (nested) /* files of that id on the host's disk would be somebody else's */
+        return true;
+    const bool running = row;
+    const uint64_t now = now_ms();
+    if (read_again(id, now)) {
+        const std::string root = files_;
+        lock.unlock();
+        details = read_details(root, id);
+        lock.lock();
+        descriptions_.push_back({id, now, details});
+    } else {
+        details = std::find_if(descriptions_.begin(), descriptions_.end(), [&](const Description &description) {
+                      return description.id == id;
+                  })->details;
+    }
+    return running || details.known;
+}
+
+void Keeper::survey(Census &out)
+{
+    const std::atomic<bool> never{false};
+    Census census = take_census(proc(), never);
+    out = census;
+    Census old = std::move(census);
+    const std::lock_guard lock(lock_);
+    table_.begin(now_ms());
+    table_.replace(old);
+    generation_++;
+}
+
+void Keeper::set_roots(std::string proc, std::string files)
+{
+    stop();
+    const std::lock_guard lock(lock_);
+    proc_ = std::move(proc);
+    files_ = files.empty() ? default_files() : std::move(files);
+    table_ = Table();
+    descriptions_.clear();
+    generation_ = 0;
+    wanted_ = false;
+}
+
+// ---- the thread ----
+
+void Keeper::run()
+{
+    while (!stop_) {
+        wait_for_work();
+        std::unique_lock lock(lock_);
+        if (!stop_ && wanted_)
+            refresh(lock);
+    }
+    const std::lock_guard lock(lock_);
+    ends_.clear();
+}
+
+// A census that memory does not suffice for leaves everything as it was.
+void Keeper::refresh(std::unique_lock<std::mutex> &lock)
+{
+    table_.begin(now_ms());
+    Census old; /* whose release takes time */
+    try {
+        const std::string proc = proc_;
+        lock.unlock();
+        Census census = take_census(proc, stop_);
+        Ends ends = proc == kProc ? watch_ends(census.containers) : Ends(); /* others' numbers are made up */
+        std::vector<struct pollfd> polled = what_to_poll(ends);
+        lock.lock();
+        if (!stop_) {
+            table_.replace(census);
+            ends_.swap(ends);
+            polled_.swap(polled);
+            note_ends();
+        }
+        std::swap(old, census);
+    } catch (const std::exception &) {
+        if (!lock.owns_lock())
+            lock.lock();
+    }
+    wanted_ = false;
+    generation_++;
+    refreshed_.notify_all();
+    lock.unlock();
+}
+
+std::vector<struct pollfd> Keeper::what_to_poll(const Ends &ends) const
+{
+    std::vector<struct pollfd> polled = {{bell_.get(), POLLIN, 0}};
+    for (const End &end : ends)
+        polled.push_back({end.process.get(), POLLIN, 0}); /* a negative one is left out by the kernel */
+    return polled;
+}
+
+void Keeper::wait_for_work()
+{
+    poll(polled_.data(), polled_.size(), -1);
+    eventfd_t rings;
+    eventfd_read(bell_.get(), &rings);
+    const std::lock_guard lock(lock_);
+    for (size_t i = 0; i < ends_.size(); i++)
+        if (polled_[i + 1].revents != 0) {
+            ends_[i].process.reset();
+            polled_[i + 1].fd = -1;
+        }
+    note_ends();
+}
+
+void Keeper::note_ends()
+{
+    for (const End &end : ends_)
+        if (!end.process)
+            table_.end(end.id, end.pid);
+}
+
+}  // namespace container

@@ -1,0 +1,50 @@
+/*
+ * process_folder.h: one process as /proc shows it. A process may end at any moment: then all that is asked of it fails.
+ */
+#ifndef CONTAINER_PROCESS_FOLDER_H
+#define CONTAINER_PROCESS_FOLDER_H
+
+#include <cstdint>
+#include <functional>
+#include <string_view>
+
+#include "cgroup.h"
+
+namespace container
+{
+
+/* 0 where it cannot be told. `proc` is a descriptor of /proc's folder, here and below. */
+uint64_t mount_namespace(int proc, int pid);
+
+/* When it started, in the kernel's ticks since boot; UINT64_MAX where it cannot be told. */
+uint64_t start_time(int proc, int pid);
+
+/* The field of a /proc/PID/stat text. */
+uint64_t parse_start_time(std::string_view stat);
+
+/* The containers that it is in. */
+Chain process_chain(int proc, int pid);
+
+/* What one namespace may cost. A container may make as many mounts as the kernel lets it, with names as long. */
+constexpr size_t kMaxMountBytes = size_t{64} * 1024 * 1024;
+
+enum class ListEnd { kWhole, kCut, kFailed };
+
+/* Calls `take` with the number of each mount that the process sees. kCut: there were more than kMaxMountBytes tell. */
+ListEnd list_mounts(int proc, int pid, const std::function<void(uint64_t)> &take);
+
+/* Mount numbers in a text that comes in pieces. The kernel writes a newline in a name as "\012", so that a line's
+ * beginning is the kernel's word. */
+class MountNumbers
+{
+public:
+    void feed(std::string_view piece, const std::function<void(uint64_t)> &take);
+
+private:
+    enum { kStart, kDigits, kRest } state_ = kStart;
+    uint64_t number_ = 0;
+};
+
+}  // namespace container
+
+#endif

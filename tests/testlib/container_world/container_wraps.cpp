@@ -1,0 +1,105 @@
+/* The wrapped calls of wrapped.txt: each fails where a test's Fault says so, and is the C library's otherwise. */
+#include <dirent.h>
+#include <fcntl.h>
+#include <pthread.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+
+#include <cerrno>
+#include <cstdarg>
+#include <cstddef>
+
+#include "testlib/fault_switch.h"
+
+using testlib::Call;
+using testlib::injected_error;
+
+namespace
+{
+
+/* Whether the call fails; errno says how. */
+bool fails(Call call)
+{
+    const int error = injected_error(call);
+    if (error != 0)
+        errno = error;
+    return error != 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+#define WRAP(result, name, parameters, arguments, failure) \
+    result __real_##name parameters;                       \
+    result __wrap_##name parameters;                       \
+    result __wrap_##name parameters { return fails(Call::name) ? failure : __real_##name arguments; }
+
+WRAP(void *, calloc, (size_t count, size_t size), (count, size), nullptr)
+WRAP(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), -1)
+WRAP(ssize_t, readlinkat, (int folder, const char *path, char *buffer, size_t size), (folder, path, buffer, size), -1)
+WRAP(DIR *, fdopendir, (int fd), (fd), nullptr)
+WRAP(int, dup, (int fd), (fd), -1)
+WRAP(int, fstat, (int fd, struct stat *st), (fd, st), -1)
+WRAP(int, eventfd, (unsigned value, int flags), (value, flags), -1)
+
+int __real_fstat64(int fd, struct stat64 *st);
+int __wrap_fstat64(int fd, struct stat64 *st);
+int __wrap_fstat64(int fd, struct stat64 *st) { return fails(Call::fstat) ? -1 : __real_fstat64(fd, st); }
+
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *argument)
+{
+    const int error = injected_error(Call::pthread_create);
+    return error != 0 ? error : __real_pthread_create(thread, attributes, body, argument);
+}
+
+/* The mode that follows the flags of an open, of files that are made. */
+#define TAKE_MODE(flags, mode)       \
+    mode_t mode = 0;                 \
+    if ((flags)&O_CREAT) {           \
+        va_list list;                \
+        va_start(list, flags);       \
+        mode = va_arg(list, mode_t); \
+        va_end(list);                \
+    }
+
+#define WRAP_OPEN(name)                                                   \
+    int __real_##name(const char *path, int flags, ...);                  \
+    int __wrap_##name(const char *path, int flags, ...);                  \
+    int __wrap_##name(const char *path, int flags, ...)                   \
+    {                                                                     \
+        TAKE_MODE(flags, mode)                                            \
+        return fails(Call::open) ? -1 : __real_##name(path, flags, mode); \
+    }
+WRAP_OPEN(open)
+WRAP_OPEN(open64)
+
+#define WRAP_OPENAT(name)                                                           \
+    int __real_##name(int folder, const char *path, int flags, ...);                \
+    int __wrap_##name(int folder, const char *path, int flags, ...);                \
+    int __wrap_##name(int folder, const char *path, int flags, ...)                 \
+    {                                                                               \
+        TAKE_MODE(flags, mode)                                                      \
+        return fails(Call::openat) ? -1 : __real_##name(folder, path, flags, mode); \
+    }
+WRAP_OPENAT(openat)
+WRAP_OPENAT(openat64)
+
+long __real_syscall(long number, ...);
+long __wrap_syscall(long number, ...);
+long __wrap_syscall(long number, ...)
+{
+    long argument[6];
+    va_list list;
+    va_start(list, number);
+    for (long &value : argument)
+        value = va_arg(list, long);
+    va_end(list);
+    if ((number == SYS_openat2 && fails(Call::openat2)) || (number == SYS_pidfd_open && fails(Call::pidfd_open)))
+        return -1;
+    return __real_syscall(number, argument[0], argument[1], argument[2], argument[3], argument[4], argument[5]);
+}
+
+}  // extern "C"

@@ -1,0 +1,157 @@
+#include "container/census.h"
+
+#include <gtest/gtest.h>
+
+#include "testlib/container_world/container_world.h"
+#include "testlib/tree.h"
+
+using container::Census;
+using testlib::made_id;
+
+namespace
+{
+
+const std::string kA = made_id(0xa), kB = made_id(0xb), kC = made_id(0xc);
+
+class ContainerLibCensus : public testing::Test
+{
+protected:
+    ContainerLibCensus() : world(tree.root()) { world.add({1, 100, "/init.scope", {1, 2}}); }
+    Census take() const
+    {
+        const std::atomic<bool> never{false};
+        return container::take_census(world.proc(), never);
+    }
+    /* "ID PID" of a mount's container, "host", or "unknown". */
+    std::string owner(int mount) const
+    {
+        const Census census = take();
+        const auto row = census.mounts.find(static_cast<uint64_t>(mount));
+        if (row == census.mounts.end())
+            return "unknown";
+        if (row->second == Census::kHost)
+            return "host";
+        return census.containers[row->second].id + " " + std::to_string(census.containers[row->second].pid);
+    }
+    testlib::TempTree tree;
+    testlib::ContainerWorld world;
+};
+
+TEST_F(ContainerLibCensus, EachMountHasItsContainer)
+{
+    world.add({20, 101, "/docker/" + kA, {30, 31}});
+    world.add({21, 101, "/docker/" + kA, {30, 31}});
+    world.add({40, 102, "/machine.slice/libpod-" + kB + ".scope", {50}});
+    EXPECT_EQ(owner(1), "host");
+    EXPECT_EQ(owner(30), kA + " 20");
+    EXPECT_EQ(owner(31), kA + " 20");
+    EXPECT_EQ(owner(50), kB + " 40");
+    EXPECT_EQ(owner(99), "unknown");
+    const Census census = take();
+    EXPECT_EQ(census.processes, 4u);
+    EXPECT_EQ(census.namespaces, 3u);
+    EXPECT_EQ(census.containers.size(), 2u);
+    EXPECT_EQ(census.error, 0);
+}
+
+TEST_F(ContainerLibCensus, ServicesWithTheirOwnMountsAreTheHosts)
+{
+    world.add({30, 105, "/system.slice/systemd-udevd.service", {60}});
+    EXPECT_EQ(owner(60), "host");
+}
+
+TEST_F(ContainerLibCensus, FirstProcessIsTheOldestWhateverItsNumber)
+{
+    world.add({20, 101, "/docker/" + kA, {30}, 900}); /* numbers began anew */
+    world.add({400, 101, "/docker/" + kA, {30}, 500});
+    EXPECT_EQ(owner(30), kA + " 400");
+}
+
+TEST_F(ContainerLibCensus, VisitorsDoNotTakeOver)
+{
+    world.add({10, 101, "/user.slice", {30}, 10}); /* entered from the host */
+    world.add({20, 101, "/docker/" + kA, {30}, 20});
+    world.add({25, 101, "/docker/" + kB, {30}, 25}); /* from another container */
+    EXPECT_EQ(owner(30), kA + " 20");
+}
+
+TEST_F(ContainerLibCensus, NamespacesMadeInsideAreTheContainers)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    world.add({25, 109, "/docker/" + kA, {35}});
+    EXPECT_EQ(owner(35), kA + " 20");
+    EXPECT_EQ(take().containers.size(), 1u);
+}
+
+TEST_F(ContainerLibCensus, InnermostOfNestedOnes)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    world.add({25, 109, "/docker/" + kA + "/docker/" + kB, {35}});
+    EXPECT_EQ(owner(35), kB + " 25");
+    const Census census = take();
+    ASSERT_EQ(census.containers.size(), 2u);
+    for (const container::Found &found : census.containers)
+        EXPECT_EQ(found.nested, found.id == kB);
+}
+
+TEST_F(ContainerLibCensus, BorrowedNamesAreRefused)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    world.add({25, 109, "/docker/" + kB + "/docker-" + kA + ".scope", {35}});
+    EXPECT_EQ(owner(30), kA + " 20");
+    EXPECT_EQ(owner(35), kB + " 25");
+    world.add({26, 110, "/docker/" + kA + "/" + kC, {36}});
+    world.add({27, 111, "/docker/" + kB + "/" + kC, {37}});
+    EXPECT_EQ(owner(36), kA + " 20") << "claimed from two places: neither is believed";
+    EXPECT_EQ(owner(37), kB + " 25");
+}
+
+TEST_F(ContainerLibCensus, ReusedIdsBelongToWhoHasThemNow)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    EXPECT_EQ(owner(30), kA + " 20");
+    world.remove(20);
+    EXPECT_EQ(owner(30), "unknown");
+    world.add({21, 102, "/docker/" + kB, {30}});
+    EXPECT_EQ(owner(30), kB + " 21");
+}
+
+TEST_F(ContainerLibCensus, HiddenAndHalfGoneProcessesAreLeftOut)
+{
+    world.add({20, 0, "/docker/" + kA, {30}});   /* no namespace to be seen */
+    world.add({21, 101, "/docker/" + kA, {31}}); /* its list of mounts went */
+    tree.remove("proc/21/mountinfo");
+    tree.dir("proc/self");
+    tree.dir("proc/12x");
+    tree.file("proc/uptime", "1 2");
+    EXPECT_EQ(owner(30), "unknown");
+    EXPECT_EQ(owner(31), "unknown");
+    world.add({22, 101, "/docker/" + kA, {31}});
+    EXPECT_EQ(owner(31), kA + " 21") << "another process of the namespace lists its mounts";
+}
+
+TEST_F(ContainerLibCensus, LinksInsideAreNotFollowed)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    const std::string list = tree.file("elsewhere", testlib::mount_line(77));
+    tree.remove("proc/20/mountinfo");
+    tree.link("proc/20/mountinfo", list);
+    EXPECT_EQ(owner(77), "unknown");
+}
+
+TEST_F(ContainerLibCensus, WithoutProcThereIsAnError)
+{
+    const std::atomic<bool> never{false};
+    EXPECT_EQ(container::take_census(tree.path("none"), never).error, ENOENT);
+    EXPECT_EQ(container::take_census(tree.dir("empty"), never).error, ENOENT);
+    EXPECT_TRUE(container::take_census(tree.path("none"), never).mounts.empty());
+}
+
+TEST_F(ContainerLibCensus, EndsEarlyWhenToldTo)
+{
+    world.add({20, 101, "/docker/" + kA, {30}});
+    const std::atomic<bool> stop{true};
+    EXPECT_TRUE(container::take_census(world.proc(), stop).mounts.empty());
+}
+
+}  // namespace

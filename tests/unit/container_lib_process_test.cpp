@@ -1,0 +1,96 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include "container/fd.h"
+#include "container/process_folder.h"
+#include "testlib/container_world/container_world.h"
+#include "testlib/tree.h"
+
+using container::Chain;
+using container::ListEnd;
+using testlib::made_id;
+using Ids = std::vector<uint64_t>;
+
+namespace
+{
+
+Ids numbers_of(const std::string &text, size_t piece)
+{
+    Ids ids;
+    container::MountNumbers numbers;
+    for (size_t i = 0; i < text.size(); i += piece)
+        numbers.feed(std::string_view(text).substr(i, piece), [&](uint64_t id) { ids.push_back(id); });
+    return ids;
+}
+
+TEST(ContainerLibMounts, NumbersAreReadWhateverThePieces)
+{
+    const std::string text = testlib::mount_line(7) + testlib::mount_line(12345, "/a\\0408\\012 9 1 0:1 / /x") +
+                             testlib::mount_line(2147483647);
+    for (const size_t piece : {size_t{1}, size_t{2}, size_t{3}, size_t{64}, text.size()})
+        EXPECT_EQ(numbers_of(text, piece), (Ids{7, 12345, 2147483647})) << piece;
+}
+
+TEST(ContainerLibMounts, RubbishGivesNoNumbers)
+{
+    EXPECT_EQ(numbers_of("\n\n x 5 6\n-3 4\n5x 3\n12", 4), Ids{});
+    EXPECT_EQ(numbers_of("12\n13 1\n", 3), Ids{13});
+    EXPECT_EQ(numbers_of(std::string(10000, '9'), 100), Ids{});
+}
+
+TEST(ContainerLibStat, NamesDoNotShiftTheFields)
+{
+    const std::string rest = " S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 4711 1 2 3\n";
+    for (const char *name : {"sh", "a b", ") R 1", "((", ") S 1 1 1 0 -1 1 1 2 3 4 5 6 7 8 20 0 1 0 99 1"})
+        EXPECT_EQ(container::parse_start_time("5 (" + std::string(name) + ")" + rest), 4711u) << name;
+    for (const char *text : {"", "5", "5 (sh", "5 (sh)", "5 (sh) S 1 1"})
+        EXPECT_EQ(container::parse_start_time(text), UINT64_MAX) << text;
+}
+
+/* One process of a made-up /proc. */
+class ContainerLibProcess : public testing::Test
+{
+protected:
+    ContainerLibProcess() : world(tree.root())
+    {
+        world.add({5, 77, "/docker/" + made_id(1), {10, 11}});
+        proc = container::Fd(open(world.proc().c_str(), O_RDONLY | O_DIRECTORY));
+    }
+    testlib::TempTree tree;
+    testlib::ContainerWorld world;
+    container::Fd proc;
+};
+
+TEST_F(ContainerLibProcess, IsRead)
+{
+    EXPECT_EQ(container::mount_namespace(proc.get(), 5), 77u);
+    EXPECT_EQ(container::start_time(proc.get(), 5), 5u);
+    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{made_id(1)});
+    Ids ids;
+    EXPECT_EQ(container::list_mounts(proc.get(), 5, [&](uint64_t id) { ids.push_back(id); }), ListEnd::kWhole);
+    EXPECT_EQ(ids, (Ids{10, 11}));
+}
+
+TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
+{
+    world.remove(5);
+    EXPECT_EQ(container::mount_namespace(proc.get(), 5), 0u);
+    EXPECT_EQ(container::start_time(proc.get(), 5), UINT64_MAX);
+    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
+    EXPECT_EQ(container::list_mounts(proc.get(), 5, [](uint64_t) {}), ListEnd::kFailed);
+}
+
+TEST_F(ContainerLibProcess, HugeFilesAreNotTakenIn)
+{
+    world.write("proc/5/cgroup", std::string(200'000, 'x') + "\n0::/docker/" + made_id(1) + "\n");
+    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
+    std::string mounts;
+    while (mounts.size() <= container::kMaxMountBytes)
+        mounts += testlib::mount_line(9, "/" + std::string(100'000, 'y'));
+    world.write("proc/5/mountinfo", mounts);
+    size_t count = 0;
+    EXPECT_EQ(container::list_mounts(proc.get(), 5, [&](uint64_t) { count++; }), ListEnd::kCut);
+    EXPECT_GT(count, 600u);
+}
+
+}  // namespace
