@@ -18,6 +18,7 @@
 #include "marks.h"
 #include "mounts.h"
 #include "offsets.h"
+#include "orx_sensitivedir.h"
 #include "probe_cause.h"
 
 namespace cli
@@ -118,6 +119,20 @@ size_t filter_length(const std::vector<uint64_t> &mounts);
 DoctorProbes gather_probes(const KernelFacts &kernel, bool container, const std::map<uid_t, Marks> &users,
                            const std::vector<Mount> &mounts);
 Checks judge_probes(const DoctorProbes &facts);
+
+/* ---- containers ---- */
+
+struct ContainerFacts {
+    std::string library_error; /* why the container library cannot be used */
+    bool surveyed = false;     /* what follows was asked for: another make's library cannot be */
+    int census_error = 0;      /* errno */
+    struct orx_container_census census = {};
+    bool container = false, root = false; /* inside a container; of this process */
+    bool host_processes = true;           /* /proc shows the machine's processes */
+    bool first_hidden = false;            /* /proc does not show process 1 */
+};
+ContainerFacts gather_containers(bool container);
+Checks judge_containers(const ContainerFacts &facts);
 
 /* ---- file systems ---- */
 

@@ -30,6 +30,7 @@ Checks examine()
     append(checks, judge_rights(gather_rights()));
     append(checks, judge_events(gather_events(users)));
     append(checks, judge_probes(gather_probes(kernel, setup.container, users, mounts)));
+    append(checks, judge_containers(gather_containers(setup.container)));
     append(checks, judge_mounts(mounts));
     return checks;
 }

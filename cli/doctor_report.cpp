@@ -19,8 +19,8 @@ constexpr char kHelp[] =
     R"(Usage: fmon doctor [OPTION]...
 
 Tells what of fmon works on this machine and what does not, with a remedy: the installation, the kernel, rights,
-inotify and fanotify with their limits and how much of them is used, kernel probes, and mounted file systems that do not
-report everything. One line each: "ok", "warn" (it works, with this limit) or "no". Changes nothing on the machine.
+inotify and fanotify with their limits and how much of them is used, kernel probes, containers, and mounted file systems
+that do not report everything. One line each: "ok", "warn" (it works, with this limit) or "no". Changes nothing on the machine.
 Other users' watches are counted as root only.
 
 Options:

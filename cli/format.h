@@ -7,11 +7,13 @@
 #define CLI_FORMAT_H
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "containers.h"
 #include "queue.h"
 
 namespace cli
@@ -21,7 +23,8 @@ struct FormatStyle {
     char end = '\n';
     bool colours = false;
     bool terminal = false; /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
-    std::vector<std::string> sources; /* the instances' names, by index */
+    std::vector<std::string> sources;                                   /* the instances' names, by index */
+    std::function<ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
 };
 
 class Formatter

@@ -53,7 +53,10 @@ void put_path(Writer &writer, std::string_view path)
 class JsonFormatter : public Formatter
 {
 public:
-    explicit JsonFormatter(const FormatStyle &style) : end_(style.end), sources_(style.sources) {}
+    explicit JsonFormatter(const FormatStyle &style)
+        : end_(style.end), sources_(style.sources), container_name_(style.container_name)
+    {
+    }
 
     void event(const Event &event, std::string &out) override
     {
@@ -63,10 +66,7 @@ public:
             put_key(writer, "pid");
             writer.Uint(event.pid);
             put_process(writer, event.process);
-            if (!event.container.empty()) {
-                put_key(writer, "container");
-                put_bytes(writer, event.container);
-            }
+            put_container(writer, event);
             put_key(writer, "instance");
             put(writer, event.source < sources_.size() ? sources_[event.source] : "");
         });
@@ -152,8 +152,30 @@ private:
         writer.EndObject();
     }
 
+    static void put_known(Writer &writer, std::string_view key, std::string_view text)
+    {
+        if (text.empty())
+            return;
+        put_key(writer, key);
+        put_bytes(writer, text);
+    }
+
+    // The mount's, as the monitor tells it inside a container; elsewhere that of the process.
+    void put_container(Writer &writer, const Event &event) const
+    {
+        const bool told = !event.container.empty() || !event.process;
+        const std::string_view id = told ? event.container : std::string_view(event.process->container);
+        put_known(writer, "container", id);
+        if (id.empty() || !container_name_)
+            return;
+        const ContainerName known = container_name_(id);
+        put_known(writer, "container_name", known.name);
+        put_known(writer, "container_image", known.image);
+    }
+
     const char end_;
     const std::vector<std::string> sources_;
+    const std::function<ContainerName(std::string_view)> container_name_;
     UtcTime time_;
     std::string time_text_;
     rapidjson::StringBuffer line_;

@@ -10,6 +10,8 @@
 #include <string_view>
 #include <utility>
 
+#include "container/cgroup.h"
+
 namespace cli
 {
 
@@ -85,6 +87,13 @@ void read_cmdline(int dir, ProcessInfo &out)
         out.cmdline.push_back(text[i] ? text[i] : ' ');
 }
 
+void read_container(int dir, char *buf, size_t size, ProcessInfo &out)
+{
+    const ssize_t n = read_file(dir, "cgroup", buf, size);
+    const container::Chain chain = container::parse_cgroup({buf, n > 0 ? static_cast<size_t>(n) : 0});
+    out.container = chain.empty() ? "" : chain.back();
+}
+
 // A process that has ended and waits for its parent still has its name, but no program and command line any more.
 bool tells_more(const ProcessInfo &fresh, const ProcessInfo &known)
 {
@@ -109,6 +118,7 @@ bool read_process(const char *proc, uint32_t pid, ProcessInfo &out)
         out.uid = n > 0 ? parse_uid({text, static_cast<size_t>(n)}) : 0;
         read_exe(dir, out);
         read_cmdline(dir, out);
+        read_container(dir, text, sizeof text, out);
     }
     close(dir);
     return found;

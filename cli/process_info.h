@@ -19,7 +19,8 @@ struct ProcessInfo {
     std::string cmdline; /* arguments joined by blanks */
     uint32_t uid = 0;    /* effective user */
     uint32_t ppid = 0;
-    uint64_t start = 0; /* clock ticks after boot: tells two processes of one pid apart */
+    uint64_t start = 0;      /* clock ticks after boot: tells two processes of one pid apart */
+    std::string container{}; /* the id of the innermost one that it is in; empty: none */
 
     bool operator==(const ProcessInfo &) const = default;
 };

@@ -56,6 +56,7 @@ void Reporter::set_plan(const Plan &plan)
     style_.end = options_.null_end ? '\0' : '\n';
     style_.terminal = output_.is_terminal();
     style_.colours = style_.terminal && wants_colours();
+    style_.container_name = [this](std::string_view id) { return container_names_.find(id, steady_ms()); };
     for (const PlannedInstance &instance : plan.instances) {
         style_.sources.push_back(instance.name);
         shown_kinds_.push_back(instance.shown);

@@ -9,6 +9,7 @@
 #include <string>
 #include <vector>
 
+#include "containers.h"
 #include "exec.h"
 #include "filter.h"
 #include "format.h"
@@ -57,6 +58,7 @@ private:
     PathFilter filter_;
     std::unique_ptr<Formatter> formatter_;
     std::unique_ptr<Executor> executor_;
+    ContainerNames container_names_;
     FormatStyle style_;
     std::vector<uint32_t> shown_kinds_; /* by instance */
     std::vector<std::string> roots_;

@@ -466,3 +466,38 @@ TEST(CliDoctorReport, arguments)
     EXPECT_EQ(parse({"--help", "x"}, options), "");
     EXPECT_TRUE(options.help);
 }
+
+TEST(CliDoctorContainers, say_what_is_found)
+{
+    ContainerFacts facts;
+    facts.surveyed = facts.root = true;
+    facts.census.containers = 3;
+    facts.census.mounts = 1200;
+    facts.census.micros = 4200;
+    expect(find(judge_containers(facts), "library"), State::kOk, {"can be loaded"});
+    expect(find(judge_containers(facts), "identity"), State::kOk, {"3 containers", "1,200 mounts", "4 ms"});
+    facts.census.cut = 1;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"1 namespace with more mounts"});
+}
+
+TEST(CliDoctorContainers, say_why_they_are_not_seen)
+{
+    ContainerFacts facts;
+    facts.library_error = "no such file";
+    expect(find(judge_containers(facts), "library"), State::kWarn, {"no such file", "install"});
+    EXPECT_FALSE(has(judge_containers(facts), "identity"));
+    facts = {};
+    facts.surveyed = true;
+    facts.census_error = ENOENT;
+    expect(find(judge_containers(facts), "identity"), State::kNo, {"/proc cannot be read", "mount"});
+    facts.census_error = 0;
+    facts.census.hidden = 7;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"may not be seen", "run as root"});
+    facts.root = facts.first_hidden = true;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "hidepid"});
+    facts.census.hidden = 0;
+    facts.first_hidden = false;
+    facts.container = true;
+    facts.host_processes = false;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"own processes", "--pid=host"});
+}

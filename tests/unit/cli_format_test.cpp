@@ -47,6 +47,40 @@ std::string template_line(const std::string &pattern, const Event &event, Format
 
 }  // namespace
 
+TEST(CliJson, container_is_the_mounts_or_the_processs)
+{
+    ProcessInfo inside = kCat;
+    inside.container = "c1";
+    const auto formatter = make_json_formatter(plain());
+    Event event = event_of("/a", FMON_MODIFY, 42, &inside);
+    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "c1");
+    event.container = "host";
+    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "host");
+    event = event_of("/a", FMON_MODIFY, 42, &kCat);
+    EXPECT_FALSE(json_of(line_of(*formatter, event)).HasMember("container"));
+    event.process = nullptr;
+    EXPECT_FALSE(json_of(line_of(*formatter, event)).HasMember("container"));
+}
+
+TEST(CliJson, containers_have_names_and_images_where_known)
+{
+    FormatStyle style = plain();
+    style.container_name = [](std::string_view id) {
+        return id == "c1" ? ContainerName{"web\xff", "team/nginx:1"} : ContainerName{};
+    };
+    const auto formatter = make_json_formatter(style);
+    Event event = event_of("/a", FMON_MODIFY, 42, nullptr);
+    event.container = "c1";
+    const rapidjson::Document known = json_of(line_of(*formatter, event));
+    EXPECT_STREQ(known["container"].GetString(), "c1");
+    EXPECT_STREQ(known["container_name"].GetString(), "web\xef\xbf\xbd");
+    EXPECT_STREQ(known["container_image"].GetString(), "team/nginx:1");
+    event.container = "c2";
+    const rapidjson::Document unknown = json_of(line_of(*formatter, event));
+    EXPECT_STREQ(unknown["container"].GetString(), "c2");
+    EXPECT_FALSE(unknown.HasMember("container_name") || unknown.HasMember("container_image"));
+}
+
 TEST(CliJson, event_has_all_fields)
 {
     const auto formatter = make_json_formatter(plain());

@@ -138,3 +138,12 @@ TEST(CliProcess, pids_that_share_a_slot_replace_each_other)
     EXPECT_EQ(cache.find(4097, 0)->name, "p4097");
     EXPECT_EQ(cache.find(1, 0)->name, "p1");
 }
+
+TEST_F(ProcFolder, reads_the_container)
+{
+    const std::string id(64, 'c');
+    run("cat", "/usr/bin/cat", "cat");
+    EXPECT_EQ(find(0)->container, "");
+    folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope\n");
+    EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, id);
+}

@@ -1,0 +1,87 @@
+#include <unistd.h>
+
+#include <cstring>
+
+#include "containers.h"
+#include "doctor.h"
+#include "message.h"
+#include "module.h"
+
+namespace cli
+{
+
+namespace
+{
+
+constexpr char kContainers[] = "containers";
+
+/* What the kernel calls the numbering of processes that is the machine's own. */
+constexpr char kHostNumbering[] = "pid:[4026531836]";
+
+// Whether processes are seen under the machine's own numbers; also where that cannot be told.
+bool sees_host_processes()
+{
+    char target[64] = "";
+    const ssize_t n = readlink("/proc/self/ns/pid", target, sizeof target - 1);
+    return n <= 0 || strcmp(target, kHostNumbering) == 0;
+}
+
+Check judge_identity(const ContainerFacts &facts)
+{
+    const struct orx_container_census &census = facts.census;
+    Check check = {kContainers, "identity", State::kOk, "", "", true};
+    if (facts.census_error != 0) {
+        check.state = State::kNo;
+        check.text = std::string("/proc cannot be read: ") + strerror(facts.census_error);
+        check.remedy = "mount it: mount -t proc proc /proc";
+        return check;
+    }
+    check.text = counted(census.containers, "container") + " with processes in sight, " +
+                 counted(census.mounts, "mount") + ", found in " + with_commas(census.micros / 1000) + " ms";
+    if (facts.first_hidden || census.hidden > 0) {
+        check.state = State::kWarn;
+        check.text += ", but " + (facts.first_hidden ? "most processes" : counted(census.hidden, "process's mounts")) +
+                      " may not be seen";
+        check.remedy = facts.root ? "give fmon CAP_SYS_PTRACE, or mount /proc without hidepid" : "run as root";
+    } else if (facts.container && !facts.host_processes) {
+        check.state = State::kWarn;
+        check.text += ", but only of this container's own processes";
+        check.remedy = "start fmon's container with the host's process ids (--pid=host, hostPID)";
+    } else if (census.cut > 0) {
+        check.state = State::kWarn;
+        check.text += ", but " + counted(census.cut, "namespace") + " with more mounts than are read";
+    }
+    return check;
+}
+
+}  // namespace
+
+ContainerFacts gather_containers(bool container)
+{
+    ContainerFacts facts;
+    facts.container = container;
+    facts.root = geteuid() == 0;
+    facts.host_processes = sees_host_processes();
+    facts.first_hidden = access("/proc/1", F_OK) != 0;
+    ContainerLibrary library;
+    if (load_container_library(library_folder(), library, facts.library_error) && library.survey) {
+        facts.surveyed = true;
+        facts.census_error = -library.survey(&facts.census);
+    }
+    return facts;
+}
+
+Checks judge_containers(const ContainerFacts &facts)
+{
+    const bool loads = facts.library_error.empty();
+    Checks checks = {{kContainers, "library", loads ? State::kOk : State::kWarn,
+                      loads
+                          ? "liborx_sensitive_dir.6.so is there, and can be loaded"
+                          : "containers have no names, and inside one no mount has a container: " + facts.library_error,
+                      loads ? "" : "install fmon anew, with lib/liborx_sensitive_dir.6.so", true}};
+    if (facts.surveyed)
+        checks.push_back(judge_identity(facts));
+    return checks;
+}
+
+}  // namespace cli
