@@ -1,0 +1,454 @@
+/*
+ * The container library on real containers, which runc starts from a small root made with busybox, each on an overlay
+ * of its own; and on control groups that are made by hand.
+ */
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <grp.h>
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <signal.h>
+#include <sys/mount.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "harness.h"
+#include "orx_sensitivedir.h"
+
+using namespace systest;
+using testlib::TempTree;
+namespace fs = std::filesystem;
+
+namespace
+{
+
+constexpr char kBusybox[] = "/bin/busybox";
+
+bool can_contain() { return testlib::can_mount() && std::system("runc --version >/dev/null 2>&1") == 0; }
+
+/* 64 digits that no other run of this test has. */
+std::string fresh_id()
+{
+    static unsigned count;
+    char text[65];
+    snprintf(text, sizeof text, "%048x%08x%08x", 0xfu, static_cast<unsigned>(getpid()), ++count);
+    return text;
+}
+
+/* The library as the monitor has it, in this process. */
+class Library
+{
+public:
+    Library()
+    {
+        void *handle = dlopen(FMON_TEST_LIB "/liborx_sensitive_dir.6.so", RTLD_NOW | RTLD_LOCAL);
+        EXPECT_TRUE(handle) << dlerror();
+        find_ = reinterpret_cast<decltype(find_)>(dlsym(handle, "_orx_get_container_mount"));
+        info_ = reinterpret_cast<decltype(info_)>(dlsym(handle, "_orx_get_container_info"));
+        free_ = reinterpret_cast<decltype(free_)>(dlsym(handle, "_orx_free_container_info"));
+    }
+    /* "ID PID" or "host". */
+    std::string owner(const std::string &mount) const
+    {
+        const struct orx_container_mount *record = find_(mount.c_str());
+        return record ? record->label + (" " + std::to_string(record->pid)) : "host";
+    }
+    /* The same once it is what is expected, or time is up. Sees to it that nothing but the host comes before. */
+    std::string until_owner(const std::string &mount, const std::string &want) const
+    {
+        std::string have = owner(mount);
+        for (const int64_t end = now_ms() + 3000; have == "host" && have != want && now_ms() < end;) {
+            pause_ms(20);
+            have = owner(mount);
+        }
+        return have;
+    }
+    int init_pid(const std::string &id) const
+    {
+        struct orx_container_info *info = info_(id.c_str());
+        const int pid = info ? info->init_pid : -1;
+        free_(info);
+        return pid;
+    }
+
+private:
+    decltype(&_orx_get_container_mount) find_;
+    decltype(&_orx_get_container_info) info_;
+    decltype(&_orx_free_container_info) free_;
+};
+
+std::vector<std::string> mounts_of(int pid)
+{
+    std::vector<std::string> ids;
+    std::ifstream list("/proc/" + std::to_string(pid) + "/mountinfo");
+    for (std::string line; std::getline(list, line);)
+        ids.push_back(line.substr(0, line.find(' ')));
+    return ids;
+}
+
+/* A container that writes a file in /data for each name that it is told. */
+class Container
+{
+public:
+    explicit Container(const TempTree &tree) : folder_(made(tree.path(id_)))
+    {
+        make_root(tree);
+        fs::create_directory(folder_ + "/rootfs");
+        const std::string options =
+            "lowerdir=" + tree.path("lower") + ",upperdir=" + folder_ + "/up,workdir=" + folder_ + "/scratch";
+        EXPECT_EQ(mount("overlay", (folder_ + "/rootfs").c_str(), "overlay", 0, options.c_str()), 0) << strerror(errno);
+        configure();
+        EXPECT_EQ(mkfifo((folder_ + "/in").c_str(), 0600), 0);
+        in_ = open((folder_ + "/in").c_str(), O_RDWR | O_CLOEXEC);
+        runc("run --bundle " + folder_ + " " + id_ + " <" + folder_ + "/in >" + folder_ + "/out 2>&1 &");
+        await_start();
+    }
+    ~Container()
+    {
+        stop();
+        umount2((folder_ + "/rootfs").c_str(), MNT_DETACH);
+        close(in_);
+    }
+    Container(const Container &) = delete;
+    Container &operator=(const Container &) = delete;
+
+    const std::string &id() const { return id_; }
+    int pid() const { return pid_; }
+    std::string owner() const { return id_ + " " + std::to_string(pid_); }
+    std::string seen(const std::string &path) const { return "/proc/" + std::to_string(pid_) + "/root" + path; }
+    void write(const std::string &name) const
+    {
+        const std::string line = name + "\n";
+        EXPECT_EQ(::write(in_, line.data(), line.size()), static_cast<ssize_t>(line.size()));
+    }
+    void stop() const { runc("delete -f " + id_ + " 2>/dev/null"); }
+
+private:
+    static void make_root(const TempTree &tree)
+    {
+        for (const char *name : {"bin", "proc", "data"})
+            fs::create_directories(tree.path("lower/") + name);
+        fs::copy_file(kBusybox, tree.path("lower/bin/sh"), fs::copy_options::skip_existing);
+    }
+    void runc(const std::string &rest) const
+    {
+        const std::string command = "runc --root " + folder_ + "/state " + rest;
+        [[maybe_unused]] const int status = std::system(command.c_str());
+    }
+    void configure() const
+    {
+        const std::string spec = "cd " + folder_ + " && runc spec";
+        ASSERT_EQ(std::system(spec.c_str()), 0);
+        Json config = Json::parse(std::ifstream(folder_ + "/config.json"));
+        config["process"]["terminal"] = false;
+        config["process"]["args"] = {"/bin/sh", "-c", "while read x; do echo y >/data/$x; done"};
+        config["root"]["readonly"] = false;
+        std::ofstream(folder_ + "/config.json") << config;
+    }
+    void await_start()
+    {
+        const std::string state = folder_ + "/state/" + id_ + "/state.json";
+        for (const int64_t end = now_ms() + kPatienceMs; pid_ == 0 && now_ms() < end; pause_ms(20)) {
+            const Json json = Json::parse(std::ifstream(state), nullptr, false);
+            const int pid = json.is_object() ? json.value("init_process_pid", 0) : 0;
+            std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
+            std::string name;
+            if (pid > 0 && std::getline(comm, name) && name == "sh")
+                pid_ = pid;
+        }
+        EXPECT_NE(pid_, 0) << std::ifstream(folder_ + "/out").rdbuf();
+    }
+    static std::string made(const std::string &folder)
+    {
+        for (const char *name : {"", "/up", "/scratch"})
+            fs::create_directory(folder + name);
+        return folder;
+    }
+
+    const std::string id_ = fresh_id(), folder_;
+    int in_ = -1, pid_ = 0;
+};
+
+TEST(Containers, EventsNameTheirContainerAndProcess)
+{
+    NEED(can_contain() && testlib::can_fanotify(), "containers need root and runc");
+    TempTree tree;
+    const Container one(tree), two(tree);
+    Process watch({{FMON_TEST_BIN "/fmon", "watch", "--mount", "--format", "json", "-e", "close_write",
+                    one.seen("/data"), two.seen("/data")},
+                   false,
+                   {"FMON_AGENT_TYPE=container"}});
+    const auto first = watch.line();
+    ASSERT_TRUE(first && Json::parse(*first)["type"] == "established") << watch.errors();
+    one.write("a");
+    two.write("b");
+    std::map<std::string, std::string> seen;
+    while (seen.size() < 2) {
+        const auto line = watch.line();
+        ASSERT_TRUE(line) << Json(seen) << watch.errors();
+        const Json event = Json::parse(*line);
+        if (event["type"] == "event")
+            seen[event["path"]] = event.value("container", "-") + " " + std::to_string(event["pid"].get<int>());
+    }
+    EXPECT_EQ(seen, (std::map<std::string, std::string>{{"/data/a", one.owner()}, {"/data/b", two.owner()}}));
+    EXPECT_EQ(watch.interrupt(), 0);
+}
+
+TEST(Containers, ReusedMountIdsBelongToWhoHasThemNow)
+{
+    NEED(can_contain(), "containers need root and runc");
+    const Library library;
+    TempTree tree;
+    std::set<std::string> used;
+    std::string last;
+    bool reused = false;
+    for (int round = 0; round < 3; round++) {
+        const Container container(tree);
+        for (const std::string &mount : mounts_of(container.pid())) {
+            EXPECT_EQ(library.until_owner(mount, container.owner()), container.owner()) << mount;
+            reused = !used.insert(mount).second || reused;
+        }
+        EXPECT_EQ(library.init_pid(container.id()), container.pid());
+        last = mounts_of(container.pid()).front();
+    }
+    EXPECT_TRUE(reused) << "no number came twice: nothing was shown";
+    const int64_t end = now_ms() + 2000;
+    while (library.owner(last) != "host" && now_ms() < end)
+        pause_ms(20);
+    EXPECT_EQ(library.owner(last), "host") << "after the last one's end";
+}
+
+/* In a namespace of its own, where /proc is what `cover` makes of it. */
+class Elsewhere : public Child
+{
+public:
+    explicit Elsewhere(const std::function<void()> &cover)
+        : Child([&] {
+              EXPECT_EQ(unshare(CLONE_NEWNS), 0);
+              EXPECT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+              const std::string mount = mounts_of(getpid()).front();
+              const Library library;
+              cover();
+              for (const std::string &asked : {mount, std::string("2147483647")}) {
+                  const int64_t begin = now_ms();
+                  EXPECT_EQ(library.owner(asked), "host");
+                  EXPECT_LT(now_ms() - begin, 1000);
+              }
+          })
+    {
+    }
+};
+
+TEST(Containers, WithoutProcEverythingIsTheHosts)
+{
+    NEED(testlib::can_mount(), "a mount namespace needs root");
+    Elsewhere([] { EXPECT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0); });
+}
+
+TEST(Containers, WithHiddenProcessesEverythingIsTheHosts)
+{
+    NEED(testlib::can_mount(), "a mount namespace needs root");
+    Elsewhere([] {
+        EXPECT_EQ(mount("proc", "/proc", "proc", 0, "hidepid=2"), 0) << strerror(errno);
+        EXPECT_EQ(setgroups(0, nullptr) + setgid(65534) + setuid(65534), 0); /* root's group sees everything */
+        EXPECT_NE(access("/proc/1", F_OK), 0) << "nothing is hidden";
+    });
+}
+
+/* Ten thousand processes, a few hundred at a time. */
+class Churn
+{
+public:
+    Churn() : pid_(fork())
+    {
+        if (pid_ != 0)
+            return;
+        for (int i = 0; i < 10'000; i++) {
+            if (fork() == 0) {
+                pause_ms(50);
+                _exit(0);
+            }
+            while (waitpid(-1, nullptr, WNOHANG) > 0) {
+            }
+        }
+        while (wait(nullptr) > 0) {
+        }
+        _exit(0);
+    }
+    ~Churn() { waitpid(pid_, nullptr, 0); }
+    Churn(const Churn &) = delete;
+    Churn &operator=(const Churn &) = delete;
+    bool goes_on() const
+    {
+        siginfo_t info = {};
+        return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+    }
+
+private:
+    const pid_t pid_;
+};
+
+/* What it costs is a benchmark's; here nothing gets lost, and nobody waits for long on a machine that has other work.
+ */
+TEST(Containers, EventsArriveWhileProcessesComeAndGo)
+{
+    NEED(can_contain() && testlib::can_fanotify(), "containers need root and runc");
+    const Library library;
+    TempTree tree;
+    const Container container(tree);
+    Process watch(
+        {{FMON_TEST_BIN "/fmon", "watch", "--mount", "--format", "json", "-e", "close_write", container.seen("/data")},
+         false,
+         {"FMON_AGENT_TYPE=container"}});
+    ASSERT_TRUE(watch.line()) << watch.errors();
+    std::set<std::string> expected, seen;
+    int64_t longest = 0;
+    {
+        const Churn churn;
+        for (int i = 0; churn.goes_on(); i++) {
+            if (i % 10 == 0) {
+                container.write(std::to_string(i));
+                expected.insert("/data/" + std::to_string(i) + " " + container.owner());
+            }
+            const int64_t begin = now_ms();
+            EXPECT_EQ(library.owner(std::to_string(1'000'000'000 + i)), "host");
+            longest = std::max(longest, now_ms() - begin);
+            pause_ms(5);
+        }
+    }
+    EXPECT_GT(expected.size(), 10u);
+    EXPECT_LT(longest, 1000);
+    while (seen.size() < expected.size()) {
+        const auto line = watch.line();
+        ASSERT_TRUE(line) << seen.size() << " of " << expected.size() << watch.errors();
+        const Json event = Json::parse(*line);
+        if (event["type"] == "event")
+            seen.insert(event["path"].get<std::string>() + " " + event.value("container", "-") + " " +
+                        std::to_string(event["pid"].get<int>()));
+    }
+    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(watch.interrupt(), 0);
+    RecordProperty("longest_ms", static_cast<int>(longest));
+}
+
+/* Groups below a hierarchy's root, removed at the end. */
+class Group
+{
+public:
+    Group(const std::string &root, const std::string &path) : root_(root), path_(root + path)
+    {
+        fs::create_directories(path_);
+    }
+    ~Group()
+    {
+        for (fs::path path = path_; path != root_ && rmdir(path.c_str()) == 0;)
+            path = path.parent_path();
+    }
+    Group(const Group &) = delete;
+    Group &operator=(const Group &) = delete;
+    void enter() const { std::ofstream(path_ + "/cgroup.procs") << getpid() << std::flush; }
+
+private:
+    const std::string root_, path_;
+};
+
+/* Hierarchies of this machine, of both versions. */
+std::vector<std::string> hierarchies()
+{
+    std::vector<std::string> roots;
+    for (const char *root : {"/sys/fs/cgroup", "/sys/fs/cgroup/unified", "/sys/fs/cgroup/systemd"})
+        if (access((std::string(root) + "/cgroup.procs").c_str(), W_OK) == 0)
+            roots.push_back(root);
+    return roots;
+}
+
+/* A process in a group of that path, in a mount namespace of its own where `apart`, that has made a file. */
+class Inhabitant
+{
+public:
+    Inhabitant(const std::string &root, const std::string &path, bool apart, const std::string &file)
+        : group_(root, path), child_([&] {
+              group_.enter();
+              EXPECT_EQ(unshare(apart ? CLONE_NEWNS : 0), 0);
+              make_file(file);
+          })
+    {
+    }
+    int pid() const { return child_.pid(); }
+
+private:
+    Group group_;
+    Child child_;
+};
+
+using Tellings = std::map<std::string, std::string>; /* path -> "ID PID" */
+
+/* What the next events say. */
+Tellings tellings(Watch &watch, size_t count)
+{
+    Tellings seen;
+    while (seen.size() < count) {
+        const auto event = watch.next();
+        if (!event)
+            break;
+        seen[(*event)["path"]] = event->value("container", "-") + " " + std::to_string((*event)["pid"].get<int>());
+    }
+    return seen;
+}
+
+TEST(Containers, EveryNamingSchemeIsTold)
+{
+    NEED(testlib::can_mount() && testlib::can_fanotify() && !hierarchies().empty(), "control groups need root");
+    const Library library;
+    TempTree tree;
+    Watch watch(tree.root(), {"-e", "close_write"});
+    watch.established();
+    Tellings expected;
+    std::vector<std::pair<std::string, std::unique_ptr<Inhabitant>>> all;
+    for (const std::string &root : hierarchies())
+        for (std::string path : {"/docker/%", "/fmon.slice/docker-%.scope", "/fmon.slice/cri-containerd-%.scope",
+                                 "/kubepods/podx/%", "/fmon.slice/crio-%.scope", "/fmon.slice/libpod-%.scope/container",
+                                 "/libpod_parent/libpod-%", "/default/%", "/fmon.slice:cri-containerd:%"}) {
+            const std::string id = fresh_id(), file = tree.path(id);
+            path.replace(path.find('%'), 1, id);
+            all.emplace_back(root + path, std::make_unique<Inhabitant>(root, path, true, file));
+            expected[file] = id + " " + std::to_string(all.back().second->pid());
+        }
+    EXPECT_EQ(tellings(watch, expected.size()), expected);
+    for (const auto &[path, inhabitant] : all) {
+        const std::string mount = mounts_of(inhabitant->pid()).front(), owner = library.until_owner(mount, "");
+        EXPECT_EQ(expected.count(tree.path(owner.substr(0, 64))), 1u) << path << " is " << owner;
+        EXPECT_EQ(owner.substr(std::min<size_t>(owner.size(), 65)), std::to_string(inhabitant->pid())) << path;
+    }
+    EXPECT_EQ(watch.stop(), 0);
+}
+
+/* The host's mount of a container's files. Whoever uses it is told with his container; what happens through the copies
+ * of it that mount namespaces have is theirs, as the kernel has it. */
+TEST(Containers, TheHostsMountOfAnOverlayTellsWhoUsedIt)
+{
+    NEED(testlib::can_mount() && testlib::can_fanotify() && !hierarchies().empty(), "control groups need root");
+    TempTree tree;
+    const std::string lower = tree.dir("lower"), upper = tree.dir("upper"), work = tree.dir("work");
+    const std::string merged = tree.dir("merged");
+    const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
+    ASSERT_EQ(mount(upper.c_str(), merged.c_str(), "overlay", 0, options.c_str()), 0) << strerror(errno);
+    {
+        Watch watch(merged, {"--mount", "-e", "close_write"});
+        watch.established();
+        const std::string root = hierarchies().front(), id = fresh_id(), path = "/fmon.slice/docker-" + id + ".scope";
+        const Inhabitant elsewhere(root, path + "/elsewhere", true, merged + "/apart");
+        const Inhabitant here(root, path + "/here", false, merged + "/inside");
+        EXPECT_EQ(tellings(watch, 1), (Tellings{{merged + "/inside", id + " " + std::to_string(here.pid())}}));
+        EXPECT_TRUE(fs::exists(upper + "/apart"));
+        EXPECT_EQ(watch.stop(), 0);
+    }
+    umount2(merged.c_str(), MNT_DETACH);
+}
+
+}  // namespace
