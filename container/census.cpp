@@ -23,6 +23,11 @@ namespace
 /* A whole machine's; more is nobody's honest use and would only cost memory. */
 constexpr size_t kMaxMounts = 2'000'000, kMaxNamespaces = 65'536;
 
+/* Bytes of mountinfo that a container's namespaces may cost together, and the host's. A container may make as many
+ * mounts as the kernel lets it, with names as long, in as many namespaces: it shall neither fill the table nor cost
+ * more time than others. */
+constexpr size_t kOfContainer = size_t{16} * 1024 * 1024, kOfHost = size_t{64} * 1024 * 1024;
+
 /* Processes of a namespace that are asked for its container. */
 constexpr size_t kMaxAsked = 16;
 
@@ -74,6 +79,7 @@ private:
     uint64_t host_ = 0;
     Namespaces namespaces_;
     std::map<std::string, uint32_t> rows_;
+    std::map<uint32_t, size_t> budgets_; /* what is left, by row */
 };
 
 bool Taker::list_processes()
@@ -188,11 +194,12 @@ void Taker::add(const Namespace &space)
         if (census_.mounts.size() < kMaxMounts)
             census_.mounts[mount] = row;
     };
+    size_t &budget = budgets_.try_emplace(row, row == Census::kHost ? kOfHost : kOfContainer).first->second;
     std::vector<int> pids = space.pids;
     if (space.pid > 0) /* who is surely inside comes first */
         pids.insert(pids.begin(), space.pid);
     for (const int pid : pids) {
-        const ListEnd end = list_mounts(proc_.get(), pid, take);
+        const ListEnd end = list_mounts(proc_.get(), pid, budget, take);
         census_.cut += end == ListEnd::kCut;
         if (end != ListEnd::kFailed)
             return;

@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <charconv>
 #include <cstdio>
@@ -103,21 +104,22 @@ void MountNumbers::feed(std::string_view piece, const std::function<void(uint64_
 }
 
 // The kernel hands out a list in pieces of its own size: only an empty one is the end.
-ListEnd list_mounts(int proc, int pid, const std::function<void(uint64_t)> &take)
+ListEnd list_mounts(int proc, int pid, size_t &budget, const std::function<void(uint64_t)> &take)
 {
     const Fd file = open_of(proc, pid, "mountinfo");
     if (!file)
         return ListEnd::kFailed;
     std::vector<char> piece(size_t{64} * 1024);
     MountNumbers numbers;
-    for (size_t total = 0; total < kMaxMountBytes;) {
-        const ssize_t n = read(file.get(), piece.data(), piece.size());
+    const size_t before = budget;
+    while (budget > 0) {
+        const ssize_t n = read(file.get(), piece.data(), std::min(piece.size(), budget));
         if (n < 0 && errno == EINTR)
             continue;
         if (n <= 0)
-            return n == 0 && total > 0 ? ListEnd::kWhole : ListEnd::kFailed;
+            return n == 0 && budget < before ? ListEnd::kWhole : ListEnd::kFailed;
         numbers.feed({piece.data(), static_cast<size_t>(n)}, take);
-        total += static_cast<size_t>(n);
+        budget -= static_cast<size_t>(n);
     }
     return ListEnd::kCut;
 }

@@ -25,13 +25,11 @@ uint64_t parse_start_time(std::string_view stat);
 /* The containers that it is in. */
 Chain process_chain(int proc, int pid);
 
-/* What one namespace may cost. A container may make as many mounts as the kernel lets it, with names as long. */
-constexpr size_t kMaxMountBytes = size_t{64} * 1024 * 1024;
-
 enum class ListEnd { kWhole, kCut, kFailed };
 
-/* Calls `take` with the number of each mount that the process sees. kCut: there were more than kMaxMountBytes tell. */
-ListEnd list_mounts(int proc, int pid, const std::function<void(uint64_t)> &take);
+/* Calls `take` with the number of each mount that the process sees. Reads `budget` bytes at most, and takes off what it
+ * read. kCut: that did not suffice. */
+ListEnd list_mounts(int proc, int pid, size_t &budget, const std::function<void(uint64_t)> &take);
 
 /* Mount numbers in a text that comes in pieces. The kernel writes a newline in a name as "\012", so that a line's
  * beginning is the kernel's word. */

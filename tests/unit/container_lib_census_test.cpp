@@ -130,6 +130,22 @@ TEST_F(ContainerLibCensus, HiddenAndHalfGoneProcessesAreLeftOut)
     EXPECT_EQ(owner(31), kA + " 21") << "another process of the namespace lists its mounts";
 }
 
+/* A container with endless mounts in many namespaces takes nothing from others. */
+TEST_F(ContainerLibCensus, WhatAContainerCostsIsBounded)
+{
+    const std::string line = testlib::mount_line(7777, "/" + std::string(4'000'000, 'y'));
+    for (int i = 0; i < 6; i++) {
+        world.add({20 + i, 101 + static_cast<uint64_t>(i), "/docker/" + kA, {}});
+        world.write("proc/" + std::to_string(20 + i) + "/mountinfo", testlib::mount_line(100 + i) + line);
+    }
+    world.add({40, 200, "/docker/" + kB, {50}});
+    const Census census = take();
+    EXPECT_EQ(census.cut, 2u) << "four times four megabytes fit";
+    EXPECT_EQ(census.mounts.count(103), 1u);
+    EXPECT_EQ(census.mounts.count(105), 0u);
+    EXPECT_EQ(owner(50), kB + " 40");
+}
+
 TEST_F(ContainerLibCensus, LinksInsideAreNotFollowed)
 {
     world.add({20, 101, "/docker/" + kA, {30}});

@@ -56,6 +56,10 @@ protected:
         world.add({5, 77, "/docker/" + made_id(1), {10, 11}});
         proc = container::Fd(open(world.proc().c_str(), O_RDONLY | O_DIRECTORY));
     }
+    ListEnd list(Ids &ids, size_t budget = 1 << 20) const
+    {
+        return container::list_mounts(proc.get(), 5, budget, [&](uint64_t id) { ids.push_back(id); });
+    }
     testlib::TempTree tree;
     testlib::ContainerWorld world;
     container::Fd proc;
@@ -67,7 +71,7 @@ TEST_F(ContainerLibProcess, IsRead)
     EXPECT_EQ(container::start_time(proc.get(), 5), 5u);
     EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{made_id(1)});
     Ids ids;
-    EXPECT_EQ(container::list_mounts(proc.get(), 5, [&](uint64_t id) { ids.push_back(id); }), ListEnd::kWhole);
+    EXPECT_EQ(list(ids), ListEnd::kWhole);
     EXPECT_EQ(ids, (Ids{10, 11}));
 }
 
@@ -77,20 +81,27 @@ TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
     EXPECT_EQ(container::mount_namespace(proc.get(), 5), 0u);
     EXPECT_EQ(container::start_time(proc.get(), 5), UINT64_MAX);
     EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
-    EXPECT_EQ(container::list_mounts(proc.get(), 5, [](uint64_t) {}), ListEnd::kFailed);
+    Ids ids;
+    EXPECT_EQ(list(ids), ListEnd::kFailed);
 }
 
 TEST_F(ContainerLibProcess, HugeFilesAreNotTakenIn)
 {
     world.write("proc/5/cgroup", std::string(200'000, 'x') + "\n0::/docker/" + made_id(1) + "\n");
     EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
-    std::string mounts;
-    while (mounts.size() <= container::kMaxMountBytes)
-        mounts += testlib::mount_line(9, "/" + std::string(100'000, 'y'));
-    world.write("proc/5/mountinfo", mounts);
-    size_t count = 0;
-    EXPECT_EQ(container::list_mounts(proc.get(), 5, [&](uint64_t) { count++; }), ListEnd::kCut);
-    EXPECT_GT(count, 600u);
+}
+
+TEST_F(ContainerLibProcess, LongListsAreCut)
+{
+    const std::string line = testlib::mount_line(9, "/" + std::string(100'000, 'y'));
+    world.write("proc/5/mountinfo", line + line + line);
+    Ids ids;
+    EXPECT_EQ(list(ids, line.size() + 1000), ListEnd::kCut);
+    EXPECT_EQ(ids.size(), 2u);
+    EXPECT_EQ(list(ids, 0), ListEnd::kCut);
+    size_t budget = 10 * line.size();
+    EXPECT_EQ(container::list_mounts(proc.get(), 5, budget, [](uint64_t) {}), ListEnd::kWhole);
+    EXPECT_EQ(budget, 7 * line.size());
 }
 
 }  // namespace
