@@ -381,7 +381,15 @@ TEST_F(ContainerMode, AMountThatIsNobodysIsTheHosts)
     remove_file("/f");
 }
 
-/* ---- without the library ---- */
+/* ---- with the real library, and without any ---- */
+
+TEST_F(ContainerMode, TheRealLibraryKnowsTheHostsMounts)
+{
+    home.link("lib/liborx_sensitive_dir.6.so", FMON_TEST_LIB "/liborx_sensitive_dir.6.so");
+    ContainerWatch watch(watch_command({"-r", "-e", "create,close_write", seen}));
+    OnHost([&] { make_file(data + "/f"); });
+    watch.expect({"create " + seen + "/f -", "close_write " + data + "/f host"});
+}
 
 TEST_F(ContainerMode, WithoutTheLibraryEverythingIsTheHosts)
 {
