@@ -1,6 +1,5 @@
 #include "census.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <unistd.h>
 
@@ -12,6 +11,7 @@
 #include <optional>
 
 #include "fd.h"
+#include "files.h"
 #include "process_folder.h"
 
 namespace container
@@ -84,19 +84,16 @@ private:
 
 bool Taker::list_processes()
 {
-    Fd list(dup(proc_.get()));
-    DIR *dir = list ? fdopendir(list.get()) : nullptr;
-    if (!dir)
+    const List list = list_of(Fd(dup(proc_.get())));
+    if (!list)
         return false;
-    list.release();
-    while (const struct dirent *entry = stop_ ? nullptr : readdir(dir)) {
+    while (const struct dirent *entry = stop_ ? nullptr : readdir(list.get())) {
         const char *name = entry->d_name, *end = name + strlen(name);
         int pid = 0;
         const auto [rest, code] = std::from_chars(name, end, pid);
         if (code == std::errc() && rest == end && pid > 0)
             note_process(pid);
     }
-    closedir(dir);
     errno = ENOENT;
     return census_.processes > 0 || stop_;
 }

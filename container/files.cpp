@@ -1,6 +1,5 @@
 #include "files.h"
 
-#include <dirent.h>
 #include <fcntl.h>
 #include <linux/openat2.h>
 #include <sys/stat.h>
@@ -101,18 +100,21 @@ bool Tree::read(const std::string &path, size_t limit, std::string &out) const
     return file && is_small_file(file.get(), limit) && read_all(file.get(), limit, out);
 }
 
+List list_of(Fd folder)
+{
+    List list(folder ? fdopendir(folder.get()) : nullptr);
+    if (list)
+        folder.release();
+    return list;
+}
+
 std::vector<std::string> Tree::names(size_t limit) const
 {
     std::vector<std::string> names;
-    Fd list(openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-    DIR *dir = list ? fdopendir(list.get()) : nullptr;
-    if (!dir)
-        return names;
-    list.release();
-    while (const struct dirent *entry = names.size() < limit ? readdir(dir) : nullptr)
+    const List list = list_of(Fd(openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    while (const struct dirent *entry = list && names.size() < limit ? readdir(list.get()) : nullptr)
         if (entry->d_name[0] != '.')
             names.emplace_back(entry->d_name);
-    closedir(dir);
     return names;
 }
 

@@ -4,7 +4,10 @@
 #ifndef CONTAINER_FILES_H
 #define CONTAINER_FILES_H
 
+#include <dirent.h>
+
 #include <cstddef>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -36,6 +39,14 @@ public:
 private:
     Fd folder_;
 };
+
+struct CloseList {
+    void operator()(DIR *list) const { closedir(list); }
+};
+using List = std::unique_ptr<DIR, CloseList>;
+
+/* The entries of a folder; takes the descriptor over. Null: none, errno says why. */
+List list_of(Fd folder);
 
 /* Reads to the end, however short the pieces. False: an error, or more than `limit` bytes. */
 bool read_all(int fd, size_t limit, std::string &out);
