@@ -2,7 +2,10 @@
  */
 #include <fcntl.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <unistd.h>
+
+#include <algorithm>
 
 #include "event.h"
 #include "linux/inotify.h"
@@ -380,6 +383,10 @@ PROBE_CASE(ProbeDescriptors, FewerThanTheLibrarySaid)
 
 PROBE_CASE(ProbeDescriptors, AsManyAsACountCanSay)
 {
+    struct rlimit limit = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
+    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096); /* both ends of each, and two more of the monitor's */
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
     m.probes.set_os_info({6, 1, 0, 2, 255, 4242});
     start(m);
     EXPECT_EQ(512, fmlnx.fd_num);

@@ -5,18 +5,20 @@
 # result NAME ok|FAIL|SKIP [WORDS]: one check's outcome.
 result() { echo "RESULT $*"; }
 
-# run_gtest NAME PROGRAM [ARGUMENTS]: all its cases as one result; what failed is shown before.
+# run_gtest NAME PROGRAM [ARGUMENTS]: all its cases as one result; what failed is shown before. They have 120 s, or
+# gtest_limit seconds.
 run_gtest() {
     label=$1
     shift
-    timeout -s KILL 120 "$@" >/run/gtest.out 2>&1
+    seconds=${gtest_limit:-120}
+    timeout -s KILL "$seconds" "$@" >/run/gtest.out 2>&1
     status=$?
     passed=$(grep -c '^\[       OK \]' /run/gtest.out)
     # Each skipped or failed case is named twice, the second time in the summary, without its time.
     skipped=$(grep -c '^\[  SKIPPED \] .* ms)' /run/gtest.out)
     if [ $status != 0 ]; then
         grep -vE '^\[ +(OK|RUN) ' /run/gtest.out | tail -n 60
-        case $status in 137) why="killed after 120 s" ;; *) why="status $status" ;; esac
+        case $status in 137) why="killed after $seconds s" ;; *) why="status $status" ;; esac
         result "$label" FAIL "$why:" "$(sed -n 's/^\[  FAILED  \] \([^ ,]*\)$/\1/p' /run/gtest.out | sort -u | tr '\n' ' ')"
     elif [ "$passed" = 0 ]; then
         result "$label" SKIP "$skipped cases: $(grep -m 1 -i 'skip' /run/gtest.out)"
