@@ -25,17 +25,17 @@ Check judge_library(const DoctorProbes &facts)
         check.text = "is not used inside a container";
         check.remedy = "run fmon on the host itself for system-wide events, and for the process behind all events";
     } else if (!probes.library_there) {
-        check.text = probes.library + " is not there";
+        check.text = probes.library_path + " is not there";
         check.remedy = "install it; without it creations, moves and deletions name no process";
     } else if (!probes.load_error.empty()) {
         check.text = "cannot be loaded: " + probes.load_error;
         check.remedy = "install it anew";
     } else if (!probes.missing_entry.empty()) {
-        check.text = probes.library + " lacks " + probes.missing_entry;
+        check.text = probes.library_path + " lacks " + probes.missing_entry;
         check.remedy = "it belongs to another version, install both anew";
     } else {
         check.state = State::kOk;
-        check.text = probes.library + " is there and complete";
+        check.text = probes.library_path + " is there and complete";
     }
     return check;
 }

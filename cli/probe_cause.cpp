@@ -69,9 +69,9 @@ std::string root_hint(const ProbeFacts &facts)
 std::string library_text(const ProbeFacts &facts)
 {
     if (!facts.library_there)
-        return facts.library + " is not there: install it";
+        return facts.library_path + " is not there: install it";
     if (facts.load_error.empty())
-        return facts.library + " cannot be loaded; --verbose shows the monitor's log";
+        return facts.library_path + " cannot be loaded; --verbose shows the monitor's log";
     return "it cannot be loaded: " + facts.load_error;
 }
 
@@ -81,7 +81,7 @@ std::string incomplete_text(const ProbeTrouble &trouble, const ProbeFacts &facts
     std::string name = facts.missing_entry;
     if (name.empty() && trouble.line.size() > kStart.size())
         name = trouble.line.substr(kStart.size(), trouble.line.find(' ', kStart.size()) - kStart.size());
-    return facts.library + " lacks " + name + ": it belongs to another version, install both anew";
+    return facts.library_path + " lacks " + name + ": it belongs to another version, install both anew";
 }
 
 std::string kernel_text(const ProbeFacts &facts)
@@ -167,12 +167,12 @@ ProbeFacts gather_probe_facts(bool container, bool ask)
     ProbeFacts facts;
     facts.root = geteuid() == 0;
     facts.container = container;
-    facts.library = probe_library();
+    facts.library_path = probe_library();
     facts.config = in_installation(kConfig);
-    facts.library_there = access(facts.library.c_str(), F_OK) == 0;
+    facts.library_there = access(facts.library_path.c_str(), F_OK) == 0;
     if (facts.library_there) {
         void *handle;
-        facts.load_error = loader_error(facts.library, &handle);
+        facts.load_error = loader_error(facts.library_path, &handle);
         for (const char *entry : kEntries)
             if (handle && facts.missing_entry.empty() && !dlsym(handle, entry))
                 facts.missing_entry = entry;

@@ -40,7 +40,7 @@ ProbeCause read_probe_line(std::string_view text, std::string_view file);
 /* What the machine shows of the cause. */
 struct ProbeFacts {
     bool root = false, container = false;
-    std::string library;        /* where it is looked for */
+    std::string library_path;   /* where it is looked for */
     bool library_there = false; /* a file of that name */
     std::string load_error;     /* the loader's words; empty: it can be loaded */
     std::string missing_entry;  /* a function that it lacks; empty: it has all */

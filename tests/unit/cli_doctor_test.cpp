@@ -74,7 +74,7 @@ DoctorProbes good_probes()
 {
     DoctorProbes facts;
     facts.probes.root = facts.probes.library_there = true;
-    facts.probes.library = "/opt/lib/liborx_kp_thread.2.so";
+    facts.probes.library_path = "/opt/lib/liborx_kp_thread.2.so";
     facts.probes.release = "6.1.0-37-amd64";
     facts.understood = true;
     facts.mounts = {21, 24};

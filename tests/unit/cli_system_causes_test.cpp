@@ -29,7 +29,7 @@ ProbeFacts machine()
 {
     ProbeFacts facts;
     facts.root = true;
-    facts.library = "/opt/lib/liborx_kp_thread.2.so";
+    facts.library_path = "/opt/lib/liborx_kp_thread.2.so";
     facts.library_there = true;
     facts.config = "/opt/config/fmon.ini";
     facts.release = "6.1.0-25-amd64";
@@ -201,7 +201,7 @@ TEST(CliSystemCauses, facts_of_this_machine)
     setenv("FMON_HOME", folder.root().c_str(), 1);
     const ProbeFacts none = gather_probe_facts(true);
     EXPECT_TRUE(none.container);
-    EXPECT_EQ(none.library, lib + "/liborx_kp_thread.2.so");
+    EXPECT_EQ(none.library_path, lib + "/liborx_kp_thread.2.so");
     EXPECT_EQ(none.config, folder.path("config/fmon.ini"));
     EXPECT_FALSE(none.library_there);
     struct utsname name;

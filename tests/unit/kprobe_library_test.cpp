@@ -53,7 +53,7 @@ struct Source {
 struct Whole {
     KernelDouble kernel;
     testlib::KernelObjects objects;
-    Library library;
+    Library probes;
     uint64_t super;
     std::optional<Subjects> subjects; /* 32-bit kernels do not describe their types */
 
@@ -65,12 +65,12 @@ struct Whole {
         received.clear();
         take_log();
     }
-    ~Whole() { library.shut_down(); }
+    ~Whole() { probes.shut_down(); }
 
-    bool works() { return library.os_info() != nullptr; }
+    bool works() { return probes.os_info() != nullptr; }
     void add(void *handle, const std::string &name)
     {
-        const auto instance = library.find(handle);
+        const auto instance = probes.find(handle);
         ASSERT_TRUE(instance);
         ASSERT_EQ(0, instance->add(testlib::file_probe(kernel.is_64, name).record(), keep));
         ASSERT_EQ(0, instance->enable(name, true));
@@ -87,7 +87,7 @@ struct Whole {
             polled.push_back({source.fds[i], POLLIN, 0});
         while (received.size() < n && poll(polled.data(), polled.size(), 1000) > 0)
             for (size_t i = 0; i < polled.size(); i++)
-                EXPECT_GE(polled[i].revents ? library.parse(static_cast<int32_t>(i), source.handle) : 0, 0);
+                EXPECT_GE(polled[i].revents ? probes.parse(static_cast<int32_t>(i), source.handle) : 0, 0);
         return paths();
     }
 };
@@ -102,7 +102,7 @@ TEST(KprobeLibrary, tells_of_the_kernel)
         Whole w(is_64);
         w.kernel.release = "5.10.223-test";
         w.kernel.file("/sys/devices/system/cpu/online", "0-2\n");
-        const kp_os_info *info = w.library.os_info();
+        const kp_os_info *info = w.probes.os_info();
         ASSERT_NE(nullptr, info);
         EXPECT_EQ(5, info->major);
         EXPECT_EQ(10, info->minor);
@@ -110,13 +110,13 @@ TEST(KprobeLibrary, tells_of_the_kernel)
         EXPECT_EQ(is_64 ? KP_ARCH_X86_64 : KP_ARCH_X86_32, info->arch);
         EXPECT_EQ(3, info->count);
         EXPECT_EQ(static_cast<uint32_t>(getpid()), info->pid);
-        EXPECT_STREQ("", w.library.why_not());
+        EXPECT_STREQ("", w.probes.why_not());
         EXPECT_TRUE(w.kernel.definitions().empty()) << "the trial is gone";
         EXPECT_EQ(0u, w.kernel.perf.open_events());
         Source source;
-        ASSERT_TRUE(source.open(w.library, "clt_file"));
+        ASSERT_TRUE(source.open(w.probes, "clt_file"));
         EXPECT_EQ(3, source.count);
-        EXPECT_NE(static_cast<uint32_t>(getpid()), w.library.os_info()->pid) << "the thread, whose events are left out";
+        EXPECT_NE(static_cast<uint32_t>(getpid()), w.probes.os_info()->pid) << "the thread, whose events are left out";
     }
 }
 
@@ -125,7 +125,7 @@ TEST(KprobeLibrary, more_cpus_than_a_byte_counts)
     Whole w;
     w.kernel.file("/sys/devices/system/cpu/online", "0-299\n");
     ASSERT_TRUE(w.works());
-    EXPECT_EQ(255, w.library.os_info()->count);
+    EXPECT_EQ(255, w.probes.os_info()->count);
 }
 
 TEST(KprobeLibrary, cannot_work)
@@ -145,12 +145,12 @@ TEST(KprobeLibrary, cannot_work)
         Whole w;
         row.change(w.kernel);
         EXPECT_FALSE(w.works());
-        EXPECT_NE(std::string::npos, std::string(w.library.why_not()).find(row.why)) << w.library.why_not();
+        EXPECT_NE(std::string::npos, std::string(w.probes.why_not()).find(row.why)) << w.probes.why_not();
         const auto lines = take_log();
         ASSERT_EQ(1u, lines.size()) << row.why;
-        EXPECT_TRUE(has_line(lines, std::string("2 kernel probes are not available: ") + w.library.why_not()));
+        EXPECT_TRUE(has_line(lines, std::string("2 kernel probes are not available: ") + w.probes.why_not()));
         Source source;
-        EXPECT_FALSE(source.open(w.library, "clt_file"));
+        EXPECT_FALSE(source.open(w.probes, "clt_file"));
         EXPECT_FALSE(w.works());
         EXPECT_TRUE(take_log().empty()) << "it is said once";
         EXPECT_TRUE(w.kernel.definitions().empty());
@@ -163,7 +163,7 @@ TEST(KprobeLibrary, perf_events_that_are_not_allowed)
         Whole w;
         const Fault fault("perf_event_open", nth, EACCES);
         EXPECT_FALSE(w.works());
-        EXPECT_STREQ("perf events cannot be opened: Permission denied", w.library.why_not());
+        EXPECT_STREQ("perf events cannot be opened: Permission denied", w.probes.why_not());
         EXPECT_TRUE(w.kernel.definitions().empty());
         EXPECT_EQ(0u, w.kernel.perf.open_events());
     }
@@ -188,7 +188,7 @@ TEST(KprobeLibrary, from_a_hit_to_the_callback)
     for (const bool is_64 : {true, false}) {
         Whole w(is_64);
         Source source;
-        ASSERT_TRUE(source.open(w.library, "clt_file"));
+        ASSERT_TRUE(source.open(w.probes, "clt_file"));
         w.add(source.handle, "Kc");
         for (int burst = 0; burst < 3; burst++) {
             Paths wanted;
@@ -206,16 +206,16 @@ TEST(KprobeLibrary, what_is_not_asked_for_properly)
 {
     Whole w;
     int32_t *fds = nullptr, count = 0;
-    EXPECT_EQ(nullptr, w.library.create(nullptr, &fds, &count));
-    EXPECT_EQ(nullptr, w.library.create("", &fds, &count));
-    EXPECT_EQ(nullptr, w.library.create("a", nullptr, &count));
-    EXPECT_EQ(nullptr, w.library.create("a", &fds, nullptr));
+    EXPECT_EQ(nullptr, w.probes.create(nullptr, &fds, &count));
+    EXPECT_EQ(nullptr, w.probes.create("", &fds, &count));
+    EXPECT_EQ(nullptr, w.probes.create("a", nullptr, &count));
+    EXPECT_EQ(nullptr, w.probes.create("a", &fds, nullptr));
     EXPECT_EQ(nullptr, fds);
     Source source;
-    ASSERT_TRUE(source.open(w.library, "a"));
+    ASSERT_TRUE(source.open(w.probes, "a"));
     for (const int32_t index : {-1, 2, 255, INT32_MIN, INT32_MAX})
-        EXPECT_EQ(-EINVAL, w.library.parse(index, source.handle)) << index;
-    EXPECT_EQ(0, w.library.parse(1, source.handle));
+        EXPECT_EQ(-EINVAL, w.probes.parse(index, source.handle)) << index;
+    EXPECT_EQ(0, w.probes.parse(1, source.handle));
 }
 
 TEST(KprobeLibrary, handles_are_recognised)
@@ -223,20 +223,20 @@ TEST(KprobeLibrary, handles_are_recognised)
     Whole w;
     ASSERT_TRUE(w.works());
     Source first;
-    ASSERT_TRUE(first.open(w.library, "a"));
+    ASSERT_TRUE(first.open(w.probes, "a"));
     const auto number = reinterpret_cast<uintptr_t>(first.handle);
     for (const uintptr_t made_up : {uintptr_t{0}, number + 1, number + 256, number - 1, ~uintptr_t{0}, number << 8}) {
         void *handle = reinterpret_cast<void *>(made_up);
-        EXPECT_EQ(nullptr, w.library.find(handle)) << made_up;
-        EXPECT_EQ(-EINVAL, w.library.remove(handle)) << made_up;
-        EXPECT_EQ(-EINVAL, w.library.parse(0, handle)) << made_up;
+        EXPECT_EQ(nullptr, w.probes.find(handle)) << made_up;
+        EXPECT_EQ(-EINVAL, w.probes.remove(handle)) << made_up;
+        EXPECT_EQ(-EINVAL, w.probes.parse(0, handle)) << made_up;
     }
-    EXPECT_EQ(0, w.library.remove(first.handle));
-    EXPECT_EQ(-EINVAL, w.library.remove(first.handle));
+    EXPECT_EQ(0, w.probes.remove(first.handle));
+    EXPECT_EQ(-EINVAL, w.probes.remove(first.handle));
     Source second;
-    ASSERT_TRUE(second.open(w.library, "a")); /* in the same place */
+    ASSERT_TRUE(second.open(w.probes, "a")); /* in the same place */
     EXPECT_NE(first.handle, second.handle);
-    EXPECT_EQ(nullptr, w.library.find(first.handle));
+    EXPECT_EQ(nullptr, w.probes.find(first.handle));
 }
 
 TEST(KprobeLibrary, a_name_again_ends_the_one_before)
@@ -244,11 +244,11 @@ TEST(KprobeLibrary, a_name_again_ends_the_one_before)
     Whole w;
     const int before = open_descriptors();
     Source first, second;
-    ASSERT_TRUE(first.open(w.library, "clt_file"));
+    ASSERT_TRUE(first.open(w.probes, "clt_file"));
     w.add(first.handle, "Kc");
     const int with_one = open_descriptors();
-    ASSERT_TRUE(second.open(w.library, "clt_file"));
-    EXPECT_EQ(nullptr, w.library.find(first.handle));
+    ASSERT_TRUE(second.open(w.probes, "clt_file"));
+    EXPECT_EQ(nullptr, w.probes.find(first.handle));
     EXPECT_TRUE(w.kernel.definitions().empty());
     w.add(second.handle, "Kc");
     EXPECT_EQ(with_one + 2, open_descriptors()) << "the descriptors handed out are the caller's";
@@ -256,11 +256,11 @@ TEST(KprobeLibrary, a_name_again_ends_the_one_before)
     EXPECT_EQ(Paths{"/a"}, w.wait_for(second, 1));
     first.forget();
     second.forget();
-    w.library.shut_down();
+    w.probes.shut_down();
     EXPECT_LE(open_descriptors(), before + 2) << "what the thread slept on";
     EXPECT_TRUE(w.kernel.definitions().empty());
-    EXPECT_STREQ("the process is ending", w.library.why_not());
-    EXPECT_EQ(nullptr, w.library.find(second.handle));
+    EXPECT_STREQ("the process is ending", w.probes.why_not());
+    EXPECT_EQ(nullptr, w.probes.find(second.handle));
 }
 
 TEST(KprobeLibrary, made_and_ended_again_and_again)
@@ -270,10 +270,10 @@ TEST(KprobeLibrary, made_and_ended_again_and_again)
     int descriptors = 0;
     for (int round = 0; round < 100; round++) {
         Source source;
-        ASSERT_TRUE(source.open(w.library, "clt_file")) << round;
+        ASSERT_TRUE(source.open(w.probes, "clt_file")) << round;
         w.add(source.handle, "Kc");
         w.create("/x");
-        ASSERT_EQ(0, w.library.remove(source.handle));
+        ASSERT_EQ(0, w.probes.remove(source.handle));
         source.forget();
         if (round == 0)
             descriptors = open_descriptors();
@@ -289,10 +289,10 @@ TEST(KprobeLibrary, as_many_instances_as_there_is_room_for)
     w.kernel.file("/sys/devices/system/cpu/online", "0\n");
     std::vector<Source> sources(65);
     for (size_t i = 0; i < 64; i++)
-        ASSERT_TRUE(sources[i].open(w.library, ("i" + std::to_string(i)).c_str())) << i;
-    EXPECT_FALSE(sources[64].open(w.library, "one more"));
-    EXPECT_EQ(0, w.library.remove(sources[5].handle));
-    EXPECT_TRUE(sources[64].open(w.library, "one more"));
+        ASSERT_TRUE(sources[i].open(w.probes, ("i" + std::to_string(i)).c_str())) << i;
+    EXPECT_FALSE(sources[64].open(w.probes, "one more"));
+    EXPECT_EQ(0, w.probes.remove(sources[5].handle));
+    EXPECT_TRUE(sources[64].open(w.probes, "one more"));
 }
 
 TEST(KprobeLibrary, no_inotify_instance_where_no_probe_can_tell)
@@ -302,9 +302,9 @@ TEST(KprobeLibrary, no_inotify_instance_where_no_probe_can_tell)
     types.functions = {"security_inode_create"};
     w.kernel.file("/sys/kernel/btf/vmlinux", kernel_types(types));
     Source inotify, file;
-    EXPECT_FALSE(inotify.open(w.library, "clt_inotify"));
+    EXPECT_FALSE(inotify.open(w.probes, "clt_inotify"));
     EXPECT_TRUE(has_line(take_log(), "the descriptor is used"));
-    EXPECT_TRUE(file.open(w.library, "clt_file"));
+    EXPECT_TRUE(file.open(w.probes, "clt_file"));
 }
 
 TEST(KprobeLibrary, calls_that_fail_while_an_instance_is_made)
@@ -318,12 +318,12 @@ TEST(KprobeLibrary, calls_that_fail_while_an_instance_is_made)
             Whole w;
             Fault *armed = &fault; /* counts from here on what the start called, too */
             Source source;
-            const bool made = source.open(w.library, "clt_file");
+            const bool made = source.open(w.probes, "clt_file");
             EXPECT_TRUE(made || armed->hit()) << calls[i];
             failed += !made;
             EXPECT_EQ(made ? 4u : 0u, w.kernel.perf.open_events()) << calls[i];
             source.forget();
-            w.library.shut_down();
+            w.probes.shut_down();
             if (descriptors == 0)
                 descriptors = open_descriptors();
             EXPECT_NEAR(descriptors, open_descriptors(), 2) << calls[i];
@@ -341,9 +341,9 @@ TEST(KprobeLibrary, a_start_that_failed_does_not_stop_the_next_instance)
     Source source;
     {
         const Fault fault("pthread_create", 1, EAGAIN);
-        EXPECT_FALSE(source.open(w.library, "clt_file"));
+        EXPECT_FALSE(source.open(w.probes, "clt_file"));
     }
-    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    ASSERT_TRUE(source.open(w.probes, "clt_file"));
     w.add(source.handle, "Kc");
     w.create("/a");
     EXPECT_EQ(Paths{"/a"}, w.wait_for(source, 1));
@@ -355,7 +355,7 @@ TEST(KprobeLibrary, no_turn_takes_more_than_the_monitor_reads)
 {
     Whole w;
     Source source;
-    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    ASSERT_TRUE(source.open(w.probes, "clt_file"));
     w.add(source.handle, "Kc");
     size_t hits = 0;
     for (int i = 0; i < 600; i++)
@@ -366,7 +366,7 @@ TEST(KprobeLibrary, no_turn_takes_more_than_the_monitor_reads)
         int in_turn = 0;
         for (const int32_t index : {0, 1})
             if (is_readable(source.fds[index]))
-                in_turn += w.library.parse(index, source.handle);
+                in_turn += w.probes.parse(index, source.handle);
         EXPECT_GT(in_turn, 0) << turn;
         EXPECT_LE(in_turn, 91) << turn;
         got += static_cast<size_t>(in_turn);
@@ -380,7 +380,7 @@ TEST(KprobeLibrary, hits_from_many_threads_while_it_is_used)
 {
     Whole w;
     Source source;
-    ASSERT_TRUE(source.open(w.library, "clt_file"));
+    ASSERT_TRUE(source.open(w.probes, "clt_file"));
     w.add(source.handle, "Kc");
     const uint64_t entry = w.objects.path(w.super, "/same");
     std::atomic<size_t> hits = 0;
@@ -393,10 +393,10 @@ TEST(KprobeLibrary, hits_from_many_threads_while_it_is_used)
                 usleep(50);
             }
         });
-    const auto instance = w.library.find(source.handle);
+    const auto instance = w.probes.find(source.handle);
     for (int i = 0; i < 60; i++) {
         for (const int32_t index : {0, 1})
-            w.library.parse(index, source.handle);
+            w.probes.parse(index, source.handle);
         if (i % 10 == 3) {
             EXPECT_EQ(0, instance->filter("Kc", i % 20 == 3 ? "mnt==23" : ""));
         }
