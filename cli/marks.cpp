@@ -9,8 +9,9 @@
 #include <charconv>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string_view>
+
+#include "common/fd.h"
 
 namespace cli
 {
@@ -21,13 +22,9 @@ namespace
 constexpr std::string_view kInotifyLine = "inotify wd:", kFanotifyLine = "fanotify ",
                            kMountField = " mnt_id:", kDeviceField = " sdev:";
 
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
-
 void for_each_number(const std::string &folder, const std::function<void(const char *)> &fn)
 {
-    const std::unique_ptr<DIR, DirCloser> dir(opendir(folder.c_str()));
+    const common::Dir dir(opendir(folder.c_str()));
     if (!dir)
         return;
     while (const struct dirent *entry = readdir(dir.get()))

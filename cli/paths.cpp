@@ -11,20 +11,17 @@
 #include <cstdlib>
 #include <cstring>
 #include <functional>
-#include <memory>
 #include <string_view>
 #include <utility>
 #include <vector>
+
+#include "common/fd.h"
 
 namespace cli
 {
 
 namespace
 {
-
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
 
 // Absolute, one "/" between parts, no "." parts. ".." stays: what it means depends on links.
 std::string tidy(const std::string &given)
@@ -76,7 +73,7 @@ bool entry_is_dir(int dir, const struct dirent *entry)
 // Calls fn(name) for each directory in a directory until it answers false.
 void for_each_subdirectory(const std::string &path, const std::function<bool(const char *)> &fn)
 {
-    const std::unique_ptr<DIR, DirCloser> dir(opendir(path.c_str()));
+    const common::Dir dir(opendir(path.c_str()));
     if (!dir)
         return;
     while (const struct dirent *entry = readdir(dir.get()))

@@ -10,7 +10,6 @@
 #include <map>
 #include <optional>
 
-#include "fd.h"
 #include "files.h"
 #include "process_folder.h"
 
@@ -84,7 +83,7 @@ private:
 
 bool Taker::list_processes()
 {
-    const List list = list_of(Fd(dup(proc_.get())));
+    const common::Dir list = list_of(Fd(dup(proc_.get())));
     if (!list)
         return false;
     while (const struct dirent *entry = stop_ ? nullptr : readdir(list.get())) {

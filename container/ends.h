@@ -8,10 +8,12 @@
 #include <vector>
 
 #include "census.h"
-#include "fd.h"
+#include "common/fd.h"
 
 namespace container
 {
+
+using common::Fd;
 
 struct End {
     Fd process; /* readable when it has ended; none: it ended before */

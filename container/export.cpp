@@ -8,9 +8,9 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <exception>
 
 #include "cgroup.h"
+#include "common/guard.h"
 #include "keeper.h"
 #include "orx_sensitivedir.h"
 #include "process_folder.h"
@@ -18,19 +18,10 @@
 namespace
 {
 
+using common::without_exceptions;
 using container::Details;
 using container::Found;
 using container::Keeper;
-
-template <typename Result, typename Body>
-Result guarded(Result failed, Body &&body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::exception &) {  // out of memory
-        return failed;
-    }
-}
 
 // The thread must not outlive the library's code.
 struct AtExit {
@@ -41,7 +32,7 @@ struct AtExit {
     }
     ~AtExit()
     {
-        guarded(0, [] {
+        without_exceptions(0, [] {
             Keeper::get().stop();
             return 0;
         });
@@ -109,7 +100,7 @@ const struct orx_container_mount *_orx_get_container_mount(const char *id)
     uint64_t mount = 0;
     if (!id || !parse_mount(id, mount))
         return nullptr;
-    return guarded<const orx_container_mount *>(nullptr, [&]() -> const orx_container_mount * {
+    return without_exceptions<const orx_container_mount *>(nullptr, [&]() -> const orx_container_mount * {
         Found found;
         if (!Keeper::get().find(mount, found))
             return nullptr;
@@ -123,7 +114,7 @@ struct orx_container_info *_orx_get_container_info(const char *id)
 {
     if (!id || !container::is_id(id))
         return nullptr;
-    return guarded<orx_container_info *>(nullptr, [&]() -> orx_container_info * {
+    return without_exceptions<orx_container_info *>(nullptr, [&]() -> orx_container_info * {
         Details details;
         Found found;
         return Keeper::get().describe(id, details, found) ? make_record(details, found) : nullptr;
@@ -134,7 +125,7 @@ void _orx_free_container_info(struct orx_container_info *info) { free(info); }
 
 int32_t orx_container_set_roots(const char *proc, const char *files)
 {
-    return guarded<int32_t>(-ENOMEM, [&] {
+    return without_exceptions<int32_t>(-ENOMEM, [&] {
         Keeper::get().set_roots(proc ? proc : "/proc", files ? files : "");
         return 0;
     });
@@ -145,7 +136,7 @@ int32_t orx_container_of_process(int32_t pid, char *out, size_t size)
     if (!out || size == 0 || pid <= 0)
         return -EINVAL;
     out[0] = '\0';
-    return guarded<int32_t>(-ENOMEM, [&]() -> int32_t {
+    return without_exceptions<int32_t>(-ENOMEM, [&]() -> int32_t {
         const container::Fd proc(open(Keeper::get().proc().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         const container::Chain chain = proc ? container::process_chain(proc.get(), pid) : container::Chain();
         if (chain.empty())
@@ -160,19 +151,21 @@ int32_t orx_container_survey(struct orx_container_census *out)
     if (!out)
         return -EINVAL;
     *out = {};
-    return guarded<int32_t>(-ENOMEM, [&]() -> int32_t {
+    return without_exceptions<int32_t>(-ENOMEM, [&]() -> int32_t {
         const auto begin = std::chrono::steady_clock::now();
-        container::Census census;
-        Keeper::get().survey(census);
+        int error = 0;
+        Keeper::get().survey([&](const container::Census &census) {
+            out->containers = static_cast<uint32_t>(census.containers.size());
+            out->mounts = static_cast<uint32_t>(census.mounts.size());
+            out->namespaces = census.namespaces;
+            out->processes = census.processes;
+            out->hidden = census.hidden;
+            out->cut = census.cut;
+            error = census.error;
+        });
         const std::chrono::duration<double, std::micro> time = std::chrono::steady_clock::now() - begin;
-        out->containers = static_cast<uint32_t>(census.containers.size());
-        out->mounts = static_cast<uint32_t>(census.mounts.size());
-        out->namespaces = census.namespaces;
-        out->processes = census.processes;
-        out->hidden = census.hidden;
-        out->cut = census.cut;
         out->micros = static_cast<uint32_t>(time.count());
-        return -census.error;
+        return -error;
     });
 }
 

@@ -100,9 +100,9 @@ bool Tree::read(const std::string &path, size_t limit, std::string &out) const
     return file && is_small_file(file.get(), limit) && read_all(file.get(), limit, out);
 }
 
-List list_of(Fd folder)
+common::Dir list_of(Fd folder)
 {
-    List list(folder ? fdopendir(folder.get()) : nullptr);
+    common::Dir list(folder ? fdopendir(folder.get()) : nullptr);
     if (list)
         folder.release();
     return list;
@@ -111,7 +111,7 @@ List list_of(Fd folder)
 std::vector<std::string> Tree::names(size_t limit) const
 {
     std::vector<std::string> names;
-    const List list = list_of(Fd(openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    const common::Dir list = list_of(Fd(openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
     while (const struct dirent *entry = list && names.size() < limit ? readdir(list.get()) : nullptr)
         if (entry->d_name[0] != '.')
             names.emplace_back(entry->d_name);

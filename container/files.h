@@ -4,17 +4,16 @@
 #ifndef CONTAINER_FILES_H
 #define CONTAINER_FILES_H
 
-#include <dirent.h>
-
 #include <cstddef>
-#include <memory>
 #include <string>
 #include <vector>
 
-#include "fd.h"
+#include "common/fd.h"
 
 namespace container
 {
+
+using common::Fd;
 
 /* A place where somebody's files are, as a root of its own: "..", and links with an absolute target, stay below it. */
 class Tree
@@ -40,13 +39,8 @@ private:
     Fd folder_;
 };
 
-struct CloseList {
-    void operator()(DIR *list) const { closedir(list); }
-};
-using List = std::unique_ptr<DIR, CloseList>;
-
 /* The entries of a folder; takes the descriptor over. Null: none, errno says why. */
-List list_of(Fd folder);
+common::Dir list_of(Fd folder);
 
 /* Reads to the end, however short the pieces. False: an error, or more than `limit` bytes. */
 bool read_all(int fd, size_t limit, std::string &out);

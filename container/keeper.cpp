@@ -178,15 +178,14 @@ bool Keeper::describe(const std::string &id, Details &details, Found &found)
     return running || details.known;
 }
 
-void Keeper::survey(Census &out)
+void Keeper::survey(const std::function<void(const Census &)> &look)
 {
     const std::atomic<bool> never{false};
     Census census = take_census(proc(), never);
-    out = census;
-    Census old = std::move(census);
+    look(census);
     const std::lock_guard lock(lock_);
     table_.begin(now_ms());
-    table_.replace(old);
+    table_.replace(census);
     generation_++;
 }
 

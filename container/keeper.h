@@ -13,18 +13,21 @@
 #include <atomic>
 #include <condition_variable>
 #include <cstdint>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "common/fd.h"
 #include "details.h"
 #include "ends.h"
-#include "fd.h"
 #include "table.h"
 
 namespace container
 {
+
+using common::Fd;
 
 class Keeper
 {
@@ -39,8 +42,8 @@ public:
     /* What is known of a container. False: nothing. */
     bool describe(const std::string &id, Details &details, Found &found);
 
-    /* Takes a census at once, in the caller's thread, and counts as any other. */
-    void survey(Census &out);
+    /* Takes a census at once, in the caller's thread, which counts as any other; `look` sees it before it does. */
+    void survey(const std::function<void(const Census &)> &look);
 
     /* Other folders for /proc and for the files of the engines; what was known is forgotten. */
     void set_roots(std::string proc, std::string files);

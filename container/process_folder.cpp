@@ -10,7 +10,6 @@
 #include <string>
 #include <vector>
 
-#include "fd.h"
 #include "files.h"
 
 namespace container

@@ -53,7 +53,6 @@ public:
     void end(std::string_view id, int pid);
 
     const Found *container(std::string_view id) const;
-    const Census &census() const { return census_; }
 
 private:
     static constexpr size_t kMaxUnknown = 4096;

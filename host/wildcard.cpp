@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <cstdlib>
 #include <cstring>
-#include <memory>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -19,10 +18,6 @@
  */
 namespace
 {
-
-struct DirCloser {
-    void operator()(DIR *dir) const { closedir(dir); }
-};
 
 /* Remembers the last "*" and lets it take one more byte at each mismatch: no recursion, whatever the pattern. */
 bool matches(std::string_view pattern, std::string_view name)
@@ -56,7 +51,7 @@ bool may_match(std::string_view pattern, std::string_view name)
 std::vector<std::string> matching_names(const std::string &folder, std::string_view pattern)
 {
     std::vector<std::string> names;
-    std::unique_ptr<DIR, DirCloser> dir(opendir(folder.empty() ? "." : folder.c_str()));
+    common::Dir dir(opendir(folder.empty() ? "." : folder.c_str()));
     if (!dir)
         return names;
     while (const struct dirent *entry = readdir(dir.get())) {

@@ -1,31 +1,22 @@
 // The library's entries, as kp_thread_utils.h declares them: no exception and no bad argument gets past here.
 #include <cerrno>
-#include <exception>
 #include <string>
 
+#include "common/guard.h"
 #include "kp_thread_utils.h"
 #include "library.h"
 
 namespace
 {
 
+using common::without_exceptions;
 using kprobe::Library;
-
-template <typename Result, typename Body>
-Result guarded(Result failed, Body &&body) noexcept
-{
-    try {
-        return body();
-    } catch (const std::exception &) {  // out of memory
-        return failed;
-    }
-}
 
 // Runs `body` with the instance. -EINVAL: there is none.
 template <typename Body>
 int32_t with_instance(void *handle, Body &&body) noexcept
 {
-    return guarded<int32_t>(-ENOMEM, [&]() -> int32_t {
+    return without_exceptions<int32_t>(-ENOMEM, [&]() -> int32_t {
         const auto instance = Library::get().find(handle);
         return instance ? body(*instance) : -EINVAL;
     });
@@ -35,7 +26,7 @@ int32_t with_instance(void *handle, Body &&body) noexcept
 struct AtExit {
     ~AtExit()
     {
-        guarded(0, [] {
+        without_exceptions(0, [] {
             Library::get().shut_down();
             return 0;
         });
@@ -49,14 +40,14 @@ extern "C" {
 
 void *_kp_ins_crt(const char *name, int32_t **fds, int32_t *count)
 {
-    return guarded<void *>(nullptr, [&] { return Library::get().create(name, fds, count); });
+    return without_exceptions<void *>(nullptr, [&] { return Library::get().create(name, fds, count); });
 }
 
 int32_t _os_info_get(const struct kp_os_info **out)
 {
     if (!out)
         return -EINVAL;
-    *out = guarded<const kp_os_info *>(nullptr, [] { return Library::get().os_info(); });
+    *out = without_exceptions<const kp_os_info *>(nullptr, [] { return Library::get().os_info(); });
     return *out ? 0 : -ENOTSUP;
 }
 
@@ -69,7 +60,7 @@ int32_t _kp_evt_reg(void *inst, struct kp_probe_def *def, kp_record_cb cb)
 
 int32_t kp_event_parse(int32_t index, void *inst)
 {
-    return guarded<int32_t>(-ENOMEM, [&] { return Library::get().parse(index, inst); });
+    return without_exceptions<int32_t>(-ENOMEM, [&] { return Library::get().parse(index, inst); });
 }
 
 int32_t _kp_event_enable(uint8_t on, const char *event_name, void *inst)
@@ -105,12 +96,12 @@ int32_t kp_loss_counts(void *inst, struct kp_losses *out)
 
 int32_t kp_ins_del(void *inst)
 {
-    return guarded<int32_t>(-ENOMEM, [&] { return Library::get().remove(inst); });
+    return without_exceptions<int32_t>(-ENOMEM, [&] { return Library::get().remove(inst); });
 }
 
 const char *kp_unavailable(void)
 {
-    return guarded<const char *>("out of memory", [] {
+    return without_exceptions<const char *>("out of memory", [] {
         Library::get().os_info();
         return Library::get().why_not();
     });

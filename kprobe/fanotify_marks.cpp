@@ -6,8 +6,8 @@
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
-#include <memory>
 
+#include "common/fd.h"
 #include "tracefs.h"
 
 namespace kprobe
@@ -16,13 +16,11 @@ namespace kprobe
 namespace
 {
 
-using Directory = std::unique_ptr<DIR, int (*)(DIR *)>;
-
 // Calls `body` with each name in a directory that is a number, until it returns true.
 template <typename Body>
 bool any_number(const std::string &path, Body &&body)
 {
-    const Directory directory(opendir(path.c_str()), closedir);
+    const common::Dir directory(opendir(path.c_str()));
     while (const dirent *entry = directory ? readdir(directory.get()) : nullptr)
         if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' && body(std::string(entry->d_name)))
             return true;

@@ -10,11 +10,13 @@
 #include <cstdint>
 #include <set>
 
-#include "fd.h"
+#include "common/fd.h"
 #include "mounts.h"
 
 namespace kprobe
 {
+
+using common::Fd;
 
 class Marks
 {

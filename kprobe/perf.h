@@ -9,10 +9,12 @@
 #include <string>
 #include <vector>
 
-#include "fd.h"
+#include "common/fd.h"
 
 namespace kprobe
 {
+
+using common::Fd;
 
 // One hit as it stands in the ring; valid until the ring moves on.
 struct Sample {

@@ -15,11 +15,13 @@
 #include <mutex>
 #include <vector>
 
-#include "fd.h"
+#include "common/fd.h"
 #include "instance.h"
 
 namespace kprobe
 {
+
+using common::Fd;
 
 class Reader
 {

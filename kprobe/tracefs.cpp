@@ -11,12 +11,14 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "common/fd.h"
 #include "fanotify_marks.h"
-#include "fd.h"
 #include "mounts.h"
 
 namespace kprobe
 {
+
+using common::Fd;
 
 namespace
 {

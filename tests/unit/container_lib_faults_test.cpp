@@ -145,7 +145,7 @@ TEST(ContainerLibFileFaults, WithoutOpenat2TheSameIsFound)
 
 container::Found found_of(pid_t pid)
 {
-    const container::Fd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    const common::Fd proc(open("/proc", O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return {made_id(1), pid, container::start_time(proc.get(), pid), false};
 }
 

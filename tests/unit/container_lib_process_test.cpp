@@ -1,7 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include "container/fd.h"
+#include "common/fd.h"
 #include "container/process_folder.h"
 #include "testlib/container_world/container_world.h"
 #include "testlib/tree.h"
@@ -54,7 +54,7 @@ protected:
     ContainerLibProcess() : world(tree.root())
     {
         world.add({5, 77, "/docker/" + made_id(1), {10, 11}});
-        proc = container::Fd(open(world.proc().c_str(), O_RDONLY | O_DIRECTORY));
+        proc = common::Fd(open(world.proc().c_str(), O_RDONLY | O_DIRECTORY));
     }
     ListEnd list(Ids &ids, size_t budget = 1 << 20) const
     {
@@ -62,7 +62,7 @@ protected:
     }
     testlib::TempTree tree;
     testlib::ContainerWorld world;
-    container::Fd proc;
+    common::Fd proc;
 };
 
 TEST_F(ContainerLibProcess, IsRead)

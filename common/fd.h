@@ -1,14 +1,16 @@
 /*
- * fd.h: owns a file descriptor.
+ * fd.h: owns a file descriptor, or the list of a folder's entries.
  */
-#ifndef KPROBE_FD_H
-#define KPROBE_FD_H
+#ifndef COMMON_FD_H
+#define COMMON_FD_H
 
+#include <dirent.h>
 #include <unistd.h>
 
+#include <memory>
 #include <utility>
 
-namespace kprobe
+namespace common
 {
 
 class Fd
@@ -16,11 +18,11 @@ class Fd
 public:
     explicit Fd(int fd = -1) : fd_(fd) {}
     ~Fd() { reset(); }
-    Fd(Fd &&other) noexcept : fd_(std::exchange(other.fd_, -1)) {}
+    Fd(Fd &&other) noexcept : fd_(other.release()) {}
     Fd &operator=(Fd &&other) noexcept
     {
         if (this != &other)
-            reset(std::exchange(other.fd_, -1));
+            reset(other.release());
         return *this;
     }
 
@@ -38,6 +40,11 @@ private:
     int fd_;
 };
 
-}  // namespace kprobe
+struct CloseDir {
+    void operator()(DIR *dir) const { closedir(dir); }
+};
+using Dir = std::unique_ptr<DIR, CloseDir>;
+
+}  // namespace common
 
 #endif
