@@ -4,11 +4,10 @@
 
 #include <atomic>
 #include <cerrno>
-#include <cstdlib>
-#include <new>
 
 #include "orx_sensitivedir.h"
 #include "testlib/container_world/container_world.h"
+#include "testlib/failing_new.h"
 #include "testlib/tree.h"
 
 namespace
@@ -20,7 +19,9 @@ thread_local bool is_mine = false;
 std::atomic<long> others_left{-1}; /* the same of all other threads */
 std::atomic<bool> others_failed{false};
 
-bool is_to_fail()
+}  // namespace
+
+bool testlib::allocation_fails()
 {
     if (is_mine) {
         if (left < 0 || left-- != 0)
@@ -34,27 +35,8 @@ bool is_to_fail()
     return true;
 }
 
-void *allocate(size_t size)
-{
-    void *memory = is_to_fail() ? nullptr : malloc(size ? size : 1);
-    if (!memory)
-        throw std::bad_alloc();
-    return memory;
-}
-
-}  // namespace
-
-void *operator new(size_t size) { return allocate(size); }
-void *operator new[](size_t size) { return allocate(size); }
-void operator delete(void *memory) noexcept { free(memory); }
-void operator delete[](void *memory) noexcept { free(memory); }
-void operator delete(void *memory, size_t) noexcept { free(memory); }
-void operator delete[](void *memory, size_t) noexcept { free(memory); }
-
 namespace
 {
-
-using testlib::made_id;
 
 /* Fails the 1st, 2nd, ... allocation of `call`, until it is not reached. Returns how many were. */
 template <typename Call>

@@ -4,13 +4,12 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdlib>
-#include <new>
 #include <utility>
 
 #include "in_child.h"
 #include "kp_thread_utils.h"
 #include "kprobe_instance_fixture.h"
+#include "testlib/failing_new.h"
 
 namespace
 {
@@ -21,26 +20,17 @@ std::atomic<bool> others_fail{false};
 std::atomic<int> others_failed{0};
 thread_local bool is_mine = false;
 
-void *allocate(size_t size)
-{
-    if (!testlib::in_kernel() && ((left >= 0 && left-- == 0) || (others_fail && !is_mine))) {
-        failed = true;
-        others_failed += !is_mine;
-        throw std::bad_alloc();
-    }
-    if (void *memory = malloc(size ? size : 1))
-        return memory;
-    throw std::bad_alloc();
-}
-
 }  // namespace
 
-void *operator new(size_t size) { return allocate(size); }
-void *operator new[](size_t size) { return allocate(size); }
-void operator delete(void *memory) noexcept { free(memory); }
-void operator delete[](void *memory) noexcept { free(memory); }
-void operator delete(void *memory, size_t) noexcept { free(memory); }
-void operator delete[](void *memory, size_t) noexcept { free(memory); }
+bool testlib::allocation_fails()
+{
+    const bool fails = !in_kernel() && ((left >= 0 && left-- == 0) || (others_fail && !is_mine));
+    if (fails) {
+        failed = true;
+        others_failed += !is_mine;
+    }
+    return fails;
+}
 
 using namespace kprobe_fixture;
 

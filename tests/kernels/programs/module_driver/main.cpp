@@ -1,5 +1,4 @@
 // module_driver: the module with real probes, as an agent has it: instances that come and go, and the agent's switch.
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <sys/mount.h>
 #include <sys/stat.h>
@@ -7,12 +6,14 @@
 #include <unistd.h>
 
 #include <atomic>
-#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <string>
 
+#include "guest_program.h"
 #include "orx_fmon.h"
+
+const char kArea[] = "module";
 
 namespace
 {
@@ -29,34 +30,6 @@ struct {
     decltype(&_clt_file_enable) enable;
     int (*await_timers)(int);
 } api;
-
-void result(const char *name, bool good, const std::string &words = "")
-{
-    printf("RESULT module.%s %s %s\n", name, good ? "ok" : "FAIL", words.c_str());
-    fflush(stdout);
-}
-
-[[noreturn]] void stop(const char *what)
-{
-    result("setup", false, what);
-    _exit(1);
-}
-
-void *load(const std::string &name, int mode)
-{
-    void *library = dlopen((std::string(getenv("STAGE")) + "/lib/" + name).c_str(), RTLD_NOW | mode);
-    if (!library)
-        stop(dlerror());
-    return library;
-}
-
-template <typename Fn>
-void bind(void *library, const char *name, Fn *out)
-{
-    *out = reinterpret_cast<Fn>(dlsym(library, name));
-    if (!*out)
-        stop(name);
-}
 
 void load_module()
 {

@@ -1,6 +1,5 @@
 #include "driver.h"
 
-#include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/mount.h>
@@ -40,23 +39,7 @@ int orx_str_snprintf(char *out, size_t size, const char *fmt, ...)
 }
 }
 
-// ---- outcomes ----
-
-bool any_failed;
-
-void result(const std::string &name, bool good, const std::string &words)
-{
-    printf("RESULT probes.%s %s %s\n", name.c_str(), good ? "ok" : "FAIL", words.c_str());
-    fflush(stdout);
-    any_failed |= !good;
-}
-
-[[noreturn]] void stop(const char *what)
-{
-    printf("RESULT probes.setup FAIL %s: %s\n", what, strerror(errno));
-    fflush(stdout);
-    _exit(1);
-}
+const char kArea[] = "probes";
 
 double seconds()
 {
@@ -69,25 +52,9 @@ double seconds()
 
 Library kp;
 
-namespace
-{
-
-template <typename Fn>
-void bind(void *library, const char *name, Fn *out)
-{
-    *out = reinterpret_cast<Fn>(dlsym(library, name));
-    if (!*out)
-        stop(name);
-}
-
-}  // namespace
-
 void load_library()
 {
-    const std::string path = std::string(getenv("STAGE") ? getenv("STAGE") : ".") + "/lib/liborx_kp_thread.2.so";
-    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_DEEPBIND);
-    if (!library)
-        stop(dlerror());
+    void *library = load("liborx_kp_thread.2.so", RTLD_DEEPBIND);
     bind(library, "_kp_ins_crt", &kp.create);
     bind(library, "_os_info_get", &kp.os_info);
     bind(library, "_kp_evt_reg", &kp.add);

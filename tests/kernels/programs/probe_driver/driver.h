@@ -1,6 +1,6 @@
 /*
- * driver.h: what the cases of probe_driver share: the library as the monitor loads it, the monitor's own definitions,
- * and how an outcome is reported.
+ * driver.h: what the cases of probe_driver share: the library as the monitor loads it, and the monitor's own
+ * definitions.
  */
 #ifndef GUEST_PROBE_DRIVER_H
 #define GUEST_PROBE_DRIVER_H
@@ -13,14 +13,8 @@
 #include <string>
 #include <vector>
 
+#include "guest_program.h"
 #include "kp_thread_utils.h"
-
-// ---- outcomes ----
-
-extern bool any_failed;
-
-void result(const std::string &name, bool good, const std::string &words = "");
-[[noreturn]] void stop(const char *what);  // the rest cannot be tried
 
 double seconds();
 
