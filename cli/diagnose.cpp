@@ -178,12 +178,4 @@ std::string explain_retry(const Findings &findings, const Facts &facts)
     return refusal.path + " is there, but" + refused_by_kernel(refusal, facts);
 }
 
-std::string explain_loss(const std::string &source, uint64_t count)
-{
-    if (source == "inotify" || source == "fanotify")
-        return "events were lost: the kernel's " + source + " queue overflowed " + counted(count, "time") +
-               "; watch less, or raise it with sysctl fs." + source + ".max_queued_events=65536 and start again";
-    return counted(count, "event") + " came for a directory that is no longer known";
-}
-
 }  // namespace cli

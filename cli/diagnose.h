@@ -45,9 +45,6 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
 /* A path that has appeared and cannot be watched. */
 std::string explain_retry(const Findings &findings, const Facts &facts);
 
-/* Events that were missed: `source` as in the loss record. */
-std::string explain_loss(const std::string &source, uint64_t count);
-
 /* The next power of two that leaves room to double what is needed. */
 uint64_t roomy_limit(uint64_t needed);
 

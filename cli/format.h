@@ -27,6 +27,13 @@ struct FormatStyle {
     std::function<ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
 };
 
+/* What stands when watching begins. */
+struct Established {
+    std::vector<std::string> paths;   /* watched */
+    std::vector<std::string> missing; /* waited for */
+    uint64_t directories = 0;         /* marked */
+};
+
 class Formatter
 {
 public:
@@ -36,11 +43,13 @@ public:
     virtual void event(const Event &event, std::string &out) = 0;
 
     /* Records beside events. Only JSON has a form for them: the others append nothing. */
-    virtual void established(uint64_t, const std::vector<std::string> & /*paths*/, uint64_t /*directories*/,
-                             std::string & /*out*/)
+    virtual void established(uint64_t, const Established &, std::string & /*out*/) {}
+    /* `path`: what was missed there; empty: not known. */
+    virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string_view /*path*/,
+                      std::string & /*out*/)
     {
     }
-    virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string & /*out*/) {}
+    virtual void appeared(uint64_t, std::string_view /*path*/, std::string & /*out*/) {}
     virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
 };
 

@@ -72,28 +72,33 @@ public:
         });
     }
 
-    void established(uint64_t time_ns, const std::vector<std::string> &paths, uint64_t directories,
-                     std::string &out) override
+    void established(uint64_t time_ns, const Established &all, std::string &out) override
     {
         record("established", time_ns, out, [&](Writer &writer) {
-            put_key(writer, "paths");
-            writer.StartArray();
-            for (const std::string &path : paths)
-                put_bytes(writer, path);
-            writer.EndArray();
+            put_paths(writer, "paths", all.paths);
+            if (!all.missing.empty())
+                put_paths(writer, "missing", all.missing);
             put_key(writer, "directories");
-            writer.Uint64(directories);
+            writer.Uint64(all.directories);
         });
     }
 
-    void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string &out) override
+    void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string_view path,
+              std::string &out) override
     {
         record("loss", time_ns, out, [&](Writer &writer) {
             put_key(writer, "source");
             put(writer, source);
             put_key(writer, "count");
             writer.Uint64(count);
+            if (!path.empty())
+                put_path(writer, path);
         });
+    }
+
+    void appeared(uint64_t time_ns, std::string_view path, std::string &out) override
+    {
+        record("appeared", time_ns, out, [&](Writer &writer) { put_path(writer, path); });
     }
 
     void ended(uint64_t time_ns, std::string_view path, std::string_view reason, std::string &out) override
@@ -123,6 +128,15 @@ private:
         writer.EndObject();
         out.append(line_.GetString(), line_.GetSize());
         out.push_back(end_);
+    }
+
+    static void put_paths(Writer &writer, std::string_view key, const std::vector<std::string> &paths)
+    {
+        put_key(writer, key);
+        writer.StartArray();
+        for (const std::string &path : paths)
+            put_bytes(writer, path);
+        writer.EndArray();
     }
 
     static void put_kinds(Writer &writer, uint32_t mask)

@@ -91,7 +91,8 @@ const OptionRow kOptionTable[kOptionRows] = {
      "go on with the other paths when one cannot be watched, and with\na part of a tree when a limit is reached",
      nullptr},
     {0, "set", "KEY=N", nullptr, take::set,
-     "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, rate_log",
+     "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, "
+     "rate_log,\nhardened",
      "The monitor"},
     {0, "probes", "WHEN", nullptr, take::probes, "use kernel probes: auto, on or off", nullptr},
     {0, "log", "WHERE", nullptr, take::log, "the monitor's own log: file (usual) or stderr", nullptr},

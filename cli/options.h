@@ -55,7 +55,7 @@ struct Setting {
     uint32_t low, high;
     const char *usual; /* what `watch` sets without being told; null: what fmon.ini says */
 };
-inline constexpr size_t kSettings = 6;
+inline constexpr size_t kSettings = 7;
 extern const Setting kSettingTable[kSettings];
 
 }  // namespace cli

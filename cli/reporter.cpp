@@ -112,16 +112,18 @@ void Reporter::execute(const Event &event)
     finish(kError);
 }
 
-void Reporter::established(const std::vector<std::string> &paths, uint64_t directories)
+void Reporter::established(const Established &all)
 {
-    formatter_->established(wall_clock_ns(), paths, directories, output_.buffer());
+    formatter_->established(wall_clock_ns(), all, output_.buffer());
     flush();
 }
 
-void Reporter::loss(const std::string &source, uint64_t count)
+void Reporter::loss(const std::string &source, uint64_t count, const std::string &path)
 {
-    formatter_->loss(wall_clock_ns(), source, count, output_.buffer());
+    formatter_->loss(wall_clock_ns(), source, count, path, output_.buffer());
 }
+
+void Reporter::appeared(const std::string &path) { formatter_->appeared(wall_clock_ns(), path, output_.buffer()); }
 
 void Reporter::ended(const std::string &path, const char *reason)
 {

@@ -33,8 +33,9 @@ public:
     void begin();
 
     void event(const Event &event);
-    void established(const std::vector<std::string> &paths, uint64_t directories);
-    void loss(const std::string &source, uint64_t count);
+    void established(const Established &all);
+    void loss(const std::string &source, uint64_t count, const std::string &path = "");
+    void appeared(const std::string &path);
     void ended(const std::string &path, const char *reason);
     void note(const std::string &text) const; /* on stderr, unless quiet */
     void flush();

@@ -120,7 +120,7 @@ bool Session::place()
         if (root.placed)
             paths.push_back(root.path);
     const uint64_t directories = placer.directories();
-    reporter_.established(paths, directories);
+    reporter_.established({paths, {}, directories});
     if (placer.left_out())
         reporter_.loss("watches", placer.left_out());
     reporter_.flush();
@@ -182,7 +182,7 @@ bool Session::place_system()
     if (!system_->place(kinds, intake_.add_source(kinds), error))
         return fail(error);
     reporter_.begin();
-    reporter_.established({}, 0);
+    reporter_.established({});
     reporter_.flush();
     if (!reporter_.has_records())
         reporter_.note("watching the whole system for " + events_text(kinds));
@@ -298,22 +298,17 @@ void Session::tick(uint64_t now)
         end_with(kNothing);
 }
 
-// The counters only grow; what they grew by since the last look is one record.
+// What each counter grew by since the last look is one record.
 void Session::check_losses()
 {
-    struct fmon_losses now = {};
-    if (module_.losses(&now) != 0)
+    struct fmon_status now = {};
+    now.size = sizeof now;
+    if (module_.status(&now) != 0)
         return;
-    const auto compare = [this](const char *source, uint64_t before, uint64_t after) {
-        if (after == before)
-            return;
-        reporter_.loss(source, after - before);
-        complain(explain_loss(source, after - before));
-    };
-    compare("inotify", losses_.inotify_overflow, now.inotify_overflow);
-    compare("fanotify", losses_.fanotify_overflow, now.fanotify_overflow);
-    compare("table", losses_.unknown_wd, now.unknown_wd);
-    losses_ = now;
+    for (const Loss &loss : losses_.since_last(now)) {
+        reporter_.loss(loss.source, loss.count, loss.path);
+        complain(loss.text);
+    }
 }
 
 // Many lines within a tick become one: a tree that runs into a limit logs one line a directory.

@@ -13,6 +13,7 @@
 #include "dump_server.h"
 #include "intake.h"
 #include "log_watch.h"
+#include "losses.h"
 #include "module.h"
 #include "options.h"
 #include "placer.h"
@@ -77,7 +78,7 @@ private:
     RootGuard guard_;
     Batch batch_;
     std::set<std::string> told_; /* paths that appeared and could not be watched */
-    struct fmon_losses losses_ = {};
+    Losses losses_;
     int mount_table_ = -1; /* readable, in poll's sense, when mounts have changed */
 
     int status_ = -1;        /* -1: going on */

@@ -99,6 +99,27 @@ struct fmon_losses {
     uint64_t fanotify_overflow;
 };
 
+/* What was missed since the start, by where it was lost. */
+struct fmon_loss_counts {
+    uint64_t inotify;    /* overflows of the kernel's inotify queue: how many events each lost is not known */
+    uint64_t fanotify;   /* overflows of a fanotify queue */
+    uint64_t unopened;   /* fanotify events whose file could not be opened */
+    uint64_t unknown_wd; /* inotify records for a watch descriptor that is not known */
+    uint64_t path;       /* events whose path is too long, or is not that of the file they are for */
+    uint64_t memory;     /* events for which there was no memory */
+    /* records of kernel probes, by the members of kp_losses; 0 where the library does not count */
+    uint64_t probes_ring, probes_queue, probes_cleaned, probes_unreadable, probes_missed;
+};
+
+/* The monitor's state in numbers. It grows at its end: `size` says how much of it both sides know. */
+struct fmon_status {
+    uint32_t size;     /* set by the caller to sizeof(struct fmon_status); lowered to what was filled */
+    uint32_t hardened; /* fmon.ini's key */
+    struct fmon_loss_counts lost;
+    uint64_t released;    /* held-back records handed on before their file was closed, since the table was full */
+    char lost_path[1024]; /* what the latest loss of `lost.path` was about, cut at 1023 bytes; empty: not known */
+};
+
 /* ---- the plug-in ---- */
 
 /* Starts the monitor and its thread; both arguments are ignored. 0 also when it runs already or is disabled by an
@@ -145,6 +166,10 @@ FMON_API void _clt_file_enable(uint32_t flag);
 
 /* Copies the backend's loss counters. FMON_ENOTINIT before the start. */
 FMON_API int _orx_fmon_losses(struct fmon_losses *out);
+
+/* Fills the first out->size bytes of the monitor's state. FMON_EINVAL: a size below 8; FMON_ENOTINIT before the start.
+ */
+FMON_API int _orx_fmon_status(struct fmon_status *out);
 
 /* Writes the monitor's state to the log at level 4. `type`: 0 all, 1 instances, 2 waiting watches, 3 directories,
  * 4 events, 5 backend, 6 watched files; above 6: -1. `arg` is handed to the backend and may be null. */

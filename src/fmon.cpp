@@ -141,6 +141,9 @@ int fmon_init(int32_t max_events, int32_t max_dentries, int32_t tbd_interval)
     if (result < 0)
         return result;
     adopt_survivors();
+    fmon.lost = {};
+    fmon.released = 0;
+    fmon.lost_path[0] = '\0';
     list_init(&fmon.tbd);
     fmon.tbd_interval = static_cast<uint32_t>(tbd_interval);
     fmon.inited = 1;

@@ -72,6 +72,14 @@ struct fmon {
     uint32_t tbd_last, tbd_interval; /* ms */
     list_head tbd;
     uint32_t global_instance_mask, global_event_mask;
+
+    /* Not 0: where the established behaviour lets others blind, freeze or deceive the monitor, it does otherwise. Set
+     * before the start and by nobody else. */
+    uint32_t hardened;
+    struct fmon_loss_counts
+        lost;             /* since the start; what the backend and the probe library count is added on request */
+    uint64_t released;    /* held-back records handed on early */
+    char lost_path[1024]; /* as in fmon_status */
 };
 
 /* The backend's callback for each raw event: event_process. `source_fd` 0 means a kernel probe. */

@@ -18,6 +18,7 @@ struct fmon_shell fmon_shell = {
     .rate_limit = 10,
     .rate_interval = 200, /* ms */
     .rate_log = 0,
+    .hardened = 0,
     .lock = nullptr,
     .row_count = 0,
     .rows = {},
@@ -31,7 +32,7 @@ constexpr char kConfig[] = "@/../config/fmon.ini";
 constexpr char kSection[] = "fmon";
 
 /* Twice this, which rate control may compute, still is a signed 32-bit number. */
-constexpr uint32_t kRateMax = 1000000000;
+constexpr uint32_t kCountMax = 1000000000;
 
 /* A missing key, and a value of 0 or below, leave the current value. */
 void read_positive(void *ini, const char *key, int32_t *value)
@@ -43,11 +44,11 @@ void read_positive(void *ini, const char *key, int32_t *value)
 }
 
 /* Here 0 means something, so a text that is no number must not pass for it: it leaves the current value. */
-void read_rate(void *ini, const char *key, uint32_t *value)
+void read_count(void *ini, const char *key, uint32_t *value)
 {
     uint32_t number;
     const char *text = orx_ini_file_get(ini, kSection, key);
-    if (text && text_to_count(text, kRateMax, &number))
+    if (text && text_to_count(text, kCountMax, &number))
         *value = number;
 }
 
@@ -61,9 +62,10 @@ void load_config()
     read_positive(ini, "max_events", &fmon_shell.max_events);
     read_positive(ini, "max_dentries", &fmon_shell.max_dentries);
     read_positive(ini, "tbd_interval", &fmon_shell.tbd_interval);
-    read_rate(ini, "rate_limit", &fmon_shell.rate_limit);
-    read_rate(ini, "rate_interval", &fmon_shell.rate_interval);
-    read_rate(ini, "rate_log", &fmon_shell.rate_log);
+    read_count(ini, "rate_limit", &fmon_shell.rate_limit);
+    read_count(ini, "rate_interval", &fmon_shell.rate_interval);
+    read_count(ini, "rate_log", &fmon_shell.rate_log);
+    read_count(ini, "hardened", &fmon_shell.hardened);
     orx_ini_file_free(ini);
 }
 
@@ -84,6 +86,7 @@ int disable()
 
 int start_core()
 {
+    fmon.hardened = fmon_shell.hardened;
     if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
         disable();
         FMON_LOG(1, kFile, "fmon init failed\n");

@@ -28,6 +28,7 @@ struct fmon_shell {
     std::atomic<int32_t> run_state;
     int32_t max_events, max_dentries, tbd_interval;
     uint32_t rate_limit, rate_interval, rate_log;
+    uint32_t hardened; /* handed to the core at the start */
     std::atomic<void *> lock; /* null: none yet, or no more */
     int32_t row_count;
     struct shell_row rows[FMON_MAX_INSTANCES];

@@ -208,13 +208,6 @@ TEST(CliDiagnose, start_failures)
     expect_has(explain_start_failure({}, facts), {"--verbose"});
 }
 
-TEST(CliDiagnose, losses)
-{
-    expect_has(explain_loss("inotify", 2), {"overflowed 2 times", "sysctl fs.inotify.max_queued_events="});
-    expect_has(explain_loss("fanotify", 1), {"overflowed 1 time;", "fs.fanotify.max_queued_events="});
-    expect_has(explain_loss("table", 1), {"1 event came"});
-}
-
 TEST(CliDiagnose, numbers)
 {
     EXPECT_EQ(roomy_limit(0), 1024u);

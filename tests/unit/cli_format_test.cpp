@@ -112,8 +112,8 @@ TEST(CliJson, other_records)
 {
     const auto formatter = make_json_formatter(plain());
     std::string out;
-    formatter->established(kTime, {"/a", "/b\xff"}, 12, out);
-    formatter->loss(kTime, "inotify", 3, out);
+    formatter->established(kTime, {{"/a", "/b\xff"}, {}, 12}, out);
+    formatter->loss(kTime, "inotify", 3, "", out);
     formatter->ended(kTime, "/a", "deleted", out);
     EXPECT_EQ(out,
               "{\"type\":\"established\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"paths\":[\"/a\",\"/b\xef\xbf\xbd"
@@ -121,6 +121,21 @@ TEST(CliJson, other_records)
               "{\"type\":\"loss\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"source\":\"inotify\",\"count\":3}\n"
               "{\"type\":\"ended\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"path\":\"/a\",\"reason\":\"deleted\"}"
               "\n");
+}
+
+TEST(CliJson, other_records_with_paths)
+{
+    const auto formatter = make_json_formatter(plain());
+    std::string out;
+    formatter->established(kTime, {{"/a"}, {"/c"}, 1}, out);
+    EXPECT_STREQ(json_of(out)["missing"][0].GetString(), "/c");
+    out.clear();
+    formatter->loss(kTime, "path", 1, "/d", out);
+    EXPECT_STREQ(json_of(out)["path"].GetString(), "/d");
+    out.clear();
+    formatter->appeared(kTime, "/c", out);
+    EXPECT_STREQ(json_of(out)["type"].GetString(), "appeared");
+    EXPECT_STREQ(json_of(out)["path"].GetString(), "/c");
 }
 
 TEST(CliJson, valid_for_every_byte_of_a_name)

@@ -129,7 +129,7 @@ TEST(CliOptions, each_bad_input_is_named)
         {{"-t", "inf", "/a"}, "--timeout takes"},
         {{"-t", "1s", "/a"}, "--timeout takes"},
         {{"-t", "", "/a"}, "--timeout takes"},
-        {{"--set", "foo=1", "/a"}, "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log"},
+        {{"--set", "foo=1", "/a"}, "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened"},
         {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
         {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
         {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},

@@ -181,7 +181,7 @@ TEST_F(Reporting, records_beside_events_are_for_json_only)
 {
     open({});
     reporter->begin();
-    reporter->established({"/root"}, 1);
+    reporter->established({{"/root"}, {}, 1});
     reporter->loss("inotify", 1);
     reporter->ended("/root", "deleted");
     EXPECT_EQ(written(), "");

@@ -1,5 +1,7 @@
 /* The functions that clients call. */
 #include <algorithm>
+#include <cstddef>
+#include <cstring>
 #include <functional>
 
 #include "fmon_shell.h"
@@ -227,6 +229,7 @@ TEST_F(Export, EveryFunctionTakesTheLockOnce)
 {
     create("a");
     struct fmon_losses losses;
+    struct fmon_status status = {};
     const std::string dir = tree.dir("d");
     const std::vector<std::pair<const char *, std::function<void()>>> calls = {
         {"create", [] { create("b"); }},
@@ -236,6 +239,7 @@ TEST_F(Export, EveryFunctionTakesTheLockOnce)
         {"global del", [] { _orx_fmon_global_watch(0, FMON_DELETE, 0); }},
         {"update", [] { _orx_fmon_global_update(0); }},
         {"losses", [&] { _orx_fmon_losses(&losses); }},
+        {"status", [&] { _orx_fmon_status(&status); }},
         {"dump", [] { _orx_fmon_dump(0, nullptr); }},
         {"del", [] { _orx_fmon_del_instance(0); }},
         {"del none", [] { _orx_fmon_del_instance(9); }},
@@ -279,6 +283,8 @@ class ExportBeforeTheStart : public ShellTest
 TEST_F(ExportBeforeTheStart, EverythingAnswersNotStartedWithoutALock)
 {
     struct fmon_losses losses = {1, 2, 3};
+    struct fmon_status status = {};
+    status.size = sizeof status;
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_create_instance("a", take_a));
     EXPECT_EQ(0, fmon_shell.row_count);
     EXPECT_EQ(-1, _orx_fmon_del_instance(0));
@@ -289,6 +295,8 @@ TEST_F(ExportBeforeTheStart, EverythingAnswersNotStartedWithoutALock)
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_global_update(0));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_losses(&losses));
     EXPECT_EQ(2u, losses.inotify_overflow); /* untouched */
+    EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_status(&status));
+    EXPECT_EQ(sizeof status, status.size);
     EXPECT_EQ(0, testlib::mutex_lock_calls());
 }
 
@@ -305,6 +313,43 @@ TEST_F(Export, LossesAreTheBackendsCounters)
     EXPECT_EQ(0x100000002u, losses.inotify_overflow);
     EXPECT_EQ(3u, losses.fanotify_overflow);
     fmlnx.unknown_wd_count = fmlnx.ino_overflow = fmlnx.fan_overflow = 0;
+}
+
+TEST_F(Export, StatusGathersAllCounters)
+{
+    fmlnx.unknown_wd_count = 1;
+    fmlnx.ino_overflow = 2;
+    fmlnx.fan_overflow = 3;
+    fmon.lost.path = 4;
+    fmon.released = 5;
+    strcpy(fmon.lost_path, "/a/b");
+    struct fmon_status status = {};
+    status.size = sizeof status + 100; /* a caller of a later version */
+    EXPECT_EQ(0, _orx_fmon_status(&status));
+    EXPECT_EQ(sizeof status, status.size);
+    EXPECT_EQ(0u, status.hardened);
+    EXPECT_EQ(1u, status.lost.unknown_wd);
+    EXPECT_EQ(2u, status.lost.inotify);
+    EXPECT_EQ(3u, status.lost.fanotify);
+    EXPECT_EQ(4u, status.lost.path);
+    EXPECT_EQ(5u, status.released);
+    EXPECT_STREQ("/a/b", status.lost_path);
+    fmlnx.unknown_wd_count = fmlnx.ino_overflow = fmlnx.fan_overflow = 0;
+}
+
+TEST_F(Export, StatusFillsNoMoreThanItsCallerKnows)
+{
+    fmlnx.ino_overflow = 2;
+    struct fmon_status status;
+    memset(&status, 0x5a, sizeof status);
+    status.size = offsetof(struct fmon_status, lost.fanotify);
+    EXPECT_EQ(0, _orx_fmon_status(&status));
+    EXPECT_EQ(offsetof(struct fmon_status, lost.fanotify), status.size);
+    EXPECT_EQ(2u, status.lost.inotify);
+    EXPECT_EQ(0x5a5a5a5a5a5a5a5au, status.lost.fanotify);
+    status.size = 7;
+    EXPECT_EQ(FMON_EINVAL, _orx_fmon_status(&status));
+    fmlnx.ino_overflow = 0;
 }
 
 TEST_F(Export, ADumpIsTheCores)

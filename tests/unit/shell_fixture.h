@@ -66,6 +66,7 @@ protected:
         fmon_shell.rate_limit = 10;
         fmon_shell.rate_interval = 200;
         fmon_shell.rate_log = 0;
+        fmon_shell.hardened = 0;
         fmon_shell.lock = nullptr;
         fmon_shell.row_count = 0;
         memset(fmon_shell.rows, 0, sizeof fmon_shell.rows);

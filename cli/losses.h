@@ -1,0 +1,36 @@
+/*
+ * losses.h: what was missed, from the monitor's counters.
+ */
+#ifndef CLI_LOSSES_H
+#define CLI_LOSSES_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "orx_fmon.h"
+
+namespace cli
+{
+
+/* What one counter grew by. */
+struct Loss {
+    const char *source; /* as the loss record names it */
+    uint64_t count;
+    std::string path; /* what it was about; empty: not known */
+    std::string text; /* one line for a person: what was missed, and what to do about it */
+};
+
+/* Compares each look at the counters with the one before. */
+class Losses
+{
+public:
+    std::vector<Loss> since_last(const struct fmon_status &now);
+
+private:
+    struct fmon_loss_counts seen_ = {};
+};
+
+}  // namespace cli
+
+#endif
