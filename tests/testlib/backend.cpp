@@ -93,6 +93,7 @@ uint64_t PaperFanotify::mask_of(int fd, const std::string &path) const
 
 LinuxMonitor::LinuxMonitor(int max_events, int max_dentries)
 {
+    fmon.hardened = hardened();
     result = fmon_init(max_events, max_dentries, 1000);
     id = result == 0 ? fmon_create_instance("first") : -1;
     id2 = result == 0 ? fmon_create_instance("second") : -1;

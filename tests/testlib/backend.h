@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "fmon.h"
+#include "testlib/hardened.h"
 #include "testlib/records.h"
 
 namespace testlib
@@ -48,7 +49,8 @@ public:
     uint64_t mask_of(int fd, const std::string &path) const; /* what is marked now */
 };
 
-/* A started monitor on the real backend; stopped, with its instances destroyed, at the end. */
+/* A started monitor on the real backend, hardened where the program is run so; stopped, with its instances destroyed,
+ * at the end. */
 class LinuxMonitor
 {
 public:

@@ -8,6 +8,7 @@
 #include <mutex>
 
 #include "list.h"
+#include "testlib/hardened.h"
 
 namespace testlib
 {
@@ -182,6 +183,7 @@ void FakeBackend::drop_optional()
 Monitor::Monitor(int max_events, int max_dentries, int tbd_interval)
 {
     memcpy(&pristine, &fmon, sizeof fmon);
+    fmon.hardened = hardened();
     EXPECT_EQ(fmon_init(max_events, max_dentries, tbd_interval), 0);
 }
 

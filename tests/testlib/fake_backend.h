@@ -42,7 +42,8 @@ private:
     struct fmon_method_t saved_;
 };
 
-/* A started monitor over a FakeBackend; stopped, with its instances destroyed, at the end. */
+/* A started monitor over a FakeBackend, hardened where the program is run so; stopped, with its instances destroyed, at
+ * the end. */
 class Monitor
 {
 public:
