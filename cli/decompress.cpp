@@ -19,9 +19,10 @@ namespace
 
 using namespace std::string_view_literals;
 
-constexpr size_t kChunk = size_t{4} << 20;
+constexpr size_t kFirstChunk = size_t{32} << 10, kChunk = size_t{4} << 20; /* room made a time: doubled up to kChunk */
 constexpr uint64_t kDecoderMemory = uint64_t{256} << 20; /* a dictionary's size is the image's own word */
 constexpr size_t kLz4Block = size_t{8} << 20;            /* of the format that kernels use, before compression */
+constexpr size_t kLz4Ratio = 255;                        /* a byte of a block stands for no more */
 
 constexpr std::string_view kGzip = "\x1f\x8b"sv,
                            kXz =
@@ -53,9 +54,10 @@ template <typename Body>
 Unpacked pump(std::string_view packed, size_t limit, std::string &out, Body step)
 {
     Cursor at = {packed.data(), packed.size(), nullptr, 0};
-    size_t made = 0;
+    size_t made = 0, chunk = kFirstChunk;
     while (made <= limit) {
-        const size_t room = std::min(kChunk, limit + 1 - made), in_before = at.in_left;
+        const size_t room = std::min(chunk, limit + 1 - made), in_before = at.in_left;
+        chunk = std::min(chunk * 2, kChunk);
         out.resize(made + room);
         at.out = out.data() + made;
         at.out_left = room;
@@ -182,9 +184,10 @@ Unpacked from_lz4(std::string_view packed, size_t limit, std::string &out)
         packed.remove_prefix(sizeof(uint32_t));
         if (length > packed.size())
             return Unpacked::kBroken;
-        out.resize(made + kLz4Block);
-        const int n = LZ4_decompress_safe(packed.data(), out.data() + made, static_cast<int>(length),
-                                          static_cast<int>(kLz4Block));
+        const size_t room = length < kLz4Block / kLz4Ratio ? length * kLz4Ratio : kLz4Block;
+        out.resize(made + room);
+        const int n =
+            LZ4_decompress_safe(packed.data(), out.data() + made, static_cast<int>(length), static_cast<int>(room));
         if (n < 0)
             return Unpacked::kBroken;
         made += static_cast<size_t>(n);

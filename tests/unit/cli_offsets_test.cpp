@@ -272,6 +272,17 @@ TEST(CliOffsets, more_comes_out_than_may)
               Unpacked::kTooLong);
 }
 
+// Room is made as it is needed: most files that are looked at are no kernels, or broken ones.
+TEST(CliOffsets, little_takes_little_room)
+{
+    for (const Compressor &compressor : kCompressors) {
+        std::string out;
+        ASSERT_EQ(decompress(compressor.run("little"), kMaxKernelImage, out), Unpacked::kDone) << compressor.name;
+        EXPECT_EQ(out, "little");
+        EXPECT_LE(out.capacity(), size_t{64} << 10) << compressor.name;
+    }
+}
+
 TEST(CliOffsets, cut_off_anywhere)
 {
     const std::string kernel = make_elf(make_btf());
