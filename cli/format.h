@@ -42,9 +42,9 @@ public:
     virtual void begin(std::string &) {} /* a heading */
     virtual void event(const Event &event, std::string &out) = 0;
 
-    /* Records beside events. Only JSON has a form for them: the others append nothing. */
+    /* Records beside events. A form that has none for one of them appends nothing. */
     virtual void established(uint64_t, const Established &, std::string & /*out*/) {}
-    /* `path`: what was missed there; empty: not known. */
+    /* `path`: what was missed there; empty: not known. In JSON, text and CSV. */
     virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string_view /*path*/,
                       std::string & /*out*/)
     {
@@ -52,6 +52,12 @@ public:
     virtual void appeared(uint64_t, std::string_view /*path*/, std::string & /*out*/) {}
     virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
 };
+
+/* What text and CSV say of a loss: "inotify: 3". */
+inline std::string loss_text(std::string_view source, uint64_t count)
+{
+    return std::string(source) + ": " + std::to_string(count);
+}
 
 std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
 std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);

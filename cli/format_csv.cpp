@@ -38,6 +38,18 @@ public:
         out.push_back(end_);
     }
 
+    // The columns of an event that nobody caused: what was missed stands where the process would.
+    void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string_view path,
+              std::string &out) override
+    {
+        time_.append(time_ns, out);
+        out.append(",loss,");
+        append_field(path, out);
+        out.append(",0,");
+        append_field(loss_text(source, count), out);
+        out.push_back(end_);
+    }
+
 private:
     void append_field(std::string_view bytes, std::string &out) const
     {

@@ -44,13 +44,25 @@ public:
 
     void event(const Event &event, std::string &out) override
     {
-        colour("\033[2m", out);
-        time_.append(event.time_ns, out);
-        colour("\033[0m", out);
-        out.push_back(' ');
-        append_kinds(event.mask, out);
-        out.push_back(' ');
+        append_time(event.time_ns, out);
+        append_kinds(
+            event_colour(event.mask), [&] { append_events(event.mask, ",", out); }, out);
         append_path(event, out);
+        out.push_back(end_);
+    }
+
+    // What was missed stands where the process would, and alone where the path is not known.
+    void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string_view path,
+              std::string &out) override
+    {
+        append_time(time_ns, out);
+        append_kinds(
+            "\033[31m", [&] { out.append("loss"); }, out);
+        if (!path.empty()) {
+            append_escaped(path, out);
+            out.append("  ");
+        }
+        append_escaped(loss_text(source, count), out);
         out.push_back(end_);
     }
 
@@ -61,15 +73,24 @@ private:
             out.append(sequence);
     }
 
-    void append_kinds(uint32_t mask, std::string &out) const
+    void append_time(uint64_t time_ns, std::string &out)
     {
-        colour(event_colour(mask), out);
+        colour("\033[2m", out);
+        time_.append(time_ns, out);
+        colour("\033[0m", out);
+        out.push_back(' ');
+    }
+
+    template <typename Kinds>
+    void append_kinds(const char *sequence, Kinds append, std::string &out) const
+    {
+        colour(sequence, out);
         const size_t start = out.size();
-        append_events(mask, ",", out);
+        append();
         const size_t width = out.size() - start;
         colour("\033[0m", out);
-        if (width < kEventsWidth)
-            out.append(kEventsWidth - width, ' ');
+        out.append(width < kEventsWidth ? kEventsWidth - width : 0, ' ');
+        out.push_back(' ');
     }
 
     void append_path(const Event &event, std::string &out)

@@ -63,7 +63,7 @@ std::string counted(uint64_t number, const std::string &what)
         return text;
     if (text.back() == 'y')
         return text.replace(text.size() - 1, 1, "ies");
-    return text + (text.back() == 'h' ? "es" : "s");
+    return text + (text.ends_with("ch") ? "es" : "s");
 }
 
 }  // namespace cli

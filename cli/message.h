@@ -25,7 +25,7 @@ bool stderr_is_terminal();
 void detach_stderr();
 
 std::string with_commas(uint64_t number);                      /* 1234567 -> 1,234,567 */
-std::string counted(uint64_t number, const std::string &what); /* "1 directory", "2 directories", "0 events" */
+std::string counted(uint64_t number, const std::string &what); /* "1 directory", "2 directories", "0 watches" */
 
 }  // namespace cli
 

@@ -220,6 +220,7 @@ TEST(CliDiagnose, numbers)
     EXPECT_EQ(counted(1, "directory"), "1 directory");
     EXPECT_EQ(counted(0, "directory"), "0 directories");
     EXPECT_EQ(counted(2, "watch"), "2 watches");
+    EXPECT_EQ(counted(2, "path"), "2 paths");
     EXPECT_EQ(counted(5, "event"), "5 events");
 }
 

@@ -22,6 +22,13 @@ std::string line_of(Formatter &formatter, const Event &event)
     return out;
 }
 
+std::string loss_of(Formatter &formatter, std::string_view path)
+{
+    std::string out;
+    formatter.loss(kTime, "inotify", 1234, path, out);
+    return out;
+}
+
 FormatStyle plain()
 {
     FormatStyle style;
@@ -191,6 +198,18 @@ TEST(CliText, columns_are_aligned)
     EXPECT_EQ(line_of(*formatter, event_of("/a", FMON_CREATE)), "12:34:56.789 create                   /a\n");
 }
 
+TEST(CliText, a_loss_is_a_line)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    FormatStyle style = plain();
+    EXPECT_EQ(loss_of(*make_text_formatter(style), ""), "12:34:56.789 loss                     inotify: 1234\n");
+    EXPECT_EQ(loss_of(*make_text_formatter(style), "/a\n"),
+              "12:34:56.789 loss                     /a\\n  inotify: 1234\n");
+    style.colours = true;
+    EXPECT_NE(loss_of(*make_text_formatter(style), "").find("\033[31mloss\033[0m"), std::string::npos);
+}
+
 TEST(CliText, a_name_cannot_forge_a_line)
 {
     const auto formatter = make_text_formatter(plain());
@@ -221,6 +240,17 @@ TEST(CliCsv, heading_and_quoting)
     EXPECT_EQ(line_of(*formatter, event_of("/x \"y\"\nz", FMON_MODIFY | FMON_CLOSE_WRITE, 4, &odd)),
               "2024-02-29T12:34:56.789012345Z,\"modify,close_write\",\"/x \"\"y\"\"\nz\",4,\"a,b\"\n");
     EXPECT_EQ(line_of(*formatter, event_of("/x", FMON_CREATE)), "2024-02-29T12:34:56.789012345Z,create,/x,0,\n");
+}
+
+TEST(CliCsv, a_loss_is_a_row)
+{
+    FormatStyle style = plain();
+    EXPECT_EQ(loss_of(*make_csv_formatter(style), ""), "2024-02-29T12:34:56.789012345Z,loss,,0,inotify: 1234\n");
+    EXPECT_EQ(loss_of(*make_csv_formatter(style), "/a,\n"),
+              "2024-02-29T12:34:56.789012345Z,loss,\"/a,\n\",0,inotify: 1234\n");
+    style.terminal = true;
+    EXPECT_EQ(loss_of(*make_csv_formatter(style), "/a,\n"),
+              "2024-02-29T12:34:56.789012345Z,loss,\"/a,\\n\",0,inotify: 1234\n");
 }
 
 TEST(CliTemplate, every_letter_and_escape)
