@@ -32,6 +32,7 @@ struct dentry {
         char *ptr;                   /* else an allocated copy, terminated */
     } name;
     uint16_t len;
+    uint16_t owner_bits;   /* the users', too */
     struct dentry *parent; /* null: the root */
     hlink hash;
     list_head sibling, children;

@@ -59,6 +59,13 @@ struct dentry_owner {
     list_head watches; /* of struct watch, through link */
     uint64_t ino;      /* inode number at the time of the watch */
     int32_t wd;        /* inotify watch descriptor, -1: none */
+    uint32_t dev;      /* with `ino`, while the dentry is in the index of inodes: in the kernel's form */
+};
+
+/* A dentry's owner_bits. */
+enum {
+    DENTRY_FAN_MARK = 0x1, /* carries a fanotify mark of its own */
+    DENTRY_INDEXED = 0x2   /* is in the index of inodes (linux/inode_index.h) */
 };
 
 struct fmon {
