@@ -74,6 +74,8 @@ extern "C" {
 
 WRAP(nullptr, void *, malloc, (size_t size), (size))
 WRAP(-1, ssize_t, read, (int fd, void *buf, size_t size), (fd, buf, size))
+/* What read is called where the compiler knows the buffer's size. */
+WRAP_AS(-1, ssize_t, read, __read_chk, (int fd, void *buf, size_t size, size_t room), (fd, buf, size, room))
 WRAP(-1, int, eventfd, (unsigned value, int flags), (value, flags))
 WRAP(-1, int, epoll_create1, (int flags), (flags))
 WRAP(-1, int, epoll_ctl, (int fd, int op, int target, struct epoll_event *event), (fd, op, target, event))
@@ -141,6 +143,13 @@ WRAP_STAT(stat64, stat64)
     }
 WRAP_OPEN(open)
 WRAP_OPEN(open64)
+
+/* What an open is called whose flags the compiler does not know. */
+#define WRAP_OPEN_2(name, plain)          \
+    int __wrap_##name(const char *, int); \
+    int __wrap_##name(const char *path, int flags) { return __wrap_##plain(path, flags); }
+WRAP_OPEN_2(__open_2, open)
+WRAP_OPEN_2(__open64_2, open64)
 
 ssize_t __real_write(int fd, const void *bytes, size_t size);
 ssize_t __wrap_write(int fd, const void *bytes, size_t size);
