@@ -1,10 +1,12 @@
 /*
  * The walk on disk. It keeps one open stream per level, each at its read position, so that a tree is read in one pass
  * and costs a descriptor and a small block per level. The path of a directory is built anew when it is opened: the
- * tree may have moved meanwhile, and then the open fails and the subtree is skipped.
+ * tree may have moved meanwhile, and then the open fails, or gives another directory than the entry that was read, and
+ * the subtree is skipped.
  */
 #include "linux/dcache_iterate.h"
 
+#include <fcntl.h>
 #include <sys/stat.h>
 
 #include <cerrno>
@@ -26,6 +28,22 @@ struct saved_frame {
     struct dcache_iterate_frame frame;
 };
 
+/* Whether the stream that `path` gave is that of the pending entry. A link, or another directory that has the name or
+ * is on the way by now, would lead the walk out of the tree. The entry is looked up where it was read, below a
+ * directory that was looked at in the same way; the start by its path, unless that is the host's, seen from a
+ * container. */
+bool is_pending_entry(const struct dcache_iterate *it, const char *path, DIR *dir)
+{
+    const bool start = !it->cur.dir;
+    if (start && g_container_flag)
+        return true;
+    struct stat entry, opened;
+    const int parent = start ? AT_FDCWD : dirfd(it->cur.dir);
+    const char *name = start ? path : dentry_name(it->pending.d);
+    return fstat(dirfd(dir), &opened) == 0 && fstatat(parent, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 &&
+           entry.st_dev == opened.st_dev && entry.st_ino == opened.st_ino;
+}
+
 /* Makes the pending directory the current one. On failure the current one stays, and the pending one is as it was. */
 int open_level(struct dcache_iterate *it)
 {
@@ -38,6 +56,11 @@ int open_level(struct dcache_iterate *it)
     if (!dir) {
         const int error = errno; /* before the log can change it */
         FMON_LOG(1, kFile, "open dir %s failed: %s\n", path, strerror(error));
+        return -1;
+    }
+    if (!is_pending_entry(it, path, dir)) {
+        FMON_LOG(2, kFile, "%s is another directory now, skipped\n", path);
+        closedir(dir);
         return -1;
     }
     it->cur = it->pending; /* dentry, depth and block */

@@ -16,7 +16,8 @@
     X(fgets) X(open) X(fcntl) \
     X(access) X(write) X(mmap) X(ioctl) X(perf_event_open) X(eventfd) X(epoll_create1) X(epoll_ctl) \
     X(pthread_create) X(inotify_init1) \
-    X(openat) X(openat2) X(pidfd_open) X(readlinkat) X(fdopendir) X(dup)
+    X(openat) X(openat2) X(pidfd_open) X(readlinkat) X(fdopendir) X(dup) \
+    X(fstatat) X(open_by_handle_at)
 /* clang-format on */
 
 namespace testlib

@@ -131,6 +131,9 @@ WRAP(-1, int, statx, (int fd, const char *path, int flags, unsigned mask, struct
 WRAP_AS(-1, int, stat, stat64, (const char *path, struct stat64 *st), (path, st))
 WRAP_AS(-1, int, lstat, lstat64, (const char *path, struct stat64 *st), (path, st))
 WRAP_AS(-1, int, fstat, fstat64, (int fd, struct stat64 *st), (fd, st))
+WRAP(-1, int, fstatat, (int fd, const char *path, struct stat *st, int flags), (fd, path, st, flags))
+WRAP_AS(-1, int, fstatat, fstatat64, (int fd, const char *path, struct stat64 *st, int flags), (fd, path, st, flags))
+WRAP(-1, int, open_by_handle_at, (int fd, struct file_handle *handle, int flags), (fd, handle, flags))
 WRAP(nullptr, DIR *, opendir, (const char *path), (redirected(path)))
 WRAP(nullptr, FILE *, fopen, (const char *path, const char *mode), (redirected(path), mode))
 WRAP_AS(nullptr, FILE *, fopen, fopen64, (const char *path, const char *mode), (redirected(path), mode))
@@ -202,6 +205,21 @@ int __wrap_closedir(DIR *dir)
     }
 WRAP_OPEN(open)
 WRAP_OPEN(open64)
+
+/* The module never makes files, so that there is no mode. */
+#define WRAP_OPENAT(name)                                   \
+    int __real_##name(int fd, const char *path, int flags); \
+    int __wrap_##name(int fd, const char *path, int flags); \
+    int __wrap_##name(int fd, const char *path, int flags)  \
+    {                                                       \
+        if (int err = injected_error(Call::openat)) {       \
+            errno = err;                                    \
+            return -1;                                      \
+        }                                                   \
+        return __real_##name(fd, path, flags);              \
+    }
+WRAP_OPENAT(openat)
+WRAP_OPENAT(openat64)
 
 /* Like the C library's own fcntl: one word, taken whether the command has an argument or not. */
 #define WRAP_FCNTL(name)                             \
