@@ -72,6 +72,22 @@ void translate_path(struct raw_event *raw, const char *mount_id)
         raw->walk = raw->walk_buffer;
 }
 
+/* There is no path: it is too long, of which the longest beginning that can be built is kept, or memory is short. */
+void count_pathless(struct fmon *monitor, struct dentry *d, const char *name)
+{
+    if (!d || _dentry_path(d, name)) {
+        monitor->lost.memory++;
+        return;
+    }
+    const char *path = dentry_path_null(d);
+    const bool complete = path;
+    for (; !path; d = d->parent)
+        path = dentry_path_null(d->parent);
+    char text[sizeof monitor->lost_path];
+    orx_str_snprintf(text, sizeof text, "%s/%s", path, complete && name ? name : "");
+    fmon_lost_path(monitor, text);
+}
+
 /* A record for the event, in no table; takes the path. Null: out of memory, the path is still the caller's. */
 struct event_record *new_record(const struct raw_event *raw)
 {
@@ -160,8 +176,10 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
 {
     struct raw_event raw;
     raw.path = d ? dentry_sub_path_dup(d, name) : copy_text(name);
-    if (!raw.path)
+    if (!raw.path) {
+        count_pathless(monitor, d, name);
         return FMON_ENOMEM;
+    }
     raw.mask = mask;
     raw.pid = pid;
     raw.source_fd = source_fd;
@@ -178,6 +196,7 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
     }
     struct event_record *record = new_record(&raw);
     if (!record) {
+        monitor->lost.memory++;
         free(raw.path);
         return FMON_ENOMEM;
     }

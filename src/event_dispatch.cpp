@@ -46,15 +46,17 @@ Verdict match(const struct watch *w, const struct event *ev)
     return (wanted & (FMON_ACCESS | FMON_MODIFY)) ? Verdict::hold : Verdict::no_match;
 }
 
-/* Null, with a log line: out of memory. */
-struct event_entry *new_entry(struct event *ev)
+/* Null, with a log line and counted: out of memory. */
+struct event_entry *new_entry(struct fmon *monitor, struct event *ev)
 {
     auto *entry = static_cast<struct event_entry *>(malloc(sizeof(struct event_entry)));
-    if (entry)
+    if (entry) {
         entry->ev = ev;
-    else
-        FMON_LOG(1, kFile, "event1 malloc fail\n");
-    return entry;
+        return entry;
+    }
+    monitor->lost.memory++;
+    FMON_LOG(1, kFile, "event1 malloc fail\n");
+    return nullptr;
 }
 
 void queue_entry(struct fmon *monitor, struct event_entry *entry, int id)
@@ -80,7 +82,7 @@ void offer_to_watch(struct fmon *monitor, struct event *ev, const struct watch *
         return;
     }
     ev->pending &= ~bit;
-    struct event_entry *entry = new_entry(ev);
+    struct event_entry *entry = new_entry(monitor, ev);
     if (!entry)
         return;
     FMON_LOG(4, kFile, "instance %d prefer this event\n", w->instance);
@@ -137,7 +139,7 @@ void event_dispatch_global(struct fmon *monitor, struct event *ev)
         ev->pending &= ~instance_bit(id);
         if (!(monitor->instances[id].global_mask & ev->mask))
             continue;
-        struct event_entry *entry = new_entry(ev);
+        struct event_entry *entry = new_entry(monitor, ev);
         if (!entry)
             return; /* memory is short: unlike the offer to watches, the rest is not tried */
         queue_entry(monitor, entry, id);

@@ -160,6 +160,14 @@ void fmon_deinit(void)
     fmon.inited = 0;
 }
 
+void fmon_lost_path(struct fmon *monitor, const char *path)
+{
+    monitor->lost.path++;
+    const size_t length = strnlen(path, sizeof monitor->lost_path - 1);
+    memmove(monitor->lost_path, path, length);
+    monitor->lost_path[length] = '\0';
+}
+
 int fmon_create_instance(const char *name)
 {
     if (!fmon.inited)

@@ -34,6 +34,13 @@ int mark(int fd, unsigned operation, uint64_t mask, int dirfd, const char *path)
     return fanotify_mark_ptr(fd, operation, mask, dirfd, path);
 }
 
+/* The kernel opens each event's file for the monitor while the monitor reads. Without O_NONBLOCK a reader waits until
+ * the file's owner gives up a lease on it, or until somebody writes into a FIFO. */
+unsigned event_descriptor_flags()
+{
+    return fmon.hardened ? unsigned{O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_LARGEFILE} : 0;
+}
+
 }  // namespace
 
 int init_fanotify(void)
@@ -45,7 +52,11 @@ int init_fanotify(void)
         return FMON_LINUX_ENOFAN;
 
     /* Notification class, read-only event descriptors. */
-    int fd = descriptor_settle(fanotify_init_ptr(0, 0));
+    int fd = descriptor_settle(fanotify_init_ptr(0, event_descriptor_flags()));
+    /* The kernel says nothing of a record whose file has gone stale on its server: after the last one a reader would
+     * wait for the next event, with the monitor lock held. */
+    if (fmon.hardened && fd >= 0)
+        fcntl(fd, F_SETFL, O_NONBLOCK);
     return fd < 0 ? FMON_LINUX_EFANINIT : fd;
 }
 

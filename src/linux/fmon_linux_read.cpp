@@ -2,6 +2,7 @@
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -121,19 +122,38 @@ bool looks_removed(const char *path, size_t length)
     return length >= kLength && memcmp(path + length - kLength, kMark, kLength) == 0;
 }
 
-/* Puts the path of the event's file into fanotify_path; false when it has none (any more). */
-bool fanotify_event_path(int fd)
+enum class EventPath { whole, cut, none };
+
+/* Puts the path of the event's file into fanotify_path. None: it has none (any more). */
+EventPath fanotify_event_path(int fd)
 {
     char link[sizeof("/proc/self/fd/-2147483648")];
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
     if (fd < 0 || !has_links(fd))
-        return false;
+        return EventPath::none;
     ssize_t length = readlink(link, fanotify_path, sizeof(fanotify_path) - 1);
     if (length < 0)
-        return false;
+        return EventPath::none;
     fanotify_path[length] = '\0';
+    if (length == sizeof(fanotify_path) - 1)
+        return EventPath::cut;
     /* The last link may have gone since it was looked for. */
-    return !looks_removed(fanotify_path, static_cast<size_t>(length)) || has_links(fd);
+    if (looks_removed(fanotify_path, static_cast<size_t>(length)) && !has_links(fd))
+        return EventPath::none;
+    return EventPath::whole;
+}
+
+/* Whether the event's path can be told; it is then in fanotify_path. */
+bool find_path(struct fmon *monitor, const struct raw_fanotify *record)
+{
+    const EventPath found = fanotify_event_path(record->fd);
+    if (found == EventPath::none)
+        FMON_LOG(4, kFile, "read link failed, fd %d\n", record->fd);
+    if (found != EventPath::cut)
+        return found == EventPath::whole;
+    fmon_lost_path(monitor, fanotify_path);
+    /* The beginning of a path is the path of something else. Established: it is told. */
+    return !monitor->hardened;
 }
 
 void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *record, int fd, fmon_event_cb callback)
@@ -142,11 +162,11 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
         FMON_LOG(2, kFile, "fanotify overflow detected\n");
         fmlnx.fan_overflow++;
         fmlnx.read_status |= READ_FANOTIFY_OVERFLOW;
+    } else if (record->fd < 0) {
+        monitor->lost.unopened++;
     }
-    if (!fanotify_event_path(record->fd)) {
-        FMON_LOG(4, kFile, "read link failed, fd %d\n", record->fd);
+    if (!find_path(monitor, record))
         return;
-    }
     uint32_t kinds = static_cast<uint32_t>(record->mask) & FMON_ALL_EVENTS;
     if (kinds == 0)
         return;
@@ -156,10 +176,26 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
     callback(monitor, nullptr, fanotify_path, kinds, static_cast<uint32_t>(record->pid), fd, mount_id);
 }
 
+/* Reads records. The kernel takes a record off its queue before it opens the file, and ends the read where that fails:
+ * with the error when the record is the first, else with what it had before and without a word. That is seen by there
+ * having been more, and counted. */
+ssize_t read_records(struct fmon *monitor, int fd)
+{
+    int waiting = 0; /* bytes */
+    if (ioctl(fd, FIONREAD, &waiting) < 0)
+        waiting = 0;
+    const ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
+    constexpr ssize_t room = ssize_t{FMON_LINUX_READ_BUFFER} - FANOTIFY_HEADER; /* what may be full before a record no longer fits */
+    const bool interrupted = got < 0 && errno == EINTR;
+    if (got < waiting && got <= room && !interrupted)
+        monitor->lost.unopened++;
+    return got;
+}
+
 /* Returns the records looked at. */
 int read_fanotify(struct fmon *monitor, int fd, fmon_event_cb callback)
 {
-    ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
+    ssize_t got = read_records(monitor, fd);
     if (got <= 0) {
         FMON_LOG(1, kFile, "read fanotify failed: %s\n", strerror(errno));
         return 0;

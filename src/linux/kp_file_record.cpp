@@ -127,15 +127,20 @@ int transform_to_fmon_event(void *raw, uint32_t event_bit, uint32_t pid)
     struct file_record *record = static_cast<struct file_record *>(raw);
     FMON_LOG(4, kFile, "filename:%s, mnt_id:%d\n", leaf_copy(record).text, static_cast<int>(record->mount_id));
     const int root = find_root(record);
-    if (root < 0)
+    if (root < 0) {
+        fmon_lost_path(&fmon, "");
         return -1;
+    }
     /* A pattern stands for the rest of a name that was cut off. */
     if (cut_off(record->leaf))
         record->leaf[sizeof(record->leaf) - 2] = '*';
     path_text path;
     begin_path(record, &path);
-    if (append_directories(record, root, &path) < 0 || append_leaf(record, &path) < 0)
+    if (append_directories(record, root, &path) < 0 || append_leaf(record, &path) < 0) {
+        path.text[path.length < path_text::kMax ? path.length : path_text::kMax] = '\0';
+        fmon_lost_path(&fmon, path.text);
         return -1;
+    }
     event_process(&fmon, nullptr, path.text, event_bit, pid, 0, nullptr);
     return 0;
 }

@@ -8,9 +8,11 @@
 #include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstring>
 #include <fstream>
 
@@ -367,6 +369,34 @@ TEST_F(Fanotify, AnUnlinkedFilesRecordTellsByItsLinkCount)
     EXPECT_EQ(fstat(event.fd, &st), 0);
     EXPECT_EQ(st.st_nlink, 0U);
     close(event.fd);
+}
+
+/* A record is off the queue before its file is opened: one that cannot be opened ends the read, without a word where
+ * others came before it. The queue's length tells. */
+TEST_F(Fanotify, ReadsEndAtAFileThatCannotBeOpened)
+{
+    TearDown();
+    fd_ = fanotify_init(FAN_CLOEXEC, O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_LARGEFILE);
+    for (const char *name : {"a", "b", "c"})
+        make_file(tree_.path(name));
+    mark_dir(tree_.root(), FAN_MODIFY);
+    append_file(tree_.path("a"));
+    const int leased = open(tree_.path("b").c_str(), O_RDWR | O_CLOEXEC);
+    ASSERT_EQ(fcntl(leased, F_SETLEASE, F_WRLCK), 0);
+    signal(SIGIO, SIG_IGN);
+    EXPECT_EQ(write(leased, "x", 1), 1);
+    append_file(tree_.path("c"));
+    int waiting = 0;
+    EXPECT_EQ(ioctl(fd_, FIONREAD, &waiting), 0);
+    EXPECT_EQ(waiting, 3 * 24);
+    EXPECT_EQ(events(), (Events{{tree_.path("a"), FAN_MODIFY}}));
+    EXPECT_EQ(events(), (Events{{tree_.path("c"), FAN_MODIFY}}));
+    EXPECT_EQ(write(leased, "x", 1), 1);
+    char buffer[24];
+    EXPECT_EQ(read(fd_, buffer, sizeof buffer), -1);
+    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_FALSE(readable(fd_));
+    close(leased);
 }
 
 /* Reading one's own records opens files without being reported: no loop. */

@@ -25,8 +25,9 @@ namespace
 
 PaperFanotify *paper;
 
-int paper_init(unsigned, unsigned)
+int paper_init(unsigned, unsigned event_flags)
 {
+    paper->event_flags = event_flags;
     int error = paper->init_errors[paper->init_calls++ & 1];
     if (error) {
         errno = error;

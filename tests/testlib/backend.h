@@ -42,6 +42,7 @@ public:
     int fail_mark_at = 0;                  /* only the nth (1-based) fails with mark_error; 0: all */
     std::vector<MarkCall> marks;           /* accepted and refused ones */
     int init_calls = 0;
+    unsigned event_flags = ~0U; /* how the latest fanotify_init was told to open events' files */
 
     /* The kernel-probe library: null, it cannot be loaded; else it answers for each of its symbols (null: missing). */
     void *(*probe_symbol)(const char *symbol) = nullptr;

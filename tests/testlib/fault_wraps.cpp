@@ -240,6 +240,21 @@ WRAP_OPENAT(openat64)
 WRAP_FCNTL(fcntl)
 WRAP_FCNTL(fcntl64)
 
+int __real_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...);
+int __wrap_ioctl(int fd, unsigned long request, ...)
+{
+    va_list list;
+    va_start(list, request);
+    void *arg = va_arg(list, void *);
+    va_end(list);
+    if (int err = injected_error(Call::ioctl)) {
+        errno = err;
+        return -1;
+    }
+    return __real_ioctl(fd, request, arg);
+}
+
 int __real_prctl(int option, ...);
 int __wrap_prctl(int option, ...);
 int __wrap_prctl(int option, ...)

@@ -478,4 +478,31 @@ TEST(EventDump, WorksWithoutATable)
               log_of([&] { event_dump(&monitor); }));
 }
 
+/* ---- losses ---- */
+
+TEST_F(EventTest, EventWithoutMemoryIsCounted)
+{
+    uint64_t lost = 0;
+    fail_each_then(
+        "malloc", [&] { process(dir, "f", kModify, 42); },
+        [&](bool hit) {
+            lost += hit;
+            EXPECT_EQ(lost, fmon.lost.memory);
+            while (fmon_peek_event(id))
+                fmon_drop_event(id);
+        });
+    EXPECT_EQ(2U, lost) << "the path and the delivery";
+    Fault record("calloc");
+    EXPECT_EQ(FMON_ENOMEM, process(dir, "f", kModify, 42));
+    EXPECT_EQ(3U, fmon.lost.memory);
+    EXPECT_EQ(0U, fmon.lost.path);
+}
+
+TEST_F(EventTest, PathlessEventWithoutMemoryIsCounted)
+{
+    Fault fault("malloc");
+    EXPECT_EQ(FMON_ENOMEM, process_path(dir + "/f", kModify));
+    EXPECT_EQ(1U, fmon.lost.memory);
+}
+
 }  // namespace

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -306,25 +307,170 @@ TEST_F(Reading, MissingMountIdStillGivesTheEvent)
     EXPECT_EQ(Strings{f + ":modify"}, m.events());
 }
 
+/* A directory whose path has that many bytes. */
+std::string long_dir(TempTree &tree, size_t length)
+{
+    std::string path = tree.root();
+    while (path.size() + 202 < length)
+        path += "/" + std::string(200, 'd');
+    path += "/" + std::string(length - path.size() - 1, 'e');
+    return tree.dir(path.substr(tree.root().size() + 1));
+}
+
 TEST_F(Reading, LongestPathOfAnEventFile)
 {
-    /* A chain of directories whose full path has 1023 and 1024 bytes. */
-    std::string path = tree.root();
-    while (path.size() + 202 < 1023)
-        path += "/" + std::string(200, 'd');
-    path += "/" + std::string(1023 - path.size() - 1, 'e');
-    ASSERT_EQ(1023U, path.size());
-    std::string below = path.substr(tree.root().size() + 1);
-    int fd = open(tree.file(below).c_str(), O_RDONLY);
-    ASSERT_GE(fd, 0);
-    m.feed(1, fanotify_record(FMON_MODIFY, fd, 1));
-    EXPECT_EQ(1, log_count_containing("fanotify event: " + path + " (modify)"));
-    m.events();
+    const std::string dir = long_dir(tree, 1000), fits = dir + "/" + std::string(21, 'f');
+    ASSERT_EQ(1022U, fits.size());
+    m.feed(1, fanotify_record(FMON_MODIFY, open(tree.file(fits.substr(tree.root().size() + 1)).c_str(), O_RDONLY), 1));
+    EXPECT_EQ(1, log_count_containing("fanotify event: " + fits + " (modify)"));
+    EXPECT_EQ(0U, fmon.lost.path);
+}
 
-    int longer = open(tree.file(below + "f").c_str(), O_RDONLY);
-    ASSERT_GE(longer, 0);
-    m.feed(1, fanotify_record(FMON_MODIFY, longer, 1));
-    EXPECT_EQ(2, log_count_containing("fanotify event: " + path + " (modify)")) << "cut at 1023 bytes";
+/* Established: a path is told as far as 1023 bytes go. The beginning of a path is the path of something else. */
+TEST_F(Reading, TooLongAPathIsCountedAndHardenedNotTold)
+{
+    const std::string dir = long_dir(tree, 1000);
+    uint64_t lost = 0;
+    for (size_t length : {22U, 23U, 200U}) {
+        const std::string path = dir + "/" + std::string(length, 'f');
+        m.feed(1,
+               fanotify_record(FMON_MODIFY, open(tree.file(path.substr(tree.root().size() + 1)).c_str(), O_RDONLY), 1));
+        const std::string cut = path.substr(0, 1023);
+        EXPECT_EQ(hardened() ? 0 : 1, log_count_containing("fanotify event: " + cut + " (modify)")) << length;
+        EXPECT_EQ(++lost, fmon.lost.path);
+        EXPECT_EQ(cut, fmon.lost_path);
+        log_clear();
+    }
+}
+
+TEST_F(Reading, TooLongAPathOfAWatchedDirectoryIsCounted)
+{
+    const std::string dir = long_dir(tree, 1000), name(100, 'n');
+    ASSERT_EQ(0, m.add(dir, FMON_CREATE, FMON_DIR));
+    m.feed(0, inotify_record(wd_of(dir), IN_CREATE, name));
+    EXPECT_TRUE(m.events().empty());
+    EXPECT_EQ(1U, fmon.lost.path);
+    EXPECT_EQ((dir + "/" + name).substr(0, 1023), fmon.lost_path);
+    EXPECT_EQ(0U, fmon.lost.memory);
+}
+
+/* A directory that was moved there may itself be too deep: the nearest one above that has a path is told. */
+TEST_F(Reading, PathOfADirectoryThatIsItselfTooDeep)
+{
+    const std::string dir = long_dir(tree, 1000);
+    struct dentry *parent = dcache_add(&fmon.dcache, dir.c_str());
+    struct dentry *deep = dcache_add_sub(&fmon.dcache, parent, std::string(100, 'd').c_str());
+    ASSERT_NE(nullptr, deep);
+    EXPECT_EQ(FMON_ENOMEM, event_process(&fmon, deep, "name", FMON_CREATE, 0, 5, nullptr));
+    EXPECT_EQ(FMON_ENOMEM, event_process(&fmon, deep, nullptr, FMON_CREATE, 0, 5, nullptr));
+    EXPECT_EQ(2U, fmon.lost.path);
+    EXPECT_EQ(dir + "/", fmon.lost_path);
+    dcache_del(&fmon.dcache, deep);
+}
+
+/* ---- events whose file could not be opened ---- */
+
+/* As a fanotify descriptor: a read gives what one put gave, whatever else waits. */
+class Packets
+{
+public:
+    Packets() { EXPECT_EQ(0, socketpair(AF_UNIX, SOCK_SEQPACKET | SOCK_CLOEXEC, 0, ends_)); }
+    ~Packets()
+    {
+        close(ends_[0]);
+        close(ends_[1]);
+    }
+    void put(const std::string &bytes)
+    {
+        EXPECT_EQ(static_cast<ssize_t>(bytes.size()), write(ends_[1], bytes.data(), bytes.size()));
+    }
+    void read_once()
+    {
+        int32_t saved = fmlnx.fds[1];
+        fmlnx.fds[1] = ends_[0];
+        fmlnx.selectable[1] = -1;
+        fmon_linux_read_event2(&fmon, 0, event_process);
+        fmlnx.fds[1] = saved;
+    }
+
+private:
+    int ends_[2];
+};
+
+TEST_F(Reading, DescriptorsOfEventsAreOpenedSoThatNobodyIsWaitedFor)
+{
+    const unsigned patient = O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_LARGEFILE;
+    EXPECT_EQ(hardened() ? patient : 0, m.fanotify.event_flags);
+    for (int fd : fmlnx.fan_fd)
+        EXPECT_EQ(hardened(), (fcntl(fd, F_GETFL) & O_NONBLOCK) != 0);
+    Fault fault("fcntl", 2, EPERM); /* the first is FD_CLOEXEC */
+    const int fd = init_fanotify();
+    EXPECT_GT(fd, 0) << "it is of use all the same";
+    EXPECT_EQ(hardened(), fault.hit());
+    close(fd);
+}
+
+TEST_F(Reading, RecordWithoutADescriptorIsALossUnlessOfAnOverflow)
+{
+    m.feed(1, fanotify_record(FMON_MODIFY, -1, 1));
+    EXPECT_EQ(1U, fmon.lost.unopened);
+    m.feed(1, fanotify_record(0x4000, -1, 0));
+    EXPECT_EQ(1U, fmon.lost.unopened);
+    EXPECT_EQ(1U, fmlnx.fan_overflow);
+}
+
+TEST_F(Reading, ReadThatFailsLostTheFirstRecord)
+{
+    for (int error : {EAGAIN, EMFILE, ENFILE, ETXTBSY, ENXIO}) {
+        Fault fault("read", 1, error);
+        m.feed(1, fanotify_record(FMON_MODIFY, -1, 1));
+        EXPECT_TRUE(fault.hit());
+    }
+    EXPECT_EQ(5U, fmon.lost.unopened);
+    Fault signal("read", 1, EINTR);
+    m.feed(1, fanotify_record(FMON_MODIFY, -1, 1));
+    EXPECT_TRUE(signal.hit());
+    EXPECT_EQ(5U, fmon.lost.unopened) << "a signal takes nothing off the queue";
+}
+
+TEST_F(Reading, ReadThatEndsEarlyLostTheNextRecord)
+{
+    std::string f = tree.file("a/f");
+    Packets queue;
+    queue.put(fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1));
+    queue.put(fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 2));
+    queue.read_once();
+    EXPECT_EQ(1U, fmon.lost.unopened);
+    queue.read_once();
+    EXPECT_EQ(1U, fmon.lost.unopened) << "nothing more waited";
+    EXPECT_EQ(2U, m.events().size());
+}
+
+TEST_F(Reading, ReadThatFillsTheBufferLostNothing)
+{
+    Packets queue;
+    std::string records;
+    for (int i = 0; i < int{FMON_LINUX_READ_BUFFER} / FANOTIFY_HEADER; i++)
+        records += fanotify_record(0x4000, -1, 0);
+    queue.put(records);
+    queue.put(records);
+    queue.read_once();
+    queue.read_once();
+    EXPECT_EQ(0U, fmon.lost.unopened);
+}
+
+TEST_F(Reading, WithoutTheQueuesLengthOnlyFailuresAreCounted)
+{
+    Packets queue;
+    queue.put(fanotify_record(0x4000, -1, 0));
+    queue.put(fanotify_record(0x4000, -1, 0));
+    Fault unknown("ioctl", 1, ENOTTY, 2);
+    queue.read_once();
+    EXPECT_EQ(0U, fmon.lost.unopened);
+    Fault fault("read", 1, EMFILE);
+    queue.read_once();
+    EXPECT_TRUE(unknown.hit() && fault.hit());
+    EXPECT_EQ(1U, fmon.lost.unopened);
 }
 
 }  // namespace

@@ -273,6 +273,24 @@ TEST_F(KpFileRecord, PathsAtTheirLimit)
     EXPECT_EQ(0, log_count(2, "file path over 1024"));
 }
 
+TEST_F(KpFileRecord, WhatHasNoPathIsCounted)
+{
+    const uint64_t before = fmon.lost.path;
+    EXPECT_EQ("", path_of(23, {std::string(32, 'n')}, "f"));
+    EXPECT_EQ(before + 1, fmon.lost.path);
+    EXPECT_STREQ("", fmon.lost_path) << "an ancestor's name is not known";
+    const std::string mount = mount_of_size(700), below = "/" + std::string(31, 'd');
+    EXPECT_EQ("", path_of(30, std::vector<std::string>(10, below.substr(1)), "ff"));
+    EXPECT_EQ(before + 2, fmon.lost.path);
+    EXPECT_EQ(mount + below, std::string(fmon.lost_path).substr(0, mount.size() + below.size()));
+    mount_of_size(1023);
+    EXPECT_EQ("", path_of(30, {"d"}, "f"));
+    EXPECT_EQ(before + 3, fmon.lost.path);
+    EXPECT_EQ(1023u, strlen(fmon.lost_path));
+    EXPECT_EQ("/a/f", path_of(23, {"a"}, "f"));
+    EXPECT_EQ(before + 3, fmon.lost.path);
+}
+
 TEST_F(KpFileRecord, MountDirectoryThatFillsThePath)
 {
     mount_of_size(1021);

@@ -1,0 +1,73 @@
+/*
+ * What `fmon watch` makes of events that others do not want it to read, or not as they are.
+ */
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include "stranger.h"
+
+using namespace systest;
+using testlib::TempTree;
+
+namespace
+{
+
+constexpr char kNeedsStranger[] = "needs root, and a folder of temporary files that others may enter";
+
+/* Reads what is printed until `enough` is satisfied by one of the objects. */
+bool read_until(Watch &watch, const std::function<bool(const Json &)> &enough, int ms = kPatienceMs)
+{
+    const int64_t end = now_ms() + ms;
+    for (int64_t left; (left = end - now_ms()) > 0;) {
+        const std::optional<Json> object = watch.next(static_cast<int>(left));
+        if (!object)
+            return false;
+        if (enough(*object))
+            return true;
+    }
+    return false;
+}
+
+bool is_loss(const Json &object, const std::string &source)
+{
+    return object.value("type", "") == "loss" && object.value("source", "") == source;
+}
+
+/* Each opening of the file would last as long as /proc/sys/fs/lease-break-time says, 45 s as a rule. */
+TEST(Reading, LeasesHoldNothingUpAndAreTold)
+{
+    NEED(testlib::can_fanotify() && can_be_stranger(), kNeedsStranger);
+    TempTree tree;
+    const std::string home = strangers_dir(tree, "home");
+    EXPECT_TRUE(run(as_stranger([&] {
+        for (int i = 0; i < 3; i++)
+            make_file(home + "/leased" + std::to_string(i));
+    })));
+    Watch watch(tree.root(), {"-r", "-e", "modify,close_write,create"});
+    watch.established();
+    Child holder(as_stranger([&] {
+        for (int i = 0; i < 3; i++) {
+            const std::string file = home + "/leased" + std::to_string(i);
+            const int fd = take_lease(file, F_WRLCK);
+            EXPECT_EQ(1, write(fd, "x", 1));
+        }
+    }));
+    const int64_t begin = now_ms();
+    make_file(tree.path("other"));
+    bool other = false, loss = false;
+    EXPECT_TRUE(read_until(watch,
+                           [&](const Json &object) {
+                               other |= object.value("path", "") == tree.path("other") &&
+                                        object.dump().find("close_write") != std::string::npos;
+                               loss |= is_loss(object, "fanotify");
+                               return other && loss;
+                           }))
+        << "other " << other << ", loss " << loss;
+    EXPECT_LT(now_ms() - begin, 10000);
+    const int64_t signalled = now_ms();
+    EXPECT_EQ(0, watch.stop());
+    EXPECT_LT(now_ms() - signalled, 5000);
+}
+
+}  // namespace
