@@ -90,8 +90,8 @@ void read_cmdline(int dir, ProcessInfo &out)
 void read_container(int dir, char *buf, size_t size, ProcessInfo &out)
 {
     const ssize_t n = read_file(dir, "cgroup", buf, size);
-    const container::Chain chain = container::parse_cgroup({buf, n > 0 ? static_cast<size_t>(n) : 0});
-    out.container = chain.empty() ? "" : chain.back();
+    const container::Group group = container::parse_cgroup({buf, n > 0 ? static_cast<size_t>(n) : 0});
+    out.container = group.chain.empty() ? "" : container::label_of(group.chain[0], container::maker_of(group, ""));
 }
 
 // A process that has ended and waits for its parent still has its name, but no program and command line any more.

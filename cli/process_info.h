@@ -20,7 +20,7 @@ struct ProcessInfo {
     uint32_t uid = 0;    /* effective user */
     uint32_t ppid = 0;
     uint64_t start = 0;      /* clock ticks after boot: tells two processes of one pid apart */
-    std::string container{}; /* the id of the innermost one that it is in; empty: none */
+    std::string container{}; /* the outermost one that it is in, as the container library tells it; empty: none */
 
     bool operator==(const ProcessInfo &) const = default;
 };

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <map>
 #include <optional>
+#include <set>
 
 #include "files.h"
 #include "process_folder.h"
@@ -32,7 +33,8 @@ constexpr size_t kMaxAsked = 16;
 
 struct Namespace {
     std::vector<int> pids; /* the first few, in the order of their numbers */
-    Chain chain;           /* empty: the host's */
+    Group group;           /* its chain is empty: the host's */
+    uint32_t maker = 0;    /* of the group: a user other than root, or 0 */
     int pid = 0;           /* who said so */
     uint64_t start = 0;
 };
@@ -41,8 +43,8 @@ using Namespaces = std::map<uint64_t, Namespace>;
 class Taker
 {
 public:
-    Taker(const std::string &proc, const std::atomic<bool> &stop, Census &census)
-        : stop_(stop), census_(census), proc_(open(proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
+    Taker(const std::string &proc, const std::string &files, const std::atomic<bool> &stop, Census &census)
+        : files_(files), stop_(stop), census_(census), proc_(open(proc.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC))
     {
     }
 
@@ -56,6 +58,7 @@ public:
         for (auto &[number, space] : namespaces_)
             if (number != host_ && !stop_)
                 find_owner(space);
+        refuse_users_claims();
         refuse_borrowed_names();
         for (const auto &[number, space] : namespaces_)
             if (!stop_)
@@ -68,17 +71,22 @@ private:
     uint64_t host_namespace() const;
     void note_process(int pid);
     void find_owner(Namespace &space);
+    uint32_t maker_of_group(const Group &group);
+    void refuse_users_claims();
     void refuse_borrowed_names();
     void add(const Namespace &space);
     uint32_t row_of(const Namespace &space);
 
+    const std::string &files_;
     const std::atomic<bool> &stop_;
     Census &census_;
     Fd proc_;
     uint64_t host_ = 0;
     Namespaces namespaces_;
-    std::map<std::string, uint32_t> rows_;
-    std::map<uint32_t, size_t> budgets_; /* what is left, by row */
+    std::map<std::string, uint32_t> makers_; /* by a group's place */
+    std::set<std::string> roots_claims_;     /* ids that groups of root's making are called */
+    std::map<std::string, uint32_t> rows_;   /* by a group's place */
+    std::map<uint32_t, size_t> budgets_;     /* what is left, by row */
 };
 
 bool Taker::list_processes()
@@ -122,47 +130,72 @@ void Taker::note_process(int pid)
 }
 
 // The oldest that is in a container: a container's first process is older than whoever came in later, from the host or
-// from another container.
+// from another container. What a user's group is called counts only where no group of root's tells.
 void Taker::find_owner(Namespace &space)
 {
     for (const int pid : space.pids) {
-        Chain chain = process_chain(proc_.get(), pid);
-        if (chain.empty())
+        Group group = process_group(proc_.get(), pid);
+        if (group.chain.empty())
             continue;
+        const uint32_t maker = maker_of_group(group);
+        if (maker == 0)
+            roots_claims_.insert(group.chain[0]);
         const uint64_t start = start_time(proc_.get(), pid);
-        if (!space.chain.empty() && start >= space.start)
+        const bool is_better = (maker == 0) != (space.maker == 0) ? maker == 0 : start < space.start;
+        if (!space.group.chain.empty() && !is_better)
             continue;
-        space.chain = std::move(chain);
+        space.group = std::move(group);
+        space.maker = maker;
         space.pid = pid;
         space.start = start;
     }
 }
 
+uint32_t Taker::maker_of_group(const Group &group)
+{
+    const auto [row, first] = makers_.try_emplace(group.hierarchy + ":" + group.place(0), 0);
+    if (first)
+        row->second = maker_of(group, files_);
+    return row->second;
+}
+
+// Whoever may make control groups can call one like anybody's container. Such a group is a container of its maker's
+// (engines without root make theirs so), unless it claims what is a container of root's.
+void Taker::refuse_users_claims()
+{
+    for (auto &[number, space] : namespaces_) {
+        if (space.maker == 0)
+            continue;
+        if (roots_claims_.count(space.group.chain[0]))
+            space.group = Group();
+        for (std::string &id : space.group.chain)
+            id = label_of(id, space.maker);
+    }
+}
+
 // A container with the right to make control groups can call one like another container's. An id belongs to who has it
 // nearest to the host; whoever claims it from further inside, or from beside, counts as the container that it is in.
+// Groups are the same where their paths are.
 void Taker::refuse_borrowed_names()
 {
-    std::map<std::string, std::optional<Chain>> owners; /* by id, null: claimed from two places equally deep */
+    std::map<std::string, std::optional<std::string>> owners; /* by id, null: claimed from two places equally deep */
     std::map<std::string, size_t> depths;
     for (const auto &[number, space] : namespaces_)
-        for (size_t i = 0; i < space.chain.size(); i++) {
-            const std::string &id = space.chain[i];
-            const Chain prefix(space.chain.begin(), space.chain.begin() + static_cast<Chain::difference_type>(i));
+        for (size_t i = 0; i < space.group.chain.size(); i++) {
+            const std::string &id = space.group.chain[i], place = space.group.place(i);
             const auto [depth, first] = depths.try_emplace(id, i);
             if (first || i < depth->second)
-                owners[id] = prefix;
-            else if (i == depth->second && owners[id] && *owners[id] != prefix)
+                owners[id] = place;
+            else if (i == depth->second && owners[id] && *owners[id] != place)
                 owners[id] = std::nullopt;
             depth->second = std::min(depth->second, i);
         }
     for (auto &[number, space] : namespaces_)
-        while (space.chain.size() > 1) {
-            const std::string id = space.chain.back();
-            const std::optional<Chain> &owner = owners[id];
-            const Chain prefix(space.chain.begin(), space.chain.end() - 1);
-            if (owner && *owner == prefix)
+        while (space.group.chain.size() > 1) {
+            const std::optional<std::string> &owner = owners[space.group.chain.back()];
+            if (owner && *owner == space.group.place(space.group.chain.size() - 1))
                 break;
-            space.chain.pop_back();
+            space.group.chain.pop_back();
         }
 }
 
@@ -170,11 +203,13 @@ void Taker::refuse_borrowed_names()
 // oldest.
 uint32_t Taker::row_of(const Namespace &space)
 {
-    if (space.chain.empty())
+    const Chain &chain = space.group.chain;
+    if (chain.empty())
         return Census::kHost;
-    const auto [row, first] = rows_.try_emplace(space.chain.back(), static_cast<uint32_t>(census_.containers.size()));
+    const std::string place = space.group.place(chain.size() - 1);
+    const auto [row, first] = rows_.try_emplace(place, static_cast<uint32_t>(census_.containers.size()));
     if (first)
-        census_.containers.push_back({space.chain.back(), space.pid, space.start, space.chain.size() > 1});
+        census_.containers.push_back({chain.back(), space.pid, space.start, chain.size() > 1 || space.maker != 0});
     Found &found = census_.containers[row->second];
     if (space.start < found.start) {
         found.pid = space.pid;
@@ -204,10 +239,10 @@ void Taker::add(const Namespace &space)
 
 }  // namespace
 
-Census take_census(const std::string &proc, const std::atomic<bool> &stop)
+Census take_census(const std::string &proc, const std::string &files, const std::atomic<bool> &stop)
 {
     Census census;
-    Taker(proc, stop, census).run();
+    Taker(proc, files, stop, census).run();
     return census;
 }
 

@@ -14,16 +14,16 @@ namespace container
 {
 
 struct Found {
-    std::string id;
+    std::string id;      /* with "@UID" where a user other than root may have made it */
     int pid = 0;         /* the first process of its first namespace */
     uint64_t start = 0;  /* when that one started */
-    bool nested = false; /* inside another container: the host's engines do not know it */
+    bool nested = false; /* inside another container, or a user's own: the host's engines do not know it */
 };
 
 struct Census {
     static constexpr uint32_t kHost = UINT32_MAX;
 
-    std::vector<Found> containers;                 /* one row an id */
+    std::vector<Found> containers;                 /* one row a control group that is called like a container */
     std::unordered_map<uint64_t, uint32_t> mounts; /* mount id -> row of `containers`, or kHost */
 
     uint32_t processes = 0, namespaces = 0;
@@ -32,8 +32,9 @@ struct Census {
     int error = 0;       /* errno: there is no /proc */
 };
 
-/* `proc`: the folder. Ends early, with part of the result, when `stop` becomes true. */
-Census take_census(const std::string &proc, const std::atomic<bool> &stop);
+/* `proc`: the folder; `files`: that of the host's files, where its control groups are. Ends early, with part of the
+ * result, when `stop` becomes true. */
+Census take_census(const std::string &proc, const std::string &files, const std::atomic<bool> &stop);
 
 }  // namespace container
 

@@ -1,6 +1,9 @@
 #include "cgroup.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
+#include <charconv>
 
 namespace container
 {
@@ -35,6 +38,62 @@ std::string_view take(std::string_view &text, char end)
     return part;
 }
 
+// Fills in the chain of a path and where its names end.
+void follow(std::string_view path, Group &group)
+{
+    const char *const start = path.data();
+    cut_suffix(path, " (deleted)");
+    while (!path.empty() && group.chain.size() < kMaxDepth) {
+        const std::string_view name = take(path, '/');
+        const std::string_view id = id_of_name(name);
+        // Some engines repeat the id for a group of their own below the container's.
+        if (id.empty() || (!group.chain.empty() && group.chain.back() == id))
+            continue;
+        group.chain.emplace_back(id);
+        group.ends.push_back(static_cast<size_t>(name.data() + name.size() - start));
+    }
+}
+
+// The user of "user@UID.service"; 0: it is no manager's group, or root's.
+uint32_t user_of_manager(std::string_view name)
+{
+    constexpr std::string_view kStart = "user@", kEnd = ".service";
+    if (!name.starts_with(kStart) || !name.ends_with(kEnd))
+        return 0;
+    uint32_t user = 0;
+    std::from_chars(name.data() + kStart.size(), name.data() + name.size() - kEnd.size(), user);
+    return user;
+}
+
+// 0 also where there is no such folder.
+uint32_t owner_of_folder(const std::string &path)
+{
+    struct stat st;
+    return lstat(path.c_str(), &st) == 0 ? st.st_uid : 0;
+}
+
+// Beside version 1, version 2 has a folder of its own.
+uint32_t owner_of_group(const std::string &cgroups, const Group &group, const std::string &path)
+{
+    if (!group.hierarchy.empty())
+        return owner_of_folder(cgroups + group.hierarchy + path);
+    const uint32_t owner = owner_of_folder(cgroups + path);
+    return owner ? owner : owner_of_folder(cgroups + "unified" + path);
+}
+
+// Calls `look` with each group on the way, the outermost first, and its name, until one is not 0.
+template <typename Look>
+uint32_t first_on_the_way(const std::string &path, Look look)
+{
+    for (size_t start = 0; start < path.size();) {
+        const size_t end = std::min(path.find('/', start + 1), path.size());
+        if (const uint32_t user = look(path.substr(0, end), path.substr(start + 1, end - start - 1)))
+            return user;
+        start = end;
+    }
+    return 0;
+}
+
 }  // namespace
 
 bool is_id(std::string_view text)
@@ -42,6 +101,19 @@ bool is_id(std::string_view text)
     return text.size() == kIdLength && std::all_of(text.begin(), text.end(), [](char c) {
                return (c >= '0' && c <= '9') || (c >= 'a' && c <= 'f') || (c >= 'A' && c <= 'F');
            });
+}
+
+std::string label_of(std::string_view id, uint32_t owner)
+{
+    return std::string(id) + (owner ? "@" + std::to_string(owner) : "");
+}
+
+bool is_label(std::string_view text)
+{
+    const std::string_view owner = text.substr(std::min(text.size(), kIdLength));
+    uint32_t user = 0;
+    std::from_chars(owner.data() + (owner.empty() ? 0 : 1), owner.data() + owner.size(), user);
+    return is_id(text.substr(0, kIdLength)) && (owner.empty() || owner == "@" + std::to_string(user));
 }
 
 // "ID" and "ENGINE-ID" of the cgroupfs driver, "ENGINE-ID.scope" of systemd's, and "SLICE:ENGINE:ID" where the runtime
@@ -70,28 +142,41 @@ std::string_view id_of_name(std::string_view name)
 
 Chain chain_of_path(std::string_view path)
 {
-    Chain chain;
-    cut_suffix(path, " (deleted)");
-    while (!path.empty() && chain.size() < kMaxDepth) {
-        const std::string_view id = id_of_name(take(path, '/'));
-        // Some engines repeat the id for a group of their own below the container's.
-        if (!id.empty() && (chain.empty() || chain.back() != id))
-            chain.emplace_back(id);
-    }
-    return chain;
+    Group group;
+    follow(path, group);
+    return group.chain;
 }
 
-Chain parse_cgroup(std::string_view text)
+Group parse_cgroup(std::string_view text)
 {
+    Group group;
     for (size_t i = 0; i < kMaxLines && !text.empty(); i++) {
         std::string_view line = take(text, '\n');
         take(line, ':');  // the hierarchy's number
-        take(line, ':');  // its controllers
-        Chain chain = chain_of_path(line);
-        if (!chain.empty())
-            return chain;
+        std::string_view controllers = take(line, ':');
+        follow(line, group);
+        if (group.chain.empty())
+            continue;
+        if (controllers.starts_with("name="))
+            controllers.remove_prefix(5);
+        group.hierarchy = controllers;
+        group.path = line;
+        return group;
     }
-    return {};
+    return group;
+}
+
+// A path with ".." leads out of what this process sees of the groups: only the names can be asked.
+uint32_t maker_of(const Group &group, const std::string &files)
+{
+    if (group.chain.empty())
+        return 0;
+    const std::string place = group.place(0), cgroups = files + "/sys/fs/cgroup/";
+    const bool is_in_sight = place.find("/..") == std::string::npos;
+    return first_on_the_way(place, [&](const std::string &path, const std::string &name) {
+        const uint32_t user = user_of_manager(name);
+        return user || !is_in_sight ? user : owner_of_group(cgroups, group, path);
+    });
 }
 
 }  // namespace container

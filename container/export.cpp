@@ -95,7 +95,7 @@ const struct orx_container_mount *_orx_get_container_mount(const char *id)
 {
     static thread_local struct {
         orx_container_mount record;
-        char label[65];
+        char label[container::kMaxLabel + 1];
     } answer;
     uint64_t mount = 0;
     if (!id || !parse_mount(id, mount))
@@ -112,7 +112,7 @@ const struct orx_container_mount *_orx_get_container_mount(const char *id)
 
 struct orx_container_info *_orx_get_container_info(const char *id)
 {
-    if (!id || !container::is_id(id))
+    if (!id || !container::is_label(id))
         return nullptr;
     return without_exceptions<orx_container_info *>(nullptr, [&]() -> orx_container_info * {
         Details details;
@@ -138,10 +138,11 @@ int32_t orx_container_of_process(int32_t pid, char *out, size_t size)
     out[0] = '\0';
     return without_exceptions<int32_t>(-ENOMEM, [&]() -> int32_t {
         const container::Fd proc(open(Keeper::get().proc().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
-        const container::Chain chain = proc ? container::process_chain(proc.get(), pid) : container::Chain();
-        if (chain.empty())
+        const container::Group group = proc ? container::process_group(proc.get(), pid) : container::Group();
+        if (group.chain.empty())
             return -ENOENT;
-        snprintf(out, size, "%s", chain.back().c_str());
+        const uint32_t maker = container::maker_of(group, Keeper::get().files());
+        snprintf(out, size, "%s", container::label_of(group.chain[0], maker).c_str());
         return 0;
     });
 }

@@ -10,6 +10,8 @@
 #include <exception>
 #include <new>
 
+#include "cgroup.h"
+
 namespace container
 {
 
@@ -52,6 +54,12 @@ std::string Keeper::proc() const
 {
     const std::lock_guard lock(lock_);
     return proc_;
+}
+
+std::string Keeper::files() const
+{
+    const std::lock_guard lock(lock_);
+    return files_;
 }
 
 bool Keeper::start_thread()
@@ -159,9 +167,8 @@ bool Keeper::describe(const std::string &id, Details &details, Found &found)
     const Found *row = table_.container(id);
     if (row)
         found = *row;
-    const bool nested = row && row->nested;
-    if (nested) /* files of that id on the host's disk would be somebody else's */
-        return true;
+    if (row ? row->nested : !is_id(id)) /* files of that id on the host's disk would be somebody else's */
+        return row;
     const bool running = row;
     const uint64_t now = now_ms();
     if (read_again(id, now)) {
@@ -181,7 +188,7 @@ bool Keeper::describe(const std::string &id, Details &details, Found &found)
 void Keeper::survey(const std::function<void(const Census &)> &look)
 {
     const std::atomic<bool> never{false};
-    Census census = take_census(proc(), never);
+    Census census = take_census(proc(), files(), never);
     look(census);
     const std::lock_guard lock(lock_);
     table_.begin(now_ms());
@@ -221,9 +228,9 @@ void Keeper::refresh(std::unique_lock<std::mutex> &lock)
     table_.begin(now_ms());
     Census old; /* whose release takes time */
     try {
-        const std::string proc = proc_;
+        const std::string proc = proc_, files = files_;
         lock.unlock();
-        Census census = take_census(proc, stop_);
+        Census census = take_census(proc, files, stop_);
         Ends ends = proc == kProc ? watch_ends(census.containers) : Ends(); /* others' numbers are made up */
         std::vector<struct pollfd> polled = what_to_poll(ends);
         lock.lock();

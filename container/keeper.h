@@ -48,6 +48,7 @@ public:
     /* Other folders for /proc and for the files of the engines; what was known is forgotten. */
     void set_roots(std::string proc, std::string files);
     std::string proc() const;
+    std::string files() const;
 
     void stop(); /* ends the thread; it starts anew when it is needed */
 

@@ -71,11 +71,11 @@ uint64_t start_time(int proc, int pid)
     return n > 0 ? parse_start_time({text, static_cast<size_t>(n)}) : UINT64_MAX;
 }
 
-Chain process_chain(int proc, int pid)
+Group process_group(int proc, int pid)
 {
     std::string text;
     const Fd file = open_of(proc, pid, "cgroup");
-    return file && read_all(file.get(), kMaxText, text) ? parse_cgroup(text) : Chain();
+    return file && read_all(file.get(), kMaxText, text) ? parse_cgroup(text) : Group();
 }
 
 void MountNumbers::feed(std::string_view piece, const std::function<void(uint64_t)> &take)

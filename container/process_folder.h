@@ -23,7 +23,7 @@ uint64_t start_time(int proc, int pid);
 uint64_t parse_start_time(std::string_view stat);
 
 /* The containers that it is in. */
-Chain process_chain(int proc, int pid);
+Group process_group(int proc, int pid);
 
 enum class ListEnd { kWhole, kCut, kFailed };
 

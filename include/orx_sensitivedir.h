@@ -70,8 +70,9 @@ struct orx_container_census {
  * else "/"; null: those again. What was known is forgotten. No look-up may run meanwhile. 0; -ENOMEM. */
 int32_t orx_container_set_roots(const char *proc, const char *files);
 
-/* The innermost container that a process is in, from its control groups; `size` of 65 holds every id. 0; -ENOENT: it is
- * in none, or there is no such process; -EINVAL: bad arguments; -ENOMEM. */
+/* The outermost container that a process is in, from its control groups, with "@UID" where a user other than root may
+ * have made that group; `size` of 76 holds all. 0; -ENOENT: it is in none, or there is no such process; -EINVAL: bad
+ * arguments; -ENOMEM. */
 int32_t orx_container_of_process(int32_t pid, char *out, size_t size);
 
 /* Looks at /proc now, which may take a while, and keeps what it finds for look-ups. 0; -errno: /proc cannot be read. */

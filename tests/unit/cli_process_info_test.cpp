@@ -147,3 +147,14 @@ TEST_F(ProcFolder, reads_the_container)
     folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope\n");
     EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, id);
 }
+
+/* Names of groups are their makers' choice: those of a container's own groups, and those of a user. */
+TEST_F(ProcFolder, a_group_of_its_own_is_not_another_container)
+{
+    const std::string id(64, 'c'), claimed(64, 'd');
+    run("cat", "/usr/bin/cat", "cat");
+    folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope/docker-" + claimed + ".scope\n");
+    EXPECT_EQ(find(0)->container, id);
+    folder.file("77/cgroup", "0::/user.slice/user-1000.slice/user@1000.service/docker-" + claimed + ".scope\n");
+    EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, claimed + "@1000");
+}

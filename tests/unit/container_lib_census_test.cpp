@@ -20,7 +20,7 @@ protected:
     Census take() const
     {
         const std::atomic<bool> never{false};
-        return container::take_census(world.proc(), never);
+        return container::take_census(world.proc(), tree.root(), never);
     }
     /* "ID PID" of a mount's container, "host", or "unknown". */
     std::string owner(int mount) const
@@ -106,6 +106,58 @@ TEST_F(ContainerLibCensus, BorrowedNamesAreRefused)
     EXPECT_EQ(owner(37), kB + " 25");
 }
 
+const std::string kOfUser = "/user.slice/user-1000.slice/user@1000.service/docker-" + kB + ".scope";
+
+TEST_F(ContainerLibCensus, AUsersGroupClaimsNoContainerOfRoots)
+{
+    world.add({15, 109, kOfUser, {35}, 15}); /* older than the container that it claims to be */
+    world.add({16, 110, kOfUser + "/docker-" + kA + ".scope", {36}, 16});
+    world.add({20, 102, "/docker/" + kB, {30}, 20});
+    EXPECT_EQ(owner(30), kB + " 20");
+    EXPECT_EQ(owner(35), "host");
+    EXPECT_EQ(owner(36), "host");
+    EXPECT_EQ(take().containers.size(), 1u) << "and lends it no process";
+}
+
+TEST_F(ContainerLibCensus, AUsersGroupAloneIsToldWithItsMaker)
+{
+    world.add({15, 109, kOfUser, {35}});
+    world.add({16, 110, kOfUser + "/docker-" + kA + ".scope", {36}});
+    EXPECT_EQ(owner(35), kB + "@1000 15");
+    EXPECT_EQ(owner(36), kA + "@1000 16");
+    for (const container::Found &found : take().containers)
+        EXPECT_TRUE(found.nested) << "the host's engines do not know it";
+}
+
+TEST_F(ContainerLibCensus, AVisitorFromAUsersGroupIsNotFirst)
+{
+    world.add({15, 102, kOfUser, {30}, 15});
+    world.add({20, 102, "/docker/" + kA, {30}, 20});
+    EXPECT_EQ(owner(30), kA + " 20");
+}
+
+/* One of a user's that a group of root's leads to, and one that the user owns whoever made it. */
+TEST_F(ContainerLibCensus, OwnersOfGroupsAreAsked)
+{
+    const std::string folder = "/system.slice/build.service/docker-" + kB + ".scope";
+    const std::string user = std::to_string(world.make_users_folder("sys/fs/cgroup" + folder));
+    world.add({15, 109, folder, {35}, 15});
+    EXPECT_EQ(owner(35), kB + "@" + user + " 15");
+    world.add({20, 102, "/system.slice/docker-" + kB + ".scope", {30}, 20});
+    EXPECT_EQ(owner(35), "host");
+    EXPECT_EQ(owner(30), kB + " 20");
+}
+
+TEST_F(ContainerLibCensus, GroupsAreTheSameWherePathsAre)
+{
+    world.add({20, 101, "/docker/" + kA + "/x/docker-" + kC + ".scope", {30}});
+    world.add({21, 102, "/docker/" + kA + "/y/docker-" + kC + ".scope", {31}});
+    EXPECT_EQ(owner(30), kA + " 20") << "claimed twice within one container: neither is believed";
+    EXPECT_EQ(owner(31), kA + " 20");
+    world.remove(21);
+    EXPECT_EQ(owner(30), kC + " 20");
+}
+
 TEST_F(ContainerLibCensus, ReusedIdsBelongToWhoHasThemNow)
 {
     world.add({20, 101, "/docker/" + kA, {30}});
@@ -158,16 +210,16 @@ TEST_F(ContainerLibCensus, LinksInsideAreNotFollowed)
 TEST_F(ContainerLibCensus, WithoutProcThereIsAnError)
 {
     const std::atomic<bool> never{false};
-    EXPECT_EQ(container::take_census(tree.path("none"), never).error, ENOENT);
-    EXPECT_EQ(container::take_census(tree.dir("empty"), never).error, ENOENT);
-    EXPECT_TRUE(container::take_census(tree.path("none"), never).mounts.empty());
+    EXPECT_EQ(container::take_census(tree.path("none"), tree.root(), never).error, ENOENT);
+    EXPECT_EQ(container::take_census(tree.dir("empty"), tree.root(), never).error, ENOENT);
+    EXPECT_TRUE(container::take_census(tree.path("none"), tree.root(), never).mounts.empty());
 }
 
 TEST_F(ContainerLibCensus, EndsEarlyWhenToldTo)
 {
     world.add({20, 101, "/docker/" + kA, {30}});
     const std::atomic<bool> stop{true};
-    EXPECT_TRUE(container::take_census(world.proc(), stop).mounts.empty());
+    EXPECT_TRUE(container::take_census(world.proc(), tree.root(), stop).mounts.empty());
 }
 
 }  // namespace

@@ -6,6 +6,7 @@
 #include <sstream>
 
 #include "testlib/container_world/container_world.h"
+#include "testlib/tree.h"
 
 using container::Chain;
 using testlib::made_id;
@@ -76,18 +77,70 @@ TEST(ContainerLibCgroup, DepthIsBounded)
 
 TEST(ContainerLibCgroup, FirstHierarchyThatNamesOneCounts)
 {
-    EXPECT_EQ(container::parse_cgroup("12:pids:/\n11:memory:/docker/" + kA + "\n0::/docker/" + kB + "\n"), Chain{kA});
-    EXPECT_EQ(container::parse_cgroup("0::/docker/" + kA), Chain{kA}) << "without a newline";
-    EXPECT_EQ(container::parse_cgroup("1:name=systemd:/\n0::/\n"), Chain{});
-    EXPECT_EQ(container::parse_cgroup("5:cpu,cpuacct:/a:b/docker/" + kA + "\n"), Chain{kA}) << "a colon in a name";
+    EXPECT_EQ(container::parse_cgroup("12:pids:/\n11:memory:/docker/" + kA + "\n0::/docker/" + kB + "\n").chain,
+              Chain{kA});
+    EXPECT_EQ(container::parse_cgroup("0::/docker/" + kA).chain, Chain{kA}) << "without a newline";
+    EXPECT_EQ(container::parse_cgroup("1:name=systemd:/\n0::/\n").chain, Chain{});
+    EXPECT_EQ(container::parse_cgroup("5:cpu,cpuacct:/a:b/docker/" + kA + "\n").chain, Chain{kA})
+        << "a colon in a name";
+}
+
+TEST(ContainerLibCgroup, PlacesEndWithTheNameThatTells)
+{
+    const std::string path = "/a/docker-" + kA + ".scope/b/" + kB;
+    const container::Group group = container::parse_cgroup("3:cpu:/\n1:name=systemd:" + path + "/c (deleted)\n");
+    ASSERT_EQ(group.chain, (Chain{kA, kB}));
+    EXPECT_EQ(group.hierarchy, "systemd");
+    EXPECT_EQ(group.place(0), "/a/docker-" + kA + ".scope");
+    EXPECT_EQ(group.place(1), path);
+    EXPECT_EQ(container::parse_cgroup("0::" + path + " (deleted)\n").place(1), path);
+}
+
+TEST(ContainerLibCgroup, LabelsTellTheMaker)
+{
+    EXPECT_EQ(container::label_of(kA, 0), kA);
+    EXPECT_EQ(container::label_of(kA, 1000), kA + "@1000");
+    EXPECT_EQ(container::label_of(kA, UINT32_MAX).size(), container::kMaxLabel);
+    for (const std::string &label : {kA, kA + "@1", kA + "@4294967295"})
+        EXPECT_TRUE(container::is_label(label)) << label;
+    for (const std::string &label : {std::string(), kA.substr(1), kA + "@", kA + "@x", kA + "@01", kA + "@-1", kA + "1",
+                                     kA + "@4294967296", kA + "@1@1", std::string("@1000")})
+        EXPECT_FALSE(container::is_label(label)) << label;
+}
+
+/* Groups below a user's own manager, and those that a user owns, or that lie in one that a user owns. */
+TEST(ContainerLibCgroup, MakersOfGroups)
+{
+    const testlib::TempTree tree;
+    const testlib::ContainerWorld world(tree.root());
+    const auto maker = [&](const std::string &line) {
+        return container::maker_of(container::parse_cgroup(line), tree.root());
+    };
+    const std::string scope = "/docker-" + kA + ".scope";
+    EXPECT_EQ(maker("0::/user.slice/user-1000.slice/user@1000.service/app.slice" + scope), 1000u);
+    EXPECT_EQ(maker("0::/../../user@1000.service" + scope), 1000u) << "seen from another group";
+    EXPECT_EQ(maker("0::/user.slice/user-0.slice/user@0.service" + scope), 0u) << "root's own";
+    EXPECT_EQ(maker("0::/user.slice/user-1000.slice" + scope), 0u) << "which only root makes";
+    EXPECT_EQ(maker("0::/system.slice/user@x.service" + scope), 0u);
+    EXPECT_EQ(maker("0::" + scope + "/user@1000.service"), 0u) << "a name that was given inside";
+    EXPECT_EQ(maker("0::/nothing/in/sight" + scope), 0u);
+    EXPECT_EQ(maker("0::/"), 0u);
+    const uint32_t user = world.make_users_folder("sys/fs/cgroup/two/of" + scope);
+    EXPECT_EQ(maker("0::/two/of" + scope), user);
+    EXPECT_EQ(maker("5:pids:/two/of" + scope), 0u) << "another hierarchy";
+    EXPECT_EQ(maker("0::/two/of/../of" + scope), 0u) << "not looked for where it leads out";
+    world.make_users_folder("sys/fs/cgroup/pids/one");
+    EXPECT_EQ(maker("5:pids:/one/of" + scope), user);
+    world.make_users_folder("sys/fs/cgroup/unified/both");
+    EXPECT_EQ(maker("0::/both" + scope), user);
 }
 
 TEST(ContainerLibCgroup, RubbishIsNoContainer)
 {
     for (const std::string &text : {std::string(), std::string("\n\n\n"), std::string(":::"), std::string(100000, '/'),
                                     std::string(100000, ':'), std::string(64, '\0'), "0:" + kA, kA})
-        EXPECT_EQ(container::parse_cgroup(text), Chain{});
-    EXPECT_EQ(container::parse_cgroup(std::string(64, '\n') + "0::/docker/" + kA), Chain{}) << "too many lines";
+        EXPECT_EQ(container::parse_cgroup(text).chain, Chain{});
+    EXPECT_EQ(container::parse_cgroup(std::string(64, '\n') + "0::/docker/" + kA).chain, Chain{}) << "too many lines";
 }
 
 /* As they were on machines, one file a scheme; the id is the same in all. */
@@ -100,7 +153,7 @@ TEST(ContainerLibCgroup, StoredFiles)
         ASSERT_TRUE(file) << name;
         std::stringstream text;
         text << file.rdbuf();
-        EXPECT_EQ(container::parse_cgroup(text.str()), Chain{id}) << name;
+        EXPECT_EQ(container::parse_cgroup(text.str()).chain, Chain{id}) << name;
     }
 }
 

@@ -128,11 +128,30 @@ TEST_F(ContainerLibExport, NestedOnesDoNotBorrowDetails)
     EXPECT_STREQ(info.record->container_name, "");
 }
 
+/* A user's group that is called like a container of the host's, which has ended. */
+TEST_F(ContainerLibExport, UsersGroupsDoNotBorrowDetails)
+{
+    orx_container_set_roots(world.proc().c_str(), FMON_TEST_DATA "/engines");
+    world.add({21, 102, "/user@1000.service/docker-" + std::string(64, 'a') + ".scope", {33}});
+    EXPECT_EQ(owner("33"), std::string(64, 'a') + "@1000 21");
+    const Info info(std::string(64, 'a') + "@1000"), ended(std::string(64, 'a') + "@1001");
+    ASSERT_TRUE(info.record);
+    EXPECT_STREQ(info.record->container_name, "");
+    EXPECT_EQ(info.record->init_pid, 21);
+    EXPECT_FALSE(ended.record);
+}
+
 TEST_F(ContainerLibExport, ContainerOfAProcess)
 {
-    char id[65];
+    char id[76];
     EXPECT_EQ(orx_container_of_process(20, id, sizeof id), 0);
     EXPECT_EQ(id, made_id(1));
+    world.add({21, 102, "/docker/" + made_id(1) + "/docker-" + made_id(2) + ".scope", {}});
+    EXPECT_EQ(orx_container_of_process(21, id, sizeof id), 0);
+    EXPECT_EQ(id, made_id(1)) << "names within it are its own choice";
+    world.add({22, 102, "/user@4294967294.service/docker-" + made_id(2) + ".scope", {}});
+    EXPECT_EQ(orx_container_of_process(22, id, sizeof id), 0);
+    EXPECT_EQ(id, made_id(2) + "@4294967294");
     EXPECT_EQ(orx_container_of_process(1, id, sizeof id), -ENOENT);
     EXPECT_STREQ(id, "");
     EXPECT_EQ(orx_container_of_process(555, id, sizeof id), -ENOENT);

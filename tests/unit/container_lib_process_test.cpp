@@ -69,7 +69,7 @@ TEST_F(ContainerLibProcess, IsRead)
 {
     EXPECT_EQ(container::mount_namespace(proc.get(), 5), 77u);
     EXPECT_EQ(container::start_time(proc.get(), 5), 5u);
-    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{made_id(1)});
+    EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{made_id(1)});
     Ids ids;
     EXPECT_EQ(list(ids), ListEnd::kWhole);
     EXPECT_EQ(ids, (Ids{10, 11}));
@@ -80,7 +80,7 @@ TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
     world.remove(5);
     EXPECT_EQ(container::mount_namespace(proc.get(), 5), 0u);
     EXPECT_EQ(container::start_time(proc.get(), 5), UINT64_MAX);
-    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
+    EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{});
     Ids ids;
     EXPECT_EQ(list(ids), ListEnd::kFailed);
 }
@@ -88,7 +88,7 @@ TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
 TEST_F(ContainerLibProcess, HugeFilesAreNotTakenIn)
 {
     world.write("proc/5/cgroup", std::string(200'000, 'x') + "\n0::/docker/" + made_id(1) + "\n");
-    EXPECT_EQ(container::process_chain(proc.get(), 5), Chain{});
+    EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{});
 }
 
 TEST_F(ContainerLibProcess, LongListsAreCut)

@@ -1,5 +1,7 @@
 #include "container_world.h"
 
+#include <unistd.h>
+
 #include <filesystem>
 #include <fstream>
 
@@ -27,6 +29,13 @@ void ContainerWorld::write(const std::string &path, const std::string &text) con
     const fs::path whole = root_ + "/" + path;
     fs::create_directories(whole.parent_path());
     std::ofstream(whole, std::ios::trunc) << text;
+}
+
+uint32_t ContainerWorld::make_users_folder(const std::string &path) const
+{
+    const uint32_t user = geteuid() ? geteuid() : 1000;
+    fs::create_directories(root_ + "/" + path);
+    return chown((root_ + "/" + path).c_str(), user, static_cast<gid_t>(-1)) == 0 ? user : 0;
 }
 
 void ContainerWorld::remove(int pid) const { fs::remove_all(proc() + "/" + std::to_string(pid)); }

@@ -32,6 +32,9 @@ public:
     void remove(int pid) const;
     void write(const std::string &path, const std::string &text) const; /* below the root, with its folders */
 
+    /* A folder that a user other than root owns; the user. */
+    uint32_t make_users_folder(const std::string &path) const;
+
     std::string proc() const { return root_ + "/proc"; }
     const std::string &root() const { return root_; }
 
