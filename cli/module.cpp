@@ -1,26 +1,17 @@
 #include "module.h"
 
 #include <dlfcn.h>
-#include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
+
+#include "orx_base.h"
 
 namespace cli
 {
 
 namespace
 {
-
-std::string program_folder()
-{
-    char exe[PATH_MAX];
-    const ssize_t n = readlink("/proc/self/exe", exe, sizeof exe);
-    if (n <= 0)
-        return ".";
-    const std::string path(exe, static_cast<size_t>(n));
-    return path.substr(0, path.rfind('/'));
-}
 
 template <typename Fn>
 bool bind(void *library, const char *name, Fn &function, std::string &error)
@@ -36,7 +27,10 @@ bool bind(void *library, const char *name, Fn &function, std::string &error)
 std::string library_folder()
 {
     const char *home = secure_getenv("FMON_HOME");
-    return home && *home ? std::string(home) + "/lib" : program_folder() + "/../lib";
+    if (home && *home)
+        return std::string(home) + "/lib";
+    char folder[PATH_MAX];
+    return orx_dirutils_path_transform("@/../lib", folder, sizeof folder) == 0 ? folder : ".";
 }
 
 bool load_module(const std::string &folder, Module &module, std::string &error)
@@ -44,8 +38,9 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
     const std::string path = folder + "/libfmon.so";
     void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!library) {
-        error = std::string("cannot load the monitor: ") + dlerror() +
-                " (it is installed beside bin/fmon as lib/libfmon.so, or in $FMON_HOME/lib)";
+        error =
+            std::string("cannot load the monitor: ") + dlerror() +
+            " (it is installed as lib/libfmon.so beside bin/fmon, as /usr/lib/fmon/libfmon.so, or in $FMON_HOME/lib)";
         return false;
     }
     return bind(library, "orx_fmon_init", module.init, error) &&

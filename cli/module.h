@@ -26,7 +26,7 @@ struct Module {
     bool is_container() const { return *container_flag != 0; } /* from the start on */
 };
 
-/* $FMON_HOME/lib where that is set, else ../lib beside the folder of the running program. */
+/* $FMON_HOME/lib where that is set, else where the installation of the running program has its libraries. */
 std::string library_folder();
 
 /* Loads libfmon.so from `folder`; it stays loaded. False: `error` says what is missing and where it was looked for. */

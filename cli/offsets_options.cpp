@@ -25,7 +25,7 @@ Options:
 
 Examples:
   fmon offsets                                   of the kernel that runs
-  fmon offsets >> /opt/fmon/config/fmon.ini      the same, into the configuration
+  fmon offsets >> /etc/fmon/fmon.ini             the same, into the configuration
   fmon offsets /boot/vmlinuz-6.1.0-37-amd64      of a kernel that is installed
   fmon offsets --release 6.1.0-37-amd64 btf      of a copy of that kernel's /sys/kernel/btf/vmlinux
 

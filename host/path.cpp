@@ -11,6 +11,7 @@
 #include "guard.h"
 #include "orx_base.h"
 #include "orx_host.h"
+#include "places.h"
 
 namespace
 {
@@ -37,18 +38,30 @@ const std::string &start_folder()
     return folder;
 }
 
-[[gnu::constructor]] void remember_start_folder()
+/* The loader's name of this library may start there, too. */
+[[gnu::constructor]] void remember_folders()
 {
-    host::without_exceptions(0, [] { return static_cast<int>(start_folder().size()); });
+    host::without_exceptions(0, [] { return static_cast<int>(start_folder().size() + host::library_folder().size()); });
 }
 
-/* What "@" stands for. A program with more rights than its user does not follow the user's environment. */
-std::string agent_folder()
+/* A program with more rights than its user does not follow the user's environment. */
+std::optional<std::string> agent_home()
 {
     const char *home = secure_getenv("FMON_HOME");
     if (!home || !*home)
-        return program_folder();
-    return (home[0] == '/' ? std::string() : start_folder() + "/") + home + "/bin";
+        return std::nullopt;
+    return (home[0] == '/' ? std::string() : start_folder() + "/") + home;
+}
+
+/* A path that begins with "@"; empty when nobody tells where that is. */
+std::string below_agent(const std::string &path)
+{
+    if (const auto home = agent_home())
+        return *home + "/bin" + path.substr(1);
+    const std::string folder = program_folder();
+    if (const auto place = host::system_place(path, folder, host::library_folder()))
+        return *place;
+    return folder.empty() ? folder : folder + path.substr(1);
 }
 
 bool starts_with_agent_folder(const char *path) { return path[0] == '@' && (path[1] == '/' || path[1] == 0); }
@@ -93,13 +106,9 @@ int transform(const char *in, char *out, size_t out_size)
     std::string path = in;
     if (const auto target = overridden(path))
         return copy_path(*target, out, out_size);
-    if (starts_with_agent_folder(in)) {
-        std::string folder = agent_folder();
-        if (folder.empty())
-            return -1;
-        path.replace(0, 1, folder);
-    }
-    return copy_path(path, out, out_size);
+    if (starts_with_agent_folder(in))
+        path = below_agent(path);
+    return path.empty() && *in ? -1 : copy_path(path, out, out_size);
 }
 
 }  // namespace

@@ -5,6 +5,7 @@
 #include "host_support.h"
 #include "orx_base.h"
 #include "orx_host.h"
+#include "places.h"
 
 namespace
 {
@@ -71,6 +72,35 @@ TEST(Path, CanBeOverridden)
     EXPECT_EQ(orx_host_path_override("never set", nullptr), 0);
     EXPECT_EQ(orx_host_path_override(nullptr, "/x"), -1);
 }
+
+/* What the package installs lies where the system keeps such files, and so does what is unpacked below a folder. */
+TEST(Path, OfASystemsInstallation)
+{
+    using host::system_place;
+    for (const std::string root : {"", "/mnt/target"}) {
+        const std::string bin = root + "/usr/bin", lib = root + "/usr/lib/fmon";
+        EXPECT_EQ(system_place("@/../config/fmon.ini", bin, lib), root + "/etc/fmon/fmon.ini");
+        EXPECT_EQ(system_place("@/../lib", bin, lib), lib);
+        EXPECT_EQ(system_place("@/../lib/libhulbase.so", bin, lib), lib + "/libhulbase.so");
+        EXPECT_EQ(system_place("@/../var/log/agent/fmon", bin, lib), root + "/var/log/fmon");
+        for (const char *other : {"@", "@/x", "@/../library/x", "@/../var/log/agent", "@/../configuration"})
+            EXPECT_EQ(system_place(other, bin, lib), std::nullopt) << other;
+    }
+}
+
+TEST(Path, OfOneFoldersInstallationIsNotTheSystems)
+{
+    using host::system_place;
+    const char *const config = "@/../config/fmon.ini";
+    EXPECT_EQ(system_place(config, "/opt/fmon/bin", "/opt/fmon/lib"), std::nullopt);
+    EXPECT_EQ(system_place(config, "/usr/bin", "/usr/lib"), std::nullopt) << "installed below /usr as one folder";
+    EXPECT_EQ(system_place(config, "/usr/bin", "/opt/agent/lib"), std::nullopt) << "an interpreter that loaded it";
+    EXPECT_EQ(system_place(config, "/opt/agent/bin", "/usr/lib/fmon"), std::nullopt) << "an agent that borrows it";
+    EXPECT_EQ(system_place(config, "/a/usr/bin", "/b/usr/lib/fmon"), std::nullopt);
+    EXPECT_EQ(system_place(config, "", ""), std::nullopt) << "nobody told where the program is";
+}
+
+TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_folder(), program_folder()); }
 
 TEST(Path, TellsWhenItDoesNotFit)
 {
