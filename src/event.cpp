@@ -126,6 +126,7 @@ void settle_new(struct fmon *monitor, struct event_record *record, uint64_t key,
     if (ev->ref || ev->pending) {
         hlink_add(&ev->link, bucket_of(monitor, ev->path));
         event_index_add(monitor, record, key);
+        list_add_tail(&record->age, &monitor->records);
         monitor->event_count = checked_add(monitor->event_count, 1);
         return;
     }
@@ -161,6 +162,7 @@ int event_init(struct fmon *monitor, int32_t max_events)
     monitor->hash_size = max_events / kChainLength;
     if (monitor->hash_size < kMinBuckets)
         monitor->hash_size = kMinBuckets;
+    list_init(&monitor->records);
     monitor->hash = event_table_new(monitor->hash_size);
     return monitor->hash ? 0 : FMON_ENOMEM;
 }
@@ -211,6 +213,7 @@ void event_free(struct fmon *monitor, struct event *ev)
     /* Records outlive the table of a stopped monitor; those are in no chain of the next one either. */
     if (monitor->hash && hlink_linked(&ev->link)) {
         event_index_remove(ev);
+        list_unlink(&FMON_RECORD(ev, struct event_record, ev)->age);
         hlink_unlink(&ev->link);
     }
     _event_free(ev);

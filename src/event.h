@@ -63,6 +63,11 @@ FMON_API void event_dump(struct fmon *);
 bool event_offer_dentry(struct fmon *, struct event *, struct dentry *, const char *name);
 bool event_offer_path(struct fmon *, struct event *, const char *walk);
 
+/* (Hidden.) With the table full of records that are held back until their files are closed, nothing is read, so the
+ * closes never come: hands the oldest on as they are until an eighth of the table will be free. Does nothing while an
+ * instance has something queued. Returns how many were handed on or freed. */
+int event_release_held(struct fmon *);
+
 /* (Hidden.) Gives the record to every instance whose system-wide mask shares a bit with it. */
 void event_dispatch_global(struct fmon *, struct event *);
 

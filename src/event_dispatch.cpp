@@ -7,7 +7,9 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "checked.h"
 #include "event.h"
+#include "event_index.h"
 #include "list.h"
 #include "log.h"
 
@@ -101,6 +103,30 @@ bool offer_to_dentry(struct fmon *monitor, struct event *ev, struct dentry *d)
     return true;
 }
 
+bool nothing_queued(const struct fmon *monitor)
+{
+    for (uint32_t rest = monitor->inst_mask; rest; rest &= rest - 1) {
+        if (!list_empty(&monitor->instances[__builtin_ctz(rest)].events))
+            return false;
+    }
+    return true;
+}
+
+/* Queues a record for everybody who holds it back; frees it when nobody of them lives. False: out of memory, the rest
+ * goes on holding it. */
+bool release(struct fmon *monitor, struct event *ev)
+{
+    for (ev->pending &= monitor->inst_mask; ev->pending; ev->pending &= ev->pending - 1) {
+        struct event_entry *entry = new_entry(monitor, ev);
+        if (!entry)
+            return false;
+        queue_entry(monitor, entry, __builtin_ctz(ev->pending));
+    }
+    if (!ev->ref)
+        event_free(monitor, ev);
+    return true;
+}
+
 }  // namespace
 
 /* From the object itself, where it is a cached directory or a watched file, up to the root. */
@@ -144,4 +170,22 @@ void event_dispatch_global(struct fmon *monitor, struct event *ev)
             return; /* memory is short: unlike the offer to watches, the rest is not tried */
         queue_entry(monitor, entry, id);
     }
+}
+
+int event_release_held(struct fmon *monitor)
+{
+    if (!nothing_queued(monitor))
+        return 0;
+    const int32_t eighth = monitor->max_events / 8;
+    const int32_t wanted = checked_sub(monitor->event_count, monitor->max_events) + (eighth > 0 ? eighth : 1);
+    int released = 0;
+    FMON_LIST_EACH_SAFE (node, &monitor->records) {
+        if (released >= wanted || !release(monitor, &FMON_RECORD(node, struct event_record, age)->ev))
+            break;
+        released++;
+    }
+    if (released > 0)
+        FMON_LOG(2, kFile, "event table full: %d events that wait for a close are handed on as they are\n", released);
+    monitor->released += static_cast<uint64_t>(released);
+    return released;
 }

@@ -19,6 +19,7 @@ struct event_record {
     struct event ev;
     uint32_t tag;     /* upper half of the key: tells strangers apart without touching their path */
     hlink index_link; /* linked exactly while ev.link is */
+    list_head age;    /* so is this, in fmon.records */
 };
 static_assert(sizeof(void *) != 8 || offsetof(struct event_record, tag) % 16 == 0, "tag and link share a cache line");
 

@@ -85,6 +85,7 @@ struct fmon {
     uint32_t hardened;
     struct fmon_loss_counts
         lost;             /* since the start; what the backend and the probe library count is added on request */
+    list_head records;    /* those of the event table, of struct event_record, oldest first */
     uint64_t released;    /* held-back records handed on early */
     char lost_path[1024]; /* as in fmon_status */
 };

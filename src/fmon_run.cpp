@@ -19,6 +19,9 @@ constexpr char kFile[] = "fmon.c";
 /* While the table is full the backend is not read, so that the kernel keeps the excess. */
 bool table_full() { return fmon.event_count >= fmon.max_events; }
 
+/* Whether something was queued that will leave the table. */
+bool make_room() { return fmon.hardened && event_release_held(&fmon) > 0; }
+
 /* The oldest entry of the queue; null and the instance's bit cleared when there is none. */
 struct event_entry *head_entry(int id)
 {
@@ -36,8 +39,11 @@ int fmon_get_selectable_fds(int32_t **fds, uint32_t *timeout_ms)
 {
     if (!fmon.inited)
         return FMON_ENOTINIT;
-    if (table_full())
+    if (table_full()) {
+        if (make_room())
+            *timeout_ms = 0;
         return 0;
+    }
     return fmon_method.get_selectable_fds(fds, timeout_ms);
 }
 
@@ -49,8 +55,10 @@ int fmon_run(uint32_t now_ms)
         fmon_tbd_pass();
         fmon.tbd_last = now_ms;
     }
-    if (table_full())
+    if (table_full()) {
+        make_room();
         return 0;
+    }
     return fmon_method.read_event(&fmon, now_ms, event_process);
 }
 

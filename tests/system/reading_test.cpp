@@ -70,4 +70,24 @@ TEST(Reading, LeasesHoldNothingUpAndAreTold)
     EXPECT_LT(now_ms() - signalled, 5000);
 }
 
+/* Written and kept open, they are all held back; once the table was full nothing was read any more, no close either. */
+TEST(Reading, FilesKeptOpenDoNotFillTheTableForGood)
+{
+    NEED(testlib::can_fanotify(), "fanotify needs root");
+    constexpr int kFiles = 300;
+    TempTree tree;
+    Watch watch(tree.root(), {"--delay", "-e", "modify,close_write", "--set", "max_events=100"});
+    watch.established();
+    std::vector<int> open_files;
+    for (int i = 0; i < kFiles; i++) {
+        open_files.push_back(open(tree.path(std::to_string(i)).c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600));
+        EXPECT_EQ(1, write(open_files.back(), "x", 1));
+    }
+    make_file(tree.path("closed"));
+    EXPECT_TRUE(read_until(watch, [&](const Json &object) { return object.value("path", "") == tree.path("closed"); }));
+    for (int fd : open_files)
+        close(fd);
+    EXPECT_EQ(0, watch.stop());
+}
+
 }  // namespace

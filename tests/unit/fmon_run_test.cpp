@@ -1,4 +1,5 @@
 #include "core_fixture.h"
+#include "testlib/hardened.h"
 
 namespace
 {
@@ -294,6 +295,151 @@ TEST_F(Run, RateControlIsTheBackends)
     backend.rate_result = 3;
     EXPECT_EQ(3, fmon_rate_ctrl(10, 200, 0));
     EXPECT_EQ(1, backend.count("rate_ctrl(10,200,0)"));
+}
+
+/* ---- a table full of what is held back ---- */
+
+class HeldBack : public CoreTest
+{
+protected:
+    explicit HeldBack(int max_events = 16) : CoreTest(max_events), id(instance()), dir(tree.dir("d"))
+    {
+        EXPECT_EQ(0, add(id, dir, FMON_MODIFY | FMON_CLOSE_WRITE, FMON_DIR | FMON_DELAY));
+        backend.fds = {4};
+    }
+    void hold(int n)
+    {
+        for (int i = 0; i < n; i++)
+            ASSERT_EQ(0, process(dir, "f" + std::to_string(made++), FMON_MODIFY));
+    }
+    /* The names of what a client is given, taken off. */
+    Lines deliver(int of)
+    {
+        Lines out;
+        while (struct event *ev = fmon_peek_event(of)) {
+            out.push_back(std::string(ev->path).substr(dir.size() + 1) + ":" + event_str(ev->mask));
+            fmon_drop_event(of);
+        }
+        return out;
+    }
+    static int selectable(uint32_t *timeout)
+    {
+        int32_t *fds = nullptr;
+        return fmon_get_selectable_fds(&fds, timeout);
+    }
+    int id, made = 0;
+    std::string dir;
+};
+
+TEST_F(HeldBack, OldestAreHandedOnUntilAnEighthIsFree)
+{
+    hold(16);
+    log_clear();
+    uint32_t timeout = 1000;
+    EXPECT_EQ(0, selectable(&timeout));
+    if (!hardened()) {
+        EXPECT_EQ(1000u, timeout);
+        EXPECT_EQ(0u, queued(id));
+        return;
+    }
+    EXPECT_EQ(0u, timeout) << "there is something to deliver";
+    EXPECT_EQ(0, fmon_run(5));
+    EXPECT_EQ(0, backend.count("read_event(5)")) << "it is still full";
+    EXPECT_TRUE(logged(2, "event table full: 2 events that wait for a close are handed on as they are\n"));
+    EXPECT_EQ(2u, fmon.released);
+    EXPECT_EQ((Lines{"f0:modify", "f1:modify"}), deliver(id));
+    EXPECT_EQ(14, fmon.event_count);
+    EXPECT_EQ(1, selectable(&timeout));
+    EXPECT_EQ(0, fmon_run(6));
+    EXPECT_EQ(1, backend.count("read_event(6)"));
+    EXPECT_EQ(1, log_count_containing("event table full"));
+}
+
+TEST_F(HeldBack, RunAloneMakesRoomToo)
+{
+    hold(16);
+    EXPECT_EQ(0, fmon_run(5));
+    EXPECT_EQ(hardened() ? 2u : 0u, queued(id));
+}
+
+TEST_F(HeldBack, ThoseThatCameLaterGoOnWaiting)
+{
+    hold(15);
+    EXPECT_EQ(0, process(dir, "f0", FMON_MODIFY)) << "an old one goes on counting from its first event";
+    hold(1);
+    fmon_run(5);
+    EXPECT_EQ(hardened() ? (Lines{"f0:modify", "f1:modify"}) : Lines{}, deliver(id));
+    EXPECT_EQ(0, process(dir, "f9", FMON_CLOSE_WRITE));
+    EXPECT_EQ(Lines{"f9:modify,close_write"}, deliver(id));
+}
+
+TEST_F(HeldBack, NothingIsHandedOnWhileAnybodyHasSomethingToRead)
+{
+    const int other = instance("other");
+    ASSERT_EQ(0, add(other, tree.dir("e"), FMON_CREATE));
+    hold(15);
+    ASSERT_EQ(0, process(tree.path("e"), "x", FMON_CREATE));
+    fmon_run(5);
+    EXPECT_EQ(0u, queued(id));
+    fmon_drop_event(other);
+    hold(1);
+    fmon_run(5);
+    EXPECT_EQ(hardened() ? 2u : 0u, queued(id));
+}
+
+TEST_F(HeldBack, EverybodyWhoHoldsARecordIsGivenIt)
+{
+    const int other = instance("other");
+    ASSERT_EQ(0, add(other, dir, FMON_MODIFY | FMON_CLOSE_WRITE, FMON_DIR | FMON_DELAY));
+    hold(16);
+    fmon_run(5);
+    if (!hardened())
+        return;
+    EXPECT_EQ(2u, deliver(id).size());
+    EXPECT_EQ(16, fmon.event_count);
+    EXPECT_EQ(2u, deliver(other).size());
+    EXPECT_EQ(14, fmon.event_count);
+}
+
+TEST_F(HeldBack, RecordsOfDeadInstancesAreFreed)
+{
+    const int other = instance("other");
+    ASSERT_EQ(0, add(other, tree.dir("e"), FMON_MODIFY | FMON_CLOSE_WRITE, FMON_DIR | FMON_DELAY));
+    for (int i = 0; i < 16; i++)
+        ASSERT_EQ(0, process(tree.path("e"), std::to_string(i), FMON_MODIFY));
+    ASSERT_EQ(0, fmon_destroy_instance(other));
+    fmon_run(5);
+    EXPECT_EQ(hardened() ? 14 : 16, fmon.event_count);
+    EXPECT_EQ(0u, queued(id));
+}
+
+TEST_F(HeldBack, WithoutMemoryTheyAreHeldUntilTheNextTurn)
+{
+    hold(16);
+    {
+        Fault fault("malloc");
+        fmon_run(5);
+        EXPECT_EQ(hardened(), fault.hit());
+    }
+    EXPECT_EQ(0u, queued(id));
+    EXPECT_EQ(0u, fmon.released);
+    EXPECT_EQ(hardened() ? 1u : 0u, fmon.lost.memory);
+    fmon_run(5);
+    EXPECT_EQ(hardened() ? 2u : 0u, queued(id));
+}
+
+class HeldBackOne : public HeldBack
+{
+protected:
+    HeldBackOne() : HeldBack(1) {}
+};
+
+TEST_F(HeldBackOne, ASmallTableFreesOne)
+{
+    hold(1);
+    fmon_run(5);
+    EXPECT_EQ(hardened() ? 1u : 0u, queued(id));
+    EXPECT_EQ(hardened() ? 1u : 0u, fmon.released);
 }
 
 }  // namespace
