@@ -47,7 +47,8 @@ struct kp_probe_def {
 /* One probe hit, called from inside kp_event_parse. The record is writable and gone when the callback returns. */
 typedef void (*kp_record_cb)(uint32_t pid, void *record, uint32_t size);
 
-/* Creates a probe instance: an opaque handle, or null. *fds becomes an array of *count descriptors to wait on; the
+/* Creates a probe instance: an opaque handle, or null. One named "clt_inotify" tells of deliveries to this process's
+ * inotify descriptors only: those that are open when its probe is registered, switched on or given a filter. *fds becomes an array of *count descriptors to wait on; the
  * array, not the descriptors, is freed by the caller with free(). */
 void *_kp_ins_crt(const char *name, int32_t **fds, int32_t *count);
 

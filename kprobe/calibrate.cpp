@@ -11,8 +11,11 @@
 #include <functional>
 #include <vector>
 
+#include "common/fd.h"
+
+#include "experiment.h"
+#include "groups.h"
 #include "log.h"
-#include "perf.h"
 #include "tracefs.h"
 #include "translate.h"
 
@@ -22,88 +25,8 @@ namespace kprobe
 namespace
 {
 
-constexpr size_t kRing = 65536;
-constexpr int kDentrySize = 128, kSuperSize = 64, kInodeSize = 96, kMarkSize = 96, kConnectorSize = 40;
+constexpr int kDentrySize = 128, kSuperSize = 64, kInodeSize = 96, kMarkSize = 96, kConnectorSize = 40, kFileSize = 384;
 constexpr uint64_t kInodeRoom = 2048;  // no inode is larger before the file system's own part
-
-// The values of one hit.
-using Values = std::vector<uint64_t>;
-
-std::string deref(int offset, const std::string &inner) { return "+" + std::to_string(offset) + "(" + inner + ")"; }
-
-// ---- experiments ----
-
-struct Hits {
-    std::vector<std::pair<uint64_t, std::vector<unsigned char>>> raw;  // with their time
-    void sample(const Sample &sample) { raw.push_back({sample.time, {sample.raw, sample.raw + sample.raw_size}}); }
-    void lost(uint64_t) {}
-};
-
-uint64_t value_at(const std::vector<unsigned char> &raw, const RawField &field)
-{
-    uint64_t value = 0;
-    if (field.offset + field.size <= raw.size() && field.size <= sizeof(value))
-        memcpy(&value, raw.data() + field.offset, field.size);
-    return value;
-}
-
-// Reads a probe while this thread does something. False: it cannot be read.
-bool observe(int event_id, const std::function<void()> &act, Hits *hits)
-{
-    const std::vector<int> cpus = online_cpus();
-    std::vector<Ring> rings(cpus.size());
-    std::vector<Ring *> list;
-    EventSet events;
-    bool bad_filter;
-    for (size_t i = 0; i < rings.size(); i++) {
-        if (rings[i].open(cpus[i], kRing) < 0)
-            return false;
-        list.push_back(&rings[i]);
-    }
-    if (events.open(event_id, list, "common_pid==" + std::to_string(gettid()), &bad_filter) < 0)
-        return false;
-    events.enable(true);
-    act();
-    events.enable(false);
-    for (Ring &ring : rings)
-        ring.drain(*hits);
-    std::sort(hits->raw.begin(), hits->raw.end());
-    return true;
-}
-
-// What the expressions (each of `type`, empty for a word) were at each hit of `point` during `act`. A fetch that fails
-// leaves an arbitrary value, so that one finding is no proof.
-std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const std::vector<std::string> &places,
-                               const char *type, const std::function<void()> &act)
-{
-    static unsigned serial;
-    const std::string group = group_name(current_owner(), serial++, "calibrate");
-    Plan plan;
-    plan.point = point;
-    for (size_t i = 0; i < places.size(); i++)
-        plan.args.push_back({"v" + std::to_string(i), places[i], type});
-    std::string why;
-    if (tracefs.define(plan.command(group, "one"), &why) < 0) {
-        KP_LOG(2, "calibration at %s refused: %s", point, why.c_str());
-        return {};
-    }
-    const std::vector<RawField> fields = tracefs.format(group, "one");
-    Hits hits;
-    std::vector<Values> found;
-    if (fields.size() == places.size() && observe(tracefs.event_id(group, "one"), act, &hits))
-        for (const auto &[time, raw] : hits.raw) {
-            found.emplace_back();
-            for (const RawField &field : fields)
-                found.back().push_back(value_at(raw, field));
-        }
-    tracefs.remove(group, "one");
-    return found;
-}
-
-bool is_pointer(uint64_t value, const Facts &facts)
-{
-    return facts.is_64 ? value >= 0xffff000000000000 : value >= 0xc0000000;
-}
 
 // ---- the directories that are looked at ----
 
@@ -278,6 +201,7 @@ public:
             wd[i] = inotify_add_watch(fd_.get(), kSubjects[i].path, IN_OPEN);
     }
     int wd[kCount] = {};
+    int fd() const { return fd_.get(); }
 
 private:
     Fd fd_;
@@ -302,6 +226,7 @@ public:
                 at->wd = static_cast<int>(i) * 4;
         for (int from = 0; from < kMarkSize && at->object < 0; from += word_ * kAtOnce)
             find_object(from, at);
+        find_group(at);
     }
 
 private:
@@ -337,6 +262,34 @@ private:
         }
     }
 
+    std::vector<std::string> words_behind(const std::string &place, int size) const
+    {
+        std::vector<std::string> places;
+        for (int offset = 0; offset < size; offset += word_)
+            places.push_back(deref(offset, place));
+        return places;
+    }
+
+    // What both marks and the descriptor's open file point to is the inotify instance. More than one such thing: not
+    // known.
+    void find_group(MarkLayout *at)
+    {
+        const auto marks = look(words_behind(mark_, kMarkSize), "");
+        const auto file = experiment(tracefs_, kFilePoint, words_behind(argument_place(facts_, 1), kFileSize), "",
+                                     [this] { ask_queue(watches_.fd()); });
+        int found = 0;
+        for (size_t i = 0; file.size() == 1 && !marks.empty() && i < marks[0].size(); i++)
+            for (size_t j = 0; j < file[0].size(); j++) {
+                if (!is_pointer(marks[0][i], facts_) || marks[1][i] != marks[0][i] || file[0][j] != marks[0][i])
+                    continue;
+                at->group = static_cast<int>(i) * word_;
+                at->file_group = static_cast<int>(j) * word_;
+                found++;
+            }
+        if (found != 1)
+            at->group = at->file_group = kUnknown;
+    }
+
     const Tracefs &tracefs_;
     const Facts &facts_;
     const int word_;
@@ -357,9 +310,9 @@ void calibrate(const Tracefs &tracefs, Facts *out)
     KP_LOG(
         3,
         "calibrated: parent %d, name %d, inode %d, super %d, inline %d, dev %d, mode %d, ino %d; wd %d, connector %d, "
-        "object %d, back %d",
+        "object %d, back %d, group %d and %d",
         d.parent, d.name, d.inode, d.super, d.inline_name, d.s_dev, d.i_mode, d.i_ino, m.wd, m.connector, m.object,
-        m.inode_back);
+        m.inode_back, m.group, m.file_group);
 }
 
 }  // namespace kprobe

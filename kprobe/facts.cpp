@@ -68,6 +68,8 @@ MarkLayout mark_layout(const Btf &btf)
     at.wd = offset_or_unknown(btf, "inotify_inode_mark", "wd");
     at.connector = offset_or_unknown(btf, "fsnotify_mark", "connector");
     at.object = offset_or_unknown(btf, "fsnotify_mark_connector", "obj");
+    at.group = offset_or_unknown(btf, "fsnotify_mark", "group");
+    at.file_group = offset_or_unknown(btf, "file", "private_data");
     // Either the object itself or the place in it where the object points back to the connector.
     at.inode_back =
         btf.is_void_pointer("fsnotify_mark_connector", "obj") ? 0 : offset_or_unknown(btf, "inode", "i_fsnotify_marks");

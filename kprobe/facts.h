@@ -31,7 +31,12 @@ struct DentryLayout {
 struct MarkLayout {
     int wd = kUnknown, connector = kUnknown, object = kUnknown;
     int inode_back = kUnknown;  // from what `object` points to back to the beginning of the inode
-    bool complete() const { return wd >= 0 && connector >= 0 && object >= 0 && inode_back >= 0; }
+    int group = kUnknown;       // the inotify instance that the mark belongs to
+    int file_group = kUnknown;  // the same in the open file of an inotify descriptor
+    bool complete() const
+    {
+        return wd >= 0 && connector >= 0 && object >= 0 && inode_back >= 0 && group >= 0 && file_group >= 0;
+    }
 };
 
 struct Facts {
@@ -63,6 +68,9 @@ bool gather_facts(const Tracefs &tracefs, Facts *out, std::string *why);
 
 // Where the n-th argument of a kernel function is at its entry (from 1).
 std::string argument_place(const Facts &facts, int n);
+
+// The word at `offset` bytes behind what `inner` points to.
+std::string deref(int offset, const std::string &inner);
 
 }  // namespace kprobe
 

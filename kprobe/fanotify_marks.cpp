@@ -1,13 +1,10 @@
 #include "fanotify_marks.h"
 
-#include <dirent.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <charconv>
 #include <cstdlib>
 
-#include "common/fd.h"
+#include "open_files.h"
 #include "tracefs.h"
 
 namespace kprobe
@@ -15,24 +12,6 @@ namespace kprobe
 
 namespace
 {
-
-// Calls `body` with each name in a directory that is a number, until it returns true.
-template <typename Body>
-bool any_number(const std::string &path, Body &&body)
-{
-    const common::Dir directory(opendir(path.c_str()));
-    while (const dirent *entry = directory ? readdir(directory.get()) : nullptr)
-        if (entry->d_name[0] >= '0' && entry->d_name[0] <= '9' && body(std::string(entry->d_name)))
-            return true;
-    return false;
-}
-
-bool is_fanotify(const std::string &link)
-{
-    char target[32];
-    const ssize_t length = readlink(link.c_str(), target, sizeof(target));
-    return length > 0 && std::string_view(target, static_cast<size_t>(length)) == "anon_inode:[fanotify]";
-}
 
 // The hexadecimal number behind " KEY" in a line. False: it is not there.
 bool take_hex(std::string_view line, std::string_view key, uint32_t *out)
@@ -69,7 +48,8 @@ int fanotify_watcher(const std::string &proc, const FileSystem &where)
     any_number(proc, [&](const std::string &pid) {
         const std::string process = proc + "/" + pid;
         const bool found = any_number(process + "/fd", [&](const std::string &fd) {
-            return is_fanotify(process + "/fd/" + fd) && has_fanotify_mark(read_file(process + "/fdinfo/" + fd), where);
+            return leads_to(process + "/fd/" + fd, "anon_inode:[fanotify]") &&
+                   has_fanotify_mark(read_file(process + "/fdinfo/" + fd), where);
         });
         if (found)
             watcher = atoi(pid.c_str());

@@ -119,7 +119,7 @@ Instance::Probe *Instance::find(const std::string &event)
 std::string Instance::kernel_filter(const Probe &probe, const std::string &text)
 {
     if (probe.plan.shape == Shape::kInotify)
-        return filter_with_ends(text);
+        return groups_.filter(filter_with_ends(text));
     if (!probe.plan.by_device || text.empty())
         return text;
     const std::lock_guard lock(mounts_lock_);
@@ -244,11 +244,19 @@ std::vector<uint32_t> Instance::left_out_by(const Probe &probe, const std::strin
     return probe.plan.shape == Shape::kInotify ? threads_left_out(filter) : std::vector<uint32_t>();
 }
 
-void Instance::set_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept
+void Instance::keep_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept
 {
     const std::lock_guard lock(records_);
     probe->def.filter.swap(text);
     probe->left_out.swap(left_out);
+}
+
+int Instance::learn_groups()
+{
+    const int status = groups_.learn(tracefs_, facts_);
+    if (status < 0)
+        KP_LOG(1, "inotify instances of this process cannot be told from others: %s", strerror(-status));
+    return std::min(status, 0);
 }
 
 int Instance::add(const kp_probe_def &record, kp_record_cb callback)
@@ -266,6 +274,9 @@ int Instance::add(const kp_probe_def &record, kp_record_cb callback)
     probe->callback = callback;
     probe->left_out = left_out_by(*probe, probe->def.filter);
     const std::lock_guard lock(control_);
+    if (probe->plan.tells_group)
+        if (const int status = learn_groups(); status < 0)
+            return status;
     {
         const std::lock_guard records(records_);
         probes_.reserve(probes_.size() + 1);  // behind the definition nothing may fail
@@ -312,13 +323,16 @@ int Instance::enable(const std::string &event, bool on)
     Probe *probe = find(event);
     if (!probe)
         return -ENOENT;
+    // What is not to be told apart stays as it was.
+    if (on && probe->plan.tells_group && groups_.learn(tracefs_, facts_) > 0)
+        if (const int status = set_filter(probe, probe->def.filter); status < 0)
+            return status;
     probe->on = on;
     mark_mounts(*probe);
     switch_events(probe);
     return 0;
 }
 
-// A perf event takes a filter once, so that new events take the place of the old ones.
 int Instance::filter(const std::string &event, const std::string &text)
 {
     const std::lock_guard lock(control_);
@@ -327,6 +341,15 @@ int Instance::filter(const std::string &event, const std::string &text)
         return -ENOENT;
     if (text.size() > kMaxFilter)
         return -EINVAL;
+    if (probe->plan.tells_group)
+        if (const int status = learn_groups(); status < 0)
+            return status;
+    return set_filter(probe, text);
+}
+
+// A perf event takes a filter once, so that new events take the place of the old ones.
+int Instance::set_filter(Probe *probe, const std::string &text)
+{
     {
         const std::lock_guard replaced(replaced_lock_);
         replaced_.reserve(replaced_.size() + 1);  // behind the change nothing may fail
@@ -336,7 +359,7 @@ int Instance::filter(const std::string &event, const std::string &text)
     std::vector<uint32_t> left_out = left_out_by(*probe, text);
     if (const int status = open_events(probe, kernel_filter(*probe, text), &events, &bells); status < 0)
         return status;
-    set_filter(probe, std::move(kept), std::move(left_out));
+    keep_filter(probe, std::move(kept), std::move(left_out));
     if (probe->on)
         replace(probe, &events, &bells);
     std::swap(probe->events, events);
@@ -437,6 +460,7 @@ void Instance::abandon()
             ring->close();
     replaced_.clear();
     marks_.remove();
+    groups_.abandon();
     wake_ = -1;
 }
 

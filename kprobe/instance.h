@@ -16,6 +16,7 @@
 
 #include "definition.h"
 #include "facts.h"
+#include "groups.h"
 #include "marks.h"
 #include "mounts.h"
 #include "perf.h"
@@ -42,7 +43,11 @@ public:
     // A ring for each CPU, a queue with its descriptor for each of the first `queues`. 0 or a negative errno.
     int open(const std::vector<int> &cpus, size_t queues, const Sizes &sizes);
 
-    // 0 or negative; what went wrong is in the log.
+    // Whether deliveries to this process's inotify instances can be told from others. 0 or a negative errno.
+    int learn_groups();
+
+    // 0 or negative; what went wrong is in the log. An inotify probe tells of the inotify descriptors that the process
+    // has by then; of those that are made later from the next filter on, or when the probe is switched on anew.
     int add(const kp_probe_def &record, kp_record_cb callback);
     int enable(const std::string &event, bool on);
     int filter(const std::string &event, const std::string &text);
@@ -114,6 +119,7 @@ private:
     void undefine(Probe *probe) noexcept;
     void restack(Probe *added);
     std::string kernel_filter(const Probe &probe, const std::string &text);
+    int set_filter(Probe *probe, const std::string &text);
     void mark_mounts(const Probe &probe);
     int index_of(const Sample &sample) const;
     void take(size_t ring, const Sample &sample);
@@ -125,7 +131,7 @@ private:
     Outcome hand_on(size_t at, std::vector<unsigned char> *out);
     bool name_mount(unsigned char *record);
     static std::vector<uint32_t> left_out_by(const Probe &probe, const std::string &filter);
-    void set_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept;
+    void keep_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept;
 
     const Tracefs &tracefs_;
     const Facts &facts_;
@@ -135,6 +141,7 @@ private:
     std::vector<unsigned char> bytes_;  // the batch under way
     std::vector<QueuedRecord> batch_;
     WatchEnds ends_;
+    Groups groups_;
 
     std::mutex control_;
     Marks marks_;

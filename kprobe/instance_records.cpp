@@ -176,6 +176,7 @@ Instance::Outcome Instance::hand_on(size_t at, std::vector<unsigned char> *out)
     const QueuedRecord &record = batch_[at];
     kp_record_cb callback;
     bool by_device, inotify;
+    uint64_t group = 0;
     {
         const std::lock_guard lock(records_);
         const Probe &probe = *probes_[record.probe];
@@ -185,7 +186,11 @@ Instance::Outcome Instance::hand_on(size_t at, std::vector<unsigned char> *out)
         inotify = probe.plan.shape == Shape::kInotify;
         if (!probe.layout.fill(record.raw, record.raw_size, out->data()))
             return Outcome::kUnreadable;
+        if (probe.plan.tells_group)
+            group = probe.layout.group(record.raw);
     }
+    if (inotify && !groups_.has(group))
+        return Outcome::kLeftOut;
     if (by_device && !name_mount(out->data()))
         return Outcome::kUnreadable;
     if (inotify && record.pid == 0 && !ends_.passes(out->data()))
@@ -200,6 +205,7 @@ int Instance::parse(size_t budget)
     if (!lock)  // from inside a callback
         return 0;
     gather(budget);
+    groups_.forget_closed();  // after the records were made: none of them can be of who got the memory afterwards
     std::vector<unsigned char> out;
     uint64_t good = 0, bad = 0;
     for (size_t i = 0; i < batch_.size(); i++) {

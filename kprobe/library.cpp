@@ -20,6 +20,8 @@ namespace
 // there are more; what else it reads in the same turn counts as well.
 constexpr size_t kPassRecords = 90;
 
+constexpr char kInotifyName[] = "clt_inotify";
+
 constexpr size_t kSlots = 64, kMaxDescriptors = 255;
 constexpr size_t kRing = size_t{1} << 20, kQueue = size_t{1} << 24;
 constexpr size_t kAllQueues = sizeof(void *) == 8 ? size_t{1} << 28 : size_t{1} << 25;  // of an instance
@@ -187,7 +189,7 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
         return nullptr;
     // The monitor reads its inotify descriptor only where it has no instance for that, so there must be none where no
     // probe can tell of inotify's events.
-    if (strcmp(name, "clt_inotify") == 0 && !can_watch_inotify(facts_)) {
+    if (strcmp(name, kInotifyName) == 0 && !can_watch_inotify(facts_)) {
         KP_LOG(2, "no probe for inotify events on this kernel: the descriptor is used");
         return nullptr;
     }
@@ -200,6 +202,8 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
         KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
         return nullptr;
     }
+    if (strcmp(name, kInotifyName) == 0 && instance->learn_groups() < 0)
+        return nullptr;
     slot->name = name;
     std::vector<Fd> descriptors = instance->copy_descriptors();
     auto *out = descriptors.empty() || reader_.add(instance) < 0
@@ -256,7 +260,7 @@ int Library::parse(int32_t index, void *handle)
             return -EINVAL;
         instance = slot->instance;
         // The monitor's inotify source comes before its file source.
-        const size_t rank = slot->name == "clt_inotify" ? 0 : 1;
+        const size_t rank = slot->name == kInotifyName ? 0 : 1;
         budget = share(instance, rank * kMaxDescriptors + static_cast<size_t>(index) + 1);
     }
     const int done = instance->parse(budget);

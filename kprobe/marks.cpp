@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "groups.h"
 #include "log.h"
 
 namespace kprobe
@@ -33,10 +34,18 @@ bool is_on(const char *path, uint32_t device)
 
 }  // namespace
 
+void Marks::remove()
+{
+    show_inotify(inotify_.get());
+    inotify_.reset();
+}
+
 void Marks::place(const std::set<uint32_t> &devices, const MountMap &mounts)
 {
-    if (!inotify_)
+    if (!inotify_) {
         inotify_.reset(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+        hide_inotify(inotify_.get());
+    }
     for (const uint32_t device : devices) {
         const char *point = mounts.point_of(device);
         if (!point || is_tracefs(point))

@@ -21,9 +21,13 @@ using common::Fd;
 class Marks
 {
 public:
+    Marks() = default;
+    ~Marks() { remove(); }
+    Marks(const Marks &) = delete;
+    Marks &operator=(const Marks &) = delete;
     // Marks the file systems of these devices, where they are reachable.
     void place(const std::set<uint32_t> &devices, const MountMap &mounts);
-    void remove() { inotify_.reset(); }
+    void remove();
 
 private:
     Fd inotify_;

@@ -47,14 +47,25 @@ bool Layout::resolve(const Plan &plan, const std::vector<RawField> &fields)
         copies_.push_back({field->offset, std::min(field->size, piece.size), piece.to, piece.size});
         raw_size_ = std::max(raw_size_, field->offset + field->size);
     }
-    if (!plan.name_pointer)
-        return true;
-    const RawField *field = find(fields, "z");
+    return (!plan.name_pointer || look_at(fields, "z", &name_pointer_)) &&
+           (!plan.tells_group || look_at(fields, "g", &group_));
+}
+
+bool Layout::look_at(const std::vector<RawField> &fields, const std::string &name, Copy *out)
+{
+    const RawField *field = find(fields, name);
     if (!field)
         return false;
-    name_pointer_ = {field->offset, field->size, 0, 0};
+    *out = {field->offset, field->size, 0, 0};
     raw_size_ = std::max(raw_size_, field->offset + field->size);
     return true;
+}
+
+uint64_t Layout::group(const unsigned char *raw) const
+{
+    uint64_t value = 0;
+    memcpy(&value, raw + group_.from, std::min<size_t>(group_.from_size, sizeof(value)));
+    return value;
 }
 
 bool Layout::fill(const unsigned char *raw, uint32_t raw_size, unsigned char *out) const

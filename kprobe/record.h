@@ -28,12 +28,17 @@ public:
     // nothing may be handed on.
     bool fill(const unsigned char *raw, uint32_t raw_size, unsigned char *out) const;
 
+    // Whose delivery an inotify record is; only of a raw record that fill() has taken.
+    uint64_t group(const unsigned char *raw) const;
+
 private:
     struct Copy {
         uint32_t from, from_size, to, size;
     };
     std::vector<Copy> copies_;
-    Copy name_pointer_ = {};  // from_size 0: none
+    // A field that is looked at here and not handed on. False: the kernel lacks it.
+    bool look_at(const std::vector<RawField> &fields, const std::string &name, Copy *out);
+    Copy name_pointer_ = {}, group_ = {};  // from_size 0: none
     Shape shape_ = Shape::kOther;
     bool by_device_ = false;
     uint32_t size_ = 0, raw_size_ = 0;

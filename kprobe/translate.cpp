@@ -62,11 +62,6 @@ const Target *find_target(const Definition &def, const Facts &facts)
 
 // ---- expressions ----
 
-std::string deref(int offset, const std::string &inner)
-{
-    return (offset < 0 ? "-" : "+") + std::to_string(std::abs(offset)) + "(" + inner + ")";
-}
-
 bool fits(const FetchArg &arg)
 {
     return arg.place.size() + (arg.type.empty() ? 0 : arg.type.size() + 1) <= kMaxExpression;
@@ -208,7 +203,7 @@ bool plan_inotify(const Definition &def, const Facts &facts, Plan *plan)
     const std::string object = deref(facts.mark.object, deref(facts.mark.connector, mark));
     plan->shape = Shape::kInotify;
     plan->point = kInotifyPoint;
-    plan->name_pointer = true;
+    plan->name_pointer = plan->tells_group = true;
     plan->size = kInotifyHead + name_size;
     add(plan, {"i", deref(facts.dentry.i_ino - facts.mark.inode_back, object), facts.is_64 ? "u64" : "u32"}, 0, 8);
     add(plan, {"w", deref(facts.mark.wd, mark), "u32"}, 8, 4);
@@ -218,6 +213,7 @@ bool plan_inotify(const Definition &def, const Facts &facts, Plan *plan)
         return false;
     add_run(plan, text, kInotifyHead, name_size);
     plan->args.push_back({"z", name, facts.is_64 ? "u64" : "u32"});
+    plan->args.push_back({"g", deref(facts.mark.group, mark), facts.is_64 ? "u64" : "u32"});
     return true;
 }
 
@@ -240,6 +236,11 @@ bool plan_as_written(const Definition &def, const Facts &facts, Plan *plan, std:
 }
 
 }  // namespace
+
+std::string deref(int offset, const std::string &inner)
+{
+    return (offset < 0 ? "-" : "+") + std::to_string(std::abs(offset)) + "(" + inner + ")";
+}
 
 std::string argument_place(const Facts &facts, int n)
 {

@@ -63,6 +63,8 @@ TEST(KprobeCalibrate, finds_all_offsets)
         EXPECT_EQ(wanted.mark.connector, got.mark.connector);
         EXPECT_EQ(wanted.mark.object, got.mark.object);
         EXPECT_EQ(wanted.mark.inode_back, got.mark.inode_back);
+        EXPECT_EQ(wanted.mark.group, got.mark.group);
+        EXPECT_EQ(wanted.mark.file_group, got.mark.file_group);
         EXPECT_TRUE(got.new_parent);
     }
 }

@@ -35,7 +35,7 @@ inline kprobe::Facts of_kernel(bool is_64, uint8_t major, uint8_t minor, int obj
         facts.dentry = {24, 40, 48, 104, 56, 16, 0, 64};
     else
         facts.dentry = {16, 28, 32, 84, 36, 8, 0, 40};
-    facts.mark = {is_64 ? 72 : 44, is_64 ? 56 : 32, object, inode_back};
+    facts.mark = {is_64 ? 72 : 44, is_64 ? 56 : 32, object, inode_back, 8, is_64 ? 200 : 124};
     return facts;
 }
 

@@ -94,6 +94,8 @@ TEST(KprobeFacts, from_types)
     EXPECT_EQ(56, facts.mark.connector);
     EXPECT_EQ(16, facts.mark.object);
     EXPECT_EQ(600, facts.mark.inode_back);
+    EXPECT_EQ(8, facts.mark.group);
+    EXPECT_EQ(200, facts.mark.file_group);
     EXPECT_TRUE(facts.new_parent);
     EXPECT_EQ(wanted.functions, facts.functions) << "and no other function";
 }

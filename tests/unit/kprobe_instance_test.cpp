@@ -87,9 +87,10 @@ TEST_P(KprobeInstance, close_records)
 TEST_P(KprobeInstance, inotify_records)
 {
     Fixture f(GetParam());
+    const kprobe::Fd own(inotify_init1(IN_CLOEXEC));
     ASSERT_EQ(0, f.add(testlib::inotify_probe_of(GetParam(), 6, 1)));
     ASSERT_EQ(0, f.instance.enable("Ki", true));
-    const uint64_t mark = f.objects.mark(f.objects.inode(0x12345, 040755), 7);
+    const uint64_t mark = f.objects.mark(f.objects.inode(0x12345, 040755), 7, f.kernel.group_of(own.get()));
     const uint64_t longest = f.objects.qstr(std::string(200, 'x'));
     for (const uint64_t name : {f.objects.qstr("new"), uint64_t{0}, longest})
         f.kernel.hit({"inotify_handle_inode_event", {mark, 0x08000100, 0, 0, name, 0}});
@@ -117,8 +118,9 @@ TEST_P(KprobeInstance, inotify_records_of_the_monitor_itself)
         testlib::inotify_probe_of(GetParam(), 6, 1, "common_pid!=500&&common_pid!=501&&w!=0");
     def = probe.record();
     def.c0 = '1'; /* never switched on by anybody */
+    const kprobe::Fd own(inotify_init1(IN_CLOEXEC));
     ASSERT_EQ(0, f.instance.add(def, keep));
-    const uint64_t mark = f.objects.mark(f.objects.inode(0x12345, 040755), 7);
+    const uint64_t mark = f.objects.mark(f.objects.inode(0x12345, 040755), 7, f.kernel.group_of(own.get()));
     for (const auto &[mask, tid] : std::vector<std::pair<uint64_t, uint32_t>>{
              {IN_CREATE, 500}, {IN_IGNORED, 501}, {IN_DELETE_SELF, 500}, {IN_IGNORED, 500}, {IN_CREATE, 499}})
         f.kernel.hit({"inotify_handle_inode_event", {mark, mask, 0, 0, 0, 0}, 498, tid});

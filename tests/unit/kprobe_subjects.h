@@ -21,6 +21,7 @@ public:
     explicit Subjects(testlib::KernelDouble *kernel, uint32_t wd = 41) : kernel_(kernel), objects_(&kernel->memory)
     {
         kernel->no_file("/sys/kernel/btf/vmlinux");
+        kernel->one_group = kernel->memory.allocate(512);
         std::string symbols;
         for (const char *name :
              {"security_inode_getattr", "security_inode_create", "security_inode_unlink", "d_move",
@@ -47,7 +48,7 @@ private:
             super_ = objects_.super_block(static_cast<uint32_t>(major(st.st_dev) << 20 | minor(st.st_dev)));
         inodes_[i] = objects_.inode(st.st_ino, static_cast<uint16_t>(st.st_mode));
         paths_[i] = objects_.struct_path(objects_.path(super_, kShort[i], inodes_[i]));
-        marks_[i] = objects_.mark(inodes_[i], wd);
+        marks_[i] = objects_.mark(inodes_[i], wd, kernel_->one_group);
     }
     void looked_at(const std::string &path)
     {

@@ -99,11 +99,16 @@ TEST(KprobeTranslate, inotify_texts)
         Facts facts;
         const char *args;
     } rows[] = {
-        {amd64_5_10(), "i=-504(+16(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64"},
-        {amd64_6_1(), "i=-536(+16(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64"},
-        {amd64_6_12(), "i=+64(+8(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64"},
-        {i386_5_10(), "i=-332(+16(+32(%ax))):u32 w=+44(%ax):u32 m=%dx:u32 f=+0(+8(+8(%sp))):x64[16] z=+8(%sp):u32"},
-        {i386_6_1(), "i=-352(+16(+32(%ax))):u32 w=+44(%ax):u32 m=%dx:u32 f=+0(+8(+8(%sp))):x64[16] z=+8(%sp):u32"},
+        {amd64_5_10(),
+         "i=-504(+16(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64 g=+8(%di):u64"},
+        {amd64_6_1(),
+         "i=-536(+16(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64 g=+8(%di):u64"},
+        {amd64_6_12(),
+         "i=+64(+8(+56(%di))):u64 w=+72(%di):u32 m=%si:u32 f=+0(+8(%r8)):x64[16] z=%r8:u64 g=+8(%di):u64"},
+        {i386_5_10(),
+         "i=-332(+16(+32(%ax))):u32 w=+44(%ax):u32 m=%dx:u32 f=+0(+8(+8(%sp))):x64[16] z=+8(%sp):u32 g=+8(%ax):u32"},
+        {i386_6_1(),
+         "i=-352(+16(+32(%ax))):u32 w=+44(%ax):u32 m=%dx:u32 f=+0(+8(+8(%sp))):x64[16] z=+8(%sp):u32 g=+8(%ax):u32"},
     };
     for (const auto &row : rows) {
         const Plan plan = plan_of(inotify_probe_of(row.facts.is_64, row.facts.major, row.facts.minor), row.facts);
@@ -115,7 +120,7 @@ TEST(KprobeTranslate, inotify_texts)
     Facts plain = i386_5_10();
     plain.arrays = false;
     const Plan plan = plan_of(inotify_probe_of(false, 5, 10), plain);
-    ASSERT_EQ(20u, plan.args.size());
+    ASSERT_EQ(21u, plan.args.size());
     EXPECT_EQ("+8(+8(+8(%sp)))", plan.args[4].place);
     EXPECT_EQ("x64", plan.args[4].type);
     EXPECT_EQ(24u, plan.pieces[4].to);

@@ -94,7 +94,9 @@ std::string kernel_types(const KernelTypes &kernel)
                                                       {"d_inode", blob.next() - 1, 48},
                                                       {kernel.inline_name, text, 56},
                                                       {"d_sb", super, 104}});
-    const uint32_t mark = blob.structure("fsnotify_mark", {{"mask", number, 0}, {"connector", anything, 56}});
+    const uint32_t mark =
+        blob.structure("fsnotify_mark", {{"mask", number, 0}, {"group", anything, 8}, {"connector", anything, 56}});
+    blob.structure("file", {{"private_data", anything, 200}});
     blob.structure("inotify_inode_mark", {{"fsn_mark", mark, 0}, {"wd", word, 72}});
     const uint32_t object = kernel.object_is_void ? anything : blob.pointer(blob.alias("fsnotify_connp_t", anything));
     blob.structure("fsnotify_mark_connector", {{"type", word, 0}, {"obj", object, kernel.connector_object}});

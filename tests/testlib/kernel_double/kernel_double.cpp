@@ -1,5 +1,6 @@
 #include "testlib/kernel_double/kernel_double.h"
 
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -110,6 +111,33 @@ void KernelDouble::closed(int fd)
 {
     const std::lock_guard lock(lock_);
     control_.erase(fd);
+    groups_.erase(fd);
+}
+
+uint64_t KernelDouble::group_of(int fd)
+{
+    const std::lock_guard lock(lock_);
+    uint64_t &group = groups_[fd];
+    if (group == 0)
+        group = one_group ? one_group : memory.allocate(512);
+    return group;
+}
+
+uint64_t KernelDouble::file_of(int fd)
+{
+    const uint64_t group = group_of(fd);
+    const std::lock_guard lock(lock_);
+    const uint64_t file = memory.allocate(384);
+    memory.put_word(file + (is_64 ? 200 : 124), group);
+    return file;
+}
+
+void KernelDouble::asked(int fd)
+{
+    hit({"inotify_ioctl",
+         {file_of(fd), FIONREAD, 0},
+         static_cast<uint32_t>(getpid()),
+         static_cast<uint32_t>(gettid())});
 }
 
 bool KernelDouble::is_control(int fd)

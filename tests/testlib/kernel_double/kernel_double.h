@@ -65,6 +65,12 @@ public:
     /* Runs the probes at a function, the one that was defined last at first. Returns how many records came of it. */
     int hit(const Hit &hit);
 
+    /* The inotify instance that a descriptor stands for, and an open file that points to it. A probe at inotify_ioctl
+     * is hit when the descriptor is asked how much waits in it. */
+    uint64_t group_of(int fd);
+    uint64_t file_of(int fd);
+    uint64_t one_group = 0; /* of every descriptor, where it is not 0 */
+
     /* Called when the library calls stat() or open() with a path. */
     std::function<void(const std::string &)> on_stat, on_open;
     /* Called when a perf event has been told something, such as PERF_EVENT_IOC_ENABLE. */
@@ -73,6 +79,7 @@ public:
     /* ---- for the wrapped calls ---- */
     std::string real_path(const char *path);
     void opened(const std::string &path, int fd);
+    void asked(int fd);
     void closed(int fd);
     bool is_control(int fd);
     int command(int fd, const std::string &text); /* 0 or a negative errno */
@@ -97,6 +104,7 @@ private:
     std::map<int, std::string> control_;       /* kprobe_events and filter files that are open */
     std::map<std::string, std::string> refused_;
     std::vector<Definition> definitions_;
+    std::map<int, uint64_t> groups_;
     int next_id_ = 1500, next_file_ = 0;
 };
 

@@ -49,10 +49,11 @@ uint64_t KernelObjects::struct_path(uint64_t entry)
     return path;
 }
 
-uint64_t KernelObjects::mark(uint64_t inode, uint32_t wd)
+uint64_t KernelObjects::mark(uint64_t inode, uint32_t wd, uint64_t group)
 {
     const uint64_t mark = memory_->allocate(128), connector = memory_->allocate(64);
     memory_->put(mark + (is_64() ? 72 : 44), wd, 4);
+    memory_->put_word(mark + 8, group);
     memory_->put_word(mark + (is_64() ? 56 : 32), connector);
     memory_->put_word(connector + 16, inode + (is_64() ? 600 : 392)); /* where the inode points back to it */
     return mark;

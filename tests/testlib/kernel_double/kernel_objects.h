@@ -21,7 +21,7 @@ public:
     /* All of a path such as "/a/b/c"; the leaf. */
     uint64_t path(uint64_t super, const std::string &path, uint64_t leaf = 0);
     uint64_t struct_path(uint64_t entry);
-    uint64_t mark(uint64_t inode, uint32_t wd);
+    uint64_t mark(uint64_t inode, uint32_t wd, uint64_t group = 0);
     uint64_t qstr(const std::string &name);
 
 private:

@@ -252,6 +252,10 @@ int __wrap_ioctl(int fd, unsigned long request, ...)
     if (!double_)
         return __real_ioctl(fd, request, argument);
     const Inside scope;
+    if (request == FIONREAD) {
+        double_->asked(fd);
+        return __real_ioctl(fd, request, argument);
+    }
     const int status = double_->perf.control(fd, request, argument);
     if (double_->on_control)
         double_->on_control(request);

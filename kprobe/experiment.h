@@ -1,0 +1,30 @@
+/*
+ * experiment.h: what a kernel function is called with while this thread does something whose outcome it knows.
+ */
+#ifndef KPROBE_EXPERIMENT_H
+#define KPROBE_EXPERIMENT_H
+
+#include <cstdint>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "facts.h"
+
+namespace kprobe
+{
+
+// The values of one hit.
+using Values = std::vector<uint64_t>;
+
+// What the expressions (each of `type`, empty for a word) were at each hit of `point` during `act`, in the order of
+// their time; no hits also where the kernel refuses. A fetch that fails leaves an arbitrary value, so that one finding
+// is no proof.
+std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const std::vector<std::string> &places,
+                               const char *type, const std::function<void()> &act);
+
+bool is_pointer(uint64_t value, const Facts &facts);
+
+}  // namespace kprobe
+
+#endif
