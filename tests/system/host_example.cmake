@@ -11,10 +11,12 @@ set_tests_properties(system.host_example PROPERTIES TIMEOUT 60 LABELS system)
 # What the guide says against what is: its listing is the example, and it names all that libfmon.so asks of an agent.
 add_test(NAME system.host_guide COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/host_guide.sh ${PROJECT_SOURCE_DIR}
     $<TARGET_FILE:fmon>)
+# The tests that the page on security names exist.
+add_test(NAME system.security_doc COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/security_doc.sh ${PROJECT_SOURCE_DIR})
 # What leaves the host's libraries against their headers and export lists.
 add_test(NAME system.host_exports COMMAND sh ${CMAKE_CURRENT_LIST_DIR}/host_exports.sh ${PROJECT_SOURCE_DIR}
     $<TARGET_FILE:orx_base> $<TARGET_FILE:hulbase>)
-set_tests_properties(system.host_guide system.host_exports PROPERTIES TIMEOUT 60 LABELS system)
+set_tests_properties(system.host_guide system.host_exports system.security_doc PROPERTIES TIMEOUT 60 LABELS system)
 
 # A program linked with liborx_base.so has what plug-ins import, libcjson's function among it.
 add_executable(system_host_scope ${CMAKE_CURRENT_LIST_DIR}/host_scope.c)

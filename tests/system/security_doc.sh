@@ -1,0 +1,27 @@
+#!/bin/sh
+# security_doc.sh SOURCE_DIR: every test that docs/security.md names exists, in the program that it names.
+set -eu
+cd "$1"
+failed=0
+missing() {
+    echo "docs/security.md names $1, which does not exist" >&2
+    failed=1
+}
+
+# Each line of the page that names a test: the programs, and the cases, which must lie in one of them.
+# shellcheck disable=SC2016 # the page's backquotes
+named=$(grep -oE '`(unit|system)\.[a-z0-9_]+`|`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9_]+`' docs/security.md | tr -d '`')
+for name in $named; do
+    case $name in
+    unit.* | system.*)
+        folder=${name%%.*}
+        program=${name#*.}
+        [ -e "tests/$folder/${program}_test.cpp" ] || [ -e "tests/$folder/$program.sh" ] || missing "$name"
+        ;;
+    *)
+        grep -qE "^TEST(_F|_P)?\(${name%%.*}, ${name#*.}\)" "tests/$folder/${program}_test.cpp" || missing "$program: $name"
+        ;;
+    esac
+done
+[ "$(echo "$named" | wc -l)" -gt 20 ] || missing "more than a few tests"
+exit $failed
