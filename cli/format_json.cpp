@@ -155,12 +155,12 @@ private:
         writer.StartObject();
         put_key(writer, "name");
         put_bytes(writer, process->name);
-        put_key(writer, "exe");
-        put_bytes(writer, process->exe);
-        put_key(writer, "cmdline");
-        put_bytes(writer, process->cmdline);
-        put_key(writer, "uid");
-        writer.Uint(process->uid);
+        put_known(writer, "exe", process->exe);
+        put_known(writer, "cmdline", process->cmdline);
+        if (process->uid) {
+            put_key(writer, "uid");
+            writer.Uint(*process->uid);
+        }
         put_key(writer, "ppid");
         writer.Uint(process->ppid);
         writer.EndObject();

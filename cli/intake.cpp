@@ -6,6 +6,7 @@
 #include <ctime>
 #include <utility>
 
+#include "orx_host.h"
 #include "time_format.h"
 
 namespace cli
@@ -72,7 +73,7 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
     if (event.pid != 0) {
         if (queue_.full())
             return kPauseMs;
-        process = processes_.find(event.pid, steady_ms());
+        process = processes_.find(event.pid, orx_host_lock_count(), steady_ms());
     }
     const Event copy = {wall_clock_ns(), mask, event.pid, source, event.path, event.container ? event.container : "",
                         nullptr};

@@ -1,15 +1,19 @@
 #include <pthread.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 
 #include "orx_base.h"
+#include "orx_host.h"
 
 namespace
 {
 
 constexpr char kFile[] = "mutex.c";
+
+std::atomic<unsigned long long> lock_count;
 
 /* A misused mutex is a bug of the caller that is hard to find later, so it is told at once. */
 int report(const char *what, int error)
@@ -49,8 +53,13 @@ void *th_mutex_init(void)
 /* 0, or the negative error number: -EINVAL for null, -EDEADLK when this thread holds the mutex already. */
 int th_mutex_lock(void *mutex)
 {
-    return report("lock", mutex ? pthread_mutex_lock(static_cast<pthread_mutex_t *>(mutex)) : EINVAL);
+    const int error = mutex ? pthread_mutex_lock(static_cast<pthread_mutex_t *>(mutex)) : EINVAL;
+    if (error == 0)
+        lock_count.fetch_add(1, std::memory_order_relaxed);
+    return report("lock", error);
 }
+
+unsigned long long orx_host_lock_count(void) { return lock_count.load(std::memory_order_relaxed); }
 
 /* 0, or the negative error number: -EINVAL for null, -EPERM when this thread does not hold the mutex. */
 int th_mutex_unlock(void *mutex)

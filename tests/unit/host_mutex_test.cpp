@@ -3,6 +3,7 @@
 
 #include "host_support.h"
 #include "orx_base.h"
+#include "orx_host.h"
 
 /* These cases misuse mutexes, which the thread sanitizer would report before the mutex can; it asks for this name. */
 extern "C" [[gnu::visibility("default")]] const char *__tsan_default_options();
@@ -71,6 +72,23 @@ TEST(Mutex, StaysWhereItIsWhileItIsHeld)
     EXPECT_NE(err.text().find("mutex destroy failed"), std::string::npos);
     EXPECT_EQ(th_mutex_unlock(mutex), 0);
     th_mutex_destroy(mutex);
+}
+
+TEST(Mutex, CountsHolds)
+{
+    Mutex one, other;
+    const auto before = orx_host_lock_count();
+    th_mutex_lock(one.handle);
+    th_mutex_lock(other.handle);
+    EXPECT_EQ(orx_host_lock_count(), before + 2);
+    EXPECT_EQ(orx_host_lock_count(), before + 2) << "within a hold it stays";
+    CapturedStderr hidden;
+    th_mutex_lock(one.handle);
+    th_mutex_lock(nullptr);
+    EXPECT_EQ(orx_host_lock_count(), before + 2) << "refused";
+    th_mutex_unlock(one.handle);
+    th_mutex_unlock(other.handle);
+    EXPECT_EQ(orx_host_lock_count(), before + 2);
 }
 
 TEST(Mutex, RefusesNull)
