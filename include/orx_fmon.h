@@ -32,7 +32,7 @@ extern "C" {
  * -105 inotify refused at start, -108 inotify refused a watch, -109 fanotify refused a mark, -110 the
  * watch-descriptor table could not grow, -117 the path of a directory is too long to be built. */
 enum {
-    FMON_ENOTINIT = -100, /* orx_fmon_init has not succeeded */
+    FMON_ENOTINIT = -100, /* orx_fmon_init has not succeeded, or the monitor is ending */
     FMON_ENOMEM = -101,   /* an allocation failed, or the directory cache is full */
     FMON_EEXIST = -102,   /* the name or path exists already */
     FMON_EINVAL = -111,   /* bad argument, instance id, path or mask */
@@ -135,7 +135,8 @@ extern FMON_API int32_t g_container_flag;
  * -1: the table is full; FMON_EEXIST: the name is taken; FMON_EINVAL: empty name; FMON_ENOTINIT. */
 FMON_API int _orx_fmon_create_instance(const char *name, fmon_client_cb cb);
 
-/* Removes an instance with its watches and queued events. -1: no such instance. */
+/* Removes an instance with its watches and queued events. -1: no such instance. FMON_ENOTINIT: the monitor does not
+ * run; it goes at the next start, and its callback is not called again. */
 FMON_API int _orx_fmon_del_instance(uint32_t id);
 
 /* A callback that consumes every event. */

@@ -44,6 +44,20 @@ void remove_row(int index)
     fmon_shell.row_count--;
 }
 
+/* The row goes, and with it the callback; the next start destroys the instance. */
+int delete_while_closed(uint32_t id)
+{
+    {
+        const ShellRows rows;
+        const int index = find_row(id);
+        if (rows && index >= 0)
+            remove_row(index);
+        if (rows)
+            return index < 0 ? -1 : FMON_ENOTINIT;
+    }
+    return _orx_fmon_del_instance(id); /* it has been opened meanwhile */
+}
+
 }  // namespace
 
 /* ---- instances ---- */
@@ -51,6 +65,8 @@ void remove_row(int index)
 int _orx_fmon_create_instance(const char *name, fmon_client_cb cb)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     if (fmon_shell.row_count >= FMON_MAX_INSTANCES)
         return -1;
     const int id = fmon_create_instance(name);
@@ -62,6 +78,8 @@ int _orx_fmon_create_instance(const char *name, fmon_client_cb cb)
 int _orx_fmon_del_instance(uint32_t id)
 {
     const ShellLock lock;
+    if (!lock)
+        return delete_while_closed(id);
     const int index = find_row(id);
     if (index < 0)
         return -1;
@@ -78,18 +96,24 @@ int _orx_fmon_add_watch(uint32_t id, const char *path, uint32_t mask, uint32_t f
                         uint32_t max_subdirs)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     return fmon_add_watch(static_cast<int>(id), path, mask, flags, max_depth, max_subdirs);
 }
 
 int _orx_fmon_del_watch(uint32_t id, const char *path)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     return fmon_del_watch(static_cast<int>(id), path);
 }
 
 int _orx_fmon_global_watch(uint32_t id, uint32_t mask, uint32_t add)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     const int instance = static_cast<int>(id);
     return add ? fmon_add_global_watch(instance, mask) : fmon_del_global_watch(instance, mask);
 }
@@ -97,6 +121,8 @@ int _orx_fmon_global_watch(uint32_t id, uint32_t mask, uint32_t add)
 int _orx_fmon_global_update(uint32_t id)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     return fmon_update_global_watch(static_cast<int>(id));
 }
 
@@ -112,6 +138,8 @@ void _clt_file_enable(uint32_t flag)
 int _orx_fmon_losses(struct fmon_losses *out)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     if (!fmon.inited)
         return FMON_ENOTINIT;
     out->unknown_wd = fmlnx.unknown_wd_count;
@@ -123,6 +151,8 @@ int _orx_fmon_losses(struct fmon_losses *out)
 int _orx_fmon_status(struct fmon_status *out)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     if (!fmon.inited)
         return FMON_ENOTINIT;
     if (out->size < offsetof(struct fmon_status, lost))
@@ -143,6 +173,8 @@ int _orx_fmon_status(struct fmon_status *out)
 int _orx_fmon_dump(uint32_t type, void *arg)
 {
     const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
     return fmon_dump(type, arg);
 }
 

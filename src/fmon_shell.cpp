@@ -20,6 +20,8 @@ struct fmon_shell fmon_shell = {
     .rate_log = 0,
     .hardened = 0,
     .lock = nullptr,
+    .closed = false,
+    .inside = 0,
     .row_count = 0,
     .rows = {},
 };
@@ -84,6 +86,23 @@ int disable()
     return -1;
 }
 
+bool has_row(int id)
+{
+    for (int i = 0; i < fmon_shell.row_count; i++)
+        if (fmon_shell.rows[i].id == id)
+            return true;
+    return false;
+}
+
+/* An instance that its client gave up while the monitor was stopped: nobody would ever take its events. */
+void destroy_rowless()
+{
+    const ShellRows rows;
+    for (int id = 0; id < FMON_MAX_INSTANCES; id++)
+        if (fmon.instances[id].name[0] != '\0' && !has_row(id))
+            fmon_destroy_instance(id);
+}
+
 int start_core()
 {
     fmon.hardened = fmon_shell.hardened;
@@ -93,9 +112,18 @@ int start_core()
         shell_lock_destroy();
         return -1;
     }
+    destroy_rowless();
     if (fmon_rate_ctrl(fmon_shell.rate_limit, fmon_shell.rate_interval, fmon_shell.rate_log) < 0)
         FMON_LOG(1, kFile, "fmon rate ctrl fail\n");
     return 0;
+}
+
+/* The lock and the core. -1: disabled. */
+int start_locked()
+{
+    const ShellClosed closed;
+    fmon_shell.lock = th_mutex_init();
+    return fmon_shell.lock ? start_core() : disable();
 }
 
 /* A thread that cannot be made leaves the monitor started with nobody to read it: clients are served, without events,
@@ -108,29 +136,6 @@ void start_thread()
 }
 
 }  // namespace
-
-ShellLock::ShellLock() : held_(fmon_shell.lock)
-{
-    /* A lock that was refused (a callback that calls back) is not ours to release. */
-    if (held_ && th_mutex_lock(held_) != 0)
-        held_ = nullptr;
-}
-
-ShellLock::~ShellLock()
-{
-    if (held_)
-        th_mutex_unlock(held_);
-}
-
-void shell_lock_destroy(void)
-{
-    void *lock = fmon_shell.lock.exchange(nullptr);
-    if (!lock)
-        return;
-    th_mutex_lock(lock); /* a client that is inside finishes first */
-    th_mutex_unlock(lock);
-    th_mutex_destroy(lock);
-}
 
 int orx_fmon_init(uint32_t, void *)
 {
@@ -146,10 +151,7 @@ int orx_fmon_init(uint32_t, void *)
     fmon_shell.run_state = FMON_RUNNING;
     FMON_LOG(3, kFile, "orx_fmon plugin init");
     load_config();
-    fmon_shell.lock = th_mutex_init();
-    if (!fmon_shell.lock)
-        return disable();
-    if (start_core() < 0)
+    if (start_locked() < 0)
         return -1;
     start_thread();
     return 0;

@@ -2,8 +2,8 @@
  * fmon_shell.h: the plug-in shell: entry, configuration, the monitor thread and the exported client functions, which
  * are declared in orx_fmon.h. The shell's one mutex, the monitor lock, serialises every call into the core.
  *
- * Sources: fmon_shell.cpp (entry, configuration), fmon_thread.cpp (monitor thread), fmon_export.cpp (client
- * functions), container_detect.cpp (host or container).
+ * Sources: fmon_shell.cpp (entry, configuration), fmon_lock.cpp (lock), fmon_thread.cpp (monitor thread),
+ * fmon_export.cpp (client functions), container_detect.cpp (host or container).
  */
 #ifndef FMON_FMON_SHELL_H
 #define FMON_FMON_SHELL_H
@@ -28,14 +28,17 @@ struct fmon_shell {
     std::atomic<int32_t> run_state;
     int32_t max_events, max_dentries, tbd_interval;
     uint32_t rate_limit, rate_interval, rate_log;
-    uint32_t hardened; /* handed to the core at the start */
-    std::atomic<void *> lock; /* null: none yet, or no more */
+    uint32_t hardened;            /* handed to the core at the start */
+    std::atomic<void *> lock;     /* null: none yet, or no more */
+    std::atomic<bool> closed;     /* calls are turned away */
+    std::atomic<uint32_t> inside; /* calls under way */
     int32_t row_count;
     struct shell_row rows[FMON_MAX_INSTANCES];
 };
 extern struct fmon_shell fmon_shell;
 
-/* Holds the monitor lock while it lives; nothing while there is none, the core then answers that it is not started. */
+/* A call into the core. Holds the monitor lock while it lives; nothing while there is none, the core then answers that
+ * it is not started. False: the core is being made or taken down, it must not be called. */
 class ShellLock
 {
 public:
@@ -43,9 +46,35 @@ public:
     ~ShellLock();
     ShellLock(const ShellLock &) = delete;
     ShellLock &operator=(const ShellLock &) = delete;
+    explicit operator bool() const { return open_; }
 
 private:
+    bool open_;
     void *held_; /* what was locked: a start or stop in between replaces the shell's */
+};
+
+/* While it lives, calls are turned away; those that were inside have returned when the constructor does. */
+class ShellClosed
+{
+public:
+    ShellClosed();
+    ~ShellClosed();
+    ShellClosed(const ShellClosed &) = delete;
+    ShellClosed &operator=(const ShellClosed &) = delete;
+};
+
+/* Holds the table's rows while it lives and calls are turned away. False: they no longer are. */
+class ShellRows
+{
+public:
+    ShellRows();
+    ~ShellRows();
+    ShellRows(const ShellRows &) = delete;
+    ShellRows &operator=(const ShellRows &) = delete;
+    explicit operator bool() const { return closed_; }
+
+private:
+    bool closed_;
 };
 
 /* Takes the monitor lock away and destroys it, if it exists. Who holds it finishes first; nobody may be waiting. */

@@ -107,10 +107,9 @@ bool turn(struct monitor_loop *loop)
     return true;
 }
 
-/* Instances and their rows stay for the next start. */
-void end_thread(int error)
+void take_down()
 {
-    FMON_LOG(1, kFile, "select failed: %s\n", strerror(error));
+    const ShellClosed closed;
     shell_lock_destroy();
     fmon_deinit();
     cl_event_loop();
@@ -118,6 +117,13 @@ void end_thread(int error)
     kp_notify_destroy();
     FMON_LOG(3, kFile, "orx_fmon close");
     autolog_deinit();
+}
+
+/* Instances and their rows stay for the next start, which may begin when the state says so. */
+void end_thread(int error)
+{
+    FMON_LOG(1, kFile, "select failed: %s\n", strerror(error));
+    take_down();
     fmon_shell.run_state = FMON_STOPPED;
 }
 

@@ -343,4 +343,31 @@ TEST_F(Entry, StartsAgainAfterTheThreadEnded)
     EXPECT_EQ(2, fmon_shell.row_count);
 }
 
+/* Nobody is left who would take its events. */
+TEST_F(Entry, AnInstanceDeletedWhileStoppedIsNotThereAfterTheRestart)
+{
+    start();
+    EXPECT_EQ(0, client("gone", nullptr));
+    EXPECT_EQ(1, client("stays", nullptr));
+    happens("gone", "1");
+    happens("stays", "1");
+    run_to_the_end();
+    EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_del_instance(0));
+    start();
+    EXPECT_EQ(2u, fmon.inst_mask);
+    EXPECT_STREQ("", fmon.instances[0].name);
+    EXPECT_STREQ("stays", fmon.instances[1].name);
+    EXPECT_EQ(1, fmon.event_count);
+    EXPECT_EQ(0, _orx_fmon_create_instance("new", nullptr));
+}
+
+TEST_F(Entry, CallsWaitForNothingAfterAFailedStart)
+{
+    backend.init_result = -1;
+    EXPECT_EQ(-1, orx_fmon_init(0, nullptr));
+    EXPECT_FALSE(fmon_shell.closed);
+    EXPECT_EQ(0u, fmon_shell.inside);
+    EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_create_instance("a", nullptr));
+}
+
 }  // namespace

@@ -6,6 +6,7 @@
 
 #include <chrono>
 #include <future>
+#include <thread>
 
 #include "shell_fixture.h"
 #include "testlib/records.h"
@@ -81,6 +82,83 @@ TEST_F(Thread, EndsInOrder)
     EXPECT_EQ(1, testlib::loop_calls());
     EXPECT_EQ(1, testlib::autolog_deinits());
     EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);
+}
+
+/* ---- calls while it ends ---- */
+
+std::vector<int> answers; /* of the calls made while the backend is stopped */
+
+/* Every function that needs the core, on a thread of its own. */
+void call_everything()
+{
+    std::thread([] {
+        struct fmon_losses losses;
+        struct fmon_status status = {};
+        status.size = sizeof status;
+        answers = {_orx_fmon_create_instance("late", nullptr),
+                   _orx_fmon_add_watch(0, "/", FMON_CREATE, FMON_DIR, 0, 0),
+                   _orx_fmon_del_watch(0, "/"),
+                   _orx_fmon_global_watch(0, FMON_DELETE, 1),
+                   _orx_fmon_global_update(0),
+                   _orx_fmon_losses(&losses),
+                   _orx_fmon_status(&status),
+                   _orx_fmon_dump(0, nullptr)};
+    }).join();
+}
+
+TEST_F(Thread, CallsAreTurnedAwayWhileItEnds)
+{
+    client("a", nullptr);
+    backend.calls.clear();
+    fmon_method.deinit = call_everything;
+    turns(0);
+    EXPECT_EQ(std::vector<int>(8, FMON_ENOTINIT), answers);
+    EXPECT_EQ(0, backend.count("add_watch(/)"));
+    EXPECT_EQ(0, testlib::mutex_live());
+    EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_create_instance("later", nullptr));
+}
+
+/* Its callback may be gone when the monitor is started again. */
+TEST_F(Thread, AnInstanceDeletedWhileItEndsLosesItsRow)
+{
+    client("a", nullptr);
+    client("b", nullptr);
+    fmon_method.deinit = [] {
+        std::thread([] { answers = {_orx_fmon_del_instance(0), _orx_fmon_del_instance(7)}; }).join();
+    };
+    turns(0);
+    EXPECT_EQ((std::vector<int>{FMON_ENOTINIT, -1}), answers);
+    ASSERT_EQ(1, fmon_shell.row_count);
+    EXPECT_EQ(1, fmon_shell.rows[0].id);
+}
+
+TEST_F(Thread, ACallThatIsInsideIsAwaited)
+{
+    const int id = _orx_fmon_create_instance("a", nullptr);
+    std::promise<void> inside, go_on;
+    bool finished = false;
+    backend.on_add = [&](struct watch *) {
+        inside.set_value();
+        go_on.get_future().wait();
+        finished = true;
+        return FMON_ENOTSUP;
+    };
+    std::thread caller([&] {
+        EXPECT_EQ(FMON_ENOTSUP,
+                  _orx_fmon_add_watch(static_cast<uint32_t>(id), tree.root().c_str(), FMON_CREATE, FMON_DIR, 0, 0));
+    });
+    inside.get_future().wait();
+    std::thread releaser([&] {
+        while (!fmon_shell.closed)
+            std::this_thread::yield();
+        go_on.set_value();
+    });
+    {
+        const ShellClosed closed;
+        EXPECT_TRUE(finished);
+    }
+    caller.join();
+    releaser.join();
 }
 
 TEST_F(Thread, EndsWithoutALock)
