@@ -18,11 +18,12 @@ constexpr uint64_t kDirBits = FAN_ONDIR | FAN_EVENT_ON_CHILD;
 
 unsigned place_flags(uint32_t watch_flags)
 {
+    unsigned follow = (watch_flags & FMON_LINUX_OPENED) ? 0 : FAN_MARK_DONT_FOLLOW;
     if (watch_flags & FMON_DIR)
-        return FAN_MARK_DONT_FOLLOW | FAN_MARK_ONLYDIR;
+        return follow | FAN_MARK_ONLYDIR;
     if (watch_flags & FMON_MOUNT)
-        return FAN_MARK_DONT_FOLLOW | FAN_MARK_MOUNT;
-    return FAN_MARK_DONT_FOLLOW;
+        return follow | FAN_MARK_MOUNT;
+    return follow;
 }
 
 int mark(int fd, unsigned operation, uint64_t mask, int dirfd, const char *path)

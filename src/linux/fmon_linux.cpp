@@ -9,6 +9,7 @@
 #include "checked.h"
 #include "linux/clt_file.h"
 #include "linux/clt_inotify.h"
+#include "linux/inode_index.h"
 #include "linux/inotify.h"
 #include "linux/kp_binding.h"
 #include "linux/mount.h"
@@ -86,6 +87,7 @@ void release_earlier_run()
 {
     free_arrays();
     free(fmlnx.seq.entries);
+    inode_index_release();
     mount_release(&fmlnx.mounts);
 }
 
@@ -176,6 +178,7 @@ int fmon_linux_init(struct fmon *)
     release_earlier_run();
     memset(&fmlnx, 0, sizeof(fmlnx));
     list_init(&fmlnx.mounts);
+    fmlnx.by_descriptor = fmon.hardened && access("/proc/self/fd", X_OK) == 0;
     get_mountinfo(&fmlnx.mounts);
 
     fmlnx.fd_num = decide_fd_num();
@@ -207,6 +210,7 @@ void fmon_linux_deinit(void)
             close(fmlnx.fds[i]);
     }
     inotify_free();
+    inode_index_release();
     fmlnx.initialised = 0;
 }
 

@@ -6,8 +6,9 @@
  * need, and only what nobody else needs is taken away with a watch. Everything runs under the monitor lock.
  *
  * Sources: fmon_linux.cpp (state, start, stop, selection), fmon_linux_marks.cpp (kernel marks of one dentry),
- * fmon_linux_watch.cpp (adding and deleting watches), fmon_linux_tree.cpp (collect, punish, moved and new directories),
- * fmon_linux_mount.cpp (mount watches), fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
+ * fmon_linux_place.cpp (what they are put on), * fmon_linux_watch.cpp (adding and deleting watches),
+ * fmon_linux_tree.cpp (collect, punish, moved and new directories), fmon_linux_mount.cpp (mount watches),
+ * fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
  */
 #ifndef FMON_FMON_LINUX_H
 #define FMON_FMON_LINUX_H
@@ -26,8 +27,9 @@ constexpr int FMON_LINUX_EFANOTIFY = -109;
 constexpr int FMON_LINUX_ESEQ = -110;
 constexpr int FMON_LINUX_EPATH = -117;
 
-/* Internal watch flag: no other watch keeps this mark. */
+/* Internal watch flags: no other watch keeps this mark; the path is an open descriptor's, below /proc. */
 #define FMON_LINUX_LAST_MARK 0x40000u
+#define FMON_LINUX_OPENED 0x80000u
 
 enum { FMON_LINUX_READ_BUFFER = 4096, FMON_LINUX_PASS_LIMIT = 100 };
 
@@ -40,6 +42,21 @@ enum { FAN_FD_FILE = 0, FAN_FD_MOUNT = 1 };
 /* What a directory needs from either source. */
 struct fmon_masks {
     uint32_t fan, ino;
+};
+
+/* What marks are put on, while it is open: a descriptor and the name that leads to it. fd -1: the dentry's path. */
+struct fmon_place {
+    int fd;
+    bool fresh;    /* carries no fanotify mark of the dentry's yet */
+    bool replaced; /* the dentry stood for another object */
+    char link[sizeof("/proc/self/fd/-2147483648")];
+};
+
+/* What is at a dentry's path. */
+enum {
+    PLACE_GONE,     /* nothing that could be its directory, or it is not known what it was */
+    PLACE_SAME,     /* what it stands for */
+    PLACE_OTHER_DIR /* another directory */
 };
 
 /* The block that walks carry from a directory to its children. */
@@ -59,7 +76,9 @@ extern "C" {
 struct fmlnx_t {
     uint32_t initialised;
     int32_t *fds, fd_num, fan_fd[2], inotify_num;
-    uint32_t kp_global; /* system-wide probe sources are usable */
+    uint32_t kp_global;     /* system-wide probe sources are usable */
+    uint32_t by_descriptor; /* marks are put on opened objects, and the index of inodes is kept (inode_index.h) */
+    uint64_t stale_marks;   /* fanotify marks that stayed on directories which left the cached tree */
     struct seq_table seq;
     list_head mounts;
     uint64_t unknown_wd_count, ino_overflow, fan_overflow;
@@ -105,10 +124,31 @@ struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *);
 struct fmon_masks fmon_linux_recursive_masks(struct dentry *);
 inline struct fmon_masks masks_or(struct fmon_masks a, struct fmon_masks b) { return {a.fan | b.fan, a.ino | b.ino}; }
 
-/* Kernel marks. `path` null: the dentry's. 0 or a code. */
-int fmon_linux_fan_up(struct dentry *, const char *path, uint32_t old, uint32_t add, uint32_t flags);
+/* Opens what a dentry's marks go on and enters the dentry into the index as standing for that: by the dentry's path; as
+ * an entry of its parent's open stream; as the child of a parent that is still in its place; only if it is what the
+ * dentry stands for already. Not by_descriptor: nothing is opened, marks go by name. 0, FMON_ENOENT, FMON_LINUX_EPATH,
+ * FMON_ENOMEM or FMON_LINUX_EINOTIFY; nothing is open then. */
+int fmon_linux_place_open(struct fmon_place *, struct dentry *, uint32_t watch_flags);
+int fmon_linux_place_open_at(struct fmon_place *, struct dentry *, int parent_fd);
+int fmon_linux_place_open_child(struct fmon_place *, struct dentry *);
+int fmon_linux_place_reopen(struct fmon_place *, struct dentry *);
+void fmon_linux_place_close(struct fmon_place *);
+
+/* What is at the dentry's path now. PLACE_GONE where the index of inodes is not kept. */
+int fmon_linux_in_place(struct dentry *);
+
+/* The dentry's fanotify mark stays behind on what it stood for. */
+void fmon_linux_lost_mark(struct dentry *);
+
+/* Whether the dentry carries a watch descriptor or a fanotify mark; one that does not leaves the index. */
+inline bool fmon_linux_marked(struct dentry *d) { return owner_of(d)->wd >= 0 || (d->owner_bits & DENTRY_FAN_MARK); }
+void fmon_linux_forget_bare(struct dentry *);
+
+/* Kernel marks. `path` null: the dentry's; with a place, it is only what the log says. 0 or a code. */
+int fmon_linux_fan_up(struct dentry *, const char *path, const struct fmon_place *, uint32_t old, uint32_t add,
+                      uint32_t flags);
 int fmon_linux_fan_down(struct dentry *, const char *path, uint32_t remain, uint32_t del, uint32_t flags);
-int fmon_linux_ino_up(struct dentry *, uint32_t old, uint32_t add);
+int fmon_linux_ino_up(struct dentry *, const struct fmon_place *, uint32_t old, uint32_t add);
 int fmon_linux_ino_down(struct dentry *, uint32_t remain, uint32_t del);
 
 /* Marks everything below `start` that is on disk; `base` is what its directories inherit. FMON_ENOENT. */

@@ -6,6 +6,7 @@
 
 #include "event.h"
 #include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
 #include "linux/inotify.h"
 #include "list.h"
 #include "log.h"
@@ -36,16 +37,45 @@ const char *mark_path(struct dentry *d, const char *given) { return given ? give
 /* Inside a container only the host's tree is of interest; the rest is accepted and never watched. */
 bool outside_host_tree(const char *path) { return g_container_flag && strncmp(path, "/rootfs", 7) != 0; }
 
+/* Ends the kernel's watch, whose IN_IGNORED is still to come. */
+void end_watch(struct dentry *d)
+{
+    struct dentry_owner *own = owner_of(d);
+    if (inotify_del(own->wd) < 0)
+        FMON_LOG(1, kFile, "inotify del failed: %s\n", strerror(errno));
+    if (seq_set(&fmlnx.seq, own->wd, SEQ_POISON) < 0)
+        FMON_LOG(1, kFile, "set seq failed, wd %d\n", own->wd);
+    own->wd = -1;
+}
+
+/* Whether records of the dentry's watch descriptor reach another one, which stands for the same inode. */
+bool lent_wd(struct dentry *d)
+{
+    return fmlnx.by_descriptor && seq_get(&fmlnx.seq, owner_of(d)->wd) != reinterpret_cast<uintptr_t>(d);
+}
+
+/* Lets go of the watch descriptor that another one replaces. */
+void end_old_watch(struct dentry *d)
+{
+    struct dentry_owner *own = owner_of(d);
+    if (lent_wd(d))
+        return;
+    if (inotify_del(own->wd) < 0)
+        FMON_LOG(1, kFile, "del old inotify failed: wd %d\n", own->wd);
+    /* Where the directory went together with its watch, an IN_IGNORED of the old descriptor is under way: it is not one
+     * for a directory that is not known. */
+    if (fmlnx.by_descriptor)
+        seq_set(&fmlnx.seq, own->wd, SEQ_POISON);
+    else if (seq_del(&fmlnx.seq, own->wd) < 0)
+        FMON_LOG(1, kFile, "del seq failed, wd %d\n", own->wd);
+}
+
 /* Gives the dentry its watch descriptor, in place of an older one. */
 int adopt_wd(struct dentry *d, int wd)
 {
     struct dentry_owner *own = owner_of(d);
-    if (own->wd >= 0 && own->wd != wd) {
-        if (inotify_del(own->wd) < 0)
-            FMON_LOG(1, kFile, "del old inotify failed: wd %d\n", own->wd);
-        if (seq_del(&fmlnx.seq, own->wd) < 0)
-            FMON_LOG(1, kFile, "del seq failed, wd %d\n", own->wd);
-    }
+    if (own->wd >= 0 && own->wd != wd)
+        end_old_watch(d);
     if (own->wd == wd)
         return 0;
 
@@ -56,6 +86,70 @@ int adopt_wd(struct dentry *d, int wd)
     inotify_del(wd);
     own->wd = -1;
     return FMON_LINUX_ESEQ;
+}
+
+/* What other dentries need of the inode that the dentry stands for: other names of a file, other mounts of a directory.
+ * `sharer`: one of them, or null. */
+struct fmon_masks shared_masks(struct dentry *d, struct dentry **sharer)
+{
+    struct fmon_masks masks = {0, 0};
+    *sharer = nullptr;
+    if (!(d->owner_bits & DENTRY_INDEXED))
+        return masks;
+    for (struct dentry *other = inode_index_first(d); other; other = inode_index_next(other)) {
+        if (other == d)
+            continue;
+        *sharer = other;
+        masks = masks_or(masks, masks_or(fmon_linux_own_masks(other), fmon_linux_recursive_masks(other)));
+    }
+    return masks;
+}
+
+/* The number that the log tells, of an inode that was not opened. */
+void note_inode(struct dentry *d, const char *path)
+{
+    struct stat st;
+    if (stat(path, &st) == 0)
+        owner_of(d)->ino = st.st_ino;
+    else
+        FMON_LOG(1, kFile, "maybe the file not exist! %s", path);
+}
+
+/* Places the mask, alone or with what else is needed of the inode, on what is open or on what has the name. */
+int set_inotify(struct dentry *d, const struct fmon_place *at, const char *path, uint32_t mask)
+{
+    struct dentry *sharer;
+    if (at && at->fd >= 0)
+        return inotify_set_opened(at->link, mask | shared_masks(d, &sharer).ino);
+    return inotify_set(path, mask);
+}
+
+/* As the place is opened for it, where marks are not put on names. */
+int place_down(struct dentry *d, uint32_t mask)
+{
+    struct fmon_place at;
+    if (fmon_linux_place_reopen(&at, d) < 0)
+        return 0; /* what it stands for went elsewhere; its watch tells more than is needed until that is read */
+    int result = fmon_linux_ino_up(d, &at, 0, mask);
+    fmon_linux_place_close(&at);
+    return result;
+}
+
+/* Leaves the dentry's watch to another one that stands for the same inode. */
+int leave_watch(struct dentry *d, struct dentry *heir)
+{
+    int wd = owner_of(d)->wd;
+    owner_of(d)->wd = -1;
+    owner_of(heir)->wd = -1;
+    return adopt_wd(heir, wd);
+}
+
+int mark_fanotify(const struct fmon_place *at, const char *path, uint32_t bits, uint32_t flags,
+                  int (*call)(int, const char *, uint32_t, uint32_t))
+{
+    if (at && at->fd >= 0)
+        return call(fan_fd_for(flags), at->link, bits, flags | FMON_LINUX_OPENED);
+    return call(fan_fd_for(flags), path, bits, flags);
 }
 
 }  // namespace
@@ -73,7 +167,8 @@ struct fmon_masks fmon_linux_recursive_masks(struct dentry *d)
 }
 
 /* The words "down" in the two lines of the mark-up functions are the log's established text. */
-int fmon_linux_fan_up(struct dentry *d, const char *path, uint32_t old, uint32_t add, uint32_t flags)
+int fmon_linux_fan_up(struct dentry *d, const char *path, const struct fmon_place *at, uint32_t old, uint32_t add,
+                      uint32_t flags)
 {
     uint32_t bits = add & ~old;
     if (bits == 0)
@@ -83,8 +178,11 @@ int fmon_linux_fan_up(struct dentry *d, const char *path, uint32_t old, uint32_t
         return FMON_LINUX_EPATH;
 
     FMON_LOG(4, kFile, "fanotify down: %s event %s flags %s\n", path, event_str(bits), flags_str(flags));
-    if (fanotify_add(fan_fd_for(flags), path, bits, flags) >= 0)
+    if (mark_fanotify(at, path, bits, flags, fanotify_add) >= 0) {
+        if (d && !(flags & FMON_MOUNT))
+            d->owner_bits |= DENTRY_FAN_MARK;
         return 0;
+    }
     int error = errno;
     FMON_LOG(1, kFile, "fanotify add failed: %s\n", strerror(error));
     return error == ENOENT ? FMON_ENOENT : FMON_LINUX_EFANOTIFY;
@@ -92,6 +190,12 @@ int fmon_linux_fan_up(struct dentry *d, const char *path, uint32_t old, uint32_t
 
 int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uint32_t del, uint32_t flags)
 {
+    struct fmon_place at = {};
+    at.fd = -1;
+    bool opened = d && fmlnx.by_descriptor && !(flags & FMON_MOUNT);
+    struct dentry *sharer;
+    if (opened)
+        remain |= shared_masks(d, &sharer).fan;
     uint32_t bits = del & ~remain;
     if (bits == 0)
         return 0;
@@ -102,13 +206,23 @@ int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uin
     FMON_LOG(4, kFile, "fanotify del: %s event %s flags %s\n", path, event_str(bits), flags_str(flags));
     if (remain == 0)
         flags |= FMON_LINUX_LAST_MARK;
-    if (fanotify_del(fan_fd_for(flags), path, bits, flags) >= 0)
+    if (opened && fmon_linux_place_reopen(&at, d) < 0) {
+        FMON_LOG(2, kFile, "fanotify file path lost, can't remove\n");
+        fmon_linux_lost_mark(d);
         return 0;
-    FMON_LOG(1, kFile, "fanotify del failed: %s\n", strerror(errno));
+    }
+    int result = mark_fanotify(&at, path, bits, flags, fanotify_del);
+    int error = errno;
+    fmon_linux_place_close(&at);
+    if (d && remain == 0)
+        d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+    if (result >= 0)
+        return 0;
+    FMON_LOG(1, kFile, "fanotify del failed: %s\n", strerror(error));
     return FMON_LINUX_EFANOTIFY;
 }
 
-int fmon_linux_ino_up(struct dentry *d, uint32_t old, uint32_t add)
+int fmon_linux_ino_up(struct dentry *d, const struct fmon_place *at, uint32_t old, uint32_t add)
 {
     uint32_t mask = old | add;
     if (mask == 0)
@@ -122,18 +236,15 @@ int fmon_linux_ino_up(struct dentry *d, uint32_t old, uint32_t add)
 
     FMON_LOG(4, kFile, "inotify down: %s old %s, new %s, old wd %d\n", path, event_str(old), event_str2(add), own->wd);
     /* The mask replaces any earlier one on the inode, so it always carries what the others need too. */
-    int wd = inotify_set(path, mask);
+    int wd = set_inotify(d, at, path, mask);
     if (wd < 0) {
         int error = errno;
         FMON_LOG(1, kFile, "inotify add failed: %s\n", strerror(error));
         return error == ENOENT ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
     }
 
-    struct stat st;
-    if (stat(path, &st) == 0)
-        own->ino = st.st_ino;
-    else
-        FMON_LOG(1, kFile, "maybe the file not exist! %s", path);
+    if (!at || at->fd < 0)
+        note_inode(d, path);
     unsigned long ino = static_cast<unsigned long>(own->ino);
     FMON_LOG(3, kFile, "path:%s,inode:%lu", path, ino);
     FMON_LOG(3, kFile, "wd %d,path:%s,inode:%lu\n", wd, path, ino);
@@ -149,15 +260,21 @@ int fmon_linux_ino_down(struct dentry *d, uint32_t remain, uint32_t del)
         FMON_LOG(1, kFile, "wd is -1, but has events, remain %s, old %s\n", event_str(remain), event_str2(del));
         return -1;
     }
+    struct dentry *sharer;
+    uint32_t shared = shared_masks(d, &sharer).ino;
     if (remain != 0)
-        return fmon_linux_ino_up(d, 0, remain);
+        return place_down(d, remain);
+    if (lent_wd(d)) {
+        own->wd = -1;
+        return 0;
+    }
+    if (shared != 0) {
+        int result = place_down(d, shared);
+        return result < 0 ? result : leave_watch(d, sharer);
+    }
 
     FMON_LOG(4, kFile, "inotify remove %s wd %d, remain %s, del %s\n", dentry_path(d), own->wd, event_str(remain),
              event_str2(del));
-    if (inotify_del(own->wd) < 0)
-        FMON_LOG(1, kFile, "inotify del failed: %s\n", strerror(errno));
-    if (seq_set(&fmlnx.seq, own->wd, SEQ_POISON) < 0)
-        FMON_LOG(1, kFile, "set seq failed, wd %d\n", own->wd);
-    own->wd = -1;
+    end_watch(d);
     return 0;
 }

@@ -48,7 +48,7 @@ int mark_mount(struct mount_entry *m, struct watch *w)
     struct mount_link *link = static_cast<struct mount_link *>(calloc(1, sizeof(*link)));
     if (!link)
         return FMON_ENOMEM;
-    int result = fmon_linux_fan_up(nullptr, m->mount, old, w->fan_mask, FMON_MOUNT);
+    int result = fmon_linux_fan_up(nullptr, m->mount, nullptr, old, w->fan_mask, FMON_MOUNT);
     if (result < 0) {
         FMON_LOG(1, kFile, "watch mount %s failed\n", m->mount);
         free(link);
@@ -98,7 +98,7 @@ int mark_mount_of(struct watch *w)
 /* The container does not see the host's mount table as the host does: the path itself is marked, without a link. */
 int mark_container_mount(struct watch *w)
 {
-    int result = fmon_linux_fan_up(w->dentry, w->path, 0, w->fan_mask, FMON_MOUNT);
+    int result = fmon_linux_fan_up(w->dentry, w->path, nullptr, 0, w->fan_mask, FMON_MOUNT);
     if (result < 0)
         FMON_LOG(1, kFile, "watch mount %s failed\n", w->path);
     return result;

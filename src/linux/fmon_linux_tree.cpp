@@ -1,9 +1,12 @@
 /* Keeping the cached tree and the kernel marks in step: subtrees that are watched, unwatched, moved, made or gone. */
+#include <sys/stat.h>
+
 #include <cstring>
 
 #include "event.h"
 #include "linux/dcache_iterate.h"
 #include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
 #include "linux/inotify.h"
 #include "list.h"
 #include "log.h"
@@ -77,6 +80,37 @@ bool covered_by_recursive(struct dentry *d, struct dentry **watched)
     return false;
 }
 
+bool is_bare(struct dentry *d) { return no_watches(d) && no_children(d) && !fmon_linux_marked(d); }
+
+/* Marks one directory as an entry of the stream that the walk reads. */
+void mark_entry(const struct dcache_iterate *walk, struct dentry *d, struct fmon_masks masks)
+{
+    struct fmon_place at;
+    if (fmon_linux_place_open_at(&at, d, dirfd(walk->cur.dir)) < 0)
+        return;
+    fmon_linux_fan_up(d, nullptr, &at, 0, masks.fan, FMON_DIR);
+    fmon_linux_ino_up(d, &at, 0, masks.ino);
+    fmon_linux_place_close(&at);
+    fmon_linux_forget_bare(d);
+}
+
+/* Frees what a walk cached and could not mark: nothing else would, and it would fill the cache. */
+void drop_bare_below(struct dentry *start)
+{
+    for_each_below(start, {0, 0}, [](struct dentry *d, struct fmon_masks) {
+        if (is_bare(d) && fmon_linux_drop_dentry(d) < 0)
+            FMON_LOG(1, kFile, "remove dentry failed\n");
+    });
+}
+
+/* Whether the walk begins in the directory that `start` stands for; where the index is not kept it is taken so. */
+bool walks_in_place(const struct dcache_iterate *walk, struct dentry *start)
+{
+    struct stat st;
+    return !fmlnx.by_descriptor ||
+           (fstat(dirfd(walk->cur.dir), &st) == 0 && inode_index_is(start, st.st_dev, st.st_ino));
+}
+
 }  // namespace
 
 int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max_subdirs, struct fmon_masks base)
@@ -87,14 +121,22 @@ int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max
         FMON_LOG(2, kFile, "iterate %s failed\n", dentry_path(start));
         return FMON_ENOENT;
     }
+    if (!walks_in_place(&walk, start)) {
+        FMON_LOG(2, kFile, "%s is another directory now, not walked\n", dentry_path(start));
+        dcache_iterate_stop(&walk);
+        return FMON_ENOENT;
+    }
+    bool some_bare = false;
     while (struct dentry *d = dcache_iterate_next(&walk)) {
         struct fmon_masks inherited = masks_or(masks_in(walk.cur.data), fmon_linux_recursive_own_masks(d));
         put_masks(walk.pending.data, inherited);
         struct fmon_masks masks = masks_or(inherited, fmon_linux_own_masks(d));
-        fmon_linux_fan_up(d, nullptr, 0, masks.fan, FMON_DIR);
-        fmon_linux_ino_up(d, 0, masks.ino);
+        mark_entry(&walk, d, masks);
+        some_bare |= !fmon_linux_marked(d);
     }
     dcache_iterate_stop(&walk);
+    if (some_bare)
+        drop_bare_below(start);
     return 0;
 }
 
@@ -105,6 +147,7 @@ void fmon_linux_unwatch_subtree(struct dentry *start, struct fmon_masks inherite
         log_dentry(d, remain);
         fmon_linux_fan_down(d, nullptr, remain.fan, removed.fan, FMON_DIR);
         fmon_linux_ino_down(d, remain.ino, removed.ino);
+        fmon_linux_forget_bare(d);
         if (!no_watches(d) || !no_children(d) || remain.fan || remain.ino)
             return;
         FMON_LOG(4, kFile, "dentry %s removed\n", dentry_path(d));
@@ -122,6 +165,10 @@ int fmon_linux_drop_dentry(struct dentry *d)
         inotify_del(wd);
         seq_set(&fmlnx.seq, wd, SEQ_POISON);
         owner_of(d)->wd = -1;
+    }
+    if (d->parent && no_children(d)) {
+        fmon_linux_lost_mark(d);
+        inode_index_remove(d);
     }
     return dcache_del(&fmon.dcache, d);
 }
@@ -154,7 +201,9 @@ void fmon_linux_punish(struct dentry *d, uint32_t fe, uint32_t ie)
     }
     if (fe != 0)
         FMON_LOG(2, kFile, "fanotify file path lost, can't remove\n");
+    fmon_linux_lost_mark(d);
     fmon_linux_ino_down(d, 0, ie);
+    fmon_linux_forget_bare(d);
     if (!no_watches(d) || !no_children(d))
         return;
     FMON_LOG(4, kFile, "dentry %s punished\n", dentry_path(d));
@@ -162,14 +211,25 @@ void fmon_linux_punish(struct dentry *d, uint32_t fe, uint32_t ie)
         FMON_LOG(1, kFile, "remove dentry failed\n");
 }
 
-void fmon_linux_moved_away(struct dentry *d)
+namespace
 {
-    FMON_LOG(4, kFile, "collect moved dentry %s\n", dentry_path(d));
-    struct fmon_masks rec = fmon_linux_recursive_masks(d);
+
+/* Lets go of everything below a directory that is not at its place any more; `rec`: what is inherited there. */
+void let_go_below(struct dentry *d, struct fmon_masks rec)
+{
     for_each_below(d, rec, [](struct dentry *below, struct fmon_masks masks) {
         log_dentry(below, masks);
         fmon_linux_punish(below, masks.fan, masks.ino);
     });
+}
+
+}  // namespace
+
+void fmon_linux_moved_away(struct dentry *d)
+{
+    FMON_LOG(4, kFile, "collect moved dentry %s\n", dentry_path(d));
+    struct fmon_masks rec = fmon_linux_recursive_masks(d);
+    let_go_below(d, rec);
 
     struct dentry *parent = d->parent;
     struct fmon_masks masks = masks_or(rec, fmon_linux_own_masks(d));
@@ -177,35 +237,62 @@ void fmon_linux_moved_away(struct dentry *d)
     fmon_linux_collect(parent);
 }
 
+namespace
+{
+
+/* What a directory at the dentry's name has to carry: what it inherits and, hardened, what watches of its own want. */
+struct fmon_masks wanted_at(struct dentry *d, struct fmon_masks inherited)
+{
+    return fmon.hardened && d ? masks_or(inherited, fmon_linux_own_masks(d)) : inherited;
+}
+
+int refuse_new(struct dentry *parent, const char *name, int moved)
+{
+    if (moved)
+        FMON_LOG(2, kFile, "add sub failed\n");
+    else
+        FMON_LOG(2, kFile, "add sub dentry failed: %s sub %s\n", dentry_path(parent), name);
+    return moved ? 0 : -1;
+}
+
+/* `rec`: what the directory inherits. */
+void mark_new(struct dentry *d, struct fmon_masks rec, int moved)
+{
+    struct fmon_place at;
+    if (fmon_linux_place_open_child(&at, d) < 0)
+        return;
+    if (at.replaced)
+        let_go_below(d, fmon_linux_recursive_masks(d));
+    struct fmon_masks masks = wanted_at(d, rec);
+    fmon_linux_fan_up(d, nullptr, &at, 0, masks.fan, FMON_DIR);
+    fmon_linux_ino_up(d, &at, 0, masks.ino);
+    fmon_linux_place_close(&at);
+    /* What a created directory holds by now is not walked, and no depth limit applies: established behaviour. A moved
+     * one is walked even when it could not be marked itself. */
+    if (moved)
+        fmon_linux_mark_subtree(d, 0, 0, fmon.hardened ? fmon_linux_recursive_masks(d) : rec);
+}
+
+}  // namespace
+
 int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved)
 {
     struct fmon_masks rec = fmon_linux_recursive_masks(parent);
-    if (rec.fan == 0 && rec.ino == 0)
+    struct dentry *d = dcache_find_sub(&fmon.dcache, parent, name);
+    struct fmon_masks masks = wanted_at(d, rec);
+    if (masks.fan == 0 && masks.ino == 0)
         return 0;
-    bool known = dcache_find_sub(&fmon.dcache, parent, name) != nullptr;
-    struct dentry *d = dcache_add_sub(&fmon.dcache, parent, name);
-    if (!d && moved) {
-        FMON_LOG(2, kFile, "add sub failed\n");
-        return 0;
-    }
-    if (!d) {
-        FMON_LOG(2, kFile, "add sub dentry failed: %s sub %s\n", dentry_path(parent), name);
-        return -1;
-    }
+    bool known = d != nullptr;
+    d = dcache_add_sub(&fmon.dcache, parent, name);
+    if (!d)
+        return refuse_new(parent, name, moved);
     if (!moved)
-        FMON_LOG(4, kFile, "monitor new dir: %s fanotify %s, inotify %s\n", dentry_path(d), event_str(rec.fan),
-                 event_str2(rec.ino));
-
-    fmon_linux_fan_up(d, nullptr, 0, rec.fan, FMON_DIR);
-    int result = fmon_linux_ino_up(d, 0, rec.ino);
-    /* A directory that was gone again before it could be watched never gets an IN_IGNORED: nothing else would free it,
-     * and such pairs would fill the cache. */
-    if (result < 0 && !known && no_watches(d) && no_children(d) && owner_of(d)->wd < 0) {
-        dcache_del(&fmon.dcache, d);
-        return 0;
-    }
-    /* What a created directory holds by now is not walked, and no depth limit applies: established behaviour. */
-    if (moved)
-        fmon_linux_mark_subtree(d, 0, 0, rec);
+        FMON_LOG(4, kFile, "monitor new dir: %s fanotify %s, inotify %s\n", dentry_path(d), event_str(masks.fan),
+                 event_str2(masks.ino));
+    mark_new(d, rec, moved);
+    fmon_linux_forget_bare(d);
+    /* Nothing would free it: no IN_IGNORED comes for what carries nothing, and such dentries would fill the cache. */
+    if (!known && is_bare(d))
+        fmon_linux_drop_dentry(d);
     return 0;
 }

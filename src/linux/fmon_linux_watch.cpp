@@ -35,17 +35,17 @@ void split_mask(struct watch *w)
     FMON_LOG(4, kFile, "fanotify event: %s, inotify event: %s\n", event_str(w->fan_mask), event_str2(w->ino_mask));
 }
 
-/* `made`: the dentry is new to the cache, so no mark of ours can be on it, whatever its ancestors want. */
-int add_tree_watch(struct watch *w, bool made)
+/* Places the watch's marks on what is open; `made`: the dentry is new to the cache, so no mark of ours can be on it,
+ * whatever its ancestors want. What was opened may be new to the dentry, too: then it carries nothing yet. */
+int mark_watched(struct watch *w, const struct fmon_place *at, bool made, struct fmon_masks rec)
 {
     struct dentry *d = w->dentry;
-    struct fmon_masks rec = fmon_linux_recursive_masks(d); /* the new watch is not linked yet */
-    struct fmon_masks others = masks_or(fmon_linux_own_masks(d), rec);
-
-    int result = fmon_linux_fan_up(d, nullptr, made ? 0 : others.fan, w->fan_mask, w->flags);
+    struct fmon_masks others = masks_or(fmon_linux_own_masks(d), rec); /* the new watch is not linked yet */
+    uint32_t fan_mask = at->replaced ? w->fan_mask | others.fan : w->fan_mask;
+    int result = fmon_linux_fan_up(d, nullptr, at, made || at->fresh ? 0 : others.fan, fan_mask, w->flags);
     if (result < 0)
         return result;
-    result = fmon_linux_ino_up(d, others.ino, w->ino_mask);
+    result = fmon_linux_ino_up(d, at, others.ino, w->ino_mask);
     if (result >= 0 && (w->flags & FMON_RECURSIVE)) {
         struct fmon_masks base = masks_or(rec, {w->fan_mask, w->ino_mask});
         result = fmon_linux_mark_subtree(d, w->max_depth, w->max_subdirs, base);
@@ -54,6 +54,19 @@ int add_tree_watch(struct watch *w, bool made)
     }
     if (result < 0)
         fmon_linux_fan_down(d, nullptr, others.fan, w->fan_mask, w->flags);
+    return result;
+}
+
+int add_tree_watch(struct watch *w, bool made)
+{
+    struct fmon_place at;
+    int result = fmon_linux_place_open(&at, w->dentry, w->flags);
+    if (result < 0)
+        return result;
+    result = mark_watched(w, &at, made, fmon_linux_recursive_masks(w->dentry));
+    fmon_linux_place_close(&at);
+    if (result < 0)
+        fmon_linux_forget_bare(w->dentry);
     return result;
 }
 
@@ -115,6 +128,7 @@ int fmon_linux_del_watch(struct fmon *, struct watch *w)
     struct fmon_masks remain = masks_or(fmon_linux_own_masks(d), rec);
     int fan_result = fmon_linux_fan_down(d, nullptr, remain.fan, w->fan_mask, w->flags);
     int ino_result = fmon_linux_ino_down(d, remain.ino, w->ino_mask);
+    fmon_linux_forget_bare(d);
     fmon_linux_collect(d);
     w->dentry = nullptr;
     return fan_result ? fan_result : ino_result;

@@ -79,6 +79,25 @@ void close_gap(uint32_t gap)
     }
 }
 
+/* From `slot` to the end of its run. */
+struct dentry *find_from(uint32_t slot, uint32_t dev, uint64_t ino)
+{
+    for (; table.slots[slot]; slot = after(slot)) {
+        const struct dentry_owner *own = owner_of(table.slots[slot]);
+        if (own->ino == ino && own->dev == dev)
+            return table.slots[slot];
+    }
+    return nullptr;
+}
+
+uint32_t slot_of(struct dentry *d)
+{
+    uint32_t slot = home_of(d);
+    while (table.slots[slot] != d)
+        slot = after(slot);
+    return slot;
+}
+
 }  // namespace
 
 int inode_index_set(struct dentry *d, uint64_t dev, uint64_t ino)
@@ -100,22 +119,22 @@ void inode_index_remove(struct dentry *d)
 {
     if (!(d->owner_bits & DENTRY_INDEXED))
         return;
-    uint32_t slot = home_of(d);
-    while (table.slots[slot] != d)
-        slot = after(slot);
-    close_gap(slot);
+    close_gap(slot_of(d));
     table.count--;
     d->owner_bits &= static_cast<uint16_t>(~DENTRY_INDEXED);
 }
 
 struct dentry *inode_index_find(uint64_t dev, uint64_t ino)
 {
-    if (table.count == 0)
-        return nullptr;
-    for (uint32_t slot = home_of(short_dev(dev), ino); table.slots[slot]; slot = after(slot))
-        if (inode_index_is(table.slots[slot], dev, ino))
-            return table.slots[slot];
-    return nullptr;
+    uint32_t short_form = short_dev(dev);
+    return table.count ? find_from(home_of(short_form, ino), short_form, ino) : nullptr;
+}
+
+struct dentry *inode_index_first(struct dentry *d) { return find_from(home_of(d), owner_of(d)->dev, owner_of(d)->ino); }
+
+struct dentry *inode_index_next(struct dentry *d)
+{
+    return find_from(after(slot_of(d)), owner_of(d)->dev, owner_of(d)->ino);
 }
 
 bool inode_index_is(struct dentry *d, uint64_t dev, uint64_t ino)

@@ -23,6 +23,11 @@ void inode_index_remove(struct dentry *); /* also for one that is not in it */
 /* A dentry that stands for the inode, or null. Of several, any. */
 struct dentry *inode_index_find(uint64_t dev, uint64_t ino);
 
+/* All that stand for the same inode as a dentry that is in the index, in no order: the first, and the one after `d` or
+ * null. The index must not change meanwhile. */
+struct dentry *inode_index_first(struct dentry *d);
+struct dentry *inode_index_next(struct dentry *d);
+
 /* Whether the dentry is in the index under that inode. */
 bool inode_index_is(struct dentry *, uint64_t dev, uint64_t ino);
 

@@ -38,6 +38,8 @@ int inotify_set(const char *path, uint32_t mask)
     return inotify_add_watch(inotify_ctx.fd, path, mask | IN_DONT_FOLLOW);
 }
 
+int inotify_set_opened(const char *link, uint32_t mask) { return inotify_add_watch(inotify_ctx.fd, link, mask); }
+
 int inotify_del(int wd) { return inotify_rm_watch(inotify_ctx.fd, wd); }
 
 void inotify_free(void)

@@ -16,6 +16,9 @@ FMON_API int inotify_set(const char *path, uint32_t mask); /* never follows a li
 FMON_API int inotify_del(int wd);
 FMON_API void inotify_free(void);
 
+/* (Hidden.) As inotify_set, of an open descriptor's name below /proc. */
+int inotify_set_opened(const char *link, uint32_t mask);
+
 /* (Hidden.) The descriptor, -1: none. */
 int inotify_descriptor(void);
 

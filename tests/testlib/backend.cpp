@@ -3,6 +3,7 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/fanotify.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -36,9 +37,19 @@ int paper_init(unsigned, unsigned event_flags)
     return open("/dev/null", O_RDONLY);
 }
 
+/* A mark on an open object is noted as one on its name. */
+MarkCall as_named(int fd, unsigned flags, uint64_t mask, int dirfd, const char *path)
+{
+    char name[4096];
+    ssize_t length = strncmp(path, "/proc/self/fd/", 14) == 0 ? readlink(path, name, sizeof(name)) : -1;
+    if (length < 0)
+        return {fd, flags, mask, dirfd, path};
+    return {fd, flags | FAN_MARK_DONT_FOLLOW, mask, dirfd, std::string(name, static_cast<size_t>(length))};
+}
+
 int paper_mark(int fd, unsigned flags, uint64_t mask, int dirfd, const char *path)
 {
-    paper->marks.push_back({fd, flags, mask, dirfd, path ? path : ""});
+    paper->marks.push_back(as_named(fd, flags, mask, dirfd, path ? path : ""));
     int nth = static_cast<int>(paper->marks.size());
     if (paper->mark_error && (paper->fail_mark_at == 0 || paper->fail_mark_at == nth)) {
         errno = paper->mark_error;

@@ -259,4 +259,73 @@ TEST_F(Tree, EveryFailedCallOfANewDirectoryKeepsTheTreeSound)
     }
 }
 
+TEST_F(Tree, AMovedTreeIsWalkedWhateverItsRootsMarkDid)
+{
+    for (int error : {ENOSPC, ENOENT}) {
+        EXPECT_EQ(0, m.add(t, FMON_CREATE, kFlags));
+        tree.dir("outside/a/b");
+        rename(tree.path("outside").c_str(), (t + "/in").c_str());
+        {
+            Fault fault("inotify_add_watch", 1, error);
+            m.feed(0, inotify_record(wd_of(t), IN_MOVED_TO | IN_ISDIR, "in"));
+            EXPECT_TRUE(fault.hit());
+        }
+        EXPECT_EQ(kernel_mask(t), kernel_mask(t + "/in/a")) << error;
+        EXPECT_EQ(kernel_mask(t), kernel_mask(t + "/in/a/b")) << error;
+        EXPECT_EQ(0, m.del(t));
+        tree.remove("t/in");
+        pump_all();
+    }
+}
+
+TEST_F(Tree, DirectoriesThatCannotBeMarkedAreNotKept)
+{
+    watch();
+    uint32_t before = fmon.dcache.count;
+    tree.dir("outside/a/b");
+    rename(tree.path("outside").c_str(), (t + "/in").c_str());
+    tree.dir("t/made");
+    {
+        Fault fault("inotify_add_watch", 1, ENOSPC, 100);
+        m.feed(0, inotify_record(wd_of(t), IN_MOVED_TO | IN_ISDIR, "in"));
+        m.feed(0, inotify_record(wd_of(t), IN_CREATE | IN_ISDIR, "made"));
+    }
+    EXPECT_EQ(before, fmon.dcache.count);
+}
+
+TEST_F(Tree, FailedFanotifyMarksAloneAreNotKept)
+{
+    EXPECT_EQ(0, m.add(t, FMON_MODIFY, FMON_DIR | FMON_RECURSIVE));
+    EXPECT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE | FMON_MOVED_TO, FMON_DIR, 0, 0));
+    uint32_t before = fmon.dcache.count;
+    m.fanotify.mark_error = ENOSPC;
+    tree.dir("t/made");
+    tree.dir("outside/a/b");
+    rename(tree.path("outside").c_str(), (t + "/in").c_str());
+    pump_all();
+    EXPECT_EQ(before, fmon.dcache.count);
+    m.fanotify.mark_error = 0;
+}
+
+/* Paths of more than 1022 bytes cannot be told, nor marked. */
+TEST_F(Tree, WhatLiesTooDeepIsNotKept)
+{
+    watch();
+    uint32_t before = fmon.dcache.count;
+    for (int round = 0; round < 3; round++) {
+        std::string deep = "outside";
+        while (tree.path(deep).size() < 900)
+            deep += "/" + std::string(100, 'd');
+        tree.dir(deep + "/" + std::string(200, 'x'));
+        for (int i = 0; i < 20; i++)
+            tree.dir(deep + "/" + std::string(200, 'y') + std::to_string(i));
+        rename(tree.path("outside").c_str(), (t + "/in").c_str());
+        pump_all();
+        EXPECT_GT(fmon.dcache.count, before + 5);
+        tree.remove("t/in");
+        pump_all();
+        EXPECT_EQ(before, fmon.dcache.count) << round;
+    }
+}
+
 }  // namespace

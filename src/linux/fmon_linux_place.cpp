@@ -1,0 +1,163 @@
+/*
+ * What a mark is put on. A hardened monitor opens it first and marks what it opened, so that all marks land on one
+ * object and the index of inodes says which, whatever has the name by then.
+ */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+
+#include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "linux/fmon_linux.c";
+
+constexpr int kOpen = O_PATH | O_NOFOLLOW | O_CLOEXEC;
+
+int open_flags(uint32_t watch_flags) { return (watch_flags & FMON_DIR) ? kOpen | O_DIRECTORY : kOpen; }
+
+/* Kernels before 3.6 refuse the plain call for a descriptor that gives no access. */
+bool look(int fd, struct stat *st)
+{
+    return fd >= 0 && (fstat(fd, st) == 0 || fstatat(fd, "", st, AT_EMPTY_PATH) == 0);
+}
+
+int failed(struct dentry *d)
+{
+    int error = errno;
+    FMON_LOG(1, kFile, "open %s to mark it failed: %s\n", dentry_path(d), strerror(error));
+    return error == ENOENT || error == ENOTDIR || error == ELOOP ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+}
+
+/* Takes the descriptor, and enters what it is of into the index. */
+int settle(struct fmon_place *at, struct dentry *d, int fd)
+{
+    struct stat st;
+    if (!look(fd, &st)) {
+        int result = failed(d);
+        if (fd >= 0)
+            close(fd);
+        return result;
+    }
+    at->fresh = !(d->owner_bits & DENTRY_FAN_MARK);
+    at->replaced = (d->owner_bits & DENTRY_INDEXED) && !inode_index_is(d, st.st_dev, st.st_ino);
+    /* One that was removed can still be opened through its descriptor's name, and would never be heard of again. */
+    int result = st.st_nlink == 0 ? FMON_ENOENT : inode_index_set(d, st.st_dev, st.st_ino);
+    if (result < 0) {
+        close(fd);
+        return result;
+    }
+    if (at->replaced)
+        fmon_linux_lost_mark(d);
+    at->fd = fd;
+    snprintf(at->link, sizeof(at->link), "/proc/self/fd/%d", fd);
+    return 0;
+}
+
+/* The directory, when it still is where its dentry says; else -1. */
+int open_parent(struct dentry *d)
+{
+    const char *path = dentry_path_null(d);
+    int fd = path ? open(path, kOpen | O_DIRECTORY) : -1;
+    struct stat st;
+    if (look(fd, &st) && (!(d->owner_bits & DENTRY_INDEXED) || inode_index_is(d, st.st_dev, st.st_ino)))
+        return fd;
+    if (fd >= 0) {
+        close(fd);
+        errno = ENOENT; /* what the dentry stood for is not there any more */
+    }
+    return -1;
+}
+
+}  // namespace
+
+int fmon_linux_place_open(struct fmon_place *at, struct dentry *d, uint32_t flags)
+{
+    *at = {};
+    at->fd = -1;
+    if (!fmlnx.by_descriptor)
+        return 0;
+    const char *path = dentry_path_null(d);
+    return path ? settle(at, d, open(path, open_flags(flags))) : FMON_LINUX_EPATH;
+}
+
+int fmon_linux_place_open_at(struct fmon_place *at, struct dentry *d, int parent_fd)
+{
+    *at = {};
+    at->fd = -1;
+    if (!fmlnx.by_descriptor)
+        return 0;
+    if (!dentry_path_null(d)) /* its events could not be told */
+        return FMON_LINUX_EPATH;
+    return settle(at, d, openat(parent_fd, dentry_name(d), open_flags(FMON_DIR)));
+}
+
+int fmon_linux_place_open_child(struct fmon_place *at, struct dentry *d)
+{
+    *at = {};
+    at->fd = -1;
+    if (!fmlnx.by_descriptor)
+        return 0;
+    int parent_fd = open_parent(d->parent);
+    if (parent_fd < 0)
+        return failed(d);
+    int result = fmon_linux_place_open_at(at, d, parent_fd);
+    close(parent_fd);
+    return result;
+}
+
+int fmon_linux_place_reopen(struct fmon_place *at, struct dentry *d)
+{
+    *at = {};
+    at->fd = -1;
+    if (!fmlnx.by_descriptor)
+        return 0;
+    const char *path = dentry_path_null(d);
+    int fd = path ? open(path, kOpen) : -1;
+    struct stat st;
+    if (!look(fd, &st) || !inode_index_is(d, st.st_dev, st.st_ino)) {
+        if (fd >= 0)
+            close(fd);
+        return FMON_ENOENT;
+    }
+    return settle(at, d, fd);
+}
+
+void fmon_linux_lost_mark(struct dentry *d)
+{
+    if (!(d->owner_bits & DENTRY_FAN_MARK))
+        return;
+    d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+    fmlnx.stale_marks++;
+}
+
+void fmon_linux_forget_bare(struct dentry *d)
+{
+    if (!fmon_linux_marked(d))
+        inode_index_remove(d);
+}
+
+void fmon_linux_place_close(struct fmon_place *at)
+{
+    if (at->fd >= 0)
+        close(at->fd);
+    at->fd = -1;
+}
+
+int fmon_linux_in_place(struct dentry *d)
+{
+    struct stat st;
+    const char *path = fmlnx.by_descriptor ? dentry_path_null(d) : nullptr;
+    if (!path || lstat(path, &st) != 0)
+        return PLACE_GONE;
+    if (inode_index_is(d, st.st_dev, st.st_ino))
+        return PLACE_SAME;
+    return S_ISDIR(st.st_mode) ? PLACE_OTHER_DIR : PLACE_GONE;
+}
