@@ -104,7 +104,7 @@ struct fmon_loss_counts {
     uint64_t inotify;    /* overflows of the kernel's inotify queue: how many events each lost is not known */
     uint64_t fanotify;   /* overflows of a fanotify queue */
     uint64_t unopened;   /* fanotify events whose file could not be opened */
-    uint64_t unknown_wd; /* inotify records for a watch descriptor that is not known */
+    uint64_t unknown_wd; /* inotify records for an entry of a directory that is not known */
     uint64_t path;       /* events whose path is too long, or is not that of the file they are for */
     uint64_t memory;     /* events for which there was no memory */
     /* records of kernel probes, by the members of kp_losses; 0 where the library does not count */

@@ -177,7 +177,7 @@ FMON_API int fmon_linux_read_event2(struct fmon *, uint32_t now_ms, fmon_event_c
 
 /* What records of the inotify descriptor and of the inotify probe share: a descriptor that stands for nothing is
  * counted; a watch that the kernel dropped; the tree's part in an event, which calls the handlers below. */
-void fmon_linux_unknown_wd(void);
+void fmon_linux_unknown_wd(const char *name); /* of the entry that the record is about; null: none */
 int fmon_linux_ignored(int wd);
 void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name);
 void fmon_linux_on_create(struct dentry *, const char *name, int is_dir);

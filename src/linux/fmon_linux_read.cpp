@@ -47,7 +47,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
     uint64_t value = seq_get(&fmlnx.seq, record->wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "can't find dentry\n");
-        fmon_linux_unknown_wd();
+        fmon_linux_unknown_wd(name);
         return 0;
     }
     if (value == SEQ_POISON) {
@@ -185,7 +185,8 @@ ssize_t read_records(struct fmon *monitor, int fd)
     if (ioctl(fd, FIONREAD, &waiting) < 0)
         waiting = 0;
     const ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
-    constexpr ssize_t room = ssize_t{FMON_LINUX_READ_BUFFER} - FANOTIFY_HEADER; /* what may be full before a record no longer fits */
+    constexpr ssize_t room =
+        ssize_t{FMON_LINUX_READ_BUFFER} - FANOTIFY_HEADER; /* what may be full before a record no longer fits */
     const bool interrupted = got < 0 && errno == EINTR;
     if (got < waiting && got <= room && !interrupted)
         monitor->lost.unopened++;
@@ -256,9 +257,12 @@ int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback
 
 }  // namespace
 
-void fmon_linux_unknown_wd(void)
+/* What a directory that is not known (any more) says of itself tells nothing that is missed: such records are still to
+ * come when the monitor itself lets go of a watch, as of one whose path another directory took. */
+void fmon_linux_unknown_wd(const char *name)
 {
     fmlnx.unknown_wd_count++;
+    fmon.lost.unknown_wd += name != nullptr;
     fmlnx.read_status |= READ_UNKNOWN_WD;
 }
 
@@ -287,7 +291,7 @@ int fmon_linux_ignored(int wd)
     uint64_t value = seq_get(&fmlnx.seq, wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "ignore: can't find seq of wd: %d\n", wd);
-        fmon_linux_unknown_wd();
+        fmon_linux_unknown_wd(nullptr);
         return -1;
     }
     if (value == SEQ_POISON) {

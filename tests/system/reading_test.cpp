@@ -5,6 +5,8 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <csignal>
+
 #include "stranger.h"
 
 using namespace systest;
@@ -88,6 +90,34 @@ TEST(Reading, FilesKeptOpenDoNotFillTheTableForGood)
     for (int fd : open_files)
         close(fd);
     EXPECT_EQ(0, watch.stop());
+}
+
+/* The watch of the directory that was there ends with it, which says nothing about what may have been missed. */
+TEST(Reading, RenamingOntoEmptyDirectoriesIsNoLoss)
+{
+    TempTree tree;
+    for (int i = 0; i < 3; i++) {
+        tree.dir("old" + std::to_string(i));
+        tree.dir("new" + std::to_string(i));
+    }
+    Watch watch(tree.root(), {"-r"});
+    watch.established();
+    for (int i = 0; i < 3; i++)
+        move(tree.path("new" + std::to_string(i)), tree.path("old" + std::to_string(i)));
+    make_file(tree.path("old2/f"));
+    make_file(tree.path("last"));
+    bool loss = false;
+    const auto look = [&](const Json &object) {
+        loss |= object.value("type", "") == "loss";
+        return object.value("path", "") == tree.path("last") && object.dump().find("create") != std::string::npos;
+    };
+    EXPECT_TRUE(read_until(watch, look));
+    watch.process().send(SIGINT); /* losses are told at the end, too */
+    read_until(watch, [&](const Json &object) {
+        look(object);
+        return false;
+    });
+    EXPECT_FALSE(loss);
 }
 
 }  // namespace

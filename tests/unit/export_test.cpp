@@ -317,7 +317,8 @@ TEST_F(Export, LossesAreTheBackendsCounters)
 
 TEST_F(Export, StatusGathersAllCounters)
 {
-    fmlnx.unknown_wd_count = 1;
+    fmon.lost.unknown_wd = 1;
+    fmlnx.unknown_wd_count = 7; /* not all of them are losses */
     fmlnx.ino_overflow = 2;
     fmlnx.fan_overflow = 3;
     fmon.lost.path = 4;

@@ -1,6 +1,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -76,6 +77,12 @@ TEST(FanotifyRecord, LengthLimits)
 
 /* ---- the readers ---- */
 
+bool inotify_waits()
+{
+    int bytes = 0;
+    return ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
 class Reading : public ::testing::Test
 {
 protected:
@@ -140,9 +147,35 @@ TEST_F(Reading, UnknownDescriptorIsCounted)
     m.feed(0, inotify_record(12345, IN_CREATE, "x"));
     EXPECT_TRUE(logged(1, "can't find dentry\n"));
     EXPECT_EQ(1U, fmlnx.unknown_wd_count);
+    EXPECT_EQ(1U, fmon.lost.unknown_wd);
     EXPECT_EQ(1U, fmlnx.read_status);
     m.feed(0, inotify_record(wd, IN_CREATE, "x"));
     EXPECT_EQ(0U, fmlnx.read_status) << "cleared at the start of each pass";
+}
+
+/* That a directory which is not known was removed, or that its watch ended, means nothing to anybody. */
+TEST_F(Reading, WhatAnUnknownDirectorySaysOfItselfIsNoLoss)
+{
+    m.feed(0, inotify_record(12345, IN_ATTRIB | IN_ISDIR) + inotify_record(12345, IN_DELETE_SELF) +
+                  inotify_record(12345, IN_IGNORED));
+    EXPECT_EQ(3U, fmlnx.unknown_wd_count);
+    EXPECT_EQ(0U, fmon.lost.unknown_wd);
+}
+
+/* The empty directory's own watch ends with it, while its dentry has the arriving directory's already. */
+TEST_F(Reading, RenamingOntoAnEmptyDirectoryLosesNothing)
+{
+    const std::string old_dir = tree.dir("r/old"), new_dir = tree.dir("r/new");
+    ASSERT_EQ(0, m.add(tree.path("r"), FMON_ALL_EVENTS, FMON_DIR | FMON_RECURSIVE | FMON_SYNC));
+    ASSERT_EQ(0, rename(new_dir.c_str(), old_dir.c_str()));
+    while (inotify_waits())
+        m.pump();
+    EXPECT_TRUE(cached(old_dir));
+    EXPECT_EQ(0U, fmon.lost.unknown_wd) << log_text();
+    m.events();
+    tree.file("r/old/f");
+    m.pump();
+    EXPECT_FALSE(m.events().empty());
 }
 
 TEST_F(Reading, OverflowIsCounted)

@@ -142,6 +142,16 @@ TEST_F(KpInotifyRecord, UnknownDescriptorIsCounted)
     EXPECT_EQ(Strings{}, monitor_.events());
 }
 
+TEST_F(KpInotifyRecord, OnlyAnEntryOfAnUnknownDirectoryIsALoss)
+{
+    const uint64_t before = fmon.lost.unknown_wd;
+    for (uint32_t mask : {uint32_t{IN_IGNORED}, uint32_t{IN_DELETE_SELF}, uint32_t{IN_ATTRIB | IN_ISDIR}})
+        take(record(1, wd_ + 1000, mask, ""));
+    EXPECT_EQ(before, fmon.lost.unknown_wd);
+    take(record(1, wd_ + 1000, IN_CREATE, "f"));
+    EXPECT_EQ(before + 1, fmon.lost.unknown_wd);
+}
+
 TEST_F(KpInotifyRecord, PoisonedDescriptorIsDropped)
 {
     const uint64_t before = fmlnx.unknown_wd_count;
