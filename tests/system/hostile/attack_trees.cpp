@@ -19,7 +19,7 @@ std::string numbered(const char *prefix, uint64_t number) { return prefix + std:
 class LinksForDirs : public Attack
 {
 public:
-    LinksForDirs() : Attack(Who::stranger) {}
+    LinksForDirs() : Attack(Who::stranger) { burst = 20; }
 
     void prepare(Ground &g) override
     {
@@ -76,6 +76,7 @@ class Exchanges : public Attack
 public:
     Exchanges() : Attack(Who::root)
     {
+        burst = 20;
         own_dirs = {"own0", "own1", "own2"};
         has_files = true;
     }

@@ -32,7 +32,7 @@ public:
     virtual void rest(Ground &) {}
 
     const Who who;
-    int burst = 20;                      /* rounds between two fences */
+    int burst = 50;                      /* rounds between two fences */
     std::vector<std::string> own_dirs;   /* below tree/NAME: directories that have a watch of their own */
     bool has_files = false;              /* files/NAME holds two watched files, "file" and "single" */
     std::vector<std::string> never_told; /* below tree/NAME: files that nobody opens, so that no event is true */
