@@ -178,6 +178,7 @@ int fmon_linux_init(struct fmon *)
     release_earlier_run();
     memset(&fmlnx, 0, sizeof(fmlnx));
     list_init(&fmlnx.mounts);
+    fmlnx.event_fd = -1;
     fmlnx.by_descriptor = fmon.hardened && access("/proc/self/fd", X_OK) == 0;
     get_mountinfo(&fmlnx.mounts);
 

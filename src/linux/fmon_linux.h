@@ -54,9 +54,10 @@ struct fmon_place {
 
 /* What is at a dentry's path. */
 enum {
-    PLACE_GONE,     /* nothing that could be its directory, or it is not known what it was */
-    PLACE_SAME,     /* what it stands for */
-    PLACE_OTHER_DIR /* another directory */
+    PLACE_UNKNOWN,   /* the path cannot be looked at, or the index of inodes is not kept */
+    PLACE_GONE,      /* nothing, or something else than a directory */
+    PLACE_SAME,      /* what it stands for */
+    PLACE_OTHER_DIR, /* another directory */
 };
 
 /* The block that walks carry from a directory to its children. */
@@ -78,6 +79,7 @@ struct fmlnx_t {
     int32_t *fds, fd_num, fan_fd[2], inotify_num;
     uint32_t kp_global;     /* system-wide probe sources are usable */
     uint32_t by_descriptor; /* marks are put on opened objects, and the index of inodes is kept (inode_index.h) */
+    int32_t event_fd;       /* of the fanotify record being handled, -1: none */
     uint64_t stale_marks;   /* fanotify marks that stayed on directories which left the cached tree */
     struct seq_table seq;
     list_head mounts;
@@ -120,6 +122,7 @@ void fmon_linux_del_mount_watch(struct watch *);
 
 /* Masks of a dentry: of its own watches; of its recursive ones; of those and every ancestor's recursive ones. */
 struct fmon_masks fmon_linux_own_masks(struct dentry *);
+struct fmon_masks fmon_linux_dir_masks(struct dentry *); /* of its own watches with "dir" */
 struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *);
 struct fmon_masks fmon_linux_recursive_masks(struct dentry *);
 inline struct fmon_masks masks_or(struct fmon_masks a, struct fmon_masks b) { return {a.fan | b.fan, a.ino | b.ino}; }
@@ -134,7 +137,7 @@ int fmon_linux_place_open_child(struct fmon_place *, struct dentry *);
 int fmon_linux_place_reopen(struct fmon_place *, struct dentry *);
 void fmon_linux_place_close(struct fmon_place *);
 
-/* What is at the dentry's path now. PLACE_GONE where the index of inodes is not kept. */
+/* What is at the dentry's path now. */
 int fmon_linux_in_place(struct dentry *);
 
 /* The dentry's fanotify mark stays behind on what it stood for. */
@@ -164,6 +167,14 @@ int fmon_linux_drop_dentry(struct dentry *);
 /* Frees dentries from here upward that carry nothing. */
 void fmon_linux_collect(struct dentry *);
 
+/* The child of a directory went, by rename and by removal: what has its name now may be another one, or be itself
+ * again. */
+void fmon_linux_departed(struct dentry *child);
+void fmon_linux_removed(struct dentry *child);
+
+/* Of the kinds that inotify told of the dentry itself, those that are not there only to notice the end of a file. */
+uint32_t fmon_linux_told(struct dentry *, uint32_t kinds);
+
 /* Takes a vanished dentry's watches to watch_out_service and drops it when it is bare; may free it. */
 void fmon_linux_punish(struct dentry *, uint32_t fe, uint32_t ie);
 
@@ -184,6 +195,8 @@ void fmon_linux_on_create(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_moved_from(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_moved_to(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_move_self(struct dentry *, const char *name, int is_dir);
+void fmon_linux_on_delete(struct dentry *, const char *name, int is_dir);
+void fmon_linux_on_attrib(struct dentry *, const char *name, int is_dir);
 
 /* ---- system-wide events ---- */
 

@@ -156,6 +156,8 @@ int mark_fanotify(const struct fmon_place *at, const char *path, uint32_t bits, 
 
 struct fmon_masks fmon_linux_own_masks(struct dentry *d) { return masks_with(d, 0); }
 
+struct fmon_masks fmon_linux_dir_masks(struct dentry *d) { return masks_with(d, FMON_DIR); }
+
 struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *d) { return masks_with(d, FMON_RECURSIVE); }
 
 struct fmon_masks fmon_linux_recursive_masks(struct dentry *d)

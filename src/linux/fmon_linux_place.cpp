@@ -29,11 +29,13 @@ bool look(int fd, struct stat *st)
     return fd >= 0 && (fstat(fd, st) == 0 || fstatat(fd, "", st, AT_EMPTY_PATH) == 0);
 }
 
+bool is_missing(int error) { return error == ENOENT || error == ENOTDIR || error == ELOOP; }
+
 int failed(struct dentry *d)
 {
     int error = errno;
     FMON_LOG(1, kFile, "open %s to mark it failed: %s\n", dentry_path(d), strerror(error));
-    return error == ENOENT || error == ENOTDIR || error == ELOOP ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+    return is_missing(error) ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
 }
 
 /* Takes the descriptor, and enters what it is of into the index. */
@@ -155,8 +157,10 @@ int fmon_linux_in_place(struct dentry *d)
 {
     struct stat st;
     const char *path = fmlnx.by_descriptor ? dentry_path_null(d) : nullptr;
-    if (!path || lstat(path, &st) != 0)
-        return PLACE_GONE;
+    if (!path)
+        return PLACE_UNKNOWN;
+    if (lstat(path, &st) != 0)
+        return is_missing(errno) ? PLACE_GONE : PLACE_UNKNOWN;
     if (inode_index_is(d, st.st_dev, st.st_ino))
         return PLACE_SAME;
     return S_ISDIR(st.st_mode) ? PLACE_OTHER_DIR : PLACE_GONE;

@@ -17,6 +17,7 @@
 #include "linux/fmon_linux.h"
 #include "linux/rate_ctrl.h"
 #include "linux/record.h"
+#include "list.h"
 #include "log.h"
 
 namespace
@@ -56,6 +57,8 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
     }
     struct dentry *d = live_dentry(record->wd);
     uint32_t kinds = record->mask & FMON_ALL_EVENTS;
+    if (!name)
+        kinds = fmon_linux_told(d, kinds);
     if (kinds != 0) {
         FMON_LOG(4, kFile, "inotify event: %s [%s] (%s)\n", dentry_path(d), name ? name : "", event_str(kinds));
         callback(monitor, d, name, kinds, 0, fd, nullptr);
@@ -173,7 +176,9 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
     FMON_LOG(4, kFile, "fanotify event: %s (%s) pid %d\n", fanotify_path, event_str(kinds), record->pid);
     char mount_id[MOUNT_ID_SIZE] = {};
     event_mount_id(record->fd, mount_id);
+    fmlnx.event_fd = record->fd;
     callback(monitor, nullptr, fanotify_path, kinds, static_cast<uint32_t>(record->pid), fd, mount_id);
+    fmlnx.event_fd = -1;
 }
 
 /* Reads records. The kernel takes a record off its queue before it opens the file, and ends the read where that fails:
@@ -277,6 +282,8 @@ void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name)
         {IN_MOVED_FROM, fmon_linux_on_moved_from},
         {IN_MOVED_TO, fmon_linux_on_moved_to},
         {IN_MOVE_SELF, fmon_linux_on_move_self},
+        {IN_DELETE, fmon_linux_on_delete},
+        {IN_ATTRIB, fmon_linux_on_attrib},
     };
     int is_dir = (mask & IN_ISDIR) != 0;
     for (const auto &step : steps) {
@@ -324,7 +331,7 @@ void fmon_linux_on_moved_from(struct dentry *d, const char *name, int is_dir)
     FMON_LOG(4, kFile, "inotify moved from: %s (%s) %s\n", dentry_path(d), name, "dir");
     struct dentry *child = dcache_find_sub(&fmon.dcache, d, name);
     if (child)
-        fmon_linux_moved_away(child);
+        fmon_linux_departed(child);
     else
         FMON_LOG(4, kFile, "No sub dentry\n");
 }
@@ -341,7 +348,25 @@ void fmon_linux_on_moved_to(struct dentry *d, const char *name, int is_dir)
 void fmon_linux_on_move_self(struct dentry *d, const char *name, int is_dir)
 {
     FMON_LOG(4, kFile, "inotify moved to: %s (%s) %s\n", dentry_path(d), name ? name : "", is_dir ? "dir" : "file");
-    fmon_linux_moved_away(d);
+    if (fmon_linux_in_place(d) != PLACE_SAME) /* it is back already, or never was what moved */
+        fmon_linux_moved_away(d);
+}
+
+void fmon_linux_on_delete(struct dentry *d, const char *name, int is_dir)
+{
+    struct dentry *child = fmon.hardened && is_dir && name ? dcache_find_sub(&fmon.dcache, d, name) : nullptr;
+    if (child)
+        fmon_linux_removed(child);
+}
+
+/* The last sign of life of a file whose name was given to another one while somebody holds it open. */
+void fmon_linux_on_attrib(struct dentry *d, const char *name, int)
+{
+    if (name || list_empty(&owner_of(d)->watches))
+        return;
+    int found = fmon_linux_in_place(d);
+    if (found == PLACE_GONE || found == PLACE_OTHER_DIR)
+        fmon_linux_moved_away(d);
 }
 
 int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)

@@ -243,7 +243,7 @@ namespace
 /* What a directory at the dentry's name has to carry: what it inherits and, hardened, what watches of its own want. */
 struct fmon_masks wanted_at(struct dentry *d, struct fmon_masks inherited)
 {
-    return fmon.hardened && d ? masks_or(inherited, fmon_linux_own_masks(d)) : inherited;
+    return fmon.hardened && d ? masks_or(inherited, fmon_linux_dir_masks(d)) : inherited;
 }
 
 int refuse_new(struct dentry *parent, const char *name, int moved)
@@ -295,4 +295,24 @@ int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved)
     if (!known && is_bare(d))
         fmon_linux_drop_dentry(d);
     return 0;
+}
+
+void fmon_linux_departed(struct dentry *child)
+{
+    int found = fmon_linux_in_place(child);
+    if (found == PLACE_SAME) /* what went by this name was another one, before */
+        return;
+    /* Its watches want what is at the path: that is marked in its stead. */
+    if (found == PLACE_OTHER_DIR && !no_watches(child))
+        fmon_linux_new_subdir(child->parent, dentry_name(child), 1);
+    else
+        fmon_linux_moved_away(child);
+}
+
+void fmon_linux_removed(struct dentry *child)
+{
+    if (owner_of(child)->wd >= 0 || !no_watches(child) || !no_children(child))
+        return;
+    child->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK); /* gone with the directory */
+    fmon_linux_drop_dentry(child);
 }

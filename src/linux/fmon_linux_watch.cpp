@@ -1,8 +1,14 @@
 /* Adding and deleting watches: the backend's side of the registry. */
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdio>
 #include <cstring>
 
 #include "event.h"
 #include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
 #include "list.h"
 #include "log.h"
 
@@ -20,18 +26,27 @@ constexpr uint32_t kSyncMask =
 
 static_assert(kFanotifyMask == 0x3b && kSyncMask == 0xfc0, "masks known to clients");
 
+/* The kinds by which the end of a file is noticed. */
+constexpr uint32_t kEndMask = FMON_DELETE_SELF | FMON_MOVE_SELF | FMON_ATTRIB;
+
+/* What the watch itself wants of inotify. */
+uint32_t asked_of_inotify(const struct watch *w)
+{
+    uint32_t mask = (w->flags & (FMON_MOUNT | FMON_PID)) ? 0 : w->mask & ~w->fan_mask;
+    return (w->flags & FMON_SYNC) && !(w->flags & FMON_MOUNT) ? mask | kSyncMask : mask;
+}
+
 /* Divides the watch's mask between the two sources. */
 void split_mask(struct watch *w)
 {
-    if (w->flags & (FMON_MOUNT | FMON_PID)) {
+    if (w->flags & (FMON_MOUNT | FMON_PID))
         w->fan_mask = w->mask;
-        w->ino_mask = 0;
-    } else {
+    else
         w->fan_mask = fmlnx.fan_fd[FAN_FD_FILE] >= 0 ? w->mask & kFanotifyMask : 0;
-        w->ino_mask = w->mask & ~w->fan_mask;
-    }
-    if ((w->flags & FMON_SYNC) && !(w->flags & FMON_MOUNT))
-        w->ino_mask |= kSyncMask;
+    w->ino_mask = asked_of_inotify(w);
+    /* Without any the watch would stay with a file that is gone, deaf. */
+    if (fmon.hardened && (w->flags & FMON_FILE) && w->ino_mask == 0)
+        w->ino_mask = kEndMask;
     FMON_LOG(4, kFile, "fanotify event: %s, inotify event: %s\n", event_str(w->fan_mask), event_str2(w->ino_mask));
 }
 
@@ -134,18 +149,75 @@ int fmon_linux_del_watch(struct fmon *, struct watch *w)
     return fan_result ? fan_result : ino_result;
 }
 
+uint32_t fmon_linux_told(struct dentry *d, uint32_t kinds)
+{
+    if (!fmon.hardened || list_empty(&owner_of(d)->watches))
+        return kinds;
+    uint32_t asked = 0;
+    FMON_LIST_EACH (node, &owner_of(d)->watches) {
+        const struct watch *w = FMON_RECORD(node, struct watch, link);
+        asked |= (w->flags & FMON_FILE) ? asked_of_inotify(w) : uint32_t{FMON_ALL_EVENTS};
+    }
+    return kinds & asked;
+}
+
+namespace
+{
+
+void take_mark(int fd, uint32_t type)
+{
+    char link[sizeof("/proc/self/fd/-2147483648")];
+    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
+    fanotify_del(fmlnx.fan_fd[FAN_FD_FILE], link, kFanotifyMask, type | FMON_LINUX_LAST_MARK | FMON_LINUX_OPENED);
+}
+
+bool is_nobodys(const struct stat *st) { return !inode_index_find(st->st_dev, st->st_ino); }
+
+/* Takes the marks that the event came by: of its file, when that is what the path leads to, and of the directory there.
+ * The file may have been reached by another mount or name, or have been made to look as if; what a dentry stands for is
+ * somebody's, however it was reached. */
+void take_nobodys_marks(const char *dir, const char *name)
+{
+    int dir_fd = open(dir, O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    if (dir_fd < 0)
+        return;
+    struct stat event, entry, parent;
+    if (fstat(fmlnx.event_fd, &event) == 0 && fstatat(dir_fd, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 &&
+        fstatat(dir_fd, "", &parent, AT_EMPTY_PATH) == 0 && entry.st_dev == event.st_dev &&
+        entry.st_ino == event.st_ino && is_nobodys(&event)) {
+        take_mark(fmlnx.event_fd, FMON_FILE);
+        if (is_nobodys(&parent))
+            take_mark(dir_fd, FMON_DIR);
+    }
+    close(dir_fd);
+}
+
+/* As established: what has the names now. */
+void take_marks_by_name(const char *path, char *slash)
+{
+    int file_fd = fmlnx.fan_fd[FAN_FD_FILE];
+    fanotify_del(file_fd, path, kFanotifyMask, FMON_FILE | FMON_LINUX_LAST_MARK);
+    if (!slash)
+        return;
+    *slash = '\0';
+    fanotify_del(file_fd, path, kFanotifyMask, FMON_DIR | FMON_LINUX_LAST_MARK);
+    *slash = '/';
+}
+
+}  // namespace
+
 int fmon_linux_punish_unexpected_watch(int fd, char *path)
 {
     /* The second position, not the fanotify one: with several inotify-type sources nothing is ever punished. Kept. */
     if (fmlnx.fd_num < 2 || fd != fmlnx.fds[1])
         return 0;
-    int file_fd = fmlnx.fan_fd[FAN_FD_FILE];
-    fanotify_del(file_fd, path, kFanotifyMask, FMON_FILE | FMON_LINUX_LAST_MARK);
     char *slash = strrchr(path, '/');
-    if (!slash)
-        return 0;
-    *slash = '\0';
-    fanotify_del(file_fd, path, kFanotifyMask, FMON_DIR | FMON_LINUX_LAST_MARK);
-    *slash = '/';
+    if (!fmon.hardened) {
+        take_marks_by_name(path, slash);
+    } else if (slash && fmlnx.by_descriptor && fmlnx.event_fd >= 0) {
+        *slash = '\0';
+        take_nobodys_marks(slash == path ? "/" : path, slash + 1);
+        *slash = '/';
+    }
     return 0;
 }

@@ -103,9 +103,9 @@ uint64_t PaperFanotify::mask_of(int fd, const std::string &path) const
     return mask;
 }
 
-LinuxMonitor::LinuxMonitor(int max_events, int max_dentries)
+LinuxMonitor::LinuxMonitor(int max_events, int max_dentries, bool hardened)
 {
-    fmon.hardened = hardened();
+    fmon.hardened = hardened;
     result = fmon_init(max_events, max_dentries, 1000);
     id = result == 0 ? fmon_create_instance("first") : -1;
     id2 = result == 0 ? fmon_create_instance("second") : -1;

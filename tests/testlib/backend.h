@@ -50,12 +50,12 @@ public:
     uint64_t mask_of(int fd, const std::string &path) const; /* what is marked now */
 };
 
-/* A started monitor on the real backend, hardened where the program is run so; stopped, with its instances destroyed,
- * at the end. */
+/* A started monitor on the real backend, hardened where the program is run so or the test says so; stopped, with its
+ * instances destroyed, at the end. */
 class LinuxMonitor
 {
 public:
-    explicit LinuxMonitor(int max_events = 1000, int max_dentries = 10000);
+    explicit LinuxMonitor(int max_events = 1000, int max_dentries = 10000, bool hardened = testlib::hardened());
     ~LinuxMonitor();
     PaperFanotify fanotify;
     int result; /* of fmon_init */

@@ -214,7 +214,7 @@ TEST_F(Tree, SeveralTreeBitsInOneRecord)
     tree.dir("t/a/b");
     watch();
     m.feed(0, inotify_record(wd_of(t + "/a"), IN_CREATE | IN_MOVED_FROM | IN_MOVED_TO | IN_MOVE_SELF | IN_ISDIR, "b"));
-    EXPECT_FALSE(cached(t + "/a"));
+    EXPECT_EQ(hardened(), cached(t + "/a")) << "hardened, a directory that is in its place has not moved";
     EXPECT_TRUE(cached(t));
 }
 

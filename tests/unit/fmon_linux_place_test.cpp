@@ -1,0 +1,440 @@
+/* What a hardened monitor's marks are on, and that they stay with those to whom they belong. */
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/inotify.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+
+#include "event.h"
+#include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
+#include "linux/inotify.h"
+#include "list.h"
+#include "testlib/backend.h"
+#include "testlib/fake_host.h"
+#include "testlib/fault.h"
+#include "testlib/tree.h"
+
+using namespace testlib;
+
+namespace
+{
+
+constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
+
+class Place : public ::testing::Test
+{
+protected:
+    Place()
+    {
+        EXPECT_EQ(0, m.result);
+        t = tree.dir("t");
+    }
+    ~Place() override
+    {
+        if (held >= 0)
+            close(held);
+    }
+    void watch(uint32_t mask = FMON_CREATE) { ASSERT_EQ(0, m.add(t, mask, kTree)); }
+    void pump_all()
+    {
+        usleep(1000);
+        int bytes = 0;
+        while (ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0)
+            m.pump();
+    }
+    void move(const std::string &from, const std::string &to, unsigned flags = 0)
+    {
+        ASSERT_EQ(0, renameat2(AT_FDCWD, tree.path(from).c_str(), AT_FDCWD, tree.path(to).c_str(), flags)) << from;
+    }
+    void hold(const std::string &below) { held = open(tree.path(below).c_str(), O_RDONLY | O_CLOEXEC); }
+
+    /* The kinds that the kernel would tell of what is at the path now, by the watch that maps to this path. */
+    uint32_t heard(const std::string &below) { return heard_at(tree.path(below)); }
+    static uint32_t heard_at(const std::string &path)
+    {
+        struct stat st;
+        struct dentry *d = dcache_find(&fmon.dcache, path.c_str());
+        if (!d || stat(path.c_str(), &st) != 0 || !inode_index_is(d, st.st_dev, st.st_ino))
+            return 0;
+        EXPECT_EQ(reinterpret_cast<uintptr_t>(d), seq_get(&fmlnx.seq, owner_of(d)->wd)) << path;
+        return kernel_mask(path);
+    }
+    uint64_t fan(const std::string &below) { return m.fanotify.mask_of(fmlnx.fan_fd[0], tree.path(below)); }
+    bool removed_marks()
+    {
+        return std::any_of(m.fanotify.marks.begin(), m.fanotify.marks.end(),
+                           [](const MarkCall &call) { return call.flags & 0x2; });
+    }
+    /* A fanotify event of that file reaches the reader. */
+    void event_of(const std::string &below, uint32_t mask = FMON_MODIFY)
+    {
+        m.fanotify.marks.clear();
+        int fd = open(tree.path(below).c_str(), O_RDONLY | O_CLOEXEC);
+        ASSERT_GE(fd, 0);
+        m.feed(1, fanotify_record(mask, fd, 4711));
+    }
+
+    TempTree tree;
+    LinuxMonitor m{1000, 10000, true};
+    std::string t;
+    int held = -1;
+};
+
+/* ---- an event that nobody asked for ---- */
+
+TEST_F(Place, AnotherNameOfAWatchedFileTakesNoMarkAway)
+{
+    tree.file("t/f", "x");
+    tree.dir("other");
+    ASSERT_EQ(0, link(tree.path("t/f").c_str(), tree.path("other/g").c_str()));
+    ASSERT_EQ(0, m.add(tree.path("t/f"), FMON_MODIFY, FMON_FILE));
+    event_of("other/g");
+    EXPECT_FALSE(removed_marks());
+}
+
+TEST_F(Place, AFileBesideTheNameIsNotJudgedByIt)
+{
+    tree.file("a/f");
+    std::string other = tree.file("b/f");
+    m.fanotify.marks.clear();
+    fmlnx.event_fd = open(tree.path("a/f").c_str(), O_RDONLY | O_CLOEXEC);
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[1], other.data());
+    EXPECT_FALSE(removed_marks());
+    std::string own = tree.path("a/f");
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[1], own.data());
+    EXPECT_TRUE(removed_marks());
+    EXPECT_EQ(tree.path("a/f"), own) << "the path is as it was";
+    close(fmlnx.event_fd);
+    fmlnx.event_fd = -1;
+}
+
+TEST_F(Place, AWatchedDirectoryOnTheWayKeepsItsMark)
+{
+    tree.file("t/f");
+    ASSERT_EQ(0, m.add(t, FMON_CLOSE_WRITE, FMON_DIR));
+    m.fanotify.marks.clear();
+    /* Offered as from nowhere: the dentry is there, its watch is not. */
+    fmlnx.event_fd = open(tree.path("t/f").c_str(), O_RDONLY | O_CLOEXEC);
+    std::string path = tree.path("t/f");
+    fmon_linux_punish_unexpected_watch(fmlnx.fds[1], path.data());
+    close(fmlnx.event_fd);
+    fmlnx.event_fd = -1;
+    for (const MarkCall &call : m.fanotify.marks)
+        EXPECT_NE(t, call.path);
+}
+
+TEST_F(Place, AMarkThatIsNobodysIsTaken)
+{
+    tree.file("t/a/f");
+    watch(FMON_MODIFY);
+    move("t/a", "gone");
+    pump_all();
+    event_of("gone/f");
+    std::vector<MarkCall> expected = {{fmlnx.fan_fd[0], 0x2 | 0x4, 0x3b, -100, tree.path("gone/f")},
+                                      {fmlnx.fan_fd[0], 0x2 | 0x4 | 0x8, 0x4800003b, -100, tree.path("gone")}};
+    EXPECT_EQ(expected, m.fanotify.marks);
+}
+
+TEST_F(Place, LooksThatFailTakeNothing)
+{
+    tree.file("a/f");
+    for (const char *call : {"open", "fstat", "fstatat"}) {
+        int runs = fail_each(call, EIO, [&](Fault &fault) {
+            int fd = ::open(tree.path("a/f").c_str(), O_RDONLY | O_CLOEXEC);
+            fmlnx.event_fd = fd;
+            m.fanotify.marks.clear();
+            std::string path = tree.path("a/f");
+            if (!fault.hit())
+                fmon_linux_punish_unexpected_watch(fmlnx.fds[1], path.data());
+            fmlnx.event_fd = -1;
+            close(fd);
+            EXPECT_EQ(!fault.hit(), removed_marks()) << call;
+        });
+        EXPECT_GE(runs, 1) << call;
+    }
+}
+
+/* ---- what is marked is what was looked at ---- */
+
+TEST_F(Place, ACreatedDirectoryThatIsALinkByNowIsNotWatched)
+{
+    tree.dir("outside/in");
+    watch();
+    tree.link("t/a", tree.path("outside"));
+    size_t before = kernel_watches().size();
+    m.feed(0, inotify_record(wd_of(t), IN_CREATE | IN_ISDIR, "a"));
+    m.feed(0, inotify_record(wd_of(t), IN_MOVED_TO | IN_ISDIR, "a"));
+    EXPECT_EQ(before, kernel_watches().size());
+    EXPECT_FALSE(cached(t + "/a"));
+}
+
+TEST_F(Place, AParentThatIsALinkByNowLeadsNowhere)
+{
+    tree.dir("t/p");
+    tree.dir("outside/x/deep");
+    watch();
+    int wd = wd_of(t + "/p");
+    move("t/p", "t/q");
+    tree.link("t/p", tree.path("outside"));
+    size_t before = kernel_watches().size();
+    m.feed(0, inotify_record(wd, IN_CREATE | IN_ISDIR, "x"));
+    m.feed(0, inotify_record(wd, IN_MOVED_TO | IN_ISDIR, "x"));
+    EXPECT_EQ(before, kernel_watches().size());
+    EXPECT_FALSE(cached(t + "/p/x"));
+}
+
+TEST_F(Place, EveryLookThatFailsLeavesTheTreeSound)
+{
+    watch(FMON_CREATE | FMON_MODIFY);
+    for (const char *call : {"open", "openat", "fstat", "fstatat", "calloc", "malloc", "realloc"}) {
+        int run = 0;
+        fail_each(call, ENOMEM, [&](Fault &) {
+            std::string name = std::string(call) + std::to_string(run++);
+            tree.dir("outside/" + name + "/below");
+            move("outside/" + name, "t/" + name);
+            int fds = open_fds();
+            m.feed(0, inotify_record(wd_of(t), IN_MOVED_TO | IN_ISDIR, name));
+            EXPECT_EQ(fds, open_fds()) << call;
+        });
+        pump_all();
+    }
+    uint32_t indexed = inode_index_count();
+    EXPECT_EQ(0, m.del(t));
+    EXPECT_GE(indexed, 2U);
+    EXPECT_EQ(0U, inode_index_count());
+    EXPECT_EQ(0U, fmon.dcache.count);
+    EXPECT_TRUE(kernel_watches().empty());
+}
+
+TEST_F(Place, TheIndexKnowsWhatIsMarkedAndNothingElse)
+{
+    tree.dir("t/a/b");
+    watch();
+    EXPECT_EQ(3U, inode_index_count());
+    struct stat st;
+    ASSERT_EQ(0, stat(tree.path("t/a/b").c_str(), &st));
+    EXPECT_EQ(dcache_find(&fmon.dcache, tree.path("t/a/b").c_str()), inode_index_find(st.st_dev, st.st_ino));
+    move("t/a", "gone");
+    pump_all();
+    EXPECT_EQ(1U, inode_index_count());
+    EXPECT_EQ(nullptr, inode_index_find(st.st_dev, st.st_ino));
+    EXPECT_EQ(0, m.del(t));
+    EXPECT_EQ(0U, inode_index_count());
+}
+
+/* Deleting the watch of one name leaves the other one what it needs. */
+TEST_F(Place, TwoNamesOfOneFileKeepTheirMarks)
+{
+    std::string f = tree.file("f"), g = tree.path("g");
+    ASSERT_EQ(0, link(f.c_str(), g.c_str()));
+    for (const auto &[first, second] : {std::pair{f, g}, std::pair{g, f}}) {
+        ASSERT_EQ(0, m.add(first, FMON_ATTRIB | FMON_MODIFY, FMON_FILE));
+        ASSERT_EQ(0, m.add(second, FMON_MOVE_SELF | FMON_MODIFY, FMON_FILE));
+        EXPECT_EQ(1U, kernel_watches().size());
+        m.fanotify.marks.clear();
+        EXPECT_EQ(0, m.del(first));
+        EXPECT_FALSE(removed_marks());
+        EXPECT_EQ(uint32_t{FMON_MOVE_SELF}, kernel_mask(second) & ~uint32_t{FMON_ATTRIB});
+        EXPECT_EQ(0, m.del(second));
+        EXPECT_TRUE(removed_marks());
+        EXPECT_TRUE(kernel_watches().empty());
+        pump_all();
+    }
+    EXPECT_EQ(0U, inode_index_count());
+}
+
+/* ---- exchanged, replaced, made again ---- */
+
+TEST_F(Place, ExchangedDirectoriesAreBothWatched)
+{
+    tree.dir("t/a/of_a");
+    tree.dir("t/b/of_b");
+    watch();
+    move("t/a", "t/b", RENAME_EXCHANGE);
+    pump_all();
+    for (const char *below : {"t", "t/a", "t/b", "t/a/of_b", "t/b/of_a"})
+        EXPECT_NE(0U, heard(below)) << below;
+    EXPECT_FALSE(cached(tree.path("t/a/of_a")));
+    EXPECT_FALSE(cached(tree.path("t/b/of_b")));
+    EXPECT_EQ(5U, kernel_watches().size());
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
+TEST_F(Place, ExchangeAcrossDirectoriesAndBack)
+{
+    tree.dir("t/x/a/of_a");
+    tree.dir("t/y/b/of_b");
+    watch();
+    for (int i = 0; i < 5; i++) {
+        move("t/x/a", "t/y/b", RENAME_EXCHANGE);
+        if (i != 1)
+            pump_all();
+        if (i == 1)
+            continue;
+        EXPECT_EQ(7U, kernel_watches().size()) << i;
+        for (const char *below : {"t/x", "t/y", "t/x/a", "t/y/b"})
+            EXPECT_NE(0U, heard(below)) << below << i;
+    }
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
+TEST_F(Place, AWatchOfItsOwnFollowsTheNameInAnExchange)
+{
+    tree.dir("t/a");
+    tree.dir("t/b");
+    watch();
+    ASSERT_EQ(0, m.add(tree.path("t/a"), FMON_ATTRIB, FMON_DIR));
+    move("t/a", "t/b", RENAME_EXCHANGE);
+    pump_all();
+    EXPECT_EQ(uint32_t{FMON_ATTRIB}, heard("t/a") & FMON_ATTRIB);
+    EXPECT_EQ(0U, heard("t/b") & FMON_ATTRIB);
+    EXPECT_NE(0U, heard("t/b"));
+}
+
+TEST_F(Place, ADirectoryMovedOverAWatchedOneIsMarked)
+{
+    tree.dir("t/old");
+    tree.dir("t/new/in");
+    watch(FMON_CREATE | FMON_MODIFY);
+    ASSERT_EQ(0, m.add(tree.path("t/old"), FMON_ATTRIB | FMON_ACCESS, FMON_DIR));
+    for (bool is_held : {false, true}) {
+        tree.dir("t/new/in");
+        if (is_held)
+            hold("t/old");
+        if (is_held)
+            tree.remove("t/old/in");
+        move("t/new", "t/old");
+        pump_all();
+        EXPECT_EQ(uint32_t{FMON_ATTRIB | FMON_CREATE}, heard("t/old") & (FMON_ATTRIB | FMON_CREATE)) << is_held;
+        EXPECT_EQ(uint64_t{FMON_MODIFY | FMON_ACCESS}, fan("t/old") & 0xfff) << is_held;
+        EXPECT_NE(0U, heard("t/old/in")) << is_held;
+    }
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
+TEST_F(Place, ADirectoryMadeAgainWhileTheOldOneIsHeldIsMarked)
+{
+    for (uint32_t parent_flags : {uint32_t{kTree}, uint32_t{FMON_DIR}}) {
+        tree.dir("t/d");
+        ASSERT_EQ(0, m.add(t, FMON_CREATE, parent_flags));
+        ASSERT_EQ(0, m.add(tree.path("t/d"), FMON_ATTRIB, FMON_DIR));
+        hold("t/d");
+        tree.remove("t/d");
+        tree.dir("t/d");
+        pump_all();
+        EXPECT_EQ(uint32_t{FMON_ATTRIB}, heard("t/d") & FMON_ATTRIB) << parent_flags;
+        close(held);
+        held = -1;
+        pump_all();
+        EXPECT_EQ(uint32_t{FMON_ATTRIB}, heard("t/d") & FMON_ATTRIB) << parent_flags;
+        EXPECT_EQ(0, m.del(tree.path("t/d")));
+        EXPECT_EQ(0, m.del(t));
+    }
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
+TEST_F(Place, ADirectoryThatCameBackIsKept)
+{
+    tree.dir("t/a/b");
+    watch();
+    int wd = wd_of(t + "/a");
+    move("t/a", "t/z");
+    move("t/z", "t/a");
+    pump_all();
+    EXPECT_EQ(wd, wd_of(t + "/a")) << "it was never taken away";
+    EXPECT_NE(0U, heard("t/a/b"));
+    EXPECT_FALSE(cached(t + "/z"));
+    EXPECT_EQ(3U, kernel_watches().size());
+}
+
+/* ---- a single file ---- */
+
+class OneFile : public Place
+{
+protected:
+    OneFile()
+    {
+        f = tree.file("f", "1");
+        EXPECT_EQ(0, m.add(f, FMON_MODIFY, FMON_FILE | FMON_DELETED));
+    }
+    void replaced_is_watched_again()
+    {
+        pump_all();
+        EXPECT_FALSE(list_empty(&fmon.tbd)) << "waits for its path";
+        fmon_tbd_pass();
+        EXPECT_TRUE(list_empty(&fmon.tbd));
+        EXPECT_NE(0U, heard("f"));
+        EXPECT_EQ(uint64_t{FMON_MODIFY}, fan("f"));
+    }
+    std::string f;
+};
+
+TEST_F(OneFile, ReplacedByARename)
+{
+    tree.file("new");
+    move("new", "f");
+    replaced_is_watched_again();
+}
+
+TEST_F(OneFile, ReplacedWhileSomebodyHasItOpen)
+{
+    hold("f");
+    tree.file("new");
+    move("new", "f");
+    replaced_is_watched_again();
+}
+
+TEST_F(OneFile, MovedAway)
+{
+    move("f", "elsewhere");
+    tree.file("f");
+    replaced_is_watched_again();
+}
+
+TEST_F(OneFile, ItsOwnEndIsNobodysEvent)
+{
+    ASSERT_EQ(0, fmon_add_watch(m.id2, tree.root().c_str(), FMON_ALL_EVENTS & ~0x3bU, FMON_DIR, 0, 0));
+    chmod(f.c_str(), 0600);
+    pump_all();
+    EXPECT_EQ(std::vector<std::string>{f + ":attrib"}, m.events(m.id2)) << "told by its directory, once";
+    EXPECT_TRUE(list_empty(&fmon.tbd)) << "an attribute is not the end";
+    ASSERT_EQ(0, unlink(f.c_str()));
+    pump_all();
+    EXPECT_EQ(std::vector<std::string>{f + ":delete"}, m.events(m.id2));
+    EXPECT_TRUE(m.events(m.id).empty());
+    EXPECT_FALSE(list_empty(&fmon.tbd));
+}
+
+TEST_F(OneFile, WithoutASearchableDirectoryItIsNotTakenForGone)
+{
+    Fault fault("lstat", 1, EACCES);
+    m.feed(0, inotify_record(wd_of(f), IN_ATTRIB));
+    EXPECT_TRUE(fault.hit());
+    EXPECT_TRUE(list_empty(&fmon.tbd));
+}
+
+/* ---- nothing stays in the cache that nobody frees ---- */
+
+TEST_F(Place, AShortLivedDirectoryUnderFanotifyIsDropped)
+{
+    ASSERT_EQ(0, m.add(t, FMON_MODIFY, FMON_DIR | FMON_RECURSIVE));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE | FMON_DELETE, FMON_DIR, 0, 0));
+    uint32_t before = fmon.dcache.count;
+    for (int i = 0; i < 20; i++) {
+        tree.dir("t/d");
+        pump_all();
+        EXPECT_EQ(before + 1, fmon.dcache.count);
+        tree.remove("t/d");
+        pump_all();
+        EXPECT_EQ(before, fmon.dcache.count) << i;
+    }
+    EXPECT_EQ(0U, fmlnx.stale_marks);
+}
+
+}  // namespace
