@@ -36,6 +36,9 @@ public:
     /* Ends the thread, and a hold under way: true when there was one. */
     bool stop();
 
+    /* How many records wait in the monitor. On the server's thread, or when that has ended. */
+    uint64_t waiting_records();
+
     static constexpr int kPatienceMs = 2000; /* for an asker that neither sends nor reads */
 
 private:
@@ -47,7 +50,6 @@ private:
     void send(int fd, const std::string &bytes);
     bool wait(int fd, short events, int ms);
     void let_gather(int fd, uint32_t ms);
-    uint64_t waiting_records();
     int collect(uint32_t type, std::string &out);
 
     const Dump dump_;

@@ -74,18 +74,35 @@ public:
     posix_spawn_file_actions_t files;
 };
 
-// A signal to the whole terminal has reached the command already; one to this process alone has not.
-void wait_for(pid_t child, const std::function<bool()> &stop)
+// False: it has not ended in time. A signal to the whole terminal has reached the command already; one to this process
+// alone has not.
+bool wait_for(pid_t child, const Executor::Patience &patience, int &status)
 {
-    int status;
-    while (waitpid(child, &status, 0) < 0 && errno == EINTR)
-        if (stop())
+    while (waitpid(child, &status, 0) < 0) {
+        if (errno != EINTR)
+            return true;
+        if (patience() != 0)
+            continue;
+        const bool ended = waitpid(child, &status, WNOHANG) == child;
+        if (!ended)
             kill(child, SIGTERM);
+        return ended;
+    }
+    return true;
+}
+
+// What is to be said of an end; empty: nothing.
+std::string end_text(int status)
+{
+    if (WIFSIGNALED(status))
+        return "was ended by signal " + std::to_string(WTERMSIG(status)) + " (" + strsignal(WTERMSIG(status)) + ")";
+    const int code = WIFEXITED(status) ? WEXITSTATUS(status) : 0;
+    return code == 0 ? "" : "ended with status " + std::to_string(code);
 }
 
 }  // namespace
 
-bool Executor::run(const Event &event, const std::function<bool()> &stop, std::string &error) const
+bool Executor::run(const Event &event, const Patience &patience, std::string &trouble) const
 {
     std::vector<std::string> own = own_variables(event);
     std::vector<char *> variables = environment(own);
@@ -95,10 +112,13 @@ bool Executor::run(const Event &event, const std::function<bool()> &stop, std::s
     pid_t child;
     const int code = posix_spawn(&child, "/bin/sh", &setting.files, &setting.attributes, arguments, variables.data());
     if (code != 0) {
-        error = std::string("cannot run the command of --exec: ") + strerror(code);
+        trouble = std::string("cannot run the command of --exec: ") + strerror(code);
         return false;
     }
-    wait_for(child, stop);
+    int status = 0;
+    const std::string end =
+        wait_for(child, patience, status) ? end_text(status) : "was sent SIGTERM: it ran for too long";
+    trouble = end.empty() ? "" : "the command of --exec for " + std::string(event.path) + " " + end;
     return true;
 }
 

@@ -30,9 +30,9 @@ Examples:
   fmon watch --exec 'make -s' -e close_write src    run a command after each save
   fmon watch '/home/*/.ssh'                         every user's, also those to come
 
-Status: 0 done (Ctrl-C, -n reached, or the reader has gone); 1 nothing shown within -t, or no watch left;
-2 wrong usage, or a PATH could not be watched: nothing is watched then, unless --keep-going is given and something
-could be. A directory below PATH that may not be read is named on stderr and left out; a limit that is reached
+Status: 0 done (Ctrl-C, -n reached, or the reader has gone); 1 nothing shown within -t; 2 wrong usage, or a PATH could
+not be watched: nothing is watched then, unless --keep-going is given and something could be; 3 no watched PATH is
+left. A directory below PATH that may not be read is named on stderr and left out; a limit that is reached
 (watches, marks, --set max_dentries) counts as a PATH that could not be watched.
 
 Without root the kernel does not tell which process caused an event.

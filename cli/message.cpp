@@ -1,6 +1,7 @@
 #include "message.h"
 
 #include <fcntl.h>
+#include <poll.h>
 #include <unistd.h>
 
 #include <string_view>
@@ -29,6 +30,12 @@ void complain(const std::string &text)
     append_safe(text, line);
     line.push_back('\n');
     say(line);
+}
+
+bool stderr_is_read()
+{
+    struct pollfd p = {g_stderr, POLLOUT, 0};
+    return poll(&p, 1, 0) > 0;
 }
 
 bool stderr_is_terminal() { return isatty(g_stderr) == 1; }

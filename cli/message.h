@@ -10,8 +10,8 @@
 namespace cli
 {
 
-/* Exit statuses of every verb. */
-enum : int { kDone = 0, kNothing = 1, kError = 2 };
+/* Exit statuses of every verb; kGone: nothing that was watched is left. */
+enum : int { kDone = 0, kNothing = 1, kError = 2, kGone = 3 };
 
 /* "fmon: text": something is wrong, and what to do about it. Control characters are escaped. */
 void complain(const std::string &text);
@@ -20,6 +20,7 @@ void complain(const std::string &text);
 void say(const std::string &text);
 
 bool stderr_is_terminal();
+bool stderr_is_read(); /* or at least has room */
 
 /* From now on the process's descriptor 2 leads nowhere; complain() and say() go on reaching the old one. */
 void detach_stderr();

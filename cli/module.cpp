@@ -1,6 +1,7 @@
 #include "module.h"
 
 #include <dlfcn.h>
+#include <unistd.h>
 
 #include <climits>
 #include <cstdlib>
@@ -52,6 +53,16 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
            bind(library, "_orx_fmon_status", module.status, error) &&
            bind(library, "_orx_fmon_dump", module.dump, error) &&
            bind(library, "g_container_flag", module.container_flag, error);
+}
+
+// The kernel tells of a watch that goes. Nobody else watches this file, whose watch would stay.
+void wake_monitor(const Module &module)
+{
+    static const int instance = module.create_instance("watch-wake", nullptr);
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/comm";
+    if (instance >= 0 &&
+        module.add_watch(static_cast<uint32_t>(instance), path.c_str(), FMON_ATTRIB, FMON_FILE, 0, 0) == 0)
+        module.del_watch(static_cast<uint32_t>(instance), path.c_str());
 }
 
 }  // namespace cli

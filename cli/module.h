@@ -32,6 +32,9 @@ std::string library_folder();
 /* Loads libfmon.so from `folder`; it stays loaded. False: `error` says what is missing and where it was looked for. */
 bool load_module(const std::string &folder, Module &module, std::string &error);
 
+/* Makes the monitor's thread take a turn soon, which it else does once a second while nothing happens. */
+void wake_monitor(const Module &module);
+
 }  // namespace cli
 
 #endif

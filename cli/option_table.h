@@ -23,7 +23,7 @@ struct OptionRow {
     const char *section; /* heading before this row, or null */
 };
 
-inline constexpr size_t kOptionRows = 26;
+inline constexpr size_t kOptionRows = 27;
 extern const OptionRow kOptionTable[kOptionRows];
 
 /* What the rows do with their values: false with one line in `error`. */

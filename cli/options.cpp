@@ -272,6 +272,7 @@ bool check_combination(const WatchOptions &o, std::string &error)
                   "--mount watches a whole mount: leave out --sync, --wait, --max-depth and --max-subdirs", error) ||
         reject_if(o.pid && o.events && !(o.events & kProcessEvents),
                   "--pid is about open, access, modify, close_write and close_nowrite: ask for one of them", error) ||
+        reject_if(o.append && o.output.empty(), "--append is about a file: say which with -o FILE", error) ||
         reject_if(!o.recursive && (o.max_depth || o.max_subdirs), "--max-depth and --max-subdirs need --recursive",
                   error));
 }

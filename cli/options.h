@@ -31,6 +31,7 @@ struct WatchOptions {
     std::string pattern; /* of kTemplate */
     bool null_end = false, quiet = false;
     std::string output; /* empty: stdout */
+    bool append = false;
     std::string exec;
     uint64_t count = 0;      /* 0: no limit */
     uint64_t timeout_ms = 0; /* 0: none */

@@ -5,6 +5,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <string_view>
@@ -15,15 +16,22 @@ namespace cli
 namespace
 {
 
-constexpr int kStopGraceMs = 200; /* how long a reader that does not read can hold up the end */
+constexpr int kLookMs = 200; /* how often a reader that is not waited for by the kernel is looked at */
 
-// After a signal: false when the command is to stop and the reader does not take anything.
-bool may_go_on(int fd, const std::function<bool()> &stop)
+// Before the end: whether the reader takes something in the time that it still has.
+bool may_go_on(int fd, int patience)
 {
-    if (!stop())
-        return true;
     struct pollfd p = {fd, POLLOUT, 0};
-    return poll(&p, 1, kStopGraceMs) > 0;
+    int ready = 0;
+    if (patience > 0)
+        ready = poll(&p, 1, patience);
+    return patience < 0 || ready != 0;  // interrupted: asked again
+}
+
+bool cannot_write(const std::string &path, int error_number, std::string &error)
+{
+    error = "cannot write to " + path + ": " + strerror(error_number);
+    return false;
 }
 
 }  // namespace
@@ -34,20 +42,35 @@ Output::~Output()
         close(fd_);
 }
 
-bool Output::open(const std::string &path, std::string &error)
+// Who may not write a file, or make one in its folder, is told so before anything is done.
+bool Output::check(const std::string &path, std::string &error)
 {
     if (path.empty()) {
-        fd_ = STDOUT_FILENO;
-        const int flags = fcntl(fd_, F_GETFL);
+        const int flags = fcntl(STDOUT_FILENO, F_GETFL);
         if (flags < 0 || (flags & O_ACCMODE) == O_RDONLY)
             error = "stdout is closed: use -o FILE";
         return error.empty();
     }
-    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC | O_NOCTTY, 0666);
+    struct stat st;
+    if (stat(path.c_str(), &st) == 0)
+        return (!S_ISDIR(st.st_mode) && faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) ||
+               cannot_write(path, S_ISDIR(st.st_mode) ? EISDIR : errno, error);
+    const std::string folder = path.substr(0, path.rfind('/') + 1);
+    const bool may_make = errno == ENOENT && path.back() != '/' &&
+                          faccessat(AT_FDCWD, folder.empty() ? "." : folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+    return may_make || cannot_write(path, errno, error);
+}
+
+bool Output::open(const std::string &path, bool append, std::string &error)
+{
+    if (path.empty()) {
+        fd_ = STDOUT_FILENO;
+        return true;
+    }
+    const int how = append ? O_APPEND : O_TRUNC;
+    fd_ = ::open(path.c_str(), O_WRONLY | O_CREAT | how | O_CLOEXEC | O_NOCTTY, 0666);
     owned_ = fd_ >= 0;
-    if (fd_ < 0)
-        error = "cannot write to " + path + ": " + strerror(errno);
-    return owned_;
+    return owned_ || cannot_write(path, errno, error);
 }
 
 bool Output::is_terminal() const { return isatty(fd_) == 1; }
@@ -63,23 +86,29 @@ std::string Output::file_path() const
     return n > 0 ? std::string(target, static_cast<size_t>(n)) : std::string();
 }
 
+bool Output::is_empty() const
+{
+    struct stat st;
+    return fstat(fd_, &st) == 0 && S_ISREG(st.st_mode) && st.st_size == 0;
+}
+
 // A terminal or pipe that another program has made non-blocking is waited for.
-bool Output::flush(const std::function<bool()> &stop)
+bool Output::flush(const Patience &patience)
 {
     std::string_view rest = buffer_;
-    while (!rest.empty()) {
+    while (!rest.empty() && !gave_up_) {
         const ssize_t n = write(fd_, rest.data(), rest.size());
         if (n >= 0) {
             rest.remove_prefix(static_cast<size_t>(n));
         } else if (errno == EAGAIN) {
             struct pollfd p = {fd_, POLLOUT, 0};
-            poll(&p, 1, kStopGraceMs);
+            poll(&p, 1, kLookMs);
         } else if (errno != EINTR) {
             return fail(errno);
         }
-        if (!rest.empty() && !may_go_on(fd_, stop))
-            break;
+        gave_up_ = !rest.empty() && !may_go_on(fd_, patience(n > 0));
     }
+    given_up_ += static_cast<uint64_t>(std::count(rest.begin(), rest.end(), end_));
     buffer_.clear();
     return true;
 }

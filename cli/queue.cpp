@@ -70,6 +70,12 @@ bool EventQueue::full() const
     return incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_;
 }
 
+size_t EventQueue::size() const
+{
+    const std::lock_guard<std::mutex> hold(lock_);
+    return incoming_.size();
+}
+
 void EventQueue::wake() const
 {
     // Failure means that the counter is at its limit: then the consumer has been woken already.

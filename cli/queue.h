@@ -63,6 +63,7 @@ public:
     /* Producer. False: the queue is full and the event is not in it. */
     bool push(const Event &event, ProcessPtr process);
     bool full() const;
+    size_t size() const; /* any thread */
 
     /* Any thread, and signal handlers: makes wake_fd() readable, which stays so until clear_wake(). */
     void wake() const;

@@ -13,6 +13,8 @@ namespace cli
 namespace
 {
 
+constexpr uint64_t kFailurePauseMs = 1000;
+
 std::unique_ptr<Formatter> make_formatter(const WatchOptions &options, const FormatStyle &style, std::string &error)
 {
     switch (options.form) {
@@ -30,7 +32,7 @@ std::unique_ptr<Formatter> make_formatter(const WatchOptions &options, const For
 
 }  // namespace
 
-bool Reporter::open(std::string &error)
+bool Reporter::prepare(std::string &error)
 {
     std::string reason;
     for (const std::string &pattern : options_.include)
@@ -41,11 +43,8 @@ bool Reporter::open(std::string &error)
             error = "--exclude '" + pattern + "' is no regular expression: " + reason;
     if (!error.empty() || (options_.form == Form::kTemplate && !make_formatter(options_, style_, error)))
         return false;
-    if (!output_.open(options_.output, error))
+    if (!Output::check(options_.output, error))
         return false;
-    const std::string own = output_.file_path();
-    if (!own.empty())
-        filter_.hide(own);
     if (!options_.exec.empty())
         executor_ = std::make_unique<Executor>(options_.exec);
     return true;
@@ -53,9 +52,6 @@ bool Reporter::open(std::string &error)
 
 void Reporter::set_plan(const Plan &plan)
 {
-    style_.end = options_.null_end ? '\0' : '\n';
-    style_.terminal = output_.is_terminal();
-    style_.colours = style_.terminal && wants_colours();
     style_.container_name = [this](std::string_view id) { return container_names_.find(id, steady_ms()); };
     for (const PlannedInstance &instance : plan.instances) {
         style_.sources.push_back(instance.name);
@@ -63,11 +59,25 @@ void Reporter::set_plan(const Plan &plan)
     }
     for (const Root &root : plan.roots)
         roots_.push_back(root.path);
-    std::string error;
-    formatter_ = make_formatter(options_, style_, error);
 }
 
-void Reporter::begin() { formatter_->begin(output_.buffer()); }
+// A file that grows has its heading already.
+bool Reporter::begin(std::string &error)
+{
+    if (!output_.open(options_.output, options_.append, error))
+        return false;
+    const std::string own = output_.file_path();
+    if (!own.empty())
+        filter_.hide(own);
+    style_.end = options_.null_end ? '\0' : '\n';
+    style_.terminal = output_.is_terminal();
+    style_.colours = style_.terminal && wants_colours();
+    output_.set_end(style_.end);
+    formatter_ = make_formatter(options_, style_, error);
+    if (own.empty() || output_.is_empty())
+        formatter_->begin(output_.buffer());
+    return true;
+}
 
 bool Reporter::is_within_depth(std::string_view path) const
 {
@@ -89,6 +99,10 @@ void Reporter::event(const Event &event)
 {
     if (finished_ || !wants(event))
         return;
+    if (gives_up()) {
+        dropped_++;
+        return;
+    }
     Event visible = event;
     visible.mask &= shown_kinds_[event.source];
     formatter_->event(visible, output_.buffer());
@@ -96,20 +110,43 @@ void Reporter::event(const Event &event)
     if (executor_)
         execute(visible);
     else
-        check_output(output_.flush_if_large(stop_requested));
+        check_output(output_.flush_if_large(patience_ms));
     if (shown_ == options_.count)
         finish(kDone);
+}
+
+bool Reporter::gives_up() const
+{
+    return output_.gave_up() || (stop_requested() && (executor_ || patience_ms(true) == 0));
 }
 
 // The record is out before its command runs, so that both appear in order on one terminal.
 void Reporter::execute(const Event &event)
 {
     flush();
-    std::string error;
-    if (finished_ || executor_->run(event, stop_requested, error))
+    std::string trouble;
+    if (finished_)
         return;
-    complain(error);
-    finish(kError);
+    const bool started = executor_->run(
+        event, [] { return patience_ms(); }, trouble);
+    if (!started) {
+        complain(trouble);
+        finish(kError);
+    } else if (!trouble.empty()) {
+        tell_failure(trouble);
+    }
+}
+
+// One line a second: a command that always fails runs as often as there are events.
+void Reporter::tell_failure(const std::string &line)
+{
+    const uint64_t now = steady_ms();
+    failures_++;
+    if (told_ms_ != 0 && now < told_ms_ + kFailurePauseMs && !stop_requested())
+        return;
+    complain(failures_ == 1 ? line : line + "; " + with_commas(failures_ - 1) + " before that failed, too");
+    failures_ = 0;
+    told_ms_ = now;
 }
 
 void Reporter::established(const Established &all)
@@ -136,7 +173,18 @@ void Reporter::note(const std::string &text) const
         complain(text);
 }
 
-void Reporter::flush() { check_output(output_.flush(stop_requested)); }
+void Reporter::flush() { check_output(output_.flush(patience_ms)); }
+
+void Reporter::tell_dropped() const
+{
+    if (failures_)
+        complain("the command of --exec failed " + counted(failures_, "more time"));
+    const uint64_t records = dropped_ + output_.given_up();
+    if (records && executor_)
+        complain("told to end: " + counted(records, "event") + " dropped, for which the command of --exec was not run");
+    else if (records)
+        complain("told to end: " + counted(records, "record") + " dropped, since the output's reader did not read");
+}
 
 // A reader that has gone has what it wanted (head -1): that is no error.
 void Reporter::check_output(bool written)

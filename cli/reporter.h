@@ -25,13 +25,15 @@ class Reporter
 public:
     explicit Reporter(const WatchOptions &options) : options_(options) {}
 
-    /* Opens the output and reads the filters. False: `error` is one line. */
-    bool open(std::string &error);
-    /* To be called before the first event. */
+    /* Reads the filters, and looks whether the output can be had; nothing is opened. False: `error` is one line. */
+    bool prepare(std::string &error);
     void set_plan(const Plan &plan);
-    /* The heading, before everything else. */
-    void begin();
+    /* Opens the output, when all that is to be reported can be had, and writes the heading. Before everything else.
+     * False: `error` is one line. */
+    bool begin(std::string &error);
 
+    /* While the command ends, events are counted instead of shown when their commands would have to be run, and when
+     * the output's reader does not read. */
     void event(const Event &event);
     void established(const Established &all);
     void loss(const std::string &source, uint64_t count, const std::string &path = "");
@@ -39,6 +41,8 @@ public:
     void ended(const std::string &path, const char *reason);
     void note(const std::string &text) const; /* on stderr, unless quiet */
     void flush();
+    /* At the end, on stderr: what was not shown, or not run, because the command was told to end. */
+    void tell_dropped() const;
 
     /* Nothing more is to be shown; the status to end with. */
     bool finished() const { return finished_; }
@@ -50,7 +54,9 @@ public:
 private:
     bool wants(const Event &event) const;
     bool is_within_depth(std::string_view path) const;
+    bool gives_up() const;
     void execute(const Event &event);
+    void tell_failure(const std::string &line);
     void check_output(bool written);
     void finish(int status);
 
@@ -63,7 +69,8 @@ private:
     FormatStyle style_;
     std::vector<uint32_t> shown_kinds_; /* by instance */
     std::vector<std::string> roots_;
-    uint64_t shown_ = 0;
+    uint64_t shown_ = 0, dropped_ = 0;
+    uint64_t failures_ = 0, told_ms_ = 0; /* commands that failed since one was told of, and when that was */
     bool finished_ = false;
     int status_ = 0;
 };

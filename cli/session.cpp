@@ -73,12 +73,14 @@ bool Session::prepare()
     std::string error;
     if (queue_.wake_fd() < 0)
         return fail("no descriptor is left: see ulimit -n");
-    return reporter_.open(error) || fail(error);
+    return reporter_.prepare(error) || fail(error);
 }
 
 bool Session::start()
 {
-    catch_signals(queue_.wake_fd());
+    if (!catch_signals(queue_.wake_fd(), [this] { last_words(); }))
+        return fail("no thread could be made: see ulimit -u");
+    const StopAtOnce at_once;
     std::string error;
     if (!start_monitor(options_, log_, module_, error))
         return fail(error);
@@ -103,6 +105,14 @@ bool Session::make_plan()
     return true;
 }
 
+// A pipe's other end may come late, or never.
+bool Session::begin()
+{
+    const StopAtOnce at_once;
+    std::string error;
+    return reporter_.begin(error) || fail(error);
+}
+
 // Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
 bool Session::place()
 {
@@ -112,9 +122,8 @@ bool Session::place()
         const Progress progress(!options_.quiet);
         placer.run(intake_);
     }
-    if (!placer.any_placed() || (placer.refused() && !options_.keep_going) || !keep_tree())
+    if (!placer.any_placed() || (placer.refused() && !options_.keep_going) || !keep_tree() || !begin())
         return false;
-    reporter_.begin();
     std::vector<std::string> paths;
     for (const Root &root : plan_.roots)
         if (root.placed)
@@ -181,7 +190,8 @@ bool Session::place_system()
     system_ = std::make_unique<SystemWatch>(module_, log_);
     if (!system_->place(kinds, intake_.add_source(kinds), error))
         return fail(error);
-    reporter_.begin();
+    if (!begin())
+        return false;
     reporter_.established({});
     reporter_.flush();
     if (!reporter_.has_records())
@@ -229,6 +239,7 @@ void Session::follow_new_directories()
 
 void Session::handle_batch()
 {
+    in_hand_ = batch_.size();
     // Trees first: what happens in a new directory is seen only once it is marked.
     if (keeper_)
         follow_new_directories();
@@ -236,15 +247,14 @@ void Session::handle_batch()
         const Event event = batch_.event(i);
         reporter_.event(event);
         guard_.event(event.path, event.mask);
-        if (!options_.exec.empty() && stop_requested())
-            break;
     }
     reporter_.flush();
+    in_hand_ = 0;
     next_tick_ = std::min(next_tick_, steady_ms() + kBusyTickMs);
     if (reporter_.finished())
         end_with(reporter_.status());
     else if (!options_.system && guard_.all_ended())
-        end_with(kNothing);
+        end_with(kGone);
 }
 
 // In a stream of events, waking for each costs more than showing it; some milliseconds of them are shown together.
@@ -295,7 +305,7 @@ void Session::tick(uint64_t now)
     reporter_.flush();
     next_tick_ = now + (now - woken_ms_ < kBusyTickMs && waited_ms_ < kBusyTickMs ? kBusyTickMs : kIdleTickMs);
     if (!options_.system && guard_.all_ended())
-        end_with(kNothing);
+        end_with(kGone);
 }
 
 // What each counter grew by since the last look is one record.
@@ -354,25 +364,45 @@ void Session::end_with(int status)
         status_ = status;
 }
 
-// Events that were held back for a dump are still delivered.
+// Events that were held back for a dump are still delivered, as far as the time goes.
 void Session::end_hold()
 {
     if (!dump_server_ || !dump_server_->stop() || reporter_.finished())
         return;
-    poll(nullptr, 0, kTurnMs);
+    uint64_t waiting = 1;
+    for (const uint64_t until = steady_ms() + kTurnMs; waiting && steady_ms() < until && patience_ms() != 0;) {
+        poll(nullptr, 0, Intake::kPauseMs);
+        wake_monitor(module_);
+        waiting = dump_server_->waiting_records();
+    }
+    if (waiting && stop_requested())
+        complain("told to end: up to " + counted(waiting, "event") + " dropped, which a dump held back");
 }
 
-// What has come until now is still shown.
+// What has come until now is still shown, before anything is asked of the monitor, which may be held up.
 void Session::close()
 {
     end_hold();
-    if (!reporter_.finished() && queue_.take(batch_))
-        for (size_t i = 0; i < batch_.size() && options_.exec.empty(); i++)
+    if (!reporter_.finished() && queue_.take(batch_)) {
+        in_hand_ = batch_.size();
+        for (size_t i = 0; i < batch_.size(); i++)
             reporter_.event(batch_.event(i));
+    }
+    reporter_.flush();
+    in_hand_ = 0;
+    reporter_.tell_dropped();
     check_losses();
     check_findings();
     reporter_.flush();
     log_.stop();
+}
+
+// The main thread does not come to its end: it waits for the monitor, or for one of its own long walks.
+void Session::last_words() const
+{
+    const uint64_t events = in_hand_ + queue_.size();
+    if (events && stderr_is_read())
+        complain("told to end while the monitor is held up: up to " + counted(events, "event") + " dropped");
 }
 
 }  // namespace cli

@@ -4,6 +4,7 @@
 #ifndef CLI_SESSION_H
 #define CLI_SESSION_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <set>
@@ -43,6 +44,7 @@ private:
     bool prepare();
     bool start();
     bool make_plan();
+    bool begin();
     bool place();
     bool place_system();
     void establish();
@@ -64,6 +66,7 @@ private:
     void end_with(int status);
     void end_hold();
     void close();
+    void last_words() const;
 
     const WatchOptions &options_;
     EventQueue queue_;
@@ -77,7 +80,8 @@ private:
     std::unique_ptr<DumpServer> dump_server_; /* null: not started yet */
     RootGuard guard_;
     Batch batch_;
-    std::set<std::string> told_; /* paths that appeared and could not be watched */
+    std::atomic<uint64_t> in_hand_ = 0; /* events of the batch that may not have been written yet */
+    std::set<std::string> told_;        /* paths that appeared and could not be watched */
     Losses losses_;
     int mount_table_ = -1; /* readable, in poll's sense, when mounts have changed */
 

@@ -1,9 +1,16 @@
 #include "signals.h"
 
+#include <sys/prctl.h>
 #include <unistd.h>
 
-#include <cerrno>
+#include <algorithm>
+#include <atomic>
 #include <cstdint>
+#include <ctime>
+#include <system_error>
+#include <thread>
+
+#include "message.h"
 
 namespace cli
 {
@@ -11,19 +18,58 @@ namespace cli
 namespace
 {
 
-volatile sig_atomic_t g_stop;
-volatile sig_atomic_t g_at_once;
-volatile sig_atomic_t g_wake_fd = -1;
+constexpr int kInterrupt = SIGURG; /* to the main thread; does no harm elsewhere */
+constexpr int kTickMs = 5;
+constexpr int kGraceMs = 80, kStepMs = 20, kLongestMs = 2000; /* patience: at first, after progress, in all */
+constexpr int kOrderMs = 40;                                  /* for the main thread to end when that is over */
 
-extern "C" void on_signal(int)
+std::atomic<int64_t> g_stopped_ms = 0; /* when the signal came; 0: not yet */
+std::atomic<int64_t> g_patient_ms = 0; /* until when there is patience */
+std::atomic<bool> g_at_once = false;
+
+int64_t clock_ms()
 {
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000 + 1;  // never 0
+}
+
+struct Listener {
+    sigset_t wanted;
+    pthread_t main;
+    int wake_fd;
+    std::function<void()> last_words;
+
+    [[noreturn]] void run() const;
+    void press() const;
+};
+
+// A call that begins just after an interruption is met by the next.
+void Listener::press() const
+{
+    while (clock_ms() < g_patient_ms + kOrderMs) {
+        pthread_kill(main, kInterrupt);
+        const struct timespec pause = {0, kTickMs * 1000000};
+        nanosleep(&pause, nullptr);
+    }
+}
+
+void Listener::run() const
+{
+    prctl(PR_SET_NAME, "fmon-signals");
+    int number;
+    while (sigwait(&wanted, &number) != 0)
+        continue;
+    const int64_t now = clock_ms();
+    g_patient_ms = now + kGraceMs;
+    g_stopped_ms = now;
     if (g_at_once)
-        _exit(0);
-    const int saved = errno;
+        _exit(kDone);
     const uint64_t one = 1;
-    g_stop = 1;
-    [[maybe_unused]] const ssize_t n = write(g_wake_fd, &one, sizeof one);
-    errno = saved;
+    [[maybe_unused]] const ssize_t n = write(wake_fd, &one, sizeof one);
+    press();
+    last_words();
+    _exit(kDone);
 }
 
 bool is_ignored(int number)
@@ -33,31 +79,68 @@ bool is_ignored(int number)
     return action.sa_handler == SIG_IGN;
 }
 
-void catch_signal(int number)
+// A shell starts background commands with SIGINT ignored; one that is sent all the same is meant.
+sigset_t taken_signals()
+{
+    sigset_t wanted;
+    sigemptyset(&wanted);
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        if (number != SIGHUP || !is_ignored(number)) {
+            signal(number, SIG_DFL);
+            sigaddset(&wanted, number);
+        }
+    return wanted;
+}
+
+// Does nothing, but a system call that waits returns.
+void catch_interrupt()
 {
     struct sigaction action = {};
-    action.sa_handler = on_signal;
-    sigaction(number, &action, nullptr);
+    action.sa_handler = [](int) {};
+    sigaction(kInterrupt, &action, nullptr);
+    sigset_t interrupt;
+    sigemptyset(&interrupt);
+    sigaddset(&interrupt, kInterrupt);
+    pthread_sigmask(SIG_UNBLOCK, &interrupt, nullptr);
 }
 
 }  // namespace
 
-void catch_signals(int wake_fd)
+bool catch_signals(int wake_fd, std::function<void()> last_words)
 {
-    g_wake_fd = wake_fd;
-    // A shell starts background commands with SIGINT ignored; one that is sent all the same is meant.
-    catch_signal(SIGINT);
-    catch_signal(SIGTERM);
-    if (!is_ignored(SIGHUP))
-        catch_signal(SIGHUP);
+    const Listener listener = {taken_signals(), pthread_self(), wake_fd, std::move(last_words)};
     signal(SIGPIPE, SIG_IGN);
+    signal(SIGCHLD, SIG_DFL);  // ignored, it would keep how a command of --exec ended from us
+    catch_interrupt();
+    pthread_sigmask(SIG_BLOCK, &listener.wanted, nullptr);
+    const SignalsBlocked blocked;
+    try {
+        std::thread([listener] { listener.run(); }).detach();
+    } catch (const std::system_error &) {
+        return false;
+    }
+    return true;
 }
 
-bool stop_requested() { return g_stop != 0; }
+int patience_ms(bool progress)
+{
+    const int64_t stopped = g_stopped_ms, now = clock_ms();
+    if (stopped == 0)
+        return -1;
+    if (progress)
+        g_patient_ms = std::max<int64_t>(g_patient_ms, std::min(now + kStepMs, stopped + kLongestMs));
+    return static_cast<int>(std::max<int64_t>(g_patient_ms - now, 0));
+}
 
-StopAtOnce::StopAtOnce() { g_at_once = 1; }
+// A signal that came just before has found the way of an orderly end.
+StopAtOnce::StopAtOnce()
+{
+    g_at_once = true;
+    if (g_stopped_ms != 0)
+        _exit(kDone);
+}
 
-StopAtOnce::~StopAtOnce() { g_at_once = 0; }
+StopAtOnce::~StopAtOnce() { g_at_once = false; }
 
 SignalsBlocked::SignalsBlocked()
 {

@@ -1,19 +1,33 @@
 /*
- * signals.h: SIGINT, SIGTERM and SIGHUP ask the command to end; they wake it wherever it waits.
+ * signals.h: SIGINT, SIGTERM and SIGHUP ask the command to end.
+ *
+ * A thread of their own takes them, so that they are heard whatever the others wait for: a pipe that nobody reads, the
+ * monitor's lock, a walk over a big tree.
  */
 #ifndef CLI_SIGNALS_H
 #define CLI_SIGNALS_H
 
 #include <csignal>
+#include <functional>
 
 namespace cli
 {
 
-/* Catches the three, and ignores SIGPIPE: a closed pipe is seen where it is written to. `wake_fd`, an eventfd, becomes
- * readable when one comes. System calls are interrupted. SIGHUP stays ignored when it was
- * (nohup). */
-void catch_signals(int wake_fd);
-bool stop_requested();
+/* Takes the three from now on, in this thread and in all that are started later, and ignores SIGPIPE: a closed pipe is
+ * seen where it is written to. SIGHUP stays ignored when it was (nohup). To be called once, by the main thread. False:
+ * no thread could be made.
+ *
+ * When one comes, `wake_fd`, an eventfd, becomes readable, and system calls of the main thread are interrupted again
+ * and again. When the main thread has not ended the process some time after the end of all patience, `last_words` is
+ * called, on the thread of the signals, and the process ends with status 0: 120 ms after the signal when nothing went
+ * on meanwhile. */
+bool catch_signals(int wake_fd, std::function<void()> last_words);
+
+/* Milliseconds for which somebody may still be waited for: 80 after the signal; -1: the command is not to end.
+ * `progress`: a part of what is left to do is done, so that the rest may be, too. That prolongs the time by little, and
+ * to two seconds at most. */
+int patience_ms(bool progress = false);
+inline bool stop_requested() { return patience_ms() >= 0; }
 
 /* While it lives, the signals end the process at once, with status 0: for long calls that cannot be interrupted, and
  * before there is anything to flush. */

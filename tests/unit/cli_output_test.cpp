@@ -3,6 +3,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/time.h>
+#include <sys/wait.h>
+
+#include <chrono>
 #include <csignal>
 #include <sstream>
 
@@ -19,7 +23,8 @@ using cli_testing::parse;
 namespace
 {
 
-bool never() { return false; }
+int for_ever(bool) { return -1; }
+int always() { return -1; }
 
 std::string content(const std::string &path)
 {
@@ -39,12 +44,13 @@ protected:
         EXPECT_TRUE(parsed.ok) << parsed.error;
         reporter = std::make_unique<Reporter>(parsed.options);
         std::string error;
-        EXPECT_TRUE(reporter->open(error)) << error;
+        EXPECT_TRUE(reporter->prepare(error)) << error;
         Plan plan;
         plan.instances = {{"watch", parsed.options.events ? parsed.options.events : uint32_t{FMON_ALL_EVENTS}}};
         plan.roots.resize(1);
         plan.roots[0].path = "/root";
         reporter->set_plan(plan);
+        EXPECT_TRUE(reporter->begin(error)) << error;
         return *reporter;
     }
     std::string written()
@@ -67,11 +73,11 @@ TEST(CliOutput, a_closed_pipe_is_no_error)
     ASSERT_EQ(pipe(ends), 0);
     Output output;
     std::string error;
-    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), error)) << error;
+    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
     close(ends[1]);
     close(ends[0]);
     output.buffer() = "x";
-    EXPECT_FALSE(output.flush(never));
+    EXPECT_FALSE(output.flush(for_ever));
     EXPECT_TRUE(output.closed());
     EXPECT_TRUE(output.error().empty());
 }
@@ -80,9 +86,9 @@ TEST(CliOutput, a_full_disk_is_one)
 {
     Output output;
     std::string error;
-    ASSERT_TRUE(output.open("/dev/full", error));
+    ASSERT_TRUE(output.open("/dev/full", false, error));
     output.buffer() = "x";
-    EXPECT_FALSE(output.flush(never));
+    EXPECT_FALSE(output.flush(for_ever));
     EXPECT_FALSE(output.closed());
     EXPECT_NE(output.error().find("No space left"), std::string::npos);
 }
@@ -93,16 +99,16 @@ TEST(CliOutput, files_are_replaced_and_know_their_path)
     const std::string path = folder.file("out", "old");
     Output output;
     std::string error;
-    ASSERT_TRUE(output.open(path, error));
+    ASSERT_TRUE(output.open(path, false, error));
     EXPECT_EQ(output.file_path(), path);
     output.buffer() = "new";
-    EXPECT_TRUE(output.flush_if_large(never));
+    EXPECT_TRUE(output.flush_if_large(for_ever));
     EXPECT_EQ(content(path), "");
-    EXPECT_TRUE(output.flush(never));
+    EXPECT_TRUE(output.flush(for_ever));
     EXPECT_EQ(content(path), "new");
     EXPECT_TRUE(output.buffer().empty());
     Output other;
-    EXPECT_FALSE(other.open(folder.path("missing/out"), error));
+    EXPECT_FALSE(other.open(folder.path("missing/out"), false, error));
     EXPECT_NE(error.find("missing/out: No such file"), std::string::npos);
 }
 
@@ -112,11 +118,15 @@ TEST(CliOutput, a_reader_that_does_not_read_cannot_hold_up_the_end)
     ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
     Output output;
     std::string error;
-    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), error)) << error;
+    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
     fcntl(output.fd(), F_SETFL, O_NONBLOCK);
     output.buffer().assign(1 << 20, 'x');
-    EXPECT_TRUE(output.flush([] { return true; }));
+    EXPECT_TRUE(output.flush([](bool) { return 20; }));
     EXPECT_TRUE(output.buffer().empty());
+    EXPECT_TRUE(output.gave_up());
+    output.buffer() = "later\n";
+    EXPECT_TRUE(output.flush(for_ever));
+    EXPECT_EQ(output.given_up(), 1u);
     close(ends[0]);
     close(ends[1]);
 }
@@ -128,18 +138,66 @@ TEST(CliExec, the_event_is_in_the_environment_and_never_in_the_command)
     setenv("FMON_PATH", "old", 1);
     const Executor executor("printf '%s|%s|%s' \"$FMON_EVENTS\" \"$FMON_PATH\" \"$FMON_PID\" > " + folder.path("out"));
     std::string error;
-    ASSERT_TRUE(executor.run(event_of(hostile, FMON_CREATE | FMON_ATTRIB, 42), never, error)) << error;
+    ASSERT_TRUE(executor.run(event_of(hostile, FMON_CREATE | FMON_ATTRIB, 42), always, error)) << error;
     EXPECT_EQ(content(folder.path("out")), "create,attrib|" + hostile + "|42");
     EXPECT_FALSE(std::filesystem::exists(folder.path("trap")));
     unsetenv("FMON_PATH");
 }
 
-TEST(CliExec, a_failing_command_is_the_users_business)
+TEST(CliExec, failures_are_told)
 {
-    std::string error;
-    EXPECT_TRUE(Executor("exit 3").run(event_of("/a", FMON_CREATE), never, error));
-    EXPECT_TRUE(Executor("kill -9 $$").run(event_of("/a", FMON_CREATE), never, error));
-    EXPECT_TRUE(error.empty());
+    const Event event = event_of("/a", FMON_CREATE);
+    const std::vector<std::pair<const char *, const char *>> rows = {
+        {"true", ""},
+        {"exit 3", "the command of --exec for /a ended with status 3"},
+        {"kill -9 $$", "the command of --exec for /a was ended by signal 9 (Killed)"}};
+    for (const auto &[command, told] : rows) {
+        std::string trouble = "as before";
+        EXPECT_TRUE(Executor(command).run(event, always, trouble));
+        EXPECT_EQ(trouble, told) << command;
+    }
+    const std::string long_path(200000, 'x');  // more than a process takes
+    std::string trouble;
+    EXPECT_FALSE(Executor("true").run(event_of(long_path, FMON_CREATE), always, trouble));
+    EXPECT_NE(trouble.find("cannot run the command of --exec: Argument list too long"), std::string::npos);
+}
+
+// The wait is interrupted as signals.h says: here by a timer.
+TEST(CliExec, a_command_has_its_time_to_end)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const struct itimerval often = {{0, 5000}, {0, 5000}}, off = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    const auto patience = [&] {
+        const auto took = std::chrono::steady_clock::now() - start;
+        return std::max(0, 500 - static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));
+    };
+    std::string trouble;
+    EXPECT_TRUE(Executor("sleep 0.1").run(event_of("/a", FMON_CREATE), patience, trouble));
+    EXPECT_EQ(trouble, "");
+    EXPECT_TRUE(Executor("exec sleep 30").run(event_of("/a", FMON_CREATE), patience, trouble));
+    EXPECT_EQ(trouble, "the command of --exec for /a was sent SIGTERM: it ran for too long");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    setitimer(ITIMER_REAL, &off, nullptr);
+    int status = 0;
+    EXPECT_GT(wait(&status), 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+TEST_F(Reporting, a_command_that_fails_is_told_of)
+{
+    testing::internal::CaptureStderr();
+    open({"--exec", "exit 3"});
+    for (const char *path : {"/root/1", "/root/2", "/root/3"})
+        reporter->event(event_of(path, FMON_CREATE));
+    reporter->tell_dropped();
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.substr(0, said.find('\n')), "fmon: the command of --exec for /root/1 ended with status 3");
+    EXPECT_EQ(said.substr(said.find('\n') + 1), "fmon: the command of --exec failed 2 more times\n");
+    EXPECT_FALSE(reporter->finished());
 }
 
 TEST_F(Reporting, shows_what_was_asked_for)
@@ -180,25 +238,63 @@ TEST_F(Reporting, does_not_show_its_own_file)
 TEST_F(Reporting, records_beside_events_are_for_json_only)
 {
     open({});
-    reporter->begin();
     reporter->established({{"/root"}, {}, 1});
     reporter->loss("inotify", 1);
     reporter->ended("/root", "deleted");
     EXPECT_EQ(written(), "");
 }
 
+// A run that comes to nothing must not cost what the file held.
+TEST(CliReporter, a_file_is_opened_last)
+{
+    const Folder folder;
+    const std::string out = folder.file("out", "old\n");
+    for (const bool append : {false, true}) {
+        auto parsed = parse({"-o", out, "-f", "csv", "/root"});
+        parsed.options.append = append;
+        Reporter reporter(parsed.options);
+        std::string error;
+        ASSERT_TRUE(reporter.prepare(error)) << error;
+        reporter.set_plan({});
+        EXPECT_EQ(content(out).substr(0, 4), append ? "time" : "old\n");
+        ASSERT_TRUE(reporter.begin(error)) << error;
+        reporter.loss("inotify", 1);
+        reporter.flush();
+        const std::string text = content(out);
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), append ? 3 : 2) << text;
+        EXPECT_EQ(text.find("time,events,path,pid,process\n"), 0u) << text;
+        EXPECT_EQ(text.rfind("time,events"), 0u) << "one heading";
+    }
+    EXPECT_FALSE(parse({"--append", "/root"}).ok);
+}
+
+TEST(CliReporter, an_appended_file_begins_with_a_heading)
+{
+    const Folder folder;
+    const auto parsed = parse({"-o", folder.path("new"), "--append", "-f", "csv", "/root"});
+    Reporter reporter(parsed.options);
+    std::string error;
+    ASSERT_TRUE(reporter.prepare(error)) << error;
+    EXPECT_FALSE(std::filesystem::exists(folder.path("new")));
+    reporter.set_plan({});
+    ASSERT_TRUE(reporter.begin(error)) << error;
+    reporter.flush();
+    EXPECT_EQ(content(folder.path("new")), "time,events,path,pid,process\n");
+}
+
 TEST(CliReporter, refuses_before_anything_is_opened)
 {
     const Folder folder;
-    const std::vector<std::vector<std::string>> cases = {
-        {"--include", "("}, {"--exclude", "[a"}, {"--format", "%q"}, {"-o", folder.path("no/out")}};
+    const std::vector<std::vector<std::string>> cases = {{"--include", "("},    {"--exclude", "[a"},
+                                                         {"--format", "%q"},    {"-o", folder.path("no/out")},
+                                                         {"-o", folder.root()}, {"-o", folder.root() + "/new/"}};
     for (std::vector<std::string> arguments : cases) {
         arguments.insert(arguments.end(), {"/root"});
         const auto parsed = parse(arguments);
         ASSERT_TRUE(parsed.ok) << parsed.error;
         Reporter reporter(parsed.options);
         std::string error;
-        EXPECT_FALSE(reporter.open(error));
+        EXPECT_FALSE(reporter.prepare(error));
         EXPECT_FALSE(error.empty());
     }
 }
