@@ -99,28 +99,28 @@ int place_watch(struct watch *w)
 
 struct watch *watch_new(int instance, const char *path, const struct watch_request &request)
 {
+    auto *w = static_cast<struct watch *>(calloc(1, sizeof(struct watch)));
+    if (!w)
+        return nullptr;
+    w->mask = request.mask;
+    w->flags = request.flags;
+    w->instance = static_cast<uint16_t>(instance);
+    w->max_depth = static_cast<uint16_t>(request.max_depth);
+    w->max_subdirs = static_cast<int32_t>(request.max_subdirs);
+
     /* In a container the path is the host's, which cannot be resolved from here. */
     char resolved[PATH_MAX];
     const char *stored = path;
     if (!g_container_flag && realpath(path, resolved))
         stored = resolved;
-    FMON_LOG(4, kFile, "watch new, origin path: %s, rpath: %s", path, stored);
-
-    auto *w = static_cast<struct watch *>(calloc(1, sizeof(struct watch)));
-    if (!w)
-        return nullptr;
-    size_t size = strlen(stored) + 1;
+    const size_t size = strlen(stored) + 1;
     w->path = static_cast<char *>(malloc(size));
     if (!w->path) {
         free(w);
         return nullptr;
     }
     memcpy(w->path, stored, size);
-    w->mask = request.mask;
-    w->flags = request.flags;
-    w->instance = static_cast<uint16_t>(instance);
-    w->max_depth = static_cast<uint16_t>(request.max_depth);
-    w->max_subdirs = static_cast<int32_t>(request.max_subdirs);
+    FMON_LOG(4, kFile, "watch new, origin path: %s, rpath: %s", path, w->path);
     return w;
 }
 

@@ -30,10 +30,14 @@ const char *parent_point(const struct kp_os_info *) { return "__fsnotify_parent"
 const char *rename_point(const struct kp_os_info *) { return "vfs_rename"; }
 const char *link_point(const struct kp_os_info *) { return "vfs_link"; }
 
+/* Where a probe's definition is stored: not in the order of registration. */
+enum { DEF_CREATE, DEF_LINK, DEF_DELETE, DEF_CLOSE_WRITE, DEF_MOVED_FROM, DEF_MOVED_TO };
+
 /* A probe a row, in the order of their registration. `dentry` is where the function has the dentry that is reported:
  * of a rename the old or the new one, of a link the existing one. `more` is fetched behind the record's usual fields
  * and `condition` goes behind the common filter. */
 struct probe_row {
+    int def;
     uint32_t event;
     const char *name;
     const char *(*point)(const struct kp_os_info *);
@@ -45,19 +49,20 @@ struct probe_row {
 };
 
 constexpr probe_row kProbes[CLT_FILE_PROBES] = {
-    {FMON_CREATE, "Kc", create_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_crt_event,
+    {DEF_CREATE, FMON_CREATE, "Kc", create_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_crt_event,
      "register create file cmd failed!"},
-    {FMON_DELETE, "Ku", unlink_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_del_event,
+    {DEF_DELETE, FMON_DELETE, "Ku", unlink_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_del_event,
      "register delete file cmd failed!"},
     /* the kernel's own event mask and the inode's mode: closes of regular files only, after writing */
-    {FMON_CLOSE_WRITE, "Km", parent_point, "%si", "%dx", "m=%dx:u32 f=+0(+48(%si)):u16", "m=%cx:u32 f=+0(+36(%dx)):u16",
-     "m==8&&f>=32768&&f<=36863", read_kp_writeclose_event, "register close_write file cmd failed!"},
-    {FMON_MOVED_FROM, "Krf", rename_point, "%si", "%dx", nullptr, nullptr, nullptr, read_kp_movefrom_event,
-     "register rename from file cmd failed!"},
-    {FMON_MOVED_TO, "Krt", rename_point, "%cx", "+4(%sp)", nullptr, nullptr, nullptr, read_kp_moveto_event,
-     "register rename to file cmd failed!"},
+    {DEF_CLOSE_WRITE, FMON_CLOSE_WRITE, "Km", parent_point, "%si", "%dx", "m=%dx:u32 f=+0(+48(%si)):u16",
+     "m=%cx:u32 f=+0(+36(%dx)):u16", "m==8&&f>=32768&&f<=36863", read_kp_writeclose_event,
+     "register close_write file cmd failed!"},
+    {DEF_MOVED_FROM, FMON_MOVED_FROM, "Krf", rename_point, "%si", "%dx", nullptr, nullptr, nullptr,
+     read_kp_movefrom_event, "register rename from file cmd failed!"},
+    {DEF_MOVED_TO, FMON_MOVED_TO, "Krt", rename_point, "%cx", "+4(%sp)", nullptr, nullptr, nullptr,
+     read_kp_moveto_event, "register rename to file cmd failed!"},
     /* the line speaks of close_write: log readers know it so */
-    {FMON_LINK, "Kl", link_point, "%di", "%ax", nullptr, nullptr, nullptr, read_kp_link_event,
+    {DEF_LINK, FMON_LINK, "Kl", link_point, "%di", "%ax", nullptr, nullptr, nullptr, read_kp_link_event,
      "register close_write file cmd failed!"},
 };
 
@@ -118,9 +123,9 @@ int register_probe(const probe_row &probe, struct kp_probe_def *def, void *insta
 /* Null: the kind has no probe. */
 struct kp_probe_def *probe_of(uint32_t event)
 {
-    for (int i = 0; i < CLT_FILE_PROBES; i++)
-        if (kProbes[i].event == event)
-            return &clt_file.probes[i];
+    for (const probe_row &probe : kProbes)
+        if (probe.event == event)
+            return &clt_file.probes[probe.def];
     return nullptr;
 }
 
@@ -151,10 +156,10 @@ int prepare()
 
 int register_all(void *instance)
 {
-    for (int i = 0; i < CLT_FILE_PROBES; i++) {
-        const int ret = register_probe(kProbes[i], &clt_file.probes[i], instance);
+    for (const probe_row &probe : kProbes) {
+        const int ret = register_probe(probe, &clt_file.probes[probe.def], instance);
         if (ret < 0)
-            return start_failed(kProbes[i].refused, ret);
+            return start_failed(probe.refused, ret);
     }
     return 0;
 }

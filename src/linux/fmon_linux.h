@@ -13,6 +13,8 @@
 #ifndef FMON_FMON_LINUX_H
 #define FMON_FMON_LINUX_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "fmon.h"
@@ -38,6 +40,9 @@ enum { READ_UNKNOWN_WD = 0x1, READ_INOTIFY_OVERFLOW = 0x2, READ_FANOTIFY_OVERFLO
 
 /* fmlnx.fan_fd */
 enum { FAN_FD_FILE = 0, FAN_FD_MOUNT = 1 };
+
+/* 32-bit code sees no large inode number or size unless it is built for them. */
+static_assert(sizeof(off_t) >= 8 && sizeof(ino_t) >= 8, "define _FILE_OFFSET_BITS=64");
 
 /* What a directory needs from either source. */
 struct fmon_masks {

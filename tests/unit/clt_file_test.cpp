@@ -101,6 +101,15 @@ protected:
 
 /* ---- registration ---- */
 
+TEST_F(CltFile, DefinitionsAreStoredInTheirOwnOrder)
+{
+    EXPECT_LE(0, start(6, 1, 0));
+    Calls stored;
+    for (const struct kp_probe_def &def : clt_file.probes)
+        stored.push_back(def.name);
+    EXPECT_EQ((Calls{"Kc", "Kl", "Ku", "Km", "Krf", "Krt"}), stored);
+}
+
 TEST_F(CltFile, RegistersSixProbesInOrder)
 {
     EXPECT_LE(0, start(6, 1, 0));

@@ -47,6 +47,17 @@ TEST_F(Watches, RecordHoldsTheRequest)
               backend.calls);
 }
 
+TEST_F(Watches, NothingIsSaidOfAWatchThatThereIsNoMemoryFor)
+{
+    for (const char *call : {"calloc", "malloc"}) {
+        log_clear();
+        Fault fault(call);
+        EXPECT_EQ(FMON_ENOMEM, add(id, dir, FMON_CREATE));
+        EXPECT_TRUE(fault.hit()) << call;
+        EXPECT_EQ(0, log_count_containing("watch new")) << call;
+    }
+}
+
 TEST_F(Watches, AddingIsLogged)
 {
     EXPECT_EQ(
