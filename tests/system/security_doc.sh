@@ -16,12 +16,18 @@ for name in $named; do
     unit.* | system.*)
         folder=${name%%.*}
         program=${name#*.}
-        [ -e "tests/$folder/${program}_test.cpp" ] || [ -e "tests/$folder/$program.sh" ] || missing "$name"
+        [ -e "tests/$folder/${program}_test.cpp" ] || [ -e "tests/$folder/$program.sh" ] || [ -d "tests/$folder/$program" ] ||
+            missing "$name"
         ;;
     *)
         grep -qE "^TEST(_F|_P)?\(${name%%.*}, ${name#*.}\)" "tests/$folder/${program}_test.cpp" || missing "$program: $name"
         ;;
     esac
+done
+# The attacks of system.hostile that it names are in that program's table.
+# shellcheck disable=SC2016 # the page's backquotes
+for attack in $(grep -oE '`system\.hostile`: `[a-z]+`(, `[a-z]+`)*' docs/security.md | grep -oE '`[a-z]+`' | tr -d '`'); do
+    grep -q "{\"$attack\", " tests/system/hostile/*.cpp || missing "the attack $attack"
 done
 [ "$(echo "$named" | wc -l)" -gt 20 ] || missing "more than a few tests"
 exit $failed
