@@ -94,6 +94,7 @@ struct fmlnx_t {
     uint32_t *period_start, *delay, *io_count; /* per position */
     int32_t *selectable;
     int32_t events_this_pass, max_events_per_pass;
+    int32_t next_first; /* where the next pass begins: behind the position that used a hardened monitor's pass up */
 };
 extern struct fmlnx_t fmlnx; /* hidden */
 

@@ -230,6 +230,16 @@ int read_fanotify(struct fmon *monitor, int fd, fmon_event_cb callback)
 
 bool ready(int32_t position) { return position < fmlnx.fd_num && fmlnx.selectable[position] == SELECTABLE_READY; }
 
+/* One busy source must not take the thread: the pass ends. Established: what the probe library still holds is given up.
+ * Hardened, it is kept, the library having a limit of its own, and the positions that were not reached come first. */
+void give_way(struct fmon *monitor, int32_t position)
+{
+    if (monitor->hardened)
+        fmlnx.next_first = position + 1;
+    else
+        clean_global_event();
+}
+
 /* Nothing stays marked ready beyond its pass: while the event table is full the selection is not made anew, and a
  * stale mark would make a later pass wait in a read, with the monitor lock held. */
 void end_pass(struct fmon *monitor, uint32_t now_ms)
@@ -278,12 +288,9 @@ void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name)
         uint32_t bit;
         void (*step)(struct dentry *, const char *, int);
     } steps[] = {
-        {IN_CREATE, fmon_linux_on_create},
-        {IN_MOVED_FROM, fmon_linux_on_moved_from},
-        {IN_MOVED_TO, fmon_linux_on_moved_to},
-        {IN_MOVE_SELF, fmon_linux_on_move_self},
-        {IN_DELETE, fmon_linux_on_delete},
-        {IN_ATTRIB, fmon_linux_on_attrib},
+        {IN_CREATE, fmon_linux_on_create},     {IN_MOVED_FROM, fmon_linux_on_moved_from},
+        {IN_MOVED_TO, fmon_linux_on_moved_to}, {IN_MOVE_SELF, fmon_linux_on_move_self},
+        {IN_DELETE, fmon_linux_on_delete},     {IN_ATTRIB, fmon_linux_on_attrib},
     };
     int is_dir = (mask & IN_ISDIR) != 0;
     for (const auto &step : steps) {
@@ -373,12 +380,14 @@ int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb c
 {
     fmlnx.read_status = 0;
     fmlnx.events_this_pass = 0;
-    for (int32_t i = 0; i < fmlnx.fd_num; i++) {
+    const int32_t first = fmlnx.next_first;
+    fmlnx.next_first = 0;
+    for (int32_t n = 0; n < fmlnx.fd_num; n++) {
+        const int32_t i = (first + n) % fmlnx.fd_num;
         if (ready(i))
             fmlnx.events_this_pass = checked_add(fmlnx.events_this_pass, read_position(monitor, i, callback));
-        /* One busy source must not take the thread; what the probe library still holds is given up. */
         if (fmlnx.events_this_pass > fmlnx.max_events_per_pass) {
-            clean_global_event();
+            give_way(monitor, i);
             break;
         }
     }

@@ -213,4 +213,40 @@ TEST_F(Pass, GlobalPositionWithoutAnInstanceReadsNothing)
     EXPECT_EQ(1U, fmlnx.io_count[3]);
 }
 
+/* Hardened, nothing is given up for a pass that was too full, and nobody is left out for good. */
+class HardenedPass : public Pass
+{
+protected:
+    HardenedPass() { fmon.hardened = 1; }
+    ~HardenedPass() override { fmon.hardened = 0; }
+};
+
+TEST_F(HardenedPass, WhatWaitsInTheLibraryIsKept)
+{
+    pass(101);
+    EXPECT_EQ(101, seen);
+    EXPECT_EQ(0, log_count_containing("clean the global event"));
+    EXPECT_FALSE(logged(4, "read a fanotify event"));
+}
+
+TEST_F(HardenedPass, NextPassBeginsWithWhoWasNotReached)
+{
+    pass(101);
+    EXPECT_EQ(0U, fmlnx.io_count[1]);
+    log_clear();
+    pass(101);
+    EXPECT_EQ(1U, fmlnx.io_count[1]);
+    const std::string log = log_text();
+    EXPECT_LT(log.find("read a fanotify event"), log.find("inotify read an event"));
+}
+
+TEST_F(HardenedPass, OtherwiseEveryPassBeginsWithTheFirst)
+{
+    pass(1);
+    EXPECT_EQ(1U, fmlnx.io_count[0]);
+    pass(101);
+    EXPECT_EQ(1U, fmlnx.io_count[1]) << "not reached";
+    EXPECT_EQ(101, seen);
+}
+
 }  // namespace
