@@ -86,6 +86,7 @@ struct RightsFacts {
 };
 /* The line "CapEff:" of a process's status. */
 std::optional<uint64_t> parse_capabilities(std::string_view status);
+inline constexpr unsigned kCapSysPtrace = 19;
 RightsFacts gather_rights();
 Checks judge_rights(const RightsFacts &facts);
 
@@ -108,6 +109,7 @@ struct DoctorProbes {
     bool understood = false;      /* the monitor takes this kernel's release and machine */
     bool may_crash = false;       /* tracefs is marked, on a kernel that may then crash: the library was not asked */
     std::vector<uint64_t> mounts; /* ids that the filter names */
+    uint64_t processors = 0, max_descriptors = 0; /* that the machine may have, that a process may have */
 };
 /* Whether a kernel may crash when a probe goes while somebody's fanotify marks tracefs: those before 6.7. */
 bool deletes_probes_badly(std::string_view release);
@@ -130,6 +132,7 @@ struct ContainerFacts {
     bool container = false, root = false; /* inside a container; of this process */
     bool host_processes = true;           /* /proc shows the machine's processes */
     bool first_hidden = false;            /* /proc does not show process 1 */
+    bool may_trace = false;               /* this process has CAP_SYS_PTRACE, which looking at others needs */
 };
 ContainerFacts gather_containers(bool container);
 Checks judge_containers(const ContainerFacts &facts);

@@ -26,6 +26,14 @@ bool sees_host_processes()
     return n <= 0 || strcmp(target, kHostNumbering) == 0;
 }
 
+// Who may look at all, and is kept from it, is inside a user namespace, or meets a security module.
+const char *hidden_remedy(const ContainerFacts &facts)
+{
+    if (facts.may_trace)
+        return "run fmon on the host itself, outside of user namespaces";
+    return facts.root ? "give fmon CAP_SYS_PTRACE, or mount /proc without hidepid" : "run as root";
+}
+
 Check judge_identity(const ContainerFacts &facts)
 {
     const struct orx_container_census &census = facts.census;
@@ -42,7 +50,7 @@ Check judge_identity(const ContainerFacts &facts)
         check.state = State::kWarn;
         check.text += ", but " + (facts.first_hidden ? "most processes" : counted(census.hidden, "process's mounts")) +
                       " may not be seen";
-        check.remedy = facts.root ? "give fmon CAP_SYS_PTRACE, or mount /proc without hidepid" : "run as root";
+        check.remedy = hidden_remedy(facts);
     } else if (facts.container && !facts.host_processes) {
         check.state = State::kWarn;
         check.text += ", but only of this container's own processes";
@@ -61,6 +69,7 @@ ContainerFacts gather_containers(bool container)
     ContainerFacts facts;
     facts.container = container;
     facts.root = geteuid() == 0;
+    facts.may_trace = gather_rights().capabilities.value_or(0) >> kCapSysPtrace & 1;
     facts.host_processes = sees_host_processes();
     facts.first_hidden = access("/proc/1", F_OK) != 0;
     ContainerLibrary library;

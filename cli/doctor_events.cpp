@@ -21,15 +21,18 @@ namespace
 
 constexpr char kRights[] = "rights", kInotify[] = "inotify", kFanotify[] = "fanotify";
 
+constexpr unsigned kAdmin = 21;
+
 struct CapabilityRow {
     unsigned bit;
     const char *name, *purpose;
     State without;
+    unsigned with; /* of use only beside that one */
 };
 constexpr CapabilityRow kCapabilities[] = {
-    {21, "CAP_SYS_ADMIN", "fanotify (who did it, whole mounts) and kernel probes", State::kNo},
-    {2, "CAP_DAC_READ_SEARCH", "directories that belong to others", State::kNo},
-    {19, "CAP_SYS_PTRACE", "names and programs of others' processes", State::kWarn},
+    {kAdmin, "CAP_SYS_ADMIN", "fanotify (who did it, whole mounts) and kernel probes", State::kNo, kAdmin},
+    {2, "CAP_DAC_READ_SEARCH", "directories that belong to others", State::kNo, 2},
+    {kCapSysPtrace, "CAP_SYS_PTRACE", "programs of others' processes", State::kWarn, kAdmin},
 };
 
 /* The user who has used most of a limit. */
@@ -94,6 +97,18 @@ Check judge_trial(const char *name, const char *good, int error, bool root)
     return check;
 }
 
+Check judge_capability(const CapabilityRow &row, uint64_t capabilities, bool root)
+{
+    const auto has = [&](unsigned bit) { return (capabilities >> bit & 1) != 0; };
+    if (has(row.bit))
+        return {kRights, row.name, State::kOk, row.purpose, "", true};
+    const std::string missing = std::string("is missing, which is needed for ") + row.purpose;
+    if (row.with != row.bit && !has(row.with))
+        return {kRights, row.name, State::kOk, missing + ": of no use without CAP_SYS_ADMIN", "", true};
+    return {kRights, row.name, row.without, missing, root ? std::string("let root keep ") + row.name : "run as root",
+            true};
+}
+
 // A group with one mark on the mount of "/", which both end with the descriptor. Nothing is read or answered.
 void try_fanotify(int &group_error, int &mark_error)
 {
@@ -132,16 +147,8 @@ Checks judge_rights(const RightsFacts &facts)
     if (!facts.capabilities)
         return {{kRights, "capabilities", State::kWarn, "/proc/self/status does not tell them", "mount /proc", true}};
     Checks checks;
-    for (const CapabilityRow &row : kCapabilities) {
-        const bool has = *facts.capabilities >> row.bit & 1;
-        checks.push_back({kRights, row.name, has ? State::kOk : row.without, row.purpose,
-                          has          ? ""
-                          : facts.root ? std::string("let root keep ") + row.name
-                                       : "run as root",
-                          true});
-        if (!has)
-            checks.back().text = std::string("is missing, which is needed for ") + row.purpose;
-    }
+    for (const CapabilityRow &row : kCapabilities)
+        checks.push_back(judge_capability(row, *facts.capabilities, facts.root));
     return checks;
 }
 

@@ -1,7 +1,11 @@
+#include <unistd.h>
+
 #include <algorithm>
 #include <charconv>
 #include <set>
 
+#include "descriptors.h"
+#include "diagnose.h"
 #include "doctor.h"
 #include "message.h"
 
@@ -88,6 +92,20 @@ Check judge_filter(const DoctorProbes &facts)
     check.state = State::kNo;
     check.text += ", too long: probes do not start";
     check.remedy = "unmount some";
+    return check;
+}
+
+Check judge_descriptors(const DoctorProbes &facts)
+{
+    const uint64_t needed = kDescriptorsBeside + facts.processors * kDescriptorsAProcessor;
+    Check check = {kProbes, "descriptors", State::kOk, "", "", true};
+    check.text = "about " + with_commas(needed) + " for " + counted(facts.processors, "processor");
+    if (facts.max_descriptors >= needed)
+        return check;
+    check.state = State::kNo;
+    check.text += ", and a process may have " + with_commas(facts.max_descriptors);
+    check.remedy = "raise the limit with ulimit -n " + std::to_string(roomy_limit(needed)) +
+                   ", or with LimitNOFILE= where a service starts fmon";
     return check;
 }
 
@@ -181,6 +199,8 @@ DoctorProbes gather_probes(const KernelFacts &kernel, bool container, const std:
     facts.understood = !kernel.section.empty();
     facts.may_crash = deletes_probes_badly(kernel.release) && is_tracefs_marked(users, mounts);
     facts.probes = gather_probe_facts(container, !facts.may_crash);
+    facts.processors = static_cast<uint64_t>(std::max(sysconf(_SC_NPROCESSORS_CONF), 1L));
+    facts.max_descriptors = most_descriptors();
     for (const Mount &mount : mounts)
         if (mount.whole_device)
             facts.mounts.push_back(mount.id);
@@ -195,6 +215,7 @@ Checks judge_probes(const DoctorProbes &facts)
     checks.push_back(judge_tracefs(facts));
     checks.push_back(judge_trial(facts));
     checks.push_back(judge_filter(facts));
+    checks.push_back(judge_descriptors(facts));
     return checks;
 }
 

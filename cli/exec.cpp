@@ -9,6 +9,7 @@
 #include <cstring>
 #include <vector>
 
+#include "descriptors.h"
 #include "event_names.h"
 
 namespace cli
@@ -106,7 +107,7 @@ bool Executor::run(const Event &event, const Patience &patience, std::string &tr
 {
     std::vector<std::string> own = own_variables(event);
     std::vector<char *> variables = environment(own);
-    std::string shell = "sh", option = "-c", command = command_;
+    std::string shell = "sh", option = "-c", command = usual_descriptors() + command_;
     char *const arguments[] = {shell.data(), option.data(), command.data(), nullptr};
     const SpawnSetting setting;
     pid_t child;

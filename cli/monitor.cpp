@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 
+#include "descriptors.h"
 #include "diagnose.h"
 #include "message.h"
 #include "orx_autolog.h"
@@ -75,6 +76,7 @@ bool has_probes(const LogWatch &log, const Module &module, std::string &error)
 
 bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error)
 {
+    raise_descriptor_limit();
     const std::string folder = library_folder();
     if (!load_module(folder, module, error))
         return false;

@@ -134,4 +134,21 @@ TEST_P(HighDescriptors, ArriveAsAnyOther)
 /* Around the end of fd_set, around the next word, and far beyond. */
 INSTANTIATE_TEST_SUITE_P(System, HighDescriptors, testing::Values(1020, 1023, 1086, 4000));
 
+/* ---- few ---- */
+
+/* Kernel probes on many processors need more than the usual limit, which is the command's own to raise. */
+TEST(FewDescriptors, TheCommandRaisesItsLimit)
+{
+    struct rlimit files = {}, raised = {};
+    getrlimit(RLIMIT_NOFILE, &files);
+    NEED(files.rlim_max > 64, "too few descriptors allowed here");
+    TempTree tree;
+    Process fmon(
+        {{"/bin/sh", "-c", "ulimit -S -n 64; exec " FMON_TEST_BIN "/fmon watch --format json " + tree.root()}});
+    fmon.line();
+    ASSERT_EQ(prlimit(fmon.pid(), RLIMIT_NOFILE, nullptr, &raised), 0);
+    EXPECT_EQ(raised.rlim_cur, files.rlim_max);
+    EXPECT_EQ(fmon.interrupt(), 0);
+}
+
 }  // namespace

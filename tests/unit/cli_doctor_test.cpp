@@ -78,6 +78,8 @@ DoctorProbes good_probes()
     facts.probes.release = "6.1.0-37-amd64";
     facts.understood = true;
     facts.mounts = {21, 24};
+    facts.processors = 2;
+    facts.max_descriptors = 4096;
     return facts;
 }
 
@@ -164,6 +166,11 @@ TEST(CliDoctor, capabilities)
     expect(find(checks, "CAP_SYS_ADMIN"), State::kOk, {"fanotify"});
     expect(find(checks, "CAP_DAC_READ_SEARCH"), State::kNo, {"is missing", "run as root"});
     expect(find(checks, "CAP_SYS_PTRACE"), State::kWarn, {"is missing", "run as root"});
+    // Without fanotify no event names a process, whose program nobody then looks up.
+    checks = judge_rights({uint64_t{1} << 2, false});
+    expect(find(checks, "CAP_SYS_PTRACE"), State::kOk, {"of no use without CAP_SYS_ADMIN"});
+    EXPECT_EQ(find(checks, "CAP_SYS_PTRACE").remedy, "");
+    EXPECT_EQ(find(judge_rights({uint64_t{1} << 19 | uint64_t{1} << 21, true}), "CAP_SYS_PTRACE").remedy, "");
     checks = judge_rights({0, true});
     expect(find(checks, "CAP_SYS_ADMIN"), State::kNo, {"is missing", "let root keep CAP_SYS_ADMIN"});
     EXPECT_EQ(doctor_status(checks), kNothing);
@@ -255,6 +262,18 @@ TEST(CliDoctor, probes_that_do_not_work)
     facts = good_probes();
     facts.understood = false;
     expect(find(judge_probes(facts), "kernel"), State::kOk, {"the monitor does not use them"});
+}
+
+// Kernel probes need some for each processor that there may be.
+TEST(CliDoctor, descriptors)
+{
+    DoctorProbes facts = good_probes();
+    expect(find(judge_probes(facts), "descriptors"), State::kOk, {"about 108 for 2 processors"});
+    facts.processors = 46;
+    facts.max_descriptors = 1024;
+    expect(find(judge_probes(facts), "descriptors"), State::kNo,
+           {"about 1,076 for 46 processors", "a process may have 1,024", "ulimit -n 2048", "LimitNOFILE="});
+    EXPECT_EQ(doctor_status(judge_probes(facts)), kNothing);
 }
 
 TEST(CliDoctor, room_of_the_filter)
@@ -494,7 +513,10 @@ TEST(CliDoctorContainers, say_why_they_are_not_seen)
     facts.census.hidden = 7;
     expect(find(judge_containers(facts), "identity"), State::kWarn, {"may not be seen", "run as root"});
     facts.root = facts.first_hidden = true;
-    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "hidepid"});
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "CAP_SYS_PTRACE", "hidepid"});
+    facts.may_trace = true;
+    EXPECT_EQ(find(judge_containers(facts), "identity").remedy.find("CAP_SYS_PTRACE"), std::string::npos);
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "user namespaces"});
     facts.census.hidden = 0;
     facts.first_hidden = false;
     facts.container = true;

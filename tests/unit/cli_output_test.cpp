@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <sys/resource.h>
 #include <sys/time.h>
 #include <sys/wait.h>
 
@@ -11,6 +12,7 @@
 #include <sstream>
 
 #include "cli_testing.h"
+#include "descriptors.h"
 #include "exec.h"
 #include "orx_fmon.h"
 #include "reporter.h"
@@ -185,6 +187,29 @@ TEST(CliExec, a_command_has_its_time_to_end)
     int status = 0;
     EXPECT_GT(wait(&status), 0);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+// Programs of a command may use select(), which holds 1,024 descriptors.
+TEST(CliExec, a_command_has_the_limit_of_descriptors_that_was)
+{
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    ASSERT_GT(limit.rlim_max, 200u);
+    const rlim_t usual = limit.rlim_cur;
+    limit.rlim_cur = 200;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    raise_descriptor_limit();
+    getrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+    EXPECT_EQ(most_descriptors(), limit.rlim_max);
+    const Folder folder;
+    std::string trouble;
+    EXPECT_TRUE(Executor("ulimit -S -n > " + folder.path("out") + "; ulimit -H -n >> " + folder.path("out"))
+                    .run(event_of("/a", FMON_CREATE), always, trouble));
+    EXPECT_EQ(trouble, "");
+    EXPECT_EQ(content(folder.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
+    limit.rlim_cur = usual;
+    setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 TEST_F(Reporting, a_command_that_fails_is_told_of)
