@@ -1,6 +1,8 @@
 #include "escape.h"
 
+#include <algorithm>
 #include <cstdint>
+#include <cstdio>
 #include <cstring>
 
 namespace cli
@@ -78,6 +80,18 @@ size_t plain_prefix(std::string_view text)
     while (n < text.size() && is_plain(byte_at(text, n)))
         n++;
     return n;
+}
+
+// Of one to three bytes: what lies beyond has no hidden characters.
+void append_unicode(std::string_view character, std::string &out)
+{
+    const uint32_t lead[] = {0x7f, 0x1f, 0x0f};
+    uint32_t value = byte_at(character, 0) & lead[character.size() - 1];
+    for (size_t i = 1; i < character.size(); i++)
+        value = value << 6 | (byte_at(character, i) & 0x3fu);
+    char text[8];
+    snprintf(text, sizeof text, "\\u%04x", value & 0xffffu);
+    out.append(text);
 }
 
 // The first character, which is not plain. Returns how many bytes were consumed.
@@ -173,6 +187,19 @@ std::string escaped(std::string_view text)
     std::string out;
     append_escaped(text, out);
     return out;
+}
+
+void append_json_safe(std::string_view json, std::string &out)
+{
+    while (!json.empty()) {
+        const size_t length = std::max<size_t>(utf8_length(json), 1);
+        const std::string_view character = json.substr(0, length);
+        if (character == "\x7f" || is_hidden_character(character))
+            append_unicode(character, out);
+        else
+            out.append(character);
+        json.remove_prefix(length);
+    }
 }
 
 void append_csv(std::string_view field, std::string &out)

@@ -27,6 +27,10 @@ void append_escaped(std::string_view text, std::string &out);
 void append_safe(std::string_view text, std::string &out);
 std::string escaped(std::string_view text);
 
+/* Appends JSON text, in which DEL and the characters that append_escaped() takes for hidden become \uXXXX: the same
+ * JSON, for a terminal. `json` is UTF-8, as its strings are when append_utf8() made them. */
+void append_json_safe(std::string_view json, std::string &out);
+
 /* Appends one field as RFC 4180 has it: quoted when it holds a comma, a quote or a line end. */
 void append_csv(std::string_view field, std::string &out);
 

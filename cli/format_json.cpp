@@ -54,7 +54,7 @@ class JsonFormatter : public Formatter
 {
 public:
     explicit JsonFormatter(const FormatStyle &style)
-        : end_(style.end), sources_(style.sources), container_name_(style.container_name)
+        : end_(style.end), terminal_(style.terminal), sources_(style.sources), container_name_(style.container_name)
     {
     }
 
@@ -126,7 +126,11 @@ private:
         put(writer, time_text_);
         fields(writer);
         writer.EndObject();
-        out.append(line_.GetString(), line_.GetSize());
+        const std::string_view line(line_.GetString(), line_.GetSize());
+        if (terminal_)
+            append_json_safe(line, out);
+        else
+            out.append(line);
         out.push_back(end_);
     }
 
@@ -188,6 +192,7 @@ private:
     }
 
     const char end_;
+    const bool terminal_;
     const std::vector<std::string> sources_;
     const std::function<ContainerName(std::string_view)> container_name_;
     UtcTime time_;

@@ -6,8 +6,6 @@
 
 #include "descriptors.h"
 #include "diagnose.h"
-#include "message.h"
-#include "orx_autolog.h"
 #include "orx_base.h"
 #include "orx_host.h"
 #include "probe_cause.h"
@@ -19,7 +17,6 @@ namespace cli
 namespace
 {
 
-constexpr int kLogFiles = 5;
 constexpr int kThreadMs = 10000; /* for the monitor's thread to place its probes */
 
 void set_values(const WatchOptions &options)
@@ -31,32 +28,14 @@ void set_values(const WatchOptions &options)
         orx_host_ini_override("fmon", name.c_str(), value.c_str());
 }
 
-// Users other than root have a log of their own.
-std::string private_log_folder()
-{
-    const char *state = secure_getenv("XDG_STATE_HOME"), *home = secure_getenv("HOME");
-    if (state && state[0] == '/')
-        return std::string(state) + "/fmon";
-    return home && home[0] == '/' ? std::string(home) + "/.local/state/fmon" : std::string();
-}
-
-// The monitor itself sends its log to files once its thread runs; what it says before belongs there, too. Where no
-// folder can be written to, the log goes nowhere: the terminal is for events.
-void set_log(const WatchOptions &options)
+void set_log(const WatchOptions &options, OwnLog &own)
 {
     if (&error_output_level && (options.log_level > 0 || error_output_level < ORX_LOG_WARNING))
         error_output_level = options.log_level > 0 ? options.log_level : ORX_LOG_WARNING;
-    if (options.log_to_stderr) {
+    if (options.log_to_stderr)
         setenv("FMON_LOG", "stderr", 1);
-        return;
-    }
-    char folder[512];
-    if (orx_dirutils_path_transform("@/../var/log/agent/fmon", folder, sizeof folder) == 0 &&
-        autolog_init(folder, kLogFiles) == 0)
-        return;
-    const std::string own = private_log_folder();
-    if (own.empty() || autolog_init(own.c_str(), kLogFiles) != 0)
-        detach_stderr();
+    else
+        own = open_own_log(options);
 }
 
 // The monitor loads the library by itself wherever it finds it.
@@ -74,7 +53,7 @@ bool has_probes(const LogWatch &log, const Module &module, std::string &error)
 
 }  // namespace
 
-bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error)
+bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, OwnLog &own, std::string &error)
 {
     raise_descriptor_limit();
     const std::string folder = library_folder();
@@ -83,7 +62,7 @@ bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, s
     if (options.probes == Probes::kOff)
         hide_probe_library();
     set_values(options);
-    set_log(options);
+    set_log(options, own);
     log.start();
     const SignalsBlocked blocked;
     const int code = module.init(0, nullptr);

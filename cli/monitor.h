@@ -10,14 +10,15 @@
 #include "log_watch.h"
 #include "module.h"
 #include "options.h"
+#include "own_log.h"
 
 namespace cli
 {
 
-/* Loads libfmon.so, sets the values of fmon.ini and the log for this run, and starts the monitor with its thread, on
- * which no signal is ever handled. False: `error` is one line for the user. There is no way to stop it but the
- * process's end. */
-bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, std::string &error);
+/* Loads libfmon.so, sets the values of fmon.ini and the log for this run (`own`), and starts the monitor with its
+ * thread, on which no signal is ever handled. False: `error` is one line for the user. There is no way to stop it but
+ * the process's end. */
+bool start_monitor(const WatchOptions &options, LogWatch &log, Module &module, OwnLog &own, std::string &error);
 
 /* What max_dentries is for this run. */
 uint64_t max_dentries(const WatchOptions &options);

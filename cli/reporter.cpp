@@ -61,6 +61,12 @@ void Reporter::set_plan(const Plan &plan)
         roots_.push_back(root.path);
 }
 
+void Reporter::hide(const std::vector<std::string> &paths)
+{
+    for (const std::string &path : paths)
+        filter_.hide(path);
+}
+
 // A file that grows has its heading already.
 bool Reporter::begin(std::string &error)
 {

@@ -28,6 +28,8 @@ public:
     /* Reads the filters, and looks whether the output can be had; nothing is opened. False: `error` is one line. */
     bool prepare(std::string &error);
     void set_plan(const Plan &plan);
+    /* Paths whose events are not shown. */
+    void hide(const std::vector<std::string> &paths);
     /* Opens the output, when all that is to be reported can be had, and writes the heading. Before everything else.
      * False: `error` is one line. */
     bool begin(std::string &error);

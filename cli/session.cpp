@@ -82,8 +82,12 @@ bool Session::start()
         return fail("no thread could be made: see ulimit -u");
     const StopAtOnce at_once;
     std::string error;
-    if (!start_monitor(options_, log_, module_, error))
+    OwnLog own;
+    if (!start_monitor(options_, log_, module_, own, error))
         return fail(error);
+    reporter_.hide(own.files);
+    if (!own.note.empty())
+        reporter_.note(own.note);
     dump_server_ = std::make_unique<DumpServer>(module_.dump, [this](bool on) { intake_.hold(on); });
     dump_server_->start();
     return true;

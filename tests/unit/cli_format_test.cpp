@@ -3,6 +3,7 @@
 #include <ctime>
 
 #include "cli_testing.h"
+#include "escape.h"
 #include "orx_fmon.h"
 #include "time_format.h"
 
@@ -182,6 +183,38 @@ TEST(CliJson, records_can_end_in_nul)
     const std::string line = line_of(*make_json_formatter(style), event_of("/a", FMON_CREATE));
     EXPECT_EQ(line.back(), '\0');
     EXPECT_EQ(line.find('\n'), std::string::npos);
+}
+
+/* The same JSON, in which nothing drives the terminal or turns its lines. */
+TEST(CliJson, at_a_terminal)
+{
+    FormatStyle style = plain();
+    const std::string path =
+        "/\x7f\xc2\x9b\xd8\x9c\xe2\x80\xae\xe2\x80\xa8\xe2\x81\xa6\xef\xbb\xbf\xc3\xa4\xf0\x9f\x90\xb1";
+    const std::string piped = line_of(*make_json_formatter(style), event_of(path, FMON_CREATE));
+    style.terminal = true;
+    const std::string seen = line_of(*make_json_formatter(style), event_of(path, FMON_CREATE));
+    EXPECT_NE(piped.find(path), std::string::npos);
+    EXPECT_NE(seen.find("/\\u007f\\u009b\\u061c\\u202e\\u2028\\u2066\\ufeff\xc3\xa4\xf0\x9f\x90\xb1\""),
+              std::string::npos)
+        << seen;
+    EXPECT_EQ(json_of(seen)["path"], json_of(piped)["path"]);
+    EXPECT_NE(loss_of(*make_json_formatter(style), path).find("\\u202e"), std::string::npos);
+}
+
+TEST(CliJson, at_a_terminal_whatever_the_name)
+{
+    FormatStyle style = plain();
+    style.terminal = true;
+    const auto formatter = make_json_formatter(style), piped = make_json_formatter(plain());
+    std::mt19937 random(7);
+    for (int i = 0; i < 2000; i++) {
+        const std::string path = "/" + cli_testing::random_bytes(random, 40);
+        const std::string line = line_of(*formatter, event_of(path, FMON_CREATE));
+        EXPECT_EQ(json_of(line)["path"], json_of(line_of(*piped, event_of(path, FMON_CREATE)))["path"]);
+        EXPECT_EQ(escaped(line.substr(0, line.size() - 1)).find("\\3"), std::string::npos) << "a byte was hidden";
+        EXPECT_EQ(line.find('\x7f'), std::string::npos);
+    }
 }
 
 TEST(CliText, columns_are_aligned)
