@@ -15,7 +15,7 @@
 #include <utility>
 #include <vector>
 
-#include "common/fd.h"
+#include "common/beneath.h"
 
 namespace cli
 {
@@ -71,9 +71,9 @@ bool entry_is_dir(int dir, const struct dirent *entry)
 }
 
 // Calls fn(name) for each directory in a directory until it answers false.
-void for_each_subdirectory(const std::string &path, const std::function<bool(const char *)> &fn)
+void for_each_subdirectory(common::Fd folder, const std::function<bool(const char *)> &fn)
 {
-    const common::Dir dir(opendir(path.c_str()));
+    const common::Dir dir = common::list_of(std::move(folder));
     if (!dir)
         return;
     while (const struct dirent *entry = readdir(dir.get()))
@@ -81,7 +81,15 @@ void for_each_subdirectory(const std::string &path, const std::function<bool(con
             return;
 }
 
+constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
+
 }  // namespace
+
+common::Fd open_directory(const std::string &path)
+{
+    const common::Fd top(open("/", O_PATH | O_DIRECTORY | O_CLOEXEC));
+    return common::Fd(common::open_beneath(top.get(), path.size() > 1 ? path.substr(1) : ".", kOpenDirectory));
+}
 
 bool Identity::is_dir() const { return error == 0 && S_ISDIR(mode); }
 
@@ -130,29 +138,32 @@ const char *kind_name(mode_t mode)
 
 uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t limit)
 {
-    std::vector<std::pair<std::string, unsigned>> open = {{path, 0}};
+    const common::Fd top(open(path.c_str(), kOpenDirectory));
+    std::vector<std::pair<std::string, unsigned>> open = {{".", 0}};
     uint64_t count = 0;
-    while (!open.empty() && count < limit) {
+    while (top && !open.empty() && count < limit) {
         const auto [folder, depth] = std::move(open.back());
         open.pop_back();
-        const std::string prefix = folder == "/" ? folder : folder + "/";
-        for_each_subdirectory(folder, [&, level = depth + 1](const char *name) {
-            if (max_depth == 0 || level < max_depth)
-                open.emplace_back(prefix + name, level);
-            return ++count < limit;
-        });
+        const std::string prefix = folder == "." ? "" : folder + "/";
+        for_each_subdirectory(common::Fd(common::open_beneath(top.get(), folder, kOpenDirectory)),
+                              [&, level = depth + 1](const char *name) {
+                                  if (max_depth == 0 || level < max_depth)
+                                      open.emplace_back(prefix + name, level);
+                                  return ++count < limit;
+                              });
     }
     return count;
 }
 
 bool has_subdirectory(const std::string &path)
 {
+    common::Fd folder = open_directory(path);
     // Where a file system counts links of directories, two of them are the directory's own.
     struct stat st;
-    if (lstat(path.c_str(), &st) != 0 || !S_ISDIR(st.st_mode) || st.st_nlink == 2)
+    if (!folder || fstat(folder.get(), &st) != 0 || st.st_nlink == 2)
         return false;
     bool found = false;
-    for_each_subdirectory(path, [&](const char *) {
+    for_each_subdirectory(std::move(folder), [&](const char *) {
         found = true;
         return false;
     });

@@ -9,6 +9,8 @@
 #include <cstdint>
 #include <string>
 
+#include "common/fd.h"
+
 namespace cli
 {
 
@@ -34,14 +36,18 @@ std::string absolute_path(const std::string &given);
  * through links, such as /proc/PID/root. */
 std::string literal_path(const std::string &given);
 
+/* A directory, open for reading, by an absolute path of which no part is a link. Empty, and errno: see open_beneath().
+ */
+common::Fd open_directory(const std::string &path);
+
 /* "a socket", "a device" ... for what is neither a directory nor a regular file. */
 const char *kind_name(mode_t mode);
 
-/* Directories below `path`, not counting itself, down to `max_depth` levels (0: all); links are not followed and what
- * cannot be read is not entered. Stops at `limit`. */
+/* Directories below `path`, not counting itself, down to `max_depth` levels (0: all); links below it are not followed
+ * and what cannot be read is not entered. Stops at `limit`. */
 uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t limit);
 
-/* Whether a directory has a directory in it. */
+/* Whether a directory has a directory in it; no link of the path is followed. */
 bool has_subdirectory(const std::string &path);
 
 }  // namespace cli

@@ -1,5 +1,8 @@
 #include "tree_keeper.h"
 
+#include <sys/eventfd.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <utility>
 
@@ -42,10 +45,17 @@ void TreeKeeper::made(std::string_view path)
 {
     const std::lock_guard<std::mutex> hold(lock_);
     made_.emplace_back(path);
+    const uint64_t one = 1;
+    if (made_.size() == 1)  // a counter that is at its limit has woken the reader already
+        [[maybe_unused]]
+        const ssize_t n = write(wake_.get(), &one, sizeof one);
 }
 
 int TreeKeeper::start()
 {
+    wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!wake_)
+        return -1;
     instance_ = module_.create_instance("watch-new", nullptr);
     return instance_;
 }
@@ -58,6 +68,8 @@ void TreeKeeper::run()
     {
         const std::lock_guard<std::mutex> hold(lock_);
         made.swap(made_);
+        uint64_t count;
+        [[maybe_unused]] const ssize_t n = read(wake_.get(), &count, sizeof count);
     }
     sort_as_tree(made);
     std::string walked;
@@ -84,7 +96,9 @@ void TreeKeeper::complete(const std::string &path)
     if (max_depth_ && depth == 0)
         return;
     // Only kinds that every watch which follows the tree has by itself: the marks carry what the watches above want.
-    const uint32_t flags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
+    // Who puts a link in the directory's place must not have the monitor walk what the link leads to; and a watch that
+    // is stored under the path it was given is found again by that path.
+    const uint32_t flags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS;
     if (module_.add_watch(static_cast<uint32_t>(instance_), start.c_str(), FMON_CREATE, flags, depth, 0) == 0)
         module_.del_watch(static_cast<uint32_t>(instance_), start.c_str());
 }

@@ -18,6 +18,7 @@
 #include <string_view>
 #include <vector>
 
+#include "common/fd.h"
 #include "module.h"
 
 namespace cli
@@ -29,7 +30,7 @@ public:
     /* `roots`: the recursively watched directories; `max_depth` as for the watches, 0 for no limit. */
     TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth);
 
-    /* Makes the instance that the short-lived watches belong to. Its result code. */
+    /* Makes the instance that the short-lived watches belong to. Its result code, or -1 when no descriptor is left. */
     int start();
 
     /* That directory is new in the tree: to be looked at by the next run(). From any thread. */
@@ -38,6 +39,9 @@ public:
     /* Looks at what was made since the last run. */
     void run();
 
+    /* Readable while there is something to look at. */
+    int wake_fd() const { return wake_.get(); }
+
 private:
     void complete(const std::string &path);
 
@@ -45,6 +49,7 @@ private:
     const std::vector<std::string> roots_;
     const uint32_t max_depth_;
     int instance_ = -1;
+    common::Fd wake_;
     std::mutex lock_;
     std::vector<std::string> made_; /* under lock_ */
 };

@@ -45,6 +45,15 @@ struct CloseDir {
 };
 using Dir = std::unique_ptr<DIR, CloseDir>;
 
+/* The entries of a folder; takes the descriptor over. Null: none, errno says why. */
+inline Dir list_of(Fd folder)
+{
+    Dir list(folder ? fdopendir(folder.get()) : nullptr);
+    if (list)
+        folder.release();
+    return list;
+}
+
 }  // namespace common
 
 #endif

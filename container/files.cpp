@@ -1,12 +1,11 @@
 #include "files.h"
 
 #include <fcntl.h>
-#include <linux/openat2.h>
 #include <sys/stat.h>
-#include <sys/syscall.h>
 
 #include <cerrno>
-#include <string_view>
+
+#include "common/beneath.h"
 
 namespace container
 {
@@ -14,53 +13,18 @@ namespace container
 namespace
 {
 
-int open_resolved(int folder, const char *path, int flags, uint64_t resolve)
-{
-    struct open_how how = {};
-    how.flags = static_cast<uint64_t>(flags | O_CLOEXEC);
-    how.resolve = resolve;
-    return static_cast<int>(syscall(SYS_openat2, folder, path, &how, sizeof how));
-}
-
-// For kernels without openat2, and where a sandbox refuses it: one component at a time, none of them a link.
-int open_stepwise(int folder, std::string_view path, int flags)
-{
-    Fd step;
-    int at = folder;
-    while (true) {
-        while (path.starts_with('/'))
-            path.remove_prefix(1);
-        const size_t slash = path.find('/');
-        const std::string name(path.substr(0, slash));
-        if (name == "..")
-            return -1;
-        const bool last = slash == std::string_view::npos;
-        const int wanted = last ? flags : O_PATH | O_DIRECTORY;
-        Fd next(openat(at, name.empty() ? "." : name.c_str(), wanted | O_NOFOLLOW | O_CLOEXEC));
-        if (last || !next)
-            return next.release();
-        step = std::move(next);
-        at = step.get();
-        path.remove_prefix(slash);
-    }
-}
-
-bool lacks_openat2(int error) { return error == ENOSYS || error == EPERM; }
-
 // An engine's folder: the way to it is the host's own.
 int open_folder(int root, const std::string &path)
 {
     const int flags = O_PATH | O_DIRECTORY;
-    const int fd = open_resolved(root, path.c_str(), flags, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
-    return fd < 0 && lacks_openat2(errno) ? open_stepwise(root, path, flags) : fd;
+    const int fd = common::open_resolved(root, path.c_str(), flags, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
+    return fd < 0 && common::lacks_openat2(errno) ? common::open_stepwise(root, path, flags) : fd;
 }
 
 // Not blocked by a pipe without a writer, and not made the owner of a terminal.
 int open_file(int folder, const std::string &path)
 {
-    const int flags = O_RDONLY | O_NONBLOCK | O_NOCTTY;
-    const int fd = open_resolved(folder, path.c_str(), flags, RESOLVE_BENEATH | RESOLVE_NO_SYMLINKS);
-    return fd < 0 && lacks_openat2(errno) ? open_stepwise(folder, path, flags) : fd;
+    return common::open_beneath(folder, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
 }
 
 bool is_small_file(int fd, size_t limit)
@@ -98,14 +62,6 @@ bool Tree::read(const std::string &path, size_t limit, std::string &out) const
     out.clear();
     const Fd file(open_file(folder_.get(), path));
     return file && is_small_file(file.get(), limit) && read_all(file.get(), limit, out);
-}
-
-common::Dir list_of(Fd folder)
-{
-    common::Dir list(folder ? fdopendir(folder.get()) : nullptr);
-    if (list)
-        folder.release();
-    return list;
 }
 
 std::vector<std::string> Tree::names(size_t limit) const

@@ -14,6 +14,7 @@ namespace container
 {
 
 using common::Fd;
+using common::list_of;
 
 /* A place where somebody's files are, as a root of its own: "..", and links with an absolute target, stay below it. */
 class Tree
@@ -38,9 +39,6 @@ public:
 private:
     Fd folder_;
 };
-
-/* The entries of a folder; takes the descriptor over. Null: none, errno says why. */
-common::Dir list_of(Fd folder);
 
 /* Reads to the end, however short the pieces. False: an error, or more than `limit` bytes. */
 bool read_all(int fd, size_t limit, std::string &out);

@@ -62,17 +62,19 @@ enum {
 
 /* Watch flags. Exactly one of the first three must be set. */
 enum {
-    FMON_FILE = 0x1,        /* the path is a regular file */
-    FMON_DIR = 0x2,         /* the path is a directory: itself and its direct children */
-    FMON_MOUNT = 0x4,       /* the path names a mount, watched as a whole */
-    FMON_RECURSIVE = 0x8,   /* descend into subdirectories (not with FMON_FILE) */
-    FMON_DELAY = 0x10,      /* hold access and modify until the file is closed, deliver once */
-    FMON_PID = 0x20,        /* watch the whole mask through the source that names the process */
-    FMON_SYMBOLIC = 0x40,   /* accepted; changes nothing */
-    FMON_DELETED = 0x80,    /* the path may be missing: wait for it, and wait again when it goes */
-    FMON_SYNC = 0x100,      /* keep the cached tree in step with renames and new directories (not with FMON_MOUNT) */
-    FMON_DYNAMIC = 0x10000, /* set by the module on a watch that a pattern made */
-    FMON_ASTERISK = 0x20000 /* set by the module on a watch whose path holds one "*" */
+    FMON_FILE = 0x1,         /* the path is a regular file */
+    FMON_DIR = 0x2,          /* the path is a directory: itself and its direct children */
+    FMON_MOUNT = 0x4,        /* the path names a mount, watched as a whole */
+    FMON_RECURSIVE = 0x8,    /* descend into subdirectories (not with FMON_FILE) */
+    FMON_DELAY = 0x10,       /* hold access and modify until the file is closed, deliver once */
+    FMON_PID = 0x20,         /* watch the whole mask through the source that names the process */
+    FMON_SYMBOLIC = 0x40,    /* accepted; changes nothing */
+    FMON_DELETED = 0x80,     /* the path may be missing: wait for it, and wait again when it goes */
+    FMON_SYNC = 0x100,       /* keep the cached tree in step with renames and new directories (not with FMON_MOUNT) */
+    FMON_NO_LINKS = 0x80000, /* with fmon.ini's "hardened" 1: a path with a link in it counts as missing, instead of
+                              * being resolved; the watch is stored under the path as it is given */
+    FMON_DYNAMIC = 0x10000,  /* set by the module on a watch that a pattern made */
+    FMON_ASTERISK = 0x20000  /* set by the module on a watch whose path holds one "*" */
 };
 
 enum { FMON_MAX_INSTANCES = 32 };

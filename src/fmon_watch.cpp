@@ -58,6 +58,15 @@ int check_watch(struct watch *w, const char *given_path)
     return fmon_method.check_watch ? fmon_method.check_watch(w) : 0;
 }
 
+/* Inside a container paths are the host's, which cannot be resolved from here. */
+bool refuses_links(uint32_t flags) { return fmon.hardened && (flags & FMON_NO_LINKS) && !g_container_flag; }
+
+bool has_no_link(const char *path)
+{
+    char resolved[PATH_MAX];
+    return realpath(path, resolved) && strcmp(path, resolved) == 0;
+}
+
 /* The first one with exactly that stored path; patterns and dynamic watches count. */
 struct watch *find_watch(int instance, const char *path)
 {
@@ -111,7 +120,7 @@ struct watch *watch_new(int instance, const char *path, const struct watch_reque
     /* In a container the path is the host's, which cannot be resolved from here. */
     char resolved[PATH_MAX];
     const char *stored = path;
-    if (!g_container_flag && realpath(path, resolved))
+    if (!g_container_flag && !refuses_links(request.flags) && realpath(path, resolved))
         stored = resolved;
     const size_t size = strlen(stored) + 1;
     w->path = static_cast<char *>(malloc(size));
@@ -146,7 +155,7 @@ int watch_detach(struct watch *w)
 int watch_exists(const char *path, uint32_t flags)
 {
     struct stat st;
-    if (lstat(path, &st) != 0)
+    if (lstat(path, &st) != 0 || (refuses_links(flags) && !has_no_link(path)))
         return FMON_ENOENT;
     if ((flags & FMON_FILE) && !S_ISREG(st.st_mode))
         return FMON_ENOENT;

@@ -1,12 +1,17 @@
 #include "tree_keeper.h"
 
+#include <fcntl.h>
+#include <poll.h>
 #include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cerrno>
+#include <map>
 #include <thread>
 
 #include "cli_testing.h"
+#include "common/beneath.h"
+#include "paths.h"
 #include "roots.h"
 #include "watch_count.h"
 
@@ -74,7 +79,55 @@ TEST_F(Keeper, completes_a_directory_with_directories)
 {
     folder.dir("a/b/c");
     EXPECT_EQ(completed({folder.path("a")}), (std::vector<std::string>{folder.path("a")}));
-    EXPECT_EQ(g_added[0].flags, uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC});
+    EXPECT_EQ(g_added[0].flags, uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS});
+}
+
+TEST_F(Keeper, follows_no_link)
+{
+    folder.dir("elsewhere/b/c");
+    std::filesystem::create_symlink(folder.path("elsewhere"), folder.path("a"));
+    EXPECT_TRUE(completed({folder.path("a"), folder.path("a/b")}).empty());
+}
+
+TEST_F(Keeper, tells_that_there_is_something_to_look_at)
+{
+    TreeKeeper keeper(module, {folder.root()}, 0);
+    ASSERT_EQ(keeper.start(), 3);
+    struct pollfd fd = {keeper.wake_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&fd, 1, 0), 0);
+    keeper.made(folder.path("a"));
+    keeper.made(folder.path("b"));
+    EXPECT_EQ(poll(&fd, 1, 0), 1);
+    keeper.run();
+    EXPECT_EQ(poll(&fd, 1, 0), 0);
+}
+
+TEST(CliPaths, a_directory_is_opened_through_no_link)
+{
+    const Folder folder;
+    folder.dir("a/b/c");
+    std::filesystem::create_symlink(folder.path("a"), folder.path("link"));
+    std::filesystem::create_symlink("b", folder.path("a/up"));
+    EXPECT_TRUE(open_directory("/"));
+    EXPECT_TRUE(open_directory(folder.path("a/b")));
+    for (const char *path : {"link", "link/b", "a/up", "a/up/c"})
+        EXPECT_FALSE(open_directory(folder.path(path))) << path;
+    const common::Fd top(open(folder.root().c_str(), O_PATH));
+    for (const auto &[path, found] : std::map<std::string, bool>{
+             {".", true}, {"a/b", true}, {"link", false}, {"link/b", false}, {"a/up/c", false}, {"a/../a", false}})
+        EXPECT_EQ(common::Fd(common::open_stepwise(top.get(), path, O_RDONLY)).get() >= 0, found) << path;
+}
+
+TEST(CliPaths, directories_are_counted_without_links)
+{
+    const Folder folder;
+    folder.dir("a/b/c");
+    folder.dir("d");
+    std::filesystem::create_symlink(folder.path("a"), folder.path("d/link"));
+    EXPECT_EQ(count_directories(folder.root(), 0, 100), 4u);
+    EXPECT_EQ(count_directories(folder.root(), 2, 100), 3u);
+    EXPECT_EQ(count_directories(folder.root(), 0, 2), 2u);
+    EXPECT_EQ(count_directories(folder.path("d/link"), 0, 100), 0u);
 }
 
 TEST_F(Keeper, leaves_files_and_flat_directories_alone)

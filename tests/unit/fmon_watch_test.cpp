@@ -273,6 +273,41 @@ TEST_F(Watches, LinkOnTheWayIsResolved)
     EXPECT_EQ(0, add(id, through, FMON_CREATE));
 }
 
+/* Who could put a link in the path's place must not choose what is watched, nor under what path it is deleted. */
+TEST_F(Watches, PathWithALinkIsMissingWhereLinksAreRefused)
+{
+    fmon.hardened = 1;
+    tree.dir("dir/e");
+    const std::string link = tree.link("l", dir);
+    constexpr uint32_t kNoLinks = FMON_DIR | FMON_NO_LINKS;
+    EXPECT_EQ(FMON_ENOENT, try_add(link, FMON_CREATE, kNoLinks));
+    EXPECT_EQ(FMON_ENOENT, try_add(link + "/e", FMON_CREATE, kNoLinks));
+    EXPECT_EQ(0, try_add(dir + "/e", FMON_CREATE, kNoLinks));
+    Fault fault("realpath", 1, EACCES);
+    EXPECT_EQ(FMON_ENOENT, try_add(dir, FMON_CREATE, kNoLinks));
+    EXPECT_TRUE(fault.hit());
+    fmon.hardened = 0;
+}
+
+TEST_F(Watches, WaitingWatchThatRefusesLinksWaitsOn)
+{
+    fmon.hardened = 1;
+    const std::string link = tree.link("l", dir);
+    ASSERT_EQ(0, add(id, link + "/e", FMON_CREATE, kWait | FMON_NO_LINKS));
+    tree.dir("dir/e");
+    fmon_tbd_pass();
+    ASSERT_NE(nullptr, find(id, link + "/e"));
+    EXPECT_EQ(nullptr, find(id, link + "/e")->dentry);
+    EXPECT_EQ(0, del(id, link + "/e"));
+    fmon.hardened = 0;
+}
+
+TEST_F(Watches, LinksAreRefusedByAHardenedMonitorOnly)
+{
+    EXPECT_EQ(0, add(id, tree.link("l", dir), FMON_CREATE, FMON_DIR | FMON_NO_LINKS));
+    EXPECT_NE(nullptr, find(id, dir));
+}
+
 /* ---- deleting ---- */
 
 TEST_F(Watches, DeletingGivesItBackToTheBackend)
