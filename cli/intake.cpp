@@ -1,9 +1,7 @@
 #include "intake.h"
 
-#include <sys/resource.h>
 #include <unistd.h>
 
-#include <ctime>
 #include <utility>
 
 #include "orx_host.h"
@@ -25,20 +23,6 @@ int32_t callback(struct event *event)
 
 constexpr fmon_client_cb kCallbacks[Intake::kMaxSources] = {callback<0>, callback<1>, callback<2>, callback<3>,
                                                             callback<4>};
-
-int64_t thread_waits()
-{
-    struct rusage usage = {};
-    getrusage(RUSAGE_THREAD, &usage);
-    return usage.ru_nvcsw;
-}
-
-uint64_t monotonic_ns()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1'000'000'000 + static_cast<uint64_t>(now.tv_nsec);
-}
 
 }  // namespace
 
@@ -77,23 +61,7 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
     }
     const Event copy = {wall_clock_ns(), mask, event.pid, source, event.path, event.container ? event.container : "",
                         nullptr};
-    if (!queue_.push(copy, std::move(process)))
-        return kPauseMs;
-    gather();
-    return 0;
-}
-
-// The lock is held meanwhile, but only this command's own requests could want it.
-void Intake::gather()
-{
-    if (!pace_.starts_turn(monotonic_ns()))
-        return;
-    const uint64_t nap = pace_.nap(thread_waits());
-    if (nap == 0)
-        return;
-    const struct timespec time = {0, static_cast<long>(nap)};
-    nanosleep(&time, nullptr);
-    pace_.woke(monotonic_ns(), thread_waits());
+    return queue_.push(copy, std::move(process)) ? 0 : kPauseMs;
 }
 
 }  // namespace cli

@@ -3,7 +3,9 @@
  *
  * They run on the monitor thread with the monitor's lock held, so they do the least that keeps an event: drop what
  * nobody wants, name the process, copy the record into the queue. When the queue is full they ask the monitor to pause
- * the instance, which keeps the event and, in the end, the kernel's queue: nothing is dropped here.
+ * the instance, which keeps the event and, in the end, the kernel's queue: nothing is dropped here. They never sleep:
+ * a directory is marked, and a process looked at, only as soon as the monitor gets to the record, and what was made in
+ * the directory before, and a process that has ended before, are never told. Events gather behind the queue instead.
  */
 #ifndef CLI_INTAKE_H
 #define CLI_INTAKE_H
@@ -13,7 +15,6 @@
 #include <vector>
 
 #include "orx_fmon.h"
-#include "pace.h"
 #include "process_info.h"
 #include "queue.h"
 
@@ -42,7 +43,6 @@ public:
 private:
     EventQueue &queue_;
     ProcessCache processes_;
-    Pace pace_;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
     std::atomic<bool> held_ = false;
@@ -50,7 +50,6 @@ private:
 
     static uint32_t own_pid();
     bool is_own(uint32_t pid) const;
-    void gather();
 };
 
 }  // namespace cli

@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,7 +24,7 @@ constexpr size_t kQueueEvents = 65536, kQueueBytes = 16 << 20;
 constexpr uint64_t kBusyTickMs = 1000, kIdleTickMs = 4000;
 constexpr uint64_t kBusyWaitMs = 20; /* a wait that was shorter means a stream of events */
 constexpr int kTurnMs = 1100;        /* the monitor looks at paused clients once a second */
-constexpr long kGatherMs = 5;        /* how long a stream's events gather before they are shown together */
+constexpr int kGatherMs = 5;         /* how long a stream's events gather before they are shown together */
 
 /* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
 constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
@@ -262,13 +261,14 @@ void Session::handle_batch()
 }
 
 // In a stream of events, waking for each costs more than showing it; some milliseconds of them are shown together.
-// The first event after a silence is shown at once.
-void Session::pause_if_busy() const
+// The first event after a silence is shown at once, and a new directory is looked into at once.
+void Session::pause_if_busy()
 {
     if (status_ >= 0 || waited_ms_ > kBusyWaitMs)
         return;
-    const struct timespec pause = {0, kGatherMs * 1000000};
-    nanosleep(&pause, nullptr);
+    struct pollfd fd = {keeper_ ? keeper_->wake_fd() : -1, POLLIN, 0};
+    if (poll(&fd, 1, kGatherMs) > 0)
+        keeper_->run();
 }
 
 uint64_t Session::wait_limit(uint64_t now) const

@@ -56,7 +56,7 @@ private:
     void loop();
     void follow_new_directories();
     void handle_batch();
-    void pause_if_busy() const;
+    void pause_if_busy();
     void wait();
     void tick(uint64_t now);
     uint64_t wait_limit(uint64_t now) const;
