@@ -78,6 +78,9 @@ int fanotify_del(int fd, const char *path, uint32_t mask, uint32_t flags)
     return mark(fd, FAN_MARK_REMOVE | place_flags(flags), bits, AT_FDCWD, path);
 }
 
+/* Kernels before 3.18 look the path up first. */
+int fanotify_flush(int fd) { return mark(fd, FAN_MARK_FLUSH, 0, AT_FDCWD, "/"); }
+
 int fanotify_ignore(int fd, int dirfd, uint32_t mask, int add)
 {
     constexpr unsigned kAdd =

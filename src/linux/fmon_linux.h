@@ -33,6 +33,10 @@ constexpr int FMON_LINUX_EPATH = -117;
 #define FMON_LINUX_LAST_MARK 0x40000u
 #define FMON_LINUX_OPENED 0x80000u
 
+/* What fanotify can report. */
+constexpr uint32_t FMON_LINUX_FANOTIFY_KINDS =
+    FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE | FMON_OPEN;
+
 enum { FMON_LINUX_READ_BUFFER = 4096, FMON_LINUX_PASS_LIMIT = 100 };
 
 /* What a read pass met (fmlnx.read_status). */
@@ -85,7 +89,9 @@ struct fmlnx_t {
     uint32_t kp_global;     /* system-wide probe sources are usable */
     uint32_t by_descriptor; /* marks are put on opened objects, and the index of inodes is kept (inode_index.h) */
     int32_t event_fd;       /* of the fanotify record being handled, -1: none */
-    uint64_t stale_marks;   /* fanotify marks that stayed on directories which left the cached tree */
+    /* Fanotify marks that stayed on what left the cached tree, and those of them that no handle opens. */
+    uint64_t stale_marks, marks_out_of_reach;
+    uint32_t last_sweep, sweep_wait, making_room; /* ms, ms, 1 meanwhile */
     struct seq_table seq;
     list_head mounts;
     uint64_t unknown_wd_count, ino_overflow, fan_overflow;
@@ -113,6 +119,7 @@ FMON_API void _dump_file_list(void);
 FMON_API int init_fanotify(void);
 FMON_API int fanotify_add(int fd, const char *path, uint32_t mask, uint32_t flags);
 FMON_API int fanotify_del(int fd, const char *path, uint32_t mask, uint32_t flags);
+int fanotify_flush(int fd); /* every mark on files and directories */
 FMON_API int fanotify_ignore(int fd, int dirfd, uint32_t mask, int add);
 
 /* ---- watches ---- */
@@ -166,6 +173,17 @@ int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max
 /* Takes the masks of a removed recursive watch from everything cached below `start` and frees what then is bare;
  * `inherited` is what its directories keep inheriting. */
 void fmon_linux_unwatch_subtree(struct dentry *start, struct fmon_masks inherited, struct fmon_masks removed);
+
+/* Removes fanotify marks that stayed behind, some time after one did: at the end of a pass; and when the kernel's limit
+ * is reached: then 1 when there may be room now. */
+void fmon_linux_sweep_marks(uint32_t now_ms);
+int fmon_linux_make_room_for_marks(void);
+
+/* After a flush: places the fanotify mark of every dentry that carried one. */
+void fmon_linux_place_marks_anew(void);
+
+/* Removes the fanotify mark of what is open; `type`: FMON_FILE or FMON_DIR. -1 and errno. */
+int fmon_linux_take_mark(int fd, uint32_t type);
 
 /* Frees a dentry of the cache, first taking away a kernel watch that still names it. As dcache_del. */
 int fmon_linux_drop_dentry(struct dentry *);

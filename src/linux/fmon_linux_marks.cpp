@@ -169,18 +169,21 @@ struct fmon_masks fmon_linux_recursive_masks(struct dentry *d)
 }
 
 /* The words "down" in the two lines of the mark-up functions are the log's established text. */
-int fmon_linux_fan_up(struct dentry *d, const char *path, const struct fmon_place *at, uint32_t old, uint32_t add,
+int fmon_linux_fan_up(struct dentry *d, const char *given, const struct fmon_place *at, uint32_t old, uint32_t add,
                       uint32_t flags)
 {
     uint32_t bits = add & ~old;
     if (bits == 0)
         return 0;
-    path = mark_path(d, path);
+    const char *path = mark_path(d, given);
     if (!path)
         return FMON_LINUX_EPATH;
 
     FMON_LOG(4, kFile, "fanotify down: %s event %s flags %s\n", path, event_str(bits), flags_str(flags));
-    if (mark_fanotify(at, path, bits, flags, fanotify_add) >= 0) {
+    int result = mark_fanotify(at, path, bits, flags, fanotify_add);
+    if (result < 0 && errno == ENOSPC && fmon_linux_make_room_for_marks())
+        result = mark_fanotify(at, mark_path(d, given), bits, flags, fanotify_add);
+    if (result >= 0) {
         if (d && !(flags & FMON_MOUNT))
             d->owner_bits |= DENTRY_FAN_MARK;
         return 0;

@@ -38,6 +38,12 @@ int failed(struct dentry *d)
     return is_missing(error) ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
 }
 
+void name_link(struct fmon_place *at, int fd)
+{
+    at->fd = fd;
+    snprintf(at->link, sizeof(at->link), "/proc/self/fd/%d", fd);
+}
+
 /* Takes the descriptor, and enters what it is of into the index. */
 int settle(struct fmon_place *at, struct dentry *d, int fd)
 {
@@ -58,8 +64,7 @@ int settle(struct fmon_place *at, struct dentry *d, int fd)
     }
     if (at->replaced)
         fmon_linux_lost_mark(d);
-    at->fd = fd;
-    snprintf(at->link, sizeof(at->link), "/proc/self/fd/%d", fd);
+    name_link(at, fd);
     return 0;
 }
 
@@ -138,6 +143,14 @@ void fmon_linux_lost_mark(struct dentry *d)
         return;
     d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
     fmlnx.stale_marks++;
+}
+
+int fmon_linux_take_mark(int fd, uint32_t type)
+{
+    struct fmon_place at;
+    name_link(&at, fd);
+    return fanotify_del(fmlnx.fan_fd[FAN_FD_FILE], at.link, FMON_LINUX_FANOTIFY_KINDS,
+                        type | FMON_LINUX_LAST_MARK | FMON_LINUX_OPENED);
 }
 
 void fmon_linux_forget_bare(struct dentry *d)

@@ -249,6 +249,7 @@ void end_pass(struct fmon *monitor, uint32_t now_ms)
             fmlnx.selectable[i] = SELECTABLE_OUT;
     }
     fmlnx.events_this_pass = 0;
+    fmon_linux_sweep_marks(now_ms);
     rate_ctrl(monitor, now_ms);
 }
 

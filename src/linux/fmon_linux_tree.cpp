@@ -316,3 +316,38 @@ void fmon_linux_removed(struct dentry *child)
     child->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK); /* gone with the directory */
     fmon_linux_drop_dentry(child);
 }
+
+namespace
+{
+
+/* A file's mark serves file watches alone; a directory is marked as one whatever inherits from it. */
+uint32_t type_of(struct dentry *d)
+{
+    FMON_LIST_EACH (node, &owner_of(d)->watches) {
+        if (FMON_RECORD(node, struct watch, link)->flags & FMON_FILE)
+            return FMON_FILE;
+    }
+    return FMON_DIR;
+}
+
+void place_mark_anew(struct dentry *d, uint32_t mask)
+{
+    if (!(d->owner_bits & DENTRY_FAN_MARK))
+        return;
+    d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+    struct fmon_place at;
+    if (fmon_linux_place_reopen(&at, d) < 0)
+        return; /* its departure is still to be read */
+    fmon_linux_fan_up(d, nullptr, &at, 0, mask, type_of(d));
+    fmon_linux_place_close(&at);
+}
+
+}  // namespace
+
+void fmon_linux_place_marks_anew(void)
+{
+    struct dentry *root = fmon.dcache.root;
+    place_mark_anew(root, fmon_linux_own_masks(root).fan);
+    for_each_below(root, fmon_linux_recursive_own_masks(root),
+                   [](struct dentry *d, struct fmon_masks masks) { place_mark_anew(d, masks.fan); });
+}

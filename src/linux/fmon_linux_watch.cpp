@@ -3,7 +3,6 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <cstring>
 
 #include "event.h"
@@ -17,14 +16,11 @@ namespace
 
 constexpr char kFile[] = "linux/fmon_linux.c";
 
-/* What fanotify can report. */
-constexpr uint32_t kFanotifyMask = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE | FMON_OPEN;
-
 /* The kinds that tell of changes of the tree. */
 constexpr uint32_t kSyncMask =
     FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CREATE | FMON_DELETE | FMON_DELETE_SELF | FMON_MOVE_SELF;
 
-static_assert(kFanotifyMask == 0x3b && kSyncMask == 0xfc0, "masks known to clients");
+static_assert(FMON_LINUX_FANOTIFY_KINDS == 0x3b && kSyncMask == 0xfc0, "masks known to clients");
 
 /* The kinds by which the end of a file is noticed. */
 constexpr uint32_t kEndMask = FMON_DELETE_SELF | FMON_MOVE_SELF | FMON_ATTRIB;
@@ -42,7 +38,7 @@ void split_mask(struct watch *w)
     if (w->flags & (FMON_MOUNT | FMON_PID))
         w->fan_mask = w->mask;
     else
-        w->fan_mask = fmlnx.fan_fd[FAN_FD_FILE] >= 0 ? w->mask & kFanotifyMask : 0;
+        w->fan_mask = fmlnx.fan_fd[FAN_FD_FILE] >= 0 ? w->mask & FMON_LINUX_FANOTIFY_KINDS : 0;
     w->ino_mask = asked_of_inotify(w);
     /* Without any the watch would stay with a file that is gone, deaf. */
     if (fmon.hardened && (w->flags & FMON_FILE) && w->ino_mask == 0)
@@ -99,7 +95,7 @@ int fmon_check_watch(struct watch *w)
     }
     if (!(w->flags & (FMON_MOUNT | FMON_PID)))
         return 0;
-    if (fmlnx.fan_fd[FAN_FD_MOUNT] < 1 || (w->mask & ~kFanotifyMask))
+    if (fmlnx.fan_fd[FAN_FD_MOUNT] < 1 || (w->mask & ~FMON_LINUX_FANOTIFY_KINDS))
         return FMON_ENOTSUP;
     return 0;
 }
@@ -164,13 +160,6 @@ uint32_t fmon_linux_told(struct dentry *d, uint32_t kinds)
 namespace
 {
 
-void take_mark(int fd, uint32_t type)
-{
-    char link[sizeof("/proc/self/fd/-2147483648")];
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    fanotify_del(fmlnx.fan_fd[FAN_FD_FILE], link, kFanotifyMask, type | FMON_LINUX_LAST_MARK | FMON_LINUX_OPENED);
-}
-
 bool is_nobodys(const struct stat *st) { return !inode_index_find(st->st_dev, st->st_ino); }
 
 /* Takes the marks that the event came by: of its file, when that is what the path leads to, and of the directory there.
@@ -185,9 +174,9 @@ void take_nobodys_marks(const char *dir, const char *name)
     if (fstat(fmlnx.event_fd, &event) == 0 && fstatat(dir_fd, name, &entry, AT_SYMLINK_NOFOLLOW) == 0 &&
         fstatat(dir_fd, "", &parent, AT_EMPTY_PATH) == 0 && entry.st_dev == event.st_dev &&
         entry.st_ino == event.st_ino && is_nobodys(&event)) {
-        take_mark(fmlnx.event_fd, FMON_FILE);
+        fmon_linux_take_mark(fmlnx.event_fd, FMON_FILE);
         if (is_nobodys(&parent))
-            take_mark(dir_fd, FMON_DIR);
+            fmon_linux_take_mark(dir_fd, FMON_DIR);
     }
     close(dir_fd);
 }
@@ -196,11 +185,11 @@ void take_nobodys_marks(const char *dir, const char *name)
 void take_marks_by_name(const char *path, char *slash)
 {
     int file_fd = fmlnx.fan_fd[FAN_FD_FILE];
-    fanotify_del(file_fd, path, kFanotifyMask, FMON_FILE | FMON_LINUX_LAST_MARK);
+    fanotify_del(file_fd, path, FMON_LINUX_FANOTIFY_KINDS, FMON_FILE | FMON_LINUX_LAST_MARK);
     if (!slash)
         return;
     *slash = '\0';
-    fanotify_del(file_fd, path, kFanotifyMask, FMON_DIR | FMON_LINUX_LAST_MARK);
+    fanotify_del(file_fd, path, FMON_LINUX_FANOTIFY_KINDS, FMON_DIR | FMON_LINUX_LAST_MARK);
     *slash = '/';
 }
 
