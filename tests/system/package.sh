@@ -18,8 +18,9 @@ package=$("$source_dir/packaging/deb" "$build" "$work/out" 2>"$work/talk") || wr
 # ---- what is in it ----
 
 dpkg-deb -c "$package" >"$work/list"
-! grep -vE '^(drwxr-xr-x|-rw-r--r--|-rwxr-xr-x) root/root |^drwxr-x--- .* \./var/log/fmon/$' "$work/list" ||
+! grep -v ' \./var/log/fmon/$' "$work/list" | grep -vE '^(drwxr-xr-x|-rw-r--r--|-rwxr-xr-x) root/root ' ||
     wrong "not everybody's to read, or not root's"
+grep -q '^drwxr-x--- root/root .* \./var/log/fmon/$' "$work/list" || wrong "the log is everybody's to read"
 ! awk '{ print $6 }' "$work/list" | grep -vE '^\./(etc|usr|var|var/log|usr/(bin|lib|share))?/?$' |
     grep -vE '^\./(etc/fmon|usr/bin/fmon$|usr/lib/fmon|usr/share/(man|doc|bash-completion)|var/log/fmon)' ||
     wrong "not a place of the system's"
