@@ -129,6 +129,10 @@ FMON_API void dcache_traverse_end(struct dcache_traverse *); /* needed when the 
 FMON_API void container_path_get(const char *path, const char *container_id, const char **source, char *out,
                                  int out_size);
 
+/* (Hidden.) A read pass begins or ends. Within one, the library is asked once only for a mount that it has no container
+ * for. */
+void container_pass(bool begins);
+
 } /* extern "C" */
 
 #endif

@@ -240,6 +240,13 @@ void give_way(struct fmon *monitor, int32_t position)
         clean_global_event();
 }
 
+void begin_pass()
+{
+    fmlnx.read_status = 0;
+    fmlnx.events_this_pass = 0;
+    container_pass(true);
+}
+
 /* Nothing stays marked ready beyond its pass: while the event table is full the selection is not made anew, and a
  * stale mark would make a later pass wait in a read, with the monitor lock held. */
 void end_pass(struct fmon *monitor, uint32_t now_ms)
@@ -249,6 +256,7 @@ void end_pass(struct fmon *monitor, uint32_t now_ms)
             fmlnx.selectable[i] = SELECTABLE_OUT;
     }
     fmlnx.events_this_pass = 0;
+    container_pass(false);
     fmon_linux_sweep_marks(now_ms);
     rate_ctrl(monitor, now_ms);
 }
@@ -379,8 +387,7 @@ void fmon_linux_on_attrib(struct dentry *d, const char *name, int)
 
 int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)
 {
-    fmlnx.read_status = 0;
-    fmlnx.events_this_pass = 0;
+    begin_pass();
     const int32_t first = fmlnx.next_first;
     fmlnx.next_first = 0;
     for (int32_t n = 0; n < fmlnx.fd_num; n++) {
@@ -398,7 +405,7 @@ int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb c
 
 int fmon_linux_read_event2(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)
 {
-    fmlnx.read_status = 0;
+    begin_pass();
     FMON_LOG(4, kFile, "fmon read event2");
     /* Fixed positions and no limit of a pass. Only the inotify reader counts its reads, so only it is throttled. */
     if (ready(0))

@@ -187,4 +187,38 @@ TEST_F(DcacheContainerTest, APathOfAnyLengthFitsItsBuffer)
     EXPECT_EQ(("/rootfs" + path).substr(0, 1023), out);
 }
 
+/* ---- read passes ---- */
+
+TEST_F(DcacheContainerTest, InAPassAStrangersMountIsAskedForOnce)
+{
+    library.has_record = false;
+    container_pass(true);
+    for (int i = 0; i < 3; i++)
+        EXPECT_EQ("/rootfs/etc|host", get("/etc", "8"));
+    EXPECT_EQ("/rootfs/etc|host", get("/etc", "9"));
+    EXPECT_EQ((std::vector<std::string>{"8", "9"}), library.asked);
+    container_pass(false);
+    library.has_record = true;
+    give_record(7, "db");
+    EXPECT_EQ("/proc/7/root/etc|db", get("/etc", "8")) << "the next pass may know more";
+    container_pass(true);
+    EXPECT_EQ("/proc/7/root/etc|db", get("/etc", "9"));
+    EXPECT_EQ("/proc/7/root/etc|db", get("/etc", "9"));
+    EXPECT_EQ(5u, library.asked.size()) << "what a container has may end at any time";
+    container_pass(false);
+}
+
+TEST_F(DcacheContainerTest, MountsBeyondCountingAreAskedForEachTime)
+{
+    library.has_record = false;
+    container_pass(true);
+    for (int turn = 0; turn < 2; turn++)
+        for (int i = 0; i < 70; i++)
+            get("/etc", std::to_string(i).c_str());
+    get("/etc", "12345678901234567");
+    get("/etc", "12345678901234567");
+    container_pass(false);
+    EXPECT_EQ(70u + 6 + 2, library.asked.size());
+}
+
 }  // namespace

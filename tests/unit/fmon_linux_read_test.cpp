@@ -6,12 +6,14 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 
 #include "event.h"
 #include "linux/fmon_linux.h"
 #include "linux/inotify.h"
 #include "linux/record.h"
 #include "list.h"
+#include "orx_sensitivedir.h"
 #include "testlib/backend.h"
 #include "testlib/fake_host.h"
 #include "testlib/fault.h"
@@ -504,6 +506,33 @@ TEST_F(Reading, WithoutTheQueuesLengthOnlyFailuresAreCounted)
     queue.read_once();
     EXPECT_TRUE(unknown.hit() && fault.hit());
     EXPECT_EQ(1U, fmon.lost.unopened);
+}
+
+/* ---- in a container ---- */
+
+int mounts_asked_for;
+
+const struct orx_container_mount *no_container(const char *)
+{
+    mounts_asked_for++;
+    return nullptr;
+}
+
+/* Each question may wait for news of the mount. */
+TEST_F(Reading, AMountThatIsNoContainersIsAskedForOnceAPass)
+{
+    std::string f = tree.file("a/f");
+    const auto event = [&] { return fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1); };
+    m.fanotify.probe_symbol = [](const char *symbol) {
+        return strcmp(symbol, "_orx_get_container_mount") == 0 ? reinterpret_cast<void *>(no_container) : nullptr;
+    };
+    g_container_flag = 1;
+    mounts_asked_for = 0;
+    m.feed(1, event() + event() + event());
+    EXPECT_EQ(1, mounts_asked_for);
+    m.feed(1, event() + event());
+    EXPECT_EQ(2, mounts_asked_for);
+    g_container_flag = 0;
 }
 
 }  // namespace
