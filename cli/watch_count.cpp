@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cerrno>
+#include <climits>
+#include <cstring>
 
 namespace cli
 {
@@ -13,8 +16,22 @@ namespace
 
 std::atomic<uint64_t> g_placed, g_removed;
 std::atomic<int> g_highest; /* the kernel numbers new watches upwards; an old number means a changed mask */
-std::atomic<void (*)(const char *)> g_listener;
+std::atomic<void (*)(const char *)> g_listener, g_refusals;
 thread_local bool t_is_listener; /* what the listener's own thread places is no news to it */
+
+// A monitor that has the directory open names it by its descriptor.
+void tell(void (*listener)(const char *), const char *path)
+{
+    constexpr char kDescriptors[] = "/proc/self/fd/";
+    char target[PATH_MAX];
+    if (strncmp(path, kDescriptors, sizeof kDescriptors - 1) != 0)
+        return listener(path);
+    const ssize_t n = readlink(path, target, sizeof target - 1);
+    if (n <= 0)
+        return;
+    target[n] = '\0';
+    listener(target);
+}
 
 void placed(int wd, const char *path)
 {
@@ -22,7 +39,15 @@ void placed(int wd, const char *path)
     g_placed.fetch_add(1, std::memory_order_relaxed);
     void (*const listener)(const char *) = g_listener.load(std::memory_order_acquire);
     if (listener && !t_is_listener)
-        listener(path);
+        tell(listener, path);
+}
+
+void refused(const char *path)
+{
+    const int error = errno;
+    if (void (*const listener)(const char *) = g_refusals.load(std::memory_order_acquire))
+        tell(listener, path);
+    errno = error;
 }
 
 }  // namespace
@@ -39,6 +64,8 @@ void listen_to_watches(void (*listener)(const char *path))
     g_listener.store(listener, std::memory_order_release);
 }
 
+void listen_to_refusals(void (*listener)(const char *path)) { g_refusals.store(listener, std::memory_order_release); }
+
 }  // namespace cli
 
 extern "C" __attribute__((visibility("default"))) int inotify_add_watch(int fd, const char *path, uint32_t mask)
@@ -46,6 +73,8 @@ extern "C" __attribute__((visibility("default"))) int inotify_add_watch(int fd, 
     const int wd = static_cast<int>(syscall(SYS_inotify_add_watch, fd, path, mask));
     if (wd > cli::g_highest.load(std::memory_order_relaxed))
         cli::placed(wd, path);
+    else if (wd < 0 && (errno == EACCES || errno == EPERM))
+        cli::refused(path);
     return wd;
 }
 

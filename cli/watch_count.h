@@ -20,6 +20,9 @@ uint64_t watches_placed();
  * after the watch is in place. */
 void listen_to_watches(void (*listener)(const char *path));
 
+/* `listener` is called, on whatever thread it is, with the path of each directory that may not be watched (EACCES). */
+void listen_to_refusals(void (*listener)(const char *path));
+
 }  // namespace cli
 
 #endif

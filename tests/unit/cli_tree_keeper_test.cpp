@@ -176,7 +176,7 @@ std::vector<std::string> g_heard;
 TEST(CliTree, new_watches_are_counted_and_those_of_other_threads_are_heard)
 {
     const Folder folder;
-    const std::string a = folder.dir("a"), b = folder.dir("b");
+    const std::string a = folder.dir("a"), b = folder.dir("b"), c = folder.dir("c");
     const int fd = inotify_init();
     ASSERT_GE(fd, 0);
     const uint64_t before = watches_placed();
@@ -185,15 +185,17 @@ TEST(CliTree, new_watches_are_counted_and_those_of_other_threads_are_heard)
     std::thread([&] {
         EXPECT_EQ(inotify_add_watch(fd, a.c_str(), IN_DELETE), wd);  // another mask
         EXPECT_GT(inotify_add_watch(fd, b.c_str(), IN_CREATE), wd);
+        const common::Fd opened(open(c.c_str(), O_PATH));
+        EXPECT_GT(inotify_add_watch(fd, ("/proc/self/fd/" + std::to_string(opened.get())).c_str(), IN_CREATE), wd);
         EXPECT_EQ(inotify_add_watch(fd, folder.path("gone").c_str(), IN_CREATE), -1);
         EXPECT_EQ(errno, ENOENT);
     }).join();
     listen_to_watches(nullptr);
-    EXPECT_EQ(g_heard, (std::vector<std::string>{b}));
-    EXPECT_EQ(watches_placed() - before, 2u);
+    EXPECT_EQ(g_heard, (std::vector<std::string>{b, c}));
+    EXPECT_EQ(watches_placed() - before, 3u);
     EXPECT_EQ(inotify_rm_watch(fd, wd), 0);
     EXPECT_EQ(inotify_rm_watch(fd, wd), -1);
-    EXPECT_EQ(watches_placed() - before, 1u);
+    EXPECT_EQ(watches_placed() - before, 2u);
     close(fd);
 }
 
