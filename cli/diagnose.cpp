@@ -169,6 +169,8 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
         return head + "no permission to read " +
                (findings.first_unreadable.empty() ? "it" : findings.first_unreadable) +
                (left_out > 1 ? " and others" : "") + (facts.root ? "" : ": run as root to watch all");
+    if (findings.too_long)
+        return head + "paths of more than 1,022 bytes cannot be watched";
     return head + (findings.last_error.empty() ? "the monitor's log tells why" : findings.last_error);
 }
 

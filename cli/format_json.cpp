@@ -63,6 +63,10 @@ public:
         record("event", event.time_ns, out, [&](Writer &writer) {
             put_kinds(writer, event.mask);
             put_path(writer, event.path);
+            if (event.deleted) {
+                put_key(writer, "deleted");
+                writer.Bool(true);
+            }
             put_key(writer, "pid");
             writer.Uint(event.pid);
             put_process(writer, event.process);

@@ -97,6 +97,8 @@ private:
     {
         const size_t start = out.size();
         append_escaped(event.path, out);
+        if (event.deleted)
+            out.append(" (deleted)");
         if (event.pid == 0)
             return;
         const size_t width = columns(std::string_view(out).substr(start));

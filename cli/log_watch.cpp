@@ -64,6 +64,8 @@ uint64_t *counter(Finding finding, Findings &findings)
             return &findings.unreadable;
         case Finding::kDenied:
             return &findings.denied;
+        case Finding::kTooLong:
+            return &findings.too_long;
         case Finding::kOther:
             return &findings.other;
         default:
@@ -102,8 +104,10 @@ LogLine read_log_line(std::string_view text)
     if (starts_with(text, "iterate add dentry failed") || starts_with(text, "add sub dentry failed: ") ||
         starts_with(text, "add sub failed"))
         return {Finding::kCacheFull, {}};
-    if (starts_with(text, "path is NULL") || starts_with(text, "malloc iterate failed: ") ||
-        starts_with(text, "dir malloc failed") || starts_with(text, "add seq failed, wd "))
+    if (starts_with(text, "path is NULL"))
+        return {Finding::kTooLong, {}};
+    if (starts_with(text, "malloc iterate failed: ") || starts_with(text, "dir malloc failed") ||
+        starts_with(text, "add seq failed, wd "))
         return {Finding::kOther, {}};
     if (starts_with(text, "add deleted flag watch /") || starts_with(text, "add watch /"))
         return read_retry(text);
@@ -114,7 +118,7 @@ LogLine read_log_line(std::string_view text)
 
 uint64_t Findings::left_out() const
 {
-    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + other;
+    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + too_long + other;
 }
 
 void LogWatch::start() { orx_host_log_sink(sink, this); }

@@ -26,6 +26,7 @@ enum class Finding {
     kCacheFull,   /* a directory that has no room in the monitor's cache */
     kUnreadable,  /* a directory that may not be opened (with its path) */
     kDenied,      /* a directory that may not be watched */
+    kTooLong,     /* a directory whose path is longer than the monitor takes */
     kOther,       /* a directory that is not watched for another reason */
     kRetryFailed, /* a path that was waited for, or matches a pattern, is there but cannot be watched (with its path) */
     kMonitorEnded, /* the monitor thread has given up */
@@ -41,7 +42,7 @@ LogLine read_log_line(std::string_view text);
 
 /* What has been found since the last look. */
 struct Findings {
-    uint64_t watch_limit = 0, mark_limit = 0, cache_full = 0, unreadable = 0, denied = 0, other = 0;
+    uint64_t watch_limit = 0, mark_limit = 0, cache_full = 0, unreadable = 0, denied = 0, too_long = 0, other = 0;
     bool monitor_ended = false;
     std::string first_unreadable; /* path */
     std::string retry_failed;     /* path: tried again once a second, so told once */

@@ -29,6 +29,7 @@ struct Event {
     std::string_view path;
     std::string_view container; /* empty where there is none */
     const ProcessInfo *process; /* null where not known */
+    bool deleted = false;       /* the path's name was gone already */
 };
 
 class Batch

@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "deleted_path.h"
 #include "message.h"
 #include "print.h"
 #include "signals.h"
@@ -103,13 +104,15 @@ bool Reporter::wants(const Event &event) const
 
 void Reporter::event(const Event &event)
 {
-    if (finished_ || !wants(event))
+    std::string path;
+    Event visible = event;
+    take_deleted(visible, path);
+    if (finished_ || !wants(visible))
         return;
     if (gives_up()) {
         dropped_++;
         return;
     }
-    Event visible = event;
     visible.mask &= shown_kinds_[event.source];
     formatter_->event(visible, output_.buffer());
     shown_++;

@@ -70,7 +70,7 @@ TEST(CliLogWatch, lines_of_the_monitor)
         {"open dir /a failed: " + denied, Finding::kUnreadable},
         {"open dir /a failed: " + none, Finding::kNone},
         {std::string("open dir /a failed: ") + strerror(ENOTDIR), Finding::kNone},
-        {"path is NULL", Finding::kOther},
+        {"path is NULL", Finding::kTooLong},
         {"select failed: Bad file descriptor", Finding::kMonitorEnded},
         {"create file monitor thread failed", Finding::kMonitorEnded},
         {"orx_fmon plugin init", Finding::kNone},
@@ -160,6 +160,8 @@ TEST(CliDiagnose, limit_of_marks)
 
 TEST(CliDiagnose, full_cache_names_the_setting)
 {
+    EXPECT_EQ(explain_left_out("/x", logged({"path is NULL"}), 1, machine()),
+              "1 directory below /x is not watched: paths of more than 1,022 bytes cannot be watched");
     expect_has(explain_left_out("/x", logged({"iterate add dentry failed"}), 1, machine()),
                {"1 directory below /x is not watched", "max_dentries 100", "--set max_dentries=1024"});
     EXPECT_NE(refusal(FMON_ENOMEM).find("--set max_dentries="), std::string::npos);

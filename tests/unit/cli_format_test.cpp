@@ -185,6 +185,17 @@ TEST(CliJson, records_can_end_in_nul)
     EXPECT_EQ(line.find('\n'), std::string::npos);
 }
 
+TEST(CliJson, a_name_that_was_gone)
+{
+    Event event = event_of("/a/b", FMON_MODIFY, 42);
+    EXPECT_FALSE(json_of(line_of(*make_json_formatter(plain()), event)).HasMember("deleted"));
+    event.deleted = true;
+    const auto document = json_of(line_of(*make_json_formatter(plain()), event));
+    EXPECT_TRUE(document["deleted"].IsTrue());
+    EXPECT_STREQ(document["path"].GetString(), "/a/b");
+    EXPECT_NE(line_of(*make_text_formatter(plain()), event).find(" /a/b (deleted)  ?[42]"), std::string::npos);
+}
+
 /* The same JSON, in which nothing drives the terminal or turns its lines. */
 TEST(CliJson, at_a_terminal)
 {
