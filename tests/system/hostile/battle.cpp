@@ -207,7 +207,7 @@ void Battle::turn(int half)
     }
     const int rest_stage = 2 * half + 2;
     shared_->stage = rest_stage;
-    tell_rounds(systest::now_ms() - begin);
+    const int64_t took = systest::now_ms() - begin;
     const auto all_rest = [&] {
         return std::all_of(sides_.begin(), sides_.end(),
                            [=](Side &side) { return side.ground->post().rested == rest_stage; });
@@ -217,6 +217,7 @@ void Battle::turn(int half)
         systest::pause_ms(2);
     }
     verdict_.holds("attackers rest", all_rest(), "one did not");
+    tell_rounds(took);
     unlink(canary_.c_str());
     verdict_.holds("slowest answer under attack", slowest_ms_ <= kSlowestMs, std::to_string(slowest_ms_) + " ms");
 }

@@ -53,13 +53,13 @@ void Battle::pass_fence(const std::string &when)
 std::vector<std::string> Battle::wrong_marks(size_t who)
 {
     if (who > 0)
-        return compare_marks(expected_marks(commands_[who - 1]->watches()), actual_marks(commands_[who - 1]->pid()),
-                             tree_.root());
+        return systest::compare_marks(systest::expected_marks(commands_[who - 1]->watches()),
+                                      systest::actual_marks(commands_[who - 1]->pid()), tree_.root());
     std::vector<Asked> watches;
     for (const Planned &planned : plan_)
         watches.push_back(planned.watch);
-    const Marks expected = expected_marks(watches);
-    std::vector<std::string> wrong = compare_marks(expected, actual_marks(getpid()), tree_.root());
+    const Marks expected = systest::expected_marks(watches);
+    std::vector<std::string> wrong = systest::compare_marks(expected, systest::actual_marks(getpid()), tree_.root());
     for (const std::string &line : compare_dentries(expected, Clients::dentries()))
         wrong.push_back(line);
     return wrong;

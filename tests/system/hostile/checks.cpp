@@ -89,7 +89,7 @@ void Roundabout::add_watch(const Asked &watch, const std::function<void(Sign &, 
     if (watch.flags & FMON_FILE)
         return want(sign(watch.path, false), watch.mask & FMON_CLOSE_WRITE);
     const std::vector<std::string> dirs =
-        watch.flags & FMON_RECURSIVE ? directories(watch.path) : std::vector<std::string>{watch.path};
+        watch.flags & FMON_RECURSIVE ? systest::directories(watch.path) : std::vector<std::string>{watch.path};
     for (const std::string &dir : dirs)
         want(sign(dir + "/sign-" + std::to_string(getpid()), true), watch.mask & (FMON_CREATE | FMON_CLOSE_WRITE));
 }
@@ -152,9 +152,9 @@ std::vector<std::string> compare_dentries(const Marks &expected, const std::vect
 
 Sizes measure(const std::vector<std::unique_ptr<Command>> &commands)
 {
-    Sizes sizes = {count_marks(actual_marks(getpid())), Clients::dentries().size(), 0, 0, {}, {}};
+    Sizes sizes = {systest::count_marks(systest::actual_marks(getpid())), Clients::dentries().size(), 0, 0, {}, {}};
     for (const auto &command : commands) {
-        sizes.command_marks.push_back(count_marks(actual_marks(command->pid())));
+        sizes.command_marks.push_back(systest::count_marks(systest::actual_marks(command->pid())));
         sizes.command_resident.push_back(resident(command->pid()));
     }
     sizes.heap = heap_in_use();

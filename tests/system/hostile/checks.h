@@ -10,7 +10,6 @@
 
 #include "clients.h"
 #include "ground.h"
-#include "marks.h"
 
 namespace hostile
 {

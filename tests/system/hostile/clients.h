@@ -13,11 +13,14 @@
 #include <vector>
 
 #include "ground.h"
-#include "marks.h"
 #include "orx_fmon.h"
+#include "system/marks.h"
 
 namespace hostile
 {
+
+using systest::Asked;
+using systest::Marks;
 
 constexpr int kClients = 8;
 

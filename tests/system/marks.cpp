@@ -11,7 +11,7 @@
 
 namespace fs = std::filesystem;
 
-namespace hostile
+namespace systest
 {
 
 namespace
@@ -145,4 +145,4 @@ std::vector<std::string> directories(const std::string &top)
     return list;
 }
 
-}  // namespace hostile
+}  // namespace systest

@@ -1,8 +1,8 @@
 /*
  * marks.h: the kernel's marks of a process, as /proc shows them, and those that it should have.
  */
-#ifndef HOSTILE_MARKS_H
-#define HOSTILE_MARKS_H
+#ifndef SYSTEM_MARKS_H
+#define SYSTEM_MARKS_H
 
 #include <sys/types.h>
 
@@ -12,7 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace hostile
+namespace systest
 {
 
 using Inode = std::pair<uint64_t, uint64_t>; /* device, number */
@@ -46,6 +46,6 @@ size_t count_marks(const Marks &marks); /* an inode that both sources mark count
 /* The directory and all below it, links not followed. */
 std::vector<std::string> directories(const std::string &top);
 
-}  // namespace hostile
+}  // namespace systest
 
 #endif
