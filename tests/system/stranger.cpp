@@ -54,12 +54,21 @@ bool child_says(const std::function<bool()> &question)
     return child > 0 && waitpid(child, &status, 0) == child && status == 0;
 }
 
+/* A child begins with the failures that its parent has had. */
+int failures()
+{
+    const testing::UnitTest &tests = *testing::UnitTest::GetInstance();
+    const testing::TestInfo *test = tests.current_test_info();
+    return (test ? *test->result() : tests.ad_hoc_test_result()).total_part_count();
+}
+
 void start_body(const Body &body)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    const int before = failures();
     body();
     fflush(nullptr);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
+    _exit(failures() > before ? 1 : 0);
 }
 
 }  // namespace
