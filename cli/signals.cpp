@@ -20,8 +20,8 @@ namespace
 
 constexpr int kInterrupt = SIGURG; /* to the main thread; does no harm elsewhere */
 constexpr int kTickMs = 5;
-constexpr int kGraceMs = 80, kStepMs = 20, kLongestMs = 2000; /* patience: at first, after progress, in all */
-constexpr int kOrderMs = 40;                                  /* for the main thread to end when that is over */
+constexpr int kGraceMs = 80, kStepMs = 60, kLongestMs = 2000; /* patience: at first, after progress, in all */
+constexpr int kOrderMs = 60;                                  /* for the main thread to end when that is over */
 
 std::atomic<int64_t> g_stopped_ms = 0; /* when the signal came; 0: not yet */
 std::atomic<int64_t> g_patient_ms = 0; /* until when there is patience */

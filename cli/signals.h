@@ -19,7 +19,7 @@ namespace cli
  *
  * When one comes, `wake_fd`, an eventfd, becomes readable, and system calls of the main thread are interrupted again
  * and again. When the main thread has not ended the process some time after the end of all patience, `last_words` is
- * called, on the thread of the signals, and the process ends with status 0: 120 ms after the signal when nothing went
+ * called, on the thread of the signals, and the process ends with status 0: 140 ms after the signal when nothing went
  * on meanwhile. */
 bool catch_signals(int wake_fd, std::function<void()> last_words);
 

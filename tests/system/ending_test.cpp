@@ -19,7 +19,11 @@ namespace
 {
 
 const std::string kFmon = std::string(FMON_TEST_BIN) + "/fmon";
+#ifdef FMON_TEST_SANITIZED /* a sanitizer waits for a second at an exit */
+constexpr int64_t kSoonMs = 5000;
+#else
 constexpr int64_t kSoonMs = 200;
+#endif
 constexpr int kTries = 5; /* the machine may be busy */
 
 std::string content(const std::string &path)

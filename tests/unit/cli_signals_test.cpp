@@ -18,7 +18,11 @@ using namespace cli;
 namespace
 {
 
+#ifdef __SANITIZE_THREAD__ /* which waits for a second at an exit */
+constexpr int kSoonMs = 3000;
+#else
 constexpr int kSoonMs = 200;
+#endif
 
 int64_t now_ms()
 {
@@ -81,6 +85,8 @@ private:
         const int wake = eventfd(0, EFD_CLOEXEC), out = ends_[1];
         if (!catch_signals(wake, [out] { (void)!write(out, "last words", 10); }))
             _exit(9);
+        if (patience_ms() != -1 || patience_ms(true) != -1)
+            _exit(8);
         (void)!write(out, "ready", 5);
         body(out, wake);
         _exit(7);
@@ -89,109 +95,101 @@ private:
     pid_t pid_ = -1;
 };
 
-/* The best of some tries: the machine may be busy. */
-End soonest(const Child::Body &body, int signal)
+/* Of some tries the first that is as it should be, for the machine may be busy: in time, with this status and text. */
+void expect_end(const Child::Body &body, int signal, int status, const std::string &said, int ms = kSoonMs)
 {
-    End best = {-1, INT64_MAX, ""};
-    for (int i = 0; i < 5 && best.ms >= kSoonMs; i++) {
+    constexpr int kTries = 5;
+    for (int i = 0; i < kTries; i++) {
         const End end = Child(body).end(signal);
-        if (end.ms < best.ms)
-            best = end;
+        if (end.status == status && end.said == said && end.ms < ms)
+            return;
+        EXPECT_LT(i, kTries - 1) << end.status << " '" << end.said << "' after " << end.ms << " ms";
     }
-    return best;
 }
 
 }  // namespace
 
 TEST(CliSignals, wake_the_main_thread)
 {
-    for (const int number : {SIGINT, SIGTERM, SIGHUP}) {
-        const End end = soonest(
-            [](int, int wake) {
-                uint64_t count = 0;
-                (void)!read(wake, &count, sizeof count);
-                _exit(stop_requested() ? 5 : 6);
-            },
-            number);
-        EXPECT_EQ(end.status, 5) << number;
-        EXPECT_LT(end.ms, kSoonMs);
-    }
+    const auto body = [](int, int wake) {
+        uint64_t count = 0;
+        (void)!read(wake, &count, sizeof count);
+        _exit(stop_requested() ? 5 : 6);
+    };
+    for (const int number : {SIGINT, SIGTERM, SIGHUP})
+        expect_end(body, number, 5, "");
 }
 
 // A pipe that is full and blocks: the write is left, and the records that did not fit are counted.
 TEST(CliSignals, end_a_write_that_nobody_reads)
 {
-    const End end = soonest(
-        [](int out, int) {
-            int ends[2];
-            Output output;
-            std::string error;
-            if (pipe(ends) != 0 || !output.open("/dev/fd/" + std::to_string(ends[1]), false, error))
-                _exit(9);
-            for (int i = 0; i < 100000; i++)
-                output.buffer() += "record\n";
-            output.flush(patience_ms);
-            const std::string said = output.gave_up() && output.given_up() > 80000 ? "gave up" : "no";
-            (void)!write(out, said.data(), said.size());
-            _exit(5);
-        },
-        SIGTERM);
-    EXPECT_EQ(end.said, "gave up");
-    EXPECT_EQ(end.status, 5);
-    EXPECT_LT(end.ms, kSoonMs);
+    std::string records;
+    for (int i = 0; i < 100000; i++)
+        records += "record\n";
+    const auto body = [&](int out, int) {
+        int ends[2];
+        Output output;
+        std::string error;
+        if (pipe(ends) != 0 || !output.open("/dev/fd/" + std::to_string(ends[1]), false, error))
+            _exit(9);
+        output.buffer() = records;
+        output.flush(patience_ms);
+        const std::string said = output.gave_up() && output.given_up() > 80000 ? "gave up" : "no";
+        (void)!write(out, said.data(), said.size());
+        _exit(5);
+    };
+    expect_end(body, SIGTERM, 5, "gave up");
 }
 
 TEST(CliSignals, end_what_waits_for_a_lock)
 {
-    const End end = soonest(
-        [](int, int) {
-            std::mutex lock;
-            lock.lock();
-            std::thread([&] { lock.lock(); }).join();
-        },
-        SIGTERM);
-    EXPECT_EQ(end.said, "last words");
-    EXPECT_EQ(end.status, 0);
-    EXPECT_LT(end.ms, kSoonMs);
+    const auto body = [](int, int) {
+        std::mutex lock;
+        lock.lock();
+        std::thread([&] { lock.lock(); }).join();
+    };
+    expect_end(body, SIGTERM, 0, "last words");
 }
 
 TEST(CliSignals, end_long_calls_at_once)
 {
-    const End end = soonest(
-        [](int, int) {
-            const StopAtOnce at_once;
-            std::mutex lock;
-            lock.lock();
-            std::thread([&] { lock.lock(); }).join();
-        },
-        SIGINT);
-    EXPECT_EQ(end.said, "");
-    EXPECT_EQ(end.status, 0);
-    EXPECT_LT(end.ms, kSoonMs);
+    const auto body = [](int, int) {
+        const StopAtOnce at_once;
+        std::mutex lock;
+        lock.lock();
+        std::thread([&] { lock.lock(); }).join();
+    };
+    expect_end(body, SIGINT, 0, "");
 }
 
-// A little after the last progress, and two seconds after the signal at most.
+// A little after the last progress.
 TEST(CliSignals, patience_goes_with_progress)
 {
-    Child child([](int out, int wake) {
-        if (patience_ms() != -1 || patience_ms(true) != -1)
-            _exit(6);
+    const auto body = [](int out, int wake) {
         uint64_t count = 0;
         (void)!read(wake, &count, sizeof count);
         const int64_t start = now_ms();
         while (patience_ms(now_ms() < start + 500) > 0)
             poll(nullptr, 0, 1);
-        const int64_t some = now_ms() - start;
-        while (patience_ms(true) > 0)
-            poll(nullptr, 0, 1);
-        const std::string said = some >= 500 && some < 1500 ? "went on" : std::to_string(some);
+        const int64_t took = now_ms() - start;
+        const std::string said = took >= 500 && took < 1000 ? "went on" : std::to_string(took);
         (void)!write(out, said.data(), said.size());
         _exit(5);
-    });
-    const End end = child.end(SIGTERM);
-    EXPECT_EQ(end.said, "went on");
-    EXPECT_EQ(end.status, 5);
-    EXPECT_LT(end.ms, 3000);
+    };
+    expect_end(body, SIGTERM, 5, "went on", 500 + kSoonMs);
+}
+
+TEST(CliSignals, patience_has_an_end)
+{
+    const auto body = [](int, int wake) {
+        uint64_t count = 0;
+        (void)!read(wake, &count, sizeof count);
+        for (;;) {
+            patience_ms(true);
+            poll(nullptr, 0, 1);
+        }
+    };
+    expect_end(body, SIGTERM, 0, "last words", 2000 + kSoonMs);
 }
 
 TEST(CliSignals, hangup_stays_ignored)
