@@ -56,7 +56,8 @@ int32_t _os_info_get(const struct kp_os_info **out);
 
 int32_t _kp_evt_reg(void *inst, struct kp_probe_def *def, kp_record_cb cb);
 
-/* Decodes what waits on the index-th descriptor of the instance. */
+/* Decodes what waits on the index-th descriptor of the instance; over all instances no more than the monitor takes in a
+ * pass. */
 int32_t kp_event_parse(int32_t index, void *inst);
 
 /* Switches one registered probe. Any thread. */

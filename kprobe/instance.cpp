@@ -35,7 +35,7 @@ Instance::~Instance()
         undefine(probe.get());
 }
 
-int Instance::open(const std::vector<int> &cpus, size_t queues, const Sizes &sizes)
+int Instance::open(const std::vector<int> &cpus, const Sizes &sizes)
 {
     for (const int cpu : cpus) {
         rings_.push_back(std::make_unique<Ring>());
@@ -46,31 +46,18 @@ int Instance::open(const std::vector<int> &cpus, size_t queues, const Sizes &siz
         if (status < 0)
             return status;
         bell_fds_.push_back(bells_.back()->fd());
-    }
-    for (size_t i = 0; i < queues; i++) {
-        auto queue = std::make_unique<Queue>();
-        queue->signal.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-        if (!queue->signal)
-            return -errno;
-        if (!queue->records.open(sizes.queue))
+        queues_.push_back(std::make_unique<RecordQueue>());
+        if (!queues_.back()->open(sizes.queue))
             return -ENOMEM;
-        queues_.push_back(std::move(queue));
     }
+    signal_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (!signal_)
+        return -errno;
     newest_.resize(rings_.size());
     return 0;
 }
 
-std::vector<Fd> Instance::copy_descriptors() const
-{
-    std::vector<Fd> out;
-    out.reserve(queues_.size());
-    for (const auto &queue : queues_) {
-        out.emplace_back(fcntl(queue->signal.get(), F_DUPFD_CLOEXEC, kFirstDescriptor));
-        if (!out.back())
-            return {};
-    }
-    return out;
-}
+Fd Instance::copy_descriptor() const { return Fd(fcntl(signal_.get(), F_DUPFD_CLOEXEC, kFirstDescriptor)); }
 
 void Instance::arm_bells(bool on)
 {

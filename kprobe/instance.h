@@ -40,8 +40,8 @@ public:
     Instance(const Instance &) = delete;
     Instance &operator=(const Instance &) = delete;
 
-    // A ring for each CPU, a queue with its descriptor for each of the first `queues`. 0 or a negative errno.
-    int open(const std::vector<int> &cpus, size_t queues, const Sizes &sizes);
+    // A ring and a queue for each CPU, and a descriptor to wait on. 0 or a negative errno.
+    int open(const std::vector<int> &cpus, const Sizes &sizes);
 
     // Whether deliveries to this process's inotify instances can be told from others. 0 or a negative errno.
     int learn_groups();
@@ -57,10 +57,9 @@ public:
     void clean();
     bool losses(kp_losses *out);
 
-    // What is readable while records wait; copies. Empty: there is no room for all of them.
-    std::vector<Fd> copy_descriptors() const;
-    size_t queues() const { return queues_.size(); }
-    size_t waiting_queues();
+    // What is readable while records may be taken: a copy. There may be no room for it.
+    Fd copy_descriptor() const;
+    bool is_waiting();
 
     // For the thread that empties the rings: takes what they hold, and releases what is older than `safe`. False: there
     // was nothing to take and nothing is held back.
@@ -91,11 +90,6 @@ private:
         EventSet events, bells;
         bool defined = false, on = false, gone = false;
     };
-    struct Queue {
-        RecordQueue records;
-        Fd signal;  // readable as long as a record may be taken
-        bool raised = false;
-    };
     struct Replaced {  // by events with another filter
         const Probe *probe;
         EventSet events, bells;
@@ -124,7 +118,8 @@ private:
     int index_of(const Sample &sample) const;
     void take(size_t ring, const Sample &sample);
     bool is_again(size_t ring, const Sample &sample);
-    void settle_signals();
+    void settle_signal();
+    bool is_ready(const RecordQueue &queue) const;
     size_t oldest() const;
     void gather(size_t budget);
     enum class Outcome { kDelivered, kUnreadable, kLeftOut };
@@ -158,7 +153,9 @@ private:
     std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index
     std::vector<std::unique_ptr<Ring>> rings_, bells_;  // of each CPU
     std::vector<int> bell_fds_;
-    std::vector<std::unique_ptr<Queue>> queues_;
+    std::vector<std::unique_ptr<RecordQueue>> queues_;  // of each ring
+    Fd signal_;                                         // readable as long as a record may be taken
+    bool raised_ = false;
     struct Newest {
         uint32_t tid;
         std::vector<unsigned char> raw;

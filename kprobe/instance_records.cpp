@@ -72,8 +72,7 @@ void Instance::take(size_t ring, const Sample &sample)
         return;
     const std::vector<uint32_t> &left_out = probes_[static_cast<size_t>(probe)]->left_out;
     const bool known = std::find(left_out.begin(), left_out.end(), sample.tid) == left_out.end();
-    Queue &queue = *queues_[ring % queues_.size()];
-    if (!queue.records.push(
+    if (!queues_[ring]->push(
             {sample.time, static_cast<uint32_t>(probe), known ? sample.pid : 0, sample.raw, sample.raw_size}))
         counts_.queue++;
 }
@@ -88,33 +87,35 @@ bool Instance::sweep(uint64_t safe)
         took |= sink.took;
     }
     safe_ = std::max(safe_, safe);
-    settle_signals();
+    settle_signal();
     const bool held = std::any_of(queues_.begin(), queues_.end(),
-                                  [](const auto &queue) { return !queue->records.empty() && !queue->raised; });
+                                  [this](const auto &queue) { return !queue->empty() && !is_ready(*queue); });
     return took || held;
 }
 
-// A descriptor is readable exactly as long as its queue begins with a record that may be taken.
-void Instance::settle_signals()
+bool Instance::is_ready(const RecordQueue &queue) const
 {
-    for (const auto &queue : queues_) {
-        QueuedRecord first;
-        const bool ready = queue->records.peek(&first) && first.time <= safe_;
-        if (ready == queue->raised)
-            continue;
-        eventfd_t value = 1;
-        queue->raised = ready;
-        ready ? eventfd_write(queue->signal.get(), value) : eventfd_read(queue->signal.get(), &value);
-    }
+    QueuedRecord first;
+    return queue.peek(&first) && first.time <= safe_;
+}
+
+void Instance::settle_signal()
+{
+    const bool ready =
+        std::any_of(queues_.begin(), queues_.end(), [this](const auto &queue) { return is_ready(*queue); });
+    if (ready == raised_)
+        return;
+    eventfd_t value = 1;
+    raised_ = ready;
+    ready ? eventfd_write(signal_.get(), value) : eventfd_read(signal_.get(), &value);
 }
 
 // ---- records out ----
 
-size_t Instance::waiting_queues()
+bool Instance::is_waiting()
 {
     const std::lock_guard lock(records_);
-    return static_cast<size_t>(
-        std::count_if(queues_.begin(), queues_.end(), [](const auto &queue) { return queue->raised; }));
+    return raised_;
 }
 
 // The queue that begins with the oldest record that may be taken; the number of queues: none.
@@ -124,7 +125,7 @@ size_t Instance::oldest() const
     uint64_t time = safe_;
     QueuedRecord first;
     for (size_t i = 0; i < queues_.size(); i++) {
-        if (!queues_[i]->records.peek(&first) || first.time > time)
+        if (!queues_[i]->peek(&first) || first.time > time)
             continue;
         time = first.time;
         best = i;
@@ -140,21 +141,21 @@ void Instance::gather(size_t budget)
     batch_.clear();
     for (size_t i; batch_.size() < budget && (i = oldest()) < queues_.size();) {
         QueuedRecord record;
-        queues_[i]->records.peek(&record);
+        queues_[i]->peek(&record);
         try {
             bytes_.insert(bytes_.end(), record.raw, record.raw + record.raw_size);
             batch_.push_back(record);
         } catch (const std::exception &) {  // out of memory: the rest waits
             break;
         }
-        queues_[i]->records.pop();
+        queues_[i]->pop();
     }
     size_t at = 0;
     for (QueuedRecord &record : batch_) {
         record.raw = bytes_.data() + at;
         at += record.raw_size;
     }
-    settle_signals();
+    settle_signal();
 }
 
 // The device of a file record becomes a mount id. False: no mount has it.
@@ -228,8 +229,8 @@ void Instance::clean()
     sweep(0);
     const std::lock_guard lock(records_);
     for (const auto &queue : queues_)
-        counts_.cleaned += queue->records.clear();
-    settle_signals();
+        counts_.cleaned += queue->clear();
+    settle_signal();
 }
 
 bool Instance::losses(kp_losses *out)

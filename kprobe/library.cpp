@@ -16,15 +16,18 @@ namespace kprobe
 namespace
 {
 
-// The monitor reads at most 100 records in one turn over all its descriptors, and throws away what waits here when
+// The monitor takes at most 100 records in one turn over all its descriptors, and throws away what waits here when
 // there are more; what else it reads in the same turn counts as well.
 constexpr size_t kPassRecords = 90;
 
 constexpr char kInotifyName[] = "clt_inotify";
 
-constexpr size_t kSlots = 64, kMaxDescriptors = 255;
+constexpr size_t kSlots = 64;
 constexpr size_t kRing = size_t{1} << 20, kQueue = size_t{1} << 24;
 constexpr size_t kAllQueues = sizeof(void *) == 8 ? size_t{1} << 28 : size_t{1} << 25;  // of an instance
+
+// The monitor visits its inotify source before the others.
+size_t turn_order(const std::string &name) { return name == kInotifyName ? 1 : 2; }
 
 size_t power_of_two(size_t n)
 {
@@ -129,7 +132,7 @@ const kp_os_info *Library::os_info()
     info_.minor = facts_.minor;
     info_.patch = facts_.patch;
     info_.arch = facts_.is_64 ? KP_ARCH_X86_64 : KP_ARCH_X86_32;
-    info_.count = static_cast<uint8_t>(std::min(cpus_.size(), kMaxDescriptors));
+    info_.count = 1;  // since records are handed on in the order of their time, whichever CPU they come from
     info_.pid = static_cast<uint32_t>(reader_.tid() ? reader_.tid() : owner_.pid);
     return &info_;
 }
@@ -196,28 +199,26 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
     Slot *slot = free_slot(name);
     if (!slot || reader_.start() < 0)
         return nullptr;
-    const size_t queues = std::min(cpus_.size(), kMaxDescriptors);
+    const std::vector<int> cpus = online_cpus();
     auto instance = std::make_shared<Instance>(tracefs_, facts_, group_name(owner_, serial_++, name));
-    if (const int status = instance->open(cpus_, queues, sizes_for(queues)); status < 0) {
+    if (const int status = instance->open(cpus, sizes_for(cpus.size())); status < 0) {
         KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
         return nullptr;
     }
     if (strcmp(name, kInotifyName) == 0 && instance->learn_groups() < 0)
         return nullptr;
     slot->name = name;
-    std::vector<Fd> descriptors = instance->copy_descriptors();
-    auto *out = descriptors.empty() || reader_.add(instance) < 0
-                    ? nullptr
-                    : static_cast<int32_t *>(malloc(queues * sizeof(int32_t)));
+    Fd descriptor = instance->copy_descriptor();
+    auto *out = descriptor && reader_.add(instance) == 0 ? static_cast<int32_t *>(malloc(sizeof(int32_t))) : nullptr;
     if (!out) {
         KP_LOG(1, "instance %s cannot be made: %s", name, strerror(errno));
         reader_.remove(instance);
         return nullptr;
     }
-    std::transform(descriptors.begin(), descriptors.end(), out, [](Fd &fd) { return fd.release(); });
+    *out = descriptor.release();
     slot->instance = std::move(instance);
     *fds = out;
-    *count = static_cast<int32_t>(queues);
+    *count = 1;
     return handle_of(*slot);
 }
 
@@ -233,20 +234,19 @@ int Library::remove(void *handle)
 
 // ---- parsing ----
 
-// What this descriptor may take of the monitor's turn, which visits ready descriptors in a rising order: a descriptor
-// at or before the last one begins a new turn. What is left is shared with the descriptors that are ready, so that no
-// CPU keeps the others waiting.
-size_t Library::share(const std::shared_ptr<Instance> &instance, size_t order)
+// What an instance may take of the monitor's turn, which visits those that are ready in a rising order: one at or
+// before the last one begins a new turn, and nothing else does. What is left is shared by the instances that have
+// records waiting and their turn to come, so that none keeps the others waiting.
+size_t Library::share(size_t order)
 {
-    if (order <= pass_order_ || pass_left_ == 0)
+    if (order <= pass_order_)
         pass_left_ = kPassRecords;
     pass_order_ = order;
     size_t waiting = 0;
     for (const Slot &slot : slots_)
-        if (slot.instance)
-            waiting += slot.instance->waiting_queues();
-    static_cast<void>(instance);
-    return std::max<size_t>(1, pass_left_ / std::max<size_t>(1, waiting));
+        waiting += slot.instance && turn_order(slot.name) >= order && slot.instance->is_waiting();
+    waiting = std::max<size_t>(1, waiting);
+    return (pass_left_ + waiting - 1) / waiting;
 }
 
 int Library::parse(int32_t index, void *handle)
@@ -256,12 +256,10 @@ int Library::parse(int32_t index, void *handle)
     {
         const std::lock_guard lock(lock_);
         const Slot *slot = slot_of(handle);
-        if (!slot || index < 0 || static_cast<size_t>(index) >= slot->instance->queues())
+        if (!slot || index != 0)
             return -EINVAL;
         instance = slot->instance;
-        // The monitor's inotify source comes before its file source.
-        const size_t rank = slot->name == kInotifyName ? 0 : 1;
-        budget = share(instance, rank * kMaxDescriptors + static_cast<size_t>(index) + 1);
+        budget = share(turn_order(slot->name));
     }
     const int done = instance->parse(budget);
     const std::lock_guard lock(lock_);

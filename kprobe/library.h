@@ -55,7 +55,7 @@ private:
     void *handle_of(const Slot &slot) const;
     Slot *free_slot(const std::string &name);
     void end(Slot *slot);
-    size_t share(const std::shared_ptr<Instance> &instance, size_t order);
+    size_t share(size_t order);
 
     std::mutex lock_;  // all below, but not the reader
     enum { kNew, kWorking, kUnavailable } state_ = kNew;
@@ -67,7 +67,7 @@ private:
     std::vector<int> cpus_;
     unsigned serial_ = 0;
     std::vector<Slot> slots_;
-    size_t pass_left_ = 0, pass_order_ = 0;
+    size_t pass_left_ = 0, pass_order_ = SIZE_MAX;
 
     Reader reader_;
 };

@@ -23,7 +23,7 @@ bool use_instance(KernelDouble &kernel, const kprobe::Facts &facts)
     if (!tracefs.find(&why))
         return false;
     kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
-    bool good = instance.open({0, 1}, 2, {65536, 65536}) == 0;
+    bool good = instance.open({0, 1}, {65536, 65536}) == 0;
     for (const auto &probe : testlib::file_probes(facts.is_64, "mnt==23"))
         good = good && instance.add(probe.record(), keep) == 0 && instance.enable(probe.name, true) == 0;
     good = good && instance.filter("Kc", "mnt==20||mnt==23") == 0;
@@ -45,7 +45,7 @@ TEST(KprobeFaults, nothing_is_left_whatever_fails)
         int error, at_least;
     } rows[] = {{"perf_event_open", EMFILE, 30},
                 {"mmap", ENOMEM, 6},
-                {"eventfd", EMFILE, 2},
+                {"eventfd", EMFILE, 1},
                 {"access", ENOENT, 1},
                 {"read", EIO, 30}};
     KernelDouble kernel;
@@ -97,7 +97,7 @@ TEST(KprobeFaults, a_definition_that_stays)
     ASSERT_TRUE(tracefs.find(&why));
     {
         kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
-        ASSERT_EQ(0, instance.open({0}, 1, {65536, 65536}));
+        ASSERT_EQ(0, instance.open({0}, {65536, 65536}));
         ASSERT_EQ(0, instance.add(testlib::file_probe(true, "Ku").record(), keep));
         testlib::take_log();
         {
@@ -135,8 +135,8 @@ TEST(KprobeFaults, descriptors_that_cannot_be_copied)
 {
     Fixture f;
     const int before = open_descriptors();
-    const Fault fault("fcntl", 2, EMFILE);
-    EXPECT_TRUE(f.instance.copy_descriptors().empty());
+    const Fault fault("fcntl", 1, EMFILE);
+    EXPECT_FALSE(f.instance.copy_descriptor());
     EXPECT_EQ(before, open_descriptors());
 }
 

@@ -112,7 +112,7 @@ struct Fixture {
         received.clear();
         testlib::take_log();
         EXPECT_TRUE(tracefs.find(&why)) << why;
-        EXPECT_EQ(0, instance.open(cpus, cpus.size(), sizes));
+        EXPECT_EQ(0, instance.open(cpus, sizes));
     }
 
     int add(const testlib::ModuleProbe &probe) { return instance.add(probe.record(), keep); }

@@ -176,7 +176,7 @@ TEST(KprobeInstanceProbes, an_end_that_leaves_nothing)
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     {
         kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
-        ASSERT_EQ(0, instance.open({0, 1}, 2, {65536, 65536}));
+        ASSERT_EQ(0, instance.open({0, 1}, {65536, 65536}));
         for (const auto &probe : testlib::file_probes(true))
             ASSERT_EQ(0, instance.add(probe.record(), keep));
         EXPECT_EQ(6u, kernel.definitions().size());

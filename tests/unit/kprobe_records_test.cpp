@@ -43,13 +43,13 @@ TEST(KprobeRecords, what_is_not_yet_safe_is_held_back)
     f.create("/first", 100, 1);
     f.create("/second", 200, 1);
     EXPECT_TRUE(f.instance.sweep(99));
-    EXPECT_EQ(0u, f.instance.waiting_queues());
+    EXPECT_FALSE(f.instance.is_waiting());
     EXPECT_EQ(0, f.instance.parse(10));
     EXPECT_TRUE(f.instance.sweep(150)) << "more is held back";
-    EXPECT_EQ(1u, f.instance.waiting_queues());
+    EXPECT_TRUE(f.instance.is_waiting());
     EXPECT_EQ(1, f.instance.parse(10));
     EXPECT_EQ(Paths{"/first"}, paths());
-    EXPECT_EQ(0u, f.instance.waiting_queues());
+    EXPECT_FALSE(f.instance.is_waiting());
     f.create("/third", 250, 1); /* another CPU was late */
     f.instance.sweep(300);
     EXPECT_EQ(3, f.instance.parse(10));
@@ -57,64 +57,32 @@ TEST(KprobeRecords, what_is_not_yet_safe_is_held_back)
     EXPECT_FALSE(f.instance.sweep(1)) << "nothing came and nothing waits";
 }
 
-TEST(KprobeRecords, descriptors_tell_which_queue_waits)
+TEST(KprobeRecords, the_descriptor_is_readable_as_long_as_a_record_may_be_taken)
 {
     Fixture f;
     f.add_on("Kc");
-    const std::vector<kprobe::Fd> copies = f.instance.copy_descriptors();
-    ASSERT_EQ(2u, copies.size());
-    const int fds[] = {copies[0].get(), copies[1].get()};
-    for (const int fd : fds)
-        EXPECT_GE(fd, 3);
-    EXPECT_FALSE(is_readable(fds[0]) || is_readable(fds[1]));
+    const kprobe::Fd copy = f.instance.copy_descriptor();
+    const int fd = copy.get();
+    EXPECT_GE(fd, 3);
+    EXPECT_FALSE(is_readable(fd));
     f.create("/a", 100, 1);
     f.instance.sweep(50);
-    EXPECT_FALSE(is_readable(fds[1])) << "not safe yet";
+    EXPECT_FALSE(is_readable(fd)) << "not safe yet";
     f.instance.sweep(100);
-    EXPECT_FALSE(is_readable(fds[0]));
-    EXPECT_TRUE(is_readable(fds[1]));
-    EXPECT_TRUE(is_readable(fds[1])) << "as long as it waits, however often it is asked";
+    EXPECT_TRUE(is_readable(fd));
+    EXPECT_TRUE(is_readable(fd)) << "however often it is asked";
     f.create("/b", 110, 1);
     f.create("/c", 120, 0);
     f.instance.sweep(120);
-    EXPECT_TRUE(is_readable(fds[0]));
     f.instance.parse(2);
-    EXPECT_TRUE(is_readable(fds[0]));
-    EXPECT_FALSE(is_readable(fds[1]));
+    EXPECT_TRUE(is_readable(fd));
     f.instance.parse(2);
-    EXPECT_FALSE(is_readable(fds[0]));
+    EXPECT_FALSE(is_readable(fd));
     f.create("/d", 130, 0);
     f.instance.sweep(130);
+    EXPECT_TRUE(is_readable(fd));
     f.instance.clean();
-    EXPECT_FALSE(is_readable(fds[0]));
-}
-
-TEST(KprobeRecords, more_cpus_than_descriptors)
-{
-    testlib::KernelDouble kernel;
-    kernel.usual_files();
-    kprobe::Tracefs tracefs;
-    std::string why;
-    ASSERT_TRUE(tracefs.find(&why));
-    const kprobe::Facts facts = kprobe_facts::amd64_6_1();
-    kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
-    ASSERT_EQ(0, instance.open({0, 1, 2, 3, 4}, 2, {65536, 65536}));
-    ASSERT_EQ(0, instance.add(testlib::file_probe(true, "Kc").record(), keep));
-    ASSERT_EQ(0, instance.enable("Kc", true));
-    testlib::KernelObjects objects(&kernel.memory);
-    const uint64_t super = objects.super_block(kDevice);
-    received.clear();
-    for (int cpu = 4; cpu >= 0; cpu--)
-        kernel.hit({"security_inode_create",
-                    {0, objects.path(super, "/" + std::to_string(cpu)), 0},
-                    1,
-                    1,
-                    cpu,
-                    100 + static_cast<uint64_t>(cpu)});
-    instance.sweep(200);
-    EXPECT_EQ(2u, instance.queues());
-    EXPECT_EQ(5, instance.parse(10));
-    EXPECT_EQ(5u, paths().size());
+    EXPECT_FALSE(is_readable(fd));
 }
 
 /* ---- what becomes of each hit ---- */
