@@ -84,6 +84,9 @@ struct kp_losses {
 /* Any thread. 0; negative: no such instance. */
 int32_t kp_loss_counts(void *inst, struct kp_losses *out);
 
+/* All instances that the process has or has had, summed. Any thread. 0; negative: it cannot be told. */
+int32_t kp_losses_total(struct kp_losses *out);
+
 /* Ends an instance and deletes its probes; creating one of the same name again does so as well. The descriptors that
  * were handed out are the caller's and stay open. 0; negative: no such instance. */
 int32_t kp_ins_del(void *inst);

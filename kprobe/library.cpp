@@ -51,6 +51,16 @@ Sizes sizes_for(size_t queues)
     return {setting("FMON_PROBE_RING_KB", kRing), setting("FMON_PROBE_QUEUE_KB", std::min(queue, kQueue))};
 }
 
+void add(kp_losses *sum, const kp_losses &more)
+{
+    sum->delivered += more.delivered;
+    sum->ring += more.ring;
+    sum->queue += more.queue;
+    sum->cleaned += more.cleaned;
+    sum->unreadable += more.unreadable;
+    sum->missed += more.missed;
+}
+
 // Deletes a definition, whatever happens in between.
 struct Temporary {
     const Tracefs &tracefs;
@@ -181,6 +191,9 @@ Library::Slot *Library::free_slot(const std::string &name)
 void Library::end(Slot *slot)
 {
     reader_.remove(slot->instance);
+    kp_losses last;
+    if (slot->instance->losses(&last))
+        add(&ended_, last);
     slot->instance.reset();
     slot->generation++;
 }
@@ -265,6 +278,36 @@ int Library::parse(int32_t index, void *handle)
     const std::lock_guard lock(lock_);
     pass_left_ -= std::min(pass_left_, static_cast<size_t>(std::max(done, 0)));
     return done;
+}
+
+// ---- losses ----
+
+std::vector<std::shared_ptr<Instance>> Library::instances()
+{
+    std::vector<std::shared_ptr<Instance>> all;
+    for (const Slot &slot : slots_)
+        if (slot.instance)
+            all.push_back(slot.instance);
+    return all;
+}
+
+// The instances are asked without the lock: that may wait for whoever is defining a probe.
+int Library::losses(kp_losses *out)
+{
+    std::vector<std::shared_ptr<Instance>> all;
+    {
+        const std::lock_guard lock(lock_);
+        if (state_ != kWorking)
+            return -ENOTSUP;
+        all = instances();
+        *out = ended_;
+    }
+    for (const auto &instance : all) {
+        kp_losses one;
+        if (instance->losses(&one))
+            add(out, one);
+    }
+    return 0;
 }
 
 // ---- end ----

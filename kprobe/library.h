@@ -36,6 +36,9 @@ public:
 
     int parse(int32_t index, void *handle);
 
+    // Of all instances, with those that have ended. 0 or a negative errno.
+    int losses(kp_losses *out);
+
     // The definitions go with the process.
     void shut_down();
 
@@ -55,6 +58,7 @@ private:
     void *handle_of(const Slot &slot) const;
     Slot *free_slot(const std::string &name);
     void end(Slot *slot);
+    std::vector<std::shared_ptr<Instance>> instances();
     size_t share(size_t order);
 
     std::mutex lock_;  // all below, but not the reader
@@ -67,6 +71,7 @@ private:
     std::vector<int> cpus_;
     unsigned serial_ = 0;
     std::vector<Slot> slots_;
+    kp_losses ended_ = {};  // of instances that have
     size_t pass_left_ = 0, pass_order_ = SIZE_MAX;
 
     Reader reader_;

@@ -163,6 +163,7 @@ int _orx_fmon_status(struct fmon_status *out)
     now.lost = fmon.lost;
     now.lost.inotify = fmlnx.ino_overflow;
     now.lost.fanotify = fmlnx.fan_overflow;
+    kpnotify_losses(&now.lost);
     now.released = fmon.released;
     memcpy(now.lost_path, fmon.lost_path, sizeof now.lost_path);
     memcpy(out, &now, now.size);

@@ -232,6 +232,18 @@ int kpnotify_parse(int index)
     return kp::event_parse(index, instance);
 }
 
+void kpnotify_losses(struct fmon_loss_counts *out)
+{
+    struct kp_losses now = {};
+    if (kp::losses_total(&now) < 0)
+        return;
+    out->probes_ring = now.ring;
+    out->probes_queue = now.queue;
+    out->probes_cleaned = now.cleaned;
+    out->probes_unreadable = now.unreadable;
+    out->probes_missed = now.missed;
+}
+
 void clean_global_event(void)
 {
     FMON_LOG(4, kFile, "events is too much ,we clean the global event");

@@ -72,6 +72,9 @@ FMON_API int read_mount_id(int fd, char *out);
  * the text depends on it, in one system call where the kernel has that. */
 int event_mount_id(int fd, char *out);
 
+/* (Hidden.) What the library has lost, into the counters of probes; they stay where it does not tell. */
+void kpnotify_losses(struct fmon_loss_counts *out);
+
 /* (Hidden.) The collector; zero while it does not run. */
 struct clt_file_state {
     std::atomic<void *> instance; /* atomic: kpnotify_enable runs without the monitor lock */

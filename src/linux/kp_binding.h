@@ -160,6 +160,15 @@ inline int32_t event_filter(const char *event_name, const char *filter, void *in
 
 inline int32_t cache_clean(void *inst) { return call<decltype(_cache_clean)>(CACHE_CLEAN, inst); }
 
+/* An addition that other libraries may lack: nothing is said then, and the library stays. Neither is one opened for it.
+ * Negative: nothing can be told. */
+inline int32_t losses_total(struct kp_losses *out)
+{
+    void *handle = unit.handle.load(std::memory_order_acquire);
+    auto *fn = handle ? reinterpret_cast<decltype(&kp_losses_total)>(dlsym(handle, "kp_losses_total")) : nullptr;
+    return fn ? fn(out) : -1;
+}
+
 /* ---- what the event sources share ---- */
 
 /* A probe instance with its array of descriptors. Null: none, and no array; logged under the source's name `file`. */

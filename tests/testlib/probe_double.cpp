@@ -59,6 +59,8 @@ void ProbeDouble::set_os_info(const OsInfo &info)
                                          << " " << info.count << " " << info.pid << "\n";
 }
 
+void ProbeDouble::set_losses(const std::string &numbers) { std::ofstream(tree_.path("losses")) << numbers << "\n"; }
+
 void ProbeDouble::behave(const std::string &lines)
 {
     /* In one step: the library may read at any moment. */

@@ -95,7 +95,7 @@ TEST(KprobeExport, where_they_work)
         EXPECT_STREQ("", kp_unavailable());
         EXPECT_GT(0, _os_info_get(nullptr));
         expect_negative_for_all();
-        int32_t *fds = nullptr, count = 0;
+        int32_t *fds = nullptr, *other_fds = nullptr, count = 0;
         void *handle = _kp_ins_crt("clt_file", &fds, &count);
         ASSERT_NE(nullptr, handle);
         ASSERT_EQ(1, count);
@@ -125,10 +125,20 @@ TEST(KprobeExport, where_they_work)
         EXPECT_EQ(0, kp_loss_counts(handle, &losses));
         EXPECT_EQ(1u, losses.delivered);
         EXPECT_GT(0, kp_loss_counts(handle, nullptr));
+        EXPECT_GT(0, kp_losses_total(nullptr));
+        EXPECT_EQ(0, kp_losses_total(&losses));
+        EXPECT_EQ(1u, losses.delivered);
+        void *other = _kp_ins_crt("another", &other_fds, &count);
+        ASSERT_NE(nullptr, other);
+        EXPECT_EQ(0, kp_losses_total(&losses));
+        EXPECT_EQ(1u, losses.delivered);
         EXPECT_EQ(0, kp_ins_del(handle));
+        EXPECT_EQ(0, kp_losses_total(&losses));
+        EXPECT_EQ(1u, losses.delivered) << "what ended has counted";
         expect_negative(handle);
         EXPECT_TRUE(kernel.definitions().empty());
         free(fds);
+        free(other_fds);
     });
 }
 

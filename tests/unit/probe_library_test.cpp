@@ -75,6 +75,58 @@ void expect_missing_line(int level, const std::string &symbol)
     EXPECT_EQ(level == 4, log_count_containing("undefined symbol: ") > 0); /* the dynamic linker's own words */
 }
 
+struct fmon_loss_counts losses_now()
+{
+    struct fmon_status status = {};
+    status.size = sizeof status;
+    EXPECT_EQ(0, _orx_fmon_status(&status));
+    return status.lost;
+}
+
+/* ---- what a library loses ---- */
+
+TEST(ProbeLibrary, ItsLossesAreTheModules)
+{
+    without("", [](ProbeMachine &m) {
+        start(m);
+        EXPECT_EQ(0u, losses_now().probes_ring);
+        m.probes.set_losses("100 1 2 3 4 5");
+        const struct fmon_loss_counts lost = losses_now();
+        EXPECT_EQ(1u, lost.probes_ring);
+        EXPECT_EQ(2u, lost.probes_queue);
+        EXPECT_EQ(3u, lost.probes_cleaned);
+        EXPECT_EQ(4u, lost.probes_unreadable);
+        EXPECT_EQ(5u, lost.probes_missed);
+        m.probes.behave("fail kp_losses_total");
+        EXPECT_EQ(0u, losses_now().probes_ring);
+    });
+}
+
+TEST(ProbeLibrary, OneThatDoesNotCountStays)
+{
+    without("kp_losses_total", [](ProbeMachine &m) {
+        start(m);
+        m.probes.set_losses("100 1 2 3 4 5");
+        EXPECT_EQ(0u, losses_now().probes_ring);
+        EXPECT_EQ(0, log_count_containing("kp_losses_total")) << "nobody has to have that";
+        EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
+        m.happens("Kc", "new");
+        m.turn();
+        EXPECT_EQ(1u, m.events().size());
+        EXPECT_TRUE(m.probes.calls("stale").empty());
+    });
+}
+
+TEST(ProbeLibrary, NoneIsOpenedToBeAskedForItsLosses)
+{
+    in_child([] {
+        struct fmon_loss_counts lost = {};
+        kpnotify_losses(&lost);
+        EXPECT_EQ(0u, lost.probes_ring);
+        EXPECT_EQ(0, log_count_containing("load kprobe thread module"));
+    });
+}
+
 /* ---- a library without one of its symbols ---- */
 
 TEST(ProbeLibrary, WithoutInstancesPlainInotifyIsUsed)

@@ -3,6 +3,7 @@
  *
  * Everything lies in the folder that FMON_PROBE_DOUBLE names:
  *   calls        a line for every call, in order
+ *   losses       "DELIVERED RING QUEUE CLEANED UNREADABLE MISSED"; without the file nothing is lost
  *   os_info      "MAJOR MINOR PATCH ARCH COUNT PID"; without the file a 6.1.0 kernel
  *   behave       lines that change the answers, read at each call:
  *                  fail SYMBOL [NAME]    a negative status (no instance) for that event or instance, or for any
@@ -422,6 +423,25 @@ EXPORT int32_t _cache_clean(void *inst)
         while (read(self->sources[i].fd, bytes, sizeof bytes) > 0) {
         }
     }
+    return 0;
+}
+#endif
+
+#ifndef WITHOUT_kp_losses_total
+EXPORT int32_t kp_losses_total(struct kp_losses *out)
+{
+    NOTE("losses_total");
+    if (told_to_fail("kp_losses_total", NULL))
+        return FAILED;
+    memset(out, 0, sizeof *out);
+    FILE *file = open_text("losses");
+    if (!file)
+        return 0;
+    unsigned long long n[6] = {0};
+    if (fscanf(file, "%llu %llu %llu %llu %llu %llu", &n[0], &n[1], &n[2], &n[3], &n[4], &n[5]) != 6)
+        abort();
+    fclose(file);
+    *out = (struct kp_losses){n[0], n[1], n[2], n[3], n[4], n[5]};
     return 0;
 }
 #endif
