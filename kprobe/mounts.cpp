@@ -11,7 +11,7 @@ namespace kprobe
 namespace
 {
 
-constexpr std::ptrdiff_t kRemembered = 1024;  // mounts that are gone
+constexpr size_t kRemembered = 1024;  // mounts that are gone
 
 bool is_octal(char c) { return c >= '0' && c <= '7'; }
 
@@ -54,11 +54,7 @@ bool parse_line(std::string_view line, Mount *out)
     return !out->point.empty();
 }
 
-const Mount *find_id(const std::vector<Mount> &mounts, int32_t id)
-{
-    const auto found = std::find_if(mounts.begin(), mounts.end(), [&](const Mount &m) { return m.id == id; });
-    return found == mounts.end() ? nullptr : &*found;
-}
+void lower(int32_t *best, int32_t id) { *best = *best == 0 ? id : std::min(*best, id); }
 
 }  // namespace
 
@@ -77,61 +73,67 @@ std::vector<Mount> parse_mounts(std::string_view text)
 
 std::vector<Mount> read_mounts() { return parse_mounts(read_file("/proc/self/mountinfo")); }
 
-void MountMap::refresh(std::vector<Mount> mounts)
+void MountMap::refresh(const std::vector<Mount> &mounts)
 {
-    for (Mount &gone : now_)
-        if (!find_id(mounts, gone.id) && !find_id(before_, gone.id))
-            before_.push_back(std::move(gone));
-    if (std::ssize(before_) > kRemembered)
-        before_.erase(before_.begin(), before_.end() - kRemembered);
-    now_ = std::move(mounts);
-    for (Wanted &wanted : wanted_)
-        wanted.device = device_of(wanted.id);
+    Tables next;
+    for (const Mount &mount : mounts) {
+        next.ids[mount.id] = {mount.device, mount.point};
+        next.points[mount.point] = mount.device;  // the last line of a mount point is the mount that is on top
+        Device &device = next.devices[mount.device];
+        if (device.any == 0)
+            device.point = mount.point;
+        lower(&device.any, mount.id);
+        if (mount.whole)
+            lower(&device.whole, mount.id);
+    }
+    remember(next);
+    now_ = std::move(next);
+    want(std::vector<int32_t>(wanted_));
+}
+
+void MountMap::remember(const Tables &next)
+{
+    for (const auto &[id, mount] : now_.ids)
+        if (next.ids.count(id) == 0 && before_.emplace(id, mount.point).second)
+            went_.push_back(id);
+    while (went_.size() > kRemembered) {
+        before_.erase(went_.front());
+        went_.pop_front();
+    }
 }
 
 uint32_t MountMap::device_of(int32_t id) const
 {
-    if (const Mount *mount = find_id(now_, id))
-        return mount->device;
-    const Mount *old = find_id(before_, id);
-    // The last line of a mount point is the mount that is on top.
-    for (auto it = now_.rbegin(); old && it != now_.rend(); ++it)
-        if (it->point == old->point)
-            return it->device;
-    return 0;
+    if (const auto mount = now_.ids.find(id); mount != now_.ids.end())
+        return mount->second.device;
+    const auto old = before_.find(id);
+    const auto top = old == before_.end() ? now_.points.end() : now_.points.find(old->second);
+    return top == now_.points.end() ? 0 : top->second;
 }
 
 int32_t MountMap::id_of(uint32_t device) const
 {
-    int32_t wanted = 0, whole = 0, any = 0;
-    const auto lower = [](int32_t *best, int32_t id) { *best = *best == 0 ? id : std::min(*best, id); };
-    for (const Wanted &w : wanted_)
-        if (w.device == device && device != 0)  // 0: the wanted mount is not there
-            lower(&wanted, w.id);
-    for (const Mount &mount : now_) {
-        if (mount.device != device)
-            continue;
-        lower(&any, mount.id);
-        if (mount.whole)
-            lower(&whole, mount.id);
-    }
-    return wanted != 0 ? wanted : whole != 0 ? whole : any;
+    if (const auto wanted = wanted_of_.find(device); wanted != wanted_of_.end())
+        return wanted->second;
+    const auto found = now_.devices.find(device);
+    if (found == now_.devices.end())
+        return 0;
+    return found->second.whole != 0 ? found->second.whole : found->second.any;
 }
 
 void MountMap::want(const std::vector<int32_t> &ids)
 {
-    wanted_.clear();
+    wanted_ = ids;
+    wanted_of_.clear();
     for (const int32_t id : ids)
-        if (id != 0)
-            wanted_.push_back({id, device_of(id)});
+        if (const uint32_t device = id == 0 ? 0 : device_of(id); device != 0)  // 0: the wanted mount is not there
+            lower(&wanted_of_[device], id);
 }
 
 const char *MountMap::point_of(uint32_t device) const
 {
-    for (const Mount &mount : now_)
-        if (mount.device == device)
-            return mount.point.c_str();
-    return nullptr;
+    const auto found = now_.devices.find(device);
+    return found == now_.devices.end() ? nullptr : found->second.point.c_str();
 }
 
 }  // namespace kprobe

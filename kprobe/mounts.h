@@ -8,8 +8,10 @@
 #define KPROBE_MOUNTS_H
 
 #include <cstdint>
+#include <deque>
 #include <string>
 #include <string_view>
+#include <unordered_map>
 #include <vector>
 
 namespace kprobe
@@ -25,12 +27,12 @@ struct Mount {
 std::vector<Mount> parse_mounts(std::string_view text);
 std::vector<Mount> read_mounts();
 
-// Which mount id stands for a device in the monitor's eyes.
+// Which mount id stands for a device in the monitor's eyes: a table, since each record asks, whatever is mounted.
 class MountMap
 {
 public:
     // Forgets nothing of an earlier table: the monitor keeps the id of a mount point that was mounted anew.
-    void refresh(std::vector<Mount> mounts);
+    void refresh(const std::vector<Mount> &mounts);
 
     // 0: the id belongs to no mount, now or before.
     uint32_t device_of(int32_t id) const;
@@ -45,12 +47,26 @@ public:
     const char *point_of(uint32_t device) const;
 
 private:
-    struct Wanted {
-        int32_t id;
-        uint32_t device;
+    struct Device {
+        int32_t any = 0, whole = 0;  // lowest ids
+        std::string point;           // of the first
     };
-    std::vector<Mount> now_, before_;
-    std::vector<Wanted> wanted_;
+    struct Present {
+        uint32_t device;
+        std::string point;
+    };
+    struct Tables {
+        std::unordered_map<int32_t, Present> ids;
+        std::unordered_map<uint32_t, Device> devices;
+        std::unordered_map<std::string, uint32_t> points;  // the device that is on top there
+    };
+    void remember(const Tables &next);
+
+    Tables now_;
+    std::unordered_map<int32_t, std::string> before_;  // where mounts were that are gone
+    std::deque<int32_t> went_;                         // their ids, in the order in which they went
+    std::vector<int32_t> wanted_;
+    std::unordered_map<uint32_t, int32_t> wanted_of_;  // the lowest of each device
 };
 
 }  // namespace kprobe

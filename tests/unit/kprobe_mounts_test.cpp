@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <map>
 #include <random>
 
@@ -148,6 +149,46 @@ TEST(KprobeMounts, what_is_remembered_has_an_end)
     EXPECT_EQ(20077u, map.device_of(77)); /* of 1100 that went, the last 1024 */
     EXPECT_EQ(0u, map.device_of(76));
     EXPECT_EQ(0u, map.device_of(1));
+}
+
+/* Each record asks, and each change of the table refreshes it: neither may depend on how much is mounted. */
+TEST(KprobeMounts, many_mounts_cost_no_more_than_few)
+{
+    const auto nanoseconds_a_record = [](uint32_t mounts) {
+        std::vector<Mount> all;
+        for (uint32_t i = 1; i <= mounts; i++)
+            all.push_back({static_cast<int32_t>(i), i, true, "/m" + std::to_string(i)});
+        MountMap map = map_of(all);
+        constexpr uint32_t kRecords = 20000;
+        uint64_t sum = 0;
+        const auto began = std::chrono::steady_clock::now();
+        for (uint32_t i = 0; i < kRecords; i++)
+            sum += static_cast<uint64_t>(map.id_of(mounts - i % mounts % 100));
+        const std::chrono::duration<double, std::nano> took = std::chrono::steady_clock::now() - began;
+        EXPECT_GT(sum, 0u);
+        return took.count() / kRecords;
+    };
+    nanoseconds_a_record(100);
+    EXPECT_LT(nanoseconds_a_record(20000), 20 * nanoseconds_a_record(100) + 2000);
+}
+
+TEST(KprobeMounts, a_refresh_of_many_mounts_is_linear)
+{
+    const auto seconds = [](int mounts) {
+        std::vector<Mount> all;
+        for (int i = 1; i <= mounts; i++)
+            all.push_back({i, static_cast<uint32_t>(i), true, "/m" + std::to_string(i)});
+        MountMap map = map_of(all);
+        for (Mount &mount : all)
+            mount.id += 1000000;
+        const auto began = std::chrono::steady_clock::now();
+        map.refresh(all);
+        const std::chrono::duration<double> took = std::chrono::steady_clock::now() - began;
+        EXPECT_EQ(1000001, map.id_of(1));
+        return took.count();
+    };
+    seconds(1000);
+    EXPECT_LT(seconds(20000), 20 * 10 * seconds(1000) + 0.1) << "and not four hundred times as much";
 }
 
 TEST(KprobeMounts, this_machines_table)
