@@ -80,6 +80,21 @@ uint8_t clamp(unsigned long n) { return static_cast<uint8_t>(std::min(n, 255UL))
 
 }  // namespace
 
+std::string DentryLayout::lacking() const
+{
+    const struct {
+        int offset;
+        const char *what;
+    } rows[] = {{parent, "an entry's folder"},   {name, "an entry's name"},  {inline_name, "short names"},
+                {inode, "an entry's inode"},     {super, "its file system"}, {s_dev, "a file system's device"},
+                {i_mode, "an inode's file type"}};
+    std::string text;
+    for (const auto &row : rows)
+        if (row.offset < 0)
+            text += (text.empty() ? "" : ", ") + std::string(row.what);
+    return text;
+}
+
 bool parse_release(const char *release, Facts *out)
 {
     char *end;

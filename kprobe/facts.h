@@ -21,10 +21,9 @@ struct DentryLayout {
     int parent = kUnknown, name = kUnknown, inode = kUnknown, super = kUnknown, inline_name = kUnknown;
     int s_dev = kUnknown;                     // in the super block
     int i_mode = kUnknown, i_ino = kUnknown;  // in the inode
-    bool complete() const
-    {
-        return parent >= 0 && name >= 0 && inode >= 0 && super >= 0 && inline_name >= 0 && s_dev >= 0 && i_mode >= 0;
-    }
+    bool complete() const { return lacking().empty(); }
+    // What is not known and must be, in words for a person.
+    std::string lacking() const;
 };
 
 // From an inotify mark to the watched inode.

@@ -78,6 +78,12 @@ extern "C" void fork_prepare() { Library::get().before_fork(); }
 extern "C" void fork_parent() { Library::get().after_fork(false); }
 extern "C" void fork_child() { Library::get().after_fork(true); }
 
+int handle_forks()
+{
+    static const int error = pthread_atfork(fork_prepare, fork_parent, fork_child);
+    return error;
+}
+
 }  // namespace
 
 // Never destroyed: its thread and other libraries' exit handlers may still use it.
@@ -104,12 +110,48 @@ bool Library::prove(std::string *why)
     Ring ring;
     EventSet events;
     bool bad_filter;
-    int error = ring.open(cpus_[0], kRing);
+    int error = ring.open(online_cpus().at(0), kRing);
     if (error == 0)
         error = events.open(tracefs_.event_id(group, event), {&ring}, "", &bad_filter);
     if (error < 0)
         *why = std::string("perf events cannot be opened: ") + strerror(-error);
     return error == 0;
+}
+
+// Callers keep the text, so that it stays for ever; there are few.
+void Library::say(const std::string &why)
+{
+    auto text = std::find(texts_.begin(), texts_.end(), why);
+    if (text == texts_.end())
+        text = texts_.insert(text, why);
+    why_ = text->c_str();
+}
+
+const char *Library::why_not()
+{
+    const std::lock_guard lock(lock_);
+    return why_;
+}
+
+bool Library::look_around(std::string *why)
+{
+    // Before anything else: who forks meanwhile waits, and gets a child in which the library is not in the middle.
+    if (handle_forks() != 0) {
+        *why = "out of memory";
+        return false;
+    }
+    if (online_cpus().empty()) {
+        *why = "the online CPUs cannot be read (/sys/devices/system/cpu/online)";
+        return false;
+    }
+    if (!tracefs_.find(why) || tracefs_.remove_orphans() < 0 || !gather_facts(tracefs_, &facts_, why))
+        return false;
+    if (const std::string lacking = facts_.dentry.lacking(); !lacking.empty()) {
+        *why = "this kernel does not describe its types (BTF), and to try them out has not shown where it keeps " +
+               lacking;
+        return false;
+    }
+    return prove(why);
 }
 
 bool Library::start()
@@ -118,18 +160,12 @@ bool Library::start()
         return state_ == kWorking;
     owner_ = current_owner();
     slots_.reserve(kSlots);  // slots never move
-    bool works = false;
-    cpus_ = online_cpus();
-    if (cpus_.empty())
-        why_ = "the online CPUs cannot be read (/sys/devices/system/cpu/online)";
-    else if (tracefs_.find(&why_) && tracefs_.remove_orphans() >= 0 && gather_facts(tracefs_, &facts_, &why_) &&
-             prove(&why_)) {
-        works = pthread_atfork(fork_prepare, fork_parent, fork_child) == 0;
-        why_ = works ? "" : "out of memory";
-    }
+    std::string why;
+    const bool works = look_around(&why);
+    say(works ? "" : why);
     state_ = works ? kWorking : kUnavailable;
     if (!works)
-        KP_LOG(2, "kernel probes are not available: %s", why_.c_str());
+        KP_LOG(2, "kernel probes are not available: %s", why_);
     return works;
 }
 
@@ -159,7 +195,8 @@ Library::Slot *Library::slot_of(void *handle)
 {
     const auto number = reinterpret_cast<uintptr_t>(handle);
     const size_t index = (number & 255) - 1;
-    if (index >= slots_.size() || !slots_[index].instance || handle_of(slots_[index]) != handle)
+    // In a process that was forked, even to look would take the parent's news away.
+    if (state_ != kWorking || index >= slots_.size() || !slots_[index].instance || handle_of(slots_[index]) != handle)
         return nullptr;
     return &slots_[index];
 }
@@ -188,12 +225,20 @@ Library::Slot *Library::free_slot(const std::string &name)
     return &slots_.back();
 }
 
+void Library::keep_losses(Instance &instance) noexcept
+{
+    kp_losses last;
+    try {
+        if (instance.losses(&last))
+            add(&ended_, last);
+    } catch (const std::exception &) {  // out of memory: not told
+    }
+}
+
 void Library::end(Slot *slot)
 {
     reader_.remove(slot->instance);
-    kp_losses last;
-    if (slot->instance->losses(&last))
-        add(&ended_, last);
+    keep_losses(*slot->instance);
     slot->instance.reset();
     slot->generation++;
 }
@@ -322,7 +367,7 @@ void Library::shut_down()
         if (slot.instance)
             end(&slot);
     state_ = kUnavailable;
-    why_ = "the process is ending";
+    say("the process is ending");
 }
 
 void Library::before_fork()

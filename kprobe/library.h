@@ -7,6 +7,7 @@
 #ifndef KPROBE_LIBRARY_H
 #define KPROBE_LIBRARY_H
 
+#include <list>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -28,7 +29,8 @@ public:
 
     // Null: probes cannot work here, see why_not().
     const kp_os_info *os_info();
-    const char *why_not() const { return why_.c_str(); }
+    // Stays valid.
+    const char *why_not();
 
     void *create(const char *name, int32_t **fds, int32_t *count);
     int remove(void *handle);
@@ -53,22 +55,25 @@ private:
     };
 
     bool start();
+    bool look_around(std::string *why);
+    void say(const std::string &why);
     bool prove(std::string *why);
     Slot *slot_of(void *handle);
     void *handle_of(const Slot &slot) const;
     Slot *free_slot(const std::string &name);
     void end(Slot *slot);
+    void keep_losses(Instance &instance) noexcept;
     std::vector<std::shared_ptr<Instance>> instances();
     size_t share(size_t order);
 
     std::mutex lock_;  // all below, but not the reader
     enum { kNew, kWorking, kUnavailable } state_ = kNew;
-    std::string why_;
+    std::list<std::string> texts_;
+    const char *why_ = "";
     Tracefs tracefs_;
     Facts facts_;
     kp_os_info info_ = {};
     Owner owner_;
-    std::vector<int> cpus_;
     unsigned serial_ = 0;
     std::vector<Slot> slots_;
     kp_losses ended_ = {};  // of instances that have

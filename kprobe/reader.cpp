@@ -35,8 +35,11 @@ int Reader::start()
     epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
     wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     epoll_event event = {EPOLLIN, {.fd = wake_.get()}};
-    if (!epoll_ || !wake_ || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) < 0)
-        return -errno;
+    if (!epoll_ || !wake_ || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) < 0) {
+        const int error = errno;
+        forget();
+        return -error;
+    }
     // No signal of the process is handled here.
     sigset_t all, before;
     sigfillset(&all);
@@ -44,8 +47,10 @@ int Reader::start()
     stopping_ = false;
     const int error = pthread_create(&thread_, nullptr, run, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0)
+    if (error != 0) {
+        forget();
         return -error;
+    }
     started_ = true;
     while (tid_ == 0)
         sched_yield();
@@ -59,16 +64,20 @@ void Reader::stop()
     stopping_ = true;
     eventfd_write(wake_.get(), 1);
     pthread_join(thread_, nullptr);
-    started_ = false;
-    tid_ = 0;
+    forget();
 }
 
-void Reader::abandon()
+void Reader::forget()
 {
     started_ = false;
     tid_ = 0;
     epoll_.reset();
     wake_.reset();
+}
+
+void Reader::abandon()
+{
+    forget();
     for (const auto &instance : instances_)
         instance->abandon();
 }
@@ -105,7 +114,7 @@ void *Reader::run(void *self)
     return nullptr;
 }
 
-bool Reader::wait()
+void Reader::wait()
 {
     epoll_event events[64];
     const int n = epoll_wait(epoll_.get(), events, static_cast<int>(std::size(events)), -1);
@@ -116,7 +125,9 @@ bool Reader::wait()
         else if (events[i].events & (EPOLLHUP | EPOLLERR))  // its CPU went offline; it would be ready for ever
             epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, events[i].data.fd, nullptr);
     }
-    return n >= 0 || errno == EINTR;
+    // Somebody closed a descriptor of ours, as daemons do with all: nothing rings any more, but records must not stay.
+    if (n < 0 && errno != EINTR)
+        pause_a_little();
 }
 
 // False: nothing came and nothing is held back.
@@ -148,8 +159,8 @@ void Reader::loop()
     while (!stopping_) {
         arm_all(true);
         // What came before the bells were armed has rung none.
-        if (!sweep_all() && !wait())
-            return;
+        if (!sweep_all())
+            wait();
         sweep_all();  // to disarm the bells takes a while, and then what rang is old enough
         arm_all(false);
         for (int quiet = 0; !stopping_ && quiet < kQuietPauses; quiet++) {

@@ -45,7 +45,8 @@ public:
 private:
     static void *run(void *self);
     void loop();
-    bool wait();
+    void wait();
+    void forget();
     bool sweep_all();
     void arm_all(bool on);
 

@@ -151,6 +151,12 @@ bool add_leaf(const Facts &facts, const std::string &entry, Plan *plan)
     return false;
 }
 
+// Earlier kernels hand __fsnotify_parent the entry's path, and the entry behind it.
+int before_entry(const Definition &def, const Facts &facts)
+{
+    return def.point == "__fsnotify_parent" && !facts.new_parent;
+}
+
 // What the close_write probe asks for besides: the kernel's event mask and the mode of the inode.
 bool add_more(const Definition &def, const Facts &facts, const std::string &entry, Plan *plan)
 {
@@ -159,7 +165,7 @@ bool add_more(const Definition &def, const Facts &facts, const std::string &entr
         const auto size = static_cast<uint32_t>(type_size(arg.type, facts.word()));
         FetchArg fetch = arg;
         if (arg.name == "m")
-            fetch.place = argument_place(facts, 2);
+            fetch.place = argument_place(facts, 2 + before_entry(def, facts));
         else if (arg.name == "f")
             fetch.place = deref(facts.dentry.i_mode, deref(facts.dentry.inode, entry));
         else
@@ -176,9 +182,9 @@ bool add_more(const Definition &def, const Facts &facts, const std::string &entr
 bool plan_file(const Definition &def, const Facts &facts, Plan *plan)
 {
     const Target *target = find_target(def, facts);
-    if (!target || !facts.dentry.complete() || (def.point == "__fsnotify_parent" && !facts.new_parent))
+    if (!target || !facts.dentry.complete())
         return false;
-    const std::string entry = argument_place(facts, target->argument);
+    const std::string entry = argument_place(facts, target->argument + before_entry(def, facts));
     plan->shape = Shape::kFile;
     plan->point = target->point;
     plan->by_device = true;
@@ -267,12 +273,12 @@ bool can_watch_inotify(const Facts &facts)
 bool translate(const Definition &def, const Facts &facts, Plan *out, std::string *why)
 {
     *out = {};
-    if (def.shape == Shape::kFile && plan_file(def, facts, out))
-        return true;
-    *out = {};
-    if (def.shape == Shape::kInotify && plan_inotify(def, facts, out))
-        return true;
-    *out = {};
+    *why = "it is not known where this kernel has what " + def.point + " is to tell";
+    // As written, on another kernel than was meant, such records would have names of anything.
+    if (def.shape == Shape::kFile)
+        return plan_file(def, facts, out);
+    if (def.shape == Shape::kInotify)
+        return plan_inotify(def, facts, out);
     return plan_as_written(def, facts, out, why);
 }
 

@@ -49,7 +49,7 @@ struct Plan {
     std::string command(const std::string &group, const std::string &name) const;
 };
 
-// False: it cannot be placed on this kernel, and why.
+// False: it cannot be placed on this kernel, or nobody knows what it would tell there, and why.
 bool translate(const Definition &def, const Facts &facts, Plan *out, std::string *why);
 
 // Whether the inotify source can work here at all.
