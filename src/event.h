@@ -63,6 +63,9 @@ FMON_API void event_dump(struct fmon *);
 bool event_offer_dentry(struct fmon *, struct event *, struct dentry *, const char *name);
 bool event_offer_path(struct fmon *, struct event *, const char *walk);
 
+/* (Hidden.) Whether event_offer_path would meet any watch. */
+bool event_path_is_watched(struct fmon *, const char *walk);
+
 /* (Hidden.) With the table full of records that are held back until their files are closed, nothing is read, so the
  * closes never come: hands the oldest on as they are until an eighth of the table will be free. Does nothing while an
  * instance has something queued. Returns how many were handed on or freed. */

@@ -103,6 +103,21 @@ bool offer_to_dentry(struct fmon *monitor, struct event *ev, struct dentry *d)
     return true;
 }
 
+/* Calls `visit` with the root's dentry and with each further one that the path leads through. */
+template <typename Visit>
+void each_on_the_way(struct fmon *monitor, const char *walk, Visit visit)
+{
+    struct dentry *at = monitor->dcache.root;
+    visit(at);
+    const char *name;
+    for (int len; (len = path_component(&walk, &name)) > 0 && len <= DCACHE_PATH_MAX;) {
+        at = dcache_find_sub2(&monitor->dcache, at, name, len);
+        if (!at)
+            break;
+        visit(at);
+    }
+}
+
 bool nothing_queued(const struct fmon *monitor)
 {
     for (uint32_t rest = monitor->inst_mask; rest; rest &= rest - 1) {
@@ -142,15 +157,15 @@ bool event_offer_dentry(struct fmon *monitor, struct event *ev, struct dentry *d
 /* From the root down, as far as the cache goes: it need not know the file, only the watched directories above it. */
 bool event_offer_path(struct fmon *monitor, struct event *ev, const char *walk)
 {
-    struct dentry *at = monitor->dcache.root;
-    bool watched = offer_to_dentry(monitor, ev, at);
-    const char *name;
-    for (int len; (len = path_component(&walk, &name)) > 0 && len <= DCACHE_PATH_MAX;) {
-        at = dcache_find_sub2(&monitor->dcache, at, name, len);
-        if (!at)
-            break;
-        watched |= offer_to_dentry(monitor, ev, at);
-    }
+    bool watched = false;
+    each_on_the_way(monitor, walk, [&](struct dentry *d) { watched |= offer_to_dentry(monitor, ev, d); });
+    return watched;
+}
+
+bool event_path_is_watched(struct fmon *monitor, const char *walk)
+{
+    bool watched = false;
+    each_on_the_way(monitor, walk, [&](struct dentry *d) { watched |= !list_empty(&owner_of(d)->watches); });
     return watched;
 }
 

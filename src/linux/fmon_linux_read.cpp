@@ -14,6 +14,7 @@
 #include "event.h"
 #include "linux/clt_file.h"
 #include "linux/clt_inotify.h"
+#include "linux/event_path.h"
 #include "linux/fmon_linux.h"
 #include "linux/rate_ctrl.h"
 #include "linux/record.h"
@@ -111,52 +112,21 @@ int read_inotify(struct fmon *monitor, int fd, int position, fmon_event_cb callb
 
 /* ---- fanotify ---- */
 
-bool has_links(int fd)
-{
-    struct stat st;
-    return fstat(fd, &st) == 0 && st.st_nlink != 0;
-}
-
-/* Whether the kernel's mark for a removed file ends the path; it also ends the name of a file that is called so. */
-bool looks_removed(const char *path, size_t length)
-{
-    constexpr char kMark[] = " (deleted)";
-    constexpr size_t kLength = sizeof(kMark) - 1;
-    return length >= kLength && memcmp(path + length - kLength, kMark, kLength) == 0;
-}
-
-enum class EventPath { whole, cut, none };
-
-/* Puts the path of the event's file into fanotify_path. None: it has none (any more). */
-EventPath fanotify_event_path(int fd)
-{
-    char link[sizeof("/proc/self/fd/-2147483648")];
-    snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
-    if (fd < 0 || !has_links(fd))
-        return EventPath::none;
-    ssize_t length = readlink(link, fanotify_path, sizeof(fanotify_path) - 1);
-    if (length < 0)
-        return EventPath::none;
-    fanotify_path[length] = '\0';
-    if (length == sizeof(fanotify_path) - 1)
-        return EventPath::cut;
-    /* The last link may have gone since it was looked for. */
-    if (looks_removed(fanotify_path, static_cast<size_t>(length)) && !has_links(fd))
-        return EventPath::none;
-    return EventPath::whole;
-}
-
 /* Whether the event's path can be told; it is then in fanotify_path. */
-bool find_path(struct fmon *monitor, const struct raw_fanotify *record)
+bool find_path(struct fmon *monitor, const struct raw_fanotify *record, int fd)
 {
-    const EventPath found = fanotify_event_path(record->fd);
-    if (found == EventPath::none)
+    const bool marked = fd != fmlnx.fds[fmlnx.inotify_num + FAN_FD_MOUNT];
+    const enum event_path found =
+        event_path_find(record->fd, static_cast<uint32_t>(record->pid), marked, fanotify_path);
+    if (found == EVENT_PATH_NONE)
         FMON_LOG(4, kFile, "read link failed, fd %d\n", record->fd);
-    if (found != EventPath::cut)
-        return found == EventPath::whole;
-    fmon_lost_path(monitor, fanotify_path);
+    if (found == EVENT_PATH_NONE || found == EVENT_PATH_WHOLE)
+        return found == EVENT_PATH_WHOLE;
+    /* Of a mount whose namespace is gone the kernel tells what is below the mount, as if that were everything. */
+    const bool nowhere = found == EVENT_PATH_OTHER && fanotify_path[1] == '\0';
+    fmon_lost_path(monitor, nowhere ? "" : fanotify_path);
     /* The beginning of a path is the path of something else. Established: it is told. */
-    return !monitor->hardened;
+    return found == EVENT_PATH_CUT && !monitor->hardened;
 }
 
 void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *record, int fd, fmon_event_cb callback)
@@ -168,7 +138,7 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
     } else if (record->fd < 0) {
         monitor->lost.unopened++;
     }
-    if (!find_path(monitor, record))
+    if (!find_path(monitor, record, fd))
         return;
     uint32_t kinds = static_cast<uint32_t>(record->mask) & FMON_ALL_EVENTS;
     if (kinds == 0)

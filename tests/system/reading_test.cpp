@@ -3,6 +3,8 @@
  */
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <csignal>
@@ -118,6 +120,102 @@ TEST(Reading, RenamingOntoEmptyDirectoriesIsNoLoss)
         return false;
     });
     EXPECT_FALSE(loss);
+}
+
+/* ---- whose path it is ---- */
+
+/* In a namespace of his own a stranger mounts a file of his over another's: the kernel tells the other's path. */
+TEST(Reading, WritesUnderForgedNamesAreLossesNotEvents)
+{
+    NEED(testlib::can_fanotify() && can_be_stranger() && can_have_namespace(), kNeedsStranger);
+    TempTree tree;
+    const std::string home = strangers_dir(tree, "home"), secret = tree.file("secret", "x");
+    Watch watch(tree.root(), {"-r", "-e", "modify,close_write"});
+    watch.established();
+    Child forger(in_own_namespace([&] {
+        make_file(home + "/mine");
+        bind_mount(home + "/mine", secret);
+        for (int i = 0; i < 3; i++)
+            append_file(secret);
+    }));
+    make_file(tree.path("last"));
+    bool forged = false, loss = false, last = false;
+    EXPECT_TRUE(read_until(watch,
+                           [&](const Json &object) {
+                               forged |= object.value("type", "") == "event" && object.value("path", "") == secret;
+                               loss |= is_loss(object, "path") && object.value("path", "") == secret;
+                               last |= object.value("path", "") == tree.path("last");
+                               return loss && last;
+                           }))
+        << "loss " << loss << ", last " << last;
+    EXPECT_FALSE(forged);
+    append_file(secret);
+    EXPECT_TRUE(read_until(watch, [&](const Json &object) { return object.value("path", "") == secret; }))
+        << "the true one is told";
+}
+
+/* With the namespace gone the kernel tells no path at all. */
+TEST(Reading, WritesOfANamespaceThatIsGoneAreLosses)
+{
+    NEED(testlib::can_fanotify() && can_be_stranger() && can_have_namespace(), kNeedsStranger);
+    TempTree tree;
+    const std::string home = strangers_dir(tree, "home"), secret = tree.file("secret", "x");
+    Watch watch(tree.root(), {"-r", "-e", "close_write"});
+    watch.established();
+    watch.process().send(SIGSTOP);
+    EXPECT_TRUE(run(in_own_namespace([&] {
+        make_file(home + "/mine");
+        bind_mount(home + "/mine", secret);
+        append_file(secret);
+    })));
+    pause_ms(50); /* namespaces are taken down behind the scenes */
+    watch.process().send(SIGCONT);
+    EXPECT_TRUE(read_until(watch, [&](const Json &object) {
+        EXPECT_NE(secret, object.value("path", ""));
+        return is_loss(object, "path") && !object.contains("path");
+    }));
+}
+
+/* A container that has a watched directory under another name, as long as its process lives. */
+TEST(Reading, WritesInAnotherNamespaceHaveTheWatchedPath)
+{
+    NEED(testlib::can_fanotify() && can_be_stranger() && can_have_namespace(), kNeedsStranger);
+    TempTree tree;
+    const std::string data = strangers_dir(tree, "data"), elsewhere = strangers_dir(tree, "elsewhere");
+    Watch watch(data, {"-r", "-e", "close_write"});
+    watch.established();
+    Child inside(in_own_namespace([&] {
+        bind_mount(data, elsewhere);
+        make_file(elsewhere + "/f");
+    }));
+    EXPECT_TRUE(read_until(watch, [&](const Json &object) { return object.value("path", "") == data + "/f"; }));
+}
+
+/* Of the namespace that the monitor is in, too. */
+TEST(Reading, WritesThroughAnotherMountHaveTheWatchedPath)
+{
+    NEED(testlib::can_fanotify() && testlib::can_mount(), "needs root");
+    EXPECT_TRUE(run([&] {
+        ASSERT_EQ(0, unshare(CLONE_NEWNS));
+        ASSERT_EQ(0, mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
+        TempTree tree;
+        const std::string watched = tree.dir("x/a"), other = tree.dir("y/b");
+        tree.file("x/a/f");
+        tree.file("x/a/g");
+        Watch watch(tree.path("x"), {"-r", "-e", "close_write"});
+        watch.established();
+        bind_mount(watched, other);
+        for (int i = 0; i < 2; i++) {
+            append_file(other + "/f");
+            EXPECT_TRUE(
+                read_until(watch, [&](const Json &object) { return object.value("path", "") == watched + "/f"; }));
+            append_file(watched + "/g");
+            EXPECT_TRUE(
+                read_until(watch, [&](const Json &object) { return object.value("path", "") == watched + "/g"; }));
+        }
+        EXPECT_EQ(0, watch.stop());
+        unmount(other);
+    }));
 }
 
 }  // namespace

@@ -403,6 +403,58 @@ TEST_F(Reading, PathOfADirectoryThatIsItselfTooDeep)
     dcache_del(&fmon.dcache, deep);
 }
 
+/* ---- whose path it is ---- */
+
+/* What the kernel tells is the path in the namespace of whoever did it: another file may be there, or none. */
+TEST_F(Reading, PathOfAnotherFileIsCountedAndHardenedNotTold)
+{
+    std::string f = tree.file("a/f");
+    const size_t marks = m.fanotify.marks.size();
+    Fault elsewhere("lstat", 1, ENOENT, 3);
+    m.feed(1, fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1));
+    EXPECT_EQ(hardened(), elsewhere.hit());
+    EXPECT_EQ(hardened() ? Strings{} : Strings{f + ":modify"}, m.events());
+    EXPECT_EQ(hardened() ? 1U : 0U, fmon.lost.path);
+    EXPECT_STREQ(hardened() ? f.c_str() : "", fmon.lost_path);
+    EXPECT_EQ(marks, m.fanotify.marks.size()) << "nobody's mark goes for it";
+}
+
+TEST_F(Reading, FileThatIsRenamedWhileItIsLookedForIsFound)
+{
+    std::string f = tree.file("a/f");
+    Fault meanwhile("lstat", 1, ENOENT, 2);
+    m.feed(1, fanotify_record(FMON_MODIFY, open(f.c_str(), O_RDONLY), 1));
+    EXPECT_EQ(Strings{f + ":modify"}, m.events());
+    EXPECT_EQ(0U, fmon.lost.path);
+}
+
+/* A name that was removed while the file has others is told as the kernel does. */
+TEST_F(Reading, RemovedNameOfALinkedFile)
+{
+    std::string f = tree.file("a/f"), other = tree.path("other");
+    ASSERT_EQ(0, link(f.c_str(), other.c_str()));
+    int fd = open(f.c_str(), O_RDONLY), again = dup(fd);
+    ASSERT_EQ(0, unlink(f.c_str()));
+    m.feed(1, fanotify_record(FMON_MODIFY, fd, 1));
+    EXPECT_EQ(Strings{f + " (deleted):modify"}, m.events());
+    EXPECT_EQ(0U, fmon.lost.path);
+    Fault unknown("open", 1, EMFILE);
+    m.feed(1, fanotify_record(FMON_MODIFY, again, 1));
+    EXPECT_EQ(hardened(), unknown.hit()) << "whether it was in this namespace";
+    EXPECT_EQ(hardened() ? 1U : 0U, fmon.lost.path);
+}
+
+TEST_F(Reading, WriteThroughAnotherNameOfAWatchedFile)
+{
+    std::string watched = tree.file("w/f"), other = tree.path("other");
+    ASSERT_EQ(0, link(watched.c_str(), other.c_str()));
+    ASSERT_EQ(0, m.add(watched, FMON_MODIFY, FMON_FILE));
+    m.feed(1, fanotify_record(FMON_MODIFY, open(other.c_str(), O_RDONLY), 1));
+    EXPECT_EQ(hardened() ? Strings{watched + ":modify"} : Strings{}, m.events());
+    m.feed(2, fanotify_record(FMON_MODIFY, open(other.c_str(), O_RDONLY), 1));
+    EXPECT_EQ(Strings{}, m.events()) << "marks on mounts are for names";
+}
+
 /* ---- events whose file could not be opened ---- */
 
 /* As a fanotify descriptor: a read gives what one put gave, whatever else waits. */
