@@ -2,6 +2,7 @@
 
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +11,7 @@
 #include <cstring>
 #include <fstream>
 
+#include "dump_place.h"
 #include "escape.h"
 #include "time_format.h"
 
@@ -21,46 +23,32 @@ namespace
 
 constexpr uint64_t kPatienceMs = 10000; /* beyond the hold: another asker may be served first */
 
-class Socket
+// "/run/fmon/fmon-12.socket": the name may hold any byte. The flags say that it listens.
+Listener listener_of_line(std::string_view line)
 {
-public:
-    Socket() : fd_(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) {}
-    ~Socket()
-    {
-        if (fd_ >= 0)
-            close(fd_);
-    }
-    Socket(const Socket &) = delete;
-    Socket &operator=(const Socket &) = delete;
-    int fd() const { return fd_; }
+    constexpr std::string_view kListens = " 00010000 ";
+    const size_t path = line.find(" /"), slash = line.rfind('/');
+    if (path == std::string_view::npos || line.substr(0, path + 1).find(kListens) == std::string_view::npos)
+        return {};
+    return {pid_of_name(line.substr(slash + 1)), std::string(line.substr(path + 1, slash - path - 1))};
+}
 
-    /* 0, or an errno. EPERM: another process has taken the name, or this user has no business there. */
-    int connect_to(pid_t pid) const
-    {
-        struct sockaddr_un address;
-        const socklen_t size = dump_address(pid, address);
-        if (fd_ < 0 || connect(fd_, reinterpret_cast<struct sockaddr *>(&address), size) != 0)
-            return errno;
-        const Peer peer = peer_of(fd_);
-        const bool trusted = geteuid() == 0 || peer.uid == 0 || peer.uid == geteuid();
-        return peer.pid == pid && trusted ? 0 : EPERM;
-    }
-
-private:
-    const int fd_;
-};
-
-// One line of /proc/net/unix: the process whose name it listens under, or 0. The flags say that it listens.
-pid_t pid_of_line(std::string_view line)
+// To the process, in whichever folder. Anybody may claim to be it in a folder of one's own: that ends no search. 0, or
+// the errno of this user's own folder, or of another where nothing is there.
+int connect_to(pid_t pid, common::Fd &socket)
 {
-    constexpr std::string_view kName = " @fmon/", kListens = " 00010000 ";
-    const size_t start = line.rfind(kName);
-    if (start == std::string_view::npos || line.find(kListens) == std::string_view::npos)
-        return 0;
-    const std::string_view number = line.substr(start + kName.size());
-    pid_t pid = 0;
-    const auto [stopped, code] = std::from_chars(number.data(), number.data() + number.size(), pid);
-    return code == std::errc() && stopped == number.data() + number.size() ? pid : 0;
+    const std::string own = dump_folder();
+    int error = own.empty() ? ENOENT : connect_in(own, pid, socket);
+    for (const Listener &listener : error ? listeners() : std::vector<Listener>()) {
+        if (listener.pid != pid)
+            continue;
+        const int other = connect_in(listener.folder, pid, socket);
+        if (other == 0 || error == ENOENT)
+            error = other;
+        if (error == 0)
+            break;
+    }
+    return error;
 }
 
 bool exists(pid_t pid) { return access(("/proc/" + std::to_string(pid)).c_str(), F_OK) == 0; }
@@ -74,6 +62,8 @@ std::string connect_error(pid_t pid, int error_number)
         case ECONNREFUSED:
         case ENOENT:
             return process + " is no running fmon watch";
+        case EACCES:
+            return process + " belongs to another user: only root may ask it";
         case EPERM:
             return process + " is not what listens under its name: it is not asked";
         case EAGAIN:
@@ -88,20 +78,21 @@ bool send_request(int fd, const std::string &line)
     return send(fd, line.data(), line.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(line.size());
 }
 
-// Everything until the other side closes. False: it did not within the time.
+// Everything until the other side closes, or has sent more than a watch does. False: it did neither within the time.
 bool receive_all(int fd, uint64_t patience_ms, std::string &out)
 {
+    constexpr size_t kMost = kMaxAnswer + (1 << 10); /* the records that end it come on top */
     const uint64_t until = steady_ms() + patience_ms;
     std::string chunk(256 << 10, '\0');
     for (uint64_t now = steady_ms(); now < until; now = steady_ms()) {
         struct pollfd p = {fd, POLLIN, 0};
         if (poll(&p, 1, static_cast<int>(until - now)) <= 0)
             continue;
-        const ssize_t n = recv(fd, chunk.data(), chunk.size(), 0);
+        const ssize_t n = recv(fd, chunk.data(), std::min(chunk.size(), kMost + 1 - out.size()), 0);
         if (n <= 0)
             return true;
         out.append(chunk, 0, static_cast<size_t>(n));
-        if (out.size() > 2 * kMaxAnswer)
+        if (out.size() > kMost)
             return true;
     }
     return false;
@@ -109,22 +100,26 @@ bool receive_all(int fd, uint64_t patience_ms, std::string &out)
 
 }  // namespace
 
-std::vector<pid_t> listening_pids(const char *table)
+std::vector<Listener> listeners(const char *table)
 {
-    std::vector<pid_t> pids;
+    std::vector<Listener> all;
     std::ifstream in(table);
     for (std::string line; std::getline(in, line);)
-        if (const pid_t pid = pid_of_line(line))
-            pids.push_back(pid);
-    std::sort(pids.begin(), pids.end());
-    pids.erase(std::unique(pids.begin(), pids.end()), pids.end());
-    return pids;
+        if (Listener listener = listener_of_line(line); listener.pid != 0)
+            all.push_back(std::move(listener));
+    const std::string own = dump_folder();
+    for (const pid_t pid : own.empty() ? std::vector<pid_t>() : pids_in_folder(own))
+        all.push_back({pid, own});
+    std::sort(all.begin(), all.end());
+    all.erase(std::unique(all.begin(), all.end()), all.end());
+    return all;
 }
 
-bool is_watch(pid_t pid)
+bool is_watch(const Listener &listener)
 {
-    const Socket socket;
-    return socket.connect_to(pid) == 0 && (geteuid() == 0 || peer_of(socket.fd()).uid == geteuid());
+    common::Fd socket;
+    return connect_in(listener.folder, listener.pid, socket) == 0 &&
+           (geteuid() == 0 || peer_of(socket.get()).uid == geteuid());
 }
 
 std::string command_line(pid_t pid)
@@ -143,16 +138,16 @@ std::string command_line(pid_t pid)
 bool ask_watch(pid_t pid, const DumpRequest &request, DumpAnswer &answer, std::string &error)
 {
     const std::string process = "process " + std::to_string(pid);
-    const Socket socket;
-    const int code = socket.connect_to(pid);
+    common::Fd socket;
+    const int code = connect_to(pid, socket);
     if (code != 0) {
         error = connect_error(pid, code);
         return false;
     }
     std::string records;
     // One that refuses answers and closes without having read the request, so what it says counts first.
-    const bool sent = send_request(socket.fd(), format_request(request));
-    const bool ended = receive_all(socket.fd(), request.hold_ms + kPatienceMs, records);
+    const bool sent = send_request(socket.get(), format_request(request));
+    const bool ended = receive_all(socket.get(), request.hold_ms + kPatienceMs, records);
     answer = read_answer(records);
     if (!answer.error.empty())
         error = process + ": " + answer.error;

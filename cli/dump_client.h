@@ -14,17 +14,25 @@
 namespace cli
 {
 
-/* The processes that seem to listen, by the names of the kernel's table of sockets, in order. Anybody can choose such a
- * name: is_watch() tells. */
-std::vector<pid_t> listening_pids(const char *table = "/proc/net/unix");
+/* A process that seems to be a watch, and the folder in which it listens. */
+struct Listener {
+    pid_t pid = 0;
+    std::string folder;
+
+    auto operator<=>(const Listener &) const = default;
+};
+
+/* By the names of the kernel's table of sockets, and of what is in this user's own folder, in order. Anybody can choose
+ * such a name: is_watch() tells. */
+std::vector<Listener> listeners(const char *table = "/proc/net/unix");
 
 /* Whether the process itself listens under its name, and this user may ask it. */
-bool is_watch(pid_t pid);
+bool is_watch(const Listener &listener);
 
 /* "fmon watch -r /etc": the command line of a process, safe for a terminal. */
 std::string command_line(pid_t pid);
 
-/* False: `error` is one line for the user. */
+/* False: `error` is one line for the user. At most kMaxAnswer bytes, and some, are taken in. */
 bool ask_watch(pid_t pid, const DumpRequest &request, DumpAnswer &answer, std::string &error);
 
 }  // namespace cli

@@ -1,3 +1,5 @@
+#include <algorithm>
+
 #include "dump_client.h"
 #include "dump_options.h"
 #include "message.h"
@@ -34,14 +36,14 @@ void list(const std::vector<pid_t> &pids)
 pid_t find_only()
 {
     std::vector<pid_t> pids;
-    const std::vector<pid_t> listening = listening_pids();
-    for (const pid_t pid : listening)
-        if (is_watch(pid))
-            pids.push_back(pid);
+    const std::vector<Listener> all = listeners();
+    for (const Listener &listener : all)
+        if (std::find(pids.begin(), pids.end(), listener.pid) == pids.end() && is_watch(listener))
+            pids.push_back(listener.pid);
     if (pids.size() == 1)
         return pids[0];
     if (pids.empty())
-        complain(none_text(listening.size()));
+        complain(none_text(all.size()));
     else
         list(pids);
     return 0;

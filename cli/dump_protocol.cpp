@@ -1,8 +1,8 @@
 #include "dump_protocol.h"
 
+#include <sys/socket.h>
+
 #include <charconv>
-#include <cstddef>
-#include <cstring>
 
 #include "escape.h"
 
@@ -100,15 +100,6 @@ DumpAnswer read_answer(std::string_view records)
         answer.complete = record[0] == kRecordEnd || record[0] == kRecordError;
     }
     return answer;
-}
-
-socklen_t dump_address(pid_t pid, struct sockaddr_un &address)
-{
-    const std::string name = "fmon/" + std::to_string(pid);
-    memset(&address, 0, sizeof address);
-    address.sun_family = AF_UNIX;
-    memcpy(address.sun_path + 1, name.data(), name.size());  // a NUL in front: no file
-    return static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + 1 + name.size());
 }
 
 Peer peer_of(int fd)

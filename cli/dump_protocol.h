@@ -1,15 +1,15 @@
 /*
  * dump_protocol.h: what `fmon dump` and a running `fmon watch` say to each other.
  *
- * A watch listens on a socket in the abstract namespace, named after its process. The asker sends one line, "dump TYPE
- * HOLD\n", and reads records until the end of the stream: a kind, a text, a NUL. Texts may hold any byte but NUL, so
- * that names arrive whole; whoever shows them escapes them. Both sides ask the kernel who the other one is.
+ * A watch listens on a socket named after its process, in a folder that only its user can enter (dump_place.h). The
+ * asker sends one line, "dump TYPE HOLD\n", and reads records until the end of the stream: a kind, a text, a NUL. Texts
+ * may hold any byte but NUL, so that names arrive whole; whoever shows them escapes them. Both sides ask the kernel who
+ * the other one is.
  */
 #ifndef CLI_DUMP_PROTOCOL_H
 #define CLI_DUMP_PROTOCOL_H
 
-#include <sys/socket.h>
-#include <sys/un.h>
+#include <sys/types.h>
 
 #include <cstdint>
 #include <string>
@@ -55,9 +55,6 @@ struct DumpAnswer {
     bool complete = false; /* it ended with an end or an error */
 };
 DumpAnswer read_answer(std::string_view records);
-
-/* The address of a watch; its length is what bind() and connect() take. */
-socklen_t dump_address(pid_t pid, struct sockaddr_un &address);
 
 struct Peer {
     pid_t pid = 0; /* 0: not known, or not in sight from here */

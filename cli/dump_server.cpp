@@ -3,6 +3,7 @@
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/prctl.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -101,28 +102,12 @@ uint64_t max_records()
     return number ? number : kUsual;
 }
 
-DumpServer::~DumpServer()
-{
-    stop();
-    if (listener_ >= 0)
-        close(listener_);
-    if (stop_ >= 0)
-        close(stop_);
-}
-
-bool DumpServer::listen()
-{
-    struct sockaddr_un address;
-    const socklen_t size = dump_address(getpid(), address);
-    stop_ = eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
-    listener_ = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    return stop_ >= 0 && listener_ >= 0 && bind(listener_, reinterpret_cast<struct sockaddr *>(&address), size) == 0 &&
-           ::listen(listener_, kBacklog) == 0;
-}
+DumpServer::~DumpServer() { stop(); }
 
 bool DumpServer::start()
 {
-    if (!listen())
+    stop_ = common::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    if (folder_.empty() || !stop_ || !(listener_ = listen_in(folder_, kBacklog)))
         return false;
     const SignalsBlocked blocked;
     try {
@@ -138,21 +123,21 @@ bool DumpServer::stop()
     if (!thread_.joinable())
         return false;
     const bool held = holding_;
-    const uint64_t one = 1;
-    [[maybe_unused]] const ssize_t n = write(stop_, &one, sizeof one);
+    eventfd_write(stop_.get(), 1);
     thread_.join();
+    unlink((folder_ + "/" + socket_name(getpid())).c_str());
     return held;
 }
 
 void DumpServer::run()
 {
     prctl(PR_SET_NAME, "fmon-dump");
-    while (wait(listener_, POLLIN, -1)) {
-        const int fd = accept4(listener_, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    while (wait(listener_.get(), POLLIN, -1)) {
+        const int fd = accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         if (fd < 0) {
             // Out of descriptors: the asker stays in the queue, and would be reported without end.
             if (errno == EMFILE || errno == ENFILE || errno == ENOMEM)
-                wait(stop_, POLLIN, kLookMs);
+                wait(stop_.get(), POLLIN, kLookMs);
             continue;
         }
         try {
@@ -215,7 +200,7 @@ void DumpServer::let_gather(int fd, uint32_t ms)
 {
     const uint64_t until = steady_ms() + ms, limit = max_records() / 2;
     for (uint64_t now = steady_ms(); now < until && waiting_records() < limit; now = steady_ms()) {
-        struct pollfd fds[] = {{fd, POLLRDHUP, 0}, {stop_, POLLIN, 0}};
+        struct pollfd fds[] = {{fd, POLLRDHUP, 0}, {stop_.get(), POLLIN, 0}};
         if (poll(fds, 2, static_cast<int>(std::min<uint64_t>(until - now, kLookMs))) > 0)
             return;
     }
@@ -237,7 +222,7 @@ uint64_t DumpServer::waiting_records()
 // False: the time is up, or the thread is to end.
 bool DumpServer::wait(int fd, short events, int ms)
 {
-    struct pollfd fds[] = {{fd, events, 0}, {stop_, POLLIN, 0}};
+    struct pollfd fds[] = {{fd, events, 0}, {stop_.get(), POLLIN, 0}};
     int ready;
     do
         ready = poll(fds, 2, ms);

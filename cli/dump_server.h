@@ -14,6 +14,7 @@
 #include <string>
 #include <thread>
 
+#include "dump_place.h"
 #include "dump_protocol.h"
 
 namespace cli
@@ -26,14 +27,17 @@ public:
 
     /* `dump` is the monitor's, which writes to the host's log. `hold(true)` makes events wait in the monitor until
      * `hold(false)`; it is called on the server's thread. */
-    DumpServer(Dump dump, std::function<void(bool)> hold) : dump_(dump), hold_(std::move(hold)) {}
+    DumpServer(Dump dump, std::function<void(bool)> hold, std::string folder = dump_folder())
+        : dump_(dump), hold_(std::move(hold)), folder_(std::move(folder))
+    {
+    }
     ~DumpServer();
     DumpServer(const DumpServer &) = delete;
     DumpServer &operator=(const DumpServer &) = delete;
 
-    /* False: there is no socket or thread to be had; then nobody can ask. */
+    /* False: there is no socket or thread to be had, or the user has no folder for it; then nobody can ask. */
     bool start();
-    /* Ends the thread, and a hold under way: true when there was one. */
+    /* Ends the thread, and a hold under way: true when there was one. The socket is gone then. */
     bool stop();
 
     /* How many records wait in the monitor. On the server's thread, or when that has ended. */
@@ -42,7 +46,6 @@ public:
     static constexpr int kPatienceMs = 2000; /* for an asker that neither sends nor reads */
 
 private:
-    bool listen();
     void run();
     void serve(int fd);
     void answer(int fd, const DumpRequest &request);
@@ -54,7 +57,8 @@ private:
 
     const Dump dump_;
     const std::function<void(bool)> hold_;
-    int listener_ = -1, stop_ = -1; /* stop_: an eventfd, readable when the thread is to end */
+    const std::string folder_;
+    common::Fd listener_, stop_; /* stop_: an eventfd, readable when the thread is to end */
     std::atomic<bool> holding_ = false;
     std::thread thread_;
 };

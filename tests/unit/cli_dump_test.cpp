@@ -1,5 +1,7 @@
 #include <fcntl.h>
 #include <poll.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +13,7 @@
 #include "cli_testing.h"
 #include "dump_client.h"
 #include "dump_options.h"
+#include "dump_place.h"
 #include "dump_server.h"
 #include "orx_base.h"
 #include "orx_fmon.h"
@@ -84,7 +87,7 @@ protected:
     }
 
     /* A connection that says `bytes` and gives back what it gets. */
-    static std::string say(const std::string &bytes)
+    std::string say(const std::string &bytes) const
     {
         const int fd = connected();
         EXPECT_EQ(send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL), static_cast<ssize_t>(bytes.size()));
@@ -97,13 +100,14 @@ protected:
         return all;
     }
 
-    static int connected()
+    int connected() const
     {
-        struct sockaddr_un address;
-        const socklen_t size = dump_address(getpid(), address);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        EXPECT_EQ(connect(fd, reinterpret_cast<struct sockaddr *>(&address), size), 0);
-        return fd;
+        common::Fd fd;
+        const auto is_let_in = [&] { return connect_in(folder.root(), getpid(), fd) != EAGAIN; };
+        for (int i = 0; i < 6000 && !is_let_in(); i++) /* too many at once */
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(fcntl(fd.get(), F_SETFL, 0), 0); /* blocking */
+        return fd.release();
     }
 
     static bool soon(const std::function<bool()> &condition)
@@ -113,11 +117,14 @@ protected:
         return condition();
     }
 
+    cli_testing::Folder folder;
     std::atomic<int> held = 0, holds = 0;
-    DumpServer server{fake_dump, [this](bool on) {
+    DumpServer server{fake_dump,
+                      [this](bool on) {
                           held = on;
                           holds += on;
-                      }};
+                      },
+                      folder.root()};
     std::string error;
 };
 
@@ -209,19 +216,23 @@ TEST(CliDumpProtocol, answers)
 TEST(CliDumpClient, finds_listeners_in_the_table)
 {
     const cli_testing::Folder folder;
-    const std::string table =
-        folder.file("unix",
-                    "Num       RefCount Protocol Flags    Type St Inode Path\n"
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1041 @fmon/77\n"
-                    "0000000000000000: 00000003 00000000 00000000 0001 03 1042 @fmon/78\n"  // a connection
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1043 /run/@fmon/79\n"
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1044 @fmon/8x\n"
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1045 @fmon/\n"
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1046 @fmon/5\n"
-                    "0000000000000000: 00000002 00000000 00010000 0001 01 1047\n"
-                    "short\n");
-    EXPECT_EQ(listening_pids(table.c_str()), (std::vector<pid_t>{5, 77}));
-    EXPECT_TRUE(listening_pids("/nonexistent").empty());
+    const std::string table = folder.file(
+        "unix",
+        "Num       RefCount Protocol Flags    Type St Inode Path\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1041 /run/fmon/fmon-77.socket\n"
+        "0000000000000000: 00000003 00000000 00000000 0001 03 1042 /run/fmon/fmon-78.socket\n"  // a connection
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1043 @/run/fmon/fmon-79.socket\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1044 /run/fmon-8x.socket\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1045 /run/fmon-.socket\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1045 /run/fmon-05.socket\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1046 /run/user/1 2/fmon-5.socket\n"
+        "0000000000000000: 00000002 00000000 00010000 0001 01 1047\n"
+        "/fmon-3.socket\n"
+        "short\n");
+    std::vector<Listener> found = listeners(table.c_str());
+    std::erase_if(found,
+                  [](const Listener &listener) { return listener.folder == dump_folder() && listener.pid != 77; });
+    EXPECT_EQ(found, (std::vector<Listener>{{5, "/run/user/1 2"}, {77, "/run/fmon"}}));
 }
 
 TEST(CliDumpClient, nobody_there)
@@ -232,30 +243,29 @@ TEST(CliDumpClient, nobody_there)
     EXPECT_NE(error.find("is no running fmon watch"), std::string::npos) << error;
     EXPECT_FALSE(ask_watch(0x7ffffffe, {}, answer, error));
     EXPECT_NE(error.find("there is no process"), std::string::npos) << error;
-    EXPECT_FALSE(is_watch(getpid()));
+    EXPECT_FALSE(is_watch({getpid(), "/nonexistent"}));
 }
 
 /* A name that another process has taken is not asked: it could answer anything. */
 TEST(CliDumpClient, another_process_under_the_name)
 {
+    const cli_testing::Folder folder;
     int ready[2];
     ASSERT_EQ(pipe(ready), 0);
     const pid_t target = getpid(), child = fork();
     if (child == 0) {
-        struct sockaddr_un address;
-        const socklen_t size = dump_address(target, address);
-        const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        const bool ok = bind(fd, reinterpret_cast<struct sockaddr *>(&address), size) == 0 && listen(fd, 1) == 0;
+        const std::string own = folder.path(socket_name(getpid())), name = folder.path(socket_name(target));
+        const common::Fd fd = listen_in(folder.root(), 1);
+        const bool ok = fd && rename(own.c_str(), name.c_str()) == 0;
         _exit(write(ready[1], ok ? "y" : "n", 1) == 1 ? pause() : 1);
     }
     char ok = 'n';
     ASSERT_EQ(read(ready[0], &ok, 1), 1);
     ASSERT_EQ(ok, 'y');
-    DumpAnswer answer;
-    std::string error;
-    EXPECT_FALSE(ask_watch(target, {}, answer, error));
-    EXPECT_NE(error.find("is not what listens under its name"), std::string::npos) << error;
-    EXPECT_FALSE(is_watch(target));
+    common::Fd socket;
+    EXPECT_EQ(connect_in(folder.root(), target, socket), EPERM);
+    EXPECT_FALSE(is_watch({target, folder.root()}));
+    EXPECT_EQ(connect_in(folder.root(), child, socket), ENOENT);
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     close(ready[0]);
@@ -268,9 +278,9 @@ TEST_F(Dump, lines_arrive_whole_and_harmless)
     EXPECT_EQ(error, "");
     EXPECT_EQ(answer.text, "Instance:\n    [W] /a\\nE\\033[31m\\377 (dentry)\n\nEvents:\n");
     EXPECT_FALSE(answer.cut);
-    EXPECT_TRUE(is_watch(getpid()));
-    const std::vector<pid_t> all = listening_pids();  // others may run on this machine
-    EXPECT_EQ(std::count(all.begin(), all.end(), getpid()), 1);
+    EXPECT_TRUE(is_watch({getpid(), folder.root()}));
+    const std::vector<Listener> all = listeners();  // others may run on this machine
+    EXPECT_EQ(std::count(all.begin(), all.end(), Listener{getpid(), folder.root()}), 1);
 }
 
 TEST_F(Dump, empty_part) { EXPECT_EQ(ask(5).text, ""); }
@@ -383,8 +393,127 @@ TEST_F(Dump, several_at_once)
 
 TEST_F(Dump, a_second_server_of_one_process_gives_way)
 {
-    DumpServer second(fake_dump, [](bool) {});
+    DumpServer second(
+        fake_dump, [](bool) {}, folder.root());
     EXPECT_FALSE(second.start());
     EXPECT_FALSE(second.stop());
     EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+}
+
+TEST_F(Dump, the_socket_goes_with_the_watch)
+{
+    const std::string path = folder.path(socket_name(getpid()));
+    EXPECT_TRUE(std::filesystem::is_socket(path));
+    server.stop();
+    EXPECT_FALSE(std::filesystem::exists(path));
+}
+
+/* A watch that was killed leaves its name. */
+TEST(CliDumpPlace, what_is_left_behind_is_removed)
+{
+    const cli_testing::Folder folder;
+    listen_in(folder.root(), 1); /* and closed without a word */
+    rename(folder.path(socket_name(getpid())).c_str(), folder.path("fmon-2147483646.socket").c_str());
+    common::Fd socket;
+    EXPECT_EQ(connect_in(folder.root(), 2147483646, socket), ECONNREFUSED);
+    listen_in(folder.root(), 1);
+    EXPECT_EQ(pids_in_folder(folder.root()), std::vector<pid_t>{getpid()});
+    const common::Fd again = listen_in(folder.root(), 1);
+    EXPECT_TRUE(again) << "of the same number";
+    EXPECT_EQ(connect_in(folder.root(), getpid(), socket), 0);
+    EXPECT_FALSE(listen_in(folder.root(), 1)) << "one that listens is not replaced";
+}
+
+TEST(CliDumpPlace, only_a_private_folder_is_used)
+{
+    const cli_testing::Folder folder;
+    uid_t owner = 0;
+    for (const mode_t mode : {0701, 0710, 0704, 0777}) {
+        ASSERT_EQ(chmod(folder.root().c_str(), mode), 0);
+        EXPECT_FALSE(listen_in(folder.root(), 1)) << std::oct << mode;
+        EXPECT_FALSE(open_private_folder(folder.root(), owner));
+        EXPECT_EQ(errno, EPERM);
+    }
+    ASSERT_EQ(chmod(folder.root().c_str(), 0700), 0);
+    EXPECT_TRUE(open_private_folder(folder.root(), owner));
+    EXPECT_EQ(owner, geteuid());
+    const std::string made = folder.path("made"), link = folder.path("link");
+    EXPECT_TRUE(make_private_folder(made));
+    EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms::owner_all);
+    ASSERT_EQ(symlink("made", link.c_str()), 0);
+    EXPECT_FALSE(make_private_folder(link));
+    EXPECT_FALSE(make_private_folder(folder.file("file")));
+    EXPECT_FALSE(make_private_folder(folder.path("no/such")));
+}
+
+/* What is no socket of the folder's own is not connected to. */
+TEST(CliDumpPlace, links_are_not_followed)
+{
+    const cli_testing::Folder folder, elsewhere;
+    const std::string name = socket_name(getpid());
+    const common::Fd listener = listen_in(elsewhere.root(), 1);
+    common::Fd socket;
+    ASSERT_EQ(connect_in(elsewhere.root(), getpid(), socket), 0);
+    ASSERT_EQ(symlink(elsewhere.path(name).c_str(), folder.path(name).c_str()), 0);
+    EXPECT_NE(connect_in(folder.root(), getpid(), socket), 0);
+    ASSERT_EQ(symlink(elsewhere.root().c_str(), folder.path("way").c_str()), 0);
+    EXPECT_NE(connect_in(folder.path("way"), getpid(), socket), 0);
+    folder.file(name.substr(0, 5) + "1.socket");
+    EXPECT_NE(connect_in(folder.root(), 1, socket), 0);
+}
+
+/* Longer than an address may be. */
+TEST(CliDumpPlace, a_long_path)
+{
+    const cli_testing::Folder folder;
+    const std::string path = folder.dir(std::string(120, 'x'));
+    ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+    const common::Fd listener = listen_in(path, 1);
+    ASSERT_TRUE(listener);
+    common::Fd socket;
+    EXPECT_EQ(connect_in(path, getpid(), socket), 0);
+}
+
+TEST(CliDumpPlace, without_a_descriptor_there_is_none)
+{
+    const cli_testing::Folder folder;
+    const common::Fd listener = listen_in(folder.root(), 16);
+    struct rlimit before, few;
+    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    few = {64, before.rlim_max};
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    std::vector<common::Fd> rest;
+    while (common::Fd fd{open("/dev/null", O_RDONLY | O_CLOEXEC)})
+        rest.push_back(std::move(fd));
+    common::Fd socket;
+    for (int left = 0; left < 4; left++) {
+        EXPECT_EQ(connect_in(folder.root(), getpid(), socket), left < 3 ? EMFILE : 0) << left;
+        socket.reset();
+        EXPECT_EQ(bool(listen_in(folder.path(std::to_string(left)), 1)), left >= 2) << left;
+        rest.pop_back();
+    }
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+}
+
+/* One that sends without end is not taken in. */
+TEST(CliDumpClient, bounds_what_it_takes)
+{
+    const cli_testing::Folder folder;
+    const common::Fd listener = listen_in(folder.root(), 1);
+    std::atomic<uint64_t> sent = 0;
+    std::thread endless([&] {
+        struct pollfd p = {listener.get(), POLLIN, 0};
+        poll(&p, 1, -1);
+        const int fd = accept(listener.get(), nullptr, nullptr);
+        const std::string bytes(1 << 20, 'L');
+        for (ssize_t n; sent < 8 * kMaxAnswer && (n = send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL)) > 0;)
+            sent += static_cast<uint64_t>(n);
+        close(fd);
+    });
+    DumpAnswer answer;
+    std::string error;
+    EXPECT_FALSE(ask_watch(getpid(), {}, answer, error));
+    EXPECT_NE(error.find("broke off"), std::string::npos) << error;
+    endless.join();
+    EXPECT_LT(sent, kMaxAnswer + (8 << 20));
 }
