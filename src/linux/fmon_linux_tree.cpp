@@ -80,6 +80,15 @@ bool covered_by_recursive(struct dentry *d, struct dentry **watched)
     return false;
 }
 
+/* Lets go of everything below a directory that is not at its place any more; `rec`: what is inherited there. */
+void let_go_below(struct dentry *d, struct fmon_masks rec)
+{
+    for_each_below(d, rec, [](struct dentry *below, struct fmon_masks masks) {
+        log_dentry(below, masks);
+        fmon_linux_punish(below, masks.fan, masks.ino);
+    });
+}
+
 bool is_bare(struct dentry *d) { return no_watches(d) && no_children(d) && !fmon_linux_marked(d); }
 
 /* Marks one directory as an entry of the stream that the walk reads. */
@@ -88,6 +97,8 @@ void mark_entry(const struct dcache_iterate *walk, struct dentry *d, struct fmon
     struct fmon_place at;
     if (fmon_linux_place_open_at(&at, d, dirfd(walk->cur.dir)) < 0)
         return;
+    if (at.replaced)
+        let_go_below(d, masks);
     fmon_linux_fan_up(d, nullptr, &at, 0, masks.fan, FMON_DIR);
     fmon_linux_ino_up(d, &at, 0, masks.ino);
     fmon_linux_place_close(&at);
@@ -210,20 +221,6 @@ void fmon_linux_punish(struct dentry *d, uint32_t fe, uint32_t ie)
     if (fmon_linux_drop_dentry(d) < 0)
         FMON_LOG(1, kFile, "remove dentry failed\n");
 }
-
-namespace
-{
-
-/* Lets go of everything below a directory that is not at its place any more; `rec`: what is inherited there. */
-void let_go_below(struct dentry *d, struct fmon_masks rec)
-{
-    for_each_below(d, rec, [](struct dentry *below, struct fmon_masks masks) {
-        log_dentry(below, masks);
-        fmon_linux_punish(below, masks.fan, masks.ino);
-    });
-}
-
-}  // namespace
 
 void fmon_linux_moved_away(struct dentry *d)
 {

@@ -40,9 +40,9 @@ void split_mask(struct watch *w)
     else
         w->fan_mask = fmlnx.fan_fd[FAN_FD_FILE] >= 0 ? w->mask & FMON_LINUX_FANOTIFY_KINDS : 0;
     w->ino_mask = asked_of_inotify(w);
-    /* Without any the watch would stay with a file that is gone, deaf. */
-    if (fmon.hardened && (w->flags & FMON_FILE) && w->ino_mask == 0)
-        w->ino_mask = kEndMask;
+    /* Without these the watch would stay with a file that is gone, or has another name by now, and hear nothing. */
+    if (fmon.hardened && (w->flags & FMON_FILE))
+        w->ino_mask |= kEndMask;
     FMON_LOG(4, kFile, "fanotify event: %s, inotify event: %s\n", event_str(w->fan_mask), event_str2(w->ino_mask));
 }
 
