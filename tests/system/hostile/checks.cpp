@@ -9,7 +9,7 @@
 #include <set>
 
 #ifdef FMON_TEST_SANITIZED
-#include <sanitizer/allocator_interface.h>
+extern "C" size_t __sanitizer_get_current_allocated_bytes(); /* gcc has no header for it everywhere */
 #endif
 
 namespace hostile
