@@ -1,8 +1,7 @@
 /* Reading the descriptors that are ready, and what each kernel record means for the tree. */
-#include <fcntl.h>
+#include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -151,48 +150,63 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
     fmlnx.event_fd = -1;
 }
 
-/* Reads records. The kernel takes a record off its queue before it opens the file, and ends the read where that fails:
- * with the error when the record is the first, else with what it had before and without a word. That is seen by there
- * having been more, and counted. */
-ssize_t read_records(struct fmon *monitor, int fd)
+/* The records of one read. False: they have another layout. */
+bool handle_fanotify_records(struct fmon *monitor, size_t size, int fd, fmon_event_cb callback, int *looked_at)
 {
-    int waiting = 0; /* bytes */
-    if (ioctl(fd, FIONREAD, &waiting) < 0)
-        waiting = 0;
-    const ssize_t got = read(fd, read_buffer, FMON_LINUX_READ_BUFFER);
-    constexpr ssize_t room =
-        ssize_t{FMON_LINUX_READ_BUFFER} - FANOTIFY_HEADER; /* what may be full before a record no longer fits */
-    const bool interrupted = got < 0 && errno == EINTR;
-    if (got < waiting && got <= room && !interrupted)
-        monitor->lost.unopened++;
-    return got;
-}
-
-/* Returns the records looked at. */
-int read_fanotify(struct fmon *monitor, int fd, fmon_event_cb callback)
-{
-    ssize_t got = read_records(monitor, fd);
-    if (got <= 0) {
-        FMON_LOG(1, kFile, "read fanotify failed: %s\n", strerror(errno));
-        return 0;
-    }
-    FMON_LOG(4, kFile, "read a fanotify event");
-
-    int looked_at = 0;
-    size_t size = static_cast<size_t>(got);
     struct raw_fanotify record;
     for (size_t at = 0; fanotify_record_at(read_buffer, size, at, &record); at += record.event_len) {
         FMON_LOG(4, kFile, "get a fanotify event mask 0x%lx\n", static_cast<unsigned long>(record.mask));
         if (record.vers != FANOTIFY_VERSION) {
-            /* A record of another layout: what stands where its descriptor is expected must not be closed. */
+            /* What stands where its descriptor is expected must not be closed. */
             FMON_LOG(1, kFile, "metadata ver mismatach\n");
-            break;
+            return false;
         }
         handle_fanotify_record(monitor, &record, fd, callback);
         if (record.fd >= 0)
             close(record.fd);
-        looked_at = checked_add(looked_at, 1);
+        *looked_at = checked_add(*looked_at, 1);
     }
+    return true;
+}
+
+/* Whether the next record may fare better than the one whose file could not be opened. */
+bool concerns_one_file(int error) { return error != EMFILE && error != ENFILE && error != ENOMEM && error != EINTR; }
+
+/* One read of at most `size` bytes. False: no further one is of use now. */
+bool read_fanotify_once(struct fmon *monitor, int fd, size_t size, fmon_event_cb callback, int *looked_at)
+{
+    const ssize_t got = read(fd, read_buffer, size);
+    const int error = errno;
+    if (got > 0) {
+        FMON_LOG(4, kFile, "read a fanotify event");
+        return handle_fanotify_records(monitor, static_cast<size_t>(got), fd, callback, looked_at);
+    }
+    FMON_LOG(1, kFile, "read fanotify failed: %s\n", strerror(error));
+    if (got < 0 && error != EINTR)
+        monitor->lost.unopened++; /* the record is off the queue */
+    return got < 0 && concerns_one_file(error);
+}
+
+bool more_waits(int fd)
+{
+    struct pollfd look = {fd, POLLIN, 0};
+    return poll(&look, 1, 0) > 0 && (look.revents & POLLIN);
+}
+
+/* Returns the records looked at. The kernel takes a record off its queue before it opens the file, and ends the read
+ * where that fails: with the error when the record is the first, else with what came before and without a word. A
+ * hardened monitor therefore reads record by record, which takes no more than one free descriptor, too. */
+int read_fanotify(struct fmon *monitor, int fd, fmon_event_cb callback)
+{
+    int looked_at = 0;
+    if (!monitor->hardened) {
+        read_fanotify_once(monitor, fd, FMON_LINUX_READ_BUFFER, callback, &looked_at);
+        return looked_at;
+    }
+    constexpr int kReads = int{FMON_LINUX_READ_BUFFER} / int{FANOTIFY_HEADER};
+    for (int n = 0; n < kReads && (n == 0 || more_waits(fd)); n++)
+        if (!read_fanotify_once(monitor, fd, FANOTIFY_HEADER, callback, &looked_at))
+            break;
     return looked_at;
 }
 

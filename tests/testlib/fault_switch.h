@@ -13,7 +13,7 @@
     X(fanotify_init) X(fanotify_mark) X(select) X(read) X(readlink) X(realpath) \
     X(stat) X(lstat) X(fstat) X(statx) X(opendir) X(readdir) X(closedir) \
     X(uname) X(prctl) X(dlopen) X(dlsym) X(close) X(fopen) \
-    X(fgets) X(open) X(fcntl) \
+    X(fgets) X(open) X(fcntl) X(poll) \
     X(access) X(write) X(mmap) X(ioctl) X(perf_event_open) X(eventfd) X(epoll_create1) X(epoll_ctl) \
     X(pthread_create) X(inotify_init1) \
     X(openat) X(openat2) X(pidfd_open) X(readlinkat) X(fdopendir) X(dup) \

@@ -4,6 +4,7 @@
 #include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
@@ -134,6 +135,7 @@ WRAP_AS(-1, int, fstat, fstat64, (int fd, struct stat64 *st), (fd, st))
 WRAP(-1, int, fstatat, (int fd, const char *path, struct stat *st, int flags), (fd, path, st, flags))
 WRAP_AS(-1, int, fstatat, fstatat64, (int fd, const char *path, struct stat64 *st, int flags), (fd, path, st, flags))
 WRAP(-1, int, open_by_handle_at, (int fd, struct file_handle *handle, int flags), (fd, handle, flags))
+WRAP(-1, int, poll, (struct pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 WRAP(nullptr, DIR *, opendir, (const char *path), (redirected(path)))
 WRAP(nullptr, FILE *, fopen, (const char *path, const char *mode), (redirected(path), mode))
 WRAP_AS(nullptr, FILE *, fopen, fopen64, (const char *path, const char *mode), (redirected(path), mode))
@@ -239,21 +241,6 @@ WRAP_OPENAT(openat64)
     }
 WRAP_FCNTL(fcntl)
 WRAP_FCNTL(fcntl64)
-
-int __real_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...);
-int __wrap_ioctl(int fd, unsigned long request, ...)
-{
-    va_list list;
-    va_start(list, request);
-    void *arg = va_arg(list, void *);
-    va_end(list);
-    if (int err = injected_error(Call::ioctl)) {
-        errno = err;
-        return -1;
-    }
-    return __real_ioctl(fd, request, arg);
-}
 
 int __real_prctl(int option, ...);
 int __wrap_prctl(int option, ...);
