@@ -2,6 +2,8 @@
 
 #include <sys/resource.h>
 
+#include "common/fd.h"
+
 namespace cli
 {
 
@@ -17,6 +19,19 @@ uint64_t most_descriptors()
     struct rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     return limit.rlim_max;
+}
+
+// Where even the list of them cannot be opened none is left.
+uint64_t descriptors_left()
+{
+    struct rlimit limit = {};
+    const common::Dir list(opendir("/proc/self/fd"));
+    if (!list || getrlimit(RLIMIT_NOFILE, &limit) != 0)
+        return 0;
+    uint64_t used = 0;
+    while (const struct dirent *entry = readdir(list.get()))
+        used += entry->d_name[0] != '.';
+    return limit.rlim_cur > used ? limit.rlim_cur - used : 0;
 }
 
 void raise_descriptor_limit()

@@ -16,6 +16,9 @@ inline constexpr uint64_t kDescriptorsAProcessor = 22, kDescriptorsBeside = 64;
 /* How many this process may have at most, once the limit is raised. */
 uint64_t most_descriptors();
 
+/* How many more it may open. */
+uint64_t descriptors_left();
+
 /* Raises the limit as far as it can be raised without rights: nothing here is confined to what select() can hold. */
 void raise_descriptor_limit();
 

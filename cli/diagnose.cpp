@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "descriptors.h"
 #include "marks.h"
 #include "message.h"
 #include "orx_fmon.h"
@@ -15,6 +16,8 @@ namespace cli
 
 namespace
 {
+
+constexpr uint64_t kDescriptorsToStart = 16; /* of the monitor and what it stands on, some more */
 
 /* Codes that the backend passes through. */
 enum : int {
@@ -60,8 +63,25 @@ std::string cache_text(const Facts &facts, uint64_t missing)
            std::to_string(std::min<uint64_t>(roomy_limit(facts.max_dentries + missing), 2097152));
 }
 
+// "Too many open files" is said of the process's limit, ENFILE's words of the whole system's.
+std::string descriptor_text(const std::string &reason)
+{
+    if (reason == strerror(ENFILE))
+        return "the system has no file descriptor left: raise it with sysctl fs.file-max, or see what has so many "
+               "files open";
+    return "no file descriptor is left (" + with_commas(most_descriptors()) +
+           " at most): raise the hard limit (ulimit -H -n, or LimitNOFILE=)";
+}
+
+bool is_out_of_descriptors(const std::string &reason)
+{
+    return reason == strerror(EMFILE) || reason == strerror(ENFILE);
+}
+
 std::string limit_text(const Findings &findings, const Facts &facts, uint64_t missing)
 {
+    if (findings.descriptors)
+        return descriptor_text(reason_of(findings));
     if (findings.cache_full)
         return cache_text(facts, missing);
     return findings.watch_limit ? watch_limit_text(facts, missing) : mark_limit_text(facts, missing);
@@ -82,6 +102,8 @@ std::string refused_by_kernel(const Refusal &refusal, const Facts &facts)
     const std::string reason = reason_of(refusal.findings);
     if (reason == strerror(EACCES) || reason == strerror(EPERM))
         return " may not be read: " + reason + (facts.root ? "" : ": run as root, or get read permission");
+    if (is_out_of_descriptors(reason))
+        return " cannot be watched: " + descriptor_text(reason);
     return " cannot be watched: " + (reason.empty() ? "the kernel refused it" : reason);
 }
 
@@ -123,6 +145,7 @@ uint64_t roomy_limit(uint64_t needed)
 Facts gather_facts()
 {
     Facts facts;
+    facts.descriptors_left = descriptors_left();
     const Marks own = process_marks("self"), user = user_marks(geteuid());
     facts.root = geteuid() == 0;
     facts.fanotify = own.fanotify_instances > 0;
@@ -151,6 +174,8 @@ std::string explain_start_failure(const Findings &findings, const Facts &facts)
                with_commas(facts.max_user_instances) + "; " + with_commas(facts.user_instances) +
                " in use by this user): raise it with sysctl fs.inotify.max_user_instances=" +
                std::to_string(roomy_limit(facts.max_user_instances * 2));
+    if (reason == strerror(ENFILE) || (reason == strerror(EMFILE) && facts.descriptors_left < kDescriptorsToStart))
+        return "the monitor cannot start: " + descriptor_text(reason);
     if (reason == strerror(EMFILE))
         return "the monitor cannot start: no inotify instance is left: raise it with "
                "sysctl fs.inotify.max_user_instances=" +

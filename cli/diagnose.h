@@ -22,7 +22,8 @@ struct Facts {
     uint64_t max_user_instances = 0;
     uint64_t user_instances = 0;
     uint64_t max_user_marks = 0;
-    uint64_t max_dentries = 0; /* as set for this run */
+    uint64_t max_dentries = 0;              /* as set for this run */
+    uint64_t descriptors_left = UINT64_MAX; /* of this process */
 };
 
 Facts gather_facts();

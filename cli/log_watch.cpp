@@ -33,6 +33,8 @@ LogLine read_open_failure(std::string_view text)
     const size_t end = text.rfind(kEnd);
     if (is_vanished(text) || end == std::string_view::npos || end < kStart.size())
         return {};
+    if (ends_with_error(text, EMFILE) || ends_with_error(text, ENFILE))
+        return {Finding::kDescriptors, {}};
     return {Finding::kUnreadable, text.substr(kStart.size(), end - kStart.size())};
 }
 
@@ -64,6 +66,8 @@ uint64_t *counter(Finding finding, Findings &findings)
             return &findings.unreadable;
         case Finding::kDenied:
             return &findings.denied;
+        case Finding::kDescriptors:
+            return &findings.descriptors;
         case Finding::kTooLong:
             return &findings.too_long;
         case Finding::kOther:
@@ -118,7 +122,8 @@ LogLine read_log_line(std::string_view text)
 
 uint64_t Findings::left_out() const
 {
-    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + too_long + other;
+    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + descriptors + too_long +
+           other;
 }
 
 void LogWatch::start() { orx_host_log_sink(sink, this); }

@@ -4,6 +4,9 @@
 #include <poll.h>
 #include <unistd.h>
 
+#include <cstdlib>
+#include <exception>
+#include <new>
 #include <string_view>
 
 #include "escape.h"
@@ -16,7 +19,29 @@ namespace
 
 int g_stderr = STDERR_FILENO;
 
+// Nothing is allocated here, and nothing else of the process is to run any more.
+[[noreturn]] void on_uncaught()
+{
+    constexpr std::string_view kMemory = "fmon: out of memory\n", kFault = "fmon: ended by a fault of its own\n";
+    bool is_memory = false;
+    try {
+        if (const std::exception_ptr current = std::current_exception())
+            std::rethrow_exception(current);
+    } catch (const std::bad_alloc &) {
+        is_memory = true;
+    } catch (...) {
+        is_memory = false;
+    }
+    const std::string_view text = is_memory ? kMemory : kFault;
+    [[maybe_unused]] const ssize_t n = write(g_stderr, text.data(), text.size());
+    if (is_memory)
+        _exit(kError);
+    abort();
+}
+
 }  // namespace
+
+void end_in_a_sentence() { std::set_terminate(on_uncaught); }
 
 void say(const std::string &text)
 {

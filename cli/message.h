@@ -25,6 +25,10 @@ bool stderr_is_read(); /* or at least has room */
 /* From now on the process's descriptor 2 leads nowhere; complain() and say() go on reaching the old one. */
 void detach_stderr();
 
+/* From now on an exception that nobody catches, on whichever thread and in whichever callback, ends the process with a
+ * sentence: want of memory, which is nobody's fault, with kError; anything else with abort() as before. */
+void end_in_a_sentence();
+
 std::string with_commas(uint64_t number);                      /* 1234567 -> 1,234,567 */
 std::string counted(uint64_t number, const std::string &what); /* "1 directory", "2 directories", "0 watches" */
 

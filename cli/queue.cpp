@@ -21,9 +21,10 @@ Event Batch::event(size_t i) const
             row.process.get()};
 }
 
-// Views would not survive the growth of the text, so rows hold offsets.
+// Views would not survive the growth of the text, so rows hold offsets. Memory that runs out leaves all as it was.
 void Batch::append(const Event &event, ProcessPtr process)
 {
+    text_.reserve(text_.size() + event.path.size() + 1 + event.container.size());
     rows_.push_back({event.time_ns, event.mask, event.pid, event.source, static_cast<uint32_t>(text_.size()),
                      static_cast<uint32_t>(event.path.size()), static_cast<uint32_t>(event.container.size()),
                      std::move(process)});

@@ -52,6 +52,7 @@ std::string main_help()
 
 int run_command(int argc, char **argv)
 {
+    end_in_a_sentence();
     const std::string_view first = argc > 1 ? argv[1] : "";
     if (first == "--help" || first == "-h")
         return show(main_help());

@@ -2,12 +2,14 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <sys/eventfd.h>
 
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "common/fd.h"
 #include "orx_base.h"
 #include "orx_event_loop.h"
 
@@ -17,6 +19,18 @@ namespace
 constexpr char kFile[] = "event_loop.c";
 constexpr char kThreadName[] = "orx-isolated";
 constexpr size_t kThreadNameSize = 16; /* the kernel's limit, with the NUL */
+
+/* Making a loop ends the process when there is no descriptor left for a pipe that the library shares among its loops.
+ * So there must be enough for everything that it opens. 0 or the negative error number. */
+int look_for_descriptors()
+{
+    constexpr size_t kOfLoop = 6; /* with the shared pipe */
+    common::Fd taken[kOfLoop];
+    for (common::Fd &fd : taken)
+        if (fd.reset(eventfd(0, EFD_CLOEXEC)); !fd)
+            return -errno;
+    return 0;
+}
 
 /* A thread's loop. It costs three descriptors, so threads that never ask have none. */
 class ThreadLoop
@@ -44,7 +58,9 @@ public:
     {
         if (made_)
             return &loop_;
-        int result = uv_loop_init(&loop_);
+        int result = look_for_descriptors();
+        if (result == 0)
+            result = uv_loop_init(&loop_);
         made_ = result == 0;
         if (!made_)
             error_output(ORX_LOG_ERROR, kFile, __LINE__, "event loop not made: %s", uv_strerror(result));

@@ -70,6 +70,8 @@ TEST(CliLogWatch, lines_of_the_monitor)
         {"open dir /a failed: " + denied, Finding::kUnreadable},
         {"open dir /a failed: " + none, Finding::kNone},
         {std::string("open dir /a failed: ") + strerror(ENOTDIR), Finding::kNone},
+        {std::string("open dir /a failed: ") + strerror(EMFILE), Finding::kDescriptors},
+        {std::string("open dir /a failed: ") + strerror(ENFILE), Finding::kDescriptors},
         {"path is NULL", Finding::kTooLong},
         {"select failed: Bad file descriptor", Finding::kMonitorEnded},
         {"create file monitor thread failed", Finding::kMonitorEnded},
@@ -198,6 +200,21 @@ TEST(CliDiagnose, every_code_has_one_line_that_names_the_path)
     expect_has(refusal(-1), {"code -1"});
 }
 
+/* Neither is a question of permissions, and both are limits. */
+TEST(CliDiagnose, no_descriptors)
+{
+    for (const auto &[error, said] : {std::pair(EMFILE, "LimitNOFILE="), std::pair(ENFILE, "sysctl fs.file-max")}) {
+        const Findings findings = logged({std::string("open dir /x/a failed: ") + strerror(error)});
+        EXPECT_TRUE(findings.limit_reached());
+        EXPECT_EQ(findings.left_out(), 1u);
+        expect_has(explain_left_out("/x", findings, 1, machine()), {"1 directory below /x is not watched: ", said});
+        expect_has(explain_refusal({"/x", FMON_ENOENT, false, false, findings}, machine()),
+                   {"/x cannot be watched: ", said});
+        const Findings mark = logged({std::string("fanotify add failed: ") + strerror(error)});
+        expect_has(explain_refusal({"/x", -109, false, false, mark}, machine()), {"/x cannot be watched: ", said});
+    }
+}
+
 TEST(CliDiagnose, start_failures)
 {
     Facts facts = machine();
@@ -207,6 +224,10 @@ TEST(CliDiagnose, start_failures)
                {"max_user_instances is reached (128", "sysctl fs.inotify.max_user_instances=1024"});
     facts.user_instances = 3;
     expect_has(explain_start_failure(instances, facts), {"ulimit -n"});
+    facts.descriptors_left = 3;
+    expect_has(explain_start_failure(instances, facts), {"no file descriptor is left", "LimitNOFILE="});
+    const Findings full = logged({std::string("init inotify failed: ") + strerror(ENFILE), "fmon init failed"});
+    expect_has(explain_start_failure(full, machine()), {"the system has no file descriptor left", "fs.file-max"});
     expect_has(explain_start_failure({}, facts), {"--verbose"});
 }
 
