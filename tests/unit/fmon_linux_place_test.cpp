@@ -354,6 +354,24 @@ TEST_F(Place, ADirectoryThatCameBackIsKept)
     EXPECT_EQ(3U, kernel_watches().size());
 }
 
+/* A walk may come to a name before the events that tell who left it and who came. */
+TEST_F(Place, AWalkThatFindsAnotherDirectoryForgetsWhatWasBelowTheFormer)
+{
+    tree.dir("t/p/a/former");
+    watch();
+    move("t/p/a", "gone");
+    tree.dir("t/p/a/latter");
+    ASSERT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_ATTRIB, FMON_DIR | FMON_RECURSIVE, 0, 0));
+    EXPECT_FALSE(cached(tree.path("t/p/a/former")));
+    for (const char *below : {"t/p/a", "t/p/a/latter"})
+        EXPECT_EQ(uint32_t{FMON_ATTRIB | FMON_CREATE}, heard(below) & (FMON_ATTRIB | FMON_CREATE)) << below;
+    pump_all();
+    for (const char *below : {"t/p/a", "t/p/a/latter"})
+        EXPECT_EQ(uint32_t{FMON_ATTRIB | FMON_CREATE}, heard(below) & (FMON_ATTRIB | FMON_CREATE)) << below;
+    EXPECT_EQ(4U, kernel_watches().size());
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
 /* ---- a single file ---- */
 
 class OneFile : public Place

@@ -291,6 +291,12 @@ TEST_F(Tree, DirectoriesThatCannotBeMarkedAreNotKept)
         m.feed(0, inotify_record(wd_of(t), IN_CREATE | IN_ISDIR, "made"));
     }
     EXPECT_EQ(before, fmon.dcache.count);
+    {
+        Fault below("inotify_add_watch", 2, ENOSPC, 100);
+        m.feed(0, inotify_record(wd_of(t), IN_MOVED_TO | IN_ISDIR, "in"));
+    }
+    EXPECT_EQ(before + 1, fmon.dcache.count) << "what could be marked";
+    EXPECT_TRUE(cached(t + "/in"));
 }
 
 TEST_F(Tree, FailedFanotifyMarksAloneAreNotKept)
