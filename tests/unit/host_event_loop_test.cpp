@@ -1,9 +1,6 @@
 #include "event_loop.h"
 
-#include <fcntl.h>
 #include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
@@ -11,7 +8,6 @@
 #include <csignal>
 #include <functional>
 #include <thread>
-#include <vector>
 
 #include "host_support.h"
 #include "orx_base.h"
@@ -220,28 +216,6 @@ TEST_F(EventLoop, EndsWithItsThread)
             EXPECT_EQ(cl_event_loop_once(), 1);
         }).join();
     EXPECT_EQ(host_test::open_descriptors(), before);
-}
-
-/* However many descriptors are left: in a process that never had a loop, since the first opens more. */
-TEST_F(EventLoop, NeverEndsTheProcessForWantOfDescriptors)
-{
-    for (int left = 0; left < 12; left++) {
-        const pid_t child = fork();
-        if (child == 0) {
-            const struct rlimit tight = {64, 64};
-            setrlimit(RLIMIT_NOFILE, &tight);
-            std::vector<int> taken;
-            for (int fd; (fd = open("/dev/null", O_RDONLY)) >= 0;)
-                taken.push_back(fd);
-            for (int i = 0; i < left; i++)
-                close(taken[taken.size() - 1 - static_cast<size_t>(i)]);
-            const int once = cl_event_loop_once();
-            _exit(once == (left < 6 ? -1 : 0) ? 0 : 1);
-        }
-        int status = -1;
-        ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0) << left;
-    }
 }
 
 TEST_F(EventLoop, TellsWhenALoopCannotBeMade)
