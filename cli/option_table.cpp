@@ -85,7 +85,7 @@ const OptionRow kOptionTable[kOptionRows] = {
     {'q', "quiet", nullptr, &O::quiet, nullptr, "no notes on stderr, only errors and losses", nullptr},
     {0, "exec", "COMMAND", nullptr, exec,
      "run a shell command for each event, one at a time, with\nFMON_EVENTS, FMON_PATH and FMON_PID in its "
-     "environment; one that fails is told",
+     "environment;\none that fails is told",
      "What happens then"},
     {'n', "count", "N", nullptr, take::count, "end after N events", nullptr},
     {'t', "timeout", "S", nullptr, take::timeout, "end with status 1 when nothing is shown for S seconds", nullptr},
