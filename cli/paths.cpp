@@ -81,6 +81,21 @@ void for_each_subdirectory(common::Fd folder, const std::function<bool(const cha
             return;
 }
 
+Identity look_up(int folder, const char *path, int flags)
+{
+    Identity id;
+    struct statx st;
+    if (statx(folder, path, flags, STATX_BASIC_STATS | STATX_MNT_ID, &st) != 0) {
+        id.error = errno;
+        return id;
+    }
+    id.mode = st.stx_mode;
+    id.dev = makedev(st.stx_dev_major, st.stx_dev_minor);
+    id.ino = st.stx_ino;
+    id.mount_id = st.stx_mask & STATX_MNT_ID ? st.stx_mnt_id : 0;
+    return id;
+}
+
 constexpr int kOpenDirectory = O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC;
 
 }  // namespace
@@ -95,20 +110,9 @@ bool Identity::is_dir() const { return error == 0 && S_ISDIR(mode); }
 
 bool Identity::is_file() const { return error == 0 && S_ISREG(mode); }
 
-Identity identify(const std::string &path)
-{
-    Identity id;
-    struct statx st;
-    if (statx(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW, STATX_BASIC_STATS | STATX_MNT_ID, &st) != 0) {
-        id.error = errno;
-        return id;
-    }
-    id.mode = st.stx_mode;
-    id.dev = makedev(st.stx_dev_major, st.stx_dev_minor);
-    id.ino = st.stx_ino;
-    id.mount_id = st.stx_mask & STATX_MNT_ID ? st.stx_mnt_id : 0;
-    return id;
-}
+Identity identify(const std::string &path) { return look_up(AT_FDCWD, path.c_str(), AT_SYMLINK_NOFOLLOW); }
+
+Identity identify_open(int fd) { return look_up(fd, "", AT_EMPTY_PATH); }
 
 std::string literal_path(const std::string &given) { return tidy(given); }
 
@@ -123,6 +127,12 @@ std::string absolute_path(const std::string &given)
         return path;
     const std::string rest = path.substr(length);
     return real == "/" && !rest.empty() ? rest : real + rest;
+}
+
+std::string parent_of(const std::string &path)
+{
+    const size_t slash = path.rfind('/');
+    return slash == 0 ? "/" : path.substr(0, slash);
 }
 
 const char *kind_name(mode_t mode)

@@ -26,6 +26,7 @@ struct Identity {
 };
 
 Identity identify(const std::string &path); /* links are not followed */
+Identity identify_open(int fd);
 
 /* The absolute path without "//", "/./" and a trailing "/", with the links of all leading parts that exist resolved,
  * so that it is the path under which events arrive. What does not exist is kept as it was written; a part with a "*"
@@ -39,6 +40,9 @@ std::string literal_path(const std::string &given);
 /* A directory, open for reading, by an absolute path of which no part is a link. Empty, and errno: see open_beneath().
  */
 common::Fd open_directory(const std::string &path);
+
+/* Of an absolute path; "/" is its own. */
+std::string parent_of(const std::string &path);
 
 /* "a socket", "a device" ... for what is neither a directory nor a regular file. */
 const char *kind_name(mode_t mode);

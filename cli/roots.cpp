@@ -19,12 +19,6 @@ bool is_mounted(uint64_t id, const std::vector<Mount> &mounts)
     return std::any_of(mounts.begin(), mounts.end(), [&](const Mount &mount) { return mount.id == id; });
 }
 
-std::string parent_of(const std::string &path)
-{
-    const size_t slash = path.rfind('/');
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
-
 // Why the watch on a path has ended, or null when it has not. A rename of the path itself would have made an event, so
 // a missing path whose folder is there was removed while it was still open, and one without folder was moved with it.
 const char *end_reason(const Root &root)

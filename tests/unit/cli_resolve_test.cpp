@@ -1,0 +1,70 @@
+#include "resolve.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "cli_testing.h"
+
+using namespace cli;
+using cli_testing::Folder;
+
+namespace
+{
+
+void make_link(const std::string &target, const std::string &path) { std::filesystem::create_symlink(target, path); }
+
+}  // namespace
+
+TEST(CliResolve, own_links_are_followed)
+{
+    const Folder folder;
+    folder.dir("a/b");
+    make_link(folder.path("a"), folder.path("absolute"));
+    make_link("absolute/b/../b", folder.path("relative"));
+    for (const char *path : {"a/b", "absolute/b", "relative", "a/./b", "a/b/../b"}) {
+        const Resolved found = resolve_carefully(folder.path(path));
+        EXPECT_EQ(found.path, folder.path("a/b")) << path;
+        EXPECT_EQ(found.identity.error, 0) << path;
+        EXPECT_EQ(found.identity.ino, identify(folder.path("a/b")).ino) << path;
+        EXPECT_EQ(found.identity.mount_id, identify(folder.path("a/b")).mount_id) << path;
+    }
+    EXPECT_EQ(resolve_carefully("/").path, "/");
+    EXPECT_EQ(resolve_carefully("/..").path, "/");
+}
+
+TEST(CliResolve, what_is_not_there)
+{
+    const Folder folder;
+    folder.file("f");
+    make_link("loop", folder.path("loop"));
+    make_link("nowhere", folder.path("dangling"));
+    EXPECT_EQ(resolve_carefully(folder.path("x/y")).identity.error, ENOENT);
+    EXPECT_EQ(resolve_carefully(folder.path("f/y")).identity.error, ENOTDIR);
+    EXPECT_EQ(resolve_carefully(folder.path("loop")).identity.error, ELOOP);
+    EXPECT_EQ(resolve_carefully(folder.path("dangling")).identity.error, ENOENT);
+    EXPECT_TRUE(resolve_carefully(folder.path("loop")).foreign_link.empty());
+}
+
+TEST(CliResolve, links_of_another_user_are_not_followed)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, for a link of another user";
+    const Folder folder;
+    folder.dir("a/b");
+    make_link("a", folder.path("link"));
+    ASSERT_EQ(lchown(folder.path("link").c_str(), 65534, 65534), 0);
+    const Resolved found = resolve_carefully(folder.path("link/b"));
+    EXPECT_EQ(found.identity.error, ELOOP);
+    EXPECT_EQ(found.foreign_link, folder.path("link"));
+    EXPECT_EQ(found.owner, 65534u);
+}
+
+TEST(CliResolve, matches_of_a_pattern)
+{
+    const Folder folder;
+    folder.dir("b/log");
+    folder.dir("a/log");
+    folder.dir("c");
+    EXPECT_EQ(matches_of(folder.path("*/log")), (std::vector<std::string>{folder.path("a/log"), folder.path("b/log")}));
+    EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
+}
