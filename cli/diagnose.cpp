@@ -199,9 +199,9 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
     return head + (findings.last_error.empty() ? "the monitor's log tells why" : findings.last_error);
 }
 
-std::string explain_retry(const Findings &findings, const Facts &facts)
+std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts)
 {
-    const Refusal refusal = {findings.retry_failed, kInotifyRefused, false, false, findings};
+    const Refusal refusal = {path, kInotifyRefused, false, false, findings};
     return refusal.path + " is there, but" + refused_by_kernel(refusal, facts);
 }
 

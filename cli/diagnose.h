@@ -44,7 +44,7 @@ std::string explain_start_failure(const Findings &findings, const Facts &facts);
 std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts);
 
 /* A path that has appeared and cannot be watched. */
-std::string explain_retry(const Findings &findings, const Facts &facts);
+std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts);
 
 /* The next power of two that leaves room to double what is needed. */
 uint64_t roomy_limit(uint64_t needed);

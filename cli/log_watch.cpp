@@ -77,22 +77,11 @@ uint64_t *counter(Finding finding, Findings &findings)
     }
 }
 
-// "add watch PATH failed: CODE" of a pattern, "add deleted flag watch PATH failed: CODE" of a path that was waited for.
-LogLine read_retry(std::string_view text)
-{
-    constexpr std::string_view kEnd = " failed: ";
-    const size_t start = text.find("watch /"), end = text.rfind(kEnd);
-    if (start == std::string_view::npos || end == std::string_view::npos || end < start)
-        return {};
-    return {Finding::kRetryFailed, text.substr(start + 6, end - start - 6)};
-}
-
 // Lines that only pass a result on: the reason stands in an earlier one.
 bool is_consequence(std::string_view text)
 {
     return starts_with(text, "add watch failed: ") || starts_with(text, "fmon init failed") ||
-           starts_with(text, "method init failed") || starts_with(text, "check watch failed") ||
-           read_log_line(text).finding == Finding::kRetryFailed;
+           starts_with(text, "method init failed") || starts_with(text, "check watch failed");
 }
 
 }  // namespace
@@ -113,8 +102,6 @@ LogLine read_log_line(std::string_view text)
     if (starts_with(text, "malloc iterate failed: ") || starts_with(text, "dir malloc failed") ||
         starts_with(text, "add seq failed, wd "))
         return {Finding::kOther, {}};
-    if (starts_with(text, "add deleted flag watch /") || starts_with(text, "add watch /"))
-        return read_retry(text);
     if (starts_with(text, "select failed: ") || starts_with(text, "create file monitor thread failed"))
         return {Finding::kMonitorEnded, {}};
     return {};
@@ -135,13 +122,6 @@ void LogWatch::count(const LogLine &line)
     uint64_t *const count = counter(line.finding, findings_);
     if (count && (*count)++ == 0 && line.finding == Finding::kUnreadable)
         findings_.first_unreadable = line.path;
-    if (line.finding == Finding::kRetryFailed) {
-        // The line before was about the path itself, not about a directory that is left out below it.
-        if (last_counted_)
-            --*last_counted_;
-        findings_.retry_failed = line.path;
-    }
-    last_counted_ = count;
     findings_.monitor_ended |= line.finding == Finding::kMonitorEnded;
 }
 
@@ -176,7 +156,6 @@ Findings LogWatch::take()
 {
     const std::lock_guard<std::mutex> hold(lock_);
     any_.store(false, std::memory_order_relaxed);
-    last_counted_ = nullptr;
     return std::exchange(findings_, Findings());
 }
 

@@ -21,15 +21,14 @@ namespace cli
 
 enum class Finding {
     kNone,
-    kWatchLimit,  /* a directory without inotify watch: fs.inotify.max_user_watches */
-    kMarkLimit,   /* a directory without fanotify mark: fs.fanotify.max_user_marks */
-    kCacheFull,   /* a directory that has no room in the monitor's cache */
-    kUnreadable,  /* a directory that may not be opened (with its path) */
-    kDenied,      /* a directory that may not be watched */
-    kDescriptors, /* a directory that is not watched because no descriptor was left to read it */
-    kTooLong,     /* a directory whose path is longer than the monitor takes */
-    kOther,       /* a directory that is not watched for another reason */
-    kRetryFailed, /* a path that was waited for, or matches a pattern, is there but cannot be watched (with its path) */
+    kWatchLimit,   /* a directory without inotify watch: fs.inotify.max_user_watches */
+    kMarkLimit,    /* a directory without fanotify mark: fs.fanotify.max_user_marks */
+    kCacheFull,    /* a directory that has no room in the monitor's cache */
+    kUnreadable,   /* a directory that may not be opened (with its path) */
+    kDenied,       /* a directory that may not be watched */
+    kDescriptors,  /* a directory that is not watched because no descriptor was left to read it */
+    kTooLong,      /* a directory whose path is longer than the monitor takes */
+    kOther,        /* a directory that is not watched for another reason */
     kMonitorEnded, /* the monitor thread has given up */
 };
 
@@ -47,7 +46,6 @@ struct Findings {
              other = 0;
     bool monitor_ended = false;
     std::string first_unreadable; /* path */
-    std::string retry_failed;     /* path: tried again once a second, so told once */
     std::string last_error;       /* the last line that gives a reason: why a request was refused */
 
     /* Directories that are not watched. One that may not be read is refused twice, when it is marked and when it is
@@ -79,9 +77,8 @@ private:
 
     std::function<void()> changed_;
     mutable std::mutex lock_;
-    Findings findings_;                /* under lock_ */
-    uint64_t *last_counted_ = nullptr; /* under lock_: in findings_, by the line before */
-    ProbeTrouble probe_trouble_;       /* under lock_ */
+    Findings findings_;          /* under lock_ */
+    ProbeTrouble probe_trouble_; /* under lock_ */
     std::atomic<bool> any_ = false;
 };
 

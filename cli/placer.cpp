@@ -26,6 +26,8 @@ void Placer::run(Intake &intake)
 {
     if (!create_instances(intake))
         return;
+    for (Root &root : plan_.roots)
+        root.placed = root.waits;
     for (const PlannedWatch &watch : plan_.watches)
         add(watch);
     if (options_.mount)
@@ -50,17 +52,52 @@ bool Placer::create_instances(Intake &intake)
     return true;
 }
 
+int Placer::request(const PlannedWatch &watch) const
+{
+    return module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(), watch.mask,
+                             watch.flags, options_.max_depth, options_.max_subdirs);
+}
+
 void Placer::add(const PlannedWatch &watch)
 {
     Root &root = plan_.roots[watch.root];
-    const int code = module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(),
-                                       watch.mask, watch.flags, options_.max_depth, options_.max_subdirs);
+    const int code = request(watch);
     const Findings findings = log_.take();
+    if (code == FMON_ENOENT && root.waits)
+        return;
     if (code != 0)
         return refuse(watch, code, findings);
     root.placed = true;
+    root.watched = root.path;
     if (findings.left_out())
         report_left_out(watch, findings);
+}
+
+int Placer::take_up(size_t index, const std::string &path)
+{
+    Root &root = plan_.roots[index];
+    for (PlannedWatch &watch : watches_of(options_, root, index)) {
+        watch.path = path;
+        watch.flags |= FMON_NO_LINKS;
+        const int code = request(watch);
+        if (code != 0) {
+            failure_ = log_.take();
+            give_up(root);
+            return code;
+        }
+        root.watched = path;
+    }
+    return 0;
+}
+
+std::string Placer::why(const std::string &path) const { return explain_retry(path, failure_, facts()); }
+
+void Placer::give_up(Root &root)
+{
+    for (const int instance : instances_)
+        if (!root.watched.empty())
+            module_.del_watch(static_cast<uint32_t>(instance), root.watched.c_str());
+    root.watched.clear();
 }
 
 Facts Placer::facts() const
@@ -120,7 +157,7 @@ uint64_t Placer::directories() const
 {
     uint64_t files = 0;
     for (const Root &root : plan_.roots)
-        files += root.placed && root.identity.is_file();
+        files += !root.watched.empty() && root.identity.is_file();
     const uint64_t watches = watches_placed();
     return watches - std::min(watches, files);
 }

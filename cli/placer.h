@@ -29,6 +29,12 @@ public:
     /* Creates the instances, with callbacks of `intake`, and adds the watches; says on stderr why one was refused. */
     void run(Intake &intake);
 
+    /* For a path that has appeared: all its watches, on `path`, which no link may take elsewhere. 0, or the monitor's
+     * code, and then none of them stands; why() has the reason. */
+    int take_up(size_t root, const std::string &path);
+    std::string why(const std::string &path) const;
+    void give_up(Root &root);
+
     bool refused() const { return refused_; }       /* a watch, or a part of one because of a limit */
     bool any_placed() const { return any_placed_; } /* there is something to watch */
     uint64_t left_out() const { return left_out_; } /* directories */
@@ -36,6 +42,7 @@ public:
 
 private:
     bool create_instances(Intake &intake);
+    int request(const PlannedWatch &watch) const;
     void add(const PlannedWatch &watch);
     void refuse(const PlannedWatch &watch, int code, const Findings &findings);
     void report_left_out(const PlannedWatch &watch, const Findings &findings);
@@ -48,6 +55,7 @@ private:
     LogWatch &log_;
     Plan &plan_;
     std::vector<int> instances_; /* ids */
+    Findings failure_;           /* of the last take_up() that failed */
     bool refused_ = false, any_placed_ = false;
     uint64_t left_out_ = 0;
 };

@@ -36,6 +36,9 @@ public:
 
     Plan run()
     {
+        if (masks_.pid_mask)
+            plan_.instances.push_back({"watch-pid", masks_.pid_shown});
+        plan_.instances.push_back({"watch", masks_.shown});
         for (const std::string &given : options_.paths)
             add_path(given);
         return std::move(plan_);
@@ -107,30 +110,8 @@ private:
     {
         if (options_.mount)
             return add_mounts(root);
-        const bool unknown = root.waits;
-        if (unknown || root.identity.is_dir())
-            add_kind(root, directory_flags(), "");
-        if (unknown || root.identity.is_file())
-            add_kind(root, FMON_FILE, unknown ? "-file" : "");
-    }
-
-    uint32_t directory_flags() const
-    {
-        return FMON_DIR | (options_.recursive ? uint32_t{FMON_RECURSIVE | FMON_SYNC} : 0u) |
-               (options_.sync ? uint32_t{FMON_SYNC} : 0u);
-    }
-
-    void add_kind(const Root &root, uint32_t flags, const std::string &suffix)
-    {
-        const uint32_t deleted = root.waits && !root.pattern ? uint32_t{FMON_DELETED} : 0u;
-        const uint32_t delay = options_.delay ? uint32_t{FMON_DELAY} : 0u;
-        flags |= deleted;
-        if (masks_.pid_mask) {
-            add_watch(root.path, "watch-pid" + suffix, masks_.pid_shown, masks_.pid_mask, flags | delay | FMON_PID);
-            add_watch(root.path, "watch" + suffix, masks_.shown, masks_.mask, flags);
-        } else {
-            add_watch(root.path, "watch" + suffix, masks_.shown, masks_.mask, flags | delay);
-        }
+        for (PlannedWatch &watch : watches_of(options_, root, plan_.roots.size() - 1))
+            plan_.watches.push_back(std::move(watch));
     }
 
     // The mount that holds the path, and with -r those below it: events below each point reach its own watch.
@@ -138,29 +119,18 @@ private:
     {
         const uint32_t flags =
             FMON_MOUNT | (options_.delay ? uint32_t{FMON_DELAY} : 0u) | (options_.pid ? uint32_t{FMON_PID} : 0u);
-        add_watch(root.path, "watch", masks_.shown, masks_.mask, flags);
+        add_watch(root.path, flags);
         if (!options_.recursive)
             return;
         for (const std::string &point : markable_mounts_below(read_mounts(), root.path))
-            add_watch(point, "watch", masks_.shown, masks_.mask, flags);
+            add_watch(point, flags);
     }
 
-    void add_watch(const std::string &path, const std::string &name, uint32_t shown, uint32_t mask, uint32_t flags)
+    void add_watch(const std::string &point, uint32_t flags)
     {
-        const size_t instance = instance_named(name, shown);
-        const auto same = [&](const PlannedWatch &w) { return w.instance == instance && w.path == path; };
+        const auto same = [&](const PlannedWatch &watch) { return watch.path == point; };
         if (std::none_of(plan_.watches.begin(), plan_.watches.end(), same))
-            plan_.watches.push_back({plan_.roots.size() - 1, instance, path, mask, flags});
-    }
-
-    // Instances come into being with the first watch that needs them: most runs have one.
-    size_t instance_named(const std::string &name, uint32_t shown)
-    {
-        for (size_t i = 0; i < plan_.instances.size(); i++)
-            if (plan_.instances[i].name == name)
-                return i;
-        plan_.instances.push_back({name, shown});
-        return plan_.instances.size() - 1;
+            plan_.watches.push_back({plan_.roots.size() - 1, 0, point, masks_.mask, flags});
     }
 
     const WatchOptions &options_;
@@ -198,6 +168,21 @@ Masks plan_masks(const WatchOptions &options)
     if (options.pid)
         return {asked & ~kProcessEvents, others, asked & kProcessEvents, reads_and_writes};
     return {asked, others | reads_and_writes, 0, 0};
+}
+
+std::vector<PlannedWatch> watches_of(const WatchOptions &options, const Root &root, size_t index)
+{
+    if (!root.identity.is_dir() && !root.identity.is_file())
+        return {};
+    const Masks masks = plan_masks(options);
+    const uint32_t delay = options.delay ? uint32_t{FMON_DELAY} : 0u;
+    uint32_t flags = FMON_FILE;
+    if (root.identity.is_dir())
+        flags = FMON_DIR | (options.recursive ? uint32_t{FMON_RECURSIVE | FMON_SYNC} : 0u) |
+                (options.sync ? uint32_t{FMON_SYNC} : 0u);
+    if (!masks.pid_mask)
+        return {{index, 0, root.path, masks.mask, flags | delay}};
+    return {{index, 0, root.path, masks.pid_mask, flags | delay | FMON_PID}, {index, 1, root.path, masks.mask, flags}};
 }
 
 Plan make_plan(const WatchOptions &options, bool container) { return Planner(options, container).run(); }

@@ -1,11 +1,10 @@
 /*
  * plan.h: from what was asked for to the monitor's instances and watches.
  *
- * A path becomes one watch in most cases. More instances are used where the monitor cannot have all in one watch:
+ * A path becomes one watch in most cases. A second instance is used where the monitor cannot have all in one watch:
  *  - --pid: the kinds whose process is to be named go into an instance of their own, since a watch that insists on the
  *    process takes no others.
- *  - a path that may be missing, and a pattern: whether a file or a directory will appear is not known, so each kind
- *    waits in an instance of its own (an instance has one watch a path).
+ * A path that is missing, and a pattern, have no watch yet: see waiting.h.
  */
 #ifndef CLI_PLAN_H
 #define CLI_PLAN_H
@@ -35,7 +34,9 @@ struct PlannedWatch {
 struct Root {
     std::string path;
     Identity identity;
+    std::string watched; /* the path that the watches are on, without links; empty: there is none now */
     bool pattern = false;
+    bool match = false;  /* of a pattern: it is no root of its own */
     bool waits = false;  /* it may come and go: never ended */
     bool placed = false; /* set by whoever places the watches */
     bool ended = false;
@@ -51,6 +52,10 @@ struct Plan {
 
 /* `container`: the monitor runs inside one, where it takes paths as they are. */
 Plan make_plan(const WatchOptions &options, bool container);
+
+/* The watches of one path, by what its identity says it is. The instances are those of every plan with these options.
+ */
+std::vector<PlannedWatch> watches_of(const WatchOptions &options, const Root &root, size_t index);
 
 /* The masks of a watch, apart from make_plan() so that the rules can be read and tested. */
 struct Masks {

@@ -86,6 +86,12 @@ bool Reporter::begin(std::string &error)
     return true;
 }
 
+void Reporter::add_root(const std::string &path)
+{
+    if (std::find(roots_.begin(), roots_.end(), path) == roots_.end())
+        roots_.push_back(path);
+}
+
 bool Reporter::is_within_depth(std::string_view path) const
 {
     if (options_.max_depth == 0)

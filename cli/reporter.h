@@ -28,6 +28,8 @@ public:
     /* Reads the filters, and looks whether the output can be had; nothing is opened. False: `error` is one line. */
     bool prepare(std::string &error);
     void set_plan(const Plan &plan);
+    /* One more path from which depths are counted. */
+    void add_root(const std::string &path);
     /* Paths whose events are not shown. */
     void hide(const std::vector<std::string> &paths);
     /* Opens the output, when all that is to be reported can be had, and writes the heading. Before everything else.

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
+#include "filter.h"
 #include "mounts.h"
 #include "orx_fmon.h"
 
@@ -19,23 +20,37 @@ bool is_mounted(uint64_t id, const std::vector<Mount> &mounts)
     return std::any_of(mounts.begin(), mounts.end(), [&](const Mount &mount) { return mount.id == id; });
 }
 
-// Why the watch on a path has ended, or null when it has not. A rename of the path itself would have made an event, so
-// a missing path whose folder is there was removed while it was still open, and one without folder was moved with it.
-const char *end_reason(const Root &root)
+// Whether something that came after a mount hides what the path was there. The table is in the order of mounting.
+bool covers(const std::vector<Mount> &mounts, const std::string &path, uint64_t id)
 {
-    const Identity now = identify(root.path), &then = root.identity;
-    const bool gone = now.error == ENOENT || now.error == ENOTDIR;
-    if (!gone && (now.error || (now.dev == then.dev && now.ino == then.ino)))
-        return nullptr;
-    if (then.mount_id && !is_mounted(then.mount_id, read_mounts()))
-        return "unmounted";
-    if (gone)
-        return identify(parent_of(root.path)).is_dir() ? "deleted" : "moved";
-    // Something mounted over the path hides it and ends nothing.
-    return now.mount_id == then.mount_id ? "deleted" : nullptr;
+    bool later = false;
+    for (const Mount &mount : mounts) {
+        if (later && is_below(mount.point, path))
+            return true;
+        later |= mount.id == id;
+    }
+    return false;
 }
 
 }  // namespace
+
+// A rename of the path itself would have made an event, so a missing path whose folder is there was removed while it
+// was still open, and one without folder was moved with it.
+const char *end_reason(const std::string &path, const Identity &then)
+{
+    const Identity now = identify(path);
+    const bool gone = now.error == ENOENT || now.error == ENOTDIR;
+    if (!gone && (now.error || (now.dev == then.dev && now.ino == then.ino)))
+        return nullptr;
+    const std::vector<Mount> mounts = then.mount_id ? read_mounts() : std::vector<Mount>();
+    if (then.mount_id && !is_mounted(then.mount_id, mounts))
+        return "unmounted";
+    if (covers(mounts, path, then.mount_id))
+        return "covered";
+    if (gone)
+        return identify(parent_of(path)).is_dir() ? "deleted" : "moved";
+    return "deleted";
+}
 
 void RootGuard::event(std::string_view path, uint32_t mask)
 {
@@ -49,7 +64,9 @@ void RootGuard::event(std::string_view path, uint32_t mask)
 void RootGuard::look()
 {
     for (Root &root : roots_) {
-        const char *reason = is_watched(root) ? end_reason(root) : nullptr;
+        if (!is_watched(root))
+            continue;
+        const char *const reason = end_reason(root.path, root.identity);
         // Only what is seen twice counts: an event that tells more may be on its way.
         if (reason && root.suspected)
             end(root, reason);

@@ -15,12 +15,16 @@
 namespace cli
 {
 
+/* Why what `path` was is there no more, or null when it is: "deleted", "moved", "unmounted", or "covered" by something
+ * that was mounted over it or above it. */
+const char *end_reason(const std::string &path, const Identity &then);
+
 /* Notices the end of the watches on paths that are not waited for. `ended` is called once for each, with the reason:
- * "deleted", "moved" or "unmounted". */
+ * see end_reason(). */
 class RootGuard
 {
 public:
-    RootGuard(std::vector<Root> &roots, std::function<void(const Root &, const char *reason)> ended)
+    RootGuard(std::vector<Root> &roots, std::function<void(Root &, const char *reason)> ended)
         : roots_(roots), ended_(std::move(ended))
     {
     }
@@ -37,7 +41,7 @@ private:
     void end(Root &root, const char *reason);
 
     std::vector<Root> &roots_;
-    std::function<void(const Root &, const char *)> ended_;
+    std::function<void(Root &, const char *)> ended_;
 };
 
 }  // namespace cli

@@ -26,13 +26,6 @@ constexpr uint64_t kBusyWaitMs = 20; /* a wait that was shorter means a stream o
 constexpr int kTurnMs = 1100;        /* the monitor looks at paused clients once a second */
 constexpr int kGatherMs = 5;         /* how long a stream's events gather before they are shown together */
 
-/* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
-constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
-
-TreeKeeper *g_keeper; /* of the one session; set before the monitor's thread can call */
-
-void on_new_watch(const char *path) { g_keeper->made(path); }
-
 }  // namespace
 
 Session::Session(const WatchOptions &options)
@@ -41,7 +34,8 @@ Session::Session(const WatchOptions &options)
       intake_(queue_),
       log_([this] { queue_.wake(); }),
       reporter_(options),
-      guard_(plan_.roots, [this](const Root &root, const char *reason) { report_end(root, reason); })
+      guard_(plan_.roots, [this](Root &root, const char *reason) { report_end(root, reason); }),
+      mounts_([this](const std::string &point) { report_mount(point); })
 {
 }
 
@@ -105,6 +99,9 @@ bool Session::make_plan()
             return false;
     }
     reporter_.set_plan(plan_);
+    // What changes from now on is noticed. Without the mount table the regular looks must do.
+    mount_table_ = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
+    mounts_.look(read_mounts(), plan_.roots);
     return true;
 }
 
@@ -114,76 +111,6 @@ bool Session::begin()
     const StopAtOnce at_once;
     std::string error;
     return reporter_.begin(error) || fail(error);
-}
-
-// Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
-bool Session::place()
-{
-    Placer placer(options_, module_, log_, plan_);
-    {
-        const StopAtOnce at_once;
-        const Progress progress(!options_.quiet);
-        placer.run(intake_);
-    }
-    if (!placer.any_placed() || (placer.refused() && !options_.keep_going) || !keep_tree() || !begin())
-        return false;
-    std::vector<std::string> paths;
-    for (const Root &root : plan_.roots)
-        if (root.placed)
-            paths.push_back(root.path);
-    const uint64_t directories = placer.directories();
-    reporter_.established({paths, {}, directories});
-    if (placer.left_out())
-        reporter_.loss("watches", placer.left_out());
-    reporter_.flush();
-    if (!reporter_.has_records())
-        note_start(paths, directories);
-    note_container(paths);
-    return true;
-}
-
-// Of what a container sees, only the host's files are watched; other paths are accepted and stay silent. Marks on
-// mounts do not ask where they are.
-void Session::note_container(const std::vector<std::string> &paths) const
-{
-    if (!module_.is_container() || options_.mount)
-        return;
-    for (const std::string &path : paths)
-        if (!path.starts_with(kHostFiles) && !path.starts_with(kOtherRoots))  // as the monitor tells them apart
-            reporter_.note(path + " stays silent: inside a container only what is below " + kHostFiles + " is seen");
-}
-
-void Session::note_start(const std::vector<std::string> &paths, uint64_t directories) const
-{
-    std::string text = "watching " + (paths.size() == 1 ? paths[0] : counted(paths.size(), "path"));
-    if (options_.recursive && directories)
-        text += " (" + counted(directories, "directory") + ")";
-    if (geteuid() != 0)
-        text += "; without root, events do not name their process";
-    reporter_.note(text);
-}
-
-void Session::report_end(const Root &root, const char *reason)
-{
-    reporter_.ended(root.path, reason);
-    reporter_.flush();
-    complain(root.path + " is no longer watched: it was " + reason + " (with --wait its return would be waited for)");
-}
-
-// The trees in which new directories are to be completed.
-bool Session::keep_tree()
-{
-    if (!options_.recursive || options_.mount)
-        return true;
-    std::vector<std::string> roots;
-    for (const Root &root : plan_.roots)
-        roots.push_back(root.path);
-    keeper_ = std::make_unique<TreeKeeper>(module_, roots, options_.max_depth);
-    if (keeper_->start() < 0)
-        return fail("the monitor has no instance left");
-    g_keeper = keeper_.get();
-    listen_to_watches(on_new_watch);
-    return true;
 }
 
 bool Session::place_system()
@@ -202,11 +129,10 @@ bool Session::place_system()
     return true;
 }
 
-// Watching for the end begins once all is placed. Without the mount table the regular looks must do.
+// Watching for the end begins once all is placed.
 void Session::establish()
 {
     const uint64_t now = steady_ms();
-    mount_table_ = open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC);
     if (system_)
         system_->follow_mounts();
     next_tick_ = now + kBusyTickMs;
@@ -250,6 +176,8 @@ void Session::handle_batch()
         const Event event = batch_.event(i);
         reporter_.event(event);
         guard_.event(event.path, event.mask);
+        if (waiting_)
+            waiting_->event(event.path, event.mask);
     }
     reporter_.flush();
     in_hand_ = 0;
@@ -290,7 +218,8 @@ void Session::wait()
     if (fds[0].revents)
         queue_.clear_wake();
     if (fds[1].revents) {
-        guard_.look();
+        look_at_mounts();
+        look_at_paths();
         if (system_)
             system_->follow_mounts();
         next_tick_ = std::min(next_tick_, woken_ms_ + kBusyTickMs);
@@ -305,9 +234,10 @@ void Session::tick(uint64_t now)
 {
     check_losses();
     check_findings();
-    guard_.look();
+    look_at_paths();
     reporter_.flush();
-    next_tick_ = now + (now - woken_ms_ < kBusyTickMs && waited_ms_ < kBusyTickMs ? kBusyTickMs : kIdleTickMs);
+    const bool busy = now - woken_ms_ < kBusyTickMs && waited_ms_ < kBusyTickMs;
+    next_tick_ = now + (busy || (waiting_ && waiting_->any()) ? kBusyTickMs : kIdleTickMs);
     if (!options_.system && guard_.all_ended())
         end_with(kGone);
 }
@@ -336,17 +266,12 @@ void Session::check_findings()
         end_with(kError);
     }
     const uint64_t left_out = findings.left_out();
-    const bool is_retry = !findings.retry_failed.empty() && told_.insert(findings.retry_failed).second;
-    if (left_out == 0 && !is_retry)
+    if (left_out == 0)
         return;
     Facts facts = gather_facts();
     facts.max_dentries = max_dentries(options_);
-    if (left_out) {
-        reporter_.loss("watches", left_out);
-        complain(explain_left_out("", findings, left_out, facts));
-    }
-    if (is_retry)
-        complain(explain_retry(findings, facts));
+    reporter_.loss("watches", left_out);
+    complain(explain_left_out("", findings, left_out, facts));
 }
 
 // The time begins anew with each event that is shown, not with those that a filter hides.

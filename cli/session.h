@@ -7,7 +7,6 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <set>
 #include <string>
 #include <vector>
 
@@ -16,6 +15,7 @@
 #include "log_watch.h"
 #include "losses.h"
 #include "module.h"
+#include "mount_guard.h"
 #include "options.h"
 #include "placer.h"
 #include "plan.h"
@@ -24,6 +24,7 @@
 #include "roots.h"
 #include "system_watch.h"
 #include "tree_keeper.h"
+#include "waiting.h"
 
 namespace cli
 {
@@ -50,8 +51,16 @@ private:
     void establish();
     bool keep_tree();
     void note_container(const std::vector<std::string> &paths) const;
-    void note_start(const std::vector<std::string> &paths, uint64_t directories) const;
-    void report_end(const Root &root, const char *reason);
+    void note_start(const Established &all) const;
+    bool tell_start();
+    void wait_for_paths();
+    void follow_root(const std::string &path);
+    void report_appearance(const std::string &path);
+    void report_absence(const std::string &path, const char *reason);
+    void report_end(Root &root, const char *reason);
+    void look_at_paths();
+    void look_at_mounts();
+    void report_mount(const std::string &point);
 
     void loop();
     void follow_new_directories();
@@ -75,13 +84,15 @@ private:
     Reporter reporter_;
     Module module_ = {};
     Plan plan_;
+    std::unique_ptr<Placer> placer_;          /* null: nothing is placed yet, or the whole system is watched */
+    std::unique_ptr<Waiting> waiting_;        /* as placer_ */
     std::unique_ptr<TreeKeeper> keeper_;      /* null: nothing is watched recursively */
     std::unique_ptr<SystemWatch> system_;     /* null: paths are watched */
     std::unique_ptr<DumpServer> dump_server_; /* null: not started yet */
     RootGuard guard_;
+    MountGuard mounts_;
     Batch batch_;
     std::atomic<uint64_t> in_hand_ = 0; /* events of the batch that may not have been written yet */
-    std::set<std::string> told_;        /* paths that appeared and could not be watched */
     Losses losses_;
     int mount_table_ = -1; /* readable, in poll's sense, when mounts have changed */
 

@@ -60,6 +60,16 @@ int TreeKeeper::start()
     return instance_;
 }
 
+void TreeKeeper::add_root(const std::string &path)
+{
+    if (std::find(roots_.begin(), roots_.end(), path) == roots_.end())
+        roots_.push_back(path);
+}
+
+// A walk marks what it finds with all that the watches above want, but where it starts it adds its own kinds only: so
+// it starts one above.
+void TreeKeeper::again(const std::string &path) { again_.push_back(parent_of(path)); }
+
 // A walk from a directory covers all that is below it now, so those need no walk of their own; what is made later makes
 // an event, since its parent is marked by then.
 void TreeKeeper::run()
@@ -71,6 +81,8 @@ void TreeKeeper::run()
         uint64_t count;
         [[maybe_unused]] const ssize_t n = read(wake_.get(), &count, sizeof count);
     }
+    for (const std::string &path : std::exchange(again_, {}))
+        complete(path);
     sort_as_tree(made);
     std::string walked;
     for (const std::string &path : made) {

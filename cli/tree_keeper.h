@@ -36,6 +36,12 @@ public:
     /* That directory is new in the tree: to be looked at by the next run(). From any thread. */
     void made(std::string_view path);
 
+    void add_root(const std::string &path);
+
+    /* What stands at that path is another directory than before, or was not marked: the next run() marks it and all
+     * below it as the watches above want. From the thread of run(). */
+    void again(const std::string &path);
+
     /* Looks at what was made since the last run. */
     void run();
 
@@ -46,9 +52,10 @@ private:
     void complete(const std::string &path);
 
     const Module &module_;
-    const std::vector<std::string> roots_;
+    std::vector<std::string> roots_;
     const uint32_t max_depth_;
     int instance_ = -1;
+    std::vector<std::string> again_; /* folders to be walked whatever they hold */
     common::Fd wake_;
     std::mutex lock_;
     std::vector<std::string> made_; /* under lock_ */

@@ -275,6 +275,8 @@ bool Watch::is_own_reading(const Json &event) const
 
 void Watch::take(const Json &event, Paths &seen)
 {
+    if (event["type"] == "appeared" || event["type"] == "ended")
+        return;
     EXPECT_EQ(event["type"], "event") << event;
     if (event["type"] != "event" || is_own_reading(event))
         return;

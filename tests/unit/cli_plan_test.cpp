@@ -138,25 +138,34 @@ TEST(CliPlan, pid_makes_two_watches)
     EXPECT_EQ(plan.watches[1].mask & 0x3bu, 0u);
 }
 
-TEST(CliPlan, a_missing_path_waits_as_either_kind)
+TEST(CliPlan, a_missing_path_and_a_pattern_have_no_watch_yet)
 {
     const Folder folder;
-    const Plan plan = plan_of({"--wait", folder.path("x")});
-    ASSERT_EQ(plan.watches.size(), 2u);
-    EXPECT_EQ(plan.watches[0].flags, uint32_t{FMON_DIR | FMON_DELETED});
-    EXPECT_EQ(plan.watches[1].flags, uint32_t{FMON_FILE | FMON_DELETED});
-    EXPECT_NE(plan.watches[0].instance, plan.watches[1].instance);
-    EXPECT_TRUE(plan.roots[0].waits);
+    const Plan missing = plan_of({"--wait", folder.path("x")}), pattern = plan_of({folder.path("*/log")});
+    for (const Plan &plan : {missing, pattern}) {
+        EXPECT_TRUE(plan.watches.empty());
+        ASSERT_EQ(plan.instances.size(), 1u);
+        EXPECT_EQ(plan.instances[0].name, "watch");
+        EXPECT_TRUE(plan.roots[0].waits);
+    }
 }
 
-TEST(CliPlan, a_pattern_takes_either_kind_without_waiting)
+TEST(CliPlan, watches_are_by_what_is_there)
 {
     const Folder folder;
-    const Plan plan = plan_of({folder.path("*/log")});
-    ASSERT_EQ(plan.watches.size(), 2u);
-    EXPECT_EQ(plan.watches[0].flags, uint32_t{FMON_DIR});
-    EXPECT_EQ(plan.watches[1].flags, uint32_t{FMON_FILE});
-    EXPECT_EQ(plan.watches[0].path, folder.path("*/log"));
+    Root root;
+    root.path = folder.file("f");
+    root.identity = identify(root.path);
+    const WatchOptions options = parse({"-r", "/"}).options;
+    ASSERT_EQ(watches_of(options, root, 7).size(), 1u);
+    EXPECT_EQ(watches_of(options, root, 7)[0].flags, uint32_t{FMON_FILE});
+    EXPECT_EQ(watches_of(options, root, 7)[0].root, 7u);
+    root.identity = identify(folder.root());
+    EXPECT_EQ(watches_of(options, root, 7)[0].flags, uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC});
+    root.identity = identify("/dev/null");
+    EXPECT_TRUE(watches_of(options, root, 7).empty());
+    root.identity = identify(folder.path("gone"));
+    EXPECT_TRUE(watches_of(options, root, 7).empty());
 }
 
 TEST(CliPlan, names_fit_into_an_instance)

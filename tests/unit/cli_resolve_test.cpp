@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include "cli_testing.h"
+#include "mount_guard.h"
 
 using namespace cli;
 using cli_testing::Folder;
@@ -67,4 +68,27 @@ TEST(CliResolve, matches_of_a_pattern)
     folder.dir("c");
     EXPECT_EQ(matches_of(folder.path("*/log")), (std::vector<std::string>{folder.path("a/log"), folder.path("b/log")}));
     EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
+}
+
+TEST(CliMountGuard, changes_inside_a_tree_are_told_once)
+{
+    std::vector<std::string> told;
+    MountGuard guard([&](const std::string &point) { told.push_back(point); });
+    Root root;
+    root.watched = "/a";
+    const auto mount = [](uint64_t id, const char *point) {
+        Mount made;
+        made.id = id;
+        made.point = point;
+        return made;
+    };
+    const std::vector<Mount> before = {mount(1, "/"), mount(2, "/a"), mount(3, "/a/b")};
+    guard.look(before, {root});
+    guard.look(before, {root});
+    EXPECT_TRUE(told.empty());
+    guard.look({mount(1, "/"), mount(4, "/a"), mount(5, "/a/b"), mount(6, "/ab"), mount(7, "/a/c/d")}, {root});
+    EXPECT_EQ(told, (std::vector<std::string>{"/a/b", "/a/c/d"}));
+    root.watched.clear();
+    guard.look(before, {root});
+    EXPECT_EQ(told.size(), 2u);
 }

@@ -1,0 +1,102 @@
+/*
+ * File systems that come and go below, at and above what is watched: each change is told, and what is waited for is
+ * taken up again. In a mount namespace of its own.
+ */
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+
+#include "harness.h"
+#include "stranger.h"
+
+using namespace systest;
+using testlib::TempTree;
+
+namespace
+{
+
+class MountChanges : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        own_mounts = unshare(CLONE_NEWNS) == 0 && ::mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+    }
+    void SetUp() override
+    {
+        if (!own_mounts)
+            GTEST_SKIP() << "needs root, for a mount namespace";
+    }
+    void TearDown() override
+    {
+        while (umount2(dir.c_str(), MNT_DETACH) == 0) {
+        }
+        umount2((dir + "/sub").c_str(), MNT_DETACH);
+    }
+    /* The next record of that type, others skipped. */
+    Json record(Watch &watch, const std::string &type)
+    {
+        const int64_t deadline = now_ms() + kPatienceMs;
+        while (now_ms() < deadline)
+            if (auto object = watch.next(500); object && (*object)["type"] == type)
+                return *object;
+        ADD_FAILURE() << "no " << type << " " << watch.process().errors();
+        return {};
+    }
+    /* Makes files in a folder until one is told. */
+    bool is_watched(Watch &watch, const std::string &folder)
+    {
+        return !watch.until_reported([&](int round) { make_file(folder + "/file" + std::to_string(round)); }).empty();
+    }
+
+    static inline bool own_mounts = false;
+    TempTree tree;
+    std::string dir = tree.dir("dir");
+};
+
+TEST_F(MountChanges, AWatchedDirectoryIsCovered)
+{
+    Watch watch(dir, {"-e", "create"});
+    watch.established();
+    mount_tmpfs(dir);
+    const Json ended = record(watch, "ended");
+    EXPECT_EQ(ended["path"], dir);
+    EXPECT_EQ(ended["reason"], "covered");
+    EXPECT_NE(watch.process().wait(), 0);
+}
+
+TEST_F(MountChanges, WhatIsWaitedForIsTakenUpAnew)
+{
+    Watch watch(dir, {"-r", "--wait", "-e", "create"});
+    watch.established();
+    mount_tmpfs(dir);
+    EXPECT_EQ(record(watch, "ended")["reason"], "covered");
+    EXPECT_EQ(record(watch, "appeared")["path"], dir);
+    EXPECT_TRUE(is_watched(watch, dir));
+    unmount(dir);
+    EXPECT_EQ(record(watch, "ended")["reason"], "unmounted");
+    EXPECT_EQ(record(watch, "appeared")["path"], dir);
+    EXPECT_TRUE(is_watched(watch, dir));
+    EXPECT_EQ(watch.stop(), 0);
+}
+
+TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
+{
+    const std::string sub = tree.dir("dir/sub");
+    Watch watch(dir, {"-r", "-e", "create,close_write"});
+    watch.established();
+    mount_tmpfs(sub);
+    Json loss = record(watch, "loss");
+    EXPECT_EQ(loss["source"], "watches");
+    EXPECT_EQ(loss["path"], sub);
+    EXPECT_TRUE(is_watched(watch, sub));
+    watch.barrier(sub);
+    unmount(sub);
+    loss = record(watch, "loss");
+    EXPECT_EQ(loss["path"], sub);
+    EXPECT_TRUE(is_watched(watch, sub));
+    watch.barrier(sub);
+    EXPECT_EQ(watch.stop(), 0);
+}
+
+}  // namespace
