@@ -31,7 +31,7 @@ constexpr int FMON_LINUX_EPATH = -117;
 
 /* Internal watch flags: no other watch keeps this mark; the path is an open descriptor's, below /proc. */
 #define FMON_LINUX_LAST_MARK 0x40000u
-#define FMON_LINUX_OPENED 0x80000u
+#define FMON_LINUX_OPENED 0x100000u
 
 /* What fanotify can report. */
 constexpr uint32_t FMON_LINUX_FANOTIFY_KINDS =
@@ -92,6 +92,7 @@ struct fmlnx_t {
     /* Fanotify marks that stayed on what left the cached tree, and those of them that no handle opens. */
     uint64_t stale_marks, marks_out_of_reach;
     uint32_t last_sweep, sweep_wait, making_room; /* ms, ms, 1 meanwhile */
+    uint32_t last_check;                          /* of watched directories' places, ms */
     struct seq_table seq;
     list_head mounts;
     uint64_t unknown_wd_count, ino_overflow, fan_overflow;
@@ -195,6 +196,10 @@ void fmon_linux_collect(struct dentry *);
  * again. */
 void fmon_linux_departed(struct dentry *child);
 void fmon_linux_removed(struct dentry *child);
+
+/* Every tbd_interval: a watched directory that was removed and made again while somebody holds the former one, in a
+ * directory that is not watched, is told of by no event. What is at such a path is marked; one a call. */
+void fmon_linux_check_places(uint32_t now_ms);
 
 /* Of the kinds that inotify told of the dentry itself, those that are not there only to notice the end of a file. */
 uint32_t fmon_linux_told(struct dentry *, uint32_t kinds);

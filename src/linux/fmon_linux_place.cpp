@@ -3,7 +3,9 @@
  * object and the index of inodes says which, whatever has the name by then.
  */
 #include <fcntl.h>
+#include <linux/openat2.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -22,6 +24,21 @@ constexpr char kFile[] = "linux/fmon_linux.c";
 constexpr int kOpen = O_PATH | O_NOFOLLOW | O_CLOEXEC;
 
 int open_flags(uint32_t watch_flags) { return (watch_flags & FMON_DIR) ? kOpen | O_DIRECTORY : kOpen; }
+
+/* By a path without a link in it, where the watch demands that; kernels before 5.6, and containers that do not let the
+ * call through, know no such opening, and have the path as it was when the watch was added. */
+int open_path(const char *path, uint32_t watch_flags)
+{
+    if ((watch_flags & FMON_NO_LINKS) && !g_container_flag) {
+        struct open_how how = {};
+        how.flags = static_cast<uint64_t>(open_flags(watch_flags));
+        how.resolve = RESOLVE_NO_SYMLINKS;
+        int fd = static_cast<int>(syscall(SYS_openat2, AT_FDCWD, path, &how, sizeof(how)));
+        if (fd >= 0 || (errno != ENOSYS && errno != EPERM))
+            return fd;
+    }
+    return open(path, open_flags(watch_flags));
+}
 
 /* Kernels before 3.6 refuse the plain call for a descriptor that gives no access. */
 bool look(int fd, struct stat *st)
@@ -68,13 +85,14 @@ int settle(struct fmon_place *at, struct dentry *d, int fd)
     return 0;
 }
 
-/* The directory, when it still is where its dentry says; else -1. */
+/* The directory, when it still is where its dentry says, or, where that is not known, by no link; else -1. */
 int open_parent(struct dentry *d)
 {
     const char *path = dentry_path_null(d);
-    int fd = path ? open(path, kOpen | O_DIRECTORY) : -1;
+    bool known = d->owner_bits & DENTRY_INDEXED;
+    int fd = path ? open_path(path, known ? FMON_DIR : FMON_DIR | FMON_NO_LINKS) : -1;
     struct stat st;
-    if (look(fd, &st) && (!(d->owner_bits & DENTRY_INDEXED) || inode_index_is(d, st.st_dev, st.st_ino)))
+    if (look(fd, &st) && (!known || inode_index_is(d, st.st_dev, st.st_ino)))
         return fd;
     if (fd >= 0) {
         close(fd);
@@ -92,7 +110,7 @@ int fmon_linux_place_open(struct fmon_place *at, struct dentry *d, uint32_t flag
     if (!fmlnx.by_descriptor)
         return 0;
     const char *path = dentry_path_null(d);
-    return path ? settle(at, d, open(path, open_flags(flags))) : FMON_LINUX_EPATH;
+    return path ? settle(at, d, open_path(path, flags)) : FMON_LINUX_EPATH;
 }
 
 int fmon_linux_place_open_at(struct fmon_place *at, struct dentry *d, int parent_fd)

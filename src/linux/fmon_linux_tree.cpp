@@ -1,6 +1,8 @@
 /* Keeping the cached tree and the kernel marks in step: subtrees that are watched, unwatched, moved, made or gone. */
 #include <sys/stat.h>
 
+#include <climits>
+#include <cstdlib>
 #include <cstring>
 
 #include "event.h"
@@ -304,6 +306,38 @@ void fmon_linux_departed(struct dentry *child)
         fmon_linux_new_subdir(child->parent, dentry_name(child), 1);
     else
         fmon_linux_moved_away(child);
+}
+
+namespace
+{
+
+/* Whether another directory is at the watch's path, by no way but directories: who put a link there decides nothing. */
+bool was_replaced(const struct watch *w)
+{
+    char resolved[PATH_MAX];
+    return w->dentry && w->dentry->parent && (w->flags & FMON_DIR) &&
+           fmon_linux_in_place(w->dentry) == PLACE_OTHER_DIR && realpath(w->path, resolved) &&
+           strcmp(resolved, w->path) == 0;
+}
+
+}  // namespace
+
+void fmon_linux_check_places(uint32_t now_ms)
+{
+    if (!fmlnx.by_descriptor || now_ms - fmlnx.last_check < fmon.tbd_interval)
+        return;
+    fmlnx.last_check = now_ms;
+    for (int id = 0; id < FMON_MAX_INSTANCES; id++) {
+        if (!(fmon.inst_mask & instance_bit(id)))
+            continue;
+        FMON_LIST_EACH (node, &fmon.instances[id].watches) {
+            const struct watch *w = FMON_RECORD(node, struct watch, inst_link);
+            if (!was_replaced(w))
+                continue;
+            fmon_linux_departed(w->dentry);
+            return; /* watches below may be gone from the list */
+        }
+    }
 }
 
 void fmon_linux_removed(struct dentry *child)

@@ -243,6 +243,20 @@ TEST_F(Blinding, WhatCannotBeWatchedTakesNoRoom)
     EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
 }
 
+TEST_F(Blinding, ADirectoryMadeAgainWhileItIsHeldIsWatched)
+{
+    std::string d = tree.dir("d");
+    Watch watch(d, {"-e", "create,modify,close_write", "--set", "tbd_interval=1000"});
+    watch.established();
+    int held = open(d.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+    remove_dir(d);
+    make_dir(d);
+    Paths seen = watch.until_reported([&](int round) { make_file(d + "/f" + std::to_string(round)); });
+    EXPECT_FALSE(seen.empty());
+    close(held);
+    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+}
+
 TEST_F(Blinding, AFileReplacedByARenameIsWatchedAgain)
 {
     std::string f = tree.file("f"), fresh = tree.path("fresh");

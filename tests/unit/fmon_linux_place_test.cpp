@@ -340,6 +340,53 @@ TEST_F(Place, ADirectoryMadeAgainWhileTheOldOneIsHeldIsMarked)
     EXPECT_EQ(0U, fmlnx.unknown_wd_count);
 }
 
+TEST_F(Place, ADirectoryMadeAgainWhereNothingElseIsWatchedIsFound)
+{
+    tree.dir("t/d/e");
+    ASSERT_EQ(0, m.add(tree.path("t/d"), FMON_CREATE, kTree));
+    ASSERT_EQ(0, fmon_add_watch(m.id2, tree.path("t/d/e").c_str(), FMON_ATTRIB, FMON_DIR | FMON_DELETED, 0, 0));
+    hold("t/d");
+    tree.remove("t/d");
+    tree.dir("t/d/f");
+    pump_all();
+    EXPECT_EQ(0U, heard("t/d"));
+    fmon_linux_check_places(fmon.tbd_interval - 1);
+    EXPECT_EQ(0U, heard("t/d"));
+    fmon_linux_check_places(fmon.tbd_interval);
+    EXPECT_NE(0U, heard("t/d"));
+    EXPECT_NE(0U, heard("t/d/f"));
+    EXPECT_FALSE(cached(tree.path("t/d/e")));
+    EXPECT_FALSE(list_empty(&fmon.tbd)) << "what was watched below waits for its path";
+}
+
+TEST_F(Place, AnAncestorThatBecameALinkDecidesNothing)
+{
+    tree.dir("t/p/d");
+    tree.dir("outside/d/in");
+    ASSERT_EQ(0, m.add(tree.path("t/p/d"), FMON_CREATE, kTree));
+    move("t/p", "t/q");
+    tree.link("t/p", tree.path("outside"));
+    fmon_linux_check_places(fmon.tbd_interval);
+    EXPECT_EQ(1U, kernel_watches().size());
+    EXPECT_EQ(0U, heard("t/p/d"));
+}
+
+TEST_F(Place, AWatchThatDemandsItIsPlacedByNoLink)
+{
+    tree.dir("t/real/d");
+    tree.link("t/link", tree.path("t/real"));
+    std::string path = tree.path("t/link/d");
+    struct watch w = {};
+    w.mask = FMON_CREATE;
+    w.flags = FMON_DIR | FMON_NO_LINKS;
+    w.path = path.data();
+    EXPECT_EQ(FMON_ENOENT, fmon_linux_add_watch(&fmon, &w));
+    EXPECT_TRUE(kernel_watches().empty());
+    w.flags = FMON_DIR;
+    EXPECT_EQ(0, fmon_linux_add_watch(&fmon, &w));
+    EXPECT_EQ(0, fmon_linux_del_watch(&fmon, &w));
+}
+
 TEST_F(Place, ADirectoryThatCameBackIsKept)
 {
     tree.dir("t/a/b");
