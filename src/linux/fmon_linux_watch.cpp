@@ -118,6 +118,7 @@ int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
     }
     /* The node may still hold its neighbours in the list of waiting watches, whose owner splices them: overwrite it. */
     list_add_tail(&w->link, &owner_of(d)->watches);
+    fmlnx.marks_out_of_reach = 0; /* its file system may be that of marks which no handle could reach */
     return 0;
 }
 

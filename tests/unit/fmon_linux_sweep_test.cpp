@@ -163,6 +163,22 @@ TEST_F(Sweep, WithoutHandlesTheMarksStayAndAreNotSoughtAgain)
     EXPECT_TRUE(removed().empty()) << "no new ones";
 }
 
+/* A path that was replaced from above: between the deletion of its watch and the next one nothing is watched on its
+ * file system, so that no handle can be opened. */
+TEST_F(Sweep, WhatWasOutOfReachIsSoughtFromANewWatch)
+{
+    move("t", "replaced");
+    ASSERT_EQ(0, m.del(t));
+    fmon_linux_sweep_marks(0);
+    EXPECT_TRUE(removed().empty());
+    EXPECT_NE(0U, fmlnx.stale_marks);
+    tree.dir("t");
+    ASSERT_EQ(0, m.add(t, FMON_MODIFY, kTree));
+    fmon_linux_sweep_marks(100000);
+    EXPECT_EQ((std::vector<std::string>{"replaced", "replaced/a", "replaced/a/b", "replaced/c"}), removed());
+    EXPECT_EQ(0U, fmlnx.stale_marks);
+}
+
 TEST_F(Sweep, AtTheLimitWhatIsInReachMakesRoom)
 {
     move("t/c", "gone2");
