@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
 #include <future>
 #include <thread>
@@ -159,6 +160,38 @@ TEST_F(Thread, ACallThatIsInsideIsAwaited)
     }
     caller.join();
     releaser.join();
+}
+
+/* Clients know nothing of ends and starts. */
+TEST_F(Thread, CallsComeAtAnyTime)
+{
+    std::atomic<bool> stop = false;
+    std::vector<std::thread> clients;
+    for (int n = 0; n < 4; n++)
+        clients.emplace_back([&, n] {
+            const std::string name = "client " + std::to_string(n);
+            while (!stop) {
+                const int id = _orx_fmon_create_instance(name.c_str(), nullptr);
+                _orx_fmon_add_watch(static_cast<uint32_t>(id), tree.root().c_str(), FMON_CREATE, FMON_DIR, 0, 0);
+                struct fmon_status status = {};
+                status.size = sizeof status;
+                _orx_fmon_status(&status);
+                if (id >= 0)
+                    _orx_fmon_del_instance(static_cast<uint32_t>(id));
+            }
+        });
+    for (int i = 0; i < 30; i++) {
+        turns(1);
+        start();
+    }
+    stop = true;
+    for (std::thread &client : clients)
+        client.join();
+    turns(0);
+    start(); /* what was deleted while it was stopped goes here */
+    EXPECT_EQ(0, fmon_shell.row_count);
+    EXPECT_EQ(0u, fmon.inst_mask);
+    EXPECT_EQ(0u, fmon_shell.inside);
 }
 
 TEST_F(Thread, EndsWithoutALock)
