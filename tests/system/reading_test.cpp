@@ -122,6 +122,35 @@ TEST(Reading, RenamingOntoEmptyDirectoriesIsNoLoss)
     EXPECT_FALSE(loss);
 }
 
+/* Of the creation inotify tells, of the writing fanotify. */
+TEST(Reading, PathsThatAreTooLongAreLosses)
+{
+    NEED(testlib::can_fanotify(), "fanotify needs root");
+    TempTree tree;
+    std::string below;
+    while (tree.path(below).size() < 900)
+        below += std::string(100, 'd') + "/";
+    const std::string dir = tree.dir(below + "e"), file = dir + "/" + std::string(200, 'f');
+    Watch watch(tree.root(), {"-r", "-e", "create,close_write"});
+    watch.established();
+    make_file(file);
+    make_file(tree.path("last"));
+    uint64_t lost = 0;
+    bool last = false;
+    EXPECT_TRUE(read_until(watch, [&](const Json &object) {
+        const std::string path = object.value("path", "");
+        if (is_loss(object, "path")) {
+            EXPECT_EQ(file.substr(0, 1023), path);
+            lost += object.value("count", 0u);
+        } else {
+            EXPECT_NE(file.substr(0, dir.size()), path.substr(0, dir.size()));
+        }
+        last |= path == tree.path("last");
+        return lost >= 2 && last;
+    })) << lost;
+    EXPECT_EQ(2u, lost);
+}
+
 /* ---- whose path it is ---- */
 
 /* In a namespace of his own a stranger mounts a file of his over another's: the kernel tells the other's path. */
