@@ -67,6 +67,7 @@ int _orx_fmon_create_instance(const char *name, fmon_client_cb cb)
     const ShellLock lock;
     if (!lock)
         return FMON_ENOTINIT;
+    const ShellRows rows;
     if (fmon_shell.row_count >= FMON_MAX_INSTANCES)
         return -1;
     const int id = fmon_create_instance(name);
@@ -80,6 +81,7 @@ int _orx_fmon_del_instance(uint32_t id)
     const ShellLock lock;
     if (!lock)
         return delete_while_closed(id);
+    const ShellRows rows;
     const int index = find_row(id);
     if (index < 0)
         return -1;

@@ -11,7 +11,7 @@
 namespace
 {
 
-/* Of the table's rows while the gate is closed; opening it takes turns with who holds this. */
+/* Of the table's rows where there may be no lock; opening the gate takes turns with who holds this. */
 pthread_mutex_t rows_mutex = PTHREAD_MUTEX_INITIALIZER;
 
 /* A long call is waited for at the lock that it holds. */

@@ -63,7 +63,8 @@ public:
     ShellClosed &operator=(const ShellClosed &) = delete;
 };
 
-/* Holds the table's rows while it lives and calls are turned away. False: they no longer are. */
+/* Holds the table's rows while it lives, for clients' calls that change them: some do so without the monitor lock,
+ * while others that came before the gate was closed still have it. True: calls are turned away. */
 class ShellRows
 {
 public:
