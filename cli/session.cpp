@@ -172,13 +172,17 @@ void Session::handle_batch()
     // Trees first: what happens in a new directory is seen only once it is marked.
     if (keeper_)
         follow_new_directories();
+    bool readable = false;
     for (size_t i = 0; i < batch_.size() && !reporter_.finished(); i++) {
         const Event event = batch_.event(i);
         reporter_.event(event);
         guard_.event(event.path, event.mask);
         if (waiting_)
             waiting_->event(event.path, event.mask);
+        readable |= (event.mask & FMON_ATTRIB) && unreadable_.knows(event.path);
     }
+    if (readable)
+        look_at_unreadable();
     reporter_.flush();
     in_hand_ = 0;
     next_tick_ = std::min(next_tick_, steady_ms() + kBusyTickMs);
@@ -235,9 +239,11 @@ void Session::tick(uint64_t now)
     check_losses();
     check_findings();
     look_at_paths();
+    look_at_unreadable();
     reporter_.flush();
     const bool busy = now - woken_ms_ < kBusyTickMs && waited_ms_ < kBusyTickMs;
-    next_tick_ = now + (busy || (waiting_ && waiting_->any()) ? kBusyTickMs : kIdleTickMs);
+    const bool looks = (waiting_ && waiting_->any()) || unreadable_.any();
+    next_tick_ = now + (busy || looks ? kBusyTickMs : kIdleTickMs);
     if (!options_.system && guard_.all_ended())
         end_with(kGone);
 }
@@ -260,17 +266,19 @@ void Session::check_findings()
 {
     if (!log_.any())
         return;
-    const Findings findings = log_.take();
+    Findings findings = log_.take();
     if (findings.monitor_ended) {
         complain("the monitor has stopped: " + findings.last_error);
         end_with(kError);
     }
-    const uint64_t left_out = findings.left_out();
+    std::string first;
+    const uint64_t left_out = tell_left_out(findings.left_out(), first);
     if (left_out == 0)
         return;
+    if (findings.first_unreadable.empty())
+        findings.first_unreadable = first;
     Facts facts = gather_facts();
     facts.max_dentries = max_dentries(options_);
-    reporter_.loss("watches", left_out);
     complain(explain_left_out("", findings, left_out, facts));
 }
 

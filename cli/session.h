@@ -24,6 +24,7 @@
 #include "roots.h"
 #include "system_watch.h"
 #include "tree_keeper.h"
+#include "unreadable.h"
 #include "waiting.h"
 
 namespace cli
@@ -60,6 +61,8 @@ private:
     void report_end(Root &root, const char *reason);
     void look_at_paths();
     void look_at_mounts();
+    void look_at_unreadable();
+    uint64_t tell_left_out(uint64_t count, std::string &first);
     void report_mount(const std::string &point);
 
     void loop();
@@ -91,6 +94,7 @@ private:
     std::unique_ptr<DumpServer> dump_server_; /* null: not started yet */
     RootGuard guard_;
     MountGuard mounts_;
+    Unreadable unreadable_;
     Batch batch_;
     std::atomic<uint64_t> in_hand_ = 0; /* events of the batch that may not have been written yet */
     Losses losses_;

@@ -1,6 +1,8 @@
 /* The part of a session that is about paths: placing, waiting, new directories, mounts. */
 #include <unistd.h>
 
+#include <algorithm>
+
 #include "message.h"
 #include "orx_fmon.h"
 #include "session.h"
@@ -20,11 +22,18 @@ TreeKeeper *g_keeper; /* of the one session; set before the monitor's thread can
 
 void on_new_watch(const char *path) { g_keeper->made(path); }
 
+Unreadable *g_unreadable; /* as g_keeper */
+
+void on_refusal(const char *path) { g_unreadable->refused(path); }
+
 }  // namespace
 
 // Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
 bool Session::place()
 {
+    g_unreadable = &unreadable_;
+    if (options_.recursive && !options_.mount)
+        listen_to_refusals(on_refusal);
     placer_ = std::make_unique<Placer>(options_, module_, log_, plan_);
     {
         const StopAtOnce at_once;
@@ -45,8 +54,8 @@ bool Session::tell_start()
             (root.pattern || !root.watched.empty() ? all.paths : all.missing).push_back(root.path);
     }
     reporter_.established(all);
-    if (placer_->left_out())
-        reporter_.loss("watches", placer_->left_out());
+    std::string first;
+    tell_left_out(placer_->left_out(), first);
     reporter_.flush();
     if (!reporter_.has_records())
         note_start(all);
@@ -152,6 +161,33 @@ void Session::report_mount(const std::string &point)
     reporter_.loss("watches", 1, point);
     complain("a file system came or went at " + point + ": what happened below it until now was not seen");
     keeper_->again(point);
+}
+
+// One record for each directory that is known by name, and one for all others. Those that were told are not told again.
+uint64_t Session::tell_left_out(uint64_t count, std::string &first)
+{
+    const Unreadable::News news = unreadable_.take();
+    uint64_t told = 0;
+    for (const std::string &path : news.paths) {
+        const auto given = [&](const Root &root) { return root.path == path || root.watched == path; };
+        if (std::any_of(plan_.roots.begin(), plan_.roots.end(), given))
+            continue; /* refused as a whole, which is said elsewhere */
+        reporter_.loss("watches", 1, path);
+        if (told++ == 0)
+            first = path;
+    }
+    const uint64_t rest = count - std::min(count, told + news.repeated);
+    if (rest)
+        reporter_.loss("watches", rest);
+    return told + rest;
+}
+
+void Session::look_at_unreadable()
+{
+    if (!keeper_ || !unreadable_.any())
+        return;
+    unreadable_.look([this](const std::string &path) { keeper_->again(path); });
+    keeper_->run();
 }
 
 void Session::look_at_paths()

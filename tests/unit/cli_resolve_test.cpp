@@ -5,6 +5,7 @@
 
 #include "cli_testing.h"
 #include "mount_guard.h"
+#include "unreadable.h"
 
 using namespace cli;
 using cli_testing::Folder;
@@ -68,6 +69,32 @@ TEST(CliResolve, matches_of_a_pattern)
     folder.dir("c");
     EXPECT_EQ(matches_of(folder.path("*/log")), (std::vector<std::string>{folder.path("a/log"), folder.path("b/log")}));
     EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
+}
+
+TEST(CliUnreadable, is_named_once_until_it_may_be_read)
+{
+    const Folder folder;
+    const std::string a = folder.dir("a"), gone = folder.path("gone"), file = folder.file("f");
+    Unreadable unreadable;
+    for (const std::string &path : {a, gone, a})
+        unreadable.refused(path);
+    const Unreadable::News news = unreadable.take();
+    EXPECT_EQ(news.paths, (std::vector<std::string>{a, gone}));
+    EXPECT_EQ(news.repeated, 1u);
+    EXPECT_TRUE(unreadable.take().paths.empty());
+    EXPECT_TRUE(unreadable.knows(a));
+    std::vector<std::string> readable;
+    unreadable.look([&](const std::string &path) { readable.push_back(path); });
+    EXPECT_EQ(readable, (std::vector<std::string>{a}));
+    EXPECT_FALSE(unreadable.any());
+}
+
+TEST(CliUnreadable, no_more_than_so_many_are_known)
+{
+    Unreadable unreadable;
+    for (size_t i = 0; i < Unreadable::kMost + 5; i++)
+        unreadable.refused("/x" + std::to_string(i));
+    EXPECT_EQ(unreadable.take().paths.size(), Unreadable::kMost);
 }
 
 TEST(CliMountGuard, changes_inside_a_tree_are_told_once)

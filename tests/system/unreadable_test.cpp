@@ -1,0 +1,95 @@
+/* Directories that the user of `fmon watch` may not read: named, and watched as soon as they may be. */
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <filesystem>
+
+#include "harness.h"
+#include "stranger.h"
+
+using namespace systest;
+using testlib::TempTree;
+
+namespace
+{
+
+/* `fmon watch` as a user without rights: every permission counts for it. */
+class Unreadable : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        if (!can_be_stranger())
+            GTEST_SKIP() << "needs root, and a folder of temporary files that others may enter";
+        home = strangers_dir(tree, "home");
+        setenv("TMPDIR", strangers_dir(tree, "scratch").c_str(), 1);
+    }
+    void TearDown() override { setenv("TMPDIR", tmpdir.c_str(), 1); }
+    /* Becomes the stranger for good: each case runs in a child. */
+    void as_user(const std::function<void()> &body) { EXPECT_TRUE(run(as_stranger(body), 60000)); }
+
+    static Json record(Watch &watch, const std::string &type)
+    {
+        const int64_t deadline = now_ms() + kPatienceMs;
+        while (now_ms() < deadline)
+            if (auto object = watch.next(500); object && (*object)["type"] == type)
+                return *object;
+        ADD_FAILURE() << "no " << type << " " << watch.process().errors();
+        return {};
+    }
+    static bool is_watched(Watch &watch, const std::string &folder)
+    {
+        return !watch.until_reported([&](int round) { make_file(folder + "/file" + std::to_string(round)); }).empty();
+    }
+
+    TempTree tree;
+    std::string home, tmpdir = getenv("TMPDIR") ? getenv("TMPDIR") : "/tmp";
+};
+
+TEST_F(Unreadable, IsNamedAtTheStartAndWatchedLater)
+{
+    as_user([this] {
+        make_dir(home + "/closed");
+        make_dir(home + "/closed/below");
+        change_mode(home + "/closed", 0);
+        Watch watch(home, {"-r", "-e", "create"});
+        watch.established();
+        const Json loss = record(watch, "loss");
+        EXPECT_EQ(loss["source"], "watches");
+        EXPECT_EQ(loss["path"], home + "/closed");
+        EXPECT_EQ(loss["count"], 1);
+        change_mode(home + "/closed", 0700);
+        EXPECT_TRUE(is_watched(watch, home + "/closed"));
+        EXPECT_TRUE(is_watched(watch, home + "/closed/below"));
+        EXPECT_EQ(watch.stop(), 0);
+    });
+}
+
+TEST_F(Unreadable, IsNamedAtRunTimeOnce)
+{
+    as_user([this] {
+        Watch watch(home, {"-r", "-e", "create,attrib"});
+        watch.established();
+        EXPECT_EQ(0, mkdir((home + "/closed").c_str(), 0));
+        const Json loss = record(watch, "loss");
+        EXPECT_EQ(loss["path"], home + "/closed");
+        EXPECT_EQ(loss["count"], 1);
+        pause_ms(2500);
+        const std::string said = watch.process().errors();
+        EXPECT_NE(said.find(home + "/closed"), std::string::npos) << said;
+        EXPECT_EQ(said.find("fmon:"), said.rfind("fmon:")) << said;
+        change_mode(home + "/closed", 0700);
+        pause_ms(1500);
+        make_file(home + "/closed/seen");
+        Names told;
+        while (auto object = watch.next(1000)) {
+            EXPECT_NE((*object)["type"], "loss") << *object;
+            told.insert(object->value("path", ""));
+        }
+        EXPECT_TRUE(told.count(home + "/closed/seen"));
+        EXPECT_EQ(watch.stop(), 0);
+    });
+}
+
+}  // namespace
