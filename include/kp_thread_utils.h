@@ -48,8 +48,9 @@ struct kp_probe_def {
 typedef void (*kp_record_cb)(uint32_t pid, void *record, uint32_t size);
 
 /* Creates a probe instance: an opaque handle, or null. One named "clt_inotify" tells of deliveries to this process's
- * inotify descriptors only: those that are open when its probe is registered, switched on or given a filter. *fds becomes an array of *count descriptors to wait on; the
- * array, not the descriptors, is freed by the caller with free(). */
+ * inotify descriptors only: those that are open when its probe is registered, switched on or given a filter. *fds
+ * becomes an array of *count descriptors to wait on; the array, not the descriptors, is freed by the caller with
+ * free(). */
 void *_kp_ins_crt(const char *name, int32_t **fds, int32_t *count);
 
 int32_t _os_info_get(const struct kp_os_info **out);
@@ -91,7 +92,8 @@ int32_t kp_losses_total(struct kp_losses *out);
  * were handed out are the caller's and stay open. 0; negative: no such instance. */
 int32_t kp_ins_del(void *inst);
 
-/* Why _os_info_get fails, in words for a person; empty where it does not. Stays valid. */
+/* Why _os_info_get fails, in words for a person; empty where it does not. Stays valid. It fails also where the process
+ * may not have the descriptors that all probes take: some twenty a processor. */
 const char *kp_unavailable(void);
 
 static_assert(sizeof(struct kp_os_info) == 12, "os-info record");

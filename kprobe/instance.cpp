@@ -18,7 +18,6 @@ namespace
 {
 
 constexpr size_t kMaxName = 40;      // of an event; the kernel takes 63 bytes with the process id
-constexpr size_t kBell = 4096;       // a bell is disarmed soon after it has rung
 constexpr int kFirstDescriptor = 3;  // the monitor takes 0 for an empty place
 
 }  // namespace
@@ -33,28 +32,6 @@ Instance::~Instance()
     const std::lock_guard lock(control_);
     for (const auto &probe : probes_)
         undefine(probe.get());
-}
-
-int Instance::open(const std::vector<int> &cpus, const Sizes &sizes)
-{
-    for (const int cpu : cpus) {
-        rings_.push_back(std::make_unique<Ring>());
-        bells_.push_back(std::make_unique<Ring>());
-        int status = rings_.back()->open(cpu, sizes.ring);
-        if (status == 0)
-            status = bells_.back()->open(cpu, kBell, Use::kBell);
-        if (status < 0)
-            return status;
-        bell_fds_.push_back(bells_.back()->fd());
-        queues_.push_back(std::make_unique<RecordQueue>());
-        if (!queues_.back()->open(sizes.queue))
-            return -ENOMEM;
-    }
-    signal_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (!signal_)
-        return -errno;
-    newest_.resize(rings_.size());
-    return 0;
 }
 
 Fd Instance::copy_descriptor() const { return Fd(fcntl(signal_.get(), F_DUPFD_CLOEXEC, kFirstDescriptor)); }
@@ -87,8 +64,10 @@ void Instance::ring_from_now_on(EventSet *bells)
 
 std::vector<Ring *> Instance::list(const std::vector<std::unique_ptr<Ring>> &rings)
 {
-    std::vector<Ring *> out(rings.size());
-    std::transform(rings.begin(), rings.end(), out.begin(), [](const auto &ring) { return ring.get(); });
+    std::vector<Ring *> out;
+    for (const auto &ring : rings)
+        if (ring->fd() >= 0)
+            out.push_back(ring.get());
     return out;
 }
 
@@ -131,6 +110,8 @@ int Instance::open_events(Probe *probe, const std::string &filter, EventSet *eve
     int status = events->open(probe->event_id, list(rings_), filter, &bad_filter);
     if (status == 0)
         status = bells->open(probe->event_id, list(bells_), filter, &bad_filter);
+    if (status == 0)
+        probe->in_kernel = filter;
     if (status < 0 && bad_filter)
         KP_LOG(1, "filter of %s refused: %s: %s", probe->def.name.c_str(), filter.c_str(),
                why_refused(*probe, filter).c_str());

@@ -11,6 +11,7 @@
 #include <atomic>
 #include <memory>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -29,7 +30,8 @@ namespace kprobe
 {
 
 struct Sizes {
-    size_t ring, queue;  // bytes a CPU; rings are powers of two
+    size_t ring, queue;           // bytes a CPU; rings are powers of two
+    size_t all_rings = SIZE_MAX;  // of CPUs that come later there is what is left of this, and a small one at least
 };
 
 class Instance
@@ -45,6 +47,10 @@ public:
 
     // Whether deliveries to this process's inotify instances can be told from others. 0 or a negative errno.
     int learn_groups();
+
+    // For the thread that empties the rings: takes CPUs up that came online and lets those go that went; `renewed` did
+    // both meanwhile. False: somebody is at the definitions, and the thread must not wait; to be called again.
+    bool follow(const std::vector<int> &online, const std::set<int> &renewed);
 
     // 0 or negative; what went wrong is in the log. An inotify probe tells of the inotify descriptors that the process
     // has by then; of those that are made later from the next filter on, or when the probe is switched on anew.
@@ -88,6 +94,7 @@ private:
         kp_record_cb callback = nullptr;
         int event_id = -1;
         EventSet events, bells;
+        std::string in_kernel;  // their filter in the kernel's words
         bool defined = false, on = false, gone = false;
     };
     struct Replaced {  // by events with another filter
@@ -99,6 +106,17 @@ private:
     struct Sink;
 
     Probe *find(const std::string &event);
+    struct Processor {
+        int cpu;
+        std::unique_ptr<Ring> ring = std::make_unique<Ring>(), bell = std::make_unique<Ring>();
+        std::unique_ptr<RecordQueue> queue = nullptr;  // null: the one that it has
+    };
+    int open_processor(Processor *processor) const;
+    void take_up(Processor *processor);
+    int open_events_on(size_t at);
+    void let_go(size_t at);
+    size_t ring_size() const;
+    bool is_up(size_t at) const { return rings_[at]->fd() >= 0; }
     static std::vector<Ring *> list(const std::vector<std::unique_ptr<Ring>> &rings);
     int define(Probe *probe);
     int define_in_kernel(Probe *probe);
@@ -152,7 +170,9 @@ private:
     std::mutex records_;
     std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index
     std::vector<std::unique_ptr<Ring>> rings_, bells_;  // of each CPU
+    std::vector<int> cpus_;                             // which these are
     std::vector<int> bell_fds_;
+    Sizes sizes_ = {};
     std::vector<std::unique_ptr<RecordQueue>> queues_;  // of each ring
     Fd signal_;                                         // readable as long as a record may be taken
     bool raised_ = false;

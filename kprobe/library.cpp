@@ -1,6 +1,7 @@
 #include "library.h"
 
 #include <pthread.h>
+#include <sys/resource.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -9,6 +10,7 @@
 #include <exception>
 
 #include "log.h"
+#include "open_files.h"
 
 namespace kprobe
 {
@@ -23,7 +25,8 @@ constexpr size_t kPassRecords = 90;
 constexpr char kInotifyName[] = "clt_inotify";
 
 constexpr size_t kSlots = 64;
-constexpr size_t kRing = size_t{1} << 20, kQueue = size_t{1} << 24;
+constexpr size_t kRing = size_t{1} << 20, kSmallestRing = size_t{1} << 12, kAllRings = size_t{1} << 26;
+constexpr size_t kQueue = size_t{1} << 24;
 constexpr size_t kAllQueues = sizeof(void *) == 8 ? size_t{1} << 28 : size_t{1} << 25;  // of an instance
 
 // The monitor visits its inotify source before the others.
@@ -45,10 +48,34 @@ size_t setting(const char *name, size_t otherwise)
     return kib >= 4 && kib <= 1048576 ? power_of_two(kib * 1024) : otherwise;
 }
 
-Sizes sizes_for(size_t queues)
+// Half of the rings' memory for each of the monitor's two instances.
+Sizes sizes_for(size_t cpus)
 {
-    const size_t queue = std::max(power_of_two(kAllQueues / queues / 2 + 1), size_t{1} << 19);
-    return {setting("FMON_PROBE_RING_KB", kRing), setting("FMON_PROBE_QUEUE_KB", std::min(queue, kQueue))};
+    const size_t queue = std::max(power_of_two(kAllQueues / cpus / 2 + 1), size_t{1} << 19);
+    const size_t ring = std::max(std::min(power_of_two(kAllRings / 2 / cpus / 2 + 1), kRing), kSmallestRing);
+    return {setting("FMON_PROBE_RING_KB", ring), setting("FMON_PROBE_QUEUE_KB", std::min(queue, kQueue)),
+            kAllRings / 2};
+}
+
+// What the monitor's instances take of the process's descriptors on each CPU: a ring and a bell each, and for each of
+// their seven probes one event that records and one that rings; another two while a filter is replaced.
+constexpr size_t kDescriptorsACpu = 2 * 2 + 7 * 2 + 2, kOtherDescriptors = 16;
+
+// Empty: there are enough of them. To begin and end half-way would leave some kinds of events out.
+std::string lacking_descriptors(size_t cpus)
+{
+    rlimit limit = {};
+    size_t open = 0;
+    any_number("/proc/self/fd", [&open](const std::string &) {
+        open++;
+        return false;
+    });
+    const size_t needed = cpus * kDescriptorsACpu + kOtherDescriptors;
+    if (getrlimit(RLIMIT_NOFILE, &limit) < 0 || needed + open <= limit.rlim_cur)
+        return "";
+    return "for " + std::to_string(cpus) + " processors they take " + std::to_string(needed) +
+           " descriptors, of which the process may have " + std::to_string(limit.rlim_cur) + " with " +
+           std::to_string(open) + " in use (ulimit -n)";
 }
 
 void add(kp_losses *sum, const kp_losses &more)
@@ -151,7 +178,8 @@ bool Library::look_around(std::string *why)
                lacking;
         return false;
     }
-    return prove(why);
+    *why = lacking_descriptors(online_cpus().size());
+    return why->empty() && prove(why);
 }
 
 bool Library::start()

@@ -159,35 +159,53 @@ void Ring::forget()
 
 // ---- a probe's events ----
 
+int EventSet::add(int event_id, const Ring &ring, const std::string &filter, bool *bad_filter)
+{
+    *bad_filter = false;
+    Fd fd(open_event(attributes(PERF_TYPE_TRACEPOINT, static_cast<uint64_t>(event_id), ring.use()), ring.cpu(),
+                     ring.use() == Use::kBell ? ring.fd() : -1));
+    if (!fd)
+        return -errno;
+    // The filter first: nothing may be written before it holds.
+    const bool refused = !filter.empty() && ioctl(fd.get(), PERF_EVENT_IOC_SET_FILTER, filter.c_str()) < 0;
+    if (refused || ioctl(fd.get(), PERF_EVENT_IOC_SET_OUTPUT, ring.fd()) < 0) {
+        *bad_filter = refused;
+        return -errno;
+    }
+    events_.push_back({ring.cpu(), std::move(fd)});
+    return 0;
+}
+
 int EventSet::open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool *bad_filter)
 {
     close();
     *bad_filter = false;
     for (const Ring *ring : rings) {
-        Fd fd(open_event(attributes(PERF_TYPE_TRACEPOINT, static_cast<uint64_t>(event_id), ring->use()), ring->cpu(),
-                         ring->use() == Use::kBell ? ring->fd() : -1));
-        if (!fd) {
-            const int error = errno;
-            close();
-            return -error;
-        }
-        // The filter first: nothing may be written before it holds.
-        const bool refused = !filter.empty() && ioctl(fd.get(), PERF_EVENT_IOC_SET_FILTER, filter.c_str()) < 0;
-        if (refused || ioctl(fd.get(), PERF_EVENT_IOC_SET_OUTPUT, ring->fd()) < 0) {
-            const int error = errno;
-            *bad_filter = refused;
-            close();
-            return -error;
-        }
-        fds_.push_back(std::move(fd));
+        const int status = add(event_id, *ring, filter, bad_filter);
+        if (status == 0 || status == -ENODEV)
+            continue;
+        close();
+        return status;
     }
     return 0;
 }
 
+void EventSet::drop(int cpu)
+{
+    std::erase_if(events_, [cpu](const Event &event) { return event.cpu == cpu; });
+}
+
 void EventSet::enable(bool on)
 {
-    for (const Fd &fd : fds_)
-        ioctl(fd.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0);
+    for (const Event &event : events_)
+        ioctl(event.fd.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0);
+}
+
+void EventSet::enable(bool on, int cpu)
+{
+    for (const Event &event : events_)
+        if (event.cpu == cpu)
+            ioctl(event.fd.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0);
 }
 
 // ---- CPUs ----

@@ -93,14 +93,23 @@ private:
 class EventSet
 {
 public:
-    // 0 or a negative errno; -EINVAL of the filter alone sets *bad_filter.
+    // 0 or a negative errno; -EINVAL of the filter alone sets *bad_filter. CPUs that are offline are left out.
     int open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool *bad_filter);
+    // On one more CPU. -ENODEV: it is offline.
+    int add(int event_id, const Ring &ring, const std::string &filter, bool *bad_filter);
+    // On that CPU no more: one that goes offline takes its events with it for good.
+    void drop(int cpu);
     void enable(bool on);
-    void close() { fds_.clear(); }
-    bool is_open() const { return !fds_.empty(); }
+    void enable(bool on, int cpu);
+    void close() { events_.clear(); }
+    bool is_open() const { return !events_.empty(); }
 
 private:
-    std::vector<Fd> fds_;
+    struct Event {
+        int cpu;
+        Fd fd;
+    };
+    std::vector<Event> events_;
 };
 
 // CPUs that are online, such as "0-3,8".

@@ -40,6 +40,12 @@ int Reader::start()
         forget();
         return -error;
     }
+    // Without it the processors are looked at whenever something happens.
+    if (hotplug_.open()) {
+        event.data.fd = hotplug_.fd();
+        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, hotplug_.fd(), &event) < 0)
+            hotplug_.close();
+    }
     // No signal of the process is handled here.
     sigset_t all, before;
     sigfillset(&all);
@@ -73,6 +79,7 @@ void Reader::forget()
     tid_ = 0;
     epoll_.reset();
     wake_.reset();
+    hotplug_.close();
 }
 
 void Reader::abandon()
@@ -93,6 +100,7 @@ int Reader::add(const std::shared_ptr<Instance> &instance)
     }
     instance->wake_by(wake_.get());
     instances_.push_back(instance);
+    look_again_ = true;             // processors that came since it was made
     eventfd_write(wake_.get(), 1);  // its bells are to be armed
     return 0;
 }
@@ -122,6 +130,8 @@ void Reader::wait()
         eventfd_t value;
         if (events[i].data.fd == wake_.get())
             eventfd_read(wake_.get(), &value);
+        else if (events[i].data.fd == hotplug_.fd())
+            continue;                                       // follow_processors() takes what it has
         else if (events[i].events & (EPOLLHUP | EPOLLERR))  // its CPU went offline; it would be ready for ever
             epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, events[i].data.fd, nullptr);
     }
@@ -147,6 +157,38 @@ bool Reader::sweep_all()
     return busy;
 }
 
+// Rings that the instance has from now on ring here. False: it must be asked again.
+bool Reader::follow(Instance *instance, const std::vector<int> &online)
+{
+    for (const int fd : instance->bell_descriptors())
+        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    const bool followed = instance->follow(online, renewed_);
+    for (const int fd : instance->bell_descriptors()) {
+        epoll_event event = {EPOLLIN, {.fd = fd}};
+        epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
+    }
+    return followed;
+}
+
+void Reader::follow_processors()
+{
+    const std::lock_guard lock(lock_);
+    if (hotplug_.take(&renewed_))
+        look_again_ = true;
+    if (!look_again_)
+        return;
+    try {
+        const std::vector<int> online = online_cpus();
+        bool all = !online.empty();
+        for (const auto &instance : instances_)
+            all &= follow(instance.get(), online);
+        look_again_ = !all;
+        if (all)
+            renewed_.clear();
+    } catch (const std::exception &) {  // out of memory: again
+    }
+}
+
 void Reader::arm_all(bool on)
 {
     const std::lock_guard lock(lock_);
@@ -157,15 +199,19 @@ void Reader::arm_all(bool on)
 void Reader::loop()
 {
     while (!stopping_) {
+        if (hotplug_.fd() < 0)
+            look_again_ = true;
+        follow_processors();
         arm_all(true);
         // What came before the bells were armed has rung none.
-        if (!sweep_all())
+        if (!sweep_all() && (!look_again_ || hotplug_.fd() < 0))
             wait();
         sweep_all();  // to disarm the bells takes a while, and then what rang is old enough
         arm_all(false);
         for (int quiet = 0; !stopping_ && quiet < kQuietPauses; quiet++) {
             if (sweep_all())
                 quiet = 0;
+            follow_processors();
             pause_a_little();
         }
     }

@@ -16,6 +16,7 @@
 #include <vector>
 
 #include "common/fd.h"
+#include "hotplug.h"
 #include "instance.h"
 
 namespace kprobe
@@ -48,11 +49,16 @@ private:
     void wait();
     void forget();
     bool sweep_all();
+    void follow_processors();
+    bool follow(Instance *instance, const std::vector<int> &online);
     void arm_all(bool on);
 
     std::mutex lock_;  // instances_
     std::vector<std::shared_ptr<Instance>> instances_;
     Fd epoll_, wake_;
+    Hotplug hotplug_;
+    std::set<int> renewed_;  // processors that were told of
+    std::atomic<bool> look_again_ = false;
     pthread_t thread_ = {};
     std::atomic<int> tid_ = 0;
     std::atomic<bool> stopping_ = false;

@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -26,6 +27,17 @@ using testlib::take_log;
 
 namespace
 {
+
+/* Without what the library's thread has open for a moment. */
+int lasting_descriptors()
+{
+    int least = open_descriptors();
+    for (int i = 0; i < 5; i++) {
+        usleep(1000);
+        least = std::min(least, open_descriptors());
+    }
+    return least;
+}
 
 /* A handle with its descriptors. */
 struct Source {
@@ -246,12 +258,12 @@ TEST(KprobeLibrary, a_name_again_ends_the_one_before)
     Source first, second;
     ASSERT_TRUE(first.open(w.probes, "clt_file"));
     w.add(first.handle, "Kc");
-    const int with_one = open_descriptors();
+    const int with_one = lasting_descriptors();
     ASSERT_TRUE(second.open(w.probes, "clt_file"));
     EXPECT_EQ(nullptr, w.probes.find(first.handle));
     EXPECT_TRUE(w.kernel.definitions().empty());
     w.add(second.handle, "Kc");
-    EXPECT_EQ(with_one + 1, open_descriptors()) << "the descriptors handed out are the caller's";
+    EXPECT_EQ(with_one + 1, lasting_descriptors()) << "the descriptors handed out are the caller's";
     EXPECT_EQ(1, w.create("/a"));
     EXPECT_EQ(Paths{"/a"}, w.wait_for(second, 1));
     first.forget();
@@ -276,8 +288,8 @@ TEST(KprobeLibrary, made_and_ended_again_and_again)
         ASSERT_EQ(0, w.probes.remove(source.handle));
         source.forget();
         if (round == 0)
-            descriptors = open_descriptors();
-        ASSERT_EQ(descriptors, open_descriptors()) << round;
+            descriptors = lasting_descriptors();
+        ASSERT_EQ(descriptors, lasting_descriptors()) << round;
         ASSERT_EQ(0u, w.kernel.perf.open_events());
     }
     EXPECT_TRUE(w.kernel.definitions().empty());
@@ -390,12 +402,80 @@ TEST(KprobeLibrary, records_come_also_when_what_the_thread_sleeps_on_is_closed)
 
 /* ---- turns of the monitor ---- */
 
+struct DescriptorLimit {
+    rlimit before = {};
+    explicit DescriptorLimit(rlim_t soft)
+    {
+        getrlimit(RLIMIT_NOFILE, &before);
+        const rlimit now = {soft, before.rlim_max};
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &now));
+    }
+    ~DescriptorLimit() { setrlimit(RLIMIT_NOFILE, &before); }
+};
+
+TEST(KprobeLibrary, more_processors_than_there_are_descriptors_for)
+{
+    {
+        const DescriptorLimit limit(1000);
+        Whole w;
+        w.kernel.file("/sys/devices/system/cpu/online", "0-63\n");
+        EXPECT_FALSE(w.works());
+        const std::string why = w.probes.why_not();
+        EXPECT_EQ(0u,
+                  why.find("for 64 processors they take 1296 descriptors, of which the process may have 1000 with "))
+            << why;
+        EXPECT_NE(std::string::npos, why.find("(ulimit -n)"));
+    }
+    const DescriptorLimit limit(1000);
+    Whole w;
+    w.kernel.file("/sys/devices/system/cpu/online", "0-39\n");
+    EXPECT_TRUE(w.works()) << w.probes.why_not();
+}
+
+TEST(KprobeLibrary, rings_have_a_ceiling_whatever_processors_there_are)
+{
+    const DescriptorLimit limit(4096);
+    for (const int cpus : {4, 32, 128}) {
+        Whole w;
+        w.kernel.file("/sys/devices/system/cpu/online", "0-" + std::to_string(cpus - 1) + "\n");
+        Source file, other;
+        ASSERT_TRUE(file.open(w.probes, "clt_file"));
+        ASSERT_TRUE(other.open(w.probes, "other"));
+        size_t sum = 0;
+        for (const size_t size : w.kernel.perf.ring_sizes())
+            sum += size;
+        EXPECT_LE(sum, size_t{64} << 20) << cpus;
+        EXPECT_EQ(cpus == 4 ? size_t{8} << 20 : size_t{64} << 20, sum);
+    }
+}
+
+/* Whatever it sleeps on, the thread looks when an instance comes. */
+TEST(KprobeLibrary, processors_that_come_are_heard)
+{
+    Whole w;
+    w.kernel.file("/sys/devices/system/cpu/online", "0\n");
+    Source file, other;
+    ASSERT_TRUE(file.open(w.probes, "clt_file"));
+    w.add(file.handle, "Kc");
+    EXPECT_EQ(0, w.create("/deaf", 1));
+    w.kernel.file("/sys/devices/system/cpu/online", "0-1\n");
+    ASSERT_TRUE(other.open(w.probes, "other"));
+    int heard = 0;
+    for (int i = 0; i < 1000 && heard == 0; i++) {
+        usleep(1000);
+        heard = w.create("/heard", 1);
+    }
+    EXPECT_EQ(1, heard);
+    EXPECT_EQ(Paths{"/heard"}, w.wait_for(file, 1));
+}
+
 /* The most that a turn may take before the monitor throws away what waits. */
 constexpr int kTurn = 100;
 
 TEST(KprobeLibrary, no_turn_takes_more_than_the_monitor_reads)
 {
     constexpr int kCpus = 128;
+    const DescriptorLimit limit(4096);
     Whole w;
     w.kernel.file("/sys/devices/system/cpu/online", "0-" + std::to_string(kCpus - 1) + "\n");
     const Environment small("FMON_PROBE_RING_KB", "64");

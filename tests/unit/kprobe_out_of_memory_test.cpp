@@ -222,14 +222,16 @@ TEST(KprobeOutOfMemory, records)
                 const long armed = std::exchange(left, -1);
                 library.kernel.hit({"security_inode_create", {0, entry, 0}});
                 hits++;
-                usleep(3000);
+                pollfd polled = {library.fds[0], POLLIN, 0};
+                poll(&polled, 1, 5000);
                 left = armed;
                 return kp_event_parse(0, library.handle);
             },
             is_any);
         EXPECT_GE(n, 1);
-        usleep(5000);
-        kp_event_parse(0, library.handle);
+        pollfd polled = {library.fds[0], POLLIN, 0};
+        while (poll(&polled, 1, 200) > 0)
+            kp_event_parse(0, library.handle);
         kp_losses losses;
         ASSERT_EQ(0, kp_loss_counts(library.handle, &losses));
         EXPECT_EQ(hits, losses.delivered + losses.unreadable) << "each is accounted for";

@@ -69,6 +69,14 @@ start_watch() {
     done
 }
 
+# use_inotify FOLDER...: another program that watches these, as $user; it is ready when this returns.
+use_inotify() {
+    : >/run/user.out
+    inotify_user "$@" >/run/user.out 2>&1 &
+    user=$!
+    await 60 grep -q ready /run/user.out
+}
+
 # need_known_release NAME: ends the script with a SKIP where the monitor does not take the kernel's release for system-wide
 # events.
 need_known_release() {

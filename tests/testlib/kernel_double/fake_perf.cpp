@@ -4,6 +4,7 @@
 #include <sys/ioctl.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -70,6 +71,8 @@ bool put_entry(unsigned char *map, size_t map_size, const std::vector<unsigned c
 int FakePerf::open(const perf_event_attr &attr, int cpu, int group)
 {
     const std::lock_guard lock(lock_);
+    if (offline_.count(cpu) != 0)
+        return -ENODEV;
     const int fd = __real_eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     if (fd < 0)
         return -errno;
@@ -91,7 +94,7 @@ int FakePerf::control(int fd, unsigned long request, const void *argument)
     FakeEvent &event = found->second;
     switch (request) {
         case PERF_EVENT_IOC_ENABLE:
-            event.enabled = true;
+            event.enabled = !event.dead;
             return 0;
         case PERF_EVENT_IOC_DISABLE: {
             eventfd_t value;
@@ -110,6 +113,23 @@ int FakePerf::control(int fd, unsigned long request, const void *argument)
         default:
             return -ENOTTY;
     }
+}
+
+void FakePerf::go_offline(int cpu)
+{
+    const std::lock_guard lock(lock_);
+    offline_.insert(cpu);
+    for (auto &[fd, event] : events_)
+        if (event.cpu == cpu) {
+            event.enabled = false;
+            event.dead = true;
+        }
+}
+
+void FakePerf::come_online(int cpu)
+{
+    const std::lock_guard lock(lock_);
+    offline_.erase(cpu);
 }
 
 bool FakePerf::has(int fd)
@@ -185,6 +205,17 @@ size_t FakePerf::map_size_of(int fd)
 {
     const std::lock_guard lock(lock_);
     return events_[fd].map_size;
+}
+
+std::vector<size_t> FakePerf::ring_sizes()
+{
+    const std::lock_guard lock(lock_);
+    std::vector<size_t> sizes;
+    for (const auto &[fd, event] : events_)
+        if (event.map && !is_bell(event))
+            sizes.push_back(event.map_size - static_cast<size_t>(sysconf(_SC_PAGESIZE)));
+    std::sort(sizes.begin(), sizes.end());
+    return sizes;
 }
 
 size_t FakePerf::open_events()

@@ -13,6 +13,7 @@
 #include <cstdint>
 #include <map>
 #include <mutex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -22,7 +23,7 @@ namespace testlib
 struct FakeEvent {
     perf_event_attr attr = {};
     int cpu = -1, group = -1, output = -1;
-    bool enabled = false;
+    bool enabled = false, dead = false;
     std::string filter;
     unsigned char *map = nullptr;
     size_t map_size = 0;
@@ -46,7 +47,12 @@ public:
     void begin_hits();
     void end_hits();
 
+    /* A CPU takes its events with it for good. */
+    void go_offline(int cpu);
+    void come_online(int cpu);
+
     size_t open_events();
+    std::vector<size_t> ring_sizes(); /* of memory for records, without that of bells; the smallest first */
     unsigned char *map_of(int fd);
     size_t map_size_of(int fd);
     std::vector<std::string> filters(int id); /* of the events of one tracepoint that write records */
@@ -59,6 +65,7 @@ private:
 
     std::mutex lock_;
     std::map<int, FakeEvent> events_;
+    std::set<int> offline_;
     uint64_t streams_ = 100, unseen_ = UINT64_MAX; /* from this stream on, no event sees a hit */
 };
 
