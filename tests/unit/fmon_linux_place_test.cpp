@@ -1,90 +1,10 @@
 /* What a hardened monitor's marks are on, and that they stay with those to whom they belong. */
-#include <fcntl.h>
-#include <gtest/gtest.h>
-#include <sys/inotify.h>
-#include <sys/ioctl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <algorithm>
-#include <cerrno>
-#include <cstdio>
-
-#include "event.h"
-#include "linux/fmon_linux.h"
-#include "linux/inode_index.h"
-#include "linux/inotify.h"
-#include "list.h"
-#include "testlib/backend.h"
-#include "testlib/fake_host.h"
-#include "testlib/fault.h"
-#include "testlib/tree.h"
+#include "place_fixture.h"
 
 using namespace testlib;
 
 namespace
 {
-
-constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
-
-class Place : public ::testing::Test
-{
-protected:
-    Place()
-    {
-        EXPECT_EQ(0, m.result);
-        t = tree.dir("t");
-    }
-    ~Place() override
-    {
-        if (held >= 0)
-            close(held);
-    }
-    void watch(uint32_t mask = FMON_CREATE) { ASSERT_EQ(0, m.add(t, mask, kTree)); }
-    void pump_all()
-    {
-        usleep(1000);
-        int bytes = 0;
-        while (ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0)
-            m.pump();
-    }
-    void move(const std::string &from, const std::string &to, unsigned flags = 0)
-    {
-        ASSERT_EQ(0, renameat2(AT_FDCWD, tree.path(from).c_str(), AT_FDCWD, tree.path(to).c_str(), flags)) << from;
-    }
-    void hold(const std::string &below) { held = open(tree.path(below).c_str(), O_RDONLY | O_CLOEXEC); }
-
-    /* The kinds that the kernel would tell of what is at the path now, by the watch that maps to this path. */
-    uint32_t heard(const std::string &below) { return heard_at(tree.path(below)); }
-    static uint32_t heard_at(const std::string &path)
-    {
-        struct stat st;
-        struct dentry *d = dcache_find(&fmon.dcache, path.c_str());
-        if (!d || stat(path.c_str(), &st) != 0 || !inode_index_is(d, st.st_dev, st.st_ino))
-            return 0;
-        EXPECT_EQ(reinterpret_cast<uintptr_t>(d), seq_get(&fmlnx.seq, owner_of(d)->wd)) << path;
-        return kernel_mask(path);
-    }
-    uint64_t fan(const std::string &below) { return m.fanotify.mask_of(fmlnx.fan_fd[0], tree.path(below)); }
-    bool removed_marks()
-    {
-        return std::any_of(m.fanotify.marks.begin(), m.fanotify.marks.end(),
-                           [](const MarkCall &call) { return call.flags & 0x2; });
-    }
-    /* A fanotify event of that file reaches the reader. */
-    void event_of(const std::string &below, uint32_t mask = FMON_MODIFY)
-    {
-        m.fanotify.marks.clear();
-        int fd = open(tree.path(below).c_str(), O_RDONLY | O_CLOEXEC);
-        ASSERT_GE(fd, 0);
-        m.feed(1, fanotify_record(mask, fd, 4711));
-    }
-
-    TempTree tree;
-    LinuxMonitor m{1000, 10000, true};
-    std::string t;
-    int held = -1;
-};
 
 /* ---- an event that nobody asked for ---- */
 
@@ -417,72 +337,6 @@ TEST_F(Place, AWalkThatFindsAnotherDirectoryForgetsWhatWasBelowTheFormer)
         EXPECT_EQ(uint32_t{FMON_ATTRIB | FMON_CREATE}, heard(below) & (FMON_ATTRIB | FMON_CREATE)) << below;
     EXPECT_EQ(4U, kernel_watches().size());
     EXPECT_EQ(0U, fmlnx.unknown_wd_count);
-}
-
-/* ---- a single file ---- */
-
-class OneFile : public Place
-{
-protected:
-    OneFile()
-    {
-        f = tree.file("f", "1");
-        EXPECT_EQ(0, m.add(f, FMON_MODIFY, FMON_FILE | FMON_DELETED));
-    }
-    void replaced_is_watched_again()
-    {
-        pump_all();
-        EXPECT_FALSE(list_empty(&fmon.tbd)) << "waits for its path";
-        fmon_tbd_pass();
-        EXPECT_TRUE(list_empty(&fmon.tbd));
-        EXPECT_NE(0U, heard("f"));
-        EXPECT_EQ(uint64_t{FMON_MODIFY}, fan("f"));
-    }
-    std::string f;
-};
-
-TEST_F(OneFile, ReplacedByARename)
-{
-    tree.file("new");
-    move("new", "f");
-    replaced_is_watched_again();
-}
-
-TEST_F(OneFile, ReplacedWhileSomebodyHasItOpen)
-{
-    hold("f");
-    tree.file("new");
-    move("new", "f");
-    replaced_is_watched_again();
-}
-
-TEST_F(OneFile, MovedAway)
-{
-    move("f", "elsewhere");
-    tree.file("f");
-    replaced_is_watched_again();
-}
-
-TEST_F(OneFile, ItsOwnEndIsNobodysEvent)
-{
-    ASSERT_EQ(0, fmon_add_watch(m.id2, tree.root().c_str(), FMON_ALL_EVENTS & ~0x3bU, FMON_DIR, 0, 0));
-    chmod(f.c_str(), 0600);
-    pump_all();
-    EXPECT_EQ(std::vector<std::string>{f + ":attrib"}, m.events(m.id2)) << "told by its directory, once";
-    EXPECT_TRUE(list_empty(&fmon.tbd)) << "an attribute is not the end";
-    ASSERT_EQ(0, unlink(f.c_str()));
-    pump_all();
-    EXPECT_EQ(std::vector<std::string>{f + ":delete"}, m.events(m.id2));
-    EXPECT_TRUE(m.events(m.id).empty());
-    EXPECT_FALSE(list_empty(&fmon.tbd));
-}
-
-TEST_F(OneFile, WithoutASearchableDirectoryItIsNotTakenForGone)
-{
-    Fault fault("lstat", 1, EACCES);
-    m.feed(0, inotify_record(wd_of(f), IN_ATTRIB));
-    EXPECT_TRUE(fault.hit());
-    EXPECT_TRUE(list_empty(&fmon.tbd));
 }
 
 /* ---- nothing stays in the cache that nobody frees ---- */

@@ -304,6 +304,7 @@ TEST_F(Watches, WaitingWatchThatRefusesLinksWaitsOn)
 
 TEST_F(Watches, LinksAreRefusedByAHardenedMonitorOnly)
 {
+    fmon.hardened = 0;
     EXPECT_EQ(0, add(id, tree.link("l", dir), FMON_CREATE, FMON_DIR | FMON_NO_LINKS));
     EXPECT_NE(nullptr, find(id, dir));
 }
