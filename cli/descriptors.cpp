@@ -2,7 +2,11 @@
 
 #include <sys/resource.h>
 
+#include <cerrno>
+#include <cstring>
+
 #include "common/fd.h"
+#include "message.h"
 
 namespace cli
 {
@@ -32,6 +36,18 @@ uint64_t descriptors_left()
     while (const struct dirent *entry = readdir(list.get()))
         used += entry->d_name[0] != '.';
     return limit.rlim_cur > used ? limit.rlim_cur - used : 0;
+}
+
+// The soft limit is raised already.
+std::string reason_text(int error_number)
+{
+    if (error_number == ENFILE)
+        return "the system has no file descriptor left: raise it with sysctl fs.file-max, or see what has so many "
+               "files open";
+    if (error_number == EMFILE)
+        return "no file descriptor is left (" + with_commas(most_descriptors()) +
+               " at most): raise the hard limit (ulimit -H -n, or LimitNOFILE=)";
+    return strerror(error_number);
 }
 
 void raise_descriptor_limit()

@@ -19,6 +19,9 @@ uint64_t most_descriptors();
 /* How many more it may open. */
 uint64_t descriptors_left();
 
+/* What an errno means, in words: for EMFILE and ENFILE with the limit that was reached, and what raises it. */
+std::string reason_text(int error_number);
+
 /* Raises the limit as far as it can be raised without rights: nothing here is confined to what select() can hold. */
 void raise_descriptor_limit();
 

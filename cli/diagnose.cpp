@@ -63,25 +63,19 @@ std::string cache_text(const Facts &facts, uint64_t missing)
            std::to_string(std::min<uint64_t>(roomy_limit(facts.max_dentries + missing), 2097152));
 }
 
-// "Too many open files" is said of the process's limit, ENFILE's words of the whole system's.
-std::string descriptor_text(const std::string &reason)
+// EMFILE or ENFILE, where the monitor's reason is one of them; else 0.
+int descriptor_error(const std::string &reason)
 {
-    if (reason == strerror(ENFILE))
-        return "the system has no file descriptor left: raise it with sysctl fs.file-max, or see what has so many "
-               "files open";
-    return "no file descriptor is left (" + with_commas(most_descriptors()) +
-           " at most): raise the hard limit (ulimit -H -n, or LimitNOFILE=)";
-}
-
-bool is_out_of_descriptors(const std::string &reason)
-{
-    return reason == strerror(EMFILE) || reason == strerror(ENFILE);
+    for (const int error : {EMFILE, ENFILE})
+        if (reason == strerror(error))
+            return error;
+    return 0;
 }
 
 std::string limit_text(const Findings &findings, const Facts &facts, uint64_t missing)
 {
     if (findings.descriptors)
-        return descriptor_text(reason_of(findings));
+        return reason_text(descriptor_error(reason_of(findings)) == ENFILE ? ENFILE : EMFILE);
     if (findings.cache_full)
         return cache_text(facts, missing);
     return findings.watch_limit ? watch_limit_text(facts, missing) : mark_limit_text(facts, missing);
@@ -102,8 +96,8 @@ std::string refused_by_kernel(const Refusal &refusal, const Facts &facts)
     const std::string reason = reason_of(refusal.findings);
     if (reason == strerror(EACCES) || reason == strerror(EPERM))
         return " may not be read: " + reason + (facts.root ? "" : ": run as root, or get read permission");
-    if (is_out_of_descriptors(reason))
-        return " cannot be watched: " + descriptor_text(reason);
+    if (const int error = descriptor_error(reason))
+        return " cannot be watched: " + reason_text(error);
     return " cannot be watched: " + (reason.empty() ? "the kernel refused it" : reason);
 }
 
@@ -175,7 +169,7 @@ std::string explain_start_failure(const Findings &findings, const Facts &facts)
                " in use by this user): raise it with sysctl fs.inotify.max_user_instances=" +
                std::to_string(roomy_limit(facts.max_user_instances * 2));
     if (reason == strerror(ENFILE) || (reason == strerror(EMFILE) && facts.descriptors_left < kDescriptorsToStart))
-        return "the monitor cannot start: " + descriptor_text(reason);
+        return "the monitor cannot start: " + reason_text(descriptor_error(reason));
     if (reason == strerror(EMFILE))
         return "the monitor cannot start: no inotify instance is left: raise it with "
                "sysctl fs.inotify.max_user_instances=" +

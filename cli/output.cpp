@@ -10,6 +10,8 @@
 #include <cstring>
 #include <string_view>
 
+#include "descriptors.h"
+
 namespace cli
 {
 
@@ -30,7 +32,7 @@ bool may_go_on(int fd, int patience)
 
 bool cannot_write(const std::string &path, int error_number, std::string &error)
 {
-    error = "cannot write to " + path + ": " + strerror(error_number);
+    error = "cannot write to " + path + ": " + reason_text(error_number);
     return false;
 }
 

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "descriptors.h"
 #include "event_names.h"
 #include "message.h"
 #include "mounts.h"
@@ -75,7 +76,7 @@ private:
         if (id.error == ENOENT || id.error == ENOTDIR)
             return options_.wait ? "" : " does not exist: check the path, or wait for it with --wait";
         if (id.error)
-            return std::string(" cannot be reached: ") + strerror(id.error) +
+            return std::string(" cannot be reached: ") + reason_text(id.error) +
                    (id.error == EACCES ? ": run as root, or make its folders searchable" : "");
         if (!id.is_dir() && !id.is_file())
             return std::string(" is ") + kind_name(id.mode) + ": only directories and regular files can be watched";

@@ -6,6 +6,7 @@
 
 #include <algorithm>
 
+#include "descriptors.h"
 #include "diagnose.h"
 #include "event_names.h"
 #include "message.h"
@@ -65,7 +66,7 @@ bool Session::prepare()
 {
     std::string error;
     if (queue_.wake_fd() < 0)
-        return fail("no descriptor is left: see ulimit -n");
+        return fail(reason_text(EMFILE));
     return reporter_.prepare(error) || fail(error);
 }
 
