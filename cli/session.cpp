@@ -150,7 +150,9 @@ void Session::loop()
             wait();
         }
         const uint64_t now = steady_ms();
-        if (now >= next_tick_ || log_.any())
+        if (log_.any())  // what comes within a second is told together
+            next_tick_ = std::min(next_tick_, now + kBusyTickMs);
+        if (now >= next_tick_)
             tick(now);
         check_timeout(now);
         if (stop_requested())
