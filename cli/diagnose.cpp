@@ -74,7 +74,7 @@ int descriptor_error(const std::string &reason)
 
 std::string limit_text(const Findings &findings, const Facts &facts, uint64_t missing)
 {
-    if (findings.descriptors)
+    if (findings.unopened || findings.descriptors)
         return reason_text(descriptor_error(reason_of(findings)) == ENFILE ? ENFILE : EMFILE);
     if (findings.cache_full)
         return cache_text(facts, missing);

@@ -27,15 +27,31 @@ bool is_vanished(std::string_view text) { return ends_with_error(text, ENOENT) |
 
 bool is_denied(std::string_view text) { return ends_with_error(text, EACCES) || ends_with_error(text, EPERM); }
 
+bool is_out_of_descriptors(std::string_view text)
+{
+    return ends_with_error(text, EMFILE) || ends_with_error(text, ENFILE);
+}
+
 LogLine read_open_failure(std::string_view text)
 {
     constexpr std::string_view kStart = "open dir ", kEnd = " failed: ";
     const size_t end = text.rfind(kEnd);
     if (is_vanished(text) || end == std::string_view::npos || end < kStart.size())
         return {};
-    if (ends_with_error(text, EMFILE) || ends_with_error(text, ENFILE))
+    if (is_out_of_descriptors(text))
         return {Finding::kDescriptors, {}};
     return {Finding::kUnreadable, text.substr(kStart.size(), end - kStart.size())};
+}
+
+// "open PATH to mark it failed: REASON". One that may not be opened is read, or refused, once more.
+LogLine read_place_failure(std::string_view text)
+{
+    constexpr std::string_view kMiddle = " to mark it failed: ";
+    if (is_vanished(text) || ends_with_error(text, ELOOP) || text.rfind(kMiddle) == std::string_view::npos)
+        return {}; /* ELOOP: a link is there instead */
+    if (is_out_of_descriptors(text))
+        return {Finding::kUnopened, {}};
+    return {is_denied(text) ? Finding::kDenied : Finding::kOther, {}};
 }
 
 LogLine read_mark_failure(std::string_view text, Finding limit)
@@ -66,6 +82,8 @@ uint64_t *counter(Finding finding, Findings &findings)
             return &findings.unreadable;
         case Finding::kDenied:
             return &findings.denied;
+        case Finding::kUnopened:
+            return &findings.unopened;
         case Finding::kDescriptors:
             return &findings.descriptors;
         case Finding::kTooLong:
@@ -94,6 +112,8 @@ LogLine read_log_line(std::string_view text)
         return read_mark_failure(text, Finding::kMarkLimit);
     if (starts_with(text, "open dir "))
         return read_open_failure(text);
+    if (starts_with(text, "open /"))
+        return read_place_failure(text);
     if (starts_with(text, "iterate add dentry failed") || starts_with(text, "add sub dentry failed: ") ||
         starts_with(text, "add sub failed"))
         return {Finding::kCacheFull, {}};
@@ -109,8 +129,8 @@ LogLine read_log_line(std::string_view text)
 
 uint64_t Findings::left_out() const
 {
-    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) + descriptors + too_long +
-           other;
+    return std::max(watch_limit, mark_limit) + cache_full + std::max(unreadable, denied) +
+           std::max(unopened, descriptors) + too_long + other;
 }
 
 void LogWatch::start() { orx_host_log_sink(sink, this); }

@@ -26,6 +26,7 @@ enum class Finding {
     kCacheFull,    /* a directory that has no room in the monitor's cache */
     kUnreadable,   /* a directory that may not be opened (with its path) */
     kDenied,       /* a directory that may not be watched */
+    kUnopened,     /* a directory that is not marked because no descriptor was left to open it */
     kDescriptors,  /* a directory that is not watched because no descriptor was left to read it */
     kTooLong,      /* a directory whose path is longer than the monitor takes */
     kOther,        /* a directory that is not watched for another reason */
@@ -42,8 +43,8 @@ LogLine read_log_line(std::string_view text);
 
 /* What has been found since the last look. */
 struct Findings {
-    uint64_t watch_limit = 0, mark_limit = 0, cache_full = 0, unreadable = 0, denied = 0, descriptors = 0, too_long = 0,
-             other = 0;
+    uint64_t watch_limit = 0, mark_limit = 0, cache_full = 0, unreadable = 0, denied = 0, unopened = 0, descriptors = 0,
+             too_long = 0, other = 0;
     bool monitor_ended = false;
     std::string first_unreadable; /* path */
     std::string last_error;       /* the last line that gives a reason: why a request was refused */
@@ -51,7 +52,7 @@ struct Findings {
     /* Directories that are not watched. One that may not be read is refused twice, when it is marked and when it is
      * opened, but either can be missing. A directory without watch counts for both limits, too. */
     uint64_t left_out() const;
-    bool limit_reached() const { return watch_limit || mark_limit || cache_full || descriptors; }
+    bool limit_reached() const { return watch_limit || mark_limit || cache_full || unopened || descriptors; }
 };
 
 class LogWatch

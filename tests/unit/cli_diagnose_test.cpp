@@ -72,6 +72,12 @@ TEST(CliLogWatch, lines_of_the_monitor)
         {std::string("open dir /a failed: ") + strerror(ENOTDIR), Finding::kNone},
         {std::string("open dir /a failed: ") + strerror(EMFILE), Finding::kDescriptors},
         {std::string("open dir /a failed: ") + strerror(ENFILE), Finding::kDescriptors},
+        {std::string("open /a to mark it failed: ") + strerror(EMFILE), Finding::kUnopened},
+        {"open /a to mark it failed: " + denied, Finding::kDenied},
+        {"open /a to mark it failed: " + none, Finding::kNone},
+        {std::string("open /a to mark it failed: ") + strerror(ELOOP), Finding::kNone},
+        {std::string("open /a to mark it failed: ") + strerror(EIO), Finding::kOther},
+        {"open /a failed: " + denied, Finding::kNone},
         {"path is NULL", Finding::kTooLong},
         {"select failed: Bad file descriptor", Finding::kMonitorEnded},
         {"create file monitor thread failed", Finding::kMonitorEnded},
@@ -193,8 +199,11 @@ TEST(CliDiagnose, every_code_has_one_line_that_names_the_path)
 TEST(CliDiagnose, no_descriptors)
 {
     for (const auto &[error, said] : {std::pair(EMFILE, "LimitNOFILE="), std::pair(ENFILE, "sysctl fs.file-max")}) {
-        const Findings findings = logged({std::string("open dir /x/a failed: ") + strerror(error)});
+        const std::string reason = strerror(error);
+        const Findings findings =
+            logged({"open /x/a to mark it failed: " + reason, "open dir /x/a failed: " + reason});  // refused twice
         EXPECT_TRUE(findings.limit_reached());
+        EXPECT_TRUE(logged({"open /x/a to mark it failed: " + reason}).limit_reached());
         EXPECT_EQ(findings.left_out(), 1u);
         expect_has(explain_left_out("/x", findings, 1, machine()), {"1 directory below /x is not watched: ", said});
         expect_has(explain_refusal({"/x", FMON_ENOENT, false, false, findings}, machine()),
