@@ -13,7 +13,7 @@ namespace
 
 constexpr int kPatienceMs = 60000; /* a machine under load is slow */
 constexpr int kSettleMs = 8000;    /* paths that are waited for are looked for every second */
-constexpr uint64_t kHeapSlack = 256 << 10, kResidentSlack = 4 << 10;
+constexpr uint64_t kHeapSlack = 64 << 10, kResidentSlack = 4 << 10;
 
 std::vector<std::string> overflows(const struct fmon_loss_counts &lost)
 {
