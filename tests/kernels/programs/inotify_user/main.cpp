@@ -1,5 +1,5 @@
-// inotify_user FOLDER...: watches each for everything, says "ready", and reads until it is killed: any program that uses
-// inotify.
+// inotify_user FOLDER...: watches each for everything, says "ready", and reads until it is killed: any program that
+// uses inotify.
 #include <sys/inotify.h>
 #include <unistd.h>
 
