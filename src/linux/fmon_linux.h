@@ -6,9 +6,9 @@
  * need, and only what nobody else needs is taken away with a watch. Everything runs under the monitor lock.
  *
  * Sources: fmon_linux.cpp (state, start, stop, selection), fmon_linux_marks.cpp (kernel marks of one dentry),
- * fmon_linux_place.cpp (what they are put on), * fmon_linux_watch.cpp (adding and deleting watches),
- * fmon_linux_tree.cpp (collect, punish, moved and new directories), fmon_linux_mount.cpp (mount watches),
- * fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
+ * fmon_linux_place.cpp (what they are put on), fmon_linux_sweep.cpp (marks that stayed behind), fmon_linux_watch.cpp
+ * (adding and deleting watches), fmon_linux_tree.cpp (collect, punish, moved and new directories), fmon_linux_mount.cpp
+ * (mount watches), fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
  */
 #ifndef FMON_FMON_LINUX_H
 #define FMON_FMON_LINUX_H

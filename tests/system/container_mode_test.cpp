@@ -275,6 +275,10 @@ TEST_F(ContainerMode, APathIsWaitedFor)
     install("whole");
     ContainerWatch watch(watch_command({"-r", "--wait", "-e", "create", seen + "/later"}));
     OnHost([&] { make_dir(data + "/later"); });
+    const std::optional<Json> appeared = watch.next(kPatienceMs);
+    ASSERT_TRUE(appeared) << watch.process().errors();
+    EXPECT_EQ((*appeared)["type"], "appeared");
+    EXPECT_EQ((*appeared)["path"], seen + "/later");
     std::optional<Json> event;
     for (int round = 0; round < 50 && !event; round++) {
         OnHost([&] { make_file(data + "/later/f" + std::to_string(round)); });
