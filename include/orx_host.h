@@ -41,8 +41,8 @@ int orx_host_path_override(const char *path, const char *target);
 int orx_host_await_timers(int ms);
 
 /* How often th_mutex_lock has succeeded in this process, whatever the mutex. The monitor reads events and hands them to
- * its clients within one hold of its lock, so callbacks that get the same number are about events that had all been read
- * when the first of them was called; the number may be another one within a hold, too. Any thread. */
+ * its clients within one hold of its lock, so callbacks that get the same number are about events that had all been
+ * read when the first of them was called; the number may be another one within a hold, too. Any thread. */
 unsigned long long orx_host_lock_count(void);
 
 #ifdef __cplusplus
