@@ -19,7 +19,8 @@ struct Listener {
     pid_t pid = 0;
     std::string folder;
 
-    auto operator<=>(const Listener &) const = default;
+    bool operator==(const Listener &) const = default;
+    bool operator<(const Listener &other) const { return pid != other.pid ? pid < other.pid : folder < other.folder; }
 };
 
 /* By the names of the kernel's table of sockets, and of what is in this user's own folder, in order. Anybody can choose

@@ -32,11 +32,11 @@ common::Fd make_private_folder(const std::string &path);
 
 /* A socket that listens under the name of this process. What processes that are gone left behind is removed. Null:
  * there is none to be had, or another listens under that name already. */
-common::Fd listen_in(const std::string &folder, int backlog);
+common::Fd listen_in(const std::string &path, int backlog);
 
 /* 0 and `out` connected, or an errno: ENOENT and ECONNREFUSED nobody listens, EACCES the folder is another user's,
  * EPERM what listens is not that process, or not the user's whose folder it is. */
-int connect_in(const std::string &folder, pid_t pid, common::Fd &out);
+int connect_in(const std::string &path, pid_t pid, common::Fd &out);
 
 }  // namespace cli
 
