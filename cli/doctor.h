@@ -137,6 +137,17 @@ struct ContainerFacts {
 ContainerFacts gather_containers(bool container);
 Checks judge_containers(const ContainerFacts &facts);
 
+/* ---- running watches ---- */
+
+struct WatchFacts {
+    pid_t pid = 0;
+    std::string command;             /* its command line */
+    std::vector<std::string> losses; /* what it missed since it began, a line each */
+    std::string error;               /* why it could not be asked */
+};
+std::vector<WatchFacts> gather_watches(); /* those that this user may ask */
+Checks judge_watches(const std::vector<WatchFacts> &watches);
+
 /* ---- file systems ---- */
 
 Checks judge_mounts(const std::vector<Mount> &mounts);

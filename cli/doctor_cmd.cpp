@@ -32,6 +32,7 @@ Checks examine()
     append(checks, judge_probes(gather_probes(kernel, setup.container, users, mounts)));
     append(checks, judge_containers(gather_containers(setup.container)));
     append(checks, judge_mounts(mounts));
+    append(checks, judge_watches(gather_watches()));
     return checks;
 }
 

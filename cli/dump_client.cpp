@@ -122,6 +122,15 @@ bool is_watch(const Listener &listener)
            (geteuid() == 0 || peer_of(socket.get()).uid == geteuid());
 }
 
+std::vector<pid_t> running_watches(const std::vector<Listener> &all)
+{
+    std::vector<pid_t> pids;
+    for (const Listener &listener : all)
+        if (std::find(pids.begin(), pids.end(), listener.pid) == pids.end() && is_watch(listener))
+            pids.push_back(listener.pid);
+    return pids;
+}
+
 std::string command_line(pid_t pid)
 {
     std::ifstream in("/proc/" + std::to_string(pid) + "/cmdline");

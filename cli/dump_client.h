@@ -30,6 +30,9 @@ std::vector<Listener> listeners(const char *table = "/proc/net/unix");
 /* Whether the process itself listens under its name, and this user may ask it. */
 bool is_watch(const Listener &listener);
 
+/* The processes of those that this user may ask, once each. */
+std::vector<pid_t> running_watches(const std::vector<Listener> &all = listeners());
+
 /* "fmon watch -r /etc": the command line of a process, safe for a terminal. */
 std::string command_line(pid_t pid);
 

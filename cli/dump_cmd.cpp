@@ -1,5 +1,3 @@
-#include <algorithm>
-
 #include "dump_client.h"
 #include "dump_options.h"
 #include "message.h"
@@ -35,11 +33,8 @@ void list(const std::vector<pid_t> &pids)
 // The only watch that may be asked; 0 when there is not exactly one, which is said.
 pid_t find_only()
 {
-    std::vector<pid_t> pids;
     const std::vector<Listener> all = listeners();
-    for (const Listener &listener : all)
-        if (std::find(pids.begin(), pids.end(), listener.pid) == pids.end() && is_watch(listener))
-            pids.push_back(listener.pid);
+    const std::vector<pid_t> pids = running_watches(all);
     if (pids.size() == 1)
         return pids[0];
     if (pids.empty())

@@ -49,7 +49,7 @@ bool take_type(const char *value, DumpOptions &options, std::string &error)
     std::string names;
     for (const DumpType &type : kDumpTypeTable)
         names += std::string(type.name) + (&type == &kDumpTypeTable[kDumpTypes - 1] ? "" : ", ");
-    error = "--type takes " + names + " (or 0 to 6), not '" + value + "'";
+    error = "--type takes " + names + " (or 0 to 7), not '" + value + "'";
     return false;
 }
 

@@ -17,6 +17,7 @@ const DumpType kDumpTypeTable[kDumpTypes] = {
     {"events", "event records that wait"},
     {"backend", "the backend's own state, where it tells any"},
     {"files", "the backend's watched files, where it tells any"},
+    {"losses", "what was missed since the watch began, and why"},
 };
 
 namespace

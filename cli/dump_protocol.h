@@ -18,12 +18,13 @@
 namespace cli
 {
 
-/* A part of the monitor's state; the row is the type's number in the monitor. */
+/* A part of the monitor's state; the row is the type's number in the monitor, but for kDumpLosses, which the watch
+ * tells. */
 struct DumpType {
     const char *name;
     const char *meaning;
 };
-inline constexpr uint32_t kDumpTypes = 7;
+inline constexpr uint32_t kDumpTypes = 8, kDumpLosses = 7;
 extern const DumpType kDumpTypeTable[kDumpTypes];
 
 /* A name or a number. False: neither of a type. */

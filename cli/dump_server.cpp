@@ -184,6 +184,11 @@ void DumpServer::answer(int fd, const DumpRequest &request)
 
 int DumpServer::collect(uint32_t type, std::string &out)
 {
+    if (type == kDumpLosses) {
+        for (const std::string &line : losses_())
+            append_record(kRecordLine, line, out);
+        return 0;
+    }
     Collector collector = {out};
     int code;
     {

@@ -13,6 +13,7 @@
 #include <functional>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "dump_place.h"
 #include "dump_protocol.h"
@@ -24,11 +25,12 @@ class DumpServer
 {
 public:
     using Dump = int (*)(uint32_t type, void *arg);
+    using Losses = std::function<std::vector<std::string>()>; /* a line each */
 
     /* `dump` is the monitor's, which writes to the host's log. `hold(true)` makes events wait in the monitor until
-     * `hold(false)`; it is called on the server's thread. */
-    DumpServer(Dump dump, std::function<void(bool)> hold, std::string folder = dump_folder())
-        : dump_(dump), hold_(std::move(hold)), folder_(std::move(folder))
+     * `hold(false)`. `hold` and `losses` are called on the server's thread. */
+    DumpServer(Dump dump, std::function<void(bool)> hold, Losses losses, std::string folder = dump_folder())
+        : dump_(dump), hold_(std::move(hold)), losses_(std::move(losses)), folder_(std::move(folder))
     {
     }
     ~DumpServer();
@@ -57,6 +59,7 @@ private:
 
     const Dump dump_;
     const std::function<void(bool)> hold_;
+    const Losses losses_;
     const std::string folder_;
     common::Fd listener_, stop_; /* stop_: an eventfd, readable when the thread is to end */
     std::atomic<bool> holding_ = false;

@@ -79,4 +79,12 @@ std::vector<Loss> Losses::since_last(const struct fmon_status &now)
     return losses;
 }
 
+std::vector<std::string> loss_lines(const struct fmon_status &now)
+{
+    std::vector<std::string> lines;
+    for (const Loss &loss : Losses().since_last(now))
+        lines.push_back(loss.text);
+    return lines;
+}
+
 }  // namespace cli

@@ -31,6 +31,9 @@ private:
     struct fmon_loss_counts seen_ = {};
 };
 
+/* What was missed since the start, a line for a person each. */
+std::vector<std::string> loss_lines(const struct fmon_status &now);
+
 }  // namespace cli
 
 #endif

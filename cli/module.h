@@ -23,6 +23,13 @@ struct Module {
     decltype(&_orx_fmon_dump) dump;
     decltype(&g_container_flag) container_flag;
 
+    /* False: the monitor has not started. */
+    bool read_status(struct fmon_status &out) const
+    {
+        out = {};
+        out.size = sizeof out;
+        return status(&out) == 0;
+    }
     bool is_container() const { return *container_flag != 0; } /* from the start on */
 };
 

@@ -82,7 +82,12 @@ bool Session::start()
     reporter_.hide(own.files);
     if (!own.note.empty())
         reporter_.note(own.note);
-    dump_server_ = std::make_unique<DumpServer>(module_.dump, [this](bool on) { intake_.hold(on); });
+    dump_server_ = std::make_unique<DumpServer>(
+        module_.dump, [this](bool on) { intake_.hold(on); },
+        [this] {
+            struct fmon_status now;
+            return module_.read_status(now) ? loss_lines(now) : std::vector<std::string>();
+        });
     dump_server_->start();
     return true;
 }
@@ -254,9 +259,8 @@ void Session::tick(uint64_t now)
 // What each counter grew by since the last look is one record.
 void Session::check_losses()
 {
-    struct fmon_status now = {};
-    now.size = sizeof now;
-    if (module_.status(&now) != 0)
+    struct fmon_status now;
+    if (!module_.read_status(now))
         return;
     for (const Loss &loss : losses_.since_last(now)) {
         reporter_.loss(loss.source, loss.count, loss.path);

@@ -105,7 +105,7 @@ TEST_F(Dump, EveryPart)
     EXPECT_EQ(dump({"-t", "waiting", pid()}).text, "TBD list:\n");
     expect_has(dump({"-t", "dentries", pid()}).text, {"Dentry:\n  /", ("  " + tree_.path("sub") + "\n").c_str()});
     EXPECT_EQ(dump({"-t", "events", pid()}).text, "Events:\ncount: 0\n");
-    for (const char *part : {"backend", "files"}) {
+    for (const char *part : {"backend", "files", "losses"}) {
         const Answer answer = dump({"-t", part, pid()});
         EXPECT_EQ(answer.status, 0);
         EXPECT_EQ(answer.text, "");
@@ -244,7 +244,7 @@ TEST(DumpOfNothing, OneLineEach)
     expect_refused(dump({"2147483646"}), "there is no process 2147483646");
     expect_refused(dump({"1"}), "process 1 is no running fmon watch");
     expect_refused(dump({std::to_string(getpid())}), "is no running fmon watch");
-    expect_refused(dump({"-t", "7"}), "--type takes all, instances, waiting, dentries, events, backend, files");
+    expect_refused(dump({"-t", "8"}), "--type takes all, instances, waiting, dentries, events, backend, files, losses");
     expect_refused(dump({"--hold", "x"}), "--hold takes seconds");
     const Answer help = dump({"--help"});
     EXPECT_EQ(help.status, 0);

@@ -149,6 +149,10 @@ TEST(Reading, PathsThatAreTooLongAreLosses)
         return lost >= 2 && last;
     })) << lost;
     EXPECT_EQ(2u, lost);
+    Process dump({{FMON_TEST_BIN "/fmon", "dump", "-t", "losses", std::to_string(watch.process().pid())}});
+    const std::string line = dump.line().value_or("");
+    EXPECT_EQ(0u, line.find("2 events had no path that can be told")) << line << dump.errors();
+    EXPECT_EQ(0, dump.wait());
 }
 
 /* ---- whose path it is ---- */

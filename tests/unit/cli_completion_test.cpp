@@ -110,7 +110,7 @@ TEST_F(Completion, values)
 TEST_F(Completion, dump)
 {
     EXPECT_EQ(replies("fmon dump --"), "--type --hold --help");
-    EXPECT_EQ(replies("fmon dump -t ''"), "all instances waiting dentries events backend files");
+    EXPECT_EQ(replies("fmon dump -t ''"), "all instances waiting dentries events backend files losses");
     EXPECT_EQ(replies("fmon dump --type = wa"), "waiting");
     EXPECT_EQ(replies("fmon dump --hold ''"), "");
     EXPECT_EQ(replies("fmon dump nothing"), "");

@@ -446,6 +446,17 @@ TEST(CliDoctorReport, json)
     EXPECT_EQ(texts[0], "fi\"ne\xef\xbf\xbd");
 }
 
+TEST(CliDoctorWatches, what_each_missed)
+{
+    const Checks checks = judge_watches({{7, "fmon watch /a", {}, ""},
+                                         {8, "fmon watch /b", {"one", "two"}, ""},
+                                         {9, "fmon watch /c", {}, "process 9 does not answer"}});
+    ASSERT_EQ(checks.size(), 3u);
+    expect(find(checks, "process 7"), State::kOk, {"fmon watch /a: nothing was missed"});
+    expect(find(checks, "process 8"), State::kWarn, {"fmon watch /b: one; two"});
+    expect(find(checks, "process 9"), State::kWarn, {"fmon watch /c: process 9 does not answer"});
+}
+
 TEST(CliDoctorReport, status)
 {
     const auto status = [](State state, bool reachable) {

@@ -124,6 +124,9 @@ protected:
                           held = on;
                           holds += on;
                       },
+                      [] {
+                          return std::vector<std::string>{"2 events found no memory", "/a\nb is full"};
+                      },
                       folder.root()};
     std::string error;
 };
@@ -141,16 +144,16 @@ TEST(CliDumpOptions, usual)
 
 TEST(CliDumpOptions, types_by_name_and_number)
 {
-    const char *const names[] = {"all", "instances", "waiting", "dentries", "events", "backend", "files"};
+    const char *const names[] = {"all", "instances", "waiting", "dentries", "events", "backend", "files", "losses"};
     for (uint32_t i = 0; i < kDumpTypes; i++) {
         EXPECT_EQ(given({"-t", names[i]}, true).request.type, i);
         EXPECT_EQ(given({"--type=" + std::to_string(i)}, true).request.type, i);
         EXPECT_NE(dump_help().find("  " + std::to_string(i) + "  " + names[i] + " "), std::string::npos);
     }
-    for (const char *bad : {"7", "", "Events", "-1", "0x1", "01", "4294967296"})
+    for (const char *bad : {"8", "", "Events", "-1", "0x1", "01", "4294967296"})
         EXPECT_NE(complaint({"-t", bad})
-                      .find("--type takes all, instances, waiting, dentries, events, backend, files "
-                            "(or 0 to 6)"),
+                      .find("--type takes all, instances, waiting, dentries, events, backend, files, "
+                            "losses (or 0 to 7)"),
                   std::string::npos)
             << bad;
 }
@@ -287,8 +290,8 @@ TEST_F(Dump, empty_part) { EXPECT_EQ(ask(5).text, ""); }
 
 TEST_F(Dump, unknown_type)
 {
-    ask(7);
-    EXPECT_NE(error.find("knows no type 7"), std::string::npos) << error;
+    ask(8);
+    EXPECT_NE(error.find("knows no type 8"), std::string::npos) << error;
     EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
 }
 
@@ -391,10 +394,17 @@ TEST_F(Dump, several_at_once)
     EXPECT_EQ(good, 8);
 }
 
+TEST_F(Dump, losses_are_told_by_the_watch)
+{
+    const DumpAnswer answer = ask(kDumpLosses);
+    EXPECT_EQ(answer.text, "2 events found no memory\n/a\\nb is full\n");
+    EXPECT_EQ(dumps, 0) << "the monitor is not stopped for it";
+}
+
 TEST_F(Dump, a_second_server_of_one_process_gives_way)
 {
     DumpServer second(
-        fake_dump, [](bool) {}, folder.root());
+        fake_dump, [](bool) {}, [] { return std::vector<std::string>(); }, folder.root());
     EXPECT_FALSE(second.start());
     EXPECT_FALSE(second.stop());
     EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
