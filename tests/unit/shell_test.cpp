@@ -271,15 +271,18 @@ TEST_F(Config, RatesMayBeZero)
     EXPECT_EQ(1, backend.count("rate_ctrl(0,0,0)"));
 }
 
-TEST_F(Config, HardenedOnlyWhenItIsSaid)
+TEST_F(Config, HardenedWhenItIsSaid)
 {
-    start();
-    EXPECT_EQ(0u, fmon.hardened);
     testlib::set_ini({{{"fmon", "hardened"}, "1"}});
-    reset_shell();
-    fmon_deinit();
     start();
     EXPECT_EQ(1u, fmon.hardened);
+}
+
+TEST_F(Config, NotHardenedWithoutTheKey)
+{
+    fmon.hardened = 1;
+    start();
+    EXPECT_EQ(0u, fmon.hardened);
 }
 
 /* Zero switches throttling off, so it must be meant. */
