@@ -88,21 +88,38 @@ int adopt_wd(struct dentry *d, int wd)
     return FMON_LINUX_ESEQ;
 }
 
-/* What other dentries need of the inode that the dentry stands for: other names of a file, other mounts of a directory.
- * `sharer`: one of them, or null. */
-struct fmon_masks shared_masks(struct dentry *d, struct dentry **sharer)
+/* Calls visit(other) for each other dentry that stands for the same inode: other names of a file, other mounts of a
+ * directory. */
+template <typename Visit>
+void for_each_sharer(struct dentry *d, Visit visit)
+{
+    if (!(d->owner_bits & DENTRY_INDEXED))
+        return;
+    for (struct dentry *other = inode_index_first(d); other; other = inode_index_next(other))
+        if (other != d)
+            visit(other);
+}
+
+/* What other dentries need of the inode that the dentry stands for. */
+struct fmon_masks shared_masks(struct dentry *d)
 {
     struct fmon_masks masks = {0, 0};
-    *sharer = nullptr;
-    if (!(d->owner_bits & DENTRY_INDEXED))
-        return masks;
-    for (struct dentry *other = inode_index_first(d); other; other = inode_index_next(other)) {
-        if (other == d)
-            continue;
-        *sharer = other;
+    for_each_sharer(d, [&masks](struct dentry *other) {
         masks = masks_or(masks, masks_or(fmon_linux_own_masks(other), fmon_linux_recursive_masks(other)));
-    }
+    });
     return masks;
+}
+
+/* Who may take over the dentry's watch, or null. An inode number that was given to a new inode before the old one's
+ * IN_IGNORED was read makes two dentries look alike that have a watch each: neither is the other's. */
+struct dentry *heir_of(struct dentry *d)
+{
+    struct dentry *heir = nullptr;
+    for_each_sharer(d, [d, &heir](struct dentry *other) {
+        if (owner_of(other)->wd < 0 || owner_of(other)->wd == owner_of(d)->wd)
+            heir = other;
+    });
+    return heir;
 }
 
 /* The number that the log tells, of an inode that was not opened. */
@@ -118,9 +135,8 @@ void note_inode(struct dentry *d, const char *path)
 /* Places the mask, alone or with what else is needed of the inode, on what is open or on what has the name. */
 int set_inotify(struct dentry *d, const struct fmon_place *at, const char *path, uint32_t mask)
 {
-    struct dentry *sharer;
     if (at && at->fd >= 0)
-        return inotify_set_opened(at->link, mask | shared_masks(d, &sharer).ino);
+        return inotify_set_opened(at->link, mask | shared_masks(d).ino);
     return inotify_set(path, mask);
 }
 
@@ -198,9 +214,8 @@ int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uin
     struct fmon_place at = {};
     at.fd = -1;
     bool opened = d && fmlnx.by_descriptor && !(flags & FMON_MOUNT);
-    struct dentry *sharer;
     if (opened)
-        remain |= shared_masks(d, &sharer).fan;
+        remain |= shared_masks(d).fan;
     uint32_t bits = del & ~remain;
     if (bits == 0)
         return 0;
@@ -265,17 +280,17 @@ int fmon_linux_ino_down(struct dentry *d, uint32_t remain, uint32_t del)
         FMON_LOG(1, kFile, "wd is -1, but has events, remain %s, old %s\n", event_str(remain), event_str2(del));
         return -1;
     }
-    struct dentry *sharer;
-    uint32_t shared = shared_masks(d, &sharer).ino;
     if (remain != 0)
         return place_down(d, remain);
     if (lent_wd(d)) {
         own->wd = -1;
         return 0;
     }
-    if (shared != 0) {
+    uint32_t shared = shared_masks(d).ino;
+    struct dentry *heir = shared != 0 ? heir_of(d) : nullptr;
+    if (heir) {
         int result = place_down(d, shared);
-        return result < 0 ? result : leave_watch(d, sharer);
+        return result < 0 ? result : leave_watch(d, heir);
     }
 
     FMON_LOG(4, kFile, "inotify remove %s wd %d, remain %s, del %s\n", dentry_path(d), own->wd, event_str(remain),

@@ -170,6 +170,26 @@ TEST_F(Place, TwoNamesOfOneFileKeepTheirMarks)
     EXPECT_EQ(0U, inode_index_count());
 }
 
+/* A directory goes, and a new one gets its inode number before that is read: two dentries seem to stand for one inode,
+ * each with a kernel watch of its own. */
+TEST_F(Place, AnInodeNumberThatIsUsedAgainJoinsNoWatches)
+{
+    std::string a = tree.dir("a"), b = tree.dir("b");
+    ASSERT_EQ(0, m.add(a, FMON_CREATE, FMON_DIR));
+    ASSERT_EQ(0, m.add(b, FMON_CREATE, FMON_DIR));
+    const int wd_a = wd_of(a), wd_b = wd_of(b);
+    struct stat st;
+    ASSERT_EQ(0, stat(b.c_str(), &st));
+    ASSERT_EQ(0, inode_index_set(dcache_find(&fmon.dcache, a.c_str()), st.st_dev, st.st_ino));
+    EXPECT_EQ(0, m.del(a));
+    EXPECT_EQ(wd_b, wd_of(b));
+    EXPECT_EQ(SEQ_POISON, seq_get(&fmlnx.seq, wd_a));
+    pump_all();
+    EXPECT_EQ(wd_b, wd_of(b)) << "the end of the other watch is not its own";
+    EXPECT_EQ(0, m.del(b));
+    EXPECT_EQ(SEQ_POISON, seq_get(&fmlnx.seq, wd_b)) << "nothing leads to what is freed";
+}
+
 /* ---- exchanged, replaced, made again ---- */
 
 TEST_F(Place, ExchangedDirectoriesAreBothWatched)
