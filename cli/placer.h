@@ -31,7 +31,7 @@ public:
 
     /* For a path that has appeared: all its watches, on `path`, which no link may take elsewhere. 0, or the monitor's
      * code, and then none of them stands; why() has the reason. */
-    int take_up(size_t root, const std::string &path);
+    int take_up(size_t index, const std::string &path);
     std::string why(const std::string &path) const;
     void give_up(Root &root);
 

@@ -49,7 +49,7 @@ void Listener::press() const
 {
     while (clock_ms() < g_patient_ms + kOrderMs) {
         pthread_kill(main, kInterrupt);
-        const struct timespec pause = {0, kTickMs * 1000000};
+        const struct timespec pause = {0, long{kTickMs} * 1000000};
         nanosleep(&pause, nullptr);
     }
 }
