@@ -275,7 +275,7 @@ bool Watch::is_own_reading(const Json &event) const
 
 void Watch::take(const Json &event, Paths &seen)
 {
-    if (event["type"] == "appeared" || event["type"] == "ended")
+    if (event["type"] == "appeared" || event["type"] == "ended" || (event["type"] == "loss" && losses_are_due_))
         return;
     EXPECT_EQ(event["type"], "event") << event;
     if (event["type"] != "event" || is_own_reading(event))

@@ -1,5 +1,6 @@
 /* The library as a whole over a made-up kernel: its start, its instances, its thread. */
 #include <gtest/gtest.h>
+#include <sys/syscall.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -293,7 +294,7 @@ TEST(KprobeLibrary, records_come_also_when_what_the_thread_sleeps_on_is_closed)
         char target[64] = "";
         const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), target, sizeof target - 1);
         if (length > 0 && std::string(target) == "anon_inode:[eventpoll]")
-            closed += close(fd) == 0;
+            closed += syscall(SYS_close, fd) == 0; /* behind the back of everybody, a sanitizer included */
     }
     EXPECT_EQ(1, closed);
     for (int i = 0; i < 3; i++) {
