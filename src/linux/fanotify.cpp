@@ -39,6 +39,7 @@ int mark(int fd, unsigned operation, uint64_t mask, int dirfd, const char *path)
  * the file's owner gives up a lease on it, or until somebody writes into a FIFO. */
 unsigned event_descriptor_flags()
 {
+    /* NOLINTNEXTLINE(misc-redundant-expression): O_LARGEFILE is 0 where files are always large, as O_RDONLY is */
     return fmon.hardened ? unsigned{O_RDONLY | O_NONBLOCK | O_CLOEXEC | O_LARGEFILE} : 0;
 }
 

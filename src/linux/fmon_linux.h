@@ -161,8 +161,8 @@ void fmon_linux_lost_mark(struct dentry *);
 inline bool fmon_linux_marked(struct dentry *d) { return owner_of(d)->wd >= 0 || (d->owner_bits & DENTRY_FAN_MARK); }
 void fmon_linux_forget_bare(struct dentry *);
 
-/* Kernel marks. `path` null: the dentry's; with a place, it is only what the log says. 0 or a code. */
-int fmon_linux_fan_up(struct dentry *, const char *path, const struct fmon_place *, uint32_t old, uint32_t add,
+/* Kernel marks. `given` or `path` null: the dentry's; with a place, it is only what the log says. 0 or a code. */
+int fmon_linux_fan_up(struct dentry *, const char *given, const struct fmon_place *, uint32_t old, uint32_t add,
                       uint32_t flags);
 int fmon_linux_fan_down(struct dentry *, const char *path, uint32_t remain, uint32_t del, uint32_t flags);
 int fmon_linux_ino_up(struct dentry *, const struct fmon_place *, uint32_t old, uint32_t add);
