@@ -218,8 +218,8 @@ TEST(OutputFile, GrowsWithAppend)
     TempTree tree, results;
     const std::string out = results.file("out", "before\n");
     for (const char *name : {"a", "b"}) {
-        Process fmon({watch({"-q", "-n", "1", "-e", "create", "--format", "%p", "--append", "-o", out, tree.root()})});
-        pause_ms(500);
+        Process fmon({watch({"-n", "1", "-e", "create", "--format", "%p", "--append", "-o", out, tree.root()})});
+        ASSERT_TRUE(await([&] { return fmon.errors().find("watching ") != std::string::npos; })) << fmon.errors();
         make_file(tree.path(name));
         EXPECT_EQ(fmon.wait(), 0);
     }
