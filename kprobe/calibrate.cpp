@@ -270,24 +270,21 @@ private:
         return places;
     }
 
-    // What both marks and the descriptor's open file point to is the inotify instance. More than one such thing: not
-    // known.
+    // What both marks and the descriptor's open file point to is the inotify instance. The first place counts: behind a
+    // small kernel's mark lies another one of the same instance.
     void find_group(MarkLayout *at)
     {
         const auto marks = look(words_behind(mark_, kMarkSize), "");
         const auto file = experiment(tracefs_, kFilePoint, words_behind(argument_place(facts_, 1), kFileSize), "",
                                      [this] { ask_queue(watches_.fd()); });
-        int found = 0;
         for (size_t i = 0; file.size() == 1 && !marks.empty() && i < marks[0].size(); i++)
             for (size_t j = 0; j < file[0].size(); j++) {
                 if (!is_pointer(marks[0][i], facts_) || marks[1][i] != marks[0][i] || file[0][j] != marks[0][i])
                     continue;
                 at->group = static_cast<int>(i) * word_;
                 at->file_group = static_cast<int>(j) * word_;
-                found++;
+                return;
             }
-        if (found != 1)
-            at->group = at->file_group = kUnknown;
     }
 
     const Tracefs &tracefs_;

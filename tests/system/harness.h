@@ -112,7 +112,6 @@ private:
     void await_marker(const std::string &dir, const Names &awaited, Paths &seen);
     bool is_marker(const std::string &path) const;
     bool is_own_reading(const Json &event) const;
-    bool is_excused(const Json &loss) const;
     void take(const Json &event, Paths &seen);
 
     std::string root_;
