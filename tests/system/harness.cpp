@@ -260,6 +260,16 @@ std::optional<Json> Watch::next(int ms)
     return is_excused(object) ? next(static_cast<int>(std::max<int64_t>(until - now_ms(), 0))) : object;
 }
 
+Json Watch::next_of(const std::string &type, int ms)
+{
+    const int64_t deadline = now_ms() + ms;
+    while (now_ms() < deadline)
+        if (auto object = next(500); object && (*object)["type"] == type)
+            return *object;
+    ADD_FAILURE() << "no " << type << " " << process_.errors();
+    return {};
+}
+
 Json Watch::established()
 {
     auto first = next();

@@ -94,6 +94,8 @@ public:
     Json established();
     /* The next object of the output, checked for what every object has. */
     std::optional<Json> next(int ms = kPatienceMs);
+    /* The next of that type, others skipped; fails the test when none comes within `ms`. */
+    Json next_of(const std::string &type, int ms = kPatienceMs);
 
     /* Makes a marker file in `dir` and reads until everything that happened before it has been reported: each kernel
      * queue is in order, so the marker is awaited from both (`awaited`). Returns what was reported, markers and

@@ -33,16 +33,6 @@ protected:
         }
         umount2((dir + "/sub").c_str(), MNT_DETACH);
     }
-    /* The next record of that type, others skipped. */
-    Json record(Watch &watch, const std::string &type)
-    {
-        const int64_t deadline = now_ms() + kPatienceMs;
-        while (now_ms() < deadline)
-            if (auto object = watch.next(500); object && (*object)["type"] == type)
-                return *object;
-        ADD_FAILURE() << "no " << type << " " << watch.process().errors();
-        return {};
-    }
     /* Makes files in a folder until one is told. */
     bool is_watched(Watch &watch, const std::string &folder)
     {
@@ -59,7 +49,7 @@ TEST_F(MountChanges, AWatchedDirectoryIsCovered)
     Watch watch(dir, {"-e", "create"});
     watch.established();
     mount_tmpfs(dir);
-    const Json ended = record(watch, "ended");
+    const Json ended = watch.next_of("ended");
     EXPECT_EQ(ended["path"], dir);
     EXPECT_EQ(ended["reason"], "covered");
     EXPECT_NE(watch.process().wait(), 0);
@@ -70,12 +60,12 @@ TEST_F(MountChanges, WhatIsWaitedForIsTakenUpAnew)
     Watch watch(dir, {"-r", "--wait", "-e", "create"});
     watch.established();
     mount_tmpfs(dir);
-    EXPECT_EQ(record(watch, "ended")["reason"], "covered");
-    EXPECT_EQ(record(watch, "appeared")["path"], dir);
+    EXPECT_EQ(watch.next_of("ended")["reason"], "covered");
+    EXPECT_EQ(watch.next_of("appeared")["path"], dir);
     EXPECT_TRUE(is_watched(watch, dir));
     unmount(dir);
-    EXPECT_EQ(record(watch, "ended")["reason"], "unmounted");
-    EXPECT_EQ(record(watch, "appeared")["path"], dir);
+    EXPECT_EQ(watch.next_of("ended")["reason"], "unmounted");
+    EXPECT_EQ(watch.next_of("appeared")["path"], dir);
     EXPECT_TRUE(is_watched(watch, dir));
     EXPECT_EQ(watch.stop(), 0);
 }
@@ -86,13 +76,13 @@ TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
     Watch watch(dir, {"-r", "-e", "create,close_write"});
     watch.established();
     mount_tmpfs(sub);
-    Json loss = record(watch, "loss");
+    Json loss = watch.next_of("loss");
     EXPECT_EQ(loss["source"], "watches");
     EXPECT_EQ(loss["path"], sub);
     EXPECT_TRUE(is_watched(watch, sub));
     watch.barrier(sub);
     unmount(sub);
-    loss = record(watch, "loss");
+    loss = watch.next_of("loss");
     EXPECT_EQ(loss["path"], sub);
     EXPECT_TRUE(is_watched(watch, sub));
     watch.barrier(sub);

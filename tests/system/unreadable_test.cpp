@@ -29,15 +29,6 @@ protected:
     /* Becomes the stranger for good: each case runs in a child. */
     void as_user(const std::function<void()> &body) { EXPECT_TRUE(run(as_stranger(body), 60000)); }
 
-    static Json record(Watch &watch, const std::string &type)
-    {
-        const int64_t deadline = now_ms() + kPatienceMs;
-        while (now_ms() < deadline)
-            if (auto object = watch.next(500); object && (*object)["type"] == type)
-                return *object;
-        ADD_FAILURE() << "no " << type << " " << watch.process().errors();
-        return {};
-    }
     static bool is_watched(Watch &watch, const std::string &folder)
     {
         return !watch.until_reported([&](int round) { make_file(folder + "/file" + std::to_string(round)); }).empty();
@@ -55,7 +46,7 @@ TEST_F(Unreadable, IsNamedAtTheStartAndWatchedLater)
         change_mode(home + "/closed", 0);
         Watch watch(home, {"-r", "-e", "create"});
         watch.established();
-        const Json loss = record(watch, "loss");
+        const Json loss = watch.next_of("loss");
         EXPECT_EQ(loss["source"], "watches");
         EXPECT_EQ(loss["path"], home + "/closed");
         EXPECT_EQ(loss["count"], 1);
@@ -72,7 +63,7 @@ TEST_F(Unreadable, IsNamedAtRunTimeOnce)
         Watch watch(home, {"-r", "-e", "create,attrib"});
         watch.established();
         EXPECT_EQ(0, mkdir((home + "/closed").c_str(), 0));
-        const Json loss = record(watch, "loss");
+        const Json loss = watch.next_of("loss");
         EXPECT_EQ(loss["path"], home + "/closed");
         EXPECT_EQ(loss["count"], 1);
         pause_ms(2500);

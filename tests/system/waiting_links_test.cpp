@@ -17,17 +17,6 @@ namespace
 
 constexpr int kPickUpMs = 8000;
 
-/* The next record of that type, others skipped. */
-Json record(Watch &watch, const std::string &type)
-{
-    const int64_t deadline = now_ms() + kPickUpMs;
-    while (now_ms() < deadline)
-        if (auto object = watch.next(500); object && (*object)["type"] == type)
-            return *object;
-    ADD_FAILURE() << "no " << type << " " << watch.process().errors();
-    return {};
-}
-
 /* Whether something below `path` is told within `ms`. */
 bool tells(Watch &watch, const std::string &path, int ms = 1500)
 {
@@ -54,11 +43,11 @@ TEST(WaitingLinks, WhatIsMissingIsSaid)
     EXPECT_EQ(established["paths"], Json::array({there}));
     EXPECT_EQ(established["missing"], Json::array({missing}));
     make_dir(missing);
-    EXPECT_EQ(record(watch, "appeared")["path"], missing);
+    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], missing);
     make_file(missing + "/f");
     EXPECT_TRUE(tells(watch, missing + "/f"));
     std::filesystem::remove_all(missing);
-    const Json ended = record(watch, "ended");
+    const Json ended = watch.next_of("ended", kPickUpMs);
     EXPECT_EQ(ended["path"], missing);
     EXPECT_EQ(ended["reason"], "deleted");
     EXPECT_EQ(watch.stop(), 0);
@@ -72,8 +61,8 @@ TEST(WaitingLinks, AFolderAboveThatIsReplaced)
     watch.established();
     move(tree.path("a"), tree.path("old"));
     tree.dir("a/b");
-    EXPECT_EQ(record(watch, "ended")["path"], path);
-    EXPECT_EQ(record(watch, "appeared")["path"], path);
+    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], path);
+    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], path);
     make_file(tree.path("old/b/unseen"));
     make_file(path + "/seen");
     auto event = watch.next();
@@ -91,11 +80,11 @@ TEST(WaitingLinks, ALinkOfOnesOwnIsFollowed)
     Watch watch(tree.path("link"), {"--wait", "-e", "create"});
     watch.established();
     make_link(target, tree.path("link"));
-    EXPECT_EQ(record(watch, "appeared")["path"], tree.path("link"));
+    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], tree.path("link"));
     make_file(target + "/f");
     EXPECT_TRUE(tells(watch, target + "/f"));
     remove_file(tree.path("link"));
-    EXPECT_EQ(record(watch, "ended")["path"], tree.path("link"));
+    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], tree.path("link"));
     make_file(target + "/g");
     EXPECT_FALSE(tells(watch, target + "/g"));
     EXPECT_EQ(watch.stop(), 0);
@@ -130,7 +119,7 @@ TEST_F(StrangersLinks, AreNotFollowedByAWait)
         make_dir(home + "/x");
         make_dir(home + "/x/log");
     })));
-    EXPECT_EQ(record(watch, "appeared")["path"], home + "/x/log");
+    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], home + "/x/log");
     EXPECT_EQ(watch.stop(), 0);
 }
 
@@ -164,7 +153,7 @@ TEST_F(StrangersLinks, DoNotTakeAWatchElsewhere)
         move(home + "/x", home + "/old");
         make_link(secret, home + "/x");
     })));
-    EXPECT_EQ(record(watch, "ended")["path"], home + "/x/log");
+    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], home + "/x/log");
     make_file(secret + "/log/f");
     EXPECT_TRUE(run(as_stranger([&] { make_file(home + "/old/log/f"); })));
     EXPECT_FALSE(tells(watch, tree.root()));
