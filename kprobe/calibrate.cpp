@@ -16,8 +16,8 @@
 #include "experiment.h"
 #include "groups.h"
 #include "log.h"
+#include "places.h"
 #include "tracefs.h"
-#include "translate.h"
 
 namespace kprobe
 {

@@ -8,8 +8,8 @@
 #include "facts.h"
 #include "log.h"
 #include "perf.h"
+#include "plan.h"
 #include "tracefs.h"
-#include "translate.h"
 
 namespace kprobe
 {

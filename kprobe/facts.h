@@ -65,12 +65,6 @@ void functions_from_symbols(std::string_view lines, Facts *out);
 // All of it. False with a reason in words for a person.
 bool gather_facts(const Tracefs &tracefs, Facts *out, std::string *why);
 
-// Where the n-th argument of a kernel function is at its entry (from 1).
-std::string argument_place(const Facts &facts, int n);
-
-// The word at `offset` bytes behind what `inner` points to.
-std::string deref(int offset, const std::string &inner);
-
 }  // namespace kprobe
 
 #endif

@@ -13,6 +13,7 @@
 
 #include "experiment.h"
 #include "open_files.h"
+#include "places.h"
 
 namespace kprobe
 {

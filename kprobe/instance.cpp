@@ -9,7 +9,9 @@
 #include <ctime>
 #include <exception>
 
+#include "filter.h"
 #include "log.h"
+#include "translate.h"
 
 namespace kprobe
 {

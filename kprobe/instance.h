@@ -21,10 +21,10 @@
 #include "marks.h"
 #include "mounts.h"
 #include "perf.h"
+#include "plan.h"
 #include "queue.h"
 #include "record.h"
 #include "tracefs.h"
-#include "translate.h"
 
 namespace kprobe
 {

@@ -11,6 +11,7 @@
 
 #include "log.h"
 #include "open_files.h"
+#include "translate.h"
 
 namespace kprobe
 {

@@ -9,8 +9,8 @@
 #include <vector>
 
 #include "mounts.h"
+#include "plan.h"
 #include "tracefs.h"
-#include "translate.h"
 
 namespace kprobe
 {

@@ -1,8 +1,9 @@
 /* Filters: devices in the place of mount ids, and nothing else touched. */
+#include "filter.h"
+
 #include <gtest/gtest.h>
 
 #include "mounts.h"
-#include "translate.h"
 
 using namespace kprobe;
 

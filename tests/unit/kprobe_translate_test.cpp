@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include "kprobe_facts.h"
+#include "places.h"
 
 using namespace kprobe;
 using namespace kprobe_facts;
