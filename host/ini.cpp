@@ -6,12 +6,12 @@
 #include <cstring>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <utility>
 
+#include "common/mutex.h"
 #include "guard.h"
 #include "orx_base.h"
 #include "orx_host.h"
@@ -35,8 +35,8 @@ using Values = std::map<Key, std::string>;
 
 /* What orx_host_ini_override has set, for the life of the process. */
 struct Overrides {
-    std::mutex lock;
-    Values values;
+    common::Mutex lock;
+    Values values GUARDED_BY(lock);
 };
 
 Overrides &overrides()
@@ -146,7 +146,7 @@ std::unique_ptr<Values> load(const char *path)
 {
     std::optional<std::string> text = read_file(path);
     Overrides &set = overrides();
-    std::lock_guard hold(set.lock);
+    const common::Lock hold(set.lock);
     if (!text && set.values.empty())
         return nullptr;
     auto values = std::make_unique<Values>();
@@ -164,7 +164,7 @@ std::unique_ptr<Values> load(const char *path)
 void set_override(const char *section, const char *key, const char *value)
 {
     Overrides &set = overrides();
-    std::lock_guard hold(set.lock);
+    const common::Lock hold(set.lock);
     if (value)
         set.values[make_key(section, key)] = value;
     else

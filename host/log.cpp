@@ -9,11 +9,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <memory>
-#include <mutex>
-#include <shared_mutex>
 #include <string>
 #include <string_view>
 
+#include "common/mutex.h"
 #include "guard.h"
 #include "log_file.h"
 #include "log_line.h"
@@ -30,11 +29,11 @@ constexpr char kFile[] = "log.c";
 constexpr size_t kMaxText = 32 << 10; /* bytes of a text that reach the log */
 
 struct Log {
-    std::mutex lock; /* the file, and the order of lines */
-    host::LogFile file;
-    std::shared_mutex sink_lock; /* shared while the sink runs: removing it waits for calls under way */
-    orx_log_sink sink = nullptr;
-    void *sink_arg = nullptr;
+    common::Mutex lock; /* also the order of lines */
+    host::LogFile file GUARDED_BY(lock);
+    common::SharedMutex sink_lock; /* shared while the sink runs: removing it waits for calls under way */
+    orx_log_sink sink GUARDED_BY(sink_lock) = nullptr;
+    void *sink_arg GUARDED_BY(sink_lock) = nullptr;
 };
 
 Log &the_log()
@@ -45,8 +44,8 @@ Log &the_log()
 
 /* While threads take their lines away, error_output_level is raised for all; `level` is what it was, -1 otherwise. */
 struct Raised {
-    std::mutex lock;
-    int captures = 0; /* under lock */
+    common::Mutex lock;
+    int captures GUARDED_BY(lock) = 0;
     std::atomic<int> level = -1;
 } raised;
 
@@ -70,7 +69,7 @@ bool is_for_log(int level)
 
 void raise_level()
 {
-    const std::lock_guard hold(raised.lock);
+    const common::Lock hold(raised.lock);
     if (raised.captures++ > 0)
         return;
     raised.level.store(get_level(), std::memory_order_relaxed);
@@ -79,7 +78,7 @@ void raise_level()
 
 void restore_level()
 {
-    const std::lock_guard hold(raised.lock);
+    const common::Lock hold(raised.lock);
     if (--raised.captures > 0)
         return;
     set_level(raised.level.load(std::memory_order_relaxed));
@@ -154,7 +153,7 @@ void show_to_sink(int level, const char *file, int line, const char *text)
     if (in_sink)
         return;
     Log &log = the_log();
-    std::shared_lock hold(log.sink_lock);
+    const common::SharedLock hold(log.sink_lock);
     if (!log.sink)
         return;
     in_sink = true;
@@ -180,7 +179,7 @@ void write_stderr(std::string_view line)
 void write_line(std::string_view line)
 {
     Log &log = the_log();
-    std::lock_guard hold(log.lock);
+    const common::Lock hold(log.lock);
     if (!log.file.is_open() || !log.file.write(line))
         write_stderr(line);
 }
@@ -238,7 +237,7 @@ int autolog_init(const char *path, int n)
         return -1;
     }
     Log &log = the_log();
-    std::lock_guard hold(log.lock);
+    const common::Lock hold(log.lock);
     log.file = std::move(file);
     return 0;
 }
@@ -246,14 +245,14 @@ int autolog_init(const char *path, int n)
 void autolog_deinit(void)
 {
     Log &log = the_log();
-    std::lock_guard hold(log.lock);
+    const common::Lock hold(log.lock);
     log.file = host::LogFile();
 }
 
 void orx_host_log_sink(orx_log_sink sink, void *arg)
 {
     Log &log = the_log();
-    std::unique_lock hold(log.sink_lock);
+    const common::ExclusiveLock hold(log.sink_lock);
     log.sink = sink;
     log.sink_arg = arg;
 }

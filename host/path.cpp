@@ -2,12 +2,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <unistd.h>
 
+#include "common/mutex.h"
 #include "guard.h"
 #include "orx_base.h"
 #include "orx_host.h"
@@ -68,8 +68,8 @@ bool starts_with_agent_folder(const char *path) { return path[0] == '@' && (path
 
 /* What orx_host_path_override has set, for the life of the process. */
 struct Overrides {
-    std::mutex lock;
-    std::map<std::string, std::string> targets;
+    common::Mutex lock;
+    std::map<std::string, std::string> targets GUARDED_BY(lock);
 };
 
 Overrides &overrides()
@@ -81,7 +81,7 @@ Overrides &overrides()
 std::optional<std::string> overridden(const std::string &path)
 {
     Overrides &set = overrides();
-    const std::lock_guard hold(set.lock);
+    const common::Lock hold(set.lock);
     const auto found = set.targets.find(path);
     return found == set.targets.end() ? std::nullopt : std::optional(found->second);
 }
@@ -89,7 +89,7 @@ std::optional<std::string> overridden(const std::string &path)
 void set_override(const char *path, const char *target)
 {
     Overrides &set = overrides();
-    const std::lock_guard hold(set.lock);
+    const common::Lock hold(set.lock);
     if (target)
         set.targets[path] = target;
     else
