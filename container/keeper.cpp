@@ -11,6 +11,7 @@
 #include <new>
 
 #include "cgroup.h"
+#include "common/guard.h"
 
 namespace container
 {
@@ -52,13 +53,13 @@ Keeper &Keeper::get()
 
 std::string Keeper::proc() const
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     return proc_;
 }
 
 std::string Keeper::files() const
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     return files_;
 }
 
@@ -67,9 +68,9 @@ bool Keeper::start_thread()
     if (running_)
         return true;
     stop_ = false;
-    if (!bell_)
-        bell_ = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    polled_.assign(1, {bell_.get(), POLLIN, 0});
+    if (!wakeup_)
+        wakeup_ = Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
+    polled_.assign(1, {wakeup_.get(), POLLIN, 0});
     const auto body = [](void *self) -> void * {
         static_cast<Keeper *>(self)->run();
         return nullptr;
@@ -77,22 +78,22 @@ bool Keeper::start_thread()
     sigset_t all, before;
     sigfillset(&all); /* the agent's signals are for its own threads */
     pthread_sigmask(SIG_SETMASK, &all, &before);
-    running_ = bell_ && pthread_create(&thread_, nullptr, body, this) == 0;
+    running_ = wakeup_ && pthread_create(&thread_, nullptr, body, this) == 0;
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
     return running_;
 }
 
 void Keeper::stop()
 {
-    {
-        const std::lock_guard lock(lock_);
-        if (!running_)
-            return;
-        stop_ = true;
-        eventfd_write(bell_.get(), 1);
-    }
-    pthread_join(thread_, nullptr);
-    const std::lock_guard lock(lock_);
+    common::Lock lock(lock_);
+    if (!running_)
+        return;
+    stop_ = true;
+    eventfd_write(wakeup_.get(), 1);
+    const pthread_t thread = thread_;
+    lock.unlock();
+    pthread_join(thread, nullptr);
+    lock.lock();
     running_ = false;
 }
 
@@ -102,7 +103,7 @@ void Keeper::after_fork(bool child)
     if (child) {
         running_ = false;
         wanted_ = false;
-        bell_.reset();
+        wakeup_.reset();
         ends_.clear();
     }
     lock_.unlock();
@@ -115,26 +116,27 @@ bool Keeper::request()
     if (!start_thread())
         return false;
     if (!wanted_)
-        eventfd_write(bell_.get(), 1);
+        eventfd_write(wakeup_.get(), 1);
     wanted_ = true;
     return true;
 }
 
 // For the end of a census. False: it took too long.
-bool Keeper::wait(std::unique_lock<std::mutex> &lock)
+bool Keeper::wait()
 {
     const uint64_t before = generation_;
-    return refreshed_.wait_for(lock, std::chrono::milliseconds(kMaxWait), [&] { return generation_ != before; });
+    const auto over = [&]() REQUIRES(lock_) { return generation_ != before; };
+    return refreshed_.wait_for(lock_, std::chrono::milliseconds(kMaxWait), over);
 }
 
 bool Keeper::find(uint64_t mount, Found &out)
 {
-    std::unique_lock lock(lock_);
+    const common::Lock lock(lock_);
     Table::Answer answer = table_.find(mount, now_ms());
     const bool fresh = answer.advice == Table::Advice::kRefresh && !wanted_; /* it will be asked for this mount */
     const bool coming = answer.advice == Table::Advice::kRefresh ? request() : wanted_;
     if (answer.unknown && coming) {
-        const bool done = wait(lock);
+        const bool done = wait();
         answer = table_.find(mount, now_ms());
         if (done && fresh && answer.unknown)
             table_.give_up(mount);
@@ -144,26 +146,26 @@ bool Keeper::find(uint64_t mount, Found &out)
     return answer.found;
 }
 
-// True: files_ may have news of it.
-bool Keeper::read_again(const std::string &id, uint64_t now)
+// Null: it is to be read, for there is none, or an old one.
+const Keeper::Description *Keeper::known_description(const std::string &id, uint64_t now)
 {
     const auto old = std::find_if(descriptions_.begin(), descriptions_.end(),
                                   [&](const Description &description) { return description.id == id; });
     if (old != descriptions_.end() && now - old->read_ms < kDescriptionAge)
-        return false;
+        return &*old;
     if (old != descriptions_.end())
         descriptions_.erase(old);
     if (descriptions_.size() >= kMaxDescriptions)
         descriptions_.erase(descriptions_.begin()); /* the one that was read first */
-    return true;
+    return nullptr;
 }
 
 // Files are read without the lock: a look-up of a mount never waits for a disk.
 bool Keeper::describe(const std::string &id, Details &details, Found &found)
 {
-    std::unique_lock lock(lock_);
+    common::Lock lock(lock_);
     if (!table_.container(id) && (wanted_ || (table_.may_refresh(now_ms()) && request())))
-        wait(lock);
+        wait();
     const Found *row = table_.container(id);
     if (row)
         found = *row;
@@ -171,16 +173,14 @@ bool Keeper::describe(const std::string &id, Details &details, Found &found)
         return row;
     const bool running = row;
     const uint64_t now = now_ms();
-    if (read_again(id, now)) {
+    if (const Description *known = known_description(id, now)) {
+        details = known->details;
+    } else {
         const std::string root = files_;
         lock.unlock();
         details = read_details(root, id);
         lock.lock();
         descriptions_.push_back({id, now, details});
-    } else {
-        details = std::find_if(descriptions_.begin(), descriptions_.end(), [&](const Description &description) {
-                      return description.id == id;
-                  })->details;
     }
     return running || details.known;
 }
@@ -190,7 +190,7 @@ void Keeper::survey(const std::function<void(const Census &)> &look)
     const std::atomic<bool> never{false};
     Census census = take_census(proc(), files(), never);
     look(census);
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     table_.begin(now_ms());
     table_.replace(census);
     generation_++;
@@ -199,7 +199,7 @@ void Keeper::survey(const std::function<void(const Census &)> &look)
 void Keeper::set_roots(std::string proc, std::string files)
 {
     stop();
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     proc_ = std::move(proc);
     files_ = files.empty() ? default_files() : std::move(files);
     table_ = Table();
@@ -214,46 +214,66 @@ void Keeper::run()
 {
     while (!stop_) {
         wait_for_work();
-        std::unique_lock lock(lock_);
-        if (!stop_ && wanted_)
-            refresh(lock);
+        if (is_wanted())
+            refresh();
     }
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     ends_.clear();
 }
 
-// A census that memory does not suffice for leaves everything as it was.
-void Keeper::refresh(std::unique_lock<std::mutex> &lock)
+bool Keeper::is_wanted() const
 {
-    table_.begin(now_ms());
-    Census old; /* whose release takes time */
-    try {
-        const std::string proc = proc_, files = files_;
-        lock.unlock();
-        Census census = take_census(proc, files, stop_);
-        Ends ends = proc == kProc ? watch_ends(census.containers) : Ends(); /* others' numbers are made up */
-        std::vector<struct pollfd> polled = what_to_poll(ends);
-        lock.lock();
-        if (!stop_) {
-            table_.replace(census);
-            ends_.swap(ends);
-            polled_.swap(polled);
-            note_ends();
-        }
-        std::swap(old, census);
-    } catch (const std::exception &) {
-        if (!lock.owns_lock())
-            lock.lock();
-    }
+    const common::Lock lock(lock_);
+    return !stop_ && wanted_;
+}
+
+// A census that memory does not suffice for leaves everything as it was.
+void Keeper::refresh()
+{
+    News news; /* afterwards what was known before, whose release takes time: without the lock */
+    const bool complete = gather(news);
+    const common::Lock lock(lock_);
+    if (complete && !stop_)
+        take_over(news);
     wanted_ = false;
     generation_++;
     refreshed_.notify_all();
-    lock.unlock();
+}
+
+// False: memory does not suffice.
+bool Keeper::gather(News &news)
+{
+    std::string proc, files;
+    return common::without_exceptions(false, [&] {
+        {
+            const common::Lock lock(lock_);
+            table_.begin(now_ms());
+            proc = proc_;
+            files = files_;
+        }
+        news.census = take_census(proc, files, stop_);
+        if (proc == kProc) /* others' numbers are made up */
+            news.ends = watch_ends(news.census.containers);
+        news.polled = what_to_poll(news.ends);
+        return true;
+    });
+}
+
+void Keeper::take_over(News &news)
+{
+    try {
+        table_.replace(news.census);
+        ends_.swap(news.ends);
+        polled_.swap(news.polled);
+        note_ends();
+    } catch (const std::exception &) {
+        return; /* too little memory for the new table: the old one stays */
+    }
 }
 
 std::vector<struct pollfd> Keeper::what_to_poll(const Ends &ends) const
 {
-    std::vector<struct pollfd> polled = {{bell_.get(), POLLIN, 0}};
+    std::vector<struct pollfd> polled = {{wakeup_.get(), POLLIN, 0}};
     for (const End &end : ends)
         polled.push_back({end.process.get(), POLLIN, 0}); /* a negative one is left out by the kernel */
     return polled;
@@ -262,9 +282,9 @@ std::vector<struct pollfd> Keeper::what_to_poll(const Ends &ends) const
 void Keeper::wait_for_work()
 {
     poll(polled_.data(), polled_.size(), -1);
-    eventfd_t rings;
-    eventfd_read(bell_.get(), &rings);
-    const std::lock_guard lock(lock_);
+    eventfd_t count;
+    eventfd_read(wakeup_.get(), &count);
+    const common::Lock lock(lock_);
     for (size_t i = 0; i < ends_.size(); i++)
         if (polled_[i + 1].revents != 0) {
             ends_[i].process.reset();

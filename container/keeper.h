@@ -11,15 +11,14 @@
 #include <pthread.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "common/fd.h"
+#include "common/mutex.h"
 #include "details.h"
 #include "ends.h"
 #include "table.h"
@@ -53,8 +52,8 @@ public:
     void stop(); /* ends the thread; it starts anew when it is needed */
 
     /* Around fork(2): a child has no thread, and starts one when it needs it. */
-    void before_fork() { lock_.lock(); }
-    void after_fork(bool child);
+    void before_fork() ACQUIRE(lock_) { lock_.lock(); }
+    void after_fork(bool child) RELEASE(lock_);
 
 private:
     Keeper();
@@ -67,30 +66,41 @@ private:
 
     using Ends = std::vector<End>;
 
-    bool start_thread(); /* false: there is none */
-    bool request();      /* a census, of the thread; false: there is no thread */
-    bool wait(std::unique_lock<std::mutex> &lock);
+    /* What the thread's census found. */
+    struct News {
+        Census census;
+        Ends ends;
+        std::vector<struct pollfd> polled;
+    };
+
+    bool start_thread() REQUIRES(lock_); /* false: there is none */
+    bool request() REQUIRES(lock_);      /* a census, of the thread; false: there is no thread */
+    bool wait() REQUIRES(lock_);
+    const Description *known_description(const std::string &id, uint64_t now_ms) REQUIRES(lock_);
+
     void run();
-    void refresh(std::unique_lock<std::mutex> &lock);
+    bool is_wanted() const;
+    void refresh();
+    bool gather(News &news);
+    void take_over(News &news) REQUIRES(lock_);
     void wait_for_work();
     std::vector<struct pollfd> what_to_poll(const Ends &ends) const;
-    void note_ends();
-    bool read_again(const std::string &id, uint64_t now_ms);
+    void note_ends() REQUIRES(lock_);
 
-    mutable std::mutex lock_; /* over all below */
-    std::condition_variable refreshed_;
-    std::string proc_ = "/proc", files_;
-    Table table_;
-    std::vector<Description> descriptions_;
-    uint64_t generation_ = 0; /* counts censuses that ended */
-    bool wanted_ = false, running_ = false;
-    pthread_t thread_ = {};
+    mutable common::Mutex lock_;
+    common::Condition refreshed_;
+    std::string proc_ GUARDED_BY(lock_) = "/proc", files_ GUARDED_BY(lock_);
+    Table table_ GUARDED_BY(lock_);
+    std::vector<Description> descriptions_ GUARDED_BY(lock_);
+    uint64_t generation_ GUARDED_BY(lock_) = 0; /* counts censuses that ended */
+    bool wanted_ GUARDED_BY(lock_) = false, running_ GUARDED_BY(lock_) = false;
+    pthread_t thread_ GUARDED_BY(lock_) = {};
     std::atomic<bool> stop_{false};
-    Fd bell_;
 
-    /* What the thread waits for; it alone changes them, with the lock held. */
-    Ends ends_;
-    std::vector<struct pollfd> polled_; /* the bell, then one for each of ends_ */
+    /* What the thread waits for: made before it starts, and its own while it runs. */
+    Fd wakeup_;
+    std::vector<struct pollfd> polled_; /* the descriptor that wakes it, then one for each of ends_ */
+    Ends ends_ GUARDED_BY(lock_);
 };
 
 }  // namespace container
