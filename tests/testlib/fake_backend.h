@@ -13,20 +13,22 @@
 namespace testlib
 {
 
+/* What the backend answers, changeable at any time. */
+struct BackendResults {
+    int init_result = 0, check_result = 0, add_result = 0, del_result = 0, read_result = 0, rate_result = 0;
+    int add_global_result = 0, del_global_result = 0, update_global_result = 0, punish_result = 0;
+    std::vector<int32_t> fds;   /* what get_selectable_fds hands out, all entries */
+    uint32_t lower_timeout = 0; /* not 0: stored in *timeout_ms */
+};
+
 /* Installs itself into fmon_method for its life and puts the old table back. */
-class FakeBackend
+class FakeBackend : public BackendResults
 {
 public:
     FakeBackend();
     ~FakeBackend();
     FakeBackend(const FakeBackend &) = delete;
     FakeBackend &operator=(const FakeBackend &) = delete;
-
-    /* Results, changeable at any time. */
-    int init_result = 0, check_result = 0, add_result = 0, del_result = 0, read_result = 0, rate_result = 0;
-    int add_global_result = 0, del_global_result = 0, update_global_result = 0, punish_result = 0;
-    std::vector<int32_t> fds;   /* what get_selectable_fds hands out, all entries */
-    uint32_t lower_timeout = 0; /* not 0: stored in *timeout_ms */
 
     /* Called instead of the default where set. The default add_watch makes the path's dentry in fmon.dcache and links
      * the watch to it; the default del_watch unlinks it and clears its dentry. */

@@ -20,12 +20,6 @@
 /* The agent's own allocations are not the module's: they neither fail nor count. */
 extern "C" void *__real_malloc(size_t size);
 
-struct cJSON {
-    std::string text; /* as JSON; an object's is built from its members */
-    std::vector<std::pair<std::string, cJSON *>> members;
-    bool object = false;
-};
-
 namespace
 {
 
@@ -198,32 +192,6 @@ std::vector<std::pair<std::string, int>> autolog_inits()
 
 int autolog_deinits() { return autolog_ends; }
 int dll_closes() { return dll_close_calls; }
-
-/* ---- JSON ---- */
-
-cJSON *json_object()
-{
-    cJSON *item = new cJSON;
-    item->object = true;
-    return item;
-}
-
-std::string json_text(const cJSON *item)
-{
-    if (!item->object)
-        return item->text;
-    std::string out;
-    for (const auto &[key, value] : item->members)
-        out += (out.empty() ? "\"" : ",\"") + key + "\":" + json_text(value);
-    return "{" + out + "}";
-}
-
-void json_free(cJSON *item)
-{
-    for (auto &member : item->members)
-        json_free(member.second);
-    delete item;
-}
 
 void join_threads()
 {
@@ -417,34 +385,12 @@ int orx_wildcard_path_expand(const char *pattern, list_head *out)
     return 0;
 }
 
-/* ---- libraries and JSON ---- */
+/* ---- libraries ---- */
 
 int orx_dll_close(void *handle)
 {
     dll_close_calls++;
     return testlib::is_test_handle(handle) ? 0 : dlclose(handle);
-}
-
-void cJSON_AddItemToObject(cJSON *object, const char *key, cJSON *item)
-{
-    if (item)
-        object->members.push_back({key, item});
-}
-
-cJSON *cJSON_CreateString2(const char *text)
-{
-    cJSON *item = new cJSON;
-    item->text = "\"" + std::string(text) + "\"";
-    return item;
-}
-
-cJSON *cJSON_CreateNumber2(double number)
-{
-    cJSON *item = new cJSON;
-    char text[32];
-    snprintf(text, sizeof text, "%.15g", number);
-    item->text = text;
-    return item;
 }
 
 /* ---- event loop and thread ---- */
