@@ -8,8 +8,6 @@
 #include <cerrno>
 #include <cstring>
 #include <ctime>
-#include <filesystem>
-#include <fstream>
 
 #include "testlib/kernel_double/btf_blob.h"
 
@@ -21,18 +19,10 @@ namespace
 
 std::atomic<KernelDouble *> living_double{nullptr};
 
-constexpr char kTracing[] = "/sys/kernel/tracing";
-
 constexpr char kMounts[] =
     "20 1 0:18 / / rw - ext4 /dev/root rw\n23 20 0:20 / /tmp rw,nosuid shared:3 - tmpfs tmpfs rw\n";
 
 bool begins(const std::string &text, const std::string &with) { return text.compare(0, with.size(), with) == 0; }
-
-void write_text(const std::string &path, const std::string &text)
-{
-    std::filesystem::create_directories(std::filesystem::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << text;
-}
 
 uint64_t now()
 {
@@ -46,7 +36,6 @@ uint64_t now()
 KernelDouble::KernelDouble(bool is_64_bit, const std::string &release_text)
     : is_64(is_64_bit), release(release_text), machine(is_64_bit ? "x86_64" : "i686"), memory(is_64_bit)
 {
-    tree_.dir("tracing/events");
     file(tracing("README"), "tracing mini-HOWTO:\n\t     <type>\\[<array-size>\\]\n");
     file(tracing("kprobe_events"), "");
     file(tracing("kprobe_profile"), "");
@@ -60,28 +49,6 @@ KernelDouble *KernelDouble::living() { return living_double; }
 
 /* ---- files ---- */
 
-void KernelDouble::file(const std::string &path, const std::string &text)
-{
-    const std::lock_guard lock(lock_);
-    if (begins(path, kTracing)) {
-        write_text(tree_.path("tracing" + path.substr(strlen(kTracing))), text);
-        return;
-    }
-    std::string &real = files_[path];
-    if (real.empty())
-        real = tree_.path("file" + std::to_string(next_file_++));
-    write_text(real, text);
-}
-
-void KernelDouble::no_file(const std::string &path)
-{
-    const std::string real = real_path(path.c_str());
-    const std::lock_guard lock(lock_);
-    files_[path] = tree_.path("missing");
-    if (begins(real, tree_.root()))
-        std::filesystem::remove_all(real);
-}
-
 void KernelDouble::usual_files()
 {
     file("/sys/devices/system/cpu/online", "0-1\n");
@@ -89,21 +56,10 @@ void KernelDouble::usual_files()
     file("/sys/kernel/btf/vmlinux", kernel_types(KernelTypes()));
 }
 
-std::string KernelDouble::real_path(const char *path)
-{
-    const std::lock_guard lock(lock_);
-    if (begins(path, kTracing))
-        return tree_.path("tracing" + std::string(path).substr(strlen(kTracing)));
-    if (begins(path, "/sys/kernel/debug/tracing"))
-        return tree_.path("missing");
-    const auto found = files_.find(path);
-    return found == files_.end() ? path : found->second;
-}
-
 void KernelDouble::opened(const std::string &path, int fd)
 {
     const std::lock_guard lock(lock_);
-    if (begins(path, kTracing) && (path.find("/kprobe_events") != path.npos || path.find("/filter") != path.npos))
+    if (FakeFiles::is_tracing(path) && (path.find("/kprobe_events") != path.npos || path.find("/filter") != path.npos))
         control_[fd] = path;
 }
 
@@ -152,10 +108,10 @@ void KernelDouble::refuse(const std::string &word, const std::string &why) { ref
 
 int KernelDouble::fail(const std::string &why)
 {
-    write_text(tree_.path("tracing/error_log"),
-               "[  1.000000] trace_kprobe: error: an earlier one\n  Command: p:x\n"
-               "[  2.000000] trace_kprobe: error: " +
-                   why + "\n  Command: p:y\n");
+    file(tracing("error_log"),
+         "[  1.000000] trace_kprobe: error: an earlier one\n  Command: p:x\n"
+         "[  2.000000] trace_kprobe: error: " +
+             why + "\n  Command: p:y\n");
     return -EINVAL;
 }
 
@@ -189,10 +145,10 @@ int KernelDouble::define(const std::string &text)
         if (other.group == made.group && other.event == made.event)
             return fail("Event already exists");
     made.id = next_id_++;
-    const std::string folder = "tracing/events/" + made.group + "/" + made.event + "/";
-    write_text(tree_.path(folder + "id"), std::to_string(made.id) + "\n");
-    write_text(tree_.path(folder + "filter"), "none\n");
-    write_text(tree_.path(folder + "format"), format_of(made));
+    const std::string folder = tracing("events/" + made.group + "/" + made.event + "/");
+    file(folder + "id", std::to_string(made.id) + "\n");
+    file(folder + "filter", "none\n");
+    file(folder + "format", format_of(made));
     definitions_.push_back(made);
     write_list();
     return 0;
@@ -206,7 +162,7 @@ int KernelDouble::remove(const std::string &name)
         return -ENOENT;
     if (!perf.filters(found->id).empty()) /* it is open */
         return -EBUSY;
-    std::filesystem::remove_all(tree_.path("tracing/events/" + name));
+    no_file(tracing("events/" + name));
     definitions_.erase(found);
     write_list();
     return 0;
@@ -217,7 +173,7 @@ void KernelDouble::write_list()
     std::string list;
     for (const Definition &definition : definitions_)
         list += definition.text + "\n";
-    write_text(tree_.path("tracing/kprobe_events"), list);
+    file(tracing("kprobe_events"), list);
 }
 
 std::string KernelDouble::format_of(const Definition &definition) const

@@ -15,9 +15,9 @@
 #include <string>
 #include <vector>
 
+#include "testlib/kernel_double/fake_files.h"
 #include "testlib/kernel_double/fake_perf.h"
 #include "testlib/kernel_double/kernel_memory.h"
-#include "testlib/tree.h"
 
 namespace testlib
 {
@@ -31,7 +31,14 @@ struct Hit {
     uint64_t time = 0; /* 0: now */
 };
 
-class KernelDouble
+struct KernelHooks {
+    /* Called when the library calls stat() or open() with a path. */
+    std::function<void(const std::string &)> on_stat, on_open;
+    /* Called when a perf event has been told something, such as PERF_EVENT_IOC_ENABLE. */
+    std::function<void(unsigned long request)> on_control;
+};
+
+class KernelDouble : public KernelHooks
 {
 public:
     explicit KernelDouble(bool is_64_bit = true, const std::string &release_text = "6.1.0-50-amd64");
@@ -48,8 +55,8 @@ public:
     FakePerf perf;
 
     /* What `path` holds from now on. Lower files of tracefs too, such as "/sys/kernel/tracing/README". */
-    void file(const std::string &path, const std::string &text);
-    void no_file(const std::string &path);
+    void file(const std::string &path, const std::string &text) { files_.put(path, text); }
+    void no_file(const std::string &path) { files_.remove(path); }
     std::string tracing(const std::string &below = "") const { return "/sys/kernel/tracing/" + below; }
 
     /* Two CPUs, one mount of device 0:20 with id 23, BTF of a 6.1 kernel, everything that a probe may be placed at. */
@@ -71,13 +78,8 @@ public:
     uint64_t file_of(int fd);
     uint64_t one_group = 0; /* of every descriptor, where it is not 0 */
 
-    /* Called when the library calls stat() or open() with a path. */
-    std::function<void(const std::string &)> on_stat, on_open;
-    /* Called when a perf event has been told something, such as PERF_EVENT_IOC_ENABLE. */
-    std::function<void(unsigned long request)> on_control;
-
     /* ---- for the wrapped calls ---- */
-    std::string real_path(const char *path);
+    std::string real_path(const char *path) { return files_.real_path(path); }
     void opened(const std::string &path, int fd);
     void asked(int fd);
     void closed(int fd);
@@ -98,14 +100,13 @@ private:
     std::string format_of(const Definition &definition) const;
     uint32_t head() const { return 8 + static_cast<uint32_t>(memory.word()); }
 
-    TempTree tree_;
+    FakeFiles files_;
     std::mutex lock_;
-    std::map<std::string, std::string> files_; /* path, real path */
-    std::map<int, std::string> control_;       /* kprobe_events and filter files that are open */
+    std::map<int, std::string> control_; /* kprobe_events and filter files that are open */
     std::map<std::string, std::string> refused_;
     std::vector<Definition> definitions_;
     std::map<int, uint64_t> groups_;
-    int next_id_ = 1500, next_file_ = 0;
+    int next_id_ = 1500;
 };
 
 /* Whether this thread is in the double's own code: what it allocates is no concern of the library's. */
