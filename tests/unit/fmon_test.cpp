@@ -43,9 +43,9 @@ TEST_F(Start, LimitsAreTested)
 {
     const int refused[][3] = {{10000, 8000, 999}, {0, 8000, 1000},  {-1, 8000, 1000},        {10000, 0, 1000},
                               {10000, -1, 1000},  {10000, 8000, 0}, {10000, 8000, INT32_MIN}};
-    for (auto [events, dentries, interval] : refused)
+    for (const int(&limits)[3] : refused)
         EXPECT_EQ((Lines{fmon_line(3, "event set error")}),
-                  log_of([=] { EXPECT_EQ(FMON_EINVAL, fmon_init(events, dentries, interval)); }));
+                  log_of([&] { EXPECT_EQ(FMON_EINVAL, fmon_init(limits[0], limits[1], limits[2])); }));
     EXPECT_TRUE(backend.calls.empty());
     EXPECT_EQ(0, fmon_init(1, 1, 1000));
 }
