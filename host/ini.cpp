@@ -1,3 +1,5 @@
+/* INI files, as orx_base.h and orx_host.h have them: load, get, free, and values that override. */
+
 #include <fcntl.h>
 #include <ini.h>
 #include <sys/stat.h>

@@ -1,3 +1,5 @@
+/* The log of orx_base.h and orx_autolog.h: where lines go, their level, sinks and captures of orx_host.h. */
+
 #include <fcntl.h>
 #include <sys/syscall.h>
 #include <unistd.h>

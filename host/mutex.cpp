@@ -1,3 +1,5 @@
+/* The mutexes of orx_base.h: error-checking ones. */
+
 #include <pthread.h>
 
 #include <atomic>

@@ -1,3 +1,5 @@
+/* "@" in a path becomes the place of the installation; orx_base.h, orx_host.h, places.h. */
+
 #include <climits>
 #include <cstdlib>
 #include <cstring>

@@ -1,3 +1,5 @@
+/* The text functions of orx_base.h, and the end of a library. */
+
 #include <dlfcn.h>
 
 #include <cstdarg>

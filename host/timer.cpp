@@ -1,3 +1,5 @@
+/* The clock of orx_base.h: ticks of the monotonic clock, and their milliseconds. */
+
 #include <atomic>
 #include <ctime>
 

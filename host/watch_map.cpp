@@ -1,3 +1,5 @@
+/* The table of watch_map.h. */
+
 #include "watch_map.h"
 
 #include "orx_fmon.h"

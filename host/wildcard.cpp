@@ -1,3 +1,5 @@
+/* The expansion of patterns in paths, of orx_base.h. */
+
 #include <dirent.h>
 #include <sys/stat.h>
 

@@ -1,3 +1,5 @@
+/* Whether the agent runs on a host or in a container: libhulbase.so is asked; fmon_shell.h. */
+
 #include "agent_library.h"
 #include "fmon_shell.h"
 #include "log.h"

@@ -1,3 +1,5 @@
+/* The monitor thread: waits, reads, hands events to the clients' callbacks, and takes everything down at its end. */
+
 #include "fmon_shell.h"
 
 #include <sys/prctl.h>

@@ -1,3 +1,5 @@
+/* System-wide kinds, switched at the probe sources. */
+
 #include "linux/clt_file.h"
 #include "linux/fmon_linux.h"
 #include "log.h"

@@ -1,3 +1,5 @@
+/* The mount of an open descriptor, from its file in /proc. */
+
 #include "linux/clt_file.h"
 
 #include <fcntl.h>
