@@ -73,23 +73,30 @@ void case_names()
     }
 }
 
-void case_mounts()
+static void filter_mounts(const FileCase &at, const std::vector<int> &ids)
 {
-    FileCase at("/m_mounts");
+    kp.filter("Kc", mounts_filter(ids).c_str(), at.source.handle);
+}
+
+static void cases_of_filters(FileCase &at)
+{
     make_mount("/m_other");
     uint32_t pid = in_child([&] { touch("/m_other/unseen"); });
     at.source.drain();
     expect("mounts.other", {}, pid);
 
-    kp.filter(at.source.handle ? "Kc" : "", mounts_filter({mount_id_of(at.place), mount_id_of("/m_other")}).c_str(),
-              at.source.handle);
+    filter_mounts(at, {mount_id_of(at.place), mount_id_of("/m_other")});
     pid = in_child([&] { touch("/m_other/seen"); });
     at.source.drain();
     expect("mounts.filter", {"create " + std::to_string(mount_id_of("/m_other")) + ":seen"}, pid);
+}
 
+// The same files by another mount, and in another process's mounts.
+static void cases_of_views(FileCase &at)
+{
     mkdir("/m_bind", 0755);
     mount(at.place.c_str(), "/m_bind", nullptr, MS_BIND, nullptr);
-    pid = in_child([&] { touch("/m_bind/x"); });
+    uint32_t pid = in_child([&] { touch("/m_bind/x"); });
     at.source.drain();
     expect("mounts.bind", {"create " + at.id + "x", "close " + at.id + "x"}, pid);
 
@@ -100,34 +107,51 @@ void case_mounts()
     });
     at.source.drain();
     expect("mounts.namespace", {"create " + at.id + "y", "close " + at.id + "y"}, pid);
+}
 
-    // Mounted anew: the monitor goes on calling the mount point by the old id.
-    const std::string old = std::to_string(mount_id_of("/m_other"));
-    umount2("/m_other", MNT_DETACH);
-    int done[2];
-    if (pipe(done) < 0)
-        stop("pipe");
+// A process whose mounts take an id that has become free, until `done` is closed.
+static pid_t start_mounts_of_its_own(const int (&done)[2])
+{
     const pid_t other = fork();
-    if (other == 0) {  // its mounts take the id that has become free
+    if (other == 0) {
         close(done[1]);
         char byte;
         const bool end = unshare(CLONE_NEWNS) < 0 || read(done[0], &byte, 1) < 0;
         _exit(end);
     }
     usleep(200000);
+    return other;
+}
+
+// Mounted anew: the monitor goes on calling the mount point by the old id.
+static void case_mounted_anew(FileCase &at)
+{
+    const int old = mount_id_of("/m_other");
+    umount2("/m_other", MNT_DETACH);
+    int done[2];
+    if (pipe(done) < 0)
+        stop("pipe");
+    const pid_t other = start_mounts_of_its_own(done);
     make_mount("/m_other");
-    if (mount_id_of("/m_other") == atoi(old.c_str()))
+    if (mount_id_of("/m_other") == old)
         result("mounts.new_id", false, "the old id again");
-    kp.filter("Kc", mounts_filter({mount_id_of(at.place), atoi(old.c_str())}).c_str(), at.source.handle);
-    pid = in_child([&] { touch("/m_other/again"); });
+    filter_mounts(at, {mount_id_of(at.place), old});
+    const uint32_t pid = in_child([&] { touch("/m_other/again"); });
     at.source.drain();
-    expect("mounts.anew", {"create " + old + ":again"}, pid);
+    expect("mounts.anew", {"create " + std::to_string(old) + ":again"}, pid);
     close(done[1]);
     waitpid(other, nullptr, 0);
+}
+
+void case_mounts()
+{
+    FileCase at("/m_mounts");
+    cases_of_filters(at);
+    cases_of_views(at);
+    case_mounted_anew(at);
     for (const char *place : {"/m_bind", "/m_other"})
         umount2(place, MNT_DETACH);
-
-    std::vector<int> many(60, mount_id_of(at.place));
+    const std::vector<int> many(60, mount_id_of(at.place));
     result("mounts.long_filter", kp.filter("Kc", mounts_filter(many).c_str(), at.source.handle) >= 0 &&
                                      kp.filter("Kc", "mnt==", at.source.handle) < 0);
 }

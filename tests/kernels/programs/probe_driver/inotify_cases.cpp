@@ -47,70 +47,118 @@ uint64_t inode_of(const char *path)
     return stat(path, &st) == 0 ? st.st_ino : 0;
 }
 
+constexpr uint32_t kKinds = 0xfff | IN_IGNORED; /* the bits that are compared */
+
+std::string text(const InotifyEvent &event)
+{
+    char words[64];
+    snprintf(words, sizeof(words), "%d %x %llu ", event.wd, event.mask & kKinds,
+             static_cast<unsigned long long>(event.inode));
+    return words + event.name;
+}
+
+// A directory and a file with all kinds of events wanted.
+struct Watched {
+    int reader, dir, file;
+    uint64_t dir_inode, file_inode;
+
+    Watched()
+    {
+        make_mount("/m_ino");
+        mkdir("/m_ino/dir", 0755);
+        touch("/m_ino/file");
+        dir_inode = inode_of("/m_ino/dir");
+        file_inode = inode_of("/m_ino/file");
+        reader = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
+        dir = inotify_add_watch(reader, "/m_ino/dir", IN_ALL_EVENTS);
+        file = inotify_add_watch(reader, "/m_ino/file", IN_ALL_EVENTS);
+    }
+    ~Watched()
+    {
+        close(reader);
+        umount2("/m_ino", MNT_DETACH);
+    }
+    Watched(const Watched &) = delete;
+    Watched &operator=(const Watched &) = delete;
+
+    uint64_t inode_of_watch(int wd) const { return wd == dir ? dir_inode : wd == file ? file_inode : 0; }
+
+    // What waits in the descriptor, as the probe would report it.
+    std::vector<InotifyEvent> read_all() const
+    {
+        std::vector<InotifyEvent> events;
+        alignas(8) char buffer[65536];
+        const ssize_t got = read(reader, buffer, sizeof(buffer));
+        for (ssize_t i = 0; i < got;) {
+            inotify_event record;
+            memcpy(&record, buffer + i, sizeof(record));
+            const std::string name = record.len ? buffer + i + sizeof(record) : "";
+            i += static_cast<ssize_t>(sizeof(record) + record.len);
+            events.push_back({inode_of_watch(record.wd), record.wd, record.mask, name.substr(0, 128)});
+        }
+        return events;
+    }
+};
+
+// Every kind of event, with names of every length.
+void change_everything()
+{
+    const std::string longest(127, 'L'), longer(200, 'M');
+    touch("/m_ino/dir/new");
+    touch("/m_ino/dir/" + longest);
+    touch("/m_ino/dir/" + longer);
+    mkdir("/m_ino/dir/sub", 0755);
+    rename("/m_ino/dir/new", "/m_ino/dir/moved");
+    chmod("/m_ino/dir", 0700);
+    unlink("/m_ino/dir/moved");
+    chmod("/m_ino/file", 0600);
+    unlink("/m_ino/file");
+    for (const std::string &name : {longest, longer, std::string("own")})
+        unlink(("/m_ino/dir/" + name).c_str());
+    rmdir("/m_ino/dir/sub");
+    rmdir("/m_ino/dir");
+}
+
+// The kernel merges equal events in its queue; the probe reports all of them.
+bool is_repetition(size_t at, uint32_t wanted)
+{
+    const InotifyEvent &event = told[at], &before = told[at - 1];
+    return event.wd == before.wd && event.mask == before.mask && event.name == before.name &&
+           (event.mask & kKinds) != (wanted & kKinds);
+}
+
+void compare(const std::vector<InotifyEvent> &wanted)
+{
+    size_t at = 0, agree = 0, wrong = 0;
+    for (const InotifyEvent &event : wanted) {
+        while (at < told.size() && agree > 0 && at > 0 && is_repetition(at, event.mask))
+            at++;
+        const bool good = at < told.size() && text(told[at]) == text(event);
+        if (!good && wrong++ < 3 && at < told.size())
+            printf("#   probe %s, inotify %s\n", text(told[at]).c_str(), text(event).c_str());
+        agree += good;
+        at++;
+    }
+    result("inotify.same", wrong == 0 && agree > 20 && at == told.size(),
+           std::to_string(agree) + " agree, " + std::to_string(wrong) + " do not, of " + std::to_string(told.size()));
+}
+
 }  // namespace
 
 void case_inotify()
 {
-    make_mount("/m_ino");
-    mkdir("/m_ino/dir", 0755);
-    touch("/m_ino/file");
-    const uint64_t dir_inode = inode_of("/m_ino/dir"), file_inode = inode_of("/m_ino/file");
-    const int reader = inotify_init1(IN_CLOEXEC | IN_NONBLOCK);
-    const int dir = inotify_add_watch(reader, "/m_ino/dir", IN_ALL_EVENTS);
-    const int file = inotify_add_watch(reader, "/m_ino/file", IN_ALL_EVENTS);
+    const Watched watched;
     Source source("clt_inotify");
     const std::string filter =
         "common_pid!=" + std::to_string(getpid()) + "&&common_pid!=" + std::to_string(kernel()->pid) + "&&w!=0";
     result("inotify.register", add_inotify_probe(source.handle, filter) >= 0);
     kp.enable('1', "Ki", source.handle);
     told.clear();
-    const std::string longest(127, 'L'), longer(200, 'M');
     touch("/m_ino/dir/own");  // by this process, which the filter leaves out
     char skipped[4096];
-    while (read(reader, skipped, sizeof(skipped)) > 0) {
+    while (read(watched.reader, skipped, sizeof(skipped)) > 0) {
     }
-    in_child([&] {
-        touch("/m_ino/dir/new");
-        touch("/m_ino/dir/" + longest);
-        touch("/m_ino/dir/" + longer);
-        mkdir("/m_ino/dir/sub", 0755);
-        rename("/m_ino/dir/new", "/m_ino/dir/moved");
-        chmod("/m_ino/dir", 0700);
-        unlink("/m_ino/dir/moved");
-        chmod("/m_ino/file", 0600);
-        unlink("/m_ino/file");
-        for (const std::string &name : {longest, longer, std::string("own")})
-            unlink(("/m_ino/dir/" + name).c_str());
-        rmdir("/m_ino/dir/sub");
-        rmdir("/m_ino/dir");
-    });
+    in_child(change_everything);
     source.drain();
-    size_t at = 0, agree = 0, wrong = 0;
-    alignas(8) char buffer[65536];
-    const ssize_t got = read(reader, buffer, sizeof(buffer));
-    for (ssize_t i = 0; i < got;) {
-        inotify_event record;
-        memcpy(&record, buffer + i, sizeof(record));
-        std::string name = record.len ? buffer + i + sizeof(record) : "";
-        i += static_cast<ssize_t>(sizeof(record) + record.len);
-        constexpr uint32_t kKinds = 0xfff | IN_IGNORED;
-        const uint64_t inode = record.wd == dir ? dir_inode : record.wd == file ? file_inode : 0;
-        // The kernel merges equal events in its queue; the probe tells all of them.
-        while (at < told.size() && agree > 0 && at > 0 && told[at].wd == told[at - 1].wd &&
-               told[at].mask == told[at - 1].mask && told[at].name == told[at - 1].name &&
-               (record.mask & kKinds) != (told[at].mask & kKinds))
-            at++;
-        const bool good = at < told.size() && told[at].wd == record.wd && told[at].inode == inode &&
-                          (told[at].mask & kKinds) == (record.mask & kKinds) && told[at].name == name.substr(0, 128);
-        if (!good && wrong++ < 3 && at < told.size())
-            printf("#   told %d %x %llu %s, inotify %d %x %llu %s\n", told[at].wd, told[at].mask,
-                   static_cast<unsigned long long>(told[at].inode), told[at].name.c_str(), record.wd, record.mask,
-                   static_cast<unsigned long long>(inode), name.c_str());
-        agree += good;
-        at++;
-    }
-    result("inotify.same", wrong == 0 && agree > 20 && at == told.size(),
-           std::to_string(agree) + " agree, " + std::to_string(wrong) + " do not, told " + std::to_string(told.size()));
-    close(reader);
-    umount2("/m_ino", MNT_DETACH);
+    compare(watched.read_all());
 }

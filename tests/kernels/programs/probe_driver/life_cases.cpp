@@ -9,9 +9,9 @@
 
 #include "driver.h"
 
-void case_ends()
+// One that is killed, and the next start of the library.
+static void case_killed()
 {
-    // One that is killed, and the next start of the library.
     fflush(stdout);
     int ready[2];
     if (pipe(ready) < 0)
@@ -31,7 +31,10 @@ void case_ends()
     kernel();  // the first call
     result("ends.killed", held == 6 && definitions() == 0,
            std::to_string(held) + " held, " + std::to_string(definitions()) + " left");
+}
 
+static void case_starts_and_ends()
+{
     {
         const Source first("clt_file");
     }  // what stays open for ever is open now
@@ -46,6 +49,12 @@ void case_ends()
     snprintf(words, sizeof(words), "%d definitions and %d descriptors more, %.0f ms a cycle", definitions(),
              open_descriptors() - before, (seconds() - began) * 1000 / kCycles);
     result("ends.cycles", definitions() == 0 && open_descriptors() == before, words);
+}
+
+void case_ends()
+{
+    case_killed();
+    case_starts_and_ends();
 
     // The monitor has no call for the end of an instance: the same name again is one.
     Source old("clt_file");
@@ -54,7 +63,7 @@ void case_ends()
     old.handle = nullptr;
 }
 
-// For case_ends: holds probes until it is killed.
+// For case_killed: holds probes until it is killed.
 int hold(int fd)
 {
     const Source source("clt_file");
