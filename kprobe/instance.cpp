@@ -9,6 +9,7 @@
 #include <ctime>
 #include <exception>
 
+#include "clock.h"
 #include "filter.h"
 #include "log.h"
 #include "translate.h"
@@ -90,11 +91,7 @@ std::string Instance::kernel_filter(const Probe &probe, const std::string &text)
         return groups_.filter(filter_with_ends(text));
     if (!probe.plan.by_device || text.empty())
         return text;
-    const std::lock_guard lock(mounts_lock_);
-    mounts_.refresh(read_mounts());
-    mounts_read_ = now_ns();
-    mounts_.want(mount_ids(text));
-    return filter_by_device(whole_filter(probe.def, text), mounts_);
+    return mounts_.by_device(whole_filter(probe.def, text));
 }
 
 std::string Instance::why_refused(const Probe &probe, const std::string &filter) const
@@ -275,16 +272,10 @@ void Instance::mark_mounts(const Probe &probe)
 {
     if (!probe.plan.needs_marks)
         return;
-    if (!probe.on) {
+    if (probe.on)
+        mounts_.mark(probe.def.filter, &marks_);
+    else
         marks_.remove();
-        return;
-    }
-    const std::lock_guard lock(mounts_lock_);
-    std::set<uint32_t> devices;
-    for (const int32_t id : mount_ids(probe.def.filter))
-        if (const uint32_t device = mounts_.device_of(id))
-            devices.insert(device);
-    marks_.place(devices, mounts_);
 }
 
 int Instance::enable(const std::string &event, bool on)

@@ -15,11 +15,11 @@
 #include <string>
 #include <vector>
 
+#include "current_mounts.h"
 #include "definition.h"
 #include "facts.h"
 #include "groups.h"
 #include "marks.h"
-#include "mounts.h"
 #include "perf.h"
 #include "plan.h"
 #include "queue.h"
@@ -142,7 +142,6 @@ private:
     void gather(size_t budget);
     enum class Outcome { kDelivered, kUnreadable, kLeftOut };
     Outcome hand_on(size_t at, std::vector<unsigned char> *out);
-    bool name_mount(unsigned char *record);
     static std::vector<uint32_t> left_out_by(const Probe &probe, const std::string &filter);
     void keep_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept;
 
@@ -186,12 +185,8 @@ private:
     uint64_t safe_ = 0;
     kp_losses counts_ = {};
 
-    std::mutex mounts_lock_;
-    MountMap mounts_;
-    uint64_t mounts_read_ = 0;
+    CurrentMounts mounts_;
 };
-
-uint64_t now_ns();
 
 }  // namespace kprobe
 

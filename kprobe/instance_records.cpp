@@ -3,20 +3,12 @@
 
 #include <algorithm>
 #include <cstring>
-#include <ctime>
 #include <exception>
 
 #include "instance.h"
 
 namespace kprobe
 {
-
-uint64_t now_ns()
-{
-    timespec now;
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000000 + static_cast<uint64_t>(now.tv_nsec);
-}
 
 // ---- records in ----
 
@@ -158,20 +150,6 @@ void Instance::gather(size_t budget)
     settle_signal();
 }
 
-// The device of a file record becomes a mount id. False: no mount has it.
-bool Instance::name_mount(unsigned char *record)
-{
-    constexpr uint64_t kMountsAge = 100000000;
-    const std::lock_guard lock(mounts_lock_);
-    uint32_t device;
-    memcpy(&device, record, sizeof(device));
-    if (mounts_.id_of(device) == 0 && now_ns() - mounts_read_ > kMountsAge) {
-        mounts_.refresh(read_mounts());
-        mounts_read_ = now_ns();
-    }
-    return put_mount_id(mounts_, record);
-}
-
 Instance::Outcome Instance::hand_on(size_t at, std::vector<unsigned char> *out)
 {
     const QueuedRecord &record = batch_[at];
@@ -192,7 +170,7 @@ Instance::Outcome Instance::hand_on(size_t at, std::vector<unsigned char> *out)
     }
     if (inotify && !groups_.has(group))
         return Outcome::kLeftOut;
-    if (by_device && !name_mount(out->data()))
+    if (by_device && !mounts_.name_mount(out->data()))
         return Outcome::kUnreadable;
     if (inotify && record.pid == 0 && !ends_.passes(out->data()))
         return Outcome::kLeftOut;

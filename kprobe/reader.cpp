@@ -10,6 +10,8 @@
 #include <ctime>
 #include <exception>
 
+#include "clock.h"
+
 namespace kprobe
 {
 
