@@ -1,7 +1,6 @@
 #include "instance.h"
 
 #include <fcntl.h>
-#include <sys/eventfd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -39,36 +38,10 @@ Instance::~Instance()
 
 Fd Instance::copy_descriptor() const { return Fd(fcntl(signal_.get(), F_DUPFD_CLOEXEC, kFirstDescriptor)); }
 
-void Instance::arm_bells(bool on)
-{
-    const std::lock_guard lock(arming_);
-    armed_ = on;
-    for (const auto &bell : bells_) {
-        bell->arm(on);
-        bell->forget();
-    }
-}
-
-// New events of a bell that is armed already: some kernels run them only when the bell is armed anew. Hits must not be
-// recorded before that, or nobody is told of them.
-void Instance::ring_from_now_on(EventSet *bells)
-{
-    bells->enable(true);
-    const std::lock_guard lock(arming_);
-    if (!armed_)
-        return;
-    for (const auto &bell : bells_) {
-        bell->arm(false);
-        bell->arm(true);
-    }
-    if (wake_ >= 0)  // what came in between has rung none
-        eventfd_write(wake_, 1);
-}
-
-std::vector<Ring *> Instance::list(const std::vector<std::unique_ptr<Ring>> &rings)
+std::vector<Ring *> Instance::rings() const
 {
     std::vector<Ring *> out;
-    for (const auto &ring : rings)
+    for (const auto &ring : rings_)
         if (ring->fd() >= 0)
             out.push_back(ring.get());
     return out;
@@ -106,9 +79,9 @@ std::string Instance::why_refused(const Probe &probe, const std::string &filter)
 int Instance::open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells)
 {
     bool bad_filter;
-    int status = events->open(probe->event_id, list(rings_), filter, &bad_filter);
+    int status = events->open(probe->event_id, rings(), filter, &bad_filter);
     if (status == 0)
-        status = bells->open(probe->event_id, list(bells_), filter, &bad_filter);
+        status = bells->open(probe->event_id, bells_.list(), filter, &bad_filter);
     if (status == 0)
         probe->in_kernel = filter;
     if (status < 0 && bad_filter)
@@ -198,7 +171,7 @@ void Instance::restack(Probe *added)
 void Instance::switch_events(Probe *probe)
 {
     if (probe->on)
-        ring_from_now_on(&probe->bells);
+        bells_.ring_from_now_on(&probe->bells);
     probe->events.enable(probe->on);
     if (!probe->on) {
         probe->bells.enable(false);
@@ -335,18 +308,17 @@ int Instance::set_filter(Probe *probe, const std::string &text)
 void Instance::replace(Probe *probe, EventSet *events, EventSet *bells)
 {
     drop_replaced(probe);
-    ring_from_now_on(bells);
+    bells_.ring_from_now_on(bells);
     const std::lock_guard lock(replaced_lock_);
     {
         const std::lock_guard records(records_);
         if (told_twice_until_ < now_ns())
-            std::fill(newest_.begin(), newest_.end(), Newest());
+            std::fill(latest_.begin(), latest_.end(), LatestHit());
         told_twice_until_ = UINT64_MAX;
     }
     events->enable(true);
     replaced_.push_back({probe, std::move(probe->events), std::move(probe->bells), now_ns()});
-    if (wake_ >= 0)
-        eventfd_write(wake_, 1);
+    bells_.wake();
 }
 
 // A probe has one at most.
@@ -394,7 +366,7 @@ void Instance::note_replaced()
 void Instance::lock_for_fork()
 {
     control_.lock();
-    arming_.lock();
+    bells_.mutex().lock();
     replaced_lock_.lock();
     records_.lock();
 }
@@ -403,7 +375,7 @@ void Instance::unlock_for_fork()
 {
     records_.unlock();
     replaced_lock_.unlock();
-    arming_.unlock();
+    bells_.mutex().unlock();
     control_.unlock();
 }
 
@@ -416,13 +388,12 @@ void Instance::abandon()
         probe->event_id = -1;
         probe->defined = false;
     }
-    for (const auto *rings : {&rings_, &bells_})
-        for (const auto &ring : *rings)
-            ring->close();
+    for (const auto &ring : rings_)
+        ring->close();
+    bells_.abandon();
     replaced_.clear();
     marks_.remove();
     groups_.abandon();
-    wake_ = -1;
 }
 
 }  // namespace kprobe

@@ -2,23 +2,24 @@
  * instance.h: a set of probes, their rings, and the records that wait for the monitor.
  *
  * Locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
- * switches, which wait for the kernel), `arming_` (whether bells ring) or `replaced_lock_` (events that are to be
+ * switches, which wait for the kernel), that of the bells or `replaced_lock_` (events that are to be
  * closed), `records_` (rings and queues, never held while the kernel or a callback is waited for).
  */
 #ifndef KPROBE_INSTANCE_H
 #define KPROBE_INSTANCE_H
 
-#include <atomic>
 #include <memory>
 #include <mutex>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "bells.h"
 #include "current_mounts.h"
 #include "definition.h"
 #include "facts.h"
 #include "groups.h"
+#include "latest_hit.h"
 #include "marks.h"
 #include "perf.h"
 #include "plan.h"
@@ -74,10 +75,7 @@ public:
     // For the same thread: closes events whose place others took a while ago. True: some are left.
     bool close_replaced();
     static constexpr uint64_t kOverlap = 20000000;  // ns; far longer than a hit takes
-    const std::vector<int> &bell_descriptors() const { return bell_fds_; }
-    void arm_bells(bool on);
-    // An eventfd, by which the instance asks that thread to look.
-    void wake_by(int fd) { wake_ = fd; }
+    Bells &bells() { return bells_; }
 
     // In a process that was forked: what is shared with the parent is let go, and nothing is deleted.
     void lock_for_fork();
@@ -108,22 +106,21 @@ private:
     Probe *find(const std::string &event);
     struct Processor {
         int cpu;
-        std::unique_ptr<Ring> ring = std::make_unique<Ring>(), bell = std::make_unique<Ring>();
+        std::unique_ptr<Ring> ring = std::make_unique<Ring>();
         std::unique_ptr<RecordQueue> queue = nullptr;  // null: the one that it has
     };
-    int open_processor(Processor *processor) const;
+    int open_processor(Processor *processor);
     void take_up(Processor *processor);
     int open_events_on(size_t at);
     void let_go(size_t at);
     size_t ring_size() const;
     bool is_up(size_t at) const { return rings_[at]->fd() >= 0; }
-    static std::vector<Ring *> list(const std::vector<std::unique_ptr<Ring>> &rings);
+    std::vector<Ring *> rings() const;
     int define(Probe *probe);
     int define_in_kernel(Probe *probe);
     int open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells);
     std::string why_refused(const Probe &probe, const std::string &filter) const;
     void switch_events(Probe *probe);
-    void ring_from_now_on(EventSet *bells);
     void replace(Probe *probe, EventSet *events, EventSet *bells);
     void drop_replaced(const Probe *probe) noexcept;
     void close_replaced(std::vector<Replaced>::iterator replaced);
@@ -135,7 +132,6 @@ private:
     void mark_mounts(const Probe &probe);
     int index_of(const Sample &sample) const;
     void take(size_t ring, const Sample &sample);
-    bool is_again(size_t ring, const Sample &sample);
     void settle_signal();
     bool is_ready(const RecordQueue &queue) const;
     size_t oldest() const;
@@ -159,28 +155,20 @@ private:
     Marks marks_;
     unsigned serial_ = 0;  // of definitions
 
-    std::mutex arming_;
-    bool armed_ = false;
-    std::atomic<int> wake_ = -1;
+    Bells bells_;
 
     std::mutex replaced_lock_;
     std::vector<Replaced> replaced_;  // in the order of `since`
 
     std::mutex records_;
-    std::vector<std::unique_ptr<Probe>> probes_;        // never shrinks: records name them by index
-    std::vector<std::unique_ptr<Ring>> rings_, bells_;  // of each CPU
-    std::vector<int> cpus_;                             // which these are
-    std::vector<int> bell_fds_;
+    std::vector<std::unique_ptr<Probe>> probes_;  // never shrinks: records name them by index
+    std::vector<std::unique_ptr<Ring>> rings_;    // of each CPU
+    std::vector<int> cpus_;                       // which these are
     Sizes sizes_ = {};
     std::vector<std::unique_ptr<RecordQueue>> queues_;  // of each ring
     Fd signal_;                                         // readable as long as a record may be taken
     bool raised_ = false;
-    struct Newest {
-        uint32_t tid;
-        std::vector<unsigned char> raw;
-        std::vector<uint64_t> streams;  // that told it
-    };
-    std::vector<Newest> newest_;     // of each ring, while hits are told twice
+    std::vector<LatestHit> latest_;  // of each ring, while hits are recorded twice
     uint64_t told_twice_until_ = 0;  // UINT64_MAX: nobody knows yet
     uint64_t safe_ = 0;
     kp_losses counts_ = {};

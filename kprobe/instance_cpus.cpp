@@ -14,7 +14,6 @@ namespace kprobe
 namespace
 {
 
-constexpr size_t kBell = 4096;  // a bell is disarmed soon after it has rung
 constexpr size_t kLeastRing = size_t{1} << 16;
 
 bool contains(const std::vector<int> &list, int cpu) { return std::find(list.begin(), list.end(), cpu) != list.end(); }
@@ -23,7 +22,7 @@ bool contains(const std::vector<int> &list, int cpu) { return std::find(list.beg
 
 size_t Instance::ring_size() const
 {
-    const size_t taken = list(rings_).size() * sizes_.ring;
+    const size_t taken = rings().size() * sizes_.ring;
     const size_t left = sizes_.all_rings > taken ? sizes_.all_rings - taken : 0;
     size_t size = sizes_.ring;
     while (size > left && size > kLeastRing)
@@ -31,11 +30,11 @@ size_t Instance::ring_size() const
     return size;
 }
 
-int Instance::open_processor(Processor *processor) const
+int Instance::open_processor(Processor *processor)
 {
     int status = processor->ring->open(processor->cpu, ring_size());
     if (status == 0)
-        status = processor->bell->open(processor->cpu, kBell, Use::kBell);
+        status = bells_.open(processor->cpu);
     if (status < 0 || contains(cpus_, processor->cpu))
         return status;
     processor->queue = std::make_unique<RecordQueue>();
@@ -45,27 +44,19 @@ int Instance::open_processor(Processor *processor) const
 // One that was there before gets its old place, where records of it may still wait.
 void Instance::take_up(Processor *processor)
 {
-    const std::lock_guard arming(arming_);
     const std::lock_guard records(records_);
     const auto at = static_cast<size_t>(std::find(cpus_.begin(), cpus_.end(), processor->cpu) - cpus_.begin());
     if (at == cpus_.size()) {
         cpus_.reserve(at + 1);
         rings_.reserve(at + 1);
-        bells_.reserve(at + 1);
         queues_.reserve(at + 1);
-        newest_.resize(at + 1);
+        latest_.resize(at + 1);
         cpus_.push_back(processor->cpu);
         queues_.push_back(std::move(processor->queue));
         rings_.emplace_back();
-        bells_.emplace_back();
     }
     rings_[at] = std::move(processor->ring);
-    bells_[at] = std::move(processor->bell);
-    newest_[at] = {};
-    bells_[at]->arm(armed_);
-    bell_fds_.clear();
-    for (const Ring *bell : list(bells_))
-        bell_fds_.push_back(bell->fd());
+    latest_[at] = {};
 }
 
 int Instance::open(const std::vector<int> &cpus, const Sizes &sizes)
@@ -94,7 +85,7 @@ int Instance::open_events_on(size_t at)
             continue;
         status = probe->events.add(probe->event_id, *rings_[at], probe->in_kernel, &bad_filter);
         if (status == 0)
-            status = probe->bells.add(probe->event_id, *bells_[at], probe->in_kernel, &bad_filter);
+            status = probe->bells.add(probe->event_id, *bells_.of(cpus_[at]), probe->in_kernel, &bad_filter);
         if (status < 0)
             return status;
         if (probe->on) {
@@ -112,15 +103,14 @@ void Instance::let_go(size_t at)
         probe->events.drop(cpus_[at]);
         probe->bells.drop(cpus_[at]);
     }
+    bells_.let_go(cpus_[at]);
     const std::lock_guard replaced_lock(replaced_lock_);
     for (Replaced &replaced : replaced_) {
         replaced.events.drop(cpus_[at]);
         replaced.bells.drop(cpus_[at]);
     }
     const std::lock_guard records(records_);
-    std::erase(bell_fds_, bells_[at]->fd());
     rings_[at]->close();
-    bells_[at]->close();
 }
 
 bool Instance::follow(const std::vector<int> &online, const std::set<int> &renewed)

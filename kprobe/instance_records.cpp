@@ -38,29 +38,12 @@ int Instance::index_of(const Sample &sample) const
     return -1;
 }
 
-// One hit as several events of a probe see it, one behind the other. Who tells it again tells of the next one.
-bool Instance::is_again(size_t ring, const Sample &sample)
-{
-    Newest &newest = newest_[ring];
-    const auto told = std::find(newest.streams.begin(), newest.streams.end(), sample.stream);
-    const bool again = !newest.streams.empty() && told == newest.streams.end() && newest.tid == sample.tid &&
-                       newest.raw.size() == sample.raw_size &&
-                       memcmp(newest.raw.data(), sample.raw, sample.raw_size) == 0;
-    if (!again) {
-        newest.streams.clear();
-        newest.raw.assign(sample.raw, sample.raw + sample.raw_size);
-        newest.tid = sample.tid;
-    }
-    newest.streams.push_back(sample.stream);
-    return again;
-}
-
 void Instance::take(size_t ring, const Sample &sample)
 {
     const int probe = index_of(sample);
     if (probe < 0)
         return;
-    if (sample.time < told_twice_until_ && is_again(ring, sample))
+    if (sample.time < told_twice_until_ && latest_[ring].is_again(sample))
         return;
     const std::vector<uint32_t> &left_out = probes_[static_cast<size_t>(probe)]->left_out;
     const bool known = std::find(left_out.begin(), left_out.end(), sample.tid) == left_out.end();

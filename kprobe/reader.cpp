@@ -91,16 +91,27 @@ void Reader::abandon()
         instance->abandon();
 }
 
+// 0 or a negative errno.
+int Reader::listen_to(int fd)
+{
+    epoll_event event = {EPOLLIN, {.fd = fd}};
+    return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0 ? -errno : 0;
+}
+
+void Reader::ignore_bells(Instance *instance)
+{
+    instance->bells().each_descriptor([this](int fd) { epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr); });
+}
+
 int Reader::add(const std::shared_ptr<Instance> &instance)
 {
     const std::lock_guard lock(lock_);
     instances_.reserve(instances_.size() + 1);
-    for (const int fd : instance->bell_descriptors()) {
-        epoll_event event = {EPOLLIN, {.fd = fd}};
-        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0)
-            return -errno;  // those before it go with the instance
-    }
-    instance->wake_by(wake_.get());
+    int status = 0;
+    instance->bells().each_descriptor([&](int fd) { status = status < 0 ? status : listen_to(fd); });
+    if (status < 0)
+        return status;  // what is listened to goes with the instance
+    instance->bells().wake_by(wake_.get());
     instances_.push_back(instance);
     look_again_ = true;             // processors that came since it was made
     eventfd_write(wake_.get(), 1);  // its bells are to be armed
@@ -111,8 +122,7 @@ void Reader::remove(const std::shared_ptr<Instance> &instance)
 {
     const std::lock_guard lock(lock_);
     std::erase(instances_, instance);
-    for (const int fd : instance->bell_descriptors())
-        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    ignore_bells(instance.get());
 }
 
 void *Reader::run(void *self)
@@ -162,13 +172,9 @@ bool Reader::sweep_all()
 // Rings that the instance has from now on ring here. False: it must be asked again.
 bool Reader::follow(Instance *instance, const std::vector<int> &online)
 {
-    for (const int fd : instance->bell_descriptors())
-        epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr);
+    ignore_bells(instance);
     const bool followed = instance->follow(online, renewed_);
-    for (const int fd : instance->bell_descriptors()) {
-        epoll_event event = {EPOLLIN, {.fd = fd}};
-        epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event);
-    }
+    instance->bells().each_descriptor([this](int fd) { listen_to(fd); });
     return followed;
 }
 
@@ -195,7 +201,7 @@ void Reader::arm_all(bool on)
 {
     const std::lock_guard lock(lock_);
     for (const auto &instance : instances_)
-        instance->arm_bells(on);
+        instance->bells().arm(on);
 }
 
 void Reader::loop()

@@ -46,6 +46,8 @@ public:
 private:
     static void *run(void *self);
     void loop();
+    int listen_to(int fd);
+    void ignore_bells(Instance *instance);
     void wait();
     void forget();
     bool sweep_all();

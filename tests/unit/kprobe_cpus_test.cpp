@@ -42,7 +42,7 @@ TEST(KprobeCpus, one_that_went_since_they_were_counted)
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
     EXPECT_EQ(0, instance.open({0, 1}, {1 << 16, 1 << 18}));
-    EXPECT_EQ(1u, instance.bell_descriptors().size());
+    EXPECT_EQ(1u, instance.bells().list().size());
 }
 
 TEST(KprobeCpus, one_that_comes_back_is_heard)
