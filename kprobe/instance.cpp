@@ -1,7 +1,5 @@
 #include "instance.h"
 
-#include <fcntl.h>
-
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
@@ -19,8 +17,7 @@ namespace kprobe
 namespace
 {
 
-constexpr size_t kMaxName = 40;      // of an event; the kernel takes 63 bytes with the process id
-constexpr int kFirstDescriptor = 3;  // the monitor takes 0 for an empty place
+constexpr size_t kMaxName = 40;  // of an event; the kernel takes 63 bytes with the process id
 
 }  // namespace
 
@@ -34,17 +31,6 @@ Instance::~Instance()
     const std::lock_guard lock(control_);
     for (const auto &probe : probes_)
         undefine(probe.get());
-}
-
-Fd Instance::copy_descriptor() const { return Fd(fcntl(signal_.get(), F_DUPFD_CLOEXEC, kFirstDescriptor)); }
-
-std::vector<Ring *> Instance::rings() const
-{
-    std::vector<Ring *> out;
-    for (const auto &ring : rings_)
-        if (ring->fd() >= 0)
-            out.push_back(ring.get());
-    return out;
 }
 
 // ---- probes ----
@@ -79,7 +65,7 @@ std::string Instance::why_refused(const Probe &probe, const std::string &filter)
 int Instance::open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells)
 {
     bool bad_filter;
-    int status = events->open(probe->event_id, rings(), filter, &bad_filter);
+    int status = events->open(probe->event_id, records_.rings(), filter, &bad_filter);
     if (status == 0)
         status = bells->open(probe->event_id, bells_.list(), filter, &bad_filter);
     if (status == 0)
@@ -124,11 +110,9 @@ int Instance::define_in_kernel(Probe *probe)
         KP_LOG(1, "probe %s has another layout than was asked for", probe->def.name.c_str());
         return -EINVAL;
     }
-    {
-        const std::lock_guard lock(records_);
-        probe->event_id = id;
-        probe->layout = layout;
-    }
+    probe->event_id = id;
+    delivery_.lay_out(probe->number, std::move(layout));
+    records_.belong(id, probe->number);
     return open_events(probe, kernel_filter(*probe, probe->def.filter), &probe->events, &probe->bells);
 }
 
@@ -147,7 +131,7 @@ void Instance::undefine(Probe *probe) noexcept
     }
     if (status < 0)
         KP_LOG(2, "probe %s stays in the kernel: %s", probe->def.name.c_str(), strerror(-status));
-    const std::lock_guard lock(records_);
+    records_.belong(-1, probe->number);
     probe->event_id = -1;
     probe->defined = false;
 }
@@ -186,9 +170,8 @@ std::vector<uint32_t> Instance::left_out_by(const Probe &probe, const std::strin
 
 void Instance::keep_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept
 {
-    const std::lock_guard lock(records_);
     probe->def.filter.swap(text);
-    probe->left_out.swap(left_out);
+    records_.leave_out(probe->number, std::move(left_out));
 }
 
 int Instance::learn_groups()
@@ -197,6 +180,14 @@ int Instance::learn_groups()
     if (status < 0)
         KP_LOG(1, "inotify instances of this process cannot be told from others: %s", strerror(-status));
     return std::min(status, 0);
+}
+
+// Its number may be that of a probe that could not be defined, of which there are no records.
+void Instance::expect(const Probe &probe, kp_record_cb callback)
+{
+    const Plan &plan = probe.plan;
+    records_.expect(probe.number, left_out_by(probe, probe.def.filter));
+    delivery_.expect(probe.number, {callback, plan.by_device, plan.shape == Shape::kInotify, plan.tells_group});
 }
 
 int Instance::add(const kp_probe_def &record, kp_record_cb callback)
@@ -211,16 +202,13 @@ int Instance::add(const kp_probe_def &record, kp_record_cb callback)
         KP_LOG(1, "probe %s cannot be placed: %s", probe->def.name.c_str(), why.c_str());
         return -EINVAL;
     }
-    probe->callback = callback;
-    probe->left_out = left_out_by(*probe, probe->def.filter);
     const std::lock_guard lock(control_);
     if (probe->plan.tells_group)
         if (const int status = learn_groups(); status < 0)
             return status;
-    {
-        const std::lock_guard records(records_);
-        probes_.reserve(probes_.size() + 1);  // behind the definition nothing may fail
-    }
+    probes_.reserve(probes_.size() + 1);  // behind the definition nothing may fail
+    probe->number = probes_.size();
+    expect(*probe, callback);
     if (Probe *old = find(probe->def.name)) {
         undefine(old);
         old->gone = true;
@@ -231,10 +219,7 @@ int Instance::add(const kp_probe_def &record, kp_record_cb callback)
     KP_LOG(3, "probe %s at %s, %zu arguments", probe->def.name.c_str(), probe->plan.point.c_str(),
            probe->plan.args.size());
     Probe *added = probe.get();
-    {
-        const std::lock_guard records(records_);
-        probes_.push_back(std::move(probe));
-    }
+    probes_.push_back(std::move(probe));
     restack(added);
     mark_mounts(*added);
     switch_events(added);
@@ -310,12 +295,7 @@ void Instance::replace(Probe *probe, EventSet *events, EventSet *bells)
     drop_replaced(probe);
     bells_.ring_from_now_on(bells);
     const std::lock_guard lock(replaced_lock_);
-    {
-        const std::lock_guard records(records_);
-        if (told_twice_until_ < now_ns())
-            std::fill(latest_.begin(), latest_.end(), LatestHit());
-        told_twice_until_ = UINT64_MAX;
-    }
+    records_.expect_repeats();
     events->enable(true);
     replaced_.push_back({probe, std::move(probe->events), std::move(probe->bells), now_ns()});
     bells_.wake();
@@ -356,9 +336,21 @@ void Instance::close_replaced(std::vector<Replaced>::iterator replaced)
 // What was on its way through the last of them may still come.
 void Instance::note_replaced()
 {
-    const std::lock_guard lock(records_);
-    if (replaced_.empty() && told_twice_until_ == UINT64_MAX)
-        told_twice_until_ = now_ns() + kOverlap;
+    if (replaced_.empty())
+        records_.end_repeats(now_ns() + kOverlap);
+}
+
+bool Instance::losses(kp_losses *out)
+{
+    const std::lock_guard lock(control_);
+    uint64_t missed = 0;
+    for (const auto &probe : probes_)
+        if (!probe->gone)
+            missed += tracefs_.missed(probe->event);
+    *out = records_.counts();
+    delivery_.add_counts(out);
+    out->missed = missed;
+    return true;
 }
 
 // ---- fork ----
@@ -368,12 +360,12 @@ void Instance::lock_for_fork()
     control_.lock();
     bells_.mutex().lock();
     replaced_lock_.lock();
-    records_.lock();
+    records_.mutex().lock();
 }
 
 void Instance::unlock_for_fork()
 {
-    records_.unlock();
+    records_.mutex().unlock();
     replaced_lock_.unlock();
     bells_.mutex().unlock();
     control_.unlock();
@@ -388,8 +380,7 @@ void Instance::abandon()
         probe->event_id = -1;
         probe->defined = false;
     }
-    for (const auto &ring : rings_)
-        ring->close();
+    records_.abandon();
     bells_.abandon();
     replaced_.clear();
     marks_.remove();

@@ -17,23 +17,17 @@
 #include "bells.h"
 #include "current_mounts.h"
 #include "definition.h"
+#include "delivery.h"
 #include "facts.h"
 #include "groups.h"
-#include "latest_hit.h"
 #include "marks.h"
 #include "perf.h"
 #include "plan.h"
-#include "queue.h"
-#include "record.h"
+#include "records.h"
 #include "tracefs.h"
 
 namespace kprobe
 {
-
-struct Sizes {
-    size_t ring, queue;           // bytes a CPU; rings are powers of two
-    size_t all_rings = SIZE_MAX;  // of CPUs that come later there is what is left of this, and a small one at least
-};
 
 class Instance
 {
@@ -59,20 +53,15 @@ public:
     int enable(const std::string &event, bool on);
     int filter(const std::string &event, const std::string &text);
 
-    // Hands on at most `budget` records, the oldest of all CPUs first. Returns how many.
-    int parse(size_t budget);
-    void clean();
+    int parse(size_t budget) { return delivery_.parse(budget); }
+    void clean() { records_.clean(); }
     bool losses(kp_losses *out);
 
-    // What is readable while records may be taken: a copy. There may be no room for it.
-    Fd copy_descriptor() const;
-    bool is_waiting();
+    Fd copy_descriptor() { return records_.copy_descriptor(); }
+    bool is_waiting() { return records_.is_waiting(); }
+    bool sweep(uint64_t safe) { return records_.sweep(safe); }
 
-    // For the thread that empties the rings: takes what they hold, and releases what is older than `safe`. False: there
-    // was nothing to take and nothing is held back.
-    bool sweep(uint64_t safe);
-
-    // For the same thread: closes events whose place others took a while ago. True: some are left.
+    // For the thread that empties the rings: closes events whose place others took a while ago. True: some are left.
     bool close_replaced();
     static constexpr uint64_t kOverlap = 20000000;  // ns; far longer than a hit takes
     Bells &bells() { return bells_; }
@@ -84,12 +73,10 @@ public:
 
 private:
     struct Probe {
+        size_t number;  // of it in `probes_`, and for what becomes of its records
         Definition def;
-        std::string event;               // its name in the kernel; the list of misses tells no groups
-        std::vector<uint32_t> left_out;  // threads
+        std::string event;  // its name in the kernel; the list of misses tells no groups
         Plan plan;
-        Layout layout;
-        kp_record_cb callback = nullptr;
         int event_id = -1;
         EventSet events, bells;
         std::string in_kernel;  // their filter in the kernel's words
@@ -100,22 +87,11 @@ private:
         EventSet events, bells;
         uint64_t since;
     };
-    struct Batch;
-    struct Sink;
 
     Probe *find(const std::string &event);
-    struct Processor {
-        int cpu;
-        std::unique_ptr<Ring> ring = std::make_unique<Ring>();
-        std::unique_ptr<RecordQueue> queue = nullptr;  // null: the one that it has
-    };
-    int open_processor(Processor *processor);
-    void take_up(Processor *processor);
-    int open_events_on(size_t at);
-    void let_go(size_t at);
-    size_t ring_size() const;
-    bool is_up(size_t at) const { return rings_[at]->fd() >= 0; }
-    std::vector<Ring *> rings() const;
+    int take_up(int cpu);
+    int open_events_on(int cpu);
+    void let_go(int cpu);
     int define(Probe *probe);
     int define_in_kernel(Probe *probe);
     int open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells);
@@ -129,15 +105,8 @@ private:
     void restack(Probe *added);
     std::string kernel_filter(const Probe &probe, const std::string &text);
     int set_filter(Probe *probe, const std::string &text);
+    void expect(const Probe &probe, kp_record_cb callback);
     void mark_mounts(const Probe &probe);
-    int index_of(const Sample &sample) const;
-    void take(size_t ring, const Sample &sample);
-    void settle_signal();
-    bool is_ready(const RecordQueue &queue) const;
-    size_t oldest() const;
-    void gather(size_t budget);
-    enum class Outcome { kDelivered, kUnreadable, kLeftOut };
-    Outcome hand_on(size_t at, std::vector<unsigned char> *out);
     static std::vector<uint32_t> left_out_by(const Probe &probe, const std::string &filter);
     void keep_filter(Probe *probe, std::string text, std::vector<uint32_t> left_out) noexcept;
 
@@ -145,35 +114,20 @@ private:
     const Facts &facts_;
     const std::string group_;
 
-    std::mutex parsing_;
-    std::vector<unsigned char> bytes_;  // the batch under way
-    std::vector<QueuedRecord> batch_;
-    WatchEnds ends_;
     Groups groups_;
+    CurrentMounts mounts_;
+    Bells bells_;
+    Records records_;
+    Delivery delivery_{records_, groups_, mounts_};
+    Sizes sizes_ = {};
 
     std::mutex control_;
+    std::vector<std::unique_ptr<Probe>> probes_;  // never shrinks: records name them by number
     Marks marks_;
     unsigned serial_ = 0;  // of definitions
 
-    Bells bells_;
-
     std::mutex replaced_lock_;
     std::vector<Replaced> replaced_;  // in the order of `since`
-
-    std::mutex records_;
-    std::vector<std::unique_ptr<Probe>> probes_;  // never shrinks: records name them by index
-    std::vector<std::unique_ptr<Ring>> rings_;    // of each CPU
-    std::vector<int> cpus_;                       // which these are
-    Sizes sizes_ = {};
-    std::vector<std::unique_ptr<RecordQueue>> queues_;  // of each ring
-    Fd signal_;                                         // readable as long as a record may be taken
-    bool raised_ = false;
-    std::vector<LatestHit> latest_;  // of each ring, while hits are recorded twice
-    uint64_t told_twice_until_ = 0;  // UINT64_MAX: nobody knows yet
-    uint64_t safe_ = 0;
-    kp_losses counts_ = {};
-
-    CurrentMounts mounts_;
 };
 
 }  // namespace kprobe
