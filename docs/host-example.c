@@ -43,7 +43,8 @@ void error_output(int level, const char *file, int line, const char *fmt, ...)
     errno = error;
 }
 
-int autolog_init(const char *path, int n) /* called on the monitor thread, with the folder and how many files to keep */
+int autolog_init(const char *path,
+                 int n) /* called on the monitor thread, with the directory and how many files to keep */
 {
     (void)path;
     (void)n;
@@ -127,14 +128,14 @@ size_t orx_str_strlcpy(char *dst, const char *src, size_t size)
 
 int orx_dirutils_path_transform(const char *in, char *out, size_t out_size)
 {
-    char folder[4096] = "";
+    char directory[4096] = "";
     if (in[0] == '@') {
-        ssize_t length = readlink("/proc/self/exe", folder, sizeof folder - 1);
-        folder[length > 0 ? length : 0] = 0;
-        *strrchr(folder[0] ? folder : strcpy(folder, "/"), '/') = 0;
+        ssize_t length = readlink("/proc/self/exe", directory, sizeof directory - 1);
+        directory[length > 0 ? length : 0] = 0;
+        *strrchr(directory[0] ? directory : strcpy(directory, "/"), '/') = 0;
         in++;
     }
-    int needed = snprintf(out, out_size, "%s%s", folder, in);
+    int needed = snprintf(out, out_size, "%s%s", directory, in);
     return needed >= 0 && (size_t)needed < out_size ? 0 : -1;
 }
 
