@@ -1,24 +1,20 @@
-/*
- * The container library on real containers, which runc starts from a small root made with busybox, each on an overlay
- * of its own; and on control groups that are made by hand.
- */
-#include <dlfcn.h>
-#include <fcntl.h>
+/* The container library on real containers, and on control groups that are made by hand. */
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
-#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <memory>
+#include <set>
 
 #include "harness.h"
-#include "orx_sensitivedir.h"
+#include "real_container.h"
 
 using namespace systest;
 using testlib::TempTree;
@@ -27,152 +23,39 @@ namespace fs = std::filesystem;
 namespace
 {
 
-constexpr char kBusybox[] = "/bin/busybox";
+using Tellings = std::set<std::pair<std::string, std::string>>; /* path, "ID PID" */
 
-bool can_contain() { return testlib::can_mount() && std::system("runc --version >/dev/null 2>&1") == 0; }
-
-/* 64 digits that no other run of this test has. */
-std::string fresh_id()
+std::string telling(const Json &event)
 {
-    static unsigned count;
-    char text[65];
-    snprintf(text, sizeof text, "%048x%08x%08x", 0xfu, static_cast<unsigned>(getpid()), ++count);
-    return text;
+    return event.value("container", "-") + " " + std::to_string(event["pid"].get<int>());
 }
 
-/* The library as the monitor has it, in this process. */
-class Library
+/* What the next events say. */
+Tellings tellings(Process &watch, size_t count)
 {
-public:
-    Library()
-    {
-        void *handle = dlopen(FMON_TEST_LIB "/liborx_sensitive_dir.6.so", RTLD_NOW | RTLD_LOCAL);
-        EXPECT_TRUE(handle) << dlerror();
-        find_ = reinterpret_cast<decltype(find_)>(dlsym(handle, "_orx_get_container_mount"));
-        info_ = reinterpret_cast<decltype(info_)>(dlsym(handle, "_orx_get_container_info"));
-        free_ = reinterpret_cast<decltype(free_)>(dlsym(handle, "_orx_free_container_info"));
+    Tellings seen;
+    while (seen.size() < count) {
+        const auto line = watch.line();
+        if (!line)
+            break;
+        const Json event = Json::parse(*line);
+        if (event["type"] == "event")
+            seen.emplace(event["path"], telling(event));
     }
-    /* "ID PID" or "host". */
-    std::string owner(const std::string &mount) const
-    {
-        const struct orx_container_mount *record = find_(mount.c_str());
-        return record ? record->label + (" " + std::to_string(record->pid)) : "host";
-    }
-    /* The same once it is what is expected, or time is up. Sees to it that nothing but the host comes before. */
-    std::string until_owner(const std::string &mount, const std::string &want) const
-    {
-        std::string have = owner(mount);
-        for (const int64_t end = now_ms() + 3000; have == "host" && have != want && now_ms() < end;) {
-            pause_ms(20);
-            have = owner(mount);
-        }
-        return have;
-    }
-    int init_pid(const std::string &id) const
-    {
-        struct orx_container_info *info = info_(id.c_str());
-        const int pid = info ? info->init_pid : -1;
-        free_(info);
-        return pid;
-    }
-
-private:
-    decltype(&_orx_get_container_mount) find_;
-    decltype(&_orx_get_container_info) info_;
-    decltype(&_orx_free_container_info) free_;
-};
-
-std::vector<std::string> mounts_of(int pid)
-{
-    std::vector<std::string> ids;
-    std::ifstream list("/proc/" + std::to_string(pid) + "/mountinfo");
-    for (std::string line; std::getline(list, line);)
-        ids.push_back(line.substr(0, line.find(' ')));
-    return ids;
+    return seen;
 }
 
-/* A container that writes a file in /data for each name that it is told. */
-class Container
+Tellings tellings(Watch &watch, size_t count)
 {
-public:
-    explicit Container(const TempTree &tree) : folder_(made(tree.path(id_)))
-    {
-        make_root(tree);
-        fs::create_directory(folder_ + "/rootfs");
-        const std::string options =
-            "lowerdir=" + tree.path("lower") + ",upperdir=" + folder_ + "/up,workdir=" + folder_ + "/scratch";
-        EXPECT_EQ(mount("overlay", (folder_ + "/rootfs").c_str(), "overlay", 0, options.c_str()), 0) << strerror(errno);
-        configure();
-        EXPECT_EQ(mkfifo((folder_ + "/in").c_str(), 0600), 0);
-        in_ = open((folder_ + "/in").c_str(), O_RDWR | O_CLOEXEC);
-        runc("run --bundle " + folder_ + " " + id_ + " <" + folder_ + "/in >" + folder_ + "/out 2>&1 &");
-        await_start();
+    Tellings seen;
+    while (seen.size() < count) {
+        const auto event = watch.next();
+        if (!event)
+            break;
+        seen.emplace((*event)["path"], telling(*event));
     }
-    ~Container()
-    {
-        stop();
-        umount2((folder_ + "/rootfs").c_str(), MNT_DETACH);
-        close(in_);
-    }
-    Container(const Container &) = delete;
-    Container &operator=(const Container &) = delete;
-
-    const std::string &id() const { return id_; }
-    int pid() const { return pid_; }
-    std::string owner() const { return id_ + " " + std::to_string(pid_); }
-    std::string seen(const std::string &path) const { return "/proc/" + std::to_string(pid_) + "/root" + path; }
-    void write(const std::string &name) const
-    {
-        const std::string line = name + "\n";
-        EXPECT_EQ(::write(in_, line.data(), line.size()), static_cast<ssize_t>(line.size()));
-    }
-    void stop() const { runc("delete -f " + id_ + " 2>/dev/null"); }
-
-private:
-    static void make_root(const TempTree &tree)
-    {
-        for (const char *name : {"bin", "proc", "data"})
-            fs::create_directories(tree.path("lower/") + name);
-        fs::copy_file(kBusybox, tree.path("lower/bin/sh"), fs::copy_options::skip_existing);
-    }
-    void runc(const std::string &rest) const
-    {
-        const std::string command = "runc --root " + folder_ + "/state " + rest;
-        [[maybe_unused]] const int status = std::system(command.c_str());
-    }
-    void configure() const
-    {
-        const std::string spec = "cd " + folder_ + " && runc spec";
-        ASSERT_EQ(std::system(spec.c_str()), 0);
-        Json config = Json::parse(std::ifstream(folder_ + "/config.json"));
-        config["process"]["terminal"] = false;
-        config["process"]["args"] = {"/bin/sh", "-c", "while read x; do echo y >/data/$x; done"};
-        config["root"]["readonly"] = false;
-        std::ofstream(folder_ + "/config.json") << config;
-    }
-    void await_start()
-    {
-        const std::string state = folder_ + "/state/" + id_ + "/state.json";
-        for (const int64_t end = now_ms() + kPatienceMs; pid_ == 0 && now_ms() < end; pause_ms(20)) {
-            const Json json = Json::parse(std::ifstream(state), nullptr, false);
-            const int pid = json.is_object() ? json.value("init_process_pid", 0) : 0;
-            std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
-            std::string name;
-            if (pid > 0 && std::getline(comm, name) && name == "sh")
-                pid_ = pid;
-        }
-        EXPECT_NE(pid_, 0) << std::ifstream(folder_ + "/out").rdbuf();
-    }
-    static std::string made(const std::string &folder)
-    {
-        for (const char *name : {"", "/up", "/scratch"})
-            fs::create_directory(folder + name);
-        return folder;
-    }
-
-    const std::string id_ = fresh_id(), folder_;
-    int in_ = -1, pid_ = 0;
-};
+    return seen;
+}
 
 TEST(Containers, EventsNameTheirContainerAndProcess)
 {
@@ -187,15 +70,7 @@ TEST(Containers, EventsNameTheirContainerAndProcess)
     ASSERT_TRUE(first && Json::parse(*first)["type"] == "established") << watch.errors();
     one.write("a");
     two.write("b");
-    std::map<std::string, std::string> seen;
-    while (seen.size() < 2) {
-        const auto line = watch.line();
-        ASSERT_TRUE(line) << Json(seen) << watch.errors();
-        const Json event = Json::parse(*line);
-        if (event["type"] == "event")
-            seen[event["path"]] = event.value("container", "-") + " " + std::to_string(event["pid"].get<int>());
-    }
-    EXPECT_EQ(seen, (std::map<std::string, std::string>{{"/data/a", one.owner()}, {"/data/b", two.owner()}}));
+    EXPECT_EQ(tellings(watch, 2), (Tellings{{"/data/a", one.owner()}, {"/data/b", two.owner()}})) << watch.errors();
     EXPECT_EQ(watch.interrupt(), 0);
 }
 
@@ -306,14 +181,14 @@ TEST(Containers, EventsArriveWhileProcessesComeAndGo)
          false,
          {"FMON_AGENT_TYPE=container"}});
     ASSERT_TRUE(watch.line()) << watch.errors();
-    std::set<std::string> expected, seen;
+    Tellings expected;
     int64_t longest = 0;
     {
         const Churn churn;
         for (int i = 0; churn.goes_on(); i++) {
             if (i % 10 == 0) {
                 container.write(std::to_string(i));
-                expected.insert("/data/" + std::to_string(i) + " " + container.owner());
+                expected.emplace("/data/" + std::to_string(i), container.owner());
             }
             const int64_t begin = now_ms();
             EXPECT_EQ(library.owner(std::to_string(1'000'000'000 + i)), "host");
@@ -323,15 +198,7 @@ TEST(Containers, EventsArriveWhileProcessesComeAndGo)
     }
     EXPECT_GT(expected.size(), 10u);
     EXPECT_LT(longest, 1000);
-    while (seen.size() < expected.size()) {
-        const auto line = watch.line();
-        ASSERT_TRUE(line) << seen.size() << " of " << expected.size() << watch.errors();
-        const Json event = Json::parse(*line);
-        if (event["type"] == "event")
-            seen.insert(event["path"].get<std::string>() + " " + event.value("container", "-") + " " +
-                        std::to_string(event["pid"].get<int>()));
-    }
-    EXPECT_EQ(seen, expected);
+    EXPECT_EQ(tellings(watch, expected.size()), expected) << watch.errors();
     EXPECT_EQ(watch.interrupt(), 0);
     RecordProperty("longest_ms", static_cast<int>(longest));
 }
@@ -386,21 +253,6 @@ private:
     Child child_;
 };
 
-using Tellings = std::map<std::string, std::string>; /* path -> "ID PID" */
-
-/* What the next events say. */
-Tellings tellings(Watch &watch, size_t count)
-{
-    Tellings seen;
-    while (seen.size() < count) {
-        const auto event = watch.next();
-        if (!event)
-            break;
-        seen[(*event)["path"]] = event->value("container", "-") + " " + std::to_string((*event)["pid"].get<int>());
-    }
-    return seen;
-}
-
 TEST(Containers, EveryNamingSchemeIsTold)
 {
     NEED(testlib::can_mount() && testlib::can_fanotify() && !hierarchies().empty(), "control groups need root");
@@ -417,12 +269,12 @@ TEST(Containers, EveryNamingSchemeIsTold)
             const std::string id = fresh_id(), file = tree.path(id);
             path.replace(path.find('%'), 1, id);
             all.emplace_back(root + path, std::make_unique<Inhabitant>(root, path, true, file));
-            expected[file] = id + " " + std::to_string(all.back().second->pid());
+            expected.emplace(file, id + " " + std::to_string(all.back().second->pid()));
         }
     EXPECT_EQ(tellings(watch, expected.size()), expected);
     for (const auto &[path, inhabitant] : all) {
         const std::string mount = mounts_of(inhabitant->pid()).front(), owner = library.until_owner(mount, "");
-        EXPECT_EQ(expected.count(tree.path(owner.substr(0, 64))), 1u) << path << " is " << owner;
+        EXPECT_EQ(expected.count({tree.path(owner.substr(0, 64)), owner}), 1u) << path << " is " << owner;
         EXPECT_EQ(owner.substr(std::min<size_t>(owner.size(), 65)), std::to_string(inhabitant->pid())) << path;
     }
     EXPECT_EQ(watch.stop(), 0);
