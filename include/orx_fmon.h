@@ -17,6 +17,8 @@
 #ifndef ORX_FMON_H
 #define ORX_FMON_H
 
+#include <assert.h>
+#include <stddef.h>
 #include <stdint.h>
 
 #include "orx_list.h"
@@ -113,14 +115,117 @@ struct fmon_loss_counts {
     uint64_t probes_ring, probes_queue, probes_cleaned, probes_unreadable, probes_missed;
 };
 
-/* The monitor's state in numbers. It grows at its end: `size` says how much of it both sides know. */
+/* Why a directory, or a single file, could not be watched. */
+enum {
+    FMON_LEFT_INOTIFY_LIMIT = 1,  /* fs.inotify.max_user_watches is reached */
+    FMON_LEFT_FANOTIFY_LIMIT = 2, /* fs.fanotify.max_user_marks is reached */
+    FMON_LEFT_CACHE_FULL = 3,     /* max_dentries is reached, or there was no memory for an entry */
+    FMON_LEFT_DENIED = 4,         /* it may not be read, or not be entered */
+    FMON_LEFT_DESCRIPTORS = 5,    /* no descriptor was left to open it with */
+    FMON_LEFT_TOO_LONG = 6,       /* its path is longer than 1022 bytes */
+    FMON_LEFT_GONE = 7,           /* it went, or another thing took its name, meanwhile: nothing is missed */
+    FMON_LEFT_OTHER = 8
+};
+
+/* What was to be done when that was found. */
+enum {
+    FMON_STEP_OPEN = 1,     /* opening it, to put marks on what is opened */
+    FMON_STEP_READ = 2,     /* reading it for what is in it */
+    FMON_STEP_INOTIFY = 3,  /* its inotify watch */
+    FMON_STEP_FANOTIFY = 4, /* its fanotify mark */
+    FMON_STEP_CACHE = 5,    /* its entry in the directory cache */
+    FMON_STEP_TABLE = 6,    /* its entry in the table of watch descriptors */
+    FMON_STEP_MEMORY = 7    /* memory for the walk below it */
+};
+
+/* Directories and single files that could not be watched since the start, by the members of the first enumeration:
+ * each attempt once, for what was met first. One that has a mark but not all of them counts, too. */
+struct fmon_left_out {
+    uint64_t inotify_limit, fanotify_limit, cache_full, denied, descriptors, too_long, gone, other;
+};
+
+/* One refusal. */
+struct fmon_refusal {
+    int32_t code;    /* the result that a request would have; 0: nothing has been refused */
+    int32_t error;   /* errno; 0: the system was not asked */
+    uint32_t reason; /* FMON_LEFT_* */
+    uint32_t step;   /* FMON_STEP_* */
+    char path[1024]; /* cut at 1023 bytes; empty: too long to be built */
+};
+
+enum { FMON_SOURCE_OFF = 0, FMON_SOURCE_ON = 1, FMON_SOURCE_REFUSED = 2 }; /* fmon_source.state */
+
+/* Why a source of events is off or refused, or what one that is on could not do since (FMON_WHY_MOUNTS). */
+enum {
+    FMON_WHY_NONE = 0,
+    FMON_WHY_SYSTEM = 1,    /* the system refused it: see `error` */
+    FMON_WHY_CONTAINER = 2, /* not used inside a container */
+    FMON_WHY_LIBRARY = 3,   /* the probe library cannot be loaded: see `error` */
+    FMON_WHY_SYMBOL = 4,    /* it lacks the function that `why` names */
+    FMON_WHY_KERNEL = 5,    /* it does not work on this kernel; `why`: in its own words, where it has such */
+    FMON_WHY_MACHINE = 6,   /* no probes are known for the machine that `why` names */
+    FMON_WHY_RELEASE = 7,   /* the kernel's release, in `why`, is not MAJOR.MINOR.PATCH-BUILD */
+    FMON_WHY_CONFIG = 8,    /* fmon.ini cannot be read */
+    FMON_WHY_MOUNTS = 9,    /* the filter of the probes has no room for all mounts */
+    FMON_WHY_INSTANCE = 10, /* the library made no instance */
+    FMON_WHY_PROBE = 11,    /* a probe was refused, which `why` says; `code`: by the library */
+    FMON_WHY_OTHER = 12     /* see `why` */
+};
+
+/* A source of events, or the monitor as a whole. */
+struct fmon_source {
+    uint32_t state;  /* FMON_SOURCE_*. Probes that are on may have been switched off by _clt_file_enable */
+    uint32_t reason; /* FMON_WHY_*, what was met first */
+    int32_t code;    /* result; 0: none */
+    int32_t error;   /* errno; 0: the system was not asked */
+    char why[240];   /* cut at 239 bytes, may be empty */
+};
+
+/* The monitor's state in numbers. It grows at its end: `size` says how much of it both sides know. All counts are since
+ * the start, unless they say "now". */
 struct fmon_status {
     uint32_t size;     /* set by the caller to sizeof(struct fmon_status); lowered to what was filled */
     uint32_t hardened; /* fmon.ini's key */
     struct fmon_loss_counts lost;
     uint64_t released;    /* held-back records handed on before their file was closed, since the table was full */
     char lost_path[1024]; /* what the latest loss of `lost.path` was about, cut at 1023 bytes; empty: not known */
+
+    uint64_t watches;         /* of all instances, placed now: not those that wait for their path */
+    uint64_t inotify_watches; /* of the kernel, now */
+    uint64_t directories;     /* that carry a mark of inotify or fanotify now */
+    uint64_t records;         /* in the event table now */
+    uint64_t max_records;     /* what it holds: fmon.ini's max_events */
+    uint64_t refusals;        /* how often there was a new last_refusal */
+    struct fmon_left_out left_out;
+    struct fmon_refusal last_refusal;
+    /* Whether the monitor runs. Refused: the latest start failed, or the monitor had to end; `why` says what failed. */
+    struct fmon_source monitor;
+    /* inotify; fanotify on files and directories; fanotify on mounts; who caused inotify's events; system-wide events
+     */
+    struct fmon_source inotify, fanotify, mounts, inotify_probe, file_probes;
 };
+
+/* The structures are the same in 32-bit and 64-bit builds. */
+static_assert(sizeof(struct fmon_loss_counts) == 88, "loss counters");
+static_assert(sizeof(struct fmon_left_out) == 64, "counters of what is left out");
+static_assert(sizeof(struct fmon_refusal) == 1040, "refusal");
+static_assert(sizeof(struct fmon_source) == 256, "source");
+static_assert(offsetof(struct fmon_status, lost) == 8, "status");
+static_assert(offsetof(struct fmon_status, released) == 96, "status");
+static_assert(offsetof(struct fmon_status, lost_path) == 104, "status");
+static_assert(offsetof(struct fmon_status, watches) == 1128, "status");
+static_assert(offsetof(struct fmon_status, left_out) == 1176, "status");
+static_assert(offsetof(struct fmon_status, last_refusal) == 1240, "status");
+static_assert(offsetof(struct fmon_status, monitor) == 2280, "status");
+static_assert(offsetof(struct fmon_status, inotify) == 2536, "status");
+static_assert(offsetof(struct fmon_status, file_probes) == 3560, "status");
+static_assert(sizeof(struct fmon_status) == 3816, "status");
+
+/* What became of a directory, or single file, that is to be watched: `refusal` null: it carries an inotify watch from
+ * now on, which nothing carried before. Else it was refused; a second refusal of the same attempt may follow. On the
+ * thread that places, with the monitor lock held: it must be quick and must not call back into the module; what it is
+ * given is gone when it returns. */
+typedef void (*fmon_mark_cb)(const char *path, const struct fmon_refusal *refusal);
 
 /* ---- the plug-in ---- */
 
@@ -170,9 +275,13 @@ FMON_API void _clt_file_enable(uint32_t flag);
 /* Copies the backend's loss counters. FMON_ENOTINIT before the start. */
 FMON_API int _orx_fmon_losses(struct fmon_losses *out);
 
-/* Fills the first out->size bytes of the monitor's state. FMON_EINVAL: a size below 8; FMON_ENOTINIT before the start.
- */
+/* Fills the first out->size bytes of the monitor's state. FMON_EINVAL: a size below 8. FMON_ENOTINIT: the monitor does
+ * not run; after a start that failed, or when it had to end, what it was is filled all the same: `monitor` says why. */
 FMON_API int _orx_fmon_status(struct fmon_status *out);
+
+/* From now on `cb` is told of every directory and file that is marked or refused, of whatever instance. One for the
+ * whole process; null: nobody is told. FMON_ENOTINIT before the start. */
+FMON_API int _orx_fmon_on_mark(fmon_mark_cb cb);
 
 /* Writes the monitor's state to the log at level 4. `type`: 0 all, 1 instances, 2 waiting watches, 3 directories,
  * 4 events, 5 backend, 6 watched files; above 6: -1. `arg` is handed to the backend and may be null. */

@@ -12,6 +12,7 @@
 
 #include "checked.h"
 #include "event.h"
+#include "fmon_status.h"
 #include "fmon_watch.h"
 #include "list.h"
 #include "log.h"
@@ -86,16 +87,19 @@ int start_parts(int32_t max_events, int32_t max_dentries)
 {
     if (dcache_init(&fmon.dcache, max_dentries, dentry_init) < 0) {
         FMON_LOG(1, kFile, "init dcache failed\n");
+        account_monitor_ended("init dcache failed", FMON_ENOMEM, 0);
         return FMON_ENOMEM;
     }
     int result = event_init(&fmon, max_events);
     if (result < 0) {
         FMON_LOG(1, kFile, "event init failed: %d\n", result);
+        account_monitor_ended("event init failed", result, 0);
         dcache_destroy(&fmon.dcache);
         return result;
     }
     result = fmon_method.init(&fmon);
     if (result < 0) {
+        account_source_refused(&fmon_account.monitor, FMON_WHY_OTHER, result, 0, "method init failed");
         FMON_LOG(1, kFile, "method init failed: err %d\n", result);
         dcache_destroy(&fmon.dcache);
         event_deinit(&fmon);
@@ -137,6 +141,7 @@ int fmon_init(int32_t max_events, int32_t max_dentries, int32_t tbd_interval)
     }
     FMON_LOG(3, kFile, "init fmon: max events %d, max dentries %d\n", max_events, max_dentries);
 
+    account_begin();
     int result = start_parts(max_events, max_dentries);
     if (result < 0)
         return result;
@@ -147,6 +152,7 @@ int fmon_init(int32_t max_events, int32_t max_dentries, int32_t tbd_interval)
     list_init(&fmon.tbd);
     fmon.tbd_interval = static_cast<uint32_t>(tbd_interval);
     fmon.inited = 1;
+    account_source_on(&fmon_account.monitor);
     return 0;
 }
 
@@ -157,6 +163,7 @@ void fmon_deinit(void)
     dcache_destroy(&fmon.dcache);
     event_deinit(&fmon);
     fmon_method.deinit();
+    account_sources_off();
     fmon.inited = 0;
 }
 

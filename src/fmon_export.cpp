@@ -3,7 +3,6 @@
 #include "fmon_shell.h"
 
 #include <cstddef>
-#include <cstring>
 
 #include "fmon.h"
 #include "linux/clt_file.h"
@@ -147,28 +146,6 @@ int _orx_fmon_losses(struct fmon_losses *out)
     out->unknown_wd = fmlnx.unknown_wd_count;
     out->inotify_overflow = fmlnx.ino_overflow;
     out->fanotify_overflow = fmlnx.fan_overflow;
-    return 0;
-}
-
-int _orx_fmon_status(struct fmon_status *out)
-{
-    const ShellLock lock;
-    if (!lock)
-        return FMON_ENOTINIT;
-    if (!fmon.inited)
-        return FMON_ENOTINIT;
-    if (out->size < offsetof(struct fmon_status, lost))
-        return FMON_EINVAL;
-    struct fmon_status now = {};
-    now.size = out->size < sizeof now ? out->size : static_cast<uint32_t>(sizeof now);
-    now.hardened = fmon.hardened;
-    now.lost = fmon.lost;
-    now.lost.inotify = fmlnx.ino_overflow;
-    now.lost.fanotify = fmlnx.fan_overflow;
-    kpnotify_losses(&now.lost);
-    now.released = fmon.released;
-    memcpy(now.lost_path, fmon.lost_path, sizeof now.lost_path);
-    memcpy(out, &now, now.size);
     return 0;
 }
 

@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "fmon.h"
+#include "fmon_status.h"
 #include "log.h"
 #include "orx_event_loop.h"
 #include "text.h"
@@ -131,8 +132,11 @@ int start_locked()
 void start_thread()
 {
     void *handle = nullptr;
-    if (cl_ev_create_isolated_thread(&handle, nullptr, fmon_thread, nullptr) < 0)
-        FMON_LOG(1, kFile, "create file monitor thread failed\n");
+    if (cl_ev_create_isolated_thread(&handle, nullptr, fmon_thread, nullptr) >= 0)
+        return;
+    FMON_LOG(1, kFile, "create file monitor thread failed\n");
+    const ShellLock lock;
+    account_monitor_ended("create file monitor thread failed", -1, 0);
 }
 
 }  // namespace

@@ -3,7 +3,8 @@
  * are declared in orx_fmon.h. The shell's one mutex, the monitor lock, serialises every call into the core.
  *
  * Sources: fmon_shell.cpp (entry, configuration), fmon_lock.cpp (lock), fmon_thread.cpp (monitor thread),
- * fmon_export.cpp (client functions), container_detect.cpp (host or container).
+ * fmon_export.cpp (client functions; the one of the state is in fmon_status.cpp), container_detect.cpp (host or
+ * container).
  */
 #ifndef FMON_FMON_SHELL_H
 #define FMON_FMON_SHELL_H

@@ -8,6 +8,7 @@
 #include <cstring>
 
 #include "fmon.h"
+#include "fmon_status.h"
 #include "linux/clt_file.h"
 #include "linux/clt_inotify.h"
 #include "log.h"
@@ -109,11 +110,12 @@ bool turn(struct monitor_loop *loop)
     return true;
 }
 
-void take_down()
+void take_down(int error)
 {
     const ShellClosed closed;
     shell_lock_destroy();
     fmon_deinit();
+    account_monitor_ended("select failed", 0, error);
     cl_event_loop();
     kp_inotify_destroy();
     kp_notify_destroy();
@@ -125,7 +127,7 @@ void take_down()
 void end_thread(int error)
 {
     FMON_LOG(1, kFile, "select failed: %s\n", strerror(error));
-    take_down();
+    take_down(error);
     fmon_shell.run_state = FMON_STOPPED;
 }
 

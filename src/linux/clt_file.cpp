@@ -106,6 +106,7 @@ int register_probe(const probe_row &probe, struct kp_probe_def *def, void *insta
     const struct kp_os_info *kernel;
     if (kp_os_info_get(&kernel) < 0) {
         FMON_LOG(2, kFile, "get os_info failed!");
+        kp::note_trouble(&fmon_account.file_probes, FMON_WHY_KERNEL);
         return -1;
     }
     if (kernel->major < 3)
@@ -131,9 +132,10 @@ struct kp_probe_def *probe_of(uint32_t event)
 
 /* ---- start ---- */
 
-int start_failed(const char *message, int status)
+int start_failed(const char *message, int status, uint32_t reason)
 {
     FMON_LOG(2, kFile, "%s", message);
+    account_trouble(&fmon_account.file_probes, reason, status, 0, message);
     kp_notify_destroy();
     return status;
 }
@@ -144,13 +146,13 @@ int prepare()
     struct os_info info;
     int ret = get_os_info(&info);
     if (ret < 0)
-        return start_failed("main get_os_info error", ret);
+        return start_failed("main get_os_info error", ret, FMON_WHY_OTHER);
     ret = init_file_offset_conf(info);
     if (ret < 0)
-        return start_failed("load offset config error", ret);
+        return start_failed("load offset config error", ret, FMON_WHY_CONFIG);
     ret = mount_filter_make(common_filter);
     if (ret < 0)
-        return start_failed("maybe noy support global event", ret);
+        return start_failed("maybe noy support global event", ret, FMON_WHY_MOUNTS);
     return 0;
 }
 
@@ -159,7 +161,7 @@ int register_all(void *instance)
     for (const probe_row &probe : kProbes) {
         const int ret = register_probe(probe, &clt_file.probes[probe.def], instance);
         if (ret < 0)
-            return start_failed(probe.refused, ret);
+            return start_failed(probe.refused, ret, FMON_WHY_PROBE);
     }
     return 0;
 }
@@ -169,12 +171,15 @@ int register_all(void *instance)
 int init_kpnotify(int32_t *descriptors_out)
 {
     kp_notify_destroy();
+    kp::forget_trouble();
     int ret = prepare();
     if (ret < 0)
         return ret;
     void *instance = kp::create_instance(kFile, "clt_file", &clt_file.fds, &clt_file.fd_count);
-    if (!instance)
-        return start_failed("create kprobe instance failed!", -1);
+    if (!instance) {
+        kp::note_trouble(&fmon_account.file_probes, FMON_WHY_INSTANCE);
+        return start_failed("create kprobe instance failed!", -1, FMON_WHY_INSTANCE);
+    }
     ret = register_all(instance);
     if (ret < 0)
         return ret;
@@ -216,6 +221,7 @@ void enable_filter(uint32_t event_bit)
     char filter[MOUNT_FILTER_SIZE];
     if (mount_filter_make(filter) < 0) {
         FMON_LOG(2, kFile, "maybe noy support global event");
+        account_trouble(&fmon_account.file_probes, FMON_WHY_MOUNTS, -1, 0, nullptr);
         return;
     }
     void *instance = clt_file.instance.load(std::memory_order_acquire);

@@ -25,6 +25,7 @@ struct {
     int32_t fd_count;
     int mode;
     struct kp_probe_def probe;
+    std::atomic<int32_t> registered; /* 0: not tried; below: the registration's status; above: done */
 } state;
 
 /* Kept beyond the registration, since the definition goes on pointing to it. */
@@ -75,10 +76,14 @@ int register_probe(const char *fetch)
 int kp_inotify_init(int32_t *descriptors_out)
 {
     kp_inotify_destroy();
+    kp::forget_trouble();
     void *instance = kp::create_instance(kFile, "clt_inotify", &state.fds, &state.fd_count);
-    if (!instance)
+    if (!instance) {
         FMON_LOG(2, kFile, "create kprobe instance failed!"); /* once more, for the source as a whole */
+        kp::note_trouble(&fmon_account.inotify_probe, FMON_WHY_INSTANCE);
+    }
     if (!instance || clt_inotify_room <= 0) {
+        account_source_refused(&fmon_account.inotify_probe, FMON_WHY_OTHER, -1, 0, nullptr);
         kp_inotify_destroy();
         return -1;
     }
@@ -94,6 +99,7 @@ int get_inotify_event(void)
     const int ret = register_probe(fetch);
     if (ret < 0)
         FMON_LOG(2, kFile, "register inotify event failed!");
+    state.registered = ret < 0 ? ret : 1;
     return ret;
 }
 
@@ -118,10 +124,22 @@ int kp_inotify_destroy(void)
     state.fds = nullptr;
     state.fd_count = 0;
     state.mode = 0;
+    state.registered = 0;
     memset(&state.probe, 0, sizeof(state.probe));
     return 0;
 }
 
 int clt_inotify_active(void) { return state.instance.load(std::memory_order_acquire) != nullptr; }
+
+void clt_inotify_look(struct fmon_source *source)
+{
+    const int32_t registered = state.registered;
+    if (!clt_inotify_active() || registered == 0)
+        return;
+    if (registered > 0)
+        account_source_on(source);
+    else
+        account_source_refused(source, FMON_WHY_PROBE, registered, 0, "register inotify event failed!");
+}
 
 int clt_inotify_mode(void) { return state.mode; }

@@ -35,6 +35,7 @@ FMON_API void read_kp_inotify_event(uint32_t pid, void *record, uint32_t size);
 /* (Hidden.) Whether a probe instance exists, what its records hold (inotify_probe.h), and the capacity of the array
  * that kp_inotify_init is given. */
 int clt_inotify_active(void);
+void clt_inotify_look(struct fmon_source *); /* whether the probe is placed; untouched: not tried yet */
 int clt_inotify_mode(void);
 extern int32_t clt_inotify_room;
 

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "checked.h"
+#include "fmon_status.h"
 #include "linux/clt_file.h"
 #include "linux/clt_inotify.h"
 #include "linux/inode_index.h"
@@ -56,8 +57,11 @@ bool reader_knows_probes() { return fmon_method.read_event != fmon_linux_read_ev
 int32_t decide_fd_num()
 {
     const struct kp_os_info *info = nullptr;
+    kp::forget_trouble();
     if (kp_os_info_get(&info) < 0 || !info) {
         FMON_LOG(2, kFile, "maybe not support kprobe!");
+        kp::note_trouble(&fmon_account.inotify_probe, FMON_WHY_KERNEL);
+        kp::note_trouble(&fmon_account.file_probes, FMON_WHY_KERNEL);
         fmlnx.kp_global = 0;
         /* For the life of the process: a later start that finds the library keeps the simpler reader. */
         fmon_method.read_event = fmon_linux_read_event2;
@@ -104,6 +108,7 @@ int make_arrays(int32_t capacity)
     if (fmlnx.fds && fmlnx.period_start && fmlnx.delay && fmlnx.io_count && fmlnx.selectable)
         return 0;
     FMON_LOG(1, kFile, "fmon_linux_init malloc failed ");
+    account_monitor_ended("fmon_linux_init malloc failed", FMON_ENOMEM, 0);
     free_arrays();
     return FMON_ENOMEM;
 }
@@ -116,9 +121,13 @@ int open_inotify(int32_t capacity)
     if (k >= 0) {
         if (checked_add(k, 2) > fmlnx.fd_num)
             fmlnx.fd_num = k + 2;
+        account_source_on(&fmon_account.inotify);
         return 0;
     }
-    FMON_LOG(1, kFile, "init inotify failed: %s\n", strerror(errno));
+    const int error = errno;
+    FMON_LOG(1, kFile, "init inotify failed: %s\n", strerror(error));
+    account_source_refused(&fmon_account.inotify, FMON_WHY_SYSTEM, FMON_LINUX_EINOINIT, error, nullptr);
+    account_monitor_ended("init inotify failed", FMON_LINUX_EINOINIT, error);
     free_arrays();
     mount_release(&fmlnx.mounts);
     return FMON_LINUX_EINOINIT;
@@ -130,6 +139,11 @@ void open_fanotify()
     for (int j = 0; j < 2; j++) {
         int fd = init_fanotify();
         int error = errno;
+        struct fmon_source *source = j == FAN_FD_FILE ? &fmon_account.fanotify : &fmon_account.mounts;
+        if (fd < 0)
+            account_source_refused(source, FMON_WHY_SYSTEM, fd, fd == FMON_LINUX_ENOFAN ? ENOSYS : error, nullptr);
+        else
+            account_source_on(source);
         fmlnx.fds[k + j] = fd;
         FMON_LOG(3, kFile, "fanotify fd:%d", fd);
         if (fd < 0) {
@@ -149,14 +163,19 @@ void open_global()
     for (int32_t i = 0; i < slots; i++)
         fmlnx.fds[first + i] = -1;
     /* The library that would fill them is the host's affair: inside a container they stay unusable. */
-    if (g_container_flag)
+    if (g_container_flag) {
+        account_trouble(&fmon_account.file_probes, FMON_WHY_CONTAINER, 0, 0, nullptr);
         return;
+    }
 
     fmlnx.kp_global = 1;
     clt_file_room = reader_knows_probes() ? slots : 0;
     const bool started = init_kpnotify(&fmlnx.fds[first]) >= 0;
-    if (started && reader_knows_probes())
+    if (started && reader_knows_probes()) {
+        account_source_on(&fmon_account.file_probes);
         return;
+    }
+    account_source_refused(&fmon_account.file_probes, FMON_WHY_OTHER, 0, 0, nullptr);
     kp_notify_destroy();
     fmlnx.kp_global = 0;
     FMON_LOG(1, kFile, "init kpnotify failed");

@@ -15,6 +15,7 @@
 #include <cstdlib>
 
 #include "dll.h"
+#include "fmon_status.h"
 #include "kp_thread_utils.h"
 #include "log.h"
 
@@ -51,7 +52,16 @@ constexpr symbol_row kSymbols[SYMBOLS] = {
 struct {
     std::atomic<void *> handle;
     std::atomic<void *> slots[SYMBOLS];
+    /* What was met first since it was forgotten: a needed symbol that is missing, by its place from 1; the errno with
+     * which the library could not be opened, as -1 - errno; 0: nothing. */
+    std::atomic<int32_t> trouble;
 } unit;
+
+inline void meet_trouble(int32_t trouble)
+{
+    int32_t none = 0;
+    unit.trouble.compare_exchange_strong(none, trouble);
+}
 
 /* The library, opened when it is not. Null: it cannot be. */
 inline void *module()
@@ -61,7 +71,9 @@ inline void *module()
         return handle;
     void *opened = dll_open(kLibrary);
     if (!opened) {
-        FMON_LOG(1, kLog, "load kprobe thread module failed, errno: %d\n", errno);
+        const int error = errno;
+        FMON_LOG(1, kLog, "load kprobe thread module failed, errno: %d\n", error);
+        meet_trouble(-1 - error);
         return nullptr;
     }
     if (unit.handle.compare_exchange_strong(handle, opened))
@@ -84,6 +96,7 @@ inline void report_missing(const symbol_row &row)
     const int error = errno;
     const char *reason = dlerror();
     if (row.level == 1) {
+        meet_trouble(static_cast<int32_t>(&row - kSymbols) + 1);
         FMON_LOG(1, kLog, "load kp_thread symbol: %s failed, errnp:%d", row.shown, error);
         return;
     }
@@ -169,7 +182,29 @@ inline int32_t losses_total(struct kp_losses *out)
     return fn ? fn(out) : -1;
 }
 
+/* Why the library does not work on this kernel, in its own words; null or empty: it does not tell. As above. */
+inline const char *unavailable()
+{
+    void *handle = unit.handle.load(std::memory_order_acquire);
+    auto *fn = handle ? reinterpret_cast<decltype(&kp_unavailable)>(dlsym(handle, "kp_unavailable")) : nullptr;
+    return fn ? fn() : nullptr;
+}
+
 /* ---- what the event sources share ---- */
+
+inline void forget_trouble() { unit.trouble = 0; }
+
+/* Notes why the source cannot be had: that there is no such library, or that it lacks a function; else `reason`. */
+inline void note_trouble(struct fmon_source *source, uint32_t reason)
+{
+    const int32_t met = unit.trouble;
+    if (met > 0)
+        account_trouble(source, FMON_WHY_SYMBOL, 0, 0, kSymbols[met - 1].shown);
+    else if (met < 0)
+        account_trouble(source, FMON_WHY_LIBRARY, KP_NOT_LOADED, -1 - met, nullptr);
+    else
+        account_trouble(source, reason, 0, 0, reason == FMON_WHY_KERNEL ? unavailable() : nullptr);
+}
 
 /* A probe instance with its array of descriptors. Null: none, and no array; logged under the source's name `file`. */
 inline void *create_instance(const char *file, const char *name, int32_t **fds, int32_t *count)

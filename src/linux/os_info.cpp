@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <cstring>
 
+#include "fmon_status.h"
 #include "linux/clt_file.h"
 #include "log.h"
 #include "text.h"
@@ -39,6 +40,7 @@ int find_platform(const char *uname_machine, struct os_info *dst_str)
         }
     }
     FMON_LOG(1, kFile, "not support [%s] platform", uname_machine);
+    account_trouble(&fmon_account.file_probes, FMON_WHY_MACHINE, -1, 0, uname_machine);
     return -1;
 }
 
@@ -61,6 +63,7 @@ int parse_release(const char *release, struct os_info *out)
     if (!take_number(&pos, '.', &major) || !take_number(&pos, '.', &minor) || !take_number(&pos, '-', &patch) ||
         !take_number(&pos, '\0', &build)) {
         FMON_LOG(1, kFile, "kernel version get failed, uname.release:[%s]", release);
+        account_trouble(&fmon_account.file_probes, FMON_WHY_RELEASE, -1, 0, release);
         return -1;
     }
     out->major = static_cast<uint8_t>(major);
@@ -91,6 +94,7 @@ int get_os_info(struct os_info *out)
     struct utsname name;
     if (uname(&name) < 0) {
         FMON_LOG(1, kFile, "get hw plat error");
+        account_trouble(&fmon_account.file_probes, FMON_WHY_OTHER, -1, 0, "get hw plat error");
         return -1;
     }
     if (find_platform(name.machine, out) < 0)
