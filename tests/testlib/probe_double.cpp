@@ -61,6 +61,8 @@ void ProbeDouble::set_os_info(const OsInfo &info)
 
 void ProbeDouble::set_losses(const std::string &numbers) { std::ofstream(tree_.path("losses")) << numbers << "\n"; }
 
+void ProbeDouble::set_unavailable(const std::string &words) { std::ofstream(tree_.path("unavailable")) << words; }
+
 void ProbeDouble::behave(const std::string &lines)
 {
     /* In one step: the library may read at any moment. */

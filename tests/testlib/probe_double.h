@@ -33,6 +33,7 @@ public:
         unsigned major = 6, minor = 1, patch = 0, arch = sizeof(void *) == 8 ? 2 : 1, count = 2, pid = 4242;
     };
     void set_os_info(const OsInfo &info);
+    void set_unavailable(const std::string &words);
     void set_losses(const std::string &numbers); /* see probe_double.c */
     void behave(const std::string &lines);       /* replaces the earlier ones; see probe_double.c */
 

@@ -4,6 +4,7 @@
  * Everything lies in the folder that FMON_PROBE_DOUBLE names:
  *   calls        a line for every call, in order
  *   losses       "DELIVERED RING QUEUE CLEANED UNREADABLE MISSED"; without the file nothing is lost
+ *   unavailable  why os_info fails; without the file "" is said
  *   os_info      "MAJOR MINOR PATCH ARCH COUNT PID"; without the file a 6.1.0 kernel
  *   behave       lines that change the answers, read at each call:
  *                  fail SYMBOL [NAME]    a negative status (no instance) for that event or instance, or for any
@@ -445,3 +446,16 @@ EXPORT int32_t kp_losses_total(struct kp_losses *out)
     return 0;
 }
 #endif
+
+/* Without the file the library has no words for it. */
+EXPORT const char *kp_unavailable(void)
+{
+    static char text[256];
+    text[0] = '\0';
+    FILE *file = open_text("unavailable");
+    if (file && !fgets(text, sizeof text, file))
+        text[0] = '\0';
+    if (file)
+        fclose(file);
+    return text;
+}
