@@ -65,7 +65,9 @@ struct dentry_owner {
 /* A dentry's owner_bits. */
 enum {
     DENTRY_FAN_MARK = 0x1, /* carries a fanotify mark of its own */
-    DENTRY_INDEXED = 0x2   /* is in the index of inodes (linux/inode_index.h) */
+    DENTRY_INDEXED = 0x2,  /* is in the index of inodes (linux/inode_index.h) */
+    DENTRY_FILE = 0x4,     /* stands for a watched file */
+    DENTRY_COUNTED = 0x8   /* is among the marked directories */
 };
 
 struct fmon {

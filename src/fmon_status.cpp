@@ -77,6 +77,8 @@ void fill_sources(struct fmon_status *out)
 void fill_counts(struct fmon_status *out)
 {
     out->watches = fmon_account.watches;
+    out->inotify_watches = static_cast<uint64_t>(fmlnx.seq.live);
+    out->directories = fmlnx.marked_directories;
     out->records = static_cast<uint64_t>(fmon.event_count);
     out->max_records = static_cast<uint64_t>(fmon.max_events);
     out->refusals = fmon_account.refusals;

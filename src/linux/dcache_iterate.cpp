@@ -14,6 +14,8 @@
 #include <cstring>
 
 #include "checked.h"
+#include "fmon_status.h"
+#include "linux/fmon_linux.h"
 #include "list.h"
 #include "log.h"
 
@@ -50,16 +52,19 @@ int open_level(struct dcache_iterate *it)
     const char *path = dentry_path_null(it->pending.d);
     if (!path) {
         FMON_LOG(1, kFile, "path is NULL\n");
+        account_refused(FMON_LEFT_TOO_LONG, FMON_STEP_READ, FMON_LINUX_EPATH, 0, nullptr);
         return -1;
     }
     DIR *dir = opendir(path);
     if (!dir) {
         const int error = errno; /* before the log can change it */
         FMON_LOG(1, kFile, "open dir %s failed: %s\n", path, strerror(error));
+        account_system_refused(FMON_STEP_READ, FMON_ENOENT, error, path);
         return -1;
     }
     if (!is_pending_entry(it, path, dir)) {
         FMON_LOG(2, kFile, "%s is another directory now, skipped\n", path);
+        account_refused(FMON_LEFT_GONE, FMON_STEP_READ, FMON_ENOENT, 0, path);
         closedir(dir);
         return -1;
     }
@@ -75,6 +80,7 @@ void descend(struct dcache_iterate *it)
     struct saved_frame *saved = static_cast<struct saved_frame *>(malloc(sizeof(struct saved_frame)));
     if (!saved) {
         FMON_LOG(1, kFile, "malloc iterate failed: %s\n", strerror(errno));
+        account_refused(FMON_LEFT_OTHER, FMON_STEP_MEMORY, FMON_ENOMEM, ENOMEM, dentry_path_null(it->pending.d));
         it->pending.d = nullptr;
         return;
     }
@@ -126,6 +132,8 @@ struct dentry *take_entry(struct dcache_iterate *it, const struct dirent *entry)
     struct dentry *d = dcache_add_sub(it->cache, it->cur.d, entry->d_name);
     if (!d) {
         FMON_LOG(1, kFile, "iterate add dentry failed\n");
+        account_attempt();
+        account_refused(FMON_LEFT_CACHE_FULL, FMON_STEP_CACHE, FMON_ENOMEM, 0, _dentry_path(it->cur.d, entry->d_name));
         return nullptr;
     }
     it->pending = {}; /* its block is zero until the caller writes it */

@@ -94,6 +94,7 @@ struct fmlnx_t {
     uint32_t last_sweep, sweep_wait, making_room; /* ms, ms, 1 meanwhile */
     uint32_t last_check;                          /* of watched directories' places, ms */
     struct seq_table seq;
+    uint64_t marked_directories;
     list_head mounts;
     uint64_t unknown_wd_count, ino_overflow, fan_overflow;
     uint32_t read_status;
@@ -160,6 +161,14 @@ void fmon_linux_lost_mark(struct dentry *);
 /* Whether the dentry carries a watch descriptor or a fanotify mark; one that does not leaves the index. */
 inline bool fmon_linux_marked(struct dentry *d) { return owner_of(d)->wd >= 0 || (d->owner_bits & DENTRY_FAN_MARK); }
 void fmon_linux_forget_bare(struct dentry *);
+
+/* Gives the dentry its watch descriptor (-1: none), or notes whether it carries a fanotify mark. What changes either
+ * goes through these, which count the marked directories. */
+void fmon_linux_set_wd(struct dentry *, int32_t wd);
+void fmon_linux_set_fan_mark(struct dentry *, bool carries);
+
+/* Notes that the dentry stands for a file, or for a directory. */
+void fmon_linux_set_file(struct dentry *, bool is_file);
 
 /* Kernel marks. `given` or `path` null: the dentry's; with a place, it is only what the log says. 0 or a code. */
 int fmon_linux_fan_up(struct dentry *, const char *given, const struct fmon_place *, uint32_t old, uint32_t add,

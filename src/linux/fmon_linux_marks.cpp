@@ -5,6 +5,7 @@
 #include <cstring>
 
 #include "event.h"
+#include "fmon_status.h"
 #include "linux/fmon_linux.h"
 #include "linux/inode_index.h"
 #include "linux/inotify.h"
@@ -30,6 +31,29 @@ struct fmon_masks masks_with(struct dentry *d, uint32_t flags)
     return masks;
 }
 
+void set_bit(struct dentry *d, uint16_t bit, bool on)
+{
+    d->owner_bits = static_cast<uint16_t>(on ? d->owner_bits | bit : d->owner_bits & ~bit);
+}
+
+void count_directory(struct dentry *d)
+{
+    const bool counts = fmon_linux_marked(d) && !(d->owner_bits & DENTRY_FILE);
+    if (counts == ((d->owner_bits & DENTRY_COUNTED) != 0))
+        return;
+    set_bit(d, DENTRY_COUNTED, counts);
+    if (counts)
+        fmlnx.marked_directories++;
+    else
+        fmlnx.marked_directories--;
+}
+
+int too_long(uint32_t step)
+{
+    account_refused(FMON_LEFT_TOO_LONG, step, FMON_LINUX_EPATH, 0, nullptr);
+    return FMON_LINUX_EPATH;
+}
+
 int fan_fd_for(uint32_t flags) { return fmlnx.fan_fd[(flags & FMON_MOUNT) ? FAN_FD_MOUNT : FAN_FD_FILE]; }
 
 const char *mark_path(struct dentry *d, const char *given) { return given ? given : dentry_path_null(d); }
@@ -45,7 +69,7 @@ void end_watch(struct dentry *d)
         FMON_LOG(1, kFile, "inotify del failed: %s\n", strerror(errno));
     if (seq_set(&fmlnx.seq, own->wd, SEQ_POISON) < 0)
         FMON_LOG(1, kFile, "set seq failed, wd %d\n", own->wd);
-    own->wd = -1;
+    fmon_linux_set_wd(d, -1);
 }
 
 /* Whether records of the dentry's watch descriptor reach another one, which stands for the same inode. */
@@ -79,12 +103,14 @@ int adopt_wd(struct dentry *d, int wd)
     if (own->wd == wd)
         return 0;
 
-    own->wd = wd;
-    if (seq_set(&fmlnx.seq, wd, reinterpret_cast<uintptr_t>(d)) == 0)
+    if (seq_set(&fmlnx.seq, wd, reinterpret_cast<uintptr_t>(d)) == 0) {
+        fmon_linux_set_wd(d, wd);
         return 0;
+    }
     FMON_LOG(1, kFile, "add seq failed, wd %d\n", wd);
     inotify_del(wd);
-    own->wd = -1;
+    fmon_linux_set_wd(d, -1);
+    account_refused(FMON_LEFT_OTHER, FMON_STEP_TABLE, FMON_LINUX_ESEQ, ENOMEM, dentry_path_null(d));
     return FMON_LINUX_ESEQ;
 }
 
@@ -155,8 +181,8 @@ int place_down(struct dentry *d, uint32_t mask)
 int leave_watch(struct dentry *d, struct dentry *heir)
 {
     int wd = owner_of(d)->wd;
-    owner_of(d)->wd = -1;
-    owner_of(heir)->wd = -1;
+    fmon_linux_set_wd(d, -1);
+    fmon_linux_set_wd(heir, -1);
     return adopt_wd(heir, wd);
 }
 
@@ -169,6 +195,20 @@ int mark_fanotify(const struct fmon_place *at, const char *path, uint32_t bits, 
 }
 
 }  // namespace
+
+void fmon_linux_set_wd(struct dentry *d, int32_t wd)
+{
+    owner_of(d)->wd = wd;
+    count_directory(d);
+}
+
+void fmon_linux_set_fan_mark(struct dentry *d, bool carries)
+{
+    set_bit(d, DENTRY_FAN_MARK, carries);
+    count_directory(d);
+}
+
+void fmon_linux_set_file(struct dentry *d, bool is_file) { set_bit(d, DENTRY_FILE, is_file); }
 
 struct fmon_masks fmon_linux_own_masks(struct dentry *d) { return masks_with(d, 0); }
 
@@ -193,7 +233,7 @@ int fmon_linux_fan_up(struct dentry *d, const char *given, const struct fmon_pla
         return 0;
     const char *path = mark_path(d, given);
     if (!path)
-        return FMON_LINUX_EPATH;
+        return too_long(FMON_STEP_FANOTIFY);
 
     FMON_LOG(4, kFile, "fanotify down: %s event %s flags %s\n", path, event_str(bits), flags_str(flags));
     int result = mark_fanotify(at, path, bits, flags, fanotify_add);
@@ -201,12 +241,14 @@ int fmon_linux_fan_up(struct dentry *d, const char *given, const struct fmon_pla
         result = mark_fanotify(at, mark_path(d, given), bits, flags, fanotify_add);
     if (result >= 0) {
         if (d && !(flags & FMON_MOUNT))
-            d->owner_bits |= DENTRY_FAN_MARK;
+            fmon_linux_set_fan_mark(d, true);
         return 0;
     }
     int error = errno;
     FMON_LOG(1, kFile, "fanotify add failed: %s\n", strerror(error));
-    return error == ENOENT ? FMON_ENOENT : FMON_LINUX_EFANOTIFY;
+    result = error == ENOENT ? FMON_ENOENT : FMON_LINUX_EFANOTIFY;
+    account_system_refused(FMON_STEP_FANOTIFY, result, error, mark_path(d, given));
+    return result;
 }
 
 int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uint32_t del, uint32_t flags)
@@ -235,7 +277,7 @@ int fmon_linux_fan_down(struct dentry *d, const char *path, uint32_t remain, uin
     int error = errno;
     fmon_linux_place_close(&at);
     if (d && remain == 0)
-        d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+        fmon_linux_set_fan_mark(d, false);
     if (result >= 0)
         return 0;
     FMON_LOG(1, kFile, "fanotify del failed: %s\n", strerror(error));
@@ -250,7 +292,7 @@ int fmon_linux_ino_up(struct dentry *d, const struct fmon_place *at, uint32_t ol
     struct dentry_owner *own = owner_of(d);
     const char *path = dentry_path_null(d);
     if (!path)
-        return FMON_LINUX_EPATH;
+        return too_long(FMON_STEP_INOTIFY);
     if (outside_host_tree(path))
         return 0;
 
@@ -260,7 +302,9 @@ int fmon_linux_ino_up(struct dentry *d, const struct fmon_place *at, uint32_t ol
     if (wd < 0) {
         int error = errno;
         FMON_LOG(1, kFile, "inotify add failed: %s\n", strerror(error));
-        return error == ENOENT ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+        int result = error == ENOENT ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+        account_system_refused(FMON_STEP_INOTIFY, result, error, path);
+        return result;
     }
 
     if (!at || at->fd < 0)
@@ -268,7 +312,11 @@ int fmon_linux_ino_up(struct dentry *d, const struct fmon_place *at, uint32_t ol
     unsigned long ino = static_cast<unsigned long>(own->ino);
     FMON_LOG(3, kFile, "path:%s,inode:%lu", path, ino);
     FMON_LOG(3, kFile, "wd %d,path:%s,inode:%lu\n", wd, path, ino);
-    return adopt_wd(d, wd);
+    bool fresh = seq_get(&fmlnx.seq, wd) == 0;
+    int result = adopt_wd(d, wd);
+    if (fresh && result == 0)
+        account_marked(path);
+    return result;
 }
 
 int fmon_linux_ino_down(struct dentry *d, uint32_t remain, uint32_t del)
@@ -283,7 +331,7 @@ int fmon_linux_ino_down(struct dentry *d, uint32_t remain, uint32_t del)
     if (remain != 0)
         return place_down(d, remain);
     if (lent_wd(d)) {
-        own->wd = -1;
+        fmon_linux_set_wd(d, -1);
         return 0;
     }
     uint32_t shared = shared_masks(d).ino;

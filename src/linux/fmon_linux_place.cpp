@@ -12,6 +12,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "fmon_status.h"
 #include "linux/fmon_linux.h"
 #include "linux/inode_index.h"
 #include "log.h"
@@ -52,7 +53,15 @@ int failed(struct dentry *d)
 {
     int error = errno;
     FMON_LOG(1, kFile, "open %s to mark it failed: %s\n", dentry_path(d), strerror(error));
-    return is_missing(error) ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+    int result = is_missing(error) ? FMON_ENOENT : FMON_LINUX_EINOTIFY;
+    account_system_refused(FMON_STEP_OPEN, result, error, dentry_path_null(d));
+    return result;
+}
+
+int too_long()
+{
+    account_refused(FMON_LEFT_TOO_LONG, FMON_STEP_OPEN, FMON_LINUX_EPATH, 0, nullptr);
+    return FMON_LINUX_EPATH;
 }
 
 void name_link(struct fmon_place *at, int fd)
@@ -77,6 +86,7 @@ int settle(struct fmon_place *at, struct dentry *d, int fd)
     int result = st.st_nlink == 0 ? FMON_ENOENT : inode_index_set(d, st.st_dev, st.st_ino);
     if (result < 0) {
         close(fd);
+        account_system_refused(FMON_STEP_OPEN, result, result == FMON_ENOENT ? ENOENT : ENOMEM, dentry_path_null(d));
         return result;
     }
     if (at->replaced)
@@ -110,7 +120,7 @@ int fmon_linux_place_open(struct fmon_place *at, struct dentry *d, uint32_t flag
     if (!fmlnx.by_descriptor)
         return 0;
     const char *path = dentry_path_null(d);
-    return path ? settle(at, d, open_path(path, flags)) : FMON_LINUX_EPATH;
+    return path ? settle(at, d, open_path(path, flags)) : too_long();
 }
 
 int fmon_linux_place_open_at(struct fmon_place *at, struct dentry *d, int parent_fd)
@@ -120,7 +130,7 @@ int fmon_linux_place_open_at(struct fmon_place *at, struct dentry *d, int parent
     if (!fmlnx.by_descriptor)
         return 0;
     if (!dentry_path_null(d)) /* its events could not be told */
-        return FMON_LINUX_EPATH;
+        return too_long();
     return settle(at, d, openat(parent_fd, dentry_name(d), open_flags(FMON_DIR)));
 }
 
@@ -159,7 +169,7 @@ void fmon_linux_lost_mark(struct dentry *d)
 {
     if (!(d->owner_bits & DENTRY_FAN_MARK))
         return;
-    d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+    fmon_linux_set_fan_mark(d, false);
     fmlnx.stale_marks++;
 }
 

@@ -312,7 +312,7 @@ int fmon_linux_ignored(int wd)
     struct dentry *parent = d->parent;
     if (seq_del(&fmlnx.seq, wd) < 0)
         FMON_LOG(1, kFile, "ignore del seq failed, wd %d\n", wd);
-    owner_of(d)->wd = -1;
+    fmon_linux_set_wd(d, -1);
     FMON_LOG(4, kFile, "ignore dentry %s\n", dentry_path(d));
     fmon_linux_punish(d, 0, 0);
     fmon_linux_collect(parent);

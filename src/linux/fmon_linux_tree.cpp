@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "event.h"
+#include "fmon_status.h"
 #include "linux/dcache_iterate.h"
 #include "linux/fmon_linux.h"
 #include "linux/inode_index.h"
@@ -97,6 +98,8 @@ bool is_bare(struct dentry *d) { return no_watches(d) && no_children(d) && !fmon
 void mark_entry(const struct dcache_iterate *walk, struct dentry *d, struct fmon_masks masks)
 {
     struct fmon_place at;
+    account_attempt();
+    fmon_linux_set_file(d, false);
     if (fmon_linux_place_open_at(&at, d, dirfd(walk->cur.dir)) < 0)
         return;
     if (at.replaced)
@@ -177,9 +180,9 @@ int fmon_linux_drop_dentry(struct dentry *d)
     if (d->parent && no_children(d) && wd >= 0 && seq_get(&fmlnx.seq, wd) == reinterpret_cast<uintptr_t>(d)) {
         inotify_del(wd);
         seq_set(&fmlnx.seq, wd, SEQ_POISON);
-        owner_of(d)->wd = -1;
     }
     if (d->parent && no_children(d)) {
+        fmon_linux_set_wd(d, -1);
         fmon_linux_lost_mark(d);
         inode_index_remove(d);
     }
@@ -210,6 +213,7 @@ void fmon_linux_punish(struct dentry *d, uint32_t fe, uint32_t ie)
             continue;
         list_unlink(&w->link);
         w->dentry = nullptr;
+        fmon_account.watches--;
         watch_out_service(&fmon, w); /* may free it */
     }
     if (fe != 0)
@@ -251,6 +255,7 @@ int refuse_new(struct dentry *parent, const char *name, int moved)
         FMON_LOG(2, kFile, "add sub failed\n");
     else
         FMON_LOG(2, kFile, "add sub dentry failed: %s sub %s\n", dentry_path(parent), name);
+    account_refused(FMON_LEFT_CACHE_FULL, FMON_STEP_CACHE, FMON_ENOMEM, 0, _dentry_path(parent, name));
     return moved ? 0 : -1;
 }
 
@@ -258,6 +263,7 @@ int refuse_new(struct dentry *parent, const char *name, int moved)
 void mark_new(struct dentry *d, struct fmon_masks rec, int moved)
 {
     struct fmon_place at;
+    fmon_linux_set_file(d, false);
     if (fmon_linux_place_open_child(&at, d) < 0)
         return;
     if (at.replaced)
@@ -282,6 +288,7 @@ int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved)
     if (masks.fan == 0 && masks.ino == 0)
         return 0;
     bool known = d != nullptr;
+    account_attempt();
     d = dcache_add_sub(&fmon.dcache, parent, name);
     if (!d)
         return refuse_new(parent, name, moved);
@@ -344,7 +351,7 @@ void fmon_linux_removed(struct dentry *child)
 {
     if (owner_of(child)->wd >= 0 || !no_watches(child) || !no_children(child))
         return;
-    child->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK); /* gone with the directory */
+    fmon_linux_set_fan_mark(child, false); /* gone with the directory */
     fmon_linux_drop_dentry(child);
 }
 
@@ -365,8 +372,9 @@ void place_mark_anew(struct dentry *d, uint32_t mask)
 {
     if (!(d->owner_bits & DENTRY_FAN_MARK))
         return;
-    d->owner_bits &= static_cast<uint16_t>(~DENTRY_FAN_MARK);
+    fmon_linux_set_fan_mark(d, false);
     struct fmon_place at;
+    account_attempt();
     if (fmon_linux_place_reopen(&at, d) < 0)
         return; /* its departure is still to be read */
     fmon_linux_fan_up(d, nullptr, &at, 0, mask, type_of(d));

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "event.h"
+#include "fmon_status.h"
 #include "linux/fmon_linux.h"
 #include "linux/inode_index.h"
 #include "list.h"
@@ -71,6 +72,7 @@ int mark_watched(struct watch *w, const struct fmon_place *at, bool made, struct
 int add_tree_watch(struct watch *w, bool made)
 {
     struct fmon_place at;
+    fmon_linux_set_file(w->dentry, (w->flags & FMON_FILE) != 0);
     int result = fmon_linux_place_open(&at, w->dentry, w->flags);
     if (result < 0)
         return result;
@@ -103,10 +105,13 @@ int fmon_check_watch(struct watch *w)
 int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
 {
     split_mask(w);
+    account_attempt();
     bool made = dcache_find(&monitor->dcache, w->path) == nullptr;
     struct dentry *d = dcache_add(&monitor->dcache, w->path);
-    if (!d)
+    if (!d) {
+        account_refused(FMON_LEFT_CACHE_FULL, FMON_STEP_CACHE, FMON_ENOMEM, 0, w->path);
         return FMON_ENOMEM;
+    }
     w->dentry = d;
 
     int result = (w->flags & FMON_MOUNT) ? fmon_linux_add_mount_watch(w) : add_tree_watch(w, made);
@@ -118,6 +123,7 @@ int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
     }
     /* The node may still hold its neighbours in the list of waiting watches, whose owner splices them: overwrite it. */
     list_add_tail(&w->link, &owner_of(d)->watches);
+    fmon_account.watches++;
     fmlnx.marks_out_of_reach = 0; /* its file system may be that of marks which no handle could reach */
     return 0;
 }
@@ -127,6 +133,7 @@ int fmon_linux_del_watch(struct fmon *, struct watch *w)
     list_unlink(&w->link);
     if (w->flags & FMON_MOUNT) {
         /* The dentry stays in the cache and in the watch, which its owner frees. */
+        fmon_account.watches--;
         fmon_linux_del_mount_watch(w);
         return 0;
     }
@@ -134,6 +141,7 @@ int fmon_linux_del_watch(struct fmon *, struct watch *w)
     if (!d)
         return 0;
 
+    fmon_account.watches--;
     struct fmon_masks rec = fmon_linux_recursive_masks(d);
     if (w->flags & FMON_RECURSIVE)
         fmon_linux_unwatch_subtree(d, rec, {w->fan_mask, w->ino_mask});

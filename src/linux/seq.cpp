@@ -18,6 +18,14 @@ struct place {
     bool found;
 };
 
+bool is_live(uint64_t value) { return value != 0 && value != SEQ_POISON; }
+
+void put(struct seq_table *table, struct seq_entry *entry, uint64_t value)
+{
+    table->live += is_live(value) - is_live(entry->value);
+    entry->value = value;
+}
+
 struct place bisect(const struct seq_table *table, int32_t wd)
 {
     int lo = 0;
@@ -71,7 +79,8 @@ bool insert(struct seq_table *table, int index, int32_t wd, uint64_t value)
     struct seq_entry *at = table->entries + index;
     if (index < table->count)
         memmove(at + 1, at, static_cast<size_t>(checked_sub(table->count, index)) * sizeof(*at));
-    *at = {wd, value};
+    *at = {wd, 0};
+    put(table, at, value);
     table->count = checked_add(table->count, 1);
     return true;
 }
@@ -127,7 +136,7 @@ int seq_set(struct seq_table *table, int32_t wd, uint64_t value)
     const struct place at = find(table, wd);
     if (!at.found)
         return insert(table, at.index, wd, value) ? 0 : -1;
-    table->entries[at.index].value = value;
+    put(table, &table->entries[at.index], value);
     return 0;
 }
 
@@ -136,7 +145,7 @@ int seq_del(struct seq_table *table, int32_t wd)
     const struct place at = bisect(table, wd);
     if (!at.found)
         return -1;
-    table->entries[at.index].value = 0;
+    put(table, &table->entries[at.index], 0);
     table->deleted = checked_add(table->deleted, 1);
     if (table->deleted >= SEQ_SWEEP)
         sweep(table);

@@ -26,6 +26,7 @@ struct seq_table {
     int32_t count; /* holes included */
     struct seq_entry *entries;
     int32_t deleted; /* since the last sweep */
+    int32_t live;    /* entries that are neither holes nor poisoned */
 };
 
 FMON_API uint64_t seq_get(struct seq_table *, int32_t wd);            /* 0: absent */
