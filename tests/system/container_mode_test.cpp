@@ -114,7 +114,7 @@ std::string text_of(const Json &event)
     std::string kinds;
     for (const std::string kind : event["events"])
         kinds += (kinds.empty() ? "" : ",") + kind;
-    return kinds + " " + event["path"].get<std::string>() + " " + event.value("container", "-");
+    return kinds + " " + event["path"].text() + " " + event.value("container", "-");
 }
 
 /* An installation of the test's own, with the container library's double in it. */
@@ -196,7 +196,8 @@ public:
         for (std::set<std::string> missing = want; !missing.empty();) {
             const auto event = next(kPatienceMs);
             if (!event) {
-                ADD_FAILURE() << Json(missing) << " not reported, but " << Json(events) << process_.errors();
+                ADD_FAILURE() << testing::PrintToString(missing) << " not reported, but "
+                              << testing::PrintToString(events) << process_.errors();
                 break;
             }
             events.push_back(*event);
@@ -239,7 +240,7 @@ TEST_F(ContainerMode, TheHostsTreeIsWatchedBelowRootfs)
     ContainerWatch watch(watch_command({"-r", "-e", "create,close_write", seen}));
     OnHost writer([&] { make_file(data + "/f"); });
     const auto events = watch.until({"create " + seen + "/f -", "close_write " + data + "/f host"});
-    EXPECT_EQ(events.size(), 2U) << Json(events);
+    EXPECT_EQ(events.size(), 2U) << testing::PrintToString(events);
     for (const Json &event : events)
         EXPECT_EQ(event["pid"], event.contains("container") ? writer.pid() : 0) << event;
     EXPECT_EQ(calls(), "mount " + host_mount + "\n");
@@ -285,7 +286,7 @@ TEST_F(ContainerMode, APathIsWaitedFor)
         event = watch.next(200);
     }
     ASSERT_TRUE(event) << watch.process().errors();
-    EXPECT_TRUE((*event)["path"].get<std::string>().starts_with(seen + "/later/f")) << *event;
+    EXPECT_TRUE((*event)["path"].text().starts_with(seen + "/later/f")) << *event;
 }
 
 /* ---- and elsewhere ---- */

@@ -61,8 +61,8 @@ TEST_F(ContainerTools, InformationBecomesJson)
     void *object = new_object();
     EXPECT_EQ(write(1, object, "ab", 1), 0);
     char *text = print(object);
-    const Json json = Json::parse(text, nullptr, false);
-    EXPECT_EQ(json.size(), 12U) << text;
+    const Json json = Json::parse_if(text).value_or(Json());
+    EXPECT_EQ(std::distance(json.begin(), json.end()), 12) << text;
     EXPECT_EQ(json.value("mounts", ""), "/a \"b\":/c") << text;
     EXPECT_EQ(json.value("ports_binding", "?"), "") << text;
     EXPECT_EQ(json.value("privileged", 0), 1) << text;

@@ -27,7 +27,7 @@ using Tellings = std::set<std::pair<std::string, std::string>>; /* path, "ID PID
 
 std::string telling(const Json &event)
 {
-    return event.value("container", "-") + " " + std::to_string(event["pid"].get<int>());
+    return event.value("container", "-") + " " + std::to_string(event["pid"].number());
 }
 
 /* What the next events say. */

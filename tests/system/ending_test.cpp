@@ -8,7 +8,6 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <sstream>
 
 #include "harness.h"
 
@@ -25,13 +24,6 @@ constexpr int64_t kSoonMs = 5000;
 constexpr int64_t kSoonMs = 200;
 #endif
 constexpr int kTries = 5; /* the machine may be busy */
-
-std::string content(const std::string &path)
-{
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
-}
 
 std::vector<std::string> watch(const std::vector<std::string> &arguments)
 {

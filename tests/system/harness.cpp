@@ -253,11 +253,12 @@ std::optional<Json> Watch::next(int ms)
     auto line = process_.line(ms);
     if (!line)
         return std::nullopt;
-    Json object = Json::parse(*line, nullptr, false); /* also refuses what is not UTF-8 */
-    EXPECT_FALSE(object.is_discarded()) << "not JSON: " << *line;
-    if (!object.is_discarded())
-        check_object(object, *line);
-    return is_excused(object) ? next(static_cast<int>(std::max<int64_t>(until - now_ms(), 0))) : object;
+    const std::optional<Json> object = Json::parse_if(*line);
+    EXPECT_TRUE(object) << "not JSON, or not UTF-8: " << *line;
+    if (!object)
+        return Json();
+    check_object(*object, *line);
+    return is_excused(*object) ? next(static_cast<int>(std::max<int64_t>(until - now_ms(), 0))) : object;
 }
 
 Json Watch::next_of(const std::string &type, int ms)
@@ -275,7 +276,7 @@ Json Watch::established()
     auto first = next();
     EXPECT_TRUE(first && first->value("type", "") == "established") << (first ? first->dump() : "no output") << "\n"
                                                                     << process_.errors();
-    return first.value_or(Json::object());
+    return first.value_or(Json());
 }
 
 bool Watch::is_marker(const std::string &path) const { return path.find(kMarker) != std::string::npos; }
@@ -426,6 +427,13 @@ void hard_link(const std::string &from, const std::string &to) { CHECK_CALL(link
 void change_mode(const std::string &path, mode_t mode) { CHECK_CALL(chmod(path.c_str(), mode), path); }
 void remove_file(const std::string &path) { CHECK_CALL(unlink(path.c_str()), path); }
 void remove_dir(const std::string &path) { CHECK_CALL(rmdir(path.c_str()), path); }
+std::string content(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
 void pause_ms(int ms) { std::this_thread::sleep_for(std::chrono::milliseconds(ms)); }
 
 }  // namespace systest

@@ -8,18 +8,17 @@
 
 #include <functional>
 #include <map>
-#include <nlohmann/json.hpp>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
 
+#include "json.h"
 #include "testlib/tree.h"
 
 namespace systest
 {
 
-using Json = nlohmann::json;
 using Names = std::set<std::string>;
 using Paths = std::map<std::string, Names>; /* path below the watched folder -> event names */
 
@@ -148,6 +147,7 @@ void hard_link(const std::string &from, const std::string &to);
 void change_mode(const std::string &path, mode_t mode);
 void remove_file(const std::string &path);
 void remove_dir(const std::string &path);
+std::string content(const std::string &path); /* empty: it cannot be read */
 void pause_ms(int ms);
 
 }  // namespace systest

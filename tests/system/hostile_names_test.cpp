@@ -63,7 +63,7 @@ std::string from_base64(const std::string &text)
 /* The path's bytes, from whichever field holds them. */
 std::string path_of(const Json &event)
 {
-    return event.contains("path_bytes") ? from_base64(event["path_bytes"]) : event["path"].get<std::string>();
+    return event.contains("path_bytes") ? from_base64(event["path_bytes"]) : event["path"].text();
 }
 
 TEST(HostileNames, AreWholeInCallbacks)
@@ -133,7 +133,7 @@ TEST(HostileNames, AreEscapedInText)
         EXPECT_NE(line->find(tree.root()), std::string::npos) << *line;
         EXPECT_TRUE(std::all_of(line->begin(), line->end(), [](char c) {
             return static_cast<unsigned char>(c) >= 0x20 && c != 0x7f;
-        })) << Json(*line).dump(-1, ' ', true, Json::error_handler_t::replace);
+        })) << testing::PrintToString(*line);
         EXPECT_EQ(line->find("\xc2\x9b"), std::string::npos);
         EXPECT_EQ(line->find("\xe2\x80\xae"), std::string::npos);
     }

@@ -140,18 +140,18 @@ private:
     {
         const std::string spec = "cd " + folder_ + " && runc spec";
         ASSERT_EQ(std::system(spec.c_str()), 0);
-        Json config = Json::parse(std::ifstream(folder_ + "/config.json"));
-        config["process"]["terminal"] = false;
-        config["process"]["args"] = {"/bin/sh", "-c", "while read x; do echo y >/data/$x; done"};
-        config["root"]["readonly"] = false;
-        std::ofstream(folder_ + "/config.json") << config;
+        const Json config = Json::parse(content(folder_ + "/config.json"));
+        std::ofstream(folder_ + "/config.json")
+            << config.with("/process/terminal", "false")
+                   .with("/process/args", R"(["/bin/sh", "-c", "while read x; do echo y >/data/$x; done"])")
+                   .with("/root/readonly", "false");
     }
     void await_start()
     {
         const std::string state = folder_ + "/state/" + id_ + "/state.json";
         for (const int64_t end = now_ms() + kPatienceMs; pid_ == 0 && now_ms() < end; pause_ms(20)) {
-            const Json json = Json::parse(std::ifstream(state), nullptr, false);
-            const int pid = json.is_object() ? json.value("init_process_pid", 0) : 0;
+            const std::optional<Json> json = Json::parse_if(content(state));
+            const int pid = json ? json->value("init_process_pid", 0) : 0;
             std::ifstream comm("/proc/" + std::to_string(pid) + "/comm");
             std::string name;
             if (pid > 0 && std::getline(comm, name) && name == "sh")

@@ -127,7 +127,7 @@ public:
     {
         auto first = next();
         EXPECT_TRUE(first && (*first)["type"] == "established") << (first ? first->dump() : process.errors());
-        EXPECT_EQ(first ? (*first)["paths"] : Json(), Json::array());
+        EXPECT_EQ(first ? (*first)["paths"] : Json(), Json::array({}));
     }
 
     std::optional<Json> next(int ms = kPatienceMs)
@@ -135,9 +135,9 @@ public:
         auto line = process.line(ms);
         if (!line)
             return std::nullopt;
-        Json object = Json::parse(*line, nullptr, false);
-        EXPECT_FALSE(object.is_discarded()) << *line;
-        return object;
+        const std::optional<Json> object = Json::parse_if(*line);
+        EXPECT_TRUE(object) << *line;
+        return object.value_or(Json());
     }
     /* "path:kinds pid" of the next event; whose it is does not matter. */
     std::string event(int ms = kPatienceMs)
@@ -148,7 +148,7 @@ public:
         std::string kinds;
         for (const std::string kind : (*object)["events"])
             kinds += (kinds.empty() ? "" : ",") + kind;
-        return (*object)["path"].get<std::string>() + ":" + kinds + " " + (*object)["pid"].dump();
+        return (*object)["path"].text() + ":" + kinds + " " + (*object)["pid"].dump();
     }
 
     Process process;

@@ -245,7 +245,7 @@ TEST(WatchPids, TwoWritersOfOneFile)
     std::map<int, Names> by_pid;
     for (const Json &event : watch.events())
         for (const std::string name : event["events"])
-            by_pid[event["pid"]].insert(name);
+            by_pid[event["pid"].number()].insert(name);
     EXPECT_EQ(by_pid, (std::map<int, Names>{{first.pid(), names("modify,close_write")},
                                             {second.pid(), names("modify,close_write")}}));
     EXPECT_EQ(watch.stop(), 0);

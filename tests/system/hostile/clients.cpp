@@ -205,8 +205,8 @@ Command::Command(Shared *shared, const std::vector<std::string> &arguments, std:
 bool Command::established()
 {
     const auto line = process_.line();
-    const auto object = systest::Json::parse(line.value_or(""), nullptr, false);
-    return object.is_object() && object.value("type", "") == "established";
+    const auto object = systest::Json::parse_if(line.value_or(""));
+    return object && object->value("type", "") == "established";
 }
 
 void Command::take()
@@ -222,9 +222,7 @@ void Command::take()
 
 void Command::take_line(const std::string &line)
 {
-    const auto object = systest::Json::parse(line, nullptr, false);
-    if (!object.is_object())
-        return;
+    const auto object = systest::Json::parse_if(line).value_or(systest::Json());
     if (object.value("type", "") == "loss")
         losses_[object.value("source", "")] += object.value("count", 1U);
     if (object.value("type", "") != "event")
