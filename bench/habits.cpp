@@ -1,9 +1,9 @@
 /*
- * habits.cpp: what watchers tell of everyday work, beside each other: `fmon watch`, `inotifywait -m`, `fatrace`.
+ * habits.cpp: what watchers report of everyday work, beside each other: `fmon watch`, `inotifywait -m`, `fatrace`.
  *
  * usage: fmon_habits STAGE...    STAGE: installation trees of fmon; as root
  *
- * - tar: an archive of 3,600 entries is unpacked. Counted are the entries whose creation was told.
+ * - tar: an archive of 3,600 entries is unpacked. Counted are the entries whose creation was reported.
  * - clone: a local repository of as many entries is cloned. Counted as above; what is in .git is left out, since most
  * of it is gone again before the clone ends.
  * - writers: 2,000 processes, one after the other, each of which writes one file and ends. Counted are the files for
@@ -34,14 +34,14 @@ namespace
 {
 
 constexpr int kRounds = 3;
-constexpr int kFolders = 20, kSubfolders = 20, kFiles = 8; /* 20 + 400 + 3,200 entries, and the top */
+constexpr int kDirectories = 20, kSubdirectories = 20, kFiles = 8; /* 20 + 400 + 3,200 entries, and the top */
 constexpr int kWriters = 2000;
 constexpr double kLimit = 30; /* seconds to get ready */
 const std::vector<std::string> kReady = {"Watches established", "\"established\""};
 
 struct contestant {
     std::string name;
-    std::vector<std::string> command; /* the watched folder follows, unless `whole` */
+    std::vector<std::string> command; /* the watched directory follows, unless `whole` */
     bool whole;                       /* it watches the whole file system, says nothing when it is ready */
 };
 
@@ -59,12 +59,12 @@ int run(const std::string &command)
 
 void make_source(const std::string &top)
 {
-    for (int i = 0; i < kFolders * kSubfolders; i++) {
-        const std::string folder =
-            top + "/folder" + std::to_string(i / kSubfolders) + "/sub" + std::to_string(i % kSubfolders);
-        fs::create_directories(folder);
+    for (int i = 0; i < kDirectories * kSubdirectories; i++) {
+        const std::string directory =
+            top + "/folder" + std::to_string(i / kSubdirectories) + "/sub" + std::to_string(i % kSubdirectories);
+        fs::create_directories(directory);
         for (int k = 0; k < kFiles; k++)
-            std::ofstream(folder + "/file" + std::to_string(k)) << "content " << i << " " << k << "\n";
+            std::ofstream(directory + "/file" + std::to_string(k)) << "content " << i << " " << k << "\n";
     }
 }
 
@@ -93,7 +93,7 @@ int write_all(const std::string &root)
     return 0;
 }
 
-/* ---- what was told ---- */
+/* ---- what was reported ---- */
 
 /* The text between two others; empty: not there. */
 std::string between(const std::string &line, const char *start, const char *end)
@@ -105,7 +105,7 @@ std::string between(const std::string &line, const char *start, const char *end)
     return to == std::string::npos ? "" : line.substr(begin, to - begin);
 }
 
-/* The path of a record that tells of a creation: JSON, or "CREATE[,ISDIR] PATH"; empty: it tells of something else. */
+/* The path of a record that reports a creation: JSON, or "CREATE[,ISDIR] PATH"; empty: it reports something else. */
 std::string created(const std::string &line)
 {
     if (line.find("\"create\"") != std::string::npos || line.find("\"moved_to\"") != std::string::npos)
@@ -125,12 +125,12 @@ std::string named(const std::string &line)
     return "";
 }
 
-size_t count_told(const std::string &out, const std::string &root, std::string (*told)(const std::string &))
+size_t count_reported(const std::string &out, const std::string &root, std::string (*reported)(const std::string &))
 {
     std::set<std::string> paths;
     std::ifstream file(out);
     for (std::string line; std::getline(file, line);) {
-        std::string path = told(line);
+        std::string path = reported(line);
         std::error_code ignored;
         if (path.rfind(root + "/", 0) == 0 && path.find("/.git") == std::string::npos && fs::exists(path, ignored))
             paths.insert(std::move(path));
@@ -155,11 +155,11 @@ size_t count_all(const std::string &root)
 struct habit {
     const char *title;
     int (*act)(const std::string &root);
-    std::string (*told)(const std::string &line);
+    std::string (*reported)(const std::string &line);
 };
 
 struct result {
-    std::vector<size_t> told;
+    std::vector<size_t> reported;
     double cpu = 0;
     size_t all = 0;
 };
@@ -186,7 +186,7 @@ bool watch_once(const contestant &who, const habit &what, result *total)
         watcher.wait_quiet();
     total->cpu += watcher.cpu_seconds() - cpu;
     watcher.stop();
-    total->told.push_back(count_told(watcher.out(), tree.root(), what.told));
+    total->reported.push_back(count_reported(watcher.out(), tree.root(), what.reported));
     total->all = count_all(tree.root());
     return true;
 }
@@ -200,7 +200,7 @@ void compare(const habit &what, const std::vector<contestant> &all)
             if (!watch_once(all[i], what, &results[i]))
                 return;
     for (size_t i = 0; i < all.size(); i++) {
-        const auto [least, most] = std::minmax_element(results[i].told.begin(), results[i].told.end());
+        const auto [least, most] = std::minmax_element(results[i].reported.begin(), results[i].reported.end());
         printf("  %-40s %5zu to %5zu of %zu, %.0f ms cpu\n", all[i].name.c_str(), *least, *most, results[i].all,
                results[i].cpu * 1000 / kRounds);
     }

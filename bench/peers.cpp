@@ -208,11 +208,11 @@ bool churn_once(const contestant &who, const std::string &events, int files, chu
     return true;
 }
 
-/* The kernel drops what a watcher is too slow for, and tells it so; whether the watcher passes that on is its affair.
+/* The kernel drops what a watcher is too slow for, and reports that; whether the watcher passes that on is its affair.
  */
-const char *loss_text(bool told, bool missing)
+const char *loss_text(bool reported, bool missing)
 {
-    if (told)
+    if (reported)
         return "LOSS, told";
     return missing ? "LOSS, not told" : "no loss";
 }
@@ -220,18 +220,18 @@ const char *loss_text(bool told, bool missing)
 void print_churn(const contestant &who, const std::vector<churn_result> &rounds, double raw, double peer_cpu)
 {
     std::vector<double> cpu, wall, seen;
-    bool told = false;
+    bool reported = false;
     for (const churn_result &round : rounds) {
         cpu.push_back(round.cpu);
         wall.push_back(round.wall);
         seen.push_back(100.0 * static_cast<double>(round.kinds) / raw);
-        told |= round.loss;
+        reported |= round.loss;
     }
     const double least = *std::min_element(seen.begin(), seen.end());
     printf("  %-24s %6.3f us cpu an event (x%.2f), %8llu events in %8llu lines, at least %5.1f %% seen, %.1f s, %s\n",
            who.name, median(cpu) * 1e6 / raw, median(cpu) / peer_cpu,
            static_cast<unsigned long long>(rounds.back().kinds), static_cast<unsigned long long>(rounds.back().lines),
-           least, median(wall), loss_text(told, least < 100));
+           least, median(wall), loss_text(reported, least < 100));
 }
 
 /* `kinds`: how many of the wanted kinds happen to each file. */

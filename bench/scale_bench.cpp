@@ -117,7 +117,7 @@ size_t touch(struct dentry *d)
     return sum;
 }
 
-/* A thousand of the directories are busy, the others are only watched: the usual machine. */
+/* A thousand of the directories are busy, the others are only watched: an ordinary machine. */
 void scale_event_in_busy_directories(benchmark::State &state) { run(state, false); }
 BENCHMARK(scale_event_in_busy_directories)->RangeMultiplier(10)->Range(1000, 1000000);
 

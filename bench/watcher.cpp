@@ -62,8 +62,8 @@ double now_seconds()
     return static_cast<double>(now.tv_sec) + static_cast<double>(now.tv_nsec) / 1e9;
 }
 
-Watcher::Watcher(const std::vector<std::string> &command, const std::string &folder, uid_t uid)
-    : out_(folder + "/out"), err_(folder + "/err"), started_(now_seconds())
+Watcher::Watcher(const std::vector<std::string> &command, const std::string &directory, uid_t uid)
+    : out_(directory + "/out"), err_(directory + "/err"), started_(now_seconds())
 {
     unlink(out_.c_str()); /* an earlier watcher's must not be taken for this one's */
     unlink(err_.c_str());

@@ -13,8 +13,8 @@
 class Watcher
 {
 public:
-    /* Starts it with stdout and stderr going to files below `folder`. `uid` 0: as this user. */
-    Watcher(const std::vector<std::string> &command, const std::string &folder, uid_t uid);
+    /* Starts it with stdout and stderr going to files below `directory`. `uid` 0: as this user. */
+    Watcher(const std::vector<std::string> &command, const std::string &directory, uid_t uid);
     ~Watcher(); /* kills it if it still runs */
     Watcher(const Watcher &) = delete;
     Watcher &operator=(const Watcher &) = delete;

@@ -1,5 +1,5 @@
 /*
- * fd.h: owns a file descriptor, or the list of a folder's entries.
+ * fd.h: owns a file descriptor, or the list of a directory's entries.
  */
 #ifndef COMMON_FD_H
 #define COMMON_FD_H
@@ -45,12 +45,12 @@ struct CloseDir {
 };
 using Dir = std::unique_ptr<DIR, CloseDir>;
 
-/* The entries of a folder; takes the descriptor over. Null: none, errno says why. */
-inline Dir list_of(Fd folder)
+/* The entries of a directory; takes the descriptor over. Null: none, errno says why. */
+inline Dir list_of(Fd directory)
 {
-    Dir list(folder ? fdopendir(folder.get()) : nullptr);
+    Dir list(directory ? fdopendir(directory.get()) : nullptr);
     if (list)
-        folder.release();
+        directory.release();
     return list;
 }
 

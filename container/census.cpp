@@ -12,7 +12,7 @@
 #include <set>
 
 #include "files.h"
-#include "process_folder.h"
+#include "process_directory.h"
 
 namespace container
 {
@@ -130,7 +130,7 @@ void Taker::note_process(int pid)
 }
 
 // The oldest that is in a container: a container's first process is older than whoever came in later, from the host or
-// from another container. What a user's group is called counts only where no group of root's tells.
+// from another container. What a user's group is called counts only where no group of root's names a container.
 void Taker::find_owner(Namespace &space)
 {
     for (const int pid : space.pids) {

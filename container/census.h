@@ -32,7 +32,7 @@ struct Census {
     int error = 0;       /* errno: there is no /proc */
 };
 
-/* `proc`: the folder; `files`: that of the host's files, where its control groups are. Ends early, with part of the
+/* `proc`: the directory; `files`: that of the host's files, where its control groups are. Ends early, with part of the
  * result, when `stop` becomes true. */
 Census take_census(const std::string &proc, const std::string &files, const std::atomic<bool> &stop);
 

@@ -65,20 +65,20 @@ uint32_t user_of_manager(std::string_view name)
     return user;
 }
 
-// 0 also where there is no such folder.
-uint32_t owner_of_folder(const std::string &path)
+// 0 also where there is no such directory.
+uint32_t owner_of_directory(const std::string &path)
 {
     struct stat st;
     return lstat(path.c_str(), &st) == 0 ? st.st_uid : 0;
 }
 
-// Beside version 1, version 2 has a folder of its own.
+// Beside version 1, version 2 has a directory of its own.
 uint32_t owner_of_group(const std::string &cgroups, const Group &group, const std::string &path)
 {
     if (!group.hierarchy.empty())
-        return owner_of_folder(cgroups + group.hierarchy + path);
-    const uint32_t owner = owner_of_folder(cgroups + path);
-    return owner ? owner : owner_of_folder(cgroups + "unified" + path);
+        return owner_of_directory(cgroups + group.hierarchy + path);
+    const uint32_t owner = owner_of_directory(cgroups + path);
+    return owner ? owner : owner_of_directory(cgroups + "unified" + path);
 }
 
 // Calls `look` with each group on the way, the outermost first, and its name, until one is not 0.

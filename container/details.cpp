@@ -9,10 +9,10 @@ void fill(std::string &text, std::string_view value)
         text = value;
 }
 
-bool read_json(const Tree &folder, const std::string &path, JsonDocument &out)
+bool read_json(const Tree &directory, const std::string &path, JsonDocument &out)
 {
     std::string text;
-    return folder && folder.read(path, kMaxJson, text) && parse_json(text, out);
+    return directory && directory.read(path, kMaxJson, text) && parse_json(text, out);
 }
 
 // The tag is what follows the last ":", unless that belongs to the registry's port.

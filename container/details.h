@@ -22,7 +22,7 @@ struct Details {
 };
 
 /* Looks in every engine's places below `root` for a container's files. `id` is_id. Nothing found: all empty. Where
- * several files tell the same thing, the engine's own wins over the runtime's. */
+ * several files say the same thing, the engine's own wins over the runtime's. */
 Details read_details(const std::string &root, const std::string &id);
 
 /* ---- one engine each: fill in what is not known yet ---- */
@@ -37,8 +37,8 @@ void take_bundle(const Json &config, Details &out);
 
 /* ---- pieces ---- */
 
-/* Parses a file in one of an engine's folders. */
-bool read_json(const Tree &folder, const std::string &path, JsonDocument &out);
+/* Parses a file in one of an engine's directories. */
+bool read_json(const Tree &directory, const std::string &path, JsonDocument &out);
 
 /* Takes "registry:5000/team/web:1.2@sha256:..." apart; names without a tag and digests alone are fine, too. */
 void take_image(std::string_view reference, Details &out);

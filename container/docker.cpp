@@ -1,4 +1,4 @@
-// Docker keeps a folder for each container, with what it was told in config.v2.json and hostconfig.json.
+// Docker keeps a directory for each container, with what it was given in config.v2.json and hostconfig.json.
 #include "details.h"
 
 namespace container
@@ -50,15 +50,15 @@ void take_capabilities(const Json &host_config, Details &out)
 
 void read_docker(const Tree &root, const std::string &id, Details &out)
 {
-    const Tree folder(root, "var/lib/docker/containers");
+    const Tree directory(root, "var/lib/docker/containers");
     JsonDocument config, host_config;
-    if (!read_json(folder, id + "/config.v2.json", config))
+    if (!read_json(directory, id + "/config.v2.json", config))
         return;
     out.known = true;
     take_config(config, out);
     take_mounts(config, out);
     take_ports(config, out);
-    if (!read_json(folder, id + "/hostconfig.json", host_config))
+    if (!read_json(directory, id + "/hostconfig.json", host_config))
         return;
     out.privileged = true_at(host_config, {"Privileged"});
     take_capabilities(host_config, out);

@@ -8,7 +8,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "process_folder.h"
+#include "process_directory.h"
 
 namespace container
 {

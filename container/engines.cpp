@@ -9,16 +9,16 @@ namespace
 
 constexpr size_t kMaxSpaces = 64; /* name spaces of containerd that are looked through */
 
-// A name in a path: what a folder's entry may be called, and nothing that leads elsewhere.
+// A name in a path: what a directory's entry may be called, and nothing that leads elsewhere.
 bool is_plain(std::string_view name)
 {
     return !name.empty() && name.size() <= 255 && name[0] != '.' && name.find('/') == std::string_view::npos;
 }
 
-bool take_bundle_file(const Tree &folder, const std::string &path, Details &out)
+bool take_bundle_file(const Tree &directory, const std::string &path, Details &out)
 {
     JsonDocument config;
-    if (!read_json(folder, path, config))
+    if (!read_json(directory, path, config))
         return false;
     take_bundle(config, out);
     return true;
@@ -27,7 +27,7 @@ bool take_bundle_file(const Tree &folder, const std::string &path, Details &out)
 bool leads_up(std::string_view path) { return ("/" + std::string(path) + "/").find("/../") != std::string::npos; }
 
 // A bundle lies where the engine wanted it; the runtime wrote down where. Its links are not followed.
-void take_bundle_folder(const Tree &root, std::string bundle, Details &out)
+void take_bundle_directory(const Tree &root, std::string bundle, Details &out)
 {
     if (!bundle.starts_with('/') || leads_up(bundle))
         return;
@@ -42,7 +42,7 @@ void take_runc_state(const Tree &root, const Json &state, Details &out)
     each_at(state, {"config", "labels"}, [&](const Json &label) {
         const std::string text = text_of(label);
         if (text.starts_with(kBundle))
-            take_bundle_folder(root, text.substr(kBundle.size()), out);
+            take_bundle_directory(root, text.substr(kBundle.size()), out);
     });
     out.known = true;
     out.running = out.running || pid_at(state, {"init_process_pid"}) > 0;
@@ -50,7 +50,7 @@ void take_runc_state(const Tree &root, const Json &state, Details &out)
 
 void take_crun_status(const Tree &root, const Json &status, Details &out)
 {
-    take_bundle_folder(root, text_at(status, {"bundle"}), out);
+    take_bundle_directory(root, text_at(status, {"bundle"}), out);
     out.known = true;
     out.running = out.running || pid_at(status, {"pid"}) > 0;
 }
@@ -73,14 +73,14 @@ void take_storage_row(const Json &row, Details &out)
 
 void read_storage(const Tree &root, const std::string &id, Details &out)
 {
-    const Tree folder(root, "var/lib/containers/storage/overlay-containers");
+    const Tree directory(root, "var/lib/containers/storage/overlay-containers");
     JsonDocument list;
-    if (read_json(folder, "containers.json", list))
+    if (read_json(directory, "containers.json", list))
         each_at(list, {}, [&](const Json &row) {
             if (text_at(row, {"id"}) == id)
                 take_storage_row(row, out);
         });
-    if (!take_bundle_file(folder, id + "/userdata/config.json", out))
+    if (!take_bundle_file(directory, id + "/userdata/config.json", out))
         take_bundle_file(Tree(root, "run/containers/storage/overlay-containers"), id + "/userdata/config.json", out);
 }
 

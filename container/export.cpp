@@ -13,7 +13,7 @@
 #include "common/guard.h"
 #include "keeper.h"
 #include "orx_sensitivedir.h"
-#include "process_folder.h"
+#include "process_directory.h"
 
 namespace
 {

@@ -13,8 +13,8 @@ namespace container
 namespace
 {
 
-// An engine's folder: the way to it is the host's own.
-int open_folder(int root, const std::string &path)
+// An engine's directory: the way to it is the host's own.
+int open_directory(int root, const std::string &path)
 {
     const int flags = O_PATH | O_DIRECTORY;
     const int fd = common::open_resolved(root, path.c_str(), flags, RESOLVE_IN_ROOT | RESOLVE_NO_MAGICLINKS);
@@ -22,9 +22,9 @@ int open_folder(int root, const std::string &path)
 }
 
 // Not blocked by a pipe without a writer, and not made the owner of a terminal.
-int open_file(int folder, const std::string &path)
+int open_file(int directory, const std::string &path)
 {
-    return common::open_beneath(folder, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
+    return common::open_beneath(directory, path, O_RDONLY | O_NONBLOCK | O_NOCTTY);
 }
 
 bool is_small_file(int fd, size_t limit)
@@ -53,21 +53,21 @@ bool read_all(int fd, size_t limit, std::string &out)
     }
 }
 
-Tree::Tree(const std::string &path) : folder_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
+Tree::Tree(const std::string &path) : directory_(open(path.c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC)) {}
 
-Tree::Tree(const Tree &outer, const std::string &path) : folder_(open_folder(outer.folder_.get(), path)) {}
+Tree::Tree(const Tree &outer, const std::string &path) : directory_(open_directory(outer.directory_.get(), path)) {}
 
 bool Tree::read(const std::string &path, size_t limit, std::string &out) const
 {
     out.clear();
-    const Fd file(open_file(folder_.get(), path));
+    const Fd file(open_file(directory_.get(), path));
     return file && is_small_file(file.get(), limit) && read_all(file.get(), limit, out);
 }
 
 std::vector<std::string> Tree::names(size_t limit) const
 {
     std::vector<std::string> names;
-    const common::Dir list = list_of(Fd(openat(folder_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
+    const common::Dir list = list_of(Fd(openat(directory_.get(), ".", O_RDONLY | O_DIRECTORY | O_CLOEXEC)));
     while (const struct dirent *entry = list && names.size() < limit ? readdir(list.get()) : nullptr)
         if (entry->d_name[0] != '.')
             names.emplace_back(entry->d_name);

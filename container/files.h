@@ -1,5 +1,5 @@
 /*
- * files.h: reads files that others write, below a folder that they cannot leave.
+ * files.h: reads files that others write, below a directory that they cannot leave.
  */
 #ifndef CONTAINER_FILES_H
 #define CONTAINER_FILES_H
@@ -20,24 +20,24 @@ using common::list_of;
 class Tree
 {
 public:
-    /* Of a path of ours, whose links are followed. False where there is no such folder. */
+    /* Of a path of ours, whose links are followed. False where there is no such directory. */
     explicit Tree(const std::string &path);
 
-    /* Of a folder in another tree. Its links are followed, inside the tree: an administrator may have put the engine's
-     * folder on another disk. Kernels before 5.6 cannot keep links inside; there none is followed. */
+    /* Of a directory in another tree. Its links are followed, inside the tree: an administrator may have put the
+     * engine's directory on another disk. Kernels before 5.6 cannot keep links inside; there none is followed. */
     Tree(const Tree &outer, const std::string &path);
 
-    explicit operator bool() const { return static_cast<bool>(folder_); }
+    explicit operator bool() const { return static_cast<bool>(directory_); }
 
     /* The whole of a regular file; no link on the way is followed. False: there is none, it may not be read, or it is
      * larger than `limit` bytes. `path` is relative and holds no "..". */
     bool read(const std::string &path, size_t limit, std::string &out) const;
 
-    /* Names in the folder itself, at most `limit`, without those that begin with a dot. */
+    /* Names in the directory itself, at most `limit`, without those that begin with a dot. */
     std::vector<std::string> names(size_t limit) const;
 
 private:
-    Fd folder_;
+    Fd directory_;
 };
 
 /* Reads to the end, however short the pieces. False: an error, or more than `limit` bytes. */

@@ -30,14 +30,14 @@ uint64_t now_ms()
             .count());
 }
 
-bool is_folder(const char *path)
+bool is_directory(const char *path)
 {
     struct stat st;
     return stat(path, &st) == 0 && S_ISDIR(st.st_mode);
 }
 
 // An agent in a container of its own has the host's files below /rootfs.
-std::string default_files() { return is_folder("/rootfs/etc") && is_folder("/rootfs/proc") ? "/rootfs" : "/"; }
+std::string default_files() { return is_directory("/rootfs/etc") && is_directory("/rootfs/proc") ? "/rootfs" : "/"; }
 
 }  // namespace
 

@@ -44,7 +44,7 @@ public:
     /* Takes a census at once, in the caller's thread, which counts as any other; `look` sees it before it does. */
     void survey(const std::function<void(const Census &)> &look);
 
-    /* Other folders for /proc and for the files of the engines; what was known is forgotten. */
+    /* Other directories for /proc and for the files of the engines; what was known is forgotten. */
     void set_roots(std::string proc, std::string files);
     std::string proc() const;
     std::string files() const;

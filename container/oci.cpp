@@ -92,7 +92,7 @@ void take_rights(const Json &config, Details &out)
 
 }  // namespace
 
-// A container that Docker told of is Docker's: what it adds below is the engine's own mounts and rights.
+// A container that Docker knows is Docker's: what this file adds below is the engine's own mounts and rights.
 void take_bundle(const Json &config, Details &out)
 {
     take_annotations(config, out);

@@ -28,7 +28,7 @@ public:
     struct Answer {
         const Found *found = nullptr; /* null: the host's, or not known; good until the table is changed */
         Advice advice = Advice::kNone;
-        bool unknown = false; /* what a census in progress may tell is worth waiting for */
+        bool unknown = false; /* what a census in progress may find is worth waiting for */
     };
 
     Answer find(uint64_t mount, uint64_t now_ms);

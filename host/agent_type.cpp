@@ -23,13 +23,13 @@ bool exists(const std::string &path)
     return stat(path.c_str(), &st) == 0;
 }
 
-bool is_folder(const std::string &path)
+bool is_directory(const std::string &path)
 {
     struct stat st;
     return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
 }
 
-bool is_same_folder(const std::string &a, const std::string &b)
+bool is_same_directory(const std::string &a, const std::string &b)
 {
     struct stat sa, sb;
     return stat(a.c_str(), &sa) == 0 && stat(b.c_str(), &sb) == 0 && sa.st_dev == sb.st_dev && sa.st_ino == sb.st_ino;
@@ -60,7 +60,7 @@ std::string variable(const std::string &environment, std::string_view name)
     return {};
 }
 
-/* Marks in a text, and the type each tells. Specific ones first: a pod's container may also be docker's. */
+/* Marks in a text, and the type that each stands for. Specific ones first: a pod's container may also be docker's. */
 struct Mark {
     const char *text;
     const char *type;
@@ -107,8 +107,8 @@ std::string type_by_evidence(const std::string &root)
 /* A container whose host is out of sight has nothing to look at below /rootfs: there the module works as on a host. */
 bool sees_its_host(const std::string &root)
 {
-    return is_folder(root + "/rootfs/etc") && is_folder(root + "/rootfs/usr") &&
-           !is_same_folder(root + "/rootfs", root + "/");
+    return is_directory(root + "/rootfs/etc") && is_directory(root + "/rootfs/usr") &&
+           !is_same_directory(root + "/rootfs", root + "/");
 }
 
 }  // namespace

@@ -65,8 +65,8 @@ int get_level() { return __atomic_load_n(&error_output_level, __ATOMIC_RELAXED);
 /* Whether the log takes a line that has passed error_output_level. */
 bool is_for_log(int level)
 {
-    const int usual = raised.level.load(std::memory_order_relaxed);
-    return usual < 0 || level <= usual;
+    const int normal = raised.level.load(std::memory_order_relaxed);
+    return normal < 0 || level <= normal;
 }
 
 void raise_level()

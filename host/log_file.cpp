@@ -47,8 +47,9 @@ Fd above_standard(int fd)
     return Fd(fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1));
 }
 
-/* As mkdir -p. What fails shows when the folder is opened. The log names files of all users: others may not read it. */
-void make_folders(std::string path)
+/* As mkdir -p. What fails shows when the directory is opened. The log names files of all users: others may not read it.
+ */
+void make_directories(std::string path)
 {
     for (size_t slash = path.find('/', 1); slash != std::string::npos; slash = path.find('/', slash + 1)) {
         path[slash] = 0;
@@ -60,18 +61,18 @@ void make_folders(std::string path)
 
 uint64_t now_ms() { return timer_ticks2ms(timer_get_ticks()); }
 
-/* The folder's lock. Advisory, gone with the descriptor, and never waited for. */
-class FolderLock
+/* The directory's lock. Advisory, gone with the descriptor, and never waited for. */
+class DirectoryLock
 {
 public:
-    explicit FolderLock(int dir) : dir_(dir), busy_(flock(dir, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {}
-    ~FolderLock()
+    explicit DirectoryLock(int dir) : dir_(dir), busy_(flock(dir, LOCK_EX | LOCK_NB) != 0 && errno == EWOULDBLOCK) {}
+    ~DirectoryLock()
     {
         if (!busy_)
             flock(dir_, LOCK_UN);
     }
-    FolderLock(const FolderLock &) = delete;
-    FolderLock &operator=(const FolderLock &) = delete;
+    DirectoryLock(const DirectoryLock &) = delete;
+    DirectoryLock &operator=(const DirectoryLock &) = delete;
 
     /* Held by somebody else. A file system without locks is taken as free: it has no second process to fear more than
      * a log that never rotates. */
@@ -84,25 +85,25 @@ private:
 
 }  // namespace
 
-bool LogFile::open(const char *folder, int keep)
+bool LogFile::open(const char *directory, int keep)
 {
     keep_ = std::clamp(keep, 1, kMaxKeep);
     return without_exceptions(false, [&] {
-        make_folders(folder);
+        make_directories(directory);
         char real[PATH_MAX];
-        if (!realpath(folder, real))
+        if (!realpath(directory, real))
             return false;
-        folder_ = real;
-        if (open_folder() && open_file())
+        directory_ = real;
+        if (open_directory() && open_file())
             return true;
-        folder_.clear();
+        directory_.clear();
         return false;
     });
 }
 
-bool LogFile::open_folder()
+bool LogFile::open_directory()
 {
-    dir_ = above_standard(::open(folder_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
+    dir_ = above_standard(::open(directory_.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC));
     return static_cast<bool>(dir_);
 }
 
@@ -125,7 +126,7 @@ bool LogFile::open_file()
     return true;
 }
 
-/* The file again, or the folder as a whole when that has gone. */
+/* The file again, or the directory as a whole when that has gone. */
 bool LogFile::reopen()
 {
     uint64_t now = now_ms();
@@ -134,8 +135,8 @@ bool LogFile::reopen()
     if (dir_ && open_file())
         return true;
     retry_after_ = now + kRetryMs;
-    make_folders(folder_);
-    return open_folder() && open_file();
+    make_directories(directory_);
+    return open_directory() && open_file();
 }
 
 bool LogFile::is_full(off_t size, size_t length) const
@@ -159,7 +160,7 @@ bool LogFile::prepare(size_t length)
 
 bool LogFile::rotate(size_t length)
 {
-    FolderLock lock(dir_.get());
+    DirectoryLock lock(dir_.get());
     if (lock.busy()) {
         errno = EWOULDBLOCK;
         return false;

@@ -17,7 +17,7 @@ constexpr char kFile[] = "mutex.c";
 
 std::atomic<unsigned long long> lock_count;
 
-/* A misused mutex is a bug of the caller that is hard to find later, so it is told at once. */
+/* A misused mutex is a bug of the caller that is hard to find later, so it is reported at once. */
 int report(const char *what, int error)
 {
     if (error != 0)

@@ -18,9 +18,9 @@
 namespace
 {
 
-/* The folder of the running program, empty when /proc does not tell. Asked anew each time: the kernel's link follows a
- * tree that is moved while the program runs. */
-std::string program_folder()
+/* The directory of the running program, empty when /proc does not say. Asked anew each time: the kernel's link follows
+ * a tree that is moved while the program runs. */
+std::string program_directory()
 {
     char exe[PATH_MAX];
     ssize_t length = readlink("/proc/self/exe", exe, sizeof exe);
@@ -30,20 +30,21 @@ std::string program_folder()
     return path.substr(0, path.rfind('/'));
 }
 
-/* Where a relative FMON_HOME starts: the program may change its folder later. */
-const std::string &start_folder()
+/* Where a relative FMON_HOME starts: the program may change its directory later. */
+const std::string &start_directory()
 {
-    static const std::string folder = [] {
+    static const std::string directory = [] {
         char cwd[PATH_MAX];
         return std::string(getcwd(cwd, sizeof cwd) ? cwd : "");
     }();
-    return folder;
+    return directory;
 }
 
 /* The loader's name of this library may start there, too. */
-[[gnu::constructor]] void remember_folders()
+[[gnu::constructor]] void remember_directories()
 {
-    host::without_exceptions(0, [] { return static_cast<int>(start_folder().size() + host::library_folder().size()); });
+    host::without_exceptions(
+        0, [] { return static_cast<int>(start_directory().size() + host::library_directory().size()); });
 }
 
 /* A program with more rights than its user does not follow the user's environment. */
@@ -52,21 +53,21 @@ std::optional<std::string> agent_home()
     const char *home = secure_getenv("FMON_HOME");
     if (!home || !*home)
         return std::nullopt;
-    return (home[0] == '/' ? std::string() : start_folder() + "/") + home;
+    return (home[0] == '/' ? std::string() : start_directory() + "/") + home;
 }
 
-/* A path that begins with "@"; empty when nobody tells where that is. */
+/* A path that begins with "@"; empty when that place is not known. */
 std::string below_agent(const std::string &path)
 {
     if (const auto home = agent_home())
         return *home + "/bin" + path.substr(1);
-    const std::string folder = program_folder();
-    if (const auto place = host::system_place(path, folder, host::library_folder()))
+    const std::string directory = program_directory();
+    if (const auto place = host::system_place(path, directory, host::library_directory()))
         return *place;
-    return folder.empty() ? folder : folder + path.substr(1);
+    return directory.empty() ? directory : directory + path.substr(1);
 }
 
-bool starts_with_agent_folder(const char *path) { return path[0] == '@' && (path[1] == '/' || path[1] == 0); }
+bool starts_with_agent_directory(const char *path) { return path[0] == '@' && (path[1] == '/' || path[1] == 0); }
 
 /* What orx_host_path_override has set, for the life of the process. */
 struct Overrides {
@@ -108,14 +109,14 @@ int transform(const char *in, char *out, size_t out_size)
     std::string path = in;
     if (const auto target = overridden(path))
         return copy_path(*target, out, out_size);
-    if (starts_with_agent_folder(in))
+    if (starts_with_agent_directory(in))
         path = below_agent(path);
     return path.empty() && *in ? -1 : copy_path(path, out, out_size);
 }
 
 }  // namespace
 
-/* "@" is a folder only as a whole path component: a file called "@home" stays what it is. */
+/* "@" is a directory only as a whole path component: a file called "@home" stays what it is. */
 int orx_dirutils_path_transform(const char *in, char *out, size_t out_size)
 {
     if (!out || out_size == 0)

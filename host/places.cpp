@@ -27,11 +27,11 @@ constexpr Place kPlaces[] = {
     {"@/../var/log/agent/fmon", "/var/log/fmon"},
 };
 
-std::string find_library_folder()
+std::string find_library_directory()
 {
     Dl_info found;
     char real[PATH_MAX];
-    if (!dladdr(reinterpret_cast<const void *>(&find_library_folder), &found) || !realpath(found.dli_fname, real))
+    if (!dladdr(reinterpret_cast<const void *>(&find_library_directory), &found) || !realpath(found.dli_fname, real))
         return {};
     const std::string path = real;
     return path.substr(0, path.rfind('/'));
@@ -39,10 +39,10 @@ std::string find_library_folder()
 
 }  // namespace
 
-const std::string &library_folder()
+const std::string &library_directory()
 {
-    static const std::string *const folder = new std::string(find_library_folder());
-    return *folder;
+    static const std::string *const directory = new std::string(find_library_directory());
+    return *directory;
 }
 
 std::optional<std::string> system_place(const std::string &path, const std::string &program, const std::string &library)

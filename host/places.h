@@ -1,5 +1,5 @@
 /*
- * places.h: where an installation keeps what is asked for as "@/../...": below one folder, or where the system keeps
+ * places.h: where an installation keeps what is asked for as "@/../...": below one directory, or where the system keeps
  * such files.
  */
 #ifndef HOST_PLACES_H
@@ -11,11 +11,13 @@
 namespace host
 {
 
-/* The folder in which this library lies, without links, as it was when it was loaded; empty where nobody tells. */
-const std::string &library_folder();
+/* The directory in which this library lies, without links, as it was when it was loaded; empty where that is not known.
+ */
+const std::string &library_directory();
 
 /* Where `path`, which begins with "@", lies for a program in `program` when this library lies in `library`, both
- * folders without links. Nothing: the installation is one folder, or the path is none that the system has a place for.
+ * directories without links. Nothing: the installation is one directory, or the path is none that the system has a
+ * place for.
  */
 std::optional<std::string> system_place(const std::string &path, const std::string &program,
                                         const std::string &library);

@@ -49,11 +49,11 @@ bool may_match(std::string_view pattern, std::string_view name)
     return name.front() != '.' || pattern.front() == '.';
 }
 
-/* Names in `folder` that match; none where it cannot be read. */
-std::vector<std::string> matching_names(const std::string &folder, std::string_view pattern)
+/* Names in `directory` that match; none where it cannot be read. */
+std::vector<std::string> matching_names(const std::string &directory, std::string_view pattern)
 {
     std::vector<std::string> names;
-    common::Dir dir(opendir(folder.empty() ? "." : folder.c_str()));
+    common::Dir dir(opendir(directory.empty() ? "." : directory.c_str()));
     if (!dir)
         return names;
     while (const struct dirent *entry = readdir(dir.get())) {
@@ -78,9 +78,9 @@ void expand(const std::string &found, std::string_view pattern, std::vector<std:
     size_t slash = pattern.rfind('/', star);
     size_t begin = slash == std::string_view::npos ? 0 : slash + 1;
     size_t end = std::min(pattern.find('/', star), pattern.size());
-    std::string folder = found + std::string(pattern.substr(0, begin));
-    for (const std::string &name : matching_names(folder, pattern.substr(begin, end - begin)))
-        expand(folder + name, pattern.substr(end), paths);
+    std::string directory = found + std::string(pattern.substr(0, begin));
+    for (const std::string &name : matching_names(directory, pattern.substr(begin, end - begin)))
+        expand(directory + name, pattern.substr(end), paths);
 }
 
 bool append(list_head *out, const std::string &path)

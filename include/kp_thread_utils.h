@@ -47,7 +47,7 @@ struct kp_probe_def {
 /* One probe hit, called from inside kp_event_parse. The record is writable and gone when the callback returns. */
 typedef void (*kp_record_cb)(uint32_t pid, void *record, uint32_t size);
 
-/* Creates a probe instance: an opaque handle, or null. One named "clt_inotify" tells of deliveries to this process's
+/* Creates a probe instance: an opaque handle, or null. One named "clt_inotify" reports deliveries to this process's
  * inotify descriptors only: those that are open when its probe is registered, switched on or given a filter. *fds
  * becomes an array of *count descriptors to wait on; the array, not the descriptors, is freed by the caller with
  * free(). */
@@ -85,7 +85,7 @@ struct kp_losses {
 /* Any thread. 0; negative: no such instance. */
 int32_t kp_loss_counts(void *inst, struct kp_losses *out);
 
-/* All instances that the process has or has had, summed. Any thread. 0; negative: it cannot be told. */
+/* All instances that the process has or has had, summed. Any thread. 0; negative: not known. */
 int32_t kp_losses_total(struct kp_losses *out);
 
 /* Ends an instance and deletes its probes; creating one of the same name again does so as well. The descriptors that

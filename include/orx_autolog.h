@@ -8,8 +8,8 @@
 extern "C" {
 #endif
 
-/* From now on the log goes to rotating files in the folder `path` (made if it is missing), of which `n` are kept.
- * 0, or -1 when the folder cannot be written: the log then stays where it was. */
+/* From now on the log goes to rotating files in the directory `path` (made if it is missing), of which `n` are kept.
+ * 0, or -1 when the directory cannot be written: the log then stays where it was. */
 int autolog_init(const char *path, int n);
 
 /* Back to stderr; the file is closed. */

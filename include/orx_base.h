@@ -58,7 +58,7 @@ size_t orx_str_strlcpy(char *dst, const char *src, size_t size); /* as strlcpy: 
 
 /* ---- paths ---- */
 
-/* Expands a leading "@" to the folder of the running program and copies the rest. 0, or -1 when it does not fit (out
+/* Expands a leading "@" to the directory of the running program and copies the rest. 0, or -1 when it does not fit (out
  * then holds what fits, terminated). */
 int orx_dirutils_path_transform(const char *in, char *out, size_t out_size);
 

@@ -86,7 +86,7 @@ struct event {
     char *path;       /* full path of the object; never null in a delivered event */
     char *container;  /* container mode: the container the path lies in, or "host"; else null */
     uint32_t mask;    /* event kinds, merged by OR */
-    uint32_t pid;     /* causing process, 0 where the source does not tell */
+    uint32_t pid;     /* causing process, 0 where the source reports none */
     uint32_t ref;     /* instances whose queue holds the record (bit i = instance i) */
     uint32_t pending; /* instances that hold it back until the file is closed */
     hlink link;       /* the module's own */

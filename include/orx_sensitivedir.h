@@ -19,7 +19,7 @@
 extern "C" {
 #endif
 
-/* `status`, as the library that comes with the file monitor tells it. */
+/* `status`, as the library that comes with the file monitor sets it. */
 enum { ORX_CONTAINER_RUNNING = 0, ORX_CONTAINER_ENDED = 1, ORX_CONTAINER_PAUSED = 2 };
 
 /* The container that a mount belongs to. */
@@ -66,8 +66,8 @@ struct orx_container_census {
     uint32_t micros; /* what it took */
 };
 
-/* Other folders than /proc and than that of the host's files, which is /rootfs where the host's etc and proc are there,
- * else "/"; null: those again. What was known is forgotten. No look-up may run meanwhile. 0; -ENOMEM. */
+/* Other directories than /proc and than that of the host's files, which is /rootfs where the host's etc and proc are
+ * there, else "/"; null: those again. What was known is forgotten. No look-up may run meanwhile. 0; -ENOMEM. */
 int32_t orx_container_set_roots(const char *proc, const char *files);
 
 /* The outermost container that a process is in, from its control groups, with "@UID" where a user other than root may

@@ -18,7 +18,7 @@ constexpr char kHexDigits[] = "0123456789abcdefABCDEF";
 /* A longer line is read in pieces, each of which counts as a line. */
 enum { LINE_SIZE = 256, MAX_LINES = 5, ID_LENGTH = 64 };
 
-/* How a control group's name tells the id: right after the last prefix, and ended by the last suffix. An empty text
+/* How a control group's name holds the id: right after the last prefix, and ended by the last suffix. An empty text
  * stands for the end of the name. The first row that fits wins. */
 constexpr struct {
     const char *prefix, *suffix;

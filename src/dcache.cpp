@@ -78,7 +78,7 @@ struct dentry *lookup_among_siblings(struct dcache *cache, struct dentry *parent
 }
 
 /* Moves every dentry into a table of rung `index`. On failure the old table stays in force. Entries are pushed at the
- * heads of their new chains, so a chain tells the order of the old ones backwards. */
+ * heads of their new chains, so a chain holds the order of the old ones backwards. */
 int rehash(struct dcache *cache, int32_t index)
 {
     hlink **table = static_cast<hlink **>(calloc(static_cast<size_t>(kLadder[index]), sizeof(hlink *)));
@@ -120,7 +120,7 @@ int shrink(struct dcache *cache)
     return rehash(cache, checked_sub(index, 1));
 }
 
-/* `name` is a component of a longer text as often as a text of its own: its length tells where it ends. */
+/* `name` is a component of a longer text as often as a text of its own: its length says where it ends. */
 bool store_name(struct dentry *d, const char *name, uint32_t len)
 {
     char *to = d->name.in;

@@ -55,7 +55,7 @@ struct dcache_frame {
     unsigned char data[DCACHE_DATA_SIZE];
 };
 
-/* A walk of a cached subtree. `state` tells of the dentry last returned: */
+/* A walk of a cached subtree. `state` describes the dentry last returned: */
 enum {
     DCACHE_ENTER = 0, /* has children, is entered by the next call; set non-zero to prune */
     DCACHE_LEAF = 1,  /* has no children */

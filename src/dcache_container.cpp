@@ -1,6 +1,6 @@
 /*
  * Container paths. Inside a container the kernel's paths are those of the mount that an event came from; the agent's
- * container library tells whose mount it is. Without the library every mount counts as the host's.
+ * container library says whose mount it is. Without the library every mount counts as the host's.
  */
 #include <cstring>
 

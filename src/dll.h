@@ -15,7 +15,7 @@ constexpr int kDllFlags = RTLD_NOW;
 constexpr int kDllFlags = RTLD_NOW | RTLD_DEEPBIND;
 #endif
 
-/* `path` may begin with "@", the agent's folder. Null with errno. Closed with orx_dll_close. */
+/* `path` may begin with "@", the agent's directory. Null with errno. Closed with orx_dll_close. */
 inline void *dll_open(const char *path)
 {
     char full[1024] = "";

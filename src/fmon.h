@@ -176,7 +176,8 @@ FMON_API int fmon_rate_ctrl(uint32_t limit, uint32_t interval, uint32_t log);
 
 /* ---- diagnosis ---- */
 
-/* (Hidden.) Counts an event whose path cannot be told. `path`: what is known of it, or its beginning; may be empty. */
+/* (Hidden.) Counts an event whose path cannot be reported. `path`: what is known of it, or its beginning; may be empty.
+ */
 void fmon_lost_path(struct fmon *, const char *path);
 
 /* Writes the state to the log at level 4; see _orx_fmon_dump. -1 for a type above 6. */

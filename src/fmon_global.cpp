@@ -1,8 +1,8 @@
 /*
  * System-wide watches: which instance wants which kinds from the whole system.
  *
- * The backend is only told the union. What an instance asked for stays in its slot even after its death, until the slot
- * is taken again; until then the dead one's kinds go on being asked of the backend.
+ * The backend is only given the union. What an instance asked for stays in its slot even after its death, until the
+ * slot is taken again; until then the dead one's kinds go on being asked of the backend.
  */
 #include "fmon.h"
 #include "linux/fmon_linux.h"

@@ -62,7 +62,7 @@ void collect(SelectSet *set, const int32_t *fds, int n)
             set->add(fds[i]); /* no memory: this one waits for a later turn */
 }
 
-/* An entry of -1 tells the backend that this descriptor can be read. */
+/* An entry of -1 says to the backend that this descriptor can be read. */
 void mark_ready(const SelectSet &set, int32_t *fds, int n)
 {
     for (int i = 0; i < n; i++) {

@@ -34,7 +34,7 @@ const char *link_point(const struct kp_os_info *) { return "vfs_link"; }
 enum { DEF_CREATE, DEF_LINK, DEF_DELETE, DEF_CLOSE_WRITE, DEF_MOVED_FROM, DEF_MOVED_TO };
 
 /* A probe a row, in the order of their registration. `dentry` is where the function has the dentry that is reported:
- * of a rename the old or the new one, of a link the existing one. `more` is fetched behind the record's usual fields
+ * of a rename the old or the new one, of a link the existing one. `more` is fetched behind the record's fixed fields
  * and `condition` goes behind the common filter. */
 struct probe_row {
     int def;
@@ -100,7 +100,7 @@ void define_probe(const probe_row &probe, const struct kp_os_info *kernel, struc
     orx_str_strlcpy(def->name, probe.name, sizeof(def->name));
 }
 
-/* The registration's status; -1: the kernel is not told, or it is older than any that has these functions. */
+/* The registration's status; -1: the kernel is not known, or it is older than any that has these functions. */
 int register_probe(const probe_row &probe, struct kp_probe_def *def, void *instance)
 {
     const struct kp_os_info *kernel;

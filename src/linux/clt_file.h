@@ -65,14 +65,14 @@ FMON_API void read_kp_link_event(uint32_t pid, void *record, uint32_t size);
 FMON_API int transform_to_fmon_event(void *record, uint32_t event_bit, uint32_t pid);
 
 /* Copies the mount id of an open descriptor as text (at most 10 characters) to `out`, at least 11 zeroed bytes. 0 also
- * where the kernel does not tell; -1. */
+ * where the kernel does not say; -1. */
 FMON_API int read_mount_id(int fd, char *out);
 
 /* (Hidden.) The same for the descriptor of an event, which is asked for with each of them: on a host, where nothing but
  * the text depends on it, in one system call where the kernel has that. */
 int event_mount_id(int fd, char *out);
 
-/* (Hidden.) What the library has lost, into the counters of probes; they stay where it does not tell. */
+/* (Hidden.) What the library has lost, into the counters of probes; they stay where it reports none. */
 void kpnotify_losses(struct fmon_loss_counts *out);
 
 /* (Hidden.) The collector; zero while it does not run. */

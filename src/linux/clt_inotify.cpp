@@ -38,7 +38,7 @@ void make_filter(int tid, uint32_t library_pid)
                      static_cast<int>(library_pid));
 }
 
-/* Fills the definition for the running kernel, but for its fetch text. -1: the kernel is not told. */
+/* Fills the definition for the running kernel, but for its fetch text. -1: the kernel is not known. */
 int choose_probe(char fetch[INOTIFY_FETCH_SIZE])
 {
     const int tid = static_cast<int>(syscall(SYS_gettid));

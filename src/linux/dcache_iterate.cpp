@@ -107,7 +107,7 @@ bool pop(struct dcache_iterate *it)
     return true;
 }
 
-/* For file systems whose streams do not tell types. Links are not followed, as a type would say "link". */
+/* For file systems whose streams do not hold types. Links are not followed, as a type would say "link". */
 bool is_directory_on_disk(struct dentry *parent, const char *name)
 {
     const char *path = _dentry_path(parent, name);

@@ -30,7 +30,7 @@ bool looks_removed(const char *path)
     return length >= kLength && memcmp(path + length - kLength, kMark, kLength) == 0;
 }
 
-/* What the kernel tells. */
+/* What the kernel says. */
 enum event_path read_path(int fd, struct stat *st, char *path)
 {
     char link[sizeof("/proc/self/fd/-2147483648")];

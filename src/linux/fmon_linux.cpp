@@ -95,7 +95,7 @@ void release_earlier_run()
     mount_release(&fmlnx.mounts);
 }
 
-/* The five arrays, zeroed. The text of the probe library decides fd_num, so its sources are told their room. */
+/* The five arrays, zeroed. The text of the probe library decides fd_num, so its sources are given their room. */
 int make_arrays(int32_t capacity)
 {
     size_t n = static_cast<size_t>(capacity);

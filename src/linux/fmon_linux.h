@@ -207,10 +207,11 @@ void fmon_linux_departed(struct dentry *child);
 void fmon_linux_removed(struct dentry *child);
 
 /* Every tbd_interval: a watched directory that was removed and made again while somebody holds the former one, in a
- * directory that is not watched, is told of by no event. What is at such a path is marked; one a call. */
+ * directory that is not watched, is reported by no event. What is at such a path is marked; one a call. */
 void fmon_linux_check_places(uint32_t now_ms);
 
-/* Of the kinds that inotify told of the dentry itself, those that are not there only to notice the end of a file. */
+/* Of the kinds that inotify reported of the dentry itself, those that are not there only to notice the end of a file.
+ */
 uint32_t fmon_linux_told(struct dentry *, uint32_t kinds);
 
 /* Takes a vanished dentry's watches to watch_out_service and drops it when it is bare; may free it. */

@@ -148,7 +148,7 @@ struct dentry *heir_of(struct dentry *d)
     return heir;
 }
 
-/* The number that the log tells, of an inode that was not opened. */
+/* The number that the log shows, of an inode that was not opened. */
 void note_inode(struct dentry *d, const char *path)
 {
     struct stat st;
@@ -171,7 +171,7 @@ int place_down(struct dentry *d, uint32_t mask)
 {
     struct fmon_place at;
     if (fmon_linux_place_reopen(&at, d) < 0)
-        return 0; /* what it stands for went elsewhere; its watch tells more than is needed until that is read */
+        return 0; /* what it stands for went elsewhere; its watch reports more than is needed until that is read */
     int result = fmon_linux_ino_up(d, &at, 0, mask);
     fmon_linux_place_close(&at);
     return result;

@@ -129,7 +129,7 @@ int fmon_linux_place_open_at(struct fmon_place *at, struct dentry *d, int parent
     at->fd = -1;
     if (!fmlnx.by_descriptor)
         return 0;
-    if (!dentry_path_null(d)) /* its events could not be told */
+    if (!dentry_path_null(d)) /* its events could not be reported */
         return too_long();
     return settle(at, d, openat(parent_fd, dentry_name(d), open_flags(FMON_DIR)));
 }

@@ -111,7 +111,7 @@ int read_inotify(struct fmon *monitor, int fd, int position, fmon_event_cb callb
 
 /* ---- fanotify ---- */
 
-/* Whether the event's path can be told; it is then in fanotify_path. */
+/* Whether the event's path can be reported; it is then in fanotify_path. */
 bool find_path(struct fmon *monitor, const struct raw_fanotify *record, int fd)
 {
     const bool marked = fd != fmlnx.fds[fmlnx.inotify_num + FAN_FD_MOUNT];
@@ -121,10 +121,10 @@ bool find_path(struct fmon *monitor, const struct raw_fanotify *record, int fd)
         FMON_LOG(4, kFile, "read link failed, fd %d\n", record->fd);
     if (found == EVENT_PATH_NONE || found == EVENT_PATH_WHOLE)
         return found == EVENT_PATH_WHOLE;
-    /* Of a mount whose namespace is gone the kernel tells what is below the mount, as if that were everything. */
+    /* Of a mount whose namespace is gone the kernel reports what is below the mount, as if that were everything. */
     const bool nowhere = found == EVENT_PATH_OTHER && fanotify_path[1] == '\0';
     fmon_lost_path(monitor, nowhere ? "" : fanotify_path);
-    /* The beginning of a path is the path of something else. Established: it is told. */
+    /* The beginning of a path is the path of something else. Established: it is reported. */
     return found == EVENT_PATH_CUT && !monitor->hardened;
 }
 
@@ -266,7 +266,7 @@ int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback
 
 }  // namespace
 
-/* What a directory that is not known (any more) says of itself tells nothing that is missed: such records are still to
+/* What a directory that is not known (any more) says of itself is nothing that is missed: such records are still to
  * come when the monitor itself lets go of a watch, as of one whose path another directory took. */
 void fmon_linux_unknown_wd(const char *name)
 {

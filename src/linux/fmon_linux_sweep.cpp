@@ -124,7 +124,7 @@ bool parse_mark(const char *line, struct listed_mark *mark)
     return parse_handle(line + at, mark);
 }
 
-/* The root of the mark's own file system first; one whose devices stat tells otherwise (btrfs) is found by trying. */
+/* The root of the mark's own file system first; one whose devices stat reports otherwise (btrfs) is found by trying. */
 int open_mark(const struct roots *roots, struct listed_mark *mark)
 {
     for (int exact = 1; exact >= 0; exact--)

@@ -17,7 +17,7 @@ namespace
 
 constexpr char kFile[] = "linux/fmon_linux.c";
 
-/* The kinds that tell of changes of the tree. */
+/* The kinds that report changes of the tree. */
 constexpr uint32_t kSyncMask =
     FMON_MOVED_FROM | FMON_MOVED_TO | FMON_CREATE | FMON_DELETE | FMON_DELETE_SELF | FMON_MOVE_SELF;
 

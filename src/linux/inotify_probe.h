@@ -1,5 +1,5 @@
 /*
- * inotify_probe.h: which kernel function tells of every inotify delivery, and where it has its arguments, by kernel.
+ * inotify_probe.h: which kernel function sees every inotify delivery, and where it has its arguments, by kernel.
  */
 #ifndef FMON_INOTIFY_PROBE_H
 #define FMON_INOTIFY_PROBE_H

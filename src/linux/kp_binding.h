@@ -174,7 +174,7 @@ inline int32_t event_filter(const char *event_name, const char *filter, void *in
 inline int32_t cache_clean(void *inst) { return call<decltype(_cache_clean)>(CACHE_CLEAN, inst); }
 
 /* An addition that other libraries may lack: nothing is said then, and the library stays. Neither is one opened for it.
- * Negative: nothing can be told. */
+ * Negative: nothing is known. */
 inline int32_t losses_total(struct kp_losses *out)
 {
     void *handle = unit.handle.load(std::memory_order_acquire);

@@ -2,7 +2,7 @@
 #include <string>
 #include <vector>
 
-#include "container/process_folder.h"
+#include "container/process_directory.h"
 #include "fuzz.h"
 
 namespace

@@ -9,7 +9,7 @@
 
 #include "container/details.h"
 #include "container/ends.h"
-#include "container/process_folder.h"
+#include "container/process_directory.h"
 #include "orx_sensitivedir.h"
 #include "testlib/container_world/container_world.h"
 #include "testlib/fault.h"

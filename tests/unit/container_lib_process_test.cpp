@@ -2,7 +2,7 @@
 #include <gtest/gtest.h>
 
 #include "common/fd.h"
-#include "container/process_folder.h"
+#include "container/process_directory.h"
 #include "testlib/container_world/container_world.h"
 #include "testlib/tree.h"
 

@@ -100,7 +100,7 @@ TEST(Path, OfOneFoldersInstallationIsNotTheSystems)
     EXPECT_EQ(system_place(config, "", ""), std::nullopt) << "nobody told where the program is";
 }
 
-TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_folder(), program_folder()); }
+TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_directory(), program_folder()); }
 
 TEST(Path, TellsWhenItDoesNotFit)
 {

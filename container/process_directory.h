@@ -1,8 +1,9 @@
 /*
- * process_folder.h: one process as /proc shows it. A process may end at any moment: then all that is asked of it fails.
+ * process_directory.h: one process as /proc shows it. A process may end at any moment: then all that is asked of it
+ * fails.
  */
-#ifndef CONTAINER_PROCESS_FOLDER_H
-#define CONTAINER_PROCESS_FOLDER_H
+#ifndef CONTAINER_PROCESS_DIRECTORY_H
+#define CONTAINER_PROCESS_DIRECTORY_H
 
 #include <cstdint>
 #include <functional>
@@ -13,10 +14,10 @@
 namespace container
 {
 
-/* 0 where it cannot be told. `proc` is a descriptor of /proc's folder, here and below. */
+/* 0 where it cannot be found out. `proc` is a descriptor of /proc's directory, here and below. */
 uint64_t mount_namespace(int proc, int pid);
 
-/* When it started, in the kernel's ticks since boot; UINT64_MAX where it cannot be told. */
+/* When it started, in the kernel's ticks since boot; UINT64_MAX where that cannot be found out. */
 uint64_t start_time(int proc, int pid);
 
 /* The field of a /proc/PID/stat text. */

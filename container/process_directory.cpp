@@ -1,4 +1,4 @@
-#include "process_folder.h"
+#include "process_directory.h"
 
 #include <fcntl.h>
 
