@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/fanotify.h>
+#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -135,6 +136,18 @@ bool LinuxMonitor::pump()
     fmlnx.selectable[0] = -1;
     fmon_linux_read_event2(&fmon, 0, event_process);
     return true;
+}
+
+bool LinuxMonitor::has_input() const
+{
+    int bytes = 0;
+    return ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0;
+}
+
+void LinuxMonitor::pump_all()
+{
+    while (has_input())
+        pump();
 }
 
 void LinuxMonitor::feed(int position, const std::string &bytes)

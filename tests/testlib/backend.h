@@ -67,6 +67,8 @@ public:
 
     /* Waits (at most 2 s) until the inotify descriptor has something, then makes one read pass over it. */
     bool pump();
+    bool has_input() const; /* of inotify: what a call causes stands there when the call returns */
+    void pump_all();        /* while it has */
     /* Feeds bytes to the reader of that position and makes one pass. */
     void feed(int position, const std::string &bytes);
     /* "path:kinds" of every event queued for the first instance, taken off. */

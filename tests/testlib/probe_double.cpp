@@ -3,6 +3,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <poll.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -80,6 +81,18 @@ std::vector<std::string> ProbeDouble::calls(const std::string &beginning) const
         if (line.starts_with(beginning))
             found.push_back(line);
     return found;
+}
+
+bool ProbeDouble::await_calls(const std::string &beginning, size_t count) const
+{
+    pollfd changes = {inotify_init1(IN_CLOEXEC | IN_NONBLOCK), POLLIN, 0};
+    inotify_add_watch(changes.fd, tree_.root().c_str(), IN_MODIFY);
+    char told[4096];
+    while (calls(beginning).size() < count && poll(&changes, 1, kPatienceMs) > 0)
+        while (read(changes.fd, told, sizeof told) > 0) {
+        }
+    close(changes.fd);
+    return calls(beginning).size() >= count;
 }
 
 bool ProbeDouble::called(const std::string &call) const

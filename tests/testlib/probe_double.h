@@ -39,6 +39,7 @@ public:
 
     std::vector<std::string> calls() const;
     std::vector<std::string> calls(const std::string &beginning) const; /* those that begin so */
+    bool await_calls(const std::string &beginning, size_t count) const; /* of another thread; false: not within 10 s */
     bool called(const std::string &call) const;
     void forget_calls();
 

@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
@@ -82,13 +81,7 @@ protected:
     {
         ASSERT_EQ(0, rename(tree.path(from).c_str(), tree.path(to).c_str())) << from;
     }
-    void pump_all()
-    {
-        usleep(1000);
-        int bytes = 0;
-        while (ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0)
-            m.pump();
-    }
+    void pump_all() { m.pump_all(); }
     std::vector<std::string> removed()
     {
         std::vector<std::string> out;

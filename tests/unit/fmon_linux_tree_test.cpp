@@ -2,7 +2,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -31,17 +30,7 @@ protected:
         EXPECT_EQ(0, m.result);
     }
     void watch() { EXPECT_EQ(0, m.add(t, FMON_CREATE | FMON_MOVED_FROM | FMON_MOVED_TO | FMON_MOVE_SELF, kFlags)); }
-    void pump_all()
-    {
-        usleep(1000);
-        while (has_input())
-            m.pump();
-    }
-    static bool has_input()
-    {
-        int bytes = 0;
-        return ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0;
-    }
+    void pump_all() { m.pump_all(); }
     static constexpr uint32_t kFlags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
     TempTree tree;
     LinuxMonitor m;

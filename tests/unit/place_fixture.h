@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -44,13 +43,7 @@ protected:
             close(held);
     }
     void watch(uint32_t mask = FMON_CREATE) { ASSERT_EQ(0, m.add(t, mask, kTree)); }
-    void pump_all()
-    {
-        usleep(1000);
-        int bytes = 0;
-        while (ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0)
-            m.pump();
-    }
+    void pump_all() { m.pump_all(); }
     void move(const std::string &from, const std::string &to, unsigned flags = 0)
     {
         ASSERT_EQ(0, renameat2(AT_FDCWD, tree.path(from).c_str(), AT_FDCWD, tree.path(to).c_str(), flags)) << from;

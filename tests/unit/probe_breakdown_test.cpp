@@ -2,12 +2,11 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <filesystem>
-#include <functional>
 
 #include "event.h"
 #include "probe_fixture.h"
+#include "testlib/count.h"
 
 using testlib::logged;
 
@@ -69,19 +68,11 @@ PROBE_CASE(ProbeBreakdown, RemovedNamesDoNotMatter)
 
 /* ---- the monitor's own thread ---- */
 
-std::atomic<int> seen{0};
+testlib::Count seen;
 int32_t count_event(struct event *)
 {
-    seen++;
+    seen.raise();
     return 0;
-}
-
-/* Until the condition holds; false after ten seconds. */
-bool holds(const std::function<bool()> &condition)
-{
-    for (int i = 0; i < 2000 && !condition(); i++)
-        usleep(5000);
-    return condition();
 }
 
 /* The fanotify of paper is always ready: the real one is left out altogether. */
@@ -90,7 +81,7 @@ void start_thread(ProbeMachine &m)
     m.fanotify.has_init = false;
     testlib::set_thread_mode(testlib::ThreadMode::start);
     ASSERT_EQ(0, orx_fmon_init(0, nullptr));
-    ASSERT_TRUE(holds([&] { return m.probes.calls("evt_reg Ki").size() == 1; }));
+    ASSERT_TRUE(m.probes.await_calls("evt_reg Ki", 1));
     ASSERT_EQ(0, _orx_fmon_create_instance("first", count_event));
     ASSERT_EQ(0, _orx_fmon_global_watch(0, FMON_CREATE, 1));
 }
@@ -100,7 +91,7 @@ PROBE_CASE(ProbeThread, RecordsWakeIt)
     start_thread(m);
     for (int i = 1; i <= 3; i++) {
         m.happens("Kc", "f" + std::to_string(i));
-        EXPECT_TRUE(holds([&] { return seen == i; })) << seen;
+        EXPECT_TRUE(seen.becomes(i)) << seen.now();
     }
     testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
     testlib::join_threads();
@@ -115,7 +106,7 @@ PROBE_CASE(ProbeThread, AClosedDescriptorEndsItInOrder)
     start_thread(m);
     const int victim = fmlnx.fds[4];
     m.happens("Kc", "first");
-    EXPECT_TRUE(holds([] { return seen == 1; }));
+    EXPECT_TRUE(seen.becomes(1)) << seen.now();
     close(victim);
     m.happens("Kc", "wake", 7, 1);
     testlib::join_threads();
@@ -125,11 +116,11 @@ PROBE_CASE(ProbeThread, AClosedDescriptorEndsItInOrder)
 
     m.probes.forget_calls();
     ASSERT_EQ(0, orx_fmon_init(0, nullptr));
-    EXPECT_TRUE(holds([&] { return m.probes.calls("evt_reg Ki").size() == 1; }));
+    EXPECT_TRUE(m.probes.await_calls("evt_reg Ki", 1));
     EXPECT_EQ(0, _orx_fmon_global_watch(0, FMON_CREATE, 1));
-    seen = 0;
+    seen.reset();
     m.happens("Kc", "again");
-    EXPECT_TRUE(holds([] { return seen == 1; }));
+    EXPECT_TRUE(seen.becomes(1)) << seen.now();
     testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
     testlib::join_threads();
 }

@@ -257,8 +257,7 @@ TEST_F(StartStop, WithTheThread)
             ASSERT_EQ(0, _orx_fmon_create_instance("stays", [](struct event *) -> int32_t { return 0; }));
         }
         ASSERT_EQ(0, _orx_fmon_global_watch(0, FMON_CREATE, 1));
-        for (int i = 0; i < 2000 && m.probes.calls("evt_reg Ki").empty(); i++)
-            usleep(1000);
+        EXPECT_TRUE(m.probes.await_calls("evt_reg Ki", 1));
         testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
         m.happen(1); /* wakes it */
         testlib::join_threads();

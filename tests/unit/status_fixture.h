@@ -7,7 +7,6 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>
-#include <sys/ioctl.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -82,12 +81,7 @@ protected:
     ~Status() override { _orx_fmon_on_mark(nullptr); }
 
     int watch(uint32_t mask = FMON_CREATE) { return m.add(t, mask, kTree); }
-    void pump_all()
-    {
-        int bytes = 0;
-        while (ioctl(inotify_descriptor(), FIONREAD, &bytes) == 0 && bytes > 0)
-            m.pump();
-    }
+    void pump_all() { m.pump_all(); }
     void expect_directories(uint64_t count)
     {
         EXPECT_EQ(count, status_now().directories);
