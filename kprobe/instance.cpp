@@ -62,12 +62,12 @@ std::string Instance::why_refused(const Probe &probe, const std::string &filter)
            " watches tracefs with fanotify, so that the kernel is not asked for its reason";
 }
 
-int Instance::open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells)
+int Instance::open_events(Probe *probe, const std::string &filter, ProbeEvents *events)
 {
     bool bad_filter;
-    int status = events->open(probe->event_id, records_.rings(), filter, &bad_filter);
+    int status = events->records.open(probe->event_id, records_.rings(), filter, &bad_filter);
     if (status == 0)
-        status = bells->open(probe->event_id, bells_.list(), filter, &bad_filter);
+        status = events->bells.open(probe->event_id, bells_.list(), filter, &bad_filter);
     if (status == 0)
         probe->in_kernel = filter;
     if (status < 0 && bad_filter)
@@ -113,7 +113,7 @@ int Instance::define_in_kernel(Probe *probe)
     probe->event_id = id;
     delivery_.lay_out(probe->number, std::move(layout));
     records_.belong(id, probe->number);
-    return open_events(probe, kernel_filter(*probe, probe->def.filter), &probe->events, &probe->bells);
+    return open_events(probe, kernel_filter(*probe, probe->def.filter), &probe->events);
 }
 
 void Instance::undefine(Probe *probe) noexcept
@@ -121,8 +121,7 @@ void Instance::undefine(Probe *probe) noexcept
     if (!probe->defined)
         return;
     probe->events.close();
-    probe->bells.close();
-    drop_replaced(probe);
+    replacement_.drop(probe->number);
     int status = -ENOMEM;
     try {
         status = tracefs_.remove(group_, probe->event);
@@ -155,11 +154,11 @@ void Instance::restack(Probe *added)
 void Instance::switch_events(Probe *probe)
 {
     if (probe->on)
-        bells_.ring_from_now_on(&probe->bells);
-    probe->events.enable(probe->on);
+        bells_.ring_from_now_on(&probe->events.bells);
+    probe->events.records.enable(probe->on);
     if (!probe->on) {
-        probe->bells.enable(false);
-        drop_replaced(probe);
+        probe->events.bells.enable(false);
+        replacement_.drop(probe->number);
     }
 }
 
@@ -269,75 +268,19 @@ int Instance::filter(const std::string &event, const std::string &text)
 // A perf event takes a filter once, so that new events take the place of the old ones.
 int Instance::set_filter(Probe *probe, const std::string &text)
 {
-    {
-        const std::lock_guard replaced(replaced_lock_);
-        replaced_.reserve(replaced_.size() + 1);  // behind the change nothing may fail
-    }
-    EventSet events, bells;
+    replacement_.reserve();  // behind the change nothing may fail
+    ProbeEvents events;
     std::string kept = text;
     std::vector<uint32_t> left_out = left_out_by(*probe, text);
-    if (const int status = open_events(probe, kernel_filter(*probe, text), &events, &bells); status < 0)
+    if (const int status = open_events(probe, kernel_filter(*probe, text), &events); status < 0)
         return status;
     keep_filter(probe, std::move(kept), std::move(left_out));
     if (probe->on)
-        replace(probe, &events, &bells);
-    std::swap(probe->events, events);
-    std::swap(probe->bells, bells);
+        replacement_.replace(probe->number, &probe->events, &events);
+    else
+        probe->events = std::move(events);
     mark_mounts(*probe);
     return 0;
-}
-
-// The kernel walks the events of a probe one by one, may be interrupted meanwhile, and drops, uncounted, what comes to
-// an event that was just switched off. A hit that was on its way when the new events came sees the old one only: that
-// has to stay for a while, in which all other hits are told twice.
-void Instance::replace(Probe *probe, EventSet *events, EventSet *bells)
-{
-    drop_replaced(probe);
-    bells_.ring_from_now_on(bells);
-    const std::lock_guard lock(replaced_lock_);
-    records_.expect_repeats();
-    events->enable(true);
-    replaced_.push_back({probe, std::move(probe->events), std::move(probe->bells), now_ns()});
-    bells_.wake();
-}
-
-// A probe has one at most.
-void Instance::drop_replaced(const Probe *probe) noexcept
-{
-    const std::lock_guard lock(replaced_lock_);
-    const auto found = std::find_if(replaced_.begin(), replaced_.end(),
-                                    [probe](const Replaced &replaced) { return replaced.probe == probe; });
-    if (found != replaced_.end())
-        close_replaced(found);
-    note_replaced();
-}
-
-bool Instance::close_replaced()
-{
-    const std::unique_lock lock(replaced_lock_, std::try_to_lock);
-    if (!lock)
-        return true;  // rings fill up while somebody waits for the kernel
-    if (replaced_.empty())
-        return false;
-    while (!replaced_.empty() && now_ns() - replaced_.front().since >= kOverlap)
-        close_replaced(replaced_.begin());
-    note_replaced();
-    return !replaced_.empty();
-}
-
-// Switched off, since a process that is forked at this moment still holds them open.
-void Instance::close_replaced(std::vector<Replaced>::iterator replaced)
-{
-    replaced->events.enable(false);
-    replaced->bells.enable(false);
-    replaced_.erase(replaced);
-}
-
-// What was on its way through the last of them may still come.
-void Instance::note_replaced()
-{
-    if (replaced_.empty())
-        records_.end_repeats(now_ns() + kOverlap);
 }
 
 bool Instance::losses(kp_losses *out)
@@ -359,14 +302,14 @@ void Instance::lock_for_fork()
 {
     control_.lock();
     bells_.mutex().lock();
-    replaced_lock_.lock();
+    replacement_.mutex().lock();
     records_.mutex().lock();
 }
 
 void Instance::unlock_for_fork()
 {
     records_.mutex().unlock();
-    replaced_lock_.unlock();
+    replacement_.mutex().unlock();
     bells_.mutex().unlock();
     control_.unlock();
 }
@@ -376,13 +319,12 @@ void Instance::abandon()
 {
     for (const auto &probe : probes_) {
         probe->events.close();
-        probe->bells.close();
         probe->event_id = -1;
         probe->defined = false;
     }
     records_.abandon();
     bells_.abandon();
-    replaced_.clear();
+    replacement_.abandon();
     marks_.remove();
     groups_.abandon();
 }

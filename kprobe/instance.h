@@ -2,8 +2,8 @@
  * instance.h: a set of probes, their rings, and the records that wait for the monitor.
  *
  * Locks, taken in this order: `parsing_` (one reader of records at a time), `control_` (definitions, filters and
- * switches, which wait for the kernel), that of the bells or `replaced_lock_` (events that are to be
- * closed), `records_` (rings and queues, never held while the kernel or a callback is waited for).
+ * switches, which wait for the kernel), that of the bells or of the replacement, `records_` (rings and queues, never
+ * held while the kernel or a callback is waited for).
  */
 #ifndef KPROBE_INSTANCE_H
 #define KPROBE_INSTANCE_H
@@ -24,6 +24,7 @@
 #include "perf.h"
 #include "plan.h"
 #include "records.h"
+#include "replacement.h"
 #include "tracefs.h"
 
 namespace kprobe
@@ -61,9 +62,7 @@ public:
     bool is_waiting() { return records_.is_waiting(); }
     bool sweep(uint64_t safe) { return records_.sweep(safe); }
 
-    // For the thread that empties the rings: closes events whose place others took a while ago. True: some are left.
-    bool close_replaced();
-    static constexpr uint64_t kOverlap = 20000000;  // ns; far longer than a hit takes
+    bool close_replaced() { return replacement_.close_old(); }
     Bells &bells() { return bells_; }
 
     // In a process that was forked: what is shared with the parent is let go, and nothing is deleted.
@@ -78,29 +77,19 @@ private:
         std::string event;  // its name in the kernel; the list of misses tells no groups
         Plan plan;
         int event_id = -1;
-        EventSet events, bells;
+        ProbeEvents events;
         std::string in_kernel;  // their filter in the kernel's words
         bool defined = false, on = false, gone = false;
     };
-    struct Replaced {  // by events with another filter
-        const Probe *probe;
-        EventSet events, bells;
-        uint64_t since;
-    };
-
     Probe *find(const std::string &event);
     int take_up(int cpu);
     int open_events_on(int cpu);
     void let_go(int cpu);
     int define(Probe *probe);
     int define_in_kernel(Probe *probe);
-    int open_events(Probe *probe, const std::string &filter, EventSet *events, EventSet *bells);
+    int open_events(Probe *probe, const std::string &filter, ProbeEvents *events);
     std::string why_refused(const Probe &probe, const std::string &filter) const;
     void switch_events(Probe *probe);
-    void replace(Probe *probe, EventSet *events, EventSet *bells);
-    void drop_replaced(const Probe *probe) noexcept;
-    void close_replaced(std::vector<Replaced>::iterator replaced);
-    void note_replaced();
     void undefine(Probe *probe) noexcept;
     void restack(Probe *added);
     std::string kernel_filter(const Probe &probe, const std::string &text);
@@ -119,15 +108,13 @@ private:
     Bells bells_;
     Records records_;
     Delivery delivery_{records_, groups_, mounts_};
+    Replacement replacement_{records_, bells_};
     Sizes sizes_ = {};
 
     std::mutex control_;
     std::vector<std::unique_ptr<Probe>> probes_;  // never shrinks: records name them by number
     Marks marks_;
     unsigned serial_ = 0;  // of definitions
-
-    std::mutex replaced_lock_;
-    std::vector<Replaced> replaced_;  // in the order of `since`
 };
 
 }  // namespace kprobe

@@ -42,14 +42,14 @@ int Instance::open_events_on(int cpu)
     for (const auto &probe : probes_) {
         if (!probe->defined || probe->gone)
             continue;
-        status = probe->events.add(probe->event_id, *ring, probe->in_kernel, &bad_filter);
+        status = probe->events.records.add(probe->event_id, *ring, probe->in_kernel, &bad_filter);
         if (status == 0)
-            status = probe->bells.add(probe->event_id, *bell, probe->in_kernel, &bad_filter);
+            status = probe->events.bells.add(probe->event_id, *bell, probe->in_kernel, &bad_filter);
         if (status < 0)
             return status;
         if (probe->on) {
-            probe->bells.enable(true, cpu);
-            probe->events.enable(true, cpu);
+            probe->events.bells.enable(true, cpu);
+            probe->events.records.enable(true, cpu);
         }
     }
     return 0;
@@ -58,17 +58,9 @@ int Instance::open_events_on(int cpu)
 void Instance::let_go(int cpu)
 {
     records_.sweep(0);  // what it wrote is there still
-    for (const auto &probe : probes_) {
+    for (const auto &probe : probes_)
         probe->events.drop(cpu);
-        probe->bells.drop(cpu);
-    }
-    {
-        const std::lock_guard lock(replaced_lock_);
-        for (Replaced &replaced : replaced_) {
-            replaced.events.drop(cpu);
-            replaced.bells.drop(cpu);
-        }
-    }
+    replacement_.drop_cpu(cpu);
     bells_.let_go(cpu);
     records_.close_ring(cpu);
 }

@@ -208,6 +208,18 @@ void EventSet::enable(bool on, int cpu)
             ioctl(event.fd.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0);
 }
 
+void ProbeEvents::close()
+{
+    records.close();
+    bells.close();
+}
+
+void ProbeEvents::drop(int cpu)
+{
+    records.drop(cpu);
+    bells.drop(cpu);
+}
+
 // ---- CPUs ----
 
 std::vector<int> parse_cpus(const std::string &text)

@@ -112,6 +112,14 @@ private:
     std::vector<Event> events_;
 };
 
+// The events of a probe: those that record hits, and those that ring, see bells.h.
+struct ProbeEvents {
+    EventSet records, bells;
+
+    void close();
+    void drop(int cpu);
+};
+
 // CPUs that are online, such as "0-3,8".
 std::vector<int> parse_cpus(const std::string &text);
 std::vector<int> online_cpus();
