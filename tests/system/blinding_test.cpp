@@ -52,7 +52,7 @@ void pass_over(Watch &watch)
 void expect_all_seen(Watch &watch, const std::string &root)
 {
     pass_over(watch);
-    EXPECT_EQ(wrong_marks(watch.process().pid(), root), Lines());
+    EXPECT_EQ(Lines(), wrong_marks(watch.process().pid(), root));
     for (const std::string &dir : directories(root))
         make_file(dir + "/seen");
     Paths seen = watch.barrier(root);
@@ -63,8 +63,8 @@ void expect_all_seen(Watch &watch, const std::string &root)
 /* From now on this program, and what it starts, mounts for itself. */
 void have_own_mounts()
 {
-    ASSERT_EQ(unshare(CLONE_NEWNS), 0);
-    ASSERT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+    ASSERT_EQ(0, unshare(CLONE_NEWNS));
+    ASSERT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
 }
 
 class Blinding : public ::testing::Test
@@ -92,7 +92,7 @@ TEST_F(Blinding, AWriteThroughABindMountTakesNoMark)
     pause_ms(200);
     expect_all_seen(watch, tree.path("x"));
     unmount(b);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST_F(Blinding, AWriteThroughAHardLinkTakesNoMark)
@@ -107,7 +107,7 @@ TEST_F(Blinding, AWriteThroughAHardLinkTakesNoMark)
     auto event = watch.next();
     ASSERT_TRUE(event);
     EXPECT_EQ((*event)["path"], f);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* What he shows as the path of the file is, for the monitor, a way through his link to the file itself. */
@@ -142,12 +142,12 @@ TEST_F(Blinding, AStrangersNamespaceTakesNoMark)
     ASSERT_TRUE(event) << "the watched file is deaf";
     EXPECT_EQ((*event)["path"], w + "/f");
     pass_over(folder);
-    EXPECT_EQ(wrong_marks(folder.process().pid(), w), Lines());
+    EXPECT_EQ(Lines(), wrong_marks(folder.process().pid(), w));
     append_file(w + "/d/f");
     event = folder.next();
     ASSERT_TRUE(event) << "the watched folder is deaf";
-    EXPECT_EQ(file.stop(), 0) << file.process().errors();
-    EXPECT_EQ(folder.stop(), 0) << folder.process().errors();
+    EXPECT_EQ(0, file.stop()) << file.process().errors();
+    EXPECT_EQ(0, folder.stop()) << folder.process().errors();
 }
 
 /* The name of a directory that was read becomes a link to somewhere else before it is marked or entered. */
@@ -172,7 +172,7 @@ TEST_F(Blinding, NothingOutsideIsEverWatched)
         }
     }));
     expect_all_seen(watch, home);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST_F(Blinding, ChurnWithExchangeLeavesEveryDirectoryWatched)
@@ -199,7 +199,7 @@ TEST_F(Blinding, ChurnWithExchangeLeavesEveryDirectoryWatched)
             systest::exchange(parent_of(one), parent_of(other));
     }
     expect_all_seen(watch, t);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST_F(Blinding, AHundredMovesLeaveAsManyMarks)
@@ -216,7 +216,7 @@ TEST_F(Blinding, AHundredMovesLeaveAsManyMarks)
         move(t + "/in", away + "/" + std::to_string(i));
     }
     expect_all_seen(watch, t);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* With room for 300 directories in the cache. */
@@ -233,17 +233,17 @@ TEST_F(Blinding, WhatCannotBeWatchedTakesNoRoom)
         fs::create_directories(tree.root() + "/made" + deep.substr(3));
         int at = open((tree.root() + "/made" + deep.substr(3)).c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         for (int i = 0; i < 200; i++)
-            ASSERT_EQ(mkdirat(at, (std::string(200, 'x') + std::to_string(i)).c_str(), 0755), 0);
+            ASSERT_EQ(0, mkdirat(at, (std::string(200, 'x') + std::to_string(i)).c_str(), 0755));
         close(at);
         move(made, t + "/in");
         pass_over(watch);
-        ASSERT_EQ(system(("rm -rf '" + t + "/in'").c_str()), 0);
+        ASSERT_EQ(0, system(("rm -rf '" + t + "/in'").c_str()));
     }
     for (int i = 0; i < 100; i++) {
         make_dir(t + "/n" + std::to_string(i));
     }
     expect_all_seen(watch, t);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST_F(Blinding, ADirectoryMadeAgainWhileItIsHeldIsWatched)
@@ -257,7 +257,7 @@ TEST_F(Blinding, ADirectoryMadeAgainWhileItIsHeldIsWatched)
     Paths seen = watch.until_reported([&](int round) { make_file(d + "/f" + std::to_string(round)); });
     EXPECT_FALSE(seen.empty());
     close(held);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST_F(Blinding, AFileReplacedByARenameIsWatchedAgain)
@@ -276,7 +276,7 @@ TEST_F(Blinding, AFileReplacedByARenameIsWatchedAgain)
         pass_over(watch);
     }
     close(held);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 }  // namespace

@@ -90,7 +90,7 @@ std::string enter_container()
 std::string mount_id(const std::string &path)
 {
     struct statx facts = {};
-    EXPECT_EQ(statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &facts), 0) << path;
+    EXPECT_EQ(0, statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &facts)) << path;
     return std::to_string(facts.stx_mnt_id);
 }
 
@@ -100,8 +100,8 @@ class OnHost : public Child
 public:
     explicit OnHost(const std::function<void()> &body)
         : Child([&] {
-              ASSERT_EQ(unshare(CLONE_FS), 0); /* a sanitizer's thread shares it, which setns does not take */
-              ASSERT_EQ(setns(host_namespace, CLONE_NEWNS), 0) << strerror(errno);
+              ASSERT_EQ(0, unshare(CLONE_FS)); /* a sanitizer's thread shares it, which setns does not take */
+              ASSERT_EQ(0, setns(host_namespace, CLONE_NEWNS)) << strerror(errno);
               body();
           })
     {
@@ -126,7 +126,7 @@ protected:
         NEED(can_mount() && can_fanotify(), "a mount namespace and fanotify need root");
         if (!in_container) {
             const std::string failed = enter_container();
-            ASSERT_EQ(failed, "") << strerror(errno);
+            ASSERT_EQ("", failed) << strerror(errno);
             in_container = true;
         }
         home.dir("bin");
@@ -182,7 +182,7 @@ public:
         const auto first = next(kPatienceMs);
         EXPECT_TRUE(first && (*first)["type"] == "established") << (first ? first->dump() : process_.errors());
     }
-    ~ContainerWatch() { EXPECT_EQ(process_.interrupt(), 0) << process_.errors(); }
+    ~ContainerWatch() { EXPECT_EQ(0, process_.interrupt()) << process_.errors(); }
 
     std::optional<Json> next(int ms)
     {
@@ -213,7 +213,7 @@ public:
             have.insert(text_of(event));
         while (const auto event = next(kSilenceMs))
             have.insert(text_of(*event));
-        EXPECT_EQ(have, want);
+        EXPECT_EQ(want, have);
     }
     Process &process() { return process_; }
 
@@ -240,7 +240,7 @@ TEST_F(ContainerMode, TheHostsTreeIsWatchedBelowRootfs)
     ContainerWatch watch(watch_command({"-r", "-e", "create,close_write", seen}));
     OnHost writer([&] { make_file(data + "/f"); });
     const auto events = watch.until({"create " + seen + "/f -", "close_write " + data + "/f host"});
-    EXPECT_EQ(events.size(), 2U) << testing::PrintToString(events);
+    EXPECT_EQ(2U, events.size()) << testing::PrintToString(events);
     for (const Json &event : events)
         EXPECT_EQ(event["pid"], event.contains("container") ? writer.pid() : 0) << event;
     EXPECT_EQ(calls(), "mount " + host_mount + "\n");
@@ -278,7 +278,7 @@ TEST_F(ContainerMode, APathIsWaitedFor)
     OnHost([&] { make_dir(data + "/later"); });
     const std::optional<Json> appeared = watch.next(kPatienceMs);
     ASSERT_TRUE(appeared) << watch.process().errors();
-    EXPECT_EQ((*appeared)["type"], "appeared");
+    EXPECT_EQ("appeared", (*appeared)["type"]);
     EXPECT_EQ((*appeared)["path"], seen + "/later");
     std::optional<Json> event;
     for (int round = 0; round < 50 && !event; round++) {
@@ -347,7 +347,7 @@ TEST_F(ContainerMode, AWatchOnAnotherContainersRootIsToldItsName)
         EXPECT_EQ(parse_delivery(told).value_or(Delivery()).pid, static_cast<unsigned>(writer.pid()));
     }
     agent.close_input();
-    EXPECT_EQ(agent.wait(), 0);
+    EXPECT_EQ(0, agent.wait());
 }
 
 /* The command takes such a path as it is, too: its link would lead to the container's own folder of that name. */
@@ -410,7 +410,7 @@ TEST_F(ContainerMode, WithoutItsMountEntryEverythingIsTheHosts)
     ContainerWatch watch(watch_command({"-r", "-e", "create,close_write", seen}));
     OnHost([&] { make_file(data + "/f"); });
     watch.expect({"create " + seen + "/f -", "close_write " + data + "/f host"});
-    EXPECT_EQ(calls(), "");
+    EXPECT_EQ("", calls());
 }
 
 /* Told that it is on a host, the same installation watches where it is and names no container. */
@@ -423,7 +423,7 @@ TEST_F(ContainerMode, OnAHostNoContainerIsNamed)
     ContainerWatch watch(command);
     make_file(data + "/f");
     watch.expect({"create " + data + "/f -", "close_write " + data + "/f -"});
-    EXPECT_EQ(calls(), "");
+    EXPECT_EQ("", calls());
 }
 
 }  // namespace

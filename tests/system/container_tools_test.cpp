@@ -39,7 +39,7 @@ protected:
     static Fn *find(void *library, const char *name)
     {
         void *found = dlsym(library, name);
-        EXPECT_NE(found, nullptr) << name << " is not exported";
+        EXPECT_NE(nullptr, found) << name << " is not exported";
         return reinterpret_cast<Fn *>(found);
     }
 #define TOOL(name) find<decltype(name)>(module, #name)
@@ -59,14 +59,14 @@ TEST_F(ContainerTools, InformationBecomesJson)
     auto *remove = find<void(void *)>(RTLD_DEFAULT, "cJSON_Delete");
     ASSERT_TRUE(write && new_object && print && remove);
     void *object = new_object();
-    EXPECT_EQ(write(1, object, "ab", 1), 0);
+    EXPECT_EQ(0, write(1, object, "ab", 1));
     char *text = print(object);
     const Json json = Json::parse_if(text).value_or(Json());
-    EXPECT_EQ(std::distance(json.begin(), json.end()), 12) << text;
-    EXPECT_EQ(json.value("mounts", ""), "/a \"b\":/c") << text;
-    EXPECT_EQ(json.value("ports_binding", "?"), "") << text;
-    EXPECT_EQ(json.value("privileged", 0), 1) << text;
-    EXPECT_EQ(json.value("container_init_pid", 0), 17) << text;
+    EXPECT_EQ(12, std::distance(json.begin(), json.end())) << text;
+    EXPECT_EQ("/a \"b\":/c", json.value("mounts", "")) << text;
+    EXPECT_EQ("", json.value("ports_binding", "?")) << text;
+    EXPECT_EQ(1, json.value("privileged", 0)) << text;
+    EXPECT_EQ(17, json.value("container_init_pid", 0)) << text;
     free(text);
     remove(object);
 }
@@ -76,10 +76,10 @@ TEST_F(ContainerTools, AContainerIsUsableByItsStatus)
     std::ofstream(home->path("answers")) << "info up status 0\ninfo down status 1\n";
     auto *usable = TOOL(container_usable);
     ASSERT_TRUE(usable);
-    EXPECT_EQ(usable(1, "up"), 1);
-    EXPECT_EQ(usable(1, "down"), 0);
-    EXPECT_EQ(usable(1, "unknown"), 0);
-    EXPECT_EQ(usable(1, "host"), 1);
+    EXPECT_EQ(1, usable(1, "up"));
+    EXPECT_EQ(0, usable(1, "down"));
+    EXPECT_EQ(0, usable(1, "unknown"));
+    EXPECT_EQ(1, usable(1, "host"));
 }
 
 TEST_F(ContainerTools, AProcessHasAnId)
@@ -87,9 +87,9 @@ TEST_F(ContainerTools, AProcessHasAnId)
     auto *read_id = TOOL(read_container_id);
     ASSERT_TRUE(read_id);
     char id[65] = "";
-    EXPECT_EQ(read_id(getpid(), id, sizeof id), 0);
+    EXPECT_EQ(0, read_id(getpid(), id, sizeof id));
     EXPECT_TRUE(std::string(id) == "host" || strlen(id) == 64) << id;
-    EXPECT_EQ(read_id(-1, id, sizeof id), -1);
+    EXPECT_EQ(-1, read_id(-1, id, sizeof id));
 }
 
 }  // namespace

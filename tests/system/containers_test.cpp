@@ -70,8 +70,8 @@ TEST(Containers, EventsNameTheirContainerAndProcess)
     ASSERT_TRUE(first && Json::parse(*first)["type"] == "established") << watch.errors();
     one.write("a");
     two.write("b");
-    EXPECT_EQ(tellings(watch, 2), (Tellings{{"/data/a", one.owner()}, {"/data/b", two.owner()}})) << watch.errors();
-    EXPECT_EQ(watch.interrupt(), 0);
+    EXPECT_EQ((Tellings{{"/data/a", one.owner()}, {"/data/b", two.owner()}}), tellings(watch, 2)) << watch.errors();
+    EXPECT_EQ(0, watch.interrupt());
 }
 
 TEST(Containers, ReusedMountIdsBelongToWhoHasThemNow)
@@ -95,7 +95,7 @@ TEST(Containers, ReusedMountIdsBelongToWhoHasThemNow)
     const int64_t end = now_ms() + 2000;
     while (library.owner(last) != "host" && now_ms() < end)
         pause_ms(20);
-    EXPECT_EQ(library.owner(last), "host") << "after the last one's end";
+    EXPECT_EQ("host", library.owner(last)) << "after the last one's end";
 }
 
 /* In a namespace of its own, where /proc is what `cover` makes of it. */
@@ -104,14 +104,14 @@ class Elsewhere : public Child
 public:
     explicit Elsewhere(const std::function<void()> &cover)
         : Child([&] {
-              EXPECT_EQ(unshare(CLONE_NEWNS), 0);
-              EXPECT_EQ(mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr), 0);
+              EXPECT_EQ(0, unshare(CLONE_NEWNS));
+              EXPECT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr));
               const std::string mount = mounts_of(getpid()).front();
               const Library library;
               cover();
               for (const std::string &asked : {mount, std::string("2147483647")}) {
                   const int64_t begin = now_ms();
-                  EXPECT_EQ(library.owner(asked), "host");
+                  EXPECT_EQ("host", library.owner(asked));
                   EXPECT_LT(now_ms() - begin, 1000);
               }
           })
@@ -122,16 +122,16 @@ public:
 TEST(Containers, WithoutProcEverythingIsTheHosts)
 {
     NEED(testlib::can_mount(), "a mount namespace needs root");
-    Elsewhere([] { EXPECT_EQ(mount("none", "/proc", "tmpfs", 0, nullptr), 0); });
+    Elsewhere([] { EXPECT_EQ(0, mount("none", "/proc", "tmpfs", 0, nullptr)); });
 }
 
 TEST(Containers, WithHiddenProcessesEverythingIsTheHosts)
 {
     NEED(testlib::can_mount(), "a mount namespace needs root");
     Elsewhere([] {
-        EXPECT_EQ(mount("proc", "/proc", "proc", 0, "hidepid=2"), 0) << strerror(errno);
-        EXPECT_EQ(setgroups(0, nullptr) + setgid(65534) + setuid(65534), 0); /* root's group sees everything */
-        EXPECT_NE(access("/proc/1", F_OK), 0) << "nothing is hidden";
+        EXPECT_EQ(0, mount("proc", "/proc", "proc", 0, "hidepid=2")) << strerror(errno);
+        EXPECT_EQ(0, setgroups(0, nullptr) + setgid(65534) + setuid(65534)); /* root's group sees everything */
+        EXPECT_NE(0, access("/proc/1", F_OK)) << "nothing is hidden";
     });
 }
 
@@ -191,15 +191,15 @@ TEST(Containers, EventsArriveWhileProcessesComeAndGo)
                 expected.emplace("/data/" + std::to_string(i), container.owner());
             }
             const int64_t begin = now_ms();
-            EXPECT_EQ(library.owner(std::to_string(1'000'000'000 + i)), "host");
+            EXPECT_EQ("host", library.owner(std::to_string(1'000'000'000 + i)));
             longest = std::max(longest, now_ms() - begin);
             pause_ms(5);
         }
     }
     EXPECT_GT(expected.size(), 10u);
     EXPECT_LT(longest, 1000);
-    EXPECT_EQ(tellings(watch, expected.size()), expected) << watch.errors();
-    EXPECT_EQ(watch.interrupt(), 0);
+    EXPECT_EQ(expected, tellings(watch, expected.size())) << watch.errors();
+    EXPECT_EQ(0, watch.interrupt());
     RecordProperty("longest_ms", static_cast<int>(longest));
 }
 
@@ -241,7 +241,7 @@ public:
     Inhabitant(const std::string &root, const std::string &path, bool apart, const std::string &file)
         : group_(root, path), child_([&] {
               group_.enter();
-              EXPECT_EQ(unshare(apart ? CLONE_NEWNS : 0), 0);
+              EXPECT_EQ(0, unshare(apart ? CLONE_NEWNS : 0));
               make_file(file);
           })
     {
@@ -271,13 +271,13 @@ TEST(Containers, EveryNamingSchemeIsTold)
             all.emplace_back(root + path, std::make_unique<Inhabitant>(root, path, true, file));
             expected.emplace(file, id + " " + std::to_string(all.back().second->pid()));
         }
-    EXPECT_EQ(tellings(watch, expected.size()), expected);
+    EXPECT_EQ(expected, tellings(watch, expected.size()));
     for (const auto &[path, inhabitant] : all) {
         const std::string mount = mounts_of(inhabitant->pid()).front(), owner = library.until_owner(mount, "");
-        EXPECT_EQ(expected.count({tree.path(owner.substr(0, 64)), owner}), 1u) << path << " is " << owner;
+        EXPECT_EQ(1u, expected.count({tree.path(owner.substr(0, 64)), owner})) << path << " is " << owner;
         EXPECT_EQ(owner.substr(std::min<size_t>(owner.size(), 65)), std::to_string(inhabitant->pid())) << path;
     }
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* The host's mount of a container's files. Whoever uses it is told with his container; what happens through the copies
@@ -289,16 +289,16 @@ TEST(Containers, TheHostsMountOfAnOverlayTellsWhoUsedIt)
     const std::string lower = tree.dir("lower"), upper = tree.dir("upper"), work = tree.dir("work");
     const std::string merged = tree.dir("merged");
     const std::string options = "lowerdir=" + lower + ",upperdir=" + upper + ",workdir=" + work;
-    ASSERT_EQ(mount(upper.c_str(), merged.c_str(), "overlay", 0, options.c_str()), 0) << strerror(errno);
+    ASSERT_EQ(0, mount(upper.c_str(), merged.c_str(), "overlay", 0, options.c_str())) << strerror(errno);
     {
         Watch watch(merged, {"--mount", "-e", "close_write"});
         watch.established();
         const std::string root = hierarchies().front(), id = fresh_id(), path = "/fmon.slice/docker-" + id + ".scope";
         const Inhabitant elsewhere(root, path + "/elsewhere", true, merged + "/apart");
         const Inhabitant here(root, path + "/here", false, merged + "/inside");
-        EXPECT_EQ(tellings(watch, 1), (Tellings{{merged + "/inside", id + " " + std::to_string(here.pid())}}));
+        EXPECT_EQ((Tellings{{merged + "/inside", id + " " + std::to_string(here.pid())}}), tellings(watch, 1));
         EXPECT_TRUE(fs::exists(upper + "/apart"));
-        EXPECT_EQ(watch.stop(), 0);
+        EXPECT_EQ(0, watch.stop());
     }
     umount2(merged.c_str(), MNT_DETACH);
 }

@@ -77,7 +77,7 @@ TEST(ClosedStandardDescriptors, TheCommandWritesToItsFile)
     EXPECT_TRUE(!can_fanotify() || wait_for_line(file, {"\"close_write\"", tree.path("a")}));
     for (const std::string &line : lines_of(file)) /* nobody else wrote into it by number */
         EXPECT_TRUE(Json::parse_if(line)) << line;
-    EXPECT_EQ(fmon.interrupt(), 0);
+    EXPECT_EQ(0, fmon.interrupt());
 }
 
 /* The watched agent's standard input is closed, which must not look like an event source of the monitor's. */
@@ -119,7 +119,7 @@ TEST_P(HighDescriptors, ArriveAsAnyOther)
             EXPECT_GT(fd, GetParam()) << target;
             own++;
         }
-    EXPECT_EQ(own, 3);
+    EXPECT_EQ(3, own);
     unsigned seen = 0;
     make_file(tree.path("a"));
     for (int64_t deadline = now_ms() + kPatienceMs; seen != 0x12a && now_ms() < deadline;)
@@ -128,7 +128,7 @@ TEST_P(HighDescriptors, ArriveAsAnyOther)
                 seen |= delivery->mask;
     EXPECT_EQ(seen, unsigned{FMON_CREATE | FMON_OPEN | FMON_MODIFY | FMON_CLOSE_WRITE});
     agent.close_input();
-    EXPECT_EQ(agent.wait(), 0) << agent.errors();
+    EXPECT_EQ(0, agent.wait()) << agent.errors();
 }
 
 /* Around the end of fd_set, around the next word, and far beyond. */
@@ -146,9 +146,9 @@ TEST(FewDescriptors, TheCommandRaisesItsLimit)
     Process fmon(
         {{"/bin/sh", "-c", "ulimit -S -n 64; exec " FMON_TEST_BIN "/fmon watch --format json " + tree.root()}});
     fmon.line();
-    ASSERT_EQ(prlimit(fmon.pid(), RLIMIT_NOFILE, nullptr, &raised), 0);
+    ASSERT_EQ(0, prlimit(fmon.pid(), RLIMIT_NOFILE, nullptr, &raised));
     EXPECT_EQ(raised.rlim_cur, files.rlim_max);
-    EXPECT_EQ(fmon.interrupt(), 0);
+    EXPECT_EQ(0, fmon.interrupt());
 }
 
 }  // namespace

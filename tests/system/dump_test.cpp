@@ -60,8 +60,8 @@ void expect_has(const std::string &text, std::initializer_list<const char *> par
 /* One line on stderr, status 2, nothing on stdout. */
 void expect_refused(const Answer &answer, const char *reason)
 {
-    EXPECT_EQ(answer.status, 2) << answer.errors;
-    EXPECT_EQ(answer.text, "");
+    EXPECT_EQ(2, answer.status) << answer.errors;
+    EXPECT_EQ("", answer.text);
     expect_has(answer.errors, {reason});
     EXPECT_EQ(answer.errors.find('\n'), answer.errors.size() - 1) << answer.errors;
 }
@@ -102,23 +102,23 @@ TEST_F(Dump, EveryPart)
     const std::string watch = "    [W] " + tree_.root() + " (dentry), event ";
     expect_has(dump({"-t", "instances", pid()}).text,
                {"Instance:\n  watch id 0\n", watch.c_str(), "flags dir,recursive,sync, maxdepth 0, maxsubdirs 0"});
-    EXPECT_EQ(dump({"-t", "waiting", pid()}).text, "TBD list:\n");
+    EXPECT_EQ("TBD list:\n", dump({"-t", "waiting", pid()}).text);
     expect_has(dump({"-t", "dentries", pid()}).text, {"Dentry:\n  /", ("  " + tree_.path("sub") + "\n").c_str()});
-    EXPECT_EQ(dump({"-t", "events", pid()}).text, "Events:\ncount: 0\n");
+    EXPECT_EQ("Events:\ncount: 0\n", dump({"-t", "events", pid()}).text);
     for (const char *part : {"backend", "files", "losses"}) {
         const Answer answer = dump({"-t", part, pid()});
-        EXPECT_EQ(answer.status, 0);
-        EXPECT_EQ(answer.text, "");
+        EXPECT_EQ(0, answer.status);
+        EXPECT_EQ("", answer.text);
         expect_has(answer.errors, {"has nothing to tell about", part});
     }
     const Answer all = dump({pid()});
-    EXPECT_EQ(all.status, 0);
-    EXPECT_EQ(all.errors, "");
+    EXPECT_EQ(0, all.status);
+    EXPECT_EQ("", all.errors);
     expect_has(all.text, {"Instance:\n", "\n\nTBD list:\n", "\n\nDentry:\n", "\n\nEvents:\ncount: 0\n"});
     for (int type = 0; type <= 6; type++)
-        EXPECT_EQ(dump({"-t", std::to_string(type), pid()}).status, 0) << type;
+        EXPECT_EQ(0, dump({"-t", std::to_string(type), pid()}).status) << type;
     EXPECT_EQ(dump({"-t", "0", pid()}).text, all.text);
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, watch_->stop());
 }
 
 /* How long the command needs to start is not known, so that a longer hold is tried where a short one missed. */
@@ -134,7 +134,7 @@ TEST_F(Dump, HoldShowsEventsAndLosesNone)
         make_file(first);
         make_file(evil);
         answer = finish(held, 2 * kPatienceMs);
-        EXPECT_EQ(answer.status, 0) << answer.errors;
+        EXPECT_EQ(0, answer.status) << answer.errors;
         const Json events = event_of(first)["events"]; /* of its process, where probes name it, all in one */
         EXPECT_NE(std::find(events.begin(), events.end(), "create"), events.end()) << events.dump();
         event_of(evil);
@@ -142,7 +142,7 @@ TEST_F(Dump, HoldShowsEventsAndLosesNone)
     expect_has(answer.text, {"Events:\ncount: ", (first + ", event ").c_str(), "create", ", ref 1, pending 0\n",
                              (tree_.path("sub/a\\n\\033[31m")).c_str()});
     EXPECT_EQ(answer.text.find('\033'), std::string::npos);
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, watch_->stop());
 }
 
 TEST_F(Dump, HoldThatTheWatchsEndBreaksLosesNone)
@@ -153,7 +153,7 @@ TEST_F(Dump, HoldThatTheWatchsEndBreaksLosesNone)
     pause_ms(300);
     watch_->process().send(SIGINT);
     event_of(tree_.path("late"));
-    EXPECT_EQ(watch_->process().wait(), 0);
+    EXPECT_EQ(0, watch_->process().wait());
     const Answer answer = finish(held);
     EXPECT_TRUE(answer.status == 0 || answer.status == 2) << answer.status;
 }
@@ -168,8 +168,8 @@ TEST_F(Dump, KilledAskerIsForgotten)
     }
     make_file(tree_.path("after"));
     event_of(tree_.path("after"));
-    EXPECT_EQ(dump({pid()}).status, 0);
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, dump({pid()}).status);
+    EXPECT_EQ(0, watch_->stop());
 }
 
 TEST_F(Dump, StoppedAskerDoesNotStopTheWatch)
@@ -180,7 +180,7 @@ TEST_F(Dump, StoppedAskerDoesNotStopTheWatch)
     event_of(tree_.path("meanwhile"));
     held.send(SIGCONT);
     held.wait();
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, watch_->stop());
 }
 
 TEST_F(Dump, LeavesTheLogAlone)
@@ -195,11 +195,11 @@ TEST_F(Dump, LeavesTheLogAlone)
     quiet.line();
     const Answer answer = dump({std::to_string(quiet.pid())});
     expect_has(answer.text, {"Instance:"});
-    EXPECT_EQ(quiet.interrupt(), 0);
+    EXPECT_EQ(0, quiet.interrupt());
     expect_has(quiet.errors(), {" warning "}); /* it is the log that is looked at */
     for (const char *part : {" debug ", "Instance:"})
         EXPECT_EQ(quiet.errors().find(part), std::string::npos) << quiet.errors();
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, watch_->stop());
 }
 
 TEST_F(Dump, SeveralAreListed)
@@ -207,13 +207,13 @@ TEST_F(Dump, SeveralAreListed)
     Process other({{kFmon, "watch", "--format", "json", tree_.path("sub")}});
     other.line();
     const Answer answer = dump({});
-    EXPECT_EQ(answer.status, 2);
-    EXPECT_EQ(answer.text, "");
+    EXPECT_EQ(2, answer.status);
+    EXPECT_EQ("", answer.text);
     expect_has(answer.errors, {"more than one fmon watch is running", ("  " + pid() + " ").c_str(),
                                ("  " + std::to_string(other.pid()) + " ").c_str(), "watch --format json"});
     expect_has(dump({"-t", "1", std::to_string(other.pid())}).text, {(tree_.path("sub") + " (dentry)").c_str()});
-    EXPECT_EQ(other.interrupt(), 0);
-    EXPECT_EQ(watch_->stop(), 0);
+    EXPECT_EQ(0, other.interrupt());
+    EXPECT_EQ(0, watch_->stop());
 }
 
 /* As another user does who knows where the watch listens. 0, or the errno. */
@@ -223,9 +223,9 @@ int connect_as(uid_t uid, pid_t watch)
     address.sun_family = AF_UNIX;
     ("/run/fmon/fmon-" + std::to_string(watch) + ".socket").copy(address.sun_path, sizeof address.sun_path - 1);
     const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    EXPECT_EQ(seteuid(uid), 0);
+    EXPECT_EQ(0, seteuid(uid));
     const int error = connect(fd, reinterpret_cast<struct sockaddr *>(&address), sizeof address) == 0 ? 0 : errno;
-    EXPECT_EQ(seteuid(0), 0);
+    EXPECT_EQ(0, seteuid(0));
     close(fd);
     return error;
 }
@@ -233,10 +233,10 @@ int connect_as(uid_t uid, pid_t watch)
 TEST_F(Dump, AnotherUserIsRefused)
 {
     NEED(geteuid() == 0, "only root can become another user");
-    EXPECT_EQ(connect_as(65534, watch_->process().pid()), EACCES);
-    EXPECT_EQ(connect_as(0, watch_->process().pid()), 0);
-    EXPECT_EQ(watch_->stop(), 0);
-    EXPECT_EQ(connect_as(0, watch_->process().pid()), ENOENT) << "the name goes with the watch";
+    EXPECT_EQ(EACCES, connect_as(65534, watch_->process().pid()));
+    EXPECT_EQ(0, connect_as(0, watch_->process().pid()));
+    EXPECT_EQ(0, watch_->stop());
+    EXPECT_EQ(ENOENT, connect_as(0, watch_->process().pid())) << "the name goes with the watch";
 }
 
 TEST(DumpOfNothing, OneLineEach)
@@ -247,7 +247,7 @@ TEST(DumpOfNothing, OneLineEach)
     expect_refused(dump({"-t", "8"}), "--type takes all, instances, waiting, dentries, events, backend, files, losses");
     expect_refused(dump({"--hold", "x"}), "--hold takes seconds");
     const Answer help = dump({"--help"});
-    EXPECT_EQ(help.status, 0);
+    EXPECT_EQ(0, help.status);
     expect_has(help.text, {"Usage: fmon dump", "--hold S", "Examples:"});
 }
 

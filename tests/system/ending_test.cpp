@@ -55,7 +55,7 @@ int64_t end_of(Process &fmon, int signal)
 {
     const int64_t start = now_ms();
     fmon.send(signal);
-    EXPECT_EQ(fmon.wait(), 0) << fmon.errors();
+    EXPECT_EQ(0, fmon.wait()) << fmon.errors();
     return now_ms() - start;
 }
 
@@ -102,12 +102,12 @@ TEST_P(Ending, AMonitorThatIsHeldUp)
         const Child owner([&] {
             signal(SIGIO, SIG_IGN);
             const int fd = open(file.c_str(), O_RDWR | O_CLOEXEC);
-            EXPECT_EQ(fcntl(fd, F_SETLEASE, F_WRLCK), 0);
-            EXPECT_EQ(write(fd, "x", 1), 1);
+            EXPECT_EQ(0, fcntl(fd, F_SETLEASE, F_WRLCK));
+            EXPECT_EQ(1, write(fd, "x", 1));
         });
         pause_ms(100);
         Process other({{kFmon, "dump", std::to_string(fmon.pid())}});
-        EXPECT_EQ(other.wait(300), -1) << "the monitor is not held up";
+        EXPECT_EQ(-1, other.wait(300)) << "the monitor is not held up";
         best = std::min(best, end_of(fmon, GetParam()));
     }
     EXPECT_LT(best, kSoonMs);
@@ -130,7 +130,7 @@ TEST_P(Ending, ACommandThatTakesLong)
         expect_has(fmon.errors(), "/a was sent SIGTERM: it ran for too long");
         expect_has(fmon.errors(), "told to end: 1 event dropped, for which the command of --exec was not run");
         await_text(results.path("out"), "ended");
-        EXPECT_EQ(content(results.path("out")), "ran\nended\n");
+        EXPECT_EQ("ran\nended\n", content(results.path("out")));
     }
     EXPECT_LT(best, kSoonMs);
 }
@@ -156,7 +156,7 @@ TEST_P(Ending, ACommandThatFinishesInTime)
 TEST_P(Ending, APipeThatNobodyOpens)
 {
     TempTree tree;
-    ASSERT_EQ(mkfifo(tree.path("pipe").c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(tree.path("pipe").c_str(), 0600));
     Process fmon({watch({"-q", "-o", tree.path("pipe"), tree.root()})});
     pause_ms(500);
     EXPECT_LT(end_of(fmon, GetParam()), 5 * kSoonMs);
@@ -181,11 +181,11 @@ TEST(EndingStatus, TellsATimeOutFromAWatchThatWent)
 {
     TempTree tree;
     Process quiet({watch({"-q", "-t", "0.2", tree.root()})});
-    EXPECT_EQ(quiet.wait(), 1);
+    EXPECT_EQ(1, quiet.wait());
     Process gone({watch({"--format", "json", tree.dir("sub")})});
     gone.line();
     remove_dir(tree.path("sub"));
-    EXPECT_EQ(gone.wait(), 3);
+    EXPECT_EQ(3, gone.wait());
 }
 
 /* ---- its files ---- */
@@ -195,13 +195,13 @@ TEST(OutputFile, KeepsItsContentWhenNothingIsWatched)
     TempTree tree;
     const std::string out = tree.file("out", "precious\n");
     Process wrong({watch({"-o", out, tree.path("missing")})});
-    EXPECT_EQ(wrong.wait(), 2);
-    EXPECT_EQ(content(out), "precious\n");
+    EXPECT_EQ(2, wrong.wait());
+    EXPECT_EQ("precious\n", content(out));
     Process refused({watch({"-o", out, "--pid", "-e", "create", tree.root()})});
-    EXPECT_EQ(refused.wait(), 2);
-    EXPECT_EQ(content(out), "precious\n");
+    EXPECT_EQ(2, refused.wait());
+    EXPECT_EQ("precious\n", content(out));
     Process unwritable({watch({"-o", tree.path("none/out"), tree.root()})});
-    EXPECT_EQ(unwritable.wait(), 2);
+    EXPECT_EQ(2, unwritable.wait());
     expect_has(unwritable.errors(), "cannot write to " + tree.path("none/out") + ": No such file or directory");
 }
 
@@ -213,7 +213,7 @@ TEST(OutputFile, GrowsWithAppend)
         Process fmon({watch({"-n", "1", "-e", "create", "--format", "%p", "--append", "-o", out, tree.root()})});
         ASSERT_TRUE(await([&] { return fmon.errors().find("watching ") != std::string::npos; })) << fmon.errors();
         make_file(tree.path(name));
-        EXPECT_EQ(fmon.wait(), 0);
+        EXPECT_EQ(0, fmon.wait());
     }
     EXPECT_EQ(content(out), "before\n" + tree.path("a") + "\n" + tree.path("b") + "\n");
 }
@@ -226,5 +226,5 @@ TEST(FailingCommand, IsTold)
     make_file(tree.path("a"));
     EXPECT_TRUE(await([&] { return fmon.errors().find("ended with status 3") != std::string::npos; }));
     expect_has(fmon.errors(), "the command of --exec for " + tree.path("a") + " ended with status 3");
-    EXPECT_EQ(fmon.interrupt(), 0);
+    EXPECT_EQ(0, fmon.interrupt());
 }

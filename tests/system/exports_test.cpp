@@ -155,7 +155,7 @@ TEST(Exports, AreExactlyTheList)
         want.insert(last_word(row));
     want.erase("");
     EXPECT_GT(want.size(), 60U);
-    EXPECT_EQ(module_symbols("--defined-only"), want);
+    EXPECT_EQ(want, module_symbols("--defined-only"));
 }
 
 TEST(Exports, AreWhatTheHeadersMark)
@@ -178,7 +178,7 @@ TEST(Exports, OfTheHostAreItsHeaders)
     Names have = symbols(std::string(FMON_TEST_LIB) + "/liborx_base.so", "--defined-only");
     Names missing = difference(want, have);
     missing.erase("cJSON_AddItemToObject"); /* the JSON library's, which the base library brings along */
-    EXPECT_EQ(missing, Names());
+    EXPECT_EQ(Names(), missing);
 }
 
 /* ---- what comes in ---- */
@@ -198,7 +198,7 @@ TEST(Imports, AreTheAgentsAndTheCLibrarys)
             rest.insert(name);
     for (const char *weak : {"_ITM_deregisterTMCloneTable", "_ITM_registerTMCloneTable", "__gmon_start__"})
         rest.erase(weak); /* the compiler's start-up code asks whether they exist */
-    EXPECT_EQ(rest, Names());
+    EXPECT_EQ(Names(), rest);
 }
 
 /* An agent may lack these: they are looked for and done without. */
@@ -216,7 +216,7 @@ TEST(Imports, OptionalOnesAreWeak)
         if (name == "error_output_level" || name == "watch_map" || name.starts_with("cJSON_")) {
             EXPECT_TRUE(letter == "w" || letter == "v") << name;
         }
-    EXPECT_EQ(kind["error_output"], "U");
+    EXPECT_EQ("U", kind["error_output"]);
 }
 
 /* Nothing of the C++ library is needed at run time beyond what the linker may name by habit. */
@@ -247,9 +247,9 @@ TEST(Names, OfTheAgentDoNotCaptureTheModules)
         if (auto line = agent.line(200))
             if (auto delivery = parse_delivery(*line))
                 seen.insert(delivery->path);
-    EXPECT_EQ(difference(want, seen), Names());
+    EXPECT_EQ(Names(), difference(want, seen));
     agent.close_input();
-    EXPECT_EQ(agent.wait(), 0);
+    EXPECT_EQ(0, agent.wait());
     EXPECT_EQ(agent.errors().find("captured"), std::string::npos) << agent.errors();
 }
 

@@ -37,7 +37,7 @@ TEST(FalseLosses, ADirectoryMovedOntoAnEmptyOne)
     const std::string said = watch.process().errors();
     EXPECT_TRUE(said.empty() || said.find("could not run the probe") != std::string::npos) << said;
     EXPECT_EQ(said.find("no longer known"), std::string::npos) << said;
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* Directories for which there is no room, made within a moment. */
@@ -51,12 +51,12 @@ TEST(FalseLosses, ManyAtOnceAreToldTogether)
         pause_ms(5);
     }
     const std::vector<Json> told = losses(watch, 3000);
-    ASSERT_EQ(told.size(), 1u) << watch.process().errors();
+    ASSERT_EQ(1u, told.size()) << watch.process().errors();
     EXPECT_GE(told[0]["count"].number(), 24);
     EXPECT_LE(told[0]["count"].number(), 40);
     const std::string said = watch.process().errors();
     EXPECT_EQ(said.find("fmon:"), said.rfind("fmon:")) << said;
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 }  // namespace

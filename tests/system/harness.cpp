@@ -121,7 +121,7 @@ Paths paths(const std::map<std::string, std::string> &table)
 Child::Child(const std::function<void()> &body)
 {
     int done[2];
-    EXPECT_EQ(pipe2(done, O_CLOEXEC), 0);
+    EXPECT_EQ(0, pipe2(done, O_CLOEXEC));
     pid_ = fork();
     char failed = 1;
     if (pid_ == 0) {
@@ -133,8 +133,8 @@ Child::Child(const std::function<void()> &body)
             pause();
     }
     close(done[1]);
-    EXPECT_EQ(read(done[0], &failed, 1), 1);
-    EXPECT_EQ(failed, 0) << "a child's operation failed";
+    EXPECT_EQ(1, read(done[0], &failed, 1));
+    EXPECT_EQ(0, failed) << "a child's operation failed";
     close(done[0]);
 }
 
@@ -147,8 +147,8 @@ Child::~Child()
 Process::Process(const Launch &launch)
 {
     int in[2], out[2];
-    EXPECT_EQ(pipe2(in, O_CLOEXEC), 0);
-    EXPECT_EQ(pipe2(out, O_CLOEXEC), 0);
+    EXPECT_EQ(0, pipe2(in, O_CLOEXEC));
+    EXPECT_EQ(0, pipe2(out, O_CLOEXEC));
     std::string errors = scratch_.path("stderr");
     pid_ = fork();
     if (pid_ == 0)
@@ -297,7 +297,7 @@ void Watch::take(const Json &event, Paths &seen)
 {
     if (event["type"] == "appeared" || event["type"] == "ended" || (event["type"] == "loss" && losses_are_due_))
         return;
-    EXPECT_EQ(event["type"], "event") << event;
+    EXPECT_EQ("event", event["type"]) << event;
     if (event["type"] != "event" || is_own_reading(event))
         return;
     events_.push_back(event);
@@ -416,11 +416,11 @@ void read_file(const std::string &path)
     int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     ASSERT_GE(fd, 0) << path << ": " << strerror(errno);
     char c;
-    EXPECT_EQ(read(fd, &c, 1), 1) << path;
+    EXPECT_EQ(1, read(fd, &c, 1)) << path;
     close(fd);
 }
 
-#define CHECK_CALL(call, path) EXPECT_EQ(call, 0) << (path) << ": " << strerror(errno)
+#define CHECK_CALL(call, path) EXPECT_EQ(0, call) << (path) << ": " << strerror(errno)
 void make_dir(const std::string &path) { CHECK_CALL(mkdir(path.c_str(), 0755), path); }
 void move(const std::string &from, const std::string &to) { CHECK_CALL(rename(from.c_str(), to.c_str()), from); }
 void hard_link(const std::string &from, const std::string &to) { CHECK_CALL(link(from.c_str(), to.c_str()), from); }

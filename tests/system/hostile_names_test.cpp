@@ -80,7 +80,7 @@ TEST(HostileNames, AreWholeInCallbacks)
             if (auto delivery = parse_delivery(*line);
                 delivery && delivery->client == "fast" && delivery->mask & FMON_CREATE)
                 seen.insert(delivery->path);
-    EXPECT_EQ(seen, want);
+    EXPECT_EQ(want, seen);
 }
 
 TEST(HostileNames, AreValidJsonAndCanBeTakenBack)
@@ -96,8 +96,8 @@ TEST(HostileNames, AreValidJsonAndCanBeTakenBack)
         want.push_back(tree.path(name));
     for (const Json &event : watch.events())
         seen.push_back(path_of(event));
-    EXPECT_EQ(seen, want);
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(want, seen);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* The bytes field stands where the name is no UTF-8, and there only. */
@@ -109,7 +109,7 @@ TEST(HostileNames, HaveABytesFieldWhereNeeded)
     make_file(tree.path("\xc3\xa4\n"));
     make_file(tree.path("\xff"));
     watch.barrier(tree.root(), {"create"});
-    ASSERT_EQ(watch.events().size(), 2U);
+    ASSERT_EQ(2U, watch.events().size());
     EXPECT_FALSE(watch.events()[0].contains("path_bytes"));
     EXPECT_TRUE(watch.events()[1].contains("path_bytes"));
     EXPECT_EQ(watch.events()[1]["path"], tree.path("\xef\xbf\xbd"));
@@ -137,8 +137,8 @@ TEST(HostileNames, AreEscapedInText)
         EXPECT_EQ(line->find("\xc2\x9b"), std::string::npos);
         EXPECT_EQ(line->find("\xe2\x80\xae"), std::string::npos);
     }
-    EXPECT_EQ(fmon.line(300), std::nullopt);
-    EXPECT_EQ(fmon.interrupt(), 0);
+    EXPECT_EQ(std::nullopt, fmon.line(300));
+    EXPECT_EQ(0, fmon.interrupt());
 }
 
 /* A path of the greatest length that the monitor can build. */
@@ -154,13 +154,13 @@ TEST(HostileNames, LongPathsArrive)
     Watch watch(tree.root(), {"-r", "-e", "create"});
     watch.established();
     std::string longest = dir + "/" + std::string(kName, 'f');
-    ASSERT_EQ(longest.size(), kLongest);
+    ASSERT_EQ(kLongest, longest.size());
     make_file(longest);
     make_file(longest + "f"); /* one byte more: cannot be built, must harm nothing */
     watch.barrier(tree.root(), {"create"});
     ASSERT_GE(watch.events().size(), 1U);
     EXPECT_EQ(watch.events()[0]["path"], longest);
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 }  // namespace

@@ -85,7 +85,7 @@ TEST_F(Inotify, MoveSelfOfADirectoryCarriesNoDirectoryBit)
 {
     int wd = watch(tree_.dir("d"), IN_MOVE_SELF);
     move(tree_.path("d"), tree_.path("e"));
-    EXPECT_EQ(records(), (Records{{wd, IN_MOVE_SELF, "", 0}}));
+    EXPECT_EQ((Records{{wd, IN_MOVE_SELF, "", 0}}), records());
 }
 
 TEST_F(Inotify, RenameComesAsFromToAndSelf)
@@ -94,9 +94,10 @@ TEST_F(Inotify, RenameComesAsFromToAndSelf)
     int wd = watch(tree_.dir("d"), kStructure);
     records();
     move(tree_.path("d"), tree_.path("e"));
-    EXPECT_EQ(records(), (Records{{root, IN_MOVED_FROM | IN_ISDIR, "d", 0},
-                                  {root, IN_MOVED_TO | IN_ISDIR, "e", 0},
-                                  {wd, IN_MOVE_SELF, "", 0}}));
+    EXPECT_EQ((Records{{root, IN_MOVED_FROM | IN_ISDIR, "d", 0},
+                       {root, IN_MOVED_TO | IN_ISDIR, "e", 0},
+                       {wd, IN_MOVE_SELF, "", 0}}),
+              records());
 }
 
 TEST_F(Inotify, HardLinksShareAWatchDescriptor)
@@ -113,7 +114,7 @@ TEST_F(Inotify, HardLinkIsACreation)
     tree_.file("a");
     records();
     hard_link(tree_.path("a"), tree_.path("b"));
-    EXPECT_EQ(records(), (Records{{root, IN_CREATE, "b", 0}}));
+    EXPECT_EQ((Records{{root, IN_CREATE, "b", 0}}), records());
 }
 
 TEST_F(Inotify, AddingAgainReplacesTheMask)
@@ -122,21 +123,21 @@ TEST_F(Inotify, AddingAgainReplacesTheMask)
     EXPECT_EQ(watch(tree_.root(), IN_DELETE), wd);
     tree_.file("a");
     remove_file(tree_.path("a"));
-    EXPECT_EQ(records(), (Records{{wd, IN_DELETE, "a", 0}}));
+    EXPECT_EQ((Records{{wd, IN_DELETE, "a", 0}}), records());
 }
 
 TEST_F(Inotify, RemovingQueuesIgnored)
 {
     int wd = watch(tree_.root(), IN_CREATE);
-    EXPECT_EQ(inotify_rm_watch(fd_, wd), 0);
-    EXPECT_EQ(records(), (Records{{wd, IN_IGNORED, "", 0}}));
+    EXPECT_EQ(0, inotify_rm_watch(fd_, wd));
+    EXPECT_EQ((Records{{wd, IN_IGNORED, "", 0}}), records());
 }
 
 /* A number comes back only after the counter has gone round, so a record under way is never taken for a new watch's. */
 TEST_F(Inotify, WatchDescriptorsAreNotReusedAtOnce)
 {
     int first = watch(tree_.root(), IN_CREATE);
-    EXPECT_EQ(inotify_rm_watch(fd_, first), 0);
+    EXPECT_EQ(0, inotify_rm_watch(fd_, first));
     EXPECT_GT(watch(tree_.root(), IN_CREATE), first);
 }
 
@@ -144,8 +145,8 @@ TEST_F(Inotify, RecordsOfARemovedWatchStayQueued)
 {
     int wd = watch(tree_.root(), IN_CREATE);
     tree_.file("a");
-    EXPECT_EQ(inotify_rm_watch(fd_, wd), 0);
-    EXPECT_EQ(records(), (Records{{wd, IN_CREATE, "a", 0}, {wd, IN_IGNORED, "", 0}}));
+    EXPECT_EQ(0, inotify_rm_watch(fd_, wd));
+    EXPECT_EQ((Records{{wd, IN_CREATE, "a", 0}, {wd, IN_IGNORED, "", 0}}), records());
 }
 
 TEST_F(Inotify, RemovedDirectoryIsDeletedThenIgnored)
@@ -155,10 +156,10 @@ TEST_F(Inotify, RemovedDirectoryIsDeletedThenIgnored)
     records();
     remove_dir(tree_.path("d"));
     Records got = records();
-    EXPECT_EQ(got.size(), 3U);
-    EXPECT_EQ(std::count(got.begin(), got.end(), Record{root, IN_DELETE | IN_ISDIR, "d", 0}), 1);
+    EXPECT_EQ(3U, got.size());
+    EXPECT_EQ(1, std::count(got.begin(), got.end(), Record{root, IN_DELETE | IN_ISDIR, "d", 0}));
     std::erase_if(got, [&](const Record &record) { return record.wd == root; }); /* before or after, by version */
-    EXPECT_EQ(got, (Records{{wd, IN_DELETE_SELF, "", 0}, {wd, IN_IGNORED, "", 0}}));
+    EXPECT_EQ((Records{{wd, IN_DELETE_SELF, "", 0}, {wd, IN_IGNORED, "", 0}}), got);
 }
 
 TEST_F(Inotify, RecordsAboutTheWatchedOneHaveNoName)
@@ -166,8 +167,8 @@ TEST_F(Inotify, RecordsAboutTheWatchedOneHaveNoName)
     watch(tree_.root(), IN_ATTRIB);
     change_mode(tree_.root(), 0711);
     Records got = records();
-    ASSERT_EQ(got.size(), 1U);
-    EXPECT_EQ(got[0].len, 0U);
+    ASSERT_EQ(1U, got.size());
+    EXPECT_EQ(0U, got[0].len);
 }
 
 TEST_F(Inotify, NamesArePaddedToSixteen)
@@ -176,7 +177,7 @@ TEST_F(Inotify, NamesArePaddedToSixteen)
     for (int len : {1, 15, 16, 255})
         tree_.file(std::string(static_cast<size_t>(len), 'n'));
     for (const Record &record : records()) {
-        EXPECT_EQ(record.len % 16, 0U);
+        EXPECT_EQ(0U, record.len % 16);
         EXPECT_GT(record.len, record.name.size());
     }
 }
@@ -187,10 +188,10 @@ TEST_F(Inotify, ReadsWholeRecordsOnly)
     watch(tree_.root(), IN_CREATE);
     tree_.file("a"), tree_.file("b");
     char buffer[64];
-    EXPECT_EQ(read(fd_, buffer, 31), -1);
-    EXPECT_EQ(errno, EINVAL);
-    EXPECT_EQ(read(fd_, buffer, 63), 32);
-    EXPECT_EQ(read(fd_, buffer, 63), 32);
+    EXPECT_EQ(-1, read(fd_, buffer, 31));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_EQ(32, read(fd_, buffer, 63));
+    EXPECT_EQ(32, read(fd_, buffer, 63));
 }
 
 TEST_F(Inotify, LinksAreNotFollowed)
@@ -215,7 +216,7 @@ TEST_F(Inotify, OverflowIsOneRecordWithoutAWatch)
     for (Records got = records(); !got.empty(); got = records())
         for (const Record &record : got)
             if (record.mask & IN_Q_OVERFLOW) {
-                EXPECT_EQ(record.wd, -1);
+                EXPECT_EQ(-1, record.wd);
                 EXPECT_FALSE(overflow);
                 overflow = true;
             }
@@ -227,7 +228,7 @@ TEST(Descriptors, TheLowestFreeNumberIsTakenEvenZero)
     int saved = dup(0);
     close(0);
     int fd = inotify_init();
-    EXPECT_EQ(fd, 0);
+    EXPECT_EQ(0, fd);
     dup2(saved, 0);
     close(saved);
 }
@@ -255,7 +256,7 @@ protected:
     }
     void mark_dir(const std::string &path, uint64_t mask)
     {
-        EXPECT_EQ(mark(FAN_MARK_ADD | FAN_MARK_ONLYDIR, mask | FAN_ONDIR | FAN_EVENT_ON_CHILD, path), 0);
+        EXPECT_EQ(0, mark(FAN_MARK_ADD | FAN_MARK_ONLYDIR, mask | FAN_ONDIR | FAN_EVENT_ON_CHILD, path));
     }
 
     /* path -> kinds, closing the descriptors */
@@ -288,11 +289,11 @@ TEST_F(Fanotify, RecordsAreVersionThreeAndTwentyFourBytes)
 {
     mark_dir(tree_.root(), FAN_OPEN);
     make_file(tree_.path("a"));
-    EXPECT_EQ(events(), (Events{{tree_.path("a"), FAN_OPEN}}));
+    EXPECT_EQ((Events{{tree_.path("a"), FAN_OPEN}}), events());
     EXPECT_EQ(sizeof last_, 24U);
-    EXPECT_EQ(last_.vers, 3);
-    EXPECT_EQ(last_.event_len, 24U);
-    EXPECT_EQ(last_.metadata_len, 24U);
+    EXPECT_EQ(3, last_.vers);
+    EXPECT_EQ(24U, last_.event_len);
+    EXPECT_EQ(24U, last_.metadata_len);
     EXPECT_EQ(last_.pid, getpid());
 }
 
@@ -314,7 +315,7 @@ TEST_F(Fanotify, ADirectorysMarkCoversItsChildrenAndNoMore)
     mark_dir(tree_.path("d"), FAN_CLOSE_WRITE);
     make_file(tree_.path("d/a"));
     make_file(tree_.path("d/e/b"));
-    EXPECT_EQ(events(), (Events{{tree_.path("d/a"), FAN_CLOSE_WRITE}}));
+    EXPECT_EQ((Events{{tree_.path("d/a"), FAN_CLOSE_WRITE}}), events());
 }
 
 /* Unlike inotify's: marks of one object add up. */
@@ -323,29 +324,29 @@ TEST_F(Fanotify, MarkingAgainAddsToTheMask)
     mark_dir(tree_.root(), FAN_CLOSE_WRITE);
     mark_dir(tree_.root(), FAN_MODIFY);
     make_file(tree_.path("a"));
-    EXPECT_EQ(events(), (Events{{tree_.path("a"), FAN_CLOSE_WRITE | FAN_MODIFY}}));
+    EXPECT_EQ((Events{{tree_.path("a"), FAN_CLOSE_WRITE | FAN_MODIFY}}), events());
 }
 
 TEST_F(Fanotify, RemovingTakesTheseKindsOnly)
 {
     mark_dir(tree_.root(), FAN_CLOSE_WRITE | FAN_MODIFY);
-    EXPECT_EQ(mark(FAN_MARK_REMOVE | FAN_MARK_ONLYDIR, FAN_MODIFY, tree_.root()), 0);
+    EXPECT_EQ(0, mark(FAN_MARK_REMOVE | FAN_MARK_ONLYDIR, FAN_MODIFY, tree_.root()));
     make_file(tree_.path("a"));
-    EXPECT_EQ(events(), (Events{{tree_.path("a"), FAN_CLOSE_WRITE}}));
+    EXPECT_EQ((Events{{tree_.path("a"), FAN_CLOSE_WRITE}}), events());
 }
 
 TEST_F(Fanotify, RemovingFromTheUnmarkedFailsWithEnoent)
 {
-    EXPECT_EQ(mark(FAN_MARK_REMOVE | FAN_MARK_MOUNT, FAN_CLOSE_WRITE, tree_.root()), -1);
-    EXPECT_EQ(errno, ENOENT);
-    EXPECT_EQ(mark(FAN_MARK_REMOVE | FAN_MARK_ONLYDIR, FAN_CLOSE_WRITE, tree_.root()), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(-1, mark(FAN_MARK_REMOVE | FAN_MARK_MOUNT, FAN_CLOSE_WRITE, tree_.root()));
+    EXPECT_EQ(ENOENT, errno);
+    EXPECT_EQ(-1, mark(FAN_MARK_REMOVE | FAN_MARK_ONLYDIR, FAN_CLOSE_WRITE, tree_.root()));
+    EXPECT_EQ(ENOENT, errno);
 }
 
 TEST_F(Fanotify, MissingPathsFailWithEnoent)
 {
-    EXPECT_EQ(mark(FAN_MARK_ADD, FAN_CLOSE_WRITE, tree_.path("missing")), -1);
-    EXPECT_EQ(errno, ENOENT);
+    EXPECT_EQ(-1, mark(FAN_MARK_ADD, FAN_CLOSE_WRITE, tree_.path("missing")));
+    EXPECT_EQ(ENOENT, errno);
 }
 
 /* A mark is on the directory, not on its name: it goes along when the directory moves away. */
@@ -354,7 +355,7 @@ TEST_F(Fanotify, MarksMoveWithTheirDirectory)
     mark_dir(tree_.dir("d"), FAN_CLOSE_WRITE);
     move(tree_.path("d"), tree_.path("e"));
     make_file(tree_.path("e/a"));
-    EXPECT_EQ(events(), (Events{{tree_.path("e/a"), FAN_CLOSE_WRITE}}));
+    EXPECT_EQ((Events{{tree_.path("e/a"), FAN_CLOSE_WRITE}}), events());
 }
 
 TEST_F(Fanotify, AnUnlinkedFilesRecordTellsByItsLinkCount)
@@ -363,10 +364,10 @@ TEST_F(Fanotify, AnUnlinkedFilesRecordTellsByItsLinkCount)
     make_file(tree_.path("a"));
     remove_file(tree_.path("a"));
     struct fanotify_event_metadata event;
-    ASSERT_EQ(read(fd_, &event, sizeof event), 24);
+    ASSERT_EQ(24, read(fd_, &event, sizeof event));
     struct stat st;
-    EXPECT_EQ(fstat(event.fd, &st), 0);
-    EXPECT_EQ(st.st_nlink, 0U);
+    EXPECT_EQ(0, fstat(event.fd, &st));
+    EXPECT_EQ(0U, st.st_nlink);
     close(event.fd);
 }
 
@@ -381,16 +382,16 @@ TEST_F(Fanotify, ReadsEndAtAFileThatCannotBeOpened)
     mark_dir(tree_.root(), FAN_MODIFY);
     append_file(tree_.path("a"));
     const int leased = open(tree_.path("b").c_str(), O_RDWR | O_CLOEXEC);
-    ASSERT_EQ(fcntl(leased, F_SETLEASE, F_WRLCK), 0);
+    ASSERT_EQ(0, fcntl(leased, F_SETLEASE, F_WRLCK));
     signal(SIGIO, SIG_IGN);
-    EXPECT_EQ(write(leased, "x", 1), 1);
+    EXPECT_EQ(1, write(leased, "x", 1));
     append_file(tree_.path("c"));
-    EXPECT_EQ(events(), (Events{{tree_.path("a"), FAN_MODIFY}}));
-    EXPECT_EQ(events(), (Events{{tree_.path("c"), FAN_MODIFY}}));
-    EXPECT_EQ(write(leased, "x", 1), 1);
+    EXPECT_EQ((Events{{tree_.path("a"), FAN_MODIFY}}), events());
+    EXPECT_EQ((Events{{tree_.path("c"), FAN_MODIFY}}), events());
+    EXPECT_EQ(1, write(leased, "x", 1));
     char buffer[24];
-    EXPECT_EQ(read(fd_, buffer, sizeof buffer), -1);
-    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(-1, read(fd_, buffer, sizeof buffer));
+    EXPECT_EQ(EWOULDBLOCK, errno);
     EXPECT_FALSE(readable(fd_));
     close(leased);
 }
@@ -405,7 +406,7 @@ TEST_F(Fanotify, RecordDescriptorsRaiseNoRecords)
     ASSERT_GE(n, 24);
     for (ssize_t i = 0; i < n / 24; i++) {
         char c;
-        EXPECT_EQ(read(event[i].fd, &c, 1), 1);
+        EXPECT_EQ(1, read(event[i].fd, &c, 1));
         close(event[i].fd);
     }
     EXPECT_FALSE(readable(fd_));
@@ -416,12 +417,12 @@ TEST_F(Fanotify, RecordDescriptorsTellTheirMount)
     mark_dir(tree_.root(), FAN_CLOSE_WRITE);
     make_file(tree_.path("a"));
     struct fanotify_event_metadata event;
-    ASSERT_EQ(read(fd_, &event, sizeof event), 24);
+    ASSERT_EQ(24, read(fd_, &event, sizeof event));
     std::ifstream in("/proc/self/fdinfo/" + std::to_string(event.fd));
     std::string key, value;
     while (in >> key >> value && key != "mnt_id:") {
     }
-    EXPECT_EQ(key, "mnt_id:");
+    EXPECT_EQ("mnt_id:", key);
     EXPECT_LE(value.size(), 10U);
     close(event.fd);
 }
@@ -431,9 +432,9 @@ TEST_F(Fanotify, ListingADirectoryIsOpenAccessClose)
     tree_.dir("d");
     mark_dir(tree_.root(), 0x3b);
     DIR *dir = opendir(tree_.path("d").c_str());
-    EXPECT_NE(readdir(dir), nullptr);
+    EXPECT_NE(nullptr, readdir(dir));
     closedir(dir);
-    EXPECT_EQ(events()[tree_.path("d")] & 0xfff, uint64_t{FAN_OPEN | FAN_ACCESS | FAN_CLOSE_NOWRITE});
+    EXPECT_EQ(uint64_t{FAN_OPEN | FAN_ACCESS | FAN_CLOSE_NOWRITE}, events()[tree_.path("d")] & 0xfff);
 }
 
 }  // namespace

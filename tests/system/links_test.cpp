@@ -72,7 +72,7 @@ TEST_F(Links, ALinkInTheDirectorysPlaceIsNotWalked)
         std::filesystem::remove_all(b);
     }
     EXPECT_LE(settled_marks_of(watch.process().pid()), 1u);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* A directory and a link change places. */
@@ -88,7 +88,7 @@ TEST_F(Links, ALinkExchangedForADirectoryIsNotWalked)
         pause_ms(round % 3 == 0);
     }
     EXPECT_LE(settled_marks_of(watch.process().pid()), 3u);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 }  // namespace

@@ -51,8 +51,8 @@ TEST_F(MountChanges, AWatchedDirectoryIsCovered)
     mount_tmpfs(dir);
     const Json ended = watch.next_of("ended");
     EXPECT_EQ(ended["path"], dir);
-    EXPECT_EQ(ended["reason"], "covered");
-    EXPECT_NE(watch.process().wait(), 0);
+    EXPECT_EQ("covered", ended["reason"]);
+    EXPECT_NE(0, watch.process().wait());
 }
 
 TEST_F(MountChanges, WhatIsWaitedForIsTakenUpAnew)
@@ -60,14 +60,14 @@ TEST_F(MountChanges, WhatIsWaitedForIsTakenUpAnew)
     Watch watch(dir, {"-r", "--wait", "-e", "create"});
     watch.established();
     mount_tmpfs(dir);
-    EXPECT_EQ(watch.next_of("ended")["reason"], "covered");
+    EXPECT_EQ("covered", watch.next_of("ended")["reason"]);
     EXPECT_EQ(watch.next_of("appeared")["path"], dir);
     EXPECT_TRUE(is_watched(watch, dir));
     unmount(dir);
-    EXPECT_EQ(watch.next_of("ended")["reason"], "unmounted");
+    EXPECT_EQ("unmounted", watch.next_of("ended")["reason"]);
     EXPECT_EQ(watch.next_of("appeared")["path"], dir);
     EXPECT_TRUE(is_watched(watch, dir));
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
@@ -77,7 +77,7 @@ TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
     watch.established();
     mount_tmpfs(sub);
     Json loss = watch.next_of("loss");
-    EXPECT_EQ(loss["source"], "watches");
+    EXPECT_EQ("watches", loss["source"]);
     EXPECT_EQ(loss["path"], sub);
     EXPECT_TRUE(is_watched(watch, sub));
     watch.barrier(sub);
@@ -86,7 +86,7 @@ TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
     EXPECT_EQ(loss["path"], sub);
     EXPECT_TRUE(is_watched(watch, sub));
     watch.barrier(sub);
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 }  // namespace

@@ -44,7 +44,7 @@ Answer run(const std::vector<std::string> &arguments)
 
 void expect_refused(const Answer &answer, const std::string &reason)
 {
-    EXPECT_EQ(answer.status, 2);
+    EXPECT_EQ(2, answer.status);
     EXPECT_TRUE(answer.lines.empty());
     EXPECT_NE(answer.errors.find(reason), std::string::npos) << answer.errors;
     EXPECT_EQ(answer.errors.find('\n'), answer.errors.size() - 1) << answer.errors;
@@ -53,7 +53,7 @@ void expect_refused(const Answer &answer, const std::string &reason)
 /* The value of "KEY = VALUE". */
 int number_in(const std::string &line, const std::string &key)
 {
-    EXPECT_EQ(line.rfind(key + " = ", 0), 0u) << line;
+    EXPECT_EQ(0u, line.rfind(key + " = ", 0)) << line;
     return atoi(line.substr(std::min(line.size(), key.size() + 3)).c_str());
 }
 
@@ -62,7 +62,7 @@ std::map<std::string, Json> doctor_checks()
     std::map<std::string, Json> checks;
     for (const std::string &line : run({"doctor", "--format", "json"}).lines) {
         const Json check = Json::parse(line);
-        EXPECT_EQ(check.value("type", ""), "check");
+        EXPECT_EQ("check", check.value("type", ""));
         checks[check.value("section", "") + " " + check.value("name", "")] = check;
     }
     return checks;
@@ -76,10 +76,10 @@ TEST(Offsets, OfTheRunningKernel)
 {
     NEED(access(kBtf, R_OK) == 0, "this kernel was built without BTF");
     const Answer answer = run({"offsets", "--release", "6.1.0-37-amd64"});
-    ASSERT_EQ(answer.status, 0) << answer.errors;
-    ASSERT_EQ(answer.lines.size(), 3u);
+    ASSERT_EQ(0, answer.status) << answer.errors;
+    ASSERT_EQ(3u, answer.lines.size());
     struct utsname name;
-    ASSERT_EQ(uname(&name), 0);
+    ASSERT_EQ(0, uname(&name));
     EXPECT_EQ(answer.lines[0], std::string("[6.1.0-37-") + name.machine + "]");
     const int s_mounts = number_in(answer.lines[1], "s_mounts_offset"),
               mnt_id = number_in(answer.lines[2], "mnt_id_offset");
@@ -93,7 +93,7 @@ TEST(Offsets, OfTheRunningKernel)
     EXPECT_EQ(run({"offsets", "--release", "6.1.0-37-amd64", tree.path("btf")}).lines, answer.lines);
     expect_refused(run({"offsets", tree.path("btf")}), "--release");
     const Answer json = run({"offsets", "-f", "json", "--release", "6.1.0-37-amd64"});
-    ASSERT_EQ(json.lines.size(), 1u);
+    ASSERT_EQ(1u, json.lines.size());
     EXPECT_EQ(Json::parse(json.lines[0]).value("s_mounts_offset", 0), s_mounts);
     EXPECT_EQ(Json::parse(json.lines[0]).value("mnt_id_offset", 0), mnt_id);
 }
@@ -122,7 +122,7 @@ TEST(Offsets, Refusals)
 TEST(Doctor, EveryLine)
 {
     const Answer text = run({"doctor"}), json = run({"doctor", "--format", "json"});
-    EXPECT_EQ(text.errors, "");
+    EXPECT_EQ("", text.errors);
     EXPECT_TRUE(text.status == 0 || text.status == 1) << text.status;
     EXPECT_EQ(json.status, text.status);
     ASSERT_EQ(json.lines.size(), text.lines.size());
@@ -131,7 +131,7 @@ TEST(Doctor, EveryLine)
         const Json check = Json::parse(json.lines[i]);
         const std::string state = check.value("state", "");
         EXPECT_TRUE(state == "ok" || state == "warn" || state == "no") << json.lines[i];
-        EXPECT_EQ(text.lines[i].rfind(state + " ", 0), 0u) << text.lines[i];
+        EXPECT_EQ(0u, text.lines[i].rfind(state + " ", 0)) << text.lines[i];
         EXPECT_EQ(text.lines[i].find('\033'), std::string::npos) << "no terminal, no colours";
         missing |= state == "no" && check.value("reachable", true);
     }
@@ -142,9 +142,9 @@ TEST(Doctor, SeesTheMachine)
 {
     const auto checks = doctor_checks();
     struct utsname name;
-    ASSERT_EQ(uname(&name), 0);
-    EXPECT_EQ(checks.at("installation monitor")["state"], "ok");
-    EXPECT_EQ(checks.at("installation fmon.ini")["state"], "ok");
+    ASSERT_EQ(0, uname(&name));
+    EXPECT_EQ("ok", checks.at("installation monitor")["state"]);
+    EXPECT_EQ("ok", checks.at("installation fmon.ini")["state"]);
     EXPECT_NE(checks.at("kernel release").value("text", "").find(name.release), std::string::npos);
     EXPECT_EQ(checks.at("rights CAP_SYS_ADMIN")["state"] == "ok", is_root() && testlib::can_fanotify());
     EXPECT_EQ(checks.at("fanotify group")["state"] == "ok", testlib::can_fanotify());

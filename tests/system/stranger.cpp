@@ -129,7 +129,7 @@ Body in_own_namespace(Body body)
 std::string strangers_dir(testlib::TempTree &tree, const std::string &below)
 {
     std::string dir = tree.dir(below);
-    EXPECT_EQ(chmod(tree.root().c_str(), 0711), 0);
+    EXPECT_EQ(0, chmod(tree.root().c_str(), 0711));
     /* Where it fails the process is none that could become a stranger, either. */
     EXPECT_TRUE(chown(dir.c_str(), kStranger, kStranger) == 0 || !testlib::is_root()) << strerror(errno);
     return dir;
@@ -179,7 +179,7 @@ bool Background::wait(int ms)
 
 /* ---- what he does ---- */
 
-#define CHECK_CALL(call, path) EXPECT_EQ(call, 0) << (path) << ": " << strerror(errno)
+#define CHECK_CALL(call, path) EXPECT_EQ(0, call) << (path) << ": " << strerror(errno)
 
 void bind_mount(const std::string &from, const std::string &to)
 {
@@ -203,7 +203,7 @@ int take_lease(const std::string &file, int type)
     signal(SIGIO, SIG_IGN);
     int fd = open(file.c_str(), (type == F_WRLCK ? O_RDWR : O_RDONLY) | O_CLOEXEC);
     EXPECT_GE(fd, 0) << file << ": " << strerror(errno);
-    EXPECT_EQ(fcntl(fd, F_SETLEASE, type), 0) << file << ": " << strerror(errno);
+    EXPECT_EQ(0, fcntl(fd, F_SETLEASE, type)) << file << ": " << strerror(errno);
     return fd;
 }
 

@@ -29,14 +29,14 @@ TEST(Stranger, HasNoRights)
     NEED(can_be_stranger(), kNeedsStranger);
     TempTree tree;
     std::string home = strangers_dir(tree, "home"), others = tree.file("others", "x");
-    EXPECT_EQ(chmod(others.c_str(), 0644), 0);
+    EXPECT_EQ(0, chmod(others.c_str(), 0644));
     EXPECT_TRUE(run(as_stranger([&] {
-        EXPECT_EQ(getuid(), kStranger);
-        EXPECT_EQ(getgroups(0, nullptr), 0);
+        EXPECT_EQ(kStranger, getuid());
+        EXPECT_EQ(0, getgroups(0, nullptr));
         make_file(home + "/mine");
         EXPECT_LT(open(others.c_str(), O_WRONLY), 0);
         EXPECT_LT(open("/etc/shadow", O_RDONLY), 0);
-        EXPECT_NE(setuid(0), 0);
+        EXPECT_NE(0, setuid(0));
     })));
 }
 
@@ -50,11 +50,11 @@ TEST(Stranger, MountsInHisNamespaceOnly)
         mount_tmpfs(there);
         make_dir(there + "/inside");
         bind_mount(home, there + "/inside");
-        EXPECT_EQ(access((there + "/inside/there").c_str(), F_OK), 0);
+        EXPECT_EQ(0, access((there + "/inside/there").c_str(), F_OK));
         EXPECT_LT(open("/etc/shadow", O_RDONLY), 0);
     })));
-    EXPECT_EQ(access(there.c_str(), F_OK), 0);
-    EXPECT_NE(access((there + "/inside").c_str(), F_OK), 0);
+    EXPECT_EQ(0, access(there.c_str(), F_OK));
+    EXPECT_NE(0, access((there + "/inside").c_str(), F_OK));
 }
 
 /* What is checked in a child, and what does not end, reaches the test. */
@@ -78,7 +78,7 @@ TEST(Stranger, LeasesHoldUpOpening)
         take_lease(file, F_WRLCK);
     }));
     EXPECT_LT(open(file.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC), 0);
-    EXPECT_EQ(errno, EWOULDBLOCK);
+    EXPECT_EQ(EWOULDBLOCK, errno);
 }
 
 /* ---- what he can do to the monitor ---- */
@@ -155,7 +155,7 @@ TEST_F(Strangers, AliasesTakeNoMarksAway)
     })));
     expect_heard(watch, sub);
     expect_marks(watch, watched_);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* Links take the place of directories that are about to be looked into. */
@@ -186,7 +186,7 @@ TEST_F(Strangers, LinksLeadNoWatchElsewhere)
                     2 * kPatienceMs));
     expect_marks(watch, watched_);
     expect_heard(watch, his + "/d/usr");
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* Ten directories one in the other, each with a name of 120 bytes, and five others beside each. */
@@ -196,9 +196,9 @@ void make_deep(const std::string &top)
     int dir = open(top.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     for (int level = 0; level < 10; level++) {
         for (int i = 0; i < 5; i++)
-            EXPECT_EQ(mkdirat(dir, std::to_string(i).c_str(), 0755), 0);
+            EXPECT_EQ(0, mkdirat(dir, std::to_string(i).c_str(), 0755));
         const std::string name(120, 'd');
-        EXPECT_EQ(mkdirat(dir, name.c_str(), 0755), 0);
+        EXPECT_EQ(0, mkdirat(dir, name.c_str(), 0755));
         const int next = openat(dir, name.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
         close(dir);
         dir = next;
@@ -228,7 +228,7 @@ TEST_F(Strangers, DeepTreesDoNotFillTheCache)
     for (auto line = dump.line(); line; line = dump.line(), lines++)
         EXPECT_EQ(line->find("/deep"), std::string::npos) << *line;
     EXPECT_GT(lines, 0) << dump.errors();
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 }  // namespace

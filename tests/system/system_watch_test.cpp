@@ -114,7 +114,7 @@ KnownMount known_mount()
 bool is_on_known_mount(const std::string &path)
 {
     struct statx facts = {};
-    EXPECT_EQ(statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &facts), 0) << path;
+    EXPECT_EQ(0, statx(AT_FDCWD, path.c_str(), 0, STATX_MNT_ID, &facts)) << path;
     const auto all = known_mounts();
     return std::any_of(all.begin(), all.end(), [&](const KnownMount &m) { return m.id == facts.stx_mnt_id; });
 }
@@ -188,8 +188,8 @@ TEST_F(System, ShowsPathsAndProcesses)
     EXPECT_EQ(watch.event(), path("old") + ":moved_from 103");
     happens("Krt", "new", 103);
     EXPECT_EQ(watch.event(), path("new") + ":moved_to 103");
-    EXPECT_EQ(watch.process.interrupt(), 0) << watch.process.errors();
-    EXPECT_EQ(watch.process.errors(), "");
+    EXPECT_EQ(0, watch.process.interrupt()) << watch.process.errors();
+    EXPECT_EQ("", watch.process.errors());
 }
 
 TEST_F(System, NamesAProcessThatLives)
@@ -200,18 +200,18 @@ TEST_F(System, NamesAProcessThatLives)
     ASSERT_TRUE(event);
     EXPECT_EQ((*event)["process"].value("exe", ""), fs::read_symlink("/proc/self/exe").string()) << *event;
     EXPECT_EQ((*event)["process"].value("ppid", 0), getppid());
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, SwitchesOnWhatIsAskedForOnly)
 {
     SystemWatch watch(launch("delete,create"));
-    EXPECT_EQ(probes.calls("event_enable"), (std::vector<std::string>{"event_enable 49 Ku", "event_enable 49 Kc"}));
+    EXPECT_EQ((std::vector<std::string>{"event_enable 49 Ku", "event_enable 49 Kc"}), probes.calls("event_enable"));
     for (const char *event : {"Km", "Krf", "Krt", "Kl"}) /* of links nothing is ever shown */
         happens(event, "unseen", 101);
     happens("Kc", "seen", 101);
     EXPECT_EQ(watch.event(), path("seen") + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, AnUnknownMountIsShownFromTheRoot)
@@ -219,8 +219,8 @@ TEST_F(System, AnUnknownMountIsShownFromTheRoot)
     mount = {};
     SystemWatch watch(launch("create"));
     happens("Kc", "made", 101);
-    EXPECT_EQ(watch.event(), "/some/folder/made:create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ("/some/folder/made:create 101", watch.event());
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, NamesOfEveryKindArriveWhole)
@@ -236,7 +236,7 @@ TEST_F(System, NamesOfEveryKindArriveWhole)
     EXPECT_TRUE(event->contains("path_bytes")) << *event;
     happens("Kc", std::string(80, 'l'), 101); /* more than is fetched: the rest is a pattern */
     EXPECT_EQ(watch.event(), path(std::string(62, 'l')) + "*:create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, RecordsWithoutAPathAreLeftOut)
@@ -249,7 +249,7 @@ TEST_F(System, RecordsWithoutAPathAreLeftOut)
     probes.put("Kc", 101, "");
     happens("Kc", "good", 101);
     EXPECT_EQ(watch.event(), path("good") + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 /* More than a FIFO holds and than one pass takes. */
@@ -263,7 +263,7 @@ TEST_F(System, ABurstArrivesWhole)
     });
     for (int i = 0; i < kMany; i++)
         ASSERT_EQ(watch.event(), path("f" + std::to_string(i)) + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 /* ---- close_write: from the marks on all mounts where these can be had, else from its probe ---- */
@@ -286,7 +286,7 @@ TEST_F(System, CloseWriteComesFromTheMountsAsRoot)
         seen.insert(watch.event());
     EXPECT_TRUE(seen.count(made) && seen.count(written)) << watch.process.errors();
     EXPECT_FALSE(seen.count(path("unseen") + ":close_write 101"));
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, CloseWriteComesFromItsProbeWithoutFanotify)
@@ -296,7 +296,7 @@ TEST_F(System, CloseWriteComesFromItsProbeWithoutFanotify)
     EXPECT_TRUE(probes.called("event_enable 49 Km"));
     happens("Km", "written", 101);
     EXPECT_EQ(watch.event(), path("written") + ":close_write 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, OtherKindsNeedNoFanotify)
@@ -305,7 +305,7 @@ TEST_F(System, OtherKindsNeedNoFanotify)
     SystemWatch watch(without_fanotify(launch("create")));
     happens("Kc", "made", 101);
     EXPECT_EQ(watch.event(), path("made") + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 /* ---- a watched folder beside the probes: the kernel's deliveries come through the library ---- */
@@ -316,16 +316,16 @@ TEST_F(System, AWatchedFoldersEventsNameTheirProcess)
     Process watch(installation.launch({"watch", "-e", "create", "--format", "json", tree.root()}));
     auto first = watch.line();
     ASSERT_TRUE(first) << watch.errors();
-    EXPECT_EQ(Json::parse(*first)["type"], "established");
+    EXPECT_EQ("established", Json::parse(*first)["type"]);
     struct stat st = {};
-    ASSERT_EQ(lstat(tree.root().c_str(), &st), 0);
+    ASSERT_EQ(0, lstat(tree.root().c_str(), &st));
     probes.put("Ki", 101, testlib::inotify_probe_record(st.st_ino, 1, 0x100, "made"));
     auto line = watch.line();
     ASSERT_TRUE(line) << watch.errors();
     const Json event = Json::parse(*line);
     EXPECT_EQ(event["path"], tree.path("made"));
-    EXPECT_EQ(event["pid"], 101);
-    EXPECT_EQ(watch.interrupt(), 0);
+    EXPECT_EQ(101, event["pid"]);
+    EXPECT_EQ(0, watch.interrupt());
 }
 
 /* ---- the monitor's state ---- */
@@ -341,12 +341,12 @@ TEST_F(System, AScriptedEventIsSeenInTheDump)
         happens("Kc", "held" + std::to_string(seconds), 101);
         while (auto line = dump.line(2 * kPatienceMs))
             text += *line + "\n";
-        EXPECT_EQ(dump.wait(), 0) << dump.errors();
+        EXPECT_EQ(0, dump.wait()) << dump.errors();
         EXPECT_EQ(watch.event(), path("held" + std::to_string(seconds)) + ":create 101");
     }
     EXPECT_NE(text.find(path("held")), std::string::npos) << text;
     EXPECT_NE(text.find("create pid 101, ref 1, pending 0"), std::string::npos) << text;
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 /* ---- what cannot be had is said in one line ---- */
@@ -355,11 +355,11 @@ void expect_refused(const Launch &launch, const std::string &reason)
 {
     SCOPED_TRACE(reason);
     Process process(launch);
-    EXPECT_EQ(process.line(), std::nullopt);
-    EXPECT_EQ(process.wait(), 2);
+    EXPECT_EQ(std::nullopt, process.line());
+    EXPECT_EQ(2, process.wait());
     const std::string errors = process.errors();
     EXPECT_NE(errors.find(reason), std::string::npos) << errors;
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    EXPECT_EQ(1, std::count(errors.begin(), errors.end(), '\n')) << errors;
 }
 
 TEST_F(System, WithoutTheLibrary)
@@ -384,10 +384,10 @@ TEST_F(System, WithoutTheConfigurationItStillWorks)
 {
     fs::remove(installation.config());
     SystemWatch watch(launch("create"));
-    EXPECT_EQ(probes.calls("evt_reg Kc security_inode_create 0 p \"mnt=+172(+192(").size(), sizeof(void *) == 8);
+    EXPECT_EQ(sizeof(void *) == 8, probes.calls("evt_reg Kc security_inode_create 0 p \"mnt=+172(+192(").size());
     happens("Kc", "made", 101);
     EXPECT_EQ(watch.event(), path("made") + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 TEST_F(System, WhenTheLibraryRefuses)
@@ -404,10 +404,10 @@ TEST_F(System, ALibraryThatStopsAnsweringEndsNothing)
     SystemWatch watch(launch("create"));
     probes.behave("fail kp_event_parse");
     happens("Kc", "late", 101);
-    EXPECT_EQ(watch.next(1000), std::nullopt);
+    EXPECT_EQ(std::nullopt, watch.next(1000));
     probes.behave("");
     EXPECT_EQ(watch.event(), path("late") + ":create 101");
-    EXPECT_EQ(watch.process.interrupt(), 0);
+    EXPECT_EQ(0, watch.process.interrupt());
 }
 
 }  // namespace

@@ -75,7 +75,7 @@ TEST_F(TwoClients, TheSlowOneMergesAndTheFastOneLosesNothing)
     EXPECT_LE(slow.deliveries, kFiles / 4);
     EXPECT_GE(slow.deliveries, 1);
     agent.close_input();
-    EXPECT_EQ(agent.wait(), 0) << agent.errors();
+    EXPECT_EQ(0, agent.wait()) << agent.errors();
 }
 
 /* Without a pause both are told the same. */
@@ -92,7 +92,7 @@ TEST_F(TwoClients, TwoFastOnesAreToldTheSame)
     };
     follow(agent, [&] { return complete("fast") && complete("slow"); });
     agent.close_input();
-    EXPECT_EQ(agent.wait(), 0) << agent.errors();
+    EXPECT_EQ(0, agent.wait()) << agent.errors();
 }
 
 }  // namespace

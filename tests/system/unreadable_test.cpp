@@ -47,13 +47,13 @@ TEST_F(Unreadable, IsNamedAtTheStartAndWatchedLater)
         Watch watch(home, {"-r", "-e", "create"});
         watch.established();
         const Json loss = watch.next_of("loss");
-        EXPECT_EQ(loss["source"], "watches");
+        EXPECT_EQ("watches", loss["source"]);
         EXPECT_EQ(loss["path"], home + "/closed");
-        EXPECT_EQ(loss["count"], 1);
+        EXPECT_EQ(1, loss["count"]);
         change_mode(home + "/closed", 0700);
         EXPECT_TRUE(is_watched(watch, home + "/closed"));
         EXPECT_TRUE(is_watched(watch, home + "/closed/below"));
-        EXPECT_EQ(watch.stop(), 0);
+        EXPECT_EQ(0, watch.stop());
     });
 }
 
@@ -65,7 +65,7 @@ TEST_F(Unreadable, IsNamedAtRunTimeOnce)
         EXPECT_EQ(0, mkdir((home + "/closed").c_str(), 0));
         const Json loss = watch.next_of("loss");
         EXPECT_EQ(loss["path"], home + "/closed");
-        EXPECT_EQ(loss["count"], 1);
+        EXPECT_EQ(1, loss["count"]);
         pause_ms(2500);
         const std::string said = watch.process().errors();
         EXPECT_NE(said.find(home + "/closed"), std::string::npos) << said;
@@ -75,11 +75,11 @@ TEST_F(Unreadable, IsNamedAtRunTimeOnce)
         make_file(home + "/closed/seen");
         Names told;
         while (auto object = watch.next(1000)) {
-            EXPECT_NE((*object)["type"], "loss") << *object;
+            EXPECT_NE("loss", (*object)["type"]) << *object;
             told.insert(object->value("path", ""));
         }
         EXPECT_TRUE(told.count(home + "/closed/seen"));
-        EXPECT_EQ(watch.stop(), 0);
+        EXPECT_EQ(0, watch.stop());
     });
 }
 

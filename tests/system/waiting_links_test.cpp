@@ -49,8 +49,8 @@ TEST(WaitingLinks, WhatIsMissingIsSaid)
     std::filesystem::remove_all(missing);
     const Json ended = watch.next_of("ended", kPickUpMs);
     EXPECT_EQ(ended["path"], missing);
-    EXPECT_EQ(ended["reason"], "deleted");
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ("deleted", ended["reason"]);
+    EXPECT_EQ(0, watch.stop());
 }
 
 TEST(WaitingLinks, AFolderAboveThatIsReplaced)
@@ -68,8 +68,8 @@ TEST(WaitingLinks, AFolderAboveThatIsReplaced)
     auto event = watch.next();
     ASSERT_TRUE(event);
     EXPECT_EQ((*event)["path"], path + "/seen");
-    EXPECT_EQ(watch.next(1500), std::nullopt);
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(std::nullopt, watch.next(1500));
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* Root's own links are followed, as they always were. */
@@ -87,7 +87,7 @@ TEST(WaitingLinks, ALinkOfOnesOwnIsFollowed)
     EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], tree.path("link"));
     make_file(target + "/g");
     EXPECT_FALSE(tells(watch, target + "/g"));
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 class StrangersLinks : public testing::Test
@@ -120,7 +120,7 @@ TEST_F(StrangersLinks, AreNotFollowedByAWait)
         make_dir(home + "/x/log");
     })));
     EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], home + "/x/log");
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 TEST_F(StrangersLinks, AreNotFollowedByAPattern)
@@ -137,7 +137,7 @@ TEST_F(StrangersLinks, AreNotFollowedByAPattern)
     make_file(home + "/y/log/f");
     EXPECT_TRUE(tells(watch, home + "/y/log/f"));
     EXPECT_FALSE(tells(watch, tree.root()));
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* What is watched already does not become something else. */
@@ -157,7 +157,7 @@ TEST_F(StrangersLinks, DoNotTakeAWatchElsewhere)
     make_file(secret + "/log/f");
     EXPECT_TRUE(run(as_stranger([&] { make_file(home + "/old/log/f"); })));
     EXPECT_FALSE(tells(watch, tree.root()));
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 }  // namespace

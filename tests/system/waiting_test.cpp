@@ -41,7 +41,7 @@ TEST(Waiting, ForADirectoryAgainAndAgain)
         while (watch.next(300)) {
         }
     }
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST(Waiting, ForADirectoryThatIsMovedAway)
@@ -55,10 +55,10 @@ TEST(Waiting, ForADirectoryThatIsMovedAway)
     while (watch.next(300)) {
     }
     make_file(away + "/unseen");
-    EXPECT_EQ(watch.next(500), std::nullopt);
+    EXPECT_EQ(std::nullopt, watch.next(500));
     make_dir(dir);
     expect_watched(watch, dir, "b");
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 TEST(Waiting, ForADirectoryBelowMissingParents)
@@ -69,7 +69,7 @@ TEST(Waiting, ForADirectoryBelowMissingParents)
     watch.established();
     std::filesystem::create_directories(dir);
     expect_watched(watch, dir, "f");
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* Everything that a pattern matches, now or later. */
@@ -91,8 +91,8 @@ TEST(Waiting, ForWhatAPatternMatches)
     }
     expect_watched(watch, tree.path("one/log"), "h");
     make_file(tree.path("other/tmp/unseen"));
-    EXPECT_EQ(watch.next(1500), std::nullopt);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(std::nullopt, watch.next(1500));
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 /* Found once, watched once: one file gives one event although the pattern has been looked up many times. */
@@ -108,8 +108,8 @@ TEST(Waiting, WatchesAMatchOnce)
     auto event = watch.next();
     ASSERT_TRUE(event);
     EXPECT_EQ((*event)["path"], log + "/single");
-    EXPECT_EQ(watch.next(1500), std::nullopt);
-    EXPECT_EQ(watch.stop(), 0) << watch.process().errors();
+    EXPECT_EQ(std::nullopt, watch.next(1500));
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
 }
 
 }  // namespace

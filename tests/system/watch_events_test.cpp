@@ -35,7 +35,7 @@ protected:
     void TearDown() override
     {
         if (watch_) {
-            EXPECT_EQ(watch_->stop(), 0) << watch_->process().errors();
+            EXPECT_EQ(0, watch_->stop()) << watch_->process().errors();
         }
     }
 
@@ -68,8 +68,8 @@ TEST_F(WatchEvents, OfFiles)
     section("move out", [&] { move(in("c"), out("c")); }, {{"c", "moved_from"}});
     section("write outside", [&] { append_file(out("c")); }, {});
     section("move in", [&] { move(out("c"), in("e")); }, {{"e", "moved_to"}});
-    section("symbolic link", [&] { EXPECT_EQ(symlink("b", in("l").c_str()), 0); }, {{"l", "create"}});
-    section("FIFO", [&] { EXPECT_EQ(mkfifo(in("p").c_str(), 0600), 0); }, {{"p", "create"}});
+    section("symbolic link", [&] { EXPECT_EQ(0, symlink("b", in("l").c_str())); }, {{"l", "create"}});
+    section("FIFO", [&] { EXPECT_EQ(0, mkfifo(in("p").c_str(), 0600)); }, {{"p", "create"}});
     section("delete", [&] { remove_file(in("b")), remove_file(in("l")); }, {{"b", "delete"}, {"l", "delete"}});
 }
 
@@ -225,10 +225,10 @@ TEST(WatchPids, EveryModifyAndCloseNamesItsWriter)
     Paths want;
     for (int i = 0; i < 10; i++)
         want["f" + std::to_string(i)] = names("modify,close_write,close_nowrite");
-    EXPECT_EQ(watch.barrier(tree.root(), {"close_write"}), want);
+    EXPECT_EQ(want, watch.barrier(tree.root(), {"close_write"}));
     for (const Json &event : watch.events())
         EXPECT_EQ(event["pid"], writer[event["path"]]) << event;
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* Two writers of one file are told apart. */
@@ -246,9 +246,10 @@ TEST(WatchPids, TwoWritersOfOneFile)
     for (const Json &event : watch.events())
         for (const std::string name : event["events"])
             by_pid[event["pid"].number()].insert(name);
-    EXPECT_EQ(by_pid, (std::map<int, Names>{{first.pid(), names("modify,close_write")},
-                                            {second.pid(), names("modify,close_write")}}));
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(
+        (std::map<int, Names>{{first.pid(), names("modify,close_write")}, {second.pid(), names("modify,close_write")}}),
+        by_pid);
+    EXPECT_EQ(0, watch.stop());
 }
 
 /* ---- the first line ---- */
@@ -260,19 +261,19 @@ TEST(WatchEstablished, ComesFirstAndCountsDirectories)
     Watch watch(tree.root(), {"-r", "-e", "create"});
     Json first = watch.established();
     EXPECT_EQ(first["paths"], Json::array({tree.root()})) << first;
-    EXPECT_EQ(first["directories"], 5) << first; /* the root and four below */
-    EXPECT_EQ(watch.stop(), 0);
+    EXPECT_EQ(5, first["directories"]) << first; /* the root and four below */
+    EXPECT_EQ(0, watch.stop());
 }
 
 TEST(WatchEstablished, IsNotSaidOfAMissingPath)
 {
     TempTree tree;
     Process process({{std::string(FMON_TEST_BIN) + "/fmon", "watch", "--format", "json", tree.path("missing")}});
-    EXPECT_EQ(process.line(), std::nullopt);
-    EXPECT_EQ(process.wait(), 2);
+    EXPECT_EQ(std::nullopt, process.line());
+    EXPECT_EQ(2, process.wait());
     std::string errors = process.errors();
     EXPECT_NE(errors.find(tree.path("missing")), std::string::npos) << errors;
-    EXPECT_EQ(std::count(errors.begin(), errors.end(), '\n'), 1) << errors;
+    EXPECT_EQ(1, std::count(errors.begin(), errors.end(), '\n')) << errors;
 }
 
 }  // namespace

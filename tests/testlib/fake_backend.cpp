@@ -184,7 +184,7 @@ Monitor::Monitor(int max_events, int max_dentries, int tbd_interval)
 {
     memcpy(&pristine, &fmon, sizeof fmon);
     fmon.hardened = hardened();
-    EXPECT_EQ(fmon_init(max_events, max_dentries, tbd_interval), 0);
+    EXPECT_EQ(0, fmon_init(max_events, max_dentries, tbd_interval));
 }
 
 /* The object is put back as it was: what a stopped monitor keeps must not reach the next test. */

@@ -263,7 +263,7 @@ void *th_mutex_init(void)
 int th_mutex_lock(void *mutex)
 {
     int err = pthread_mutex_lock(static_cast<pthread_mutex_t *>(mutex));
-    EXPECT_EQ(err, 0) << "locked twice by one thread";
+    EXPECT_EQ(0, err) << "locked twice by one thread";
     mutex_locks++;
     if (!err)
         locks_held++;
@@ -273,7 +273,7 @@ int th_mutex_lock(void *mutex)
 int th_mutex_unlock(void *mutex)
 {
     int err = pthread_mutex_unlock(static_cast<pthread_mutex_t *>(mutex));
-    EXPECT_EQ(err, 0) << "unlocked by a thread that does not hold it";
+    EXPECT_EQ(0, err) << "unlocked by a thread that does not hold it";
     if (!err)
         locks_held--;
     return err;
@@ -281,7 +281,7 @@ int th_mutex_unlock(void *mutex)
 
 void th_mutex_destroy(void *mutex)
 {
-    EXPECT_EQ(pthread_mutex_destroy(static_cast<pthread_mutex_t *>(mutex)), 0) << "destroyed while locked";
+    EXPECT_EQ(0, pthread_mutex_destroy(static_cast<pthread_mutex_t *>(mutex))) << "destroyed while locked";
     delete static_cast<pthread_mutex_t *>(mutex);
     mutexes_live--;
 }

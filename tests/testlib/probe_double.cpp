@@ -68,7 +68,7 @@ void ProbeDouble::behave(const std::string &lines)
 {
     /* In one step: the library may read at any moment. */
     std::ofstream(tree_.path("behave.new")) << lines << "\n";
-    EXPECT_EQ(rename(tree_.path("behave.new").c_str(), tree_.path("behave").c_str()), 0);
+    EXPECT_EQ(0, rename(tree_.path("behave.new").c_str(), tree_.path("behave").c_str()));
 }
 
 std::vector<std::string> ProbeDouble::calls() const { return calls(""); }
