@@ -2,11 +2,11 @@
 # by <> or is no file of ours comes as "FROM LINE <NAME>". Facts of files come twice: as the first input, to be known, and
 # as the second.
 #
-# A name is looked for beside the file that includes it, then in the folders that our targets have on their paths.
+# A name is looked for beside the file that includes it, then in the directories that our targets have on their paths.
 
 BEGIN {
     FS = OFS = "\t"
-    count = split("include/ src/ ./ tests/ tests/kernels/ host/ kprobe/ container/ agent/ output/ cli/", folders, " ")
+    count = split("include/ src/ ./ tests/ tests/kernels/ host/ kprobe/ container/ agent/ output/ cli/", directories, " ")
 }
 
 $1 == "file" && NR == FNR { known[$2] = 1 }
@@ -20,7 +20,7 @@ function resolve(from, what,    i, target) {
     sub(/[^\/]*$/, "", target)
     target = straight(target what)
     for (i = 1; !(target in known) && i <= count; ++i)
-        target = straight((folders[i] == "./" ? "" : folders[i]) what)
+        target = straight((directories[i] == "./" ? "" : directories[i]) what)
     return target in known ? target : "<" what ">"
 }
 

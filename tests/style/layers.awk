@@ -1,14 +1,14 @@
 # Holds includes (the lines of includes.awk) and what CMakeLists.txt files name against the tables of docs/architecture.md,
-# which come first. A row of the first table is a layer: its folders stand in the first cell, in the third what it may use: a
-# folder, a header, or "everything". A row of the second is an exception: a file, and the headers it may include all the same.
+# which come first. A row of the first table is a layer: its directories stand in the first cell, in the third what it may use: a
+# directory, a header, or "everything". A row of the second is an exception: a file, and the headers it may include all the same.
 #
 # Prints one line a violation: FILE:LINE: what may not be.
 
 BEGIN { FS = "\t" }
 
 FILENAME ~ /architecture\.md$/ {
-    if ($0 ~ /^\| *(folder|file) *\|/)
-        table = ($0 ~ /folder/) ? "layers" : "exceptions"
+    if ($0 ~ /^\| *(directory|file) *\|/)
+        table = /^\| *directory/ ? "layers" : "exceptions"
     else if ($0 !~ /^\|/)
         table = ""
     else if (table != "" && $0 !~ /^\|-/)
@@ -20,7 +20,8 @@ FILENAME ~ /architecture\.md$/ {
     ++uses
     from = layer_of($1)
     if (from == "") {
-        print $1 ":" $2 ": is in no layer of docs/architecture.md"
+        if (!homeless[$1]++)
+            print $1 ": is in no layer of docs/architecture.md"
         bad = 1
     } else if ($3 ~ /^</)
         check_language()
@@ -38,20 +39,20 @@ END {
     exit bad
 }
 
-function read_row(line,    cells, i, folder, count, names) {
+function read_row(line,    cells, i, directory, count, names) {
     split(line, cells, /[ \t]*\|[ \t]*/)
     count = ticked(cells[2], names)
     for (i = 1; i <= count; ++i) {
-        folder = names[i]
+        directory = names[i]
         if (table == "layers") {
             ++layers
-            known[folder] = 1
+            known[directory] = 1
             if (cells[4] ~ /^everything/)
-                all[folder] = 1
+                all[directory] = 1
             if (cells[4] ~ /no run-time library/)
-                bare[folder] = 1
+                bare[directory] = 1
         }
-        allow(folder, cells[table == "layers" ? 4 : 3])
+        allow(directory, cells[table == "layers" ? 4 : 3])
     }
 }
 
@@ -69,7 +70,7 @@ function ticked(cell, names,    parts, count, i, found) {
     return found + 0
 }
 
-# The layer that a file belongs to: the longest folder of the table above it.
+# The layer that a file belongs to: the longest directory of the table above it.
 function layer_of(file) {
     sub(/[^\/]*$/, "", file)
     while (file != "" && !(file in known))

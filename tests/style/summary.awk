@@ -57,7 +57,7 @@ END {
     exit limits != ""
 }
 
-# The folder that a file is in.
+# The directory that a file is in.
 function room_of(path) {
     sub(/\/[^\/]*$/, "", path)
     if (!(path in seen)) {
@@ -94,7 +94,7 @@ function print_longest(what,    i) {
 }
 
 function print_files(    i) {
-    printf "%-44s %6s %7s\n", "folder", "files", "lines"
+    printf "%-44s %6s %7s\n", "directory", "files", "lines"
     for (i = 1; i <= room_count; ++i)
         printf "%-44s %6d %7d\n", rooms[i], files[rooms[i]], lines[rooms[i]]
 }

@@ -1,5 +1,5 @@
-# What a folder's CMakeLists.txt takes of other folders, as the lines of includes.awk: "FROM LINE TO". A target NAME or
-# NAME_objects is that of a folder of its name (fmon_objects that of src/), and sources are named from the checkout's root.
+# What a directory's CMakeLists.txt takes of other directories, as the lines of includes.awk: "FROM LINE TO". A target NAME or
+# NAME_objects is that of a directory of its name (fmon_objects that of src/), and sources are named from the checkout's root.
 
 BEGIN { OFS = "\t" }
 
@@ -11,12 +11,12 @@ BEGIN { OFS = "\t" }
         $0 = substr($0, 1, RSTART - 1) " " substr($0, RSTART + RLENGTH)
     }
     while (match($0, /[a-z_]+_objects/)) {
-        used(folder_of(substr($0, RSTART, RLENGTH - 8)) "/")
+        used(directory_of(substr($0, RSTART, RLENGTH - 8)) "/")
         $0 = substr($0, 1, RSTART - 1) " " substr($0, RSTART + RLENGTH)
     }
 }
 
-function folder_of(name) { return name == "fmon" ? "src" : name }
+function directory_of(name) { return name == "fmon" ? "src" : name }
 
 # A source goes by its header.
 function used(what) {
