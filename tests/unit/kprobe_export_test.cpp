@@ -5,12 +5,14 @@
 
 #include <cerrno>
 #include <cstring>
+#include <future>
 #include <thread>
 
 #include "in_child.h"
 #include "kp_thread_utils.h"
 #include "kprobe_instance_fixture.h"
 #include "kprobe_subjects.h"
+#include "testlib/kernel_double/library_thread.h"
 
 using namespace kprobe_fixture;
 using testlib::KernelDouble;
@@ -19,6 +21,7 @@ namespace
 {
 
 const int garbage = 7;
+std::promise<void> fork_begun;
 
 /* Every entry with a handle that is none, and whatever else it takes. */
 void expect_negative(void *handle)
@@ -193,6 +196,8 @@ TEST(KprobeExport, a_fork_while_the_library_tries_things_out)
             looked_at(path);
             if (forking.joinable())
                 return;
+            /* Registered last, called first: then the library's own handler waits for the one that tries things out. */
+            EXPECT_EQ(0, pthread_atfork([] { fork_begun.set_value(); }, nullptr, nullptr));
             forking = std::thread([&status] {
                 const pid_t child = fork();
                 if (child == 0) {
@@ -201,7 +206,7 @@ TEST(KprobeExport, a_fork_while_the_library_tries_things_out)
                 }
                 waitpid(child, &status, 0);
             });
-            usleep(20000);
+            fork_begun.get_future().wait();
         };
         const kp_os_info *info = nullptr;
         EXPECT_EQ(0, _os_info_get(&info));
@@ -234,7 +239,7 @@ TEST(KprobeExport, many_forks_while_records_come)
             waitpid(child, &status, 0);
             ASSERT_EQ(0, status) << i;
         }
-        usleep(20000);
+        EXPECT_TRUE(testlib::await_sleep());
         kp_event_parse(0, handle);
         EXPECT_EQ(50u, received.size());
         EXPECT_EQ(0, kp_ins_del(handle));

@@ -135,7 +135,7 @@ struct Fixture {
     /* Time passes, and the events that had the filter before are closed. */
     void settle()
     {
-        usleep(kprobe::Replacement::kOverlap / 1000);
+        testlib::pass_time(kprobe::Replacement::kOverlap);
         EXPECT_FALSE(instance.close_replaced());
     }
     std::vector<std::string> parse(size_t budget = 1000)

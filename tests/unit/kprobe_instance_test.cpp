@@ -348,7 +348,7 @@ TEST(KprobeInstanceMounts, unknown_and_new)
     EXPECT_EQ(Paths{}, f.parse());
     EXPECT_EQ(1u, f.losses().unreadable);
     f.kernel.file("/proc/self/mountinfo", "50 1 0:77 / /new rw - tmpfs tmpfs rw\n");
-    usleep(110000); /* the table is not read for every record */
+    testlib::pass_time(110000000); /* the table is not read for every record */
     f.create("/a");
     f.sweep();
     f.instance.parse(10);

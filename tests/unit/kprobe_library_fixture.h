@@ -15,6 +15,7 @@
 #include "kprobe_instance_fixture.h"
 #include "kprobe_subjects.h"
 #include "library.h"
+#include "testlib/kernel_double/library_thread.h"
 
 namespace kprobe_fixture
 {
@@ -24,12 +25,9 @@ using kprobe::Library;
 /* Without what the library's thread has open for a moment. */
 inline int lasting_descriptors()
 {
-    int least = open_descriptors();
-    for (int i = 0; i < 5; i++) {
-        usleep(1000);
-        least = std::min(least, open_descriptors());
-    }
-    return least;
+    int open = -1;
+    EXPECT_TRUE(testlib::at_rest([&] { open = open_descriptors(); }));
+    return open;
 }
 
 /* A handle with its descriptors. */

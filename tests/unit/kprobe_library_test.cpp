@@ -113,7 +113,9 @@ TEST(KprobeLibrary, from_a_hit_to_the_callback)
                 ASSERT_EQ(1, w.create(wanted.back(), i % 2));
             }
             EXPECT_EQ(wanted, w.wait_for(source, wanted.size())) << burst;
-            usleep(burst * 30000); /* so that the thread goes to sleep, until the bell */
+            if (burst > 0) {
+                EXPECT_TRUE(testlib::await_sleep()); /* until the bell */
+            }
         }
     }
 }
@@ -300,6 +302,6 @@ TEST(KprobeLibrary, records_come_also_when_what_the_thread_sleeps_on_is_closed)
     for (int i = 0; i < 3; i++) {
         w.create("/x");
         EXPECT_EQ(Paths{"/x"}, w.wait_for(source, 1)) << i;
-        usleep(60000);
+        EXPECT_TRUE(testlib::await_turn());
     }
 }

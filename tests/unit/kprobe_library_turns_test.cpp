@@ -4,6 +4,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <barrier>
 #include <thread>
 
 #include "kprobe_library_fixture.h"
@@ -58,8 +59,8 @@ TEST(KprobeLibraryTurns, processors_that_come_are_heard)
     w.kernel.file("/sys/devices/system/cpu/online", "0-1\n");
     ASSERT_TRUE(other.open(w.probes, "other"));
     int heard = 0;
-    for (int i = 0; i < 1000 && heard == 0; i++) {
-        usleep(1000);
+    for (int i = 0; i < 100 && heard == 0; i++) {
+        EXPECT_TRUE(testlib::await_turn());
         heard = w.create("/heard", 1);
     }
     EXPECT_EQ(1, heard);
@@ -83,7 +84,7 @@ TEST(KprobeLibraryTurns, no_turn_takes_more_than_the_monitor_reads)
     for (int i = 0; i < 5 * kCpus; i++)
         hits += static_cast<size_t>(w.create("/x", i % kCpus));
     ASSERT_EQ(5u * kCpus, hits);
-    usleep(50000);
+    EXPECT_TRUE(testlib::await_sleep());
     size_t got = 0;
     for (int turn = 0; turn < 100 && got < hits; turn++) {
         const int in_turn = is_readable(source.fds[0]) ? w.probes.parse(0, source.handle) : 0;
@@ -113,7 +114,7 @@ TEST(KprobeLibraryTurns, a_turn_is_one_budget_for_all_sources)
         ASSERT_EQ(1, w.create("/x", i % 2));
         ASSERT_EQ(1, w.kernel.hit({"inotify_handle_inode_event", {mark, IN_OPEN, 0, 0, 0, 0}, 1, 1, i % 2}));
     }
-    usleep(50000);
+    EXPECT_TRUE(testlib::await_sleep());
     int got = 0, from_file = 0;
     for (int turn = 0; turn < 100 && got < 600; turn++) {
         int in_turn = w.probes.parse(0, inotify.handle);
@@ -138,18 +139,21 @@ TEST(KprobeLibraryTurns, hits_from_many_threads_while_it_is_used)
     ASSERT_TRUE(source.open(w.probes, "clt_file"));
     w.add(source.handle, "Kc");
     const uint64_t entry = w.objects.path(w.super, "/same");
+    constexpr uint32_t kRounds = 60, kHits = 20;
     std::atomic<size_t> hits = 0;
-    std::atomic<bool> stop = false;
+    std::barrier<> round(3);
     std::vector<std::thread> threads;
     for (const int cpu : {0, 1})
         threads.emplace_back([&, cpu] {
-            for (uint32_t tid = 1; !stop; tid++) { /* equal hits of one thread while a filter is replaced count once */
-                hits += w.kernel.hit({"security_inode_create", {0, entry, 0}, 1, tid, cpu}) > 0 ? 1 : 0;
-                usleep(50);
+            for (uint32_t tid = 0; tid < kRounds * kHits; tid++) { /* equal ones of a thread may be told as one */
+                if (tid % kHits == 0)
+                    round.arrive_and_wait();
+                hits += w.kernel.hit({"security_inode_create", {0, entry, 0}, 1, tid + 1, cpu}) > 0 ? 1 : 0;
             }
         });
     const auto instance = w.probes.find(source.handle);
-    for (int i = 0; i < 60; i++) {
+    for (uint32_t i = 0; i < kRounds; i++) {
+        round.arrive_and_wait();
         w.probes.parse(0, source.handle);
         if (i % 10 == 3) {
             EXPECT_EQ(0, instance->filter("Kc", i % 20 == 3 ? "mnt==23" : ""));
@@ -158,9 +162,8 @@ TEST(KprobeLibraryTurns, hits_from_many_threads_while_it_is_used)
             EXPECT_EQ(0, instance->enable("Kc", false));
             EXPECT_EQ(0, instance->enable("Kc", true));
         }
-        usleep(2000);
+        EXPECT_TRUE(testlib::await_turn());
     }
-    stop = true;
     for (std::thread &thread : threads)
         thread.join();
     w.wait_for(source, SIZE_MAX); /* until nothing comes */

@@ -10,6 +10,7 @@
 #include "kp_thread_utils.h"
 #include "kprobe_instance_fixture.h"
 #include "testlib/failing_new.h"
+#include "testlib/kernel_double/library_thread.h"
 
 namespace
 {
@@ -197,8 +198,8 @@ TEST(KprobeOutOfMemory, switches_and_filters)
             const int n =
                 fail_each_allocation([&] { return _kp_event_filter(name, "mnt==20||mnt==23", handle); }, is_any);
             EXPECT_GT(n, 5) << name;
-            for (int i = 0; i < 100 && library.kernel.perf.open_events() != 4u + 8u; i++)
-                usleep(10000); /* the library's thread closes what the change left open */
+            testlib::pass_time(kprobe::Replacement::kOverlap);
+            EXPECT_TRUE(testlib::await_sleep()); /* the library's thread has closed what the change left open */
             EXPECT_EQ(4u + 8u, library.kernel.perf.open_events());
         }
         EXPECT_EQ(1u, library.expect_working());
@@ -284,13 +285,13 @@ TEST(KprobeOutOfMemory, the_thread)
         uint64_t hits = 0;
         for (; hits < 40; hits++) {
             library.kernel.hit({"security_inode_create", {0, library.objects.path(library.super, "/a"), 0}});
-            usleep(500);
+            EXPECT_TRUE(testlib::await_turn());
         }
         EXPECT_GT(others_failed, 0);
         others_fail = false;
-        usleep(10000);
+        EXPECT_TRUE(testlib::await_turn());
         library.kernel.hit({"security_inode_create", {0, library.objects.path(library.super, "/a"), 0}});
-        usleep(10000);
+        EXPECT_TRUE(testlib::await_sleep());
         while (is_readable(library.fds[0]) && kp_event_parse(0, library.handle) >= 0) {
         }
         kp_losses losses;

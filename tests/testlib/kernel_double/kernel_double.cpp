@@ -45,6 +45,10 @@ KernelDouble::KernelDouble(bool is_64_bit, const std::string &release_text)
 
 KernelDouble::~KernelDouble() { living_double = nullptr; }
 
+static std::atomic<int64_t> passed{0};
+void pass_time(int64_t ns) { passed += ns; }
+int64_t time_passed() { return passed; }
+
 KernelDouble *KernelDouble::living() { return living_double; }
 
 /* ---- files ---- */

@@ -109,6 +109,10 @@ private:
     int next_id_ = 1500;
 };
 
+/* CLOCK_MONOTONIC goes on by that much, in nanoseconds. */
+void pass_time(int64_t ns);
+int64_t time_passed(); /* so far, in all of the process's life */
+
 /* Whether this thread is in the double's own code: what it allocates is no concern of the library's. */
 bool in_kernel();
 

@@ -16,9 +16,11 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstring>
+#include <ctime>
 
 #include "testlib/fault_switch.h"
 #include "testlib/kernel_double/kernel_double.h"
+#include "testlib/kernel_double/library_thread.h"
 
 using testlib::Call;
 using testlib::injected_error;
@@ -111,6 +113,37 @@ int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attr, void *(
     }
 WRAP_STAT(stat, stat)
 WRAP_STAT(stat64, stat64)
+
+/* ---- time ---- */
+
+int __real_clock_gettime(clockid_t clock, struct timespec *now);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *now);
+int __wrap_clock_gettime(clockid_t clock, struct timespec *now)
+{
+    const int result = __real_clock_gettime(clock, now);
+    if (clock == CLOCK_MONOTONIC) {
+        const int64_t ns = now->tv_nsec + testlib::time_passed();
+        now->tv_sec += static_cast<time_t>(ns / 1000000000);
+        now->tv_nsec = static_cast<long>(ns % 1000000000);
+    }
+    return result;
+}
+
+int __real_nanosleep(const struct timespec *time, struct timespec *left);
+int __wrap_nanosleep(const struct timespec *time, struct timespec *left);
+int __wrap_nanosleep(const struct timespec *time, struct timespec *left)
+{
+    const testlib::Rest rest(-1);
+    return __real_nanosleep(time, left);
+}
+
+int __real_epoll_wait(int epoll, struct epoll_event *events, int count, int ms);
+int __wrap_epoll_wait(int epoll, struct epoll_event *events, int count, int ms);
+int __wrap_epoll_wait(int epoll, struct epoll_event *events, int count, int ms)
+{
+    const testlib::Rest rest(epoll);
+    return __real_epoll_wait(epoll, events, count, ms);
+}
 
 /* ---- files ---- */
 
