@@ -55,7 +55,7 @@ thread_local int locks_held = 0;
 std::atomic<int> threads_made{0}, nowait_calls{0}, once_calls{0}, loops{0};
 std::atomic<int> autolog_ends{0}, dll_close_calls{0};
 
-std::string format_text(const char *fmt, va_list args)
+[[gnu::format(printf, 1, 0)]] std::string format_text(const char *fmt, va_list args)
 {
     va_list again;
     va_copy(again, args);
