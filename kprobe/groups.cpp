@@ -25,8 +25,8 @@ constexpr size_t kMostInFilter = 32;  // with more, the kernel lets all pass and
 
 // Never destroyed: see Library::get().
 struct Hidden {
-    std::mutex lock;
-    std::set<int> fds;
+    common::Mutex lock;
+    std::set<int> fds GUARDED_BY(lock);
     static Hidden &get()
     {
         static Hidden *const hidden = new Hidden;
@@ -37,7 +37,7 @@ struct Hidden {
 bool is_hidden(int fd)
 {
     Hidden &hidden = Hidden::get();
-    const std::lock_guard lock(hidden.lock);
+    const common::Lock lock(hidden.lock);
     return hidden.fds.count(fd) != 0;
 }
 
@@ -71,14 +71,14 @@ void ask_queue(int fd)
 void hide_inotify(int fd)
 {
     Hidden &hidden = Hidden::get();
-    const std::lock_guard lock(hidden.lock);
+    const common::Lock lock(hidden.lock);
     hidden.fds.insert(fd);
 }
 
 void show_inotify(int fd)
 {
     Hidden &hidden = Hidden::get();
-    const std::lock_guard lock(hidden.lock);
+    const common::Lock lock(hidden.lock);
     hidden.fds.erase(fd);
 }
 
@@ -119,13 +119,13 @@ int Groups::remember(const std::vector<int> &fds, const std::vector<uint64_t> &g
 int Groups::learn(const Tracefs &tracefs, const Facts &facts)
 {
     forget_closed();
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (!epoll_)
         epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
     if (!epoll_)
         return -errno;
     std::vector<int> fds = inotify_descriptors();
-    std::erase_if(fds, [this](int fd) { return is_known(fd); });
+    std::erase_if(fds, [this](int fd) REQUIRES(lock_) { return is_known(fd); });
     if (fds.empty() && !known_.empty())
         return 0;
     // With none of its own the process is to learn all the same whether they can be told.
@@ -139,19 +139,20 @@ int Groups::learn(const Tracefs &tracefs, const Facts &facts)
 
 void Groups::forget_closed()
 {
-    const std::lock_guard lock(lock_);
-    std::erase_if(known_, [this](const Known &known) { return !watch_closing(epoll_.get(), EPOLL_CTL_MOD, known.fd); });
+    const common::Lock lock(lock_);
+    std::erase_if(known_, [this](const Known &known)
+                              REQUIRES(lock_) { return !watch_closing(epoll_.get(), EPOLL_CTL_MOD, known.fd); });
 }
 
 bool Groups::has(uint64_t group)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     return std::any_of(known_.begin(), known_.end(), [&](const Known &known) { return known.group == group; });
 }
 
 std::string Groups::filter(std::string_view text)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (known_.size() > kMostInFilter)
         return std::string(text);
     std::string groups;
@@ -164,7 +165,7 @@ std::string Groups::filter(std::string_view text)
     return text.empty() ? groups : "(" + std::string(text) + ")&&" + groups;
 }
 
-void Groups::abandon()
+void Groups::abandon() NO_THREAD_SAFETY_ANALYSIS
 {
     known_.clear();
     epoll_.reset();

@@ -9,12 +9,12 @@
 #define KPROBE_GROUPS_H
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/fd.h"
+#include "common/mutex.h"
 #include "facts.h"
 
 namespace kprobe
@@ -35,17 +35,18 @@ class Groups
 public:
     // Looks for inotify descriptors of this process that are new. 1: what is known changed; 0: it did not; negative
     // errno: they cannot be told, and nothing changed.
-    int learn(const Tracefs &tracefs, const Facts &facts);
+    int learn(const Tracefs &tracefs, const Facts &facts) EXCLUDES(lock_);
 
     // Forgets descriptors that were closed: the kernel may give their groups' memory to anybody.
-    void forget_closed();
+    void forget_closed() EXCLUDES(lock_);
 
-    bool has(uint64_t group);
+    bool has(uint64_t group) EXCLUDES(lock_);
 
     // The filter, for deliveries of these instances only.
-    std::string filter(std::string_view text);
+    std::string filter(std::string_view text) EXCLUDES(lock_);
 
-    // In a process that was forked: nothing is known.
+    // In a process that was forked, which has no other thread, though one of the parent's may have held the lock:
+    // nothing is known.
     void abandon();
 
 private:
@@ -53,13 +54,15 @@ private:
         int fd;
         uint64_t group;
     };
-    bool is_known(int fd) const;
-    int ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds, std::vector<uint64_t> *groups);
-    int remember(const std::vector<int> &fds, const std::vector<uint64_t> &groups);
+    bool is_known(int fd) const REQUIRES(lock_);
+    static int ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds,
+                   std::vector<uint64_t> *groups);
+    int remember(const std::vector<int> &fds, const std::vector<uint64_t> &groups) REQUIRES(lock_);
 
-    std::mutex lock_;
-    std::vector<Known> known_;
-    Fd epoll_;  // each known descriptor is registered, for nothing: the kernel forgets it when it is closed
+    common::Mutex lock_;
+    std::vector<Known> known_ GUARDED_BY(lock_);
+    // Each known descriptor is registered, for nothing: the kernel forgets it when it is closed.
+    Fd epoll_ GUARDED_BY(lock_);
 };
 
 }  // namespace kprobe

@@ -157,7 +157,7 @@ void Library::say(const std::string &why)
 
 const char *Library::why_not()
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     return why_;
 }
 
@@ -200,7 +200,7 @@ bool Library::start()
 
 const kp_os_info *Library::os_info()
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (!start())
         return nullptr;
     info_.major = facts_.major;
@@ -232,7 +232,7 @@ Library::Slot *Library::slot_of(void *handle)
 
 std::shared_ptr<Instance> Library::find(void *handle)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     const Slot *slot = slot_of(handle);
     return slot ? slot->instance : nullptr;
 }
@@ -272,9 +272,22 @@ void Library::end(Slot *slot)
     slot->generation++;
 }
 
+// Null: it cannot be made, and the log says why.
+std::shared_ptr<Instance> Library::make_instance(const char *name)
+{
+    const std::vector<int> cpus = online_cpus();
+    auto instance = std::make_shared<Instance>(tracefs_, facts_, group_name(owner_, serial_++, name));
+    if (const int status = instance->open(cpus, sizes_for(cpus.size())); status < 0) {
+        KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
+        return nullptr;
+    }
+    const bool can_tell = strcmp(name, kInotifyName) != 0 || instance->learn_groups() == 0;
+    return can_tell ? instance : nullptr;
+}
+
 void *Library::create(const char *name, int32_t **fds, int32_t *count)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (!name || !*name || !fds || !count || !start())
         return nullptr;
     // The monitor reads its inotify descriptor only where it has no instance for that, so there must be none where no
@@ -286,13 +299,8 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
     Slot *slot = free_slot(name);
     if (!slot || reader_.start() < 0)
         return nullptr;
-    const std::vector<int> cpus = online_cpus();
-    auto instance = std::make_shared<Instance>(tracefs_, facts_, group_name(owner_, serial_++, name));
-    if (const int status = instance->open(cpus, sizes_for(cpus.size())); status < 0) {
-        KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
-        return nullptr;
-    }
-    if (strcmp(name, kInotifyName) == 0 && instance->learn_groups() < 0)
+    auto instance = make_instance(name);
+    if (!instance)
         return nullptr;
     slot->name = name;
     Fd descriptor = instance->copy_descriptor();
@@ -311,7 +319,7 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
 
 int Library::remove(void *handle)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     Slot *slot = slot_of(handle);
     if (!slot)
         return -EINVAL;
@@ -341,7 +349,7 @@ int Library::parse(int32_t index, void *handle)
     std::shared_ptr<Instance> instance;
     size_t budget;
     {
-        const std::lock_guard lock(lock_);
+        const common::Lock lock(lock_);
         const Slot *slot = slot_of(handle);
         if (!slot || index != 0)
             return -EINVAL;
@@ -349,7 +357,7 @@ int Library::parse(int32_t index, void *handle)
         budget = share(turn_order(slot->name));
     }
     const int done = instance->parse(budget);
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     pass_left_ -= std::min(pass_left_, static_cast<size_t>(std::max(done, 0)));
     return done;
 }
@@ -370,7 +378,7 @@ int Library::losses(kp_losses *out)
 {
     std::vector<std::shared_ptr<Instance>> all;
     {
-        const std::lock_guard lock(lock_);
+        const common::Lock lock(lock_);
         if (state_ != kWorking)
             return -ENOTSUP;
         all = instances();
@@ -388,7 +396,7 @@ int Library::losses(kp_losses *out)
 
 void Library::shut_down()
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (state_ != kWorking || owner_.pid != getpid())
         return;
     reader_.stop();
@@ -399,16 +407,17 @@ void Library::shut_down()
     say("the process is ending");
 }
 
-void Library::before_fork()
+// Locks that are taken here are given back in after_fork(), which no analysis of one function sees.
+void Library::before_fork() NO_THREAD_SAFETY_ANALYSIS
 {
     lock_.lock();
-    reader_.lock().lock();
+    reader_.mutex().lock();
     for (const Slot &slot : slots_)
         if (slot.instance)
             slot.instance->lock_for_fork();
 }
 
-void Library::after_fork(bool child)
+void Library::after_fork(bool child) NO_THREAD_SAFETY_ANALYSIS
 {
     if (child) {
         state_ = kUnavailable;
@@ -418,7 +427,7 @@ void Library::after_fork(bool child)
     for (const Slot &slot : slots_)
         if (slot.instance)
             slot.instance->unlock_for_fork();
-    reader_.lock().unlock();
+    reader_.mutex().unlock();
     lock_.unlock();
 }
 

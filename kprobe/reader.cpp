@@ -34,35 +34,43 @@ int Reader::start()
 {
     if (started_)
         return 0;
+    int status = open_descriptors();
+    if (status == 0)
+        status = start_thread();
+    if (status < 0) {
+        forget();
+        return status;
+    }
+    started_ = true;
+    while (tid_ == 0)
+        sched_yield();
+    return 0;
+}
+
+int Reader::open_descriptors()
+{
     epoll_.reset(epoll_create1(EPOLL_CLOEXEC));
     wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    epoll_event event = {EPOLLIN, {.fd = wake_.get()}};
-    if (!epoll_ || !wake_ || epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, wake_.get(), &event) < 0) {
-        const int error = errno;
-        forget();
-        return -error;
-    }
+    if (!epoll_ || !wake_)
+        return -errno;
+    if (const int status = listen_to(wake_.get()); status < 0)
+        return status;
     // Without it the processors are looked at whenever something happens.
-    if (hotplug_.open()) {
-        event.data.fd = hotplug_.fd();
-        if (epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, hotplug_.fd(), &event) < 0)
-            hotplug_.close();
-    }
-    // No signal of the process is handled here.
+    if (hotplug_.open() && listen_to(hotplug_.fd()) < 0)
+        hotplug_.close();
+    return 0;
+}
+
+// No signal of the process is handled there.
+int Reader::start_thread()
+{
     sigset_t all, before;
     sigfillset(&all);
     pthread_sigmask(SIG_SETMASK, &all, &before);
     stopping_ = false;
     const int error = pthread_create(&thread_, nullptr, run, this);
     pthread_sigmask(SIG_SETMASK, &before, nullptr);
-    if (error != 0) {
-        forget();
-        return -error;
-    }
-    started_ = true;
-    while (tid_ == 0)
-        sched_yield();
-    return 0;
+    return -error;
 }
 
 void Reader::stop()
@@ -105,7 +113,7 @@ void Reader::ignore_bells(Instance *instance)
 
 int Reader::add(const std::shared_ptr<Instance> &instance)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     instances_.reserve(instances_.size() + 1);
     int status = 0;
     instance->bells().each_descriptor([&](int fd) { status = status < 0 ? status : listen_to(fd); });
@@ -120,7 +128,7 @@ int Reader::add(const std::shared_ptr<Instance> &instance)
 
 void Reader::remove(const std::shared_ptr<Instance> &instance)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     std::erase(instances_, instance);
     ignore_bells(instance.get());
 }
@@ -155,7 +163,7 @@ void Reader::wait()
 // False: nothing came and nothing is held back.
 bool Reader::sweep_all()
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     const uint64_t safe = now_ns() - kSlackNs;
     bool busy = false;
     for (const auto &instance : instances_) {
@@ -180,7 +188,7 @@ bool Reader::follow(Instance *instance, const std::vector<int> &online)
 
 void Reader::follow_processors()
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     if (hotplug_.take(&renewed_))
         look_again_ = true;
     if (!look_again_)
@@ -199,7 +207,7 @@ void Reader::follow_processors()
 
 void Reader::arm_all(bool on)
 {
-    const std::lock_guard lock(lock_);
+    const common::Lock lock(lock_);
     for (const auto &instance : instances_)
         instance->bells().arm(on);
 }

@@ -12,10 +12,10 @@
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "common/fd.h"
+#include "common/mutex.h"
 #include "hotplug.h"
 #include "instance.h"
 
@@ -32,34 +32,36 @@ public:
     void stop();
 
     // 0 or a negative errno.
-    int add(const std::shared_ptr<Instance> &instance);
+    int add(const std::shared_ptr<Instance> &instance) EXCLUDES(lock_);
     // When it returns, the thread does not touch the instance any more.
-    void remove(const std::shared_ptr<Instance> &instance);
+    void remove(const std::shared_ptr<Instance> &instance) EXCLUDES(lock_);
 
     // The thread's id; 0: it does not run.
     int tid() const { return tid_; }
 
-    std::mutex &lock() { return lock_; }
+    common::Mutex &mutex() RETURN_CAPABILITY(lock_) { return lock_; }
     // In a process that was forked there is no thread.
-    void abandon();
+    void abandon() REQUIRES(lock_);
 
 private:
+    int open_descriptors();
+    int start_thread();
     static void *run(void *self);
     void loop();
     int listen_to(int fd);
     void ignore_bells(Instance *instance);
     void wait();
     void forget();
-    bool sweep_all();
-    void follow_processors();
-    bool follow(Instance *instance, const std::vector<int> &online);
-    void arm_all(bool on);
+    bool sweep_all() EXCLUDES(lock_);
+    void follow_processors() EXCLUDES(lock_);
+    bool follow(Instance *instance, const std::vector<int> &online) REQUIRES(lock_);
+    void arm_all(bool on) EXCLUDES(lock_);
 
-    std::mutex lock_;  // instances_
-    std::vector<std::shared_ptr<Instance>> instances_;
-    Fd epoll_, wake_;
-    Hotplug hotplug_;
-    std::set<int> renewed_;  // processors that were told of
+    common::Mutex lock_;
+    std::vector<std::shared_ptr<Instance>> instances_ GUARDED_BY(lock_);
+    std::set<int> renewed_ GUARDED_BY(lock_);  // processors that came or went
+    Fd epoll_, wake_;                          // change only while the thread does not run
+    Hotplug hotplug_;                          // the same; what it has is the thread's
     std::atomic<bool> look_again_ = false;
     pthread_t thread_ = {};
     std::atomic<int> tid_ = 0;
