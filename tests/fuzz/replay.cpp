@@ -1,6 +1,6 @@
 /*
- * Gives a fuzz target the files and folders that its command line names, each whole and cut off at every length up to
- * kCuts; without a fuzzer, this is what keeps the targets and what they once found tested.
+ * Gives a fuzz target the files and directories that its command line names, each whole and cut off at every length up
+ * to kCuts; without a fuzzer, this is what keeps the targets and what they once found tested.
  */
 #include <cstdint>
 #include <cstdio>

@@ -1,5 +1,5 @@
 # shellcheck shell=sh
-# Debian packages of any suite and architecture without touching the machine's own package lists: apt with a folder of
+# Debian packages of any suite and architecture without touching the machine's own package lists: apt with a directory of
 # its own for each pair. Proxies and keys are the machine's. Sourced; the functions talk on stderr and return 1 with
 # a reason where something cannot be had.
 
@@ -58,7 +58,7 @@ Dir::Etc::preferencesparts "$1/none";
 END
 }
 
-# Package lists older than a day are fetched anew. What fails here may still be in the folder of an earlier run.
+# Package lists older than a day are fetched anew. What fails here may still be in the directory of an earlier run.
 apt_update() {
     [ -z "$(find "$1/updated" -mtime -1 2>/dev/null)" ] || return 0
     if apt-get -c "$1/apt.conf" -q update >"$1/update.log" 2>&1; then

@@ -121,8 +121,8 @@ TEST_F(Blinding, AStrangersNamespaceTakesNoMark)
     for (const char *below : {"/d/f", "/f"})
         change_mode(w + below, 0644);
     change_mode(w, 0755), change_mode(w + "/d", 0755);
-    Watch file(w + "/f", {"-e", "open,close_write"}), folder(w, {"-r", "-e", "create,modify,open,close_write"});
-    file.established(), folder.established();
+    Watch file(w + "/f", {"-e", "open,close_write"}), directory(w, {"-r", "-e", "create,modify,open,close_write"});
+    file.established(), directory.established();
     make_link(w, home + "/t"), make_link(tree.root(), home + "/u");
     run(in_own_namespace([&] {
         mount_tmpfs(home);
@@ -141,13 +141,13 @@ TEST_F(Blinding, AStrangersNamespaceTakesNoMark)
     auto event = file.next();
     ASSERT_TRUE(event) << "the watched file is deaf";
     EXPECT_EQ((*event)["path"], w + "/f");
-    pass_over(folder);
-    EXPECT_EQ(Lines(), wrong_marks(folder.process().pid(), w));
+    pass_over(directory);
+    EXPECT_EQ(Lines(), wrong_marks(directory.process().pid(), w));
     append_file(w + "/d/f");
-    event = folder.next();
+    event = directory.next();
     ASSERT_TRUE(event) << "the watched folder is deaf";
     EXPECT_EQ(0, file.stop()) << file.process().errors();
-    EXPECT_EQ(0, folder.stop()) << folder.process().errors();
+    EXPECT_EQ(0, directory.stop()) << directory.process().errors();
 }
 
 /* The name of a directory that was read becomes a link to somewhere else before it is marked or entered. */

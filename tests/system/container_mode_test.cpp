@@ -2,7 +2,7 @@
  * The monitor in a container that sees its host's files below /rootfs.
  *
  * The test is the container: it moves into a mount namespace of its own whose root is a new, empty file system, with
- * the machine's root bound to /rootfs and the machine's folders bound to their usual names, so that programs and
+ * the machine's root bound to /rootfs and the machine's directories bound to their usual names, so that programs and
  * temporary trees are found under one path inside and outside. "On the host" is the namespace that it came from. The
  * machine itself is not changed, and the last process of the namespace takes everything along.
  *
@@ -38,7 +38,7 @@ constexpr int kSilenceMs = 500;
 int host_namespace = -1;
 bool in_container;
 
-/* Mounts over a folder of the machine that this test has nothing in. */
+/* Mounts over a directory of the machine that this test has nothing in. */
 std::string place_for_root()
 {
     const std::string used[] = {fs::temp_directory_path().string() + "/", FMON_TEST_BIN "/",
@@ -56,8 +56,8 @@ bool bind_tree(const std::string &from, const std::string &to)
     return mkdir(to.c_str(), 0755) == 0 && mount(from.c_str(), to.c_str(), nullptr, MS_BIND | MS_REC, nullptr) == 0;
 }
 
-/* The machine's top-level folders and links under their names, but for the one that the new root covers. */
-bool bind_folders(const std::string &root)
+/* The machine's top-level directories and links under their names, but for the one that the new root covers. */
+bool bind_directories(const std::string &root)
 {
     for (const fs::directory_entry &entry : fs::directory_iterator("/")) {
         const std::string name = entry.path().string();
@@ -81,7 +81,7 @@ std::string enter_container()
         return "a root";
     if (!bind_tree("/", root + "/rootfs"))
         return "/rootfs";
-    if (!bind_folders(root))
+    if (!bind_directories(root))
         return "the machine's folders";
     return chroot(root.c_str()) == 0 && chdir("/") == 0 ? "" : "chroot";
 }
@@ -168,7 +168,7 @@ protected:
     }
 
     TempTree home, tree;
-    std::string data;       /* a folder of the host's */
+    std::string data;       /* a directory of the host's */
     std::string seen;       /* as the container sees it */
     std::string host_mount; /* the number of the mount that it is on, on the host */
 };
@@ -350,7 +350,7 @@ TEST_F(ContainerMode, AWatchOnAnotherContainersRootIsToldItsName)
     EXPECT_EQ(0, agent.wait());
 }
 
-/* The command takes such a path as it is, too: its link would lead to the container's own folder of that name. */
+/* The command takes such a path as it is, too: its link would lead to the container's own directory of that name. */
 TEST_F(ContainerMode, TheCommandWatchesAnotherContainersRoot)
 {
     install("whole");

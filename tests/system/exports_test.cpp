@@ -113,14 +113,14 @@ Names declared(const std::string &header, const std::string &mark = "")
 Names marked_for_export()
 {
     Names out;
-    for (const char *folder : {"/include", "/src", "/src/linux"})
-        for (const auto &entry : std::filesystem::directory_iterator(std::string(FMON_TEST_SOURCE) + folder))
+    for (const char *directory : {"/include", "/src", "/src/linux"})
+        for (const auto &entry : std::filesystem::directory_iterator(std::string(FMON_TEST_SOURCE) + directory))
             if (entry.path().extension() == ".h")
                 out.merge(declared_in(entry.path(), "FMON_API"));
     return out;
 }
 
-/* The names in the first column of the table below that heading, folders' names left out. */
+/* The names in the first column of the table below that heading, directories' names left out. */
 Names table_of(const std::string &document, const std::string &heading)
 {
     Names out;

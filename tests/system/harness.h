@@ -20,7 +20,7 @@ namespace systest
 {
 
 using Names = std::set<std::string>;
-using Paths = std::map<std::string, Names>; /* path below the watched folder -> event names */
+using Paths = std::map<std::string, Names>; /* path below the watched directory -> event names */
 
 constexpr int kPatienceMs = 15000; /* a machine under load is slow, not wrong */
 
@@ -83,7 +83,7 @@ bool probes_work();
 /* The longest file name, in bytes, that is reported whole. */
 size_t longest_name();
 
-/* `fmon watch --format json ARGUMENTS` over one folder. */
+/* `fmon watch --format json ARGUMENTS` over one directory. */
 class Watch
 {
 public:
@@ -122,7 +122,7 @@ private:
     int markers_ = 0;
 };
 
-/* The test agent over one folder, with both clients' watches placed. */
+/* The test agent over one directory, with both clients' watches placed. */
 class Agent : public Process
 {
 public:

@@ -20,7 +20,7 @@
 #include <time.h>
 
 static atomic_int creations;
-static char folder[4096];
+static char directory[4096];
 
 #define CHECK(condition)                                                            \
     do {                                                                            \
@@ -32,33 +32,33 @@ static char folder[4096];
 
 static int32_t on_event(struct event *ev)
 {
-    size_t length = strlen(folder);
-    int below = strncmp(ev->path, folder, length) == 0 && ev->path[length] == '/';
+    size_t length = strlen(directory);
+    int below = strncmp(ev->path, directory, length) == 0 && ev->path[length] == '/';
     if (below && (ev->mask & FMON_CREATE) && strcmp(ev->path + length + 1, "file") == 0)
         atomic_fetch_add(&creations, 1);
     return 0;
 }
 
-static void make_folder(void)
+static void make_directory(void)
 {
     const char *tmp = getenv("TMPDIR");
-    snprintf(folder, sizeof folder, "%s/c11-XXXXXX", tmp ? tmp : "/tmp");
-    CHECK(mkdtemp(folder));
+    snprintf(directory, sizeof directory, "%s/c11-XXXXXX", tmp ? tmp : "/tmp");
+    CHECK(mkdtemp(directory));
 }
 
 static void make_file(void)
 {
     char path[4200];
-    snprintf(path, sizeof path, "%s/file", folder);
+    snprintf(path, sizeof path, "%s/file", directory);
     FILE *file = fopen(path, "w");
     CHECK(file && fclose(file) == 0);
 }
 
-static void remove_folder(void)
+static void remove_directory(void)
 {
     char path[4200];
-    snprintf(path, sizeof path, "%s/file", folder);
-    CHECK(remove(path) == 0 && remove(folder) == 0);
+    snprintf(path, sizeof path, "%s/file", directory);
+    CHECK(remove(path) == 0 && remove(directory) == 0);
 }
 
 static int wait_for_creation(void)
@@ -82,10 +82,10 @@ static void check_names(void)
 static void check_refusals(uint32_t id)
 {
     CHECK(_orx_fmon_create_instance("c11", callback_func) == FMON_EEXIST);
-    CHECK(_orx_fmon_add_watch(id, folder, FMON_CREATE, FMON_DIR, 0, 0) == FMON_EEXIST);
-    CHECK(_orx_fmon_add_watch(id, folder, FMON_CREATE, FMON_FILE, 0, 0) != 0);
+    CHECK(_orx_fmon_add_watch(id, directory, FMON_CREATE, FMON_DIR, 0, 0) == FMON_EEXIST);
+    CHECK(_orx_fmon_add_watch(id, directory, FMON_CREATE, FMON_FILE, 0, 0) != 0);
     CHECK(_orx_fmon_add_watch(id, "relative", FMON_CREATE, FMON_DIR, 0, 0) == FMON_EINVAL);
-    CHECK(_orx_fmon_add_watch(id, folder, FMON_LINK, FMON_DIR, 0, 0) != 0);
+    CHECK(_orx_fmon_add_watch(id, directory, FMON_LINK, FMON_DIR, 0, 0) != 0);
     CHECK(_orx_fmon_del_watch(id, "/nowhere") == FMON_ENOENT);
     CHECK(_orx_fmon_del_instance(17) == -1);
 }
@@ -97,7 +97,7 @@ int main(void)
     CHECK(_orx_fmon_losses(&losses) == FMON_ENOTINIT);
     CHECK(_orx_fmon_create_instance("c11", on_event) == FMON_ENOTINIT);
     check_names();
-    make_folder();
+    make_directory();
     error_output_level = ORX_LOG_WARNING;
 
     CHECK(orx_fmon_init(0, NULL) == 0);
@@ -105,7 +105,7 @@ int main(void)
     CHECK(g_container_flag == 0 || g_container_flag == 1);
     int id = _orx_fmon_create_instance("c11", on_event);
     CHECK(id == 0);
-    CHECK(_orx_fmon_add_watch((uint32_t)id, folder, FMON_CREATE | FMON_DELETE, FMON_DIR, 0, 0) == 0);
+    CHECK(_orx_fmon_add_watch((uint32_t)id, directory, FMON_CREATE | FMON_DELETE, FMON_DIR, 0, 0) == 0);
     check_refusals((uint32_t)id);
     make_file();
     CHECK(wait_for_creation() == 1);
@@ -114,9 +114,9 @@ int main(void)
     CHECK(_orx_get_container_path(container_path) == 0);
     CHECK(strcmp(container_path, "/rootfs/var/lib/docker/containers/*") == 0);
 
-    CHECK(_orx_fmon_del_watch((uint32_t)id, folder) == 0);
+    CHECK(_orx_fmon_del_watch((uint32_t)id, directory) == 0);
     CHECK(_orx_fmon_del_instance((uint32_t)id) == 0);
-    remove_folder();
+    remove_directory();
     CHECK(atomic_load(&creations) == 1);
     puts("ok");
     return 0;

@@ -107,7 +107,7 @@ TEST_F(Inotify, HardLinksShareAWatchDescriptor)
     EXPECT_EQ(watch(tree_.path("b"), IN_ATTRIB), wd);
 }
 
-/* A link is a creation in the folder and touches the watched file's attributes only. */
+/* A link is a creation in the directory and touches the watched file's attributes only. */
 TEST_F(Inotify, HardLinkIsACreation)
 {
     int root = watch(tree_.root(), IN_ALL_EVENTS);

@@ -23,8 +23,8 @@ namespace
 size_t marks_of(pid_t pid)
 {
     size_t count = 0;
-    const std::string folder = "/proc/" + std::to_string(pid) + "/fdinfo";
-    for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+    const std::string directory = "/proc/" + std::to_string(pid) + "/fdinfo";
+    for (const auto &entry : std::filesystem::directory_iterator(directory)) {
         std::ifstream file(entry.path());
         for (std::string line; std::getline(file, line);)
             count += line.rfind("inotify wd:", 0) == 0;

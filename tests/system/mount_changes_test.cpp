@@ -33,10 +33,11 @@ protected:
         }
         umount2((dir + "/sub").c_str(), MNT_DETACH);
     }
-    /* Makes files in a folder until one is told. */
-    bool is_watched(Watch &watch, const std::string &folder)
+    /* Makes files in a directory until one is told. */
+    bool is_watched(Watch &watch, const std::string &directory)
     {
-        return !watch.until_reported([&](int round) { make_file(folder + "/file" + std::to_string(round)); }).empty();
+        return !watch.until_reported([&](int round) { make_file(directory + "/file" + std::to_string(round)); })
+                    .empty();
     }
 
     static inline bool own_mounts = false;

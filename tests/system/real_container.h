@@ -90,23 +90,24 @@ inline std::vector<std::string> mounts_of(int pid)
 class Container
 {
 public:
-    explicit Container(const testlib::TempTree &tree) : folder_(made(tree.path(id_)))
+    explicit Container(const testlib::TempTree &tree) : directory_(made(tree.path(id_)))
     {
         make_root(tree);
-        std::filesystem::create_directory(folder_ + "/rootfs");
+        std::filesystem::create_directory(directory_ + "/rootfs");
         const std::string options =
-            "lowerdir=" + tree.path("lower") + ",upperdir=" + folder_ + "/up,workdir=" + folder_ + "/scratch";
-        EXPECT_EQ(mount("overlay", (folder_ + "/rootfs").c_str(), "overlay", 0, options.c_str()), 0) << strerror(errno);
+            "lowerdir=" + tree.path("lower") + ",upperdir=" + directory_ + "/up,workdir=" + directory_ + "/scratch";
+        EXPECT_EQ(mount("overlay", (directory_ + "/rootfs").c_str(), "overlay", 0, options.c_str()), 0)
+            << strerror(errno);
         configure();
-        EXPECT_EQ(mkfifo((folder_ + "/in").c_str(), 0600), 0);
-        in_ = open((folder_ + "/in").c_str(), O_RDWR | O_CLOEXEC);
-        runc("run --bundle " + folder_ + " " + id_ + " <" + folder_ + "/in >" + folder_ + "/out 2>&1 &");
+        EXPECT_EQ(mkfifo((directory_ + "/in").c_str(), 0600), 0);
+        in_ = open((directory_ + "/in").c_str(), O_RDWR | O_CLOEXEC);
+        runc("run --bundle " + directory_ + " " + id_ + " <" + directory_ + "/in >" + directory_ + "/out 2>&1 &");
         await_start();
     }
     ~Container()
     {
         stop();
-        umount2((folder_ + "/rootfs").c_str(), MNT_DETACH);
+        umount2((directory_ + "/rootfs").c_str(), MNT_DETACH);
         close(in_);
     }
     Container(const Container &) = delete;
@@ -133,22 +134,22 @@ private:
     }
     void runc(const std::string &rest) const
     {
-        const std::string command = "runc --root " + folder_ + "/state " + rest;
+        const std::string command = "runc --root " + directory_ + "/state " + rest;
         [[maybe_unused]] const int status = std::system(command.c_str());
     }
     void configure() const
     {
-        const std::string spec = "cd " + folder_ + " && runc spec";
+        const std::string spec = "cd " + directory_ + " && runc spec";
         ASSERT_EQ(std::system(spec.c_str()), 0);
-        const Json config = Json::parse(content(folder_ + "/config.json"));
-        std::ofstream(folder_ + "/config.json")
+        const Json config = Json::parse(content(directory_ + "/config.json"));
+        std::ofstream(directory_ + "/config.json")
             << config.with("/process/terminal", "false")
                    .with("/process/args", R"(["/bin/sh", "-c", "while read x; do echo y >/data/$x; done"])")
                    .with("/root/readonly", "false");
     }
     void await_start()
     {
-        const std::string state = folder_ + "/state/" + id_ + "/state.json";
+        const std::string state = directory_ + "/state/" + id_ + "/state.json";
         for (const int64_t end = now_ms() + kPatienceMs; pid_ == 0 && now_ms() < end; pause_ms(20)) {
             const std::optional<Json> json = Json::parse_if(content(state));
             const int pid = json ? json->value("init_process_pid", 0) : 0;
@@ -157,16 +158,16 @@ private:
             if (pid > 0 && std::getline(comm, name) && name == "sh")
                 pid_ = pid;
         }
-        EXPECT_NE(pid_, 0) << std::ifstream(folder_ + "/out").rdbuf();
+        EXPECT_NE(pid_, 0) << std::ifstream(directory_ + "/out").rdbuf();
     }
-    static std::string made(const std::string &folder)
+    static std::string made(const std::string &directory)
     {
         for (const char *name : {"", "/up", "/scratch"})
-            std::filesystem::create_directory(folder + name);
-        return folder;
+            std::filesystem::create_directory(directory + name);
+        return directory;
     }
 
-    const std::string id_ = fresh_id(), folder_;
+    const std::string id_ = fresh_id(), directory_;
     int in_ = -1, pid_ = 0;
 };
 

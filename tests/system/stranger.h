@@ -26,7 +26,7 @@ constexpr uid_t kStranger = 65534; /* user and group */
 using Body = std::function<void()>;
 
 /* Whether this process may become somebody else who reaches temporary trees; whether that one may have namespaces of
- * his own. Use as: NEED(can_be_stranger(), "needs root, and a folder of temporary files that others may enter"). */
+ * his own. Use as: NEED(can_be_stranger(), "needs root, and a directory of temporary files that others may enter"). */
 bool can_be_stranger();
 bool can_have_namespace();
 

@@ -308,9 +308,9 @@ TEST_F(System, OtherKindsNeedNoFanotify)
     EXPECT_EQ(0, watch.process.interrupt());
 }
 
-/* ---- a watched folder beside the probes: the kernel's deliveries come through the library ---- */
+/* ---- a watched directory beside the probes: the kernel's deliveries come through the library ---- */
 
-TEST_F(System, AWatchedFoldersEventsNameTheirProcess)
+TEST_F(System, AWatchedDirectorysEventsNameTheirProcess)
 {
     TempTree tree;
     Process watch(installation.launch({"watch", "-e", "create", "--format", "json", tree.root()}));

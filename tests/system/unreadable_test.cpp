@@ -29,9 +29,10 @@ protected:
     /* Becomes the stranger for good: each case runs in a child. */
     void as_user(const std::function<void()> &body) { EXPECT_TRUE(run(as_stranger(body), 60000)); }
 
-    static bool is_watched(Watch &watch, const std::string &folder)
+    static bool is_watched(Watch &watch, const std::string &directory)
     {
-        return !watch.until_reported([&](int round) { make_file(folder + "/file" + std::to_string(round)); }).empty();
+        return !watch.until_reported([&](int round) { make_file(directory + "/file" + std::to_string(round)); })
+                    .empty();
     }
 
     TempTree tree;

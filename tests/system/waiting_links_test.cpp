@@ -1,5 +1,5 @@
 /*
- * Paths that are waited for, and patterns, where others may fill them: folders that are replaced, links.
+ * Paths that are waited for, and patterns, where others may fill them: directories that are replaced, links.
  */
 #include <gtest/gtest.h>
 #include <unistd.h>
@@ -53,7 +53,7 @@ TEST(WaitingLinks, WhatIsMissingIsSaid)
     EXPECT_EQ(0, watch.stop());
 }
 
-TEST(WaitingLinks, AFolderAboveThatIsReplaced)
+TEST(WaitingLinks, ADirectoryAboveThatIsReplaced)
 {
     TempTree tree;
     const std::string path = tree.dir("a/b");

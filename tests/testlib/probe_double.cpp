@@ -43,16 +43,16 @@ bool write_whole(int fd, const std::string &bytes)
 
 std::string probe_double_installation(const std::string &without)
 {
-    const std::string folder = FMON_TEST_PROBE_DOUBLES "/";
+    const std::string directory = FMON_TEST_PROBE_DOUBLES "/";
     if (without.empty())
-        return folder + "whole";
-    return folder + "without_" + (without[0] == '_' ? without.substr(1) : without);
+        return directory + "whole";
+    return directory + "without_" + (without[0] == '_' ? without.substr(1) : without);
 }
 
-ProbeDouble::ProbeDouble() { setenv(kVariable, folder().c_str(), 1); }
+ProbeDouble::ProbeDouble() { setenv(kVariable, directory().c_str(), 1); }
 ProbeDouble::~ProbeDouble() { unsetenv(kVariable); }
 
-std::string ProbeDouble::environment() const { return kVariable + ("=" + folder()); }
+std::string ProbeDouble::environment() const { return kVariable + ("=" + directory()); }
 
 void ProbeDouble::set_os_info(const OsInfo &info)
 {

@@ -17,7 +17,7 @@ namespace testlib
 /* An installation (with bin/ and lib/) whose library is a double: the whole one, or the one without that symbol. */
 std::string probe_double_installation(const std::string &without = "");
 
-/* While it lives, doubles in this process and in children take their folder from here. */
+/* While it lives, doubles in this process and in children take their directory from here. */
 class ProbeDouble
 {
 public:
@@ -26,7 +26,7 @@ public:
     ProbeDouble(const ProbeDouble &) = delete;
     ProbeDouble &operator=(const ProbeDouble &) = delete;
 
-    std::string folder() const { return tree_.root(); }
+    std::string directory() const { return tree_.root(); }
     std::string environment() const; /* the variable's setting, for a program that is started */
 
     struct OsInfo {

@@ -140,7 +140,7 @@ TEST_F(ContainerLibCensus, AVisitorFromAUsersGroupIsNotFirst)
 TEST_F(ContainerLibCensus, OwnersOfGroupsAreAsked)
 {
     const std::string folder = "/system.slice/build.service/docker-" + kB + ".scope";
-    const std::string user = std::to_string(world.make_users_folder("sys/fs/cgroup" + folder));
+    const std::string user = std::to_string(world.make_users_directory("sys/fs/cgroup" + folder));
     world.add({15, 109, folder, {35}, 15});
     EXPECT_EQ(owner(35), kB + "@" + user + " 15");
     world.add({20, 102, "/system.slice/docker-" + kB + ".scope", {30}, 20});

@@ -125,13 +125,13 @@ TEST(ContainerLibCgroup, MakersOfGroups)
     EXPECT_EQ(maker("0::" + scope + "/user@1000.service"), 0u) << "a name that was given inside";
     EXPECT_EQ(maker("0::/nothing/in/sight" + scope), 0u);
     EXPECT_EQ(maker("0::/"), 0u);
-    const uint32_t user = world.make_users_folder("sys/fs/cgroup/two/of" + scope);
+    const uint32_t user = world.make_users_directory("sys/fs/cgroup/two/of" + scope);
     EXPECT_EQ(maker("0::/two/of" + scope), user);
     EXPECT_EQ(maker("5:pids:/two/of" + scope), 0u) << "another hierarchy";
     EXPECT_EQ(maker("0::/two/of/../of" + scope), 0u) << "not looked for where it leads out";
-    world.make_users_folder("sys/fs/cgroup/pids/one");
+    world.make_users_directory("sys/fs/cgroup/pids/one");
     EXPECT_EQ(maker("5:pids:/one/of" + scope), user);
-    world.make_users_folder("sys/fs/cgroup/unified/both");
+    world.make_users_directory("sys/fs/cgroup/unified/both");
     EXPECT_EQ(maker("0::/both" + scope), user);
 }
 

@@ -59,7 +59,7 @@ PROBE_CASE(ProbeBreakdown, RemovedNamesDoNotMatter)
     m.start_all();
     ASSERT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
     m.happens("Kc", "new");
-    std::filesystem::remove_all(m.probes.folder());
+    std::filesystem::remove_all(m.probes.directory());
     EXPECT_EQ(std::vector<int>{4}, m.turn());
     EXPECT_EQ(Strings{"/d/new:create 7"}, m.events());
     EXPECT_EQ(0, fmon_del_global_watch(0, FMON_CREATE));

@@ -1,5 +1,5 @@
 # shellcheck shell=sh
-# What the guest's scripts share. In the environment: BUILD and STAGE, the build folder and the installation tree (their
+# What the guest's scripts share. In the environment: BUILD and STAGE, the build directory and the installation tree (their
 # programs and those of tests/kernels/ are on PATH), TMPDIR, an empty tmpfs, and LIMIT.
 
 # result NAME ok|FAIL|SKIP [WORDS]: one check's outcome.
@@ -74,7 +74,7 @@ start_watch() {
 # shellcheck disable=SC2154 # $err, as above
 losses() { grep -E ' (was|were) lost|no longer known|overflow' "$err" | grep -v 'could not run the probe'; }
 
-# use_inotify FOLDER...: another program that watches these, as $user; it is ready when this returns.
+# use_inotify DIRECTORY...: another program that watches these, as $user; it is ready when this returns.
 use_inotify() {
     : >/run/user.out
     inotify_user "$@" >/run/user.out 2>&1 &

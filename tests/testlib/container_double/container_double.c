@@ -1,14 +1,14 @@
 /*
  * A test double of the agent's container library: answers from a text file and keeps a list of its calls.
  *
- * Both lie in the folder that the environment variable FMON_CONTAINER_DOUBLE names, and are opened anew at each call.
- * "answers" has a row a line, fields parted by one blank:
+ * Both lie in the directory that the environment variable FMON_CONTAINER_DOUBLE names, and are opened anew at each
+ * call. "answers" has a row a line, fields parted by one blank:
  *
  *   mount ID PID LABEL           the container of a mount; a label of "-" is a null one
  *   info ID MEMBER VALUE         one member of a container's information, named as in the structure; the value is the
  *                                rest of the line. Members that are not named are null or 0.
  *
- * "calls" gets a line for each call: "mount ID", "info ID", "free ID". Without the folder nothing is known.
+ * "calls" gets a line for each call: "mount ID", "info ID", "free ID". Without the directory nothing is known.
  */
 #include <stdio.h>
 #include <stdlib.h>
@@ -20,20 +20,20 @@
 
 enum { LINE_MAX_SIZE = 1024, FIELD_SIZE = 256, TEXTS = 10 };
 
-static FILE *open_in_folder(const char *name, const char *mode)
+static FILE *open_in_directory(const char *name, const char *mode)
 {
     char path[4096];
-    const char *folder = getenv("FMON_CONTAINER_DOUBLE");
-    if (!folder)
+    const char *directory = getenv("FMON_CONTAINER_DOUBLE");
+    if (!directory)
         return NULL;
-    snprintf(path, sizeof path, "%s/%s", folder, name);
+    snprintf(path, sizeof path, "%s/%s", directory, name);
     return fopen(path, mode);
 }
 
 /* One write a line, so that lines of several processes do not mix. */
 static void note_call(const char *what, const char *id)
 {
-    FILE *calls = open_in_folder("calls", "ae");
+    FILE *calls = open_in_directory("calls", "ae");
     if (!calls)
         return;
     fprintf(calls, "%s %s\n", what, id);
@@ -45,7 +45,7 @@ static int find_rows(const char *kind, const char *id, void (*take)(const char *
 {
     char line[LINE_MAX_SIZE], begin[FIELD_SIZE];
     int found = 0;
-    FILE *answers = open_in_folder("answers", "re");
+    FILE *answers = open_in_directory("answers", "re");
     if (!answers)
         return 0;
     const size_t length = (size_t)snprintf(begin, sizeof begin, "%s %s ", kind, id);

@@ -31,7 +31,7 @@ void ContainerWorld::write(const std::string &path, const std::string &text) con
     std::ofstream(whole, std::ios::trunc) << text;
 }
 
-uint32_t ContainerWorld::make_users_folder(const std::string &path) const
+uint32_t ContainerWorld::make_users_directory(const std::string &path) const
 {
     const uint32_t user = geteuid() ? geteuid() : 1000;
     fs::create_directories(root_ + "/" + path);
@@ -43,19 +43,20 @@ void ContainerWorld::remove(int pid) const { fs::remove_all(proc() + "/" + std::
 void ContainerWorld::add(const Process &process) const
 {
     remove(process.pid);
-    const std::string folder = "proc/" + std::to_string(process.pid) + "/";
-    fs::create_directories(root_ + "/" + folder + "ns");
+    const std::string directory = "proc/" + std::to_string(process.pid) + "/";
+    fs::create_directories(root_ + "/" + directory + "ns");
     if (process.space != 0)
-        fs::create_symlink("mnt:[" + std::to_string(process.space) + "]", root_ + "/" + folder + "ns/mnt");
+        fs::create_symlink("mnt:[" + std::to_string(process.space) + "]", root_ + "/" + directory + "ns/mnt");
     const bool whole = process.cgroup.find('\n') != std::string::npos;
-    write(folder + "cgroup", whole ? process.cgroup : "0::" + process.cgroup + "\n");
+    write(directory + "cgroup", whole ? process.cgroup : "0::" + process.cgroup + "\n");
     const uint64_t start = process.start ? process.start : static_cast<uint64_t>(process.pid);
-    write(folder + "stat", std::to_string(process.pid) + " (" + process.name +
-                               ") S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 " + std::to_string(start) + " 1 2 3\n");
+    write(directory + "stat", std::to_string(process.pid) + " (" + process.name +
+                                  ") S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 " + std::to_string(start) +
+                                  " 1 2 3\n");
     std::string mounts;
     for (const int id : process.mounts)
         mounts += mount_line(id);
-    write(folder + "mountinfo", mounts);
+    write(directory + "mountinfo", mounts);
 }
 
 }  // namespace testlib

@@ -14,7 +14,7 @@ namespace testlib
 
 std::string made_id(unsigned number); /* 64 hexadecimal digits */
 
-/* Files below a folder of the caller's. */
+/* Files below a directory of the caller's. */
 class ContainerWorld
 {
 public:
@@ -30,10 +30,10 @@ public:
     };
     void add(const Process &process) const; /* replaces one of the same id */
     void remove(int pid) const;
-    void write(const std::string &path, const std::string &text) const; /* below the root, with its folders */
+    void write(const std::string &path, const std::string &text) const; /* below the root, with its directories */
 
-    /* A folder that a user other than root owns; the user. */
-    uint32_t make_users_folder(const std::string &path) const;
+    /* A directory that a user other than root owns; the user. */
+    uint32_t make_users_directory(const std::string &path) const;
 
     std::string proc() const { return root_ + "/proc"; }
     const std::string &root() const { return root_; }

@@ -37,15 +37,16 @@ extern "C" {
 
 WRAP(void *, calloc, (size_t count, size_t size), (count, size), nullptr)
 WRAP(ssize_t, read, (int fd, void *buffer, size_t size), (fd, buffer, size), -1)
-WRAP(ssize_t, readlinkat, (int folder, const char *path, char *buffer, size_t size), (folder, path, buffer, size), -1)
+WRAP(ssize_t, readlinkat, (int directory, const char *path, char *buffer, size_t size), (directory, path, buffer, size),
+     -1)
 /* What read and readlinkat are called where the compiler knows the buffer's size. */
 #define WRAP_CHECKED(call, name, parameters, arguments) \
     ssize_t __real_##name parameters;                   \
     ssize_t __wrap_##name parameters;                   \
     ssize_t __wrap_##name parameters { return fails(Call::call) ? -1 : __real_##name arguments; }
 WRAP_CHECKED(read, __read_chk, (int fd, void *buffer, size_t size, size_t room), (fd, buffer, size, room))
-WRAP_CHECKED(readlinkat, __readlinkat_chk, (int folder, const char *path, char *buffer, size_t size, size_t room),
-             (folder, path, buffer, size, room))
+WRAP_CHECKED(readlinkat, __readlinkat_chk, (int directory, const char *path, char *buffer, size_t size, size_t room),
+             (directory, path, buffer, size, room))
 WRAP(DIR *, fdopendir, (int fd), (fd), nullptr)
 WRAP(int, dup, (int fd), (fd), -1)
 WRAP(int, fstat, (int fd, struct stat *st), (fd, st), -1)
@@ -91,20 +92,20 @@ WRAP_OPEN(open64)
 WRAP_OPEN_2(__open_2, open)
 WRAP_OPEN_2(__open64_2, open64)
 
-#define WRAP_OPENAT(name)                                                           \
-    int __real_##name(int folder, const char *path, int flags, ...);                \
-    int __wrap_##name(int folder, const char *path, int flags, ...);                \
-    int __wrap_##name(int folder, const char *path, int flags, ...)                 \
-    {                                                                               \
-        TAKE_MODE(flags, mode)                                                      \
-        return fails(Call::openat) ? -1 : __real_##name(folder, path, flags, mode); \
+#define WRAP_OPENAT(name)                                                              \
+    int __real_##name(int directory, const char *path, int flags, ...);                \
+    int __wrap_##name(int directory, const char *path, int flags, ...);                \
+    int __wrap_##name(int directory, const char *path, int flags, ...)                 \
+    {                                                                                  \
+        TAKE_MODE(flags, mode)                                                         \
+        return fails(Call::openat) ? -1 : __real_##name(directory, path, flags, mode); \
     }
 WRAP_OPENAT(openat)
 WRAP_OPENAT(openat64)
 
 #define WRAP_OPENAT_2(name, plain)             \
     int __wrap_##name(int, const char *, int); \
-    int __wrap_##name(int folder, const char *path, int flags) { return __wrap_##plain(folder, path, flags); }
+    int __wrap_##name(int directory, const char *path, int flags) { return __wrap_##plain(directory, path, flags); }
 WRAP_OPENAT_2(__openat_2, openat)
 WRAP_OPENAT_2(__openat64_2, openat64)
 

@@ -1,5 +1,5 @@
 /*
- * fake_files.h: files of a made-up kernel: which real file stands for a path that the library opens. The folder of
+ * fake_files.h: files of a made-up kernel: which real file stands for a path that the library opens. The directory of
  * tracefs is a whole tree, any other path is there when put() has said so.
  */
 #ifndef TESTLIB_FAKE_FILES_H

@@ -2,7 +2,7 @@
  * fake_perf.h: perf events and their rings, without a kernel behind them.
  *
  * A descriptor is an eventfd, so that it can be waited on. Memory that is mapped of it is anonymous, and records are
- * written there as a kernel does: what has no room is counted and told by the next record that has.
+ * written there as a kernel does: what has no room is counted and reported by the next record that has.
  */
 #ifndef TESTLIB_FAKE_PERF_H
 #define TESTLIB_FAKE_PERF_H

@@ -149,10 +149,10 @@ int KernelDouble::define(const std::string &text)
         if (other.group == made.group && other.event == made.event)
             return fail("Event already exists");
     made.id = next_id_++;
-    const std::string folder = tracing("events/" + made.group + "/" + made.event + "/");
-    file(folder + "id", std::to_string(made.id) + "\n");
-    file(folder + "filter", "none\n");
-    file(folder + "format", format_of(made));
+    const std::string directory = tracing("events/" + made.group + "/" + made.event + "/");
+    file(directory + "id", std::to_string(made.id) + "\n");
+    file(directory + "filter", "none\n");
+    file(directory + "format", format_of(made));
     definitions_.push_back(made);
     write_list();
     return 0;

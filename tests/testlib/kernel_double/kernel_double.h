@@ -50,7 +50,7 @@ public:
     static KernelDouble *living();
 
     const bool is_64;
-    std::string release, machine; /* as uname() tells them */
+    std::string release, machine; /* as uname() gives them */
     KernelMemory memory;
     FakePerf perf;
 

@@ -1,7 +1,7 @@
 /*
  * Test double of the kernel-probe library. No probe is placed: records are what a test writes into FIFOs.
  *
- * Everything lies in the folder that FMON_PROBE_DOUBLE names:
+ * Everything lies in the directory that FMON_PROBE_DOUBLE names:
  *   calls        a line for every call, in order
  *   losses       "DELIVERED RING QUEUE CLEANED UNREADABLE MISSED"; without the file nothing is lost
  *   unavailable  why os_info fails; without the file "" is said
@@ -68,18 +68,18 @@ static struct probe_instance instances[INSTANCES];
 /* Of the event tables: events are switched from any thread. */
 static pthread_mutex_t lock = PTHREAD_MUTEX_INITIALIZER;
 
-/* ---- the test's folder ---- */
+/* ---- the test's directory ---- */
 
-static void in_folder(char out[PATH_MAX], const char *name)
+static void in_directory(char out[PATH_MAX], const char *name)
 {
-    const char *folder = getenv("FMON_PROBE_DOUBLE");
-    snprintf(out, PATH_MAX, "%s/%s", folder ? folder : "/nonexistent", name);
+    const char *directory = getenv("FMON_PROBE_DOUBLE");
+    snprintf(out, PATH_MAX, "%s/%s", directory ? directory : "/nonexistent", name);
 }
 
 static FILE *open_text(const char *name)
 {
     char path[PATH_MAX];
-    in_folder(path, name);
+    in_directory(path, name);
     return fopen(path, "re");
 }
 
@@ -87,7 +87,7 @@ static FILE *open_text(const char *name)
 static void note_line(char *line)
 {
     char path[PATH_MAX];
-    in_folder(path, "calls");
+    in_directory(path, "calls");
     int fd = open(path, O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
     if (fd < 0)
         return;
@@ -186,7 +186,7 @@ static int open_fifo(const char *name, int32_t index)
 {
     char base[64], path[PATH_MAX];
     snprintf(base, sizeof base, "%s.%d", name, index);
-    in_folder(path, base);
+    in_directory(path, base);
     if (mkfifo(path, 0600) != 0 && errno != EEXIST)
         return -1;
     return open(path, O_RDWR | O_NONBLOCK | O_CLOEXEC);

@@ -44,15 +44,15 @@ void load_module()
     bind(module, "_clt_file_enable", &api.enable);
 }
 
-// What each client was told of files called wanted*.
+// What each client got of files called wanted*.
 constexpr int kClients = 3;
-std::atomic<int> told[kClients];
+std::atomic<int> reported[kClients];
 
 template <int kClient>
 int32_t client(struct event *ev)
 {
     if (ev->mask & FMON_CREATE && strstr(ev->path, "/wanted"))
-        told[kClient]++;
+        reported[kClient]++;
     return 0;
 }
 constexpr fmon_client_cb kCallbacks[kClients] = {client<0>, client<1>, client<2>};
@@ -65,30 +65,30 @@ int add_client(int number, const char *name)
     return id;
 }
 
-// Makes a file in another process and waits for `wanted` clients to be told, or for nothing to come.
-std::string make_file(const std::string &folder, int wanted)
+// Makes a file in another process and waits for `wanted` clients to get a report, or for nothing to come.
+std::string make_file(const std::string &directory, int wanted)
 {
     static int serial;
-    for (std::atomic<int> &count : told)
+    for (std::atomic<int> &count : reported)
         count = 0;
-    const std::string path = folder + "/wanted" + std::to_string(serial++);
+    const std::string path = directory + "/wanted" + std::to_string(serial++);
     const pid_t child = fork();
     if (child == 0)
         _exit(open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644) < 0);
     waitpid(child, nullptr, 0);
-    const auto sum = [] { return told[0] + told[1] + told[2]; };
+    const auto sum = [] { return reported[0] + reported[1] + reported[2]; };
     for (int ms = 0; ms < kPatienceMs && sum() < wanted; ms += 10)
         usleep(10000);
     usleep(kQuietMs * 1000);
-    return std::to_string(told[0]) + " " + std::to_string(told[1]) + " " + std::to_string(told[2]);
+    return std::to_string(reported[0]) + " " + std::to_string(reported[1]) + " " + std::to_string(reported[2]);
 }
 
-void expect(const char *name, const std::string &folder, const std::string &wanted)
+void expect(const char *name, const std::string &directory, const std::string &wanted)
 {
     int clients = 0;
     for (const char digit : wanted)
         clients += digit == '1';
-    const std::string got = make_file(folder, clients);
+    const std::string got = make_file(directory, clients);
     result(name, got == wanted, got == wanted ? "" : got + " instead of " + wanted);
 }
 
@@ -114,7 +114,7 @@ int main()
     const int third = add_client(2, "third");
     expect("another", kPlace, "0 0 1");
 
-    // The agent's switch is for all kinds that this agent's map names first, and for names in watched folders.
+    // The agent's switch is for all kinds that this agent's map names first, and for names in watched directories.
     const int watching = api.create("watching", kCallbacks[0]);
     if (watching < 0 || api.add_watch(static_cast<uint32_t>(watching), kWatched, FMON_CREATE, FMON_DIR, 0, 0) != 0)
         stop("no watch");

@@ -246,10 +246,10 @@ std::string mounts_filter(const std::vector<int> &ids)
     return text + "mnt==0)";
 }
 
-void create_many(const std::string &folder, int who, int n)
+void create_many(const std::string &directory, int who, int n)
 {
     for (int i = 0; i < n; i++) {
-        const std::string path = folder + "/" + std::to_string(who) + "_" + std::to_string(i);
+        const std::string path = directory + "/" + std::to_string(who) + "_" + std::to_string(i);
         const int fd = open(path.c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0644);
         if (fd < 0)
             _exit(1);

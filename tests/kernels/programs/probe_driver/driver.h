@@ -69,7 +69,7 @@ int add_create_probe(void *handle, const std::string &filter);
 void add_all(void *handle, const std::string &filter);
 void enable_all(void *handle, char on);
 
-// What the probes told, in the order of arrival.
+// What the probes reported, in the order of arrival.
 struct FileEvent {
     std::string kind, path;
     uint32_t pid;
@@ -83,7 +83,7 @@ extern uint64_t counted;
 int mount_id_of(const std::string &path);
 void make_mount(const std::string &path);
 void touch(const std::string &path);
-void create_many(const std::string &folder, int who, int n);
+void create_many(const std::string &directory, int who, int n);
 std::string mounts_filter(const std::vector<int> &ids);
 std::string text_of(const char *bytes, size_t room);
 

@@ -12,9 +12,9 @@
 void case_files()
 {
     FileCase at("/m_files");
-    std::string folder;
+    std::string directory;
     for (int depth = 0; depth <= 10; depth++) {
-        const std::string base = at.place + "/" + folder;
+        const std::string base = at.place + "/" + directory;
         const uint32_t pid = in_child([&] {
             touch(base + "a");
             if (link((base + "a").c_str(), (base + "b").c_str()) ||
@@ -22,15 +22,15 @@ void case_files()
                 _exit(1);
         });
         at.source.drain();
-        const std::string in = at.id + folder;
+        const std::string in = at.id + directory;
         expect("files.depth" + std::to_string(depth),
                {"create " + in + "a", "close " + in + "a", "link " + in + "a", "from " + in + "b", "to " + in + "c",
                 "delete " + in + "c"},
                pid);
-        folder += "dir" + std::to_string(depth) + "/";
-        mkdir((at.place + "/" + folder).c_str(), 0755);
+        directory += "dir" + std::to_string(depth) + "/";
+        mkdir((at.place + "/" + directory).c_str(), 0755);
     }
-    const uint32_t pid = in_child([&] { touch(at.place + "/" + folder + "deep"); });
+    const uint32_t pid = in_child([&] { touch(at.place + "/" + directory + "deep"); });
     at.source.drain();
     for (FileEvent &event : seen)
         event.path = event.path.substr(0, event.path.find("dir"));
@@ -49,17 +49,17 @@ void case_names()
     }
     // Below one directory of that length, and with nine more between.
     for (const size_t length : {31, 32, 33, 39, 40, 100, 255}) {
-        std::string folder = at.place + "/" + std::string(length, 'd');
-        mkdir(folder.c_str(), 0755);
+        std::string directory = at.place + "/" + std::string(length, 'd');
+        mkdir(directory.c_str(), 0755);
         std::string shown = at.id + (length > 31 ? "(cut)" : std::string(length, 'd')) + "/";
         for (const int more : {0, 7, 8, 9}) {
-            while (std::count(folder.begin(), folder.end(), '/') < more + 2) {
-                folder += "/s";
+            while (std::count(directory.begin(), directory.end(), '/') < more + 2) {
+                directory += "/s";
                 shown += "s/";
-                mkdir(folder.c_str(), 0755);
+                mkdir(directory.c_str(), 0755);
             }
             const uint64_t before = at.source.losses().unreadable;
-            const uint32_t pid = in_child([&] { touch(folder + "/f"); });
+            const uint32_t pid = in_child([&] { touch(directory + "/f"); });
             at.source.drain();
             // Where no expression reaches the name, nothing may come at all, rather than something wrong.
             const uint64_t hidden = at.source.losses().unreadable;

@@ -18,7 +18,7 @@ struct InotifyEvent {
     uint32_t mask;
     std::string name;
 };
-std::vector<InotifyEvent> told;
+std::vector<InotifyEvent> reported;
 
 void on_inotify(uint32_t, void *record, uint32_t size)
 {
@@ -29,7 +29,7 @@ void on_inotify(uint32_t, void *record, uint32_t size)
     memcpy(&event.wd, static_cast<char *>(record) + 8, 4);
     memcpy(&event.mask, static_cast<char *>(record) + 12, 4);
     event.name = text_of(static_cast<char *>(record) + 16, 128);
-    told.push_back(event);
+    reported.push_back(event);
 }
 
 int add_inotify_probe(void *handle, const std::string &filter)
@@ -122,7 +122,7 @@ void change_everything()
 // The kernel merges equal events in its queue; the probe reports all of them.
 bool is_repetition(size_t at, uint32_t wanted)
 {
-    const InotifyEvent &event = told[at], &before = told[at - 1];
+    const InotifyEvent &event = reported[at], &before = reported[at - 1];
     return event.wd == before.wd && event.mask == before.mask && event.name == before.name &&
            (event.mask & kKinds) != (wanted & kKinds);
 }
@@ -131,16 +131,17 @@ void compare(const std::vector<InotifyEvent> &wanted)
 {
     size_t at = 0, agree = 0, wrong = 0;
     for (const InotifyEvent &event : wanted) {
-        while (at < told.size() && agree > 0 && at > 0 && is_repetition(at, event.mask))
+        while (at < reported.size() && agree > 0 && at > 0 && is_repetition(at, event.mask))
             at++;
-        const bool good = at < told.size() && text(told[at]) == text(event);
-        if (!good && wrong++ < 3 && at < told.size())
-            printf("#   probe %s, inotify %s\n", text(told[at]).c_str(), text(event).c_str());
+        const bool good = at < reported.size() && text(reported[at]) == text(event);
+        if (!good && wrong++ < 3 && at < reported.size())
+            printf("#   probe %s, inotify %s\n", text(reported[at]).c_str(), text(event).c_str());
         agree += good;
         at++;
     }
-    result("inotify.same", wrong == 0 && agree > 20 && at == told.size(),
-           std::to_string(agree) + " agree, " + std::to_string(wrong) + " do not, of " + std::to_string(told.size()));
+    result(
+        "inotify.same", wrong == 0 && agree > 20 && at == reported.size(),
+        std::to_string(agree) + " agree, " + std::to_string(wrong) + " do not, of " + std::to_string(reported.size()));
 }
 
 }  // namespace
@@ -153,7 +154,7 @@ void case_inotify()
         "common_pid!=" + std::to_string(getpid()) + "&&common_pid!=" + std::to_string(kernel()->pid) + "&&w!=0";
     result("inotify.register", add_inotify_probe(source.handle, filter) >= 0);
     kp.enable('1', "Ki", source.handle);
-    told.clear();
+    reported.clear();
     touch("/m_ino/dir/own");  // by this process, which the filter leaves out
     char skipped[4096];
     while (read(watched.reader, skipped, sizeof(skipped)) > 0) {

@@ -13,10 +13,10 @@
 namespace
 {
 
-void remove_many(const std::string &folder, int who, int n)
+void remove_many(const std::string &directory, int who, int n)
 {
     for (int i = 0; i < n; i++)
-        unlink((folder + "/" + std::to_string(who) + "_" + std::to_string(i)).c_str());
+        unlink((directory + "/" + std::to_string(who) + "_" + std::to_string(i)).c_str());
 }
 
 // Microseconds for one creation by another process, while `source` (null: nobody) is read beside it.
@@ -38,12 +38,12 @@ double time_creations(int n, Source *source)
     return took;
 }
 
-void start_creators(const std::string &folder, int processes, int each)
+void start_creators(const std::string &directory, int processes, int each)
 {
     fflush(stdout);
     for (int i = 0; i < processes; i++)
         if (fork() == 0) {
-            create_many(folder, i, each);
+            create_many(directory, i, each);
             _exit(0);
         }
 }

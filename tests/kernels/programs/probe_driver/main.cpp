@@ -11,7 +11,7 @@ namespace
 struct Case {
     const char *name;
     void (*run)();
-    bool usual = true;
+    bool by_default = true;
 };
 constexpr Case kCases[] = {
     {"ends", case_ends},     {"files", case_files},         {"names", case_names},
@@ -29,7 +29,7 @@ int main(int argc, char **argv)
     if (argc == 3 && strcmp(argv[1], "hold") == 0)
         return hold(atoi(argv[2]));
     for (const Case &one : kCases) {
-        bool wanted = argc < 2 && one.usual;
+        bool wanted = argc < 2 && one.by_default;
         for (int i = 1; i < argc; i++)
             wanted |= strcmp(argv[i], one.name) == 0;
         const double began = seconds();
