@@ -1,5 +1,8 @@
 #include "details.h"
 
+#include "docker.h"
+#include "engines.h"
+
 namespace container
 {
 

@@ -25,17 +25,7 @@ struct Details {
  * several files say the same thing, the engine's own wins over the runtime's. */
 Details read_details(const std::string &root, const std::string &id);
 
-/* ---- one engine each: fill in what is not known yet ---- */
-
-void read_docker(const Tree &root, const std::string &id, Details &out);
-void read_storage(const Tree &root, const std::string &id, Details &out); /* podman and CRI-O */
-void read_containerd(const Tree &root, const std::string &id, Details &out);
-void read_runtimes(const Tree &root, const std::string &id, Details &out); /* runc and crun */
-
-/* An OCI bundle's config.json. */
-void take_bundle(const Json &config, Details &out);
-
-/* ---- pieces ---- */
+/* ---- pieces, for docker.h, engines.h and oci.h ---- */
 
 /* Parses a file in one of an engine's directories. */
 bool read_json(const Tree &directory, const std::string &path, JsonDocument &out);

@@ -1,5 +1,5 @@
 // Docker keeps a directory for each container, with what it was given in config.v2.json and hostconfig.json.
-#include "details.h"
+#include "docker.h"
 
 namespace container
 {

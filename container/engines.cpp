@@ -1,5 +1,7 @@
 // Where podman, CRI-O, containerd, runc and crun leave a container's bundle and state.
-#include "details.h"
+#include "engines.h"
+
+#include "oci.h"
 
 namespace container
 {

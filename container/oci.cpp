@@ -1,7 +1,7 @@
 // The bundle's config.json, which every OCI runtime is started with.
-#include <algorithm>
+#include "oci.h"
 
-#include "details.h"
+#include <algorithm>
 
 namespace container
 {

@@ -6,7 +6,8 @@
 #include <filesystem>
 #include <string>
 
-#include "container/details.h"
+#include "container/docker.h"
+#include "container/engines.h"
 #include "fuzz.h"
 
 namespace fs = std::filesystem;
