@@ -17,6 +17,7 @@
 #include "dump_server.h"
 #include "orx_base.h"
 #include "orx_fmon.h"
+#include "testlib/count.h"
 
 using namespace cli;
 
@@ -103,26 +104,18 @@ protected:
     int connected() const
     {
         common::Fd fd;
-        const auto is_let_in = [&] { return connect_in(folder.root(), getpid(), fd) != EAGAIN; };
-        for (int i = 0; i < 6000 && !is_let_in(); i++) /* too many at once */
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        EXPECT_EQ(connect_in(folder.root(), getpid(), fd), 0);
         EXPECT_EQ(fcntl(fd.get(), F_SETFL, 0), 0); /* blocking */
         return fd.release();
     }
 
-    static bool soon(const std::function<bool()> &condition)
-    {
-        for (int i = 0; i < 1000 && !condition(); i++)
-            std::this_thread::sleep_for(std::chrono::milliseconds(5));
-        return condition();
-    }
-
     cli_testing::Folder folder;
-    std::atomic<int> held = 0, holds = 0;
+    std::atomic<int> holds = 0;
+    testlib::Count held;
     DumpServer server{fake_dump,
                       [this](bool on) {
-                          held = on;
                           holds += on;
+                          held.raise(on ? 1 : -1);
                       },
                       [] {
                           return std::vector<std::string>{"2 events found no memory", "/a\nb is full"};
@@ -322,7 +315,7 @@ TEST_F(Dump, holds_events_for_its_time)
     ask(0, 300);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(280));
     EXPECT_EQ(holds, 1);
-    EXPECT_TRUE(soon([this] { return held == 0; }));
+    EXPECT_TRUE(held.becomes(0));
 }
 
 TEST_F(Dump, hold_ends_before_the_monitor_is_full)
@@ -331,7 +324,7 @@ TEST_F(Dump, hold_ends_before_the_monitor_is_full)
     const auto start = std::chrono::steady_clock::now();
     ask(4, 60000);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    EXPECT_EQ(held, 0);
+    EXPECT_EQ(held.now(), 0);
     EXPECT_EQ(error, "");
 }
 
@@ -339,9 +332,9 @@ TEST_F(Dump, hold_ends_with_its_asker)
 {
     const int fd = connected();
     ASSERT_EQ(send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL), 13);
-    ASSERT_TRUE(soon([this] { return held == 1; }));
+    ASSERT_TRUE(held.becomes(1));
     close(fd);
-    EXPECT_TRUE(soon([this] { return held == 0; }));
+    EXPECT_TRUE(held.becomes(0));
     EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
 }
 
@@ -349,9 +342,9 @@ TEST_F(Dump, hold_ends_with_the_watch)
 {
     const int fd = connected();
     ASSERT_EQ(send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL), 13);
-    ASSERT_TRUE(soon([this] { return held == 1; }));
+    ASSERT_TRUE(held.becomes(1));
     EXPECT_TRUE(server.stop());
-    EXPECT_EQ(held, 0);
+    EXPECT_EQ(held.now(), 0);
     EXPECT_FALSE(server.stop());
     close(fd);
 }

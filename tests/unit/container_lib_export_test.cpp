@@ -70,11 +70,8 @@ TEST_F(ContainerLibExport, NewContainersAreFoundWithinASecond)
 {
     EXPECT_EQ(owner("50"), "host");
     world.add({40, 102, "/docker/" + made_id(2), {51}});
-    const Clock::time_point begin = Clock::now();
-    while (owner("51") == "host" && Clock::now() - begin < std::chrono::seconds(3))
-        std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    testlib::pass_time(std::chrono::seconds(1));
     EXPECT_EQ(owner("51"), made_id(2) + " 40");
-    EXPECT_LT(Clock::now() - begin, std::chrono::milliseconds(1500));
 }
 
 TEST_F(ContainerLibExport, WhatIsNotKnownIsEmpty)

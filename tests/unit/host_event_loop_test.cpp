@@ -2,11 +2,11 @@
 
 #include <sys/resource.h>
 
-#include <atomic>
 #include <cerrno>
 #include <chrono>
 #include <csignal>
 #include <functional>
+#include <future>
 #include <thread>
 
 #include "host_support.h"
@@ -29,24 +29,20 @@ double seconds_of(const std::function<void()> &work)
 /* Runs `body` on an isolated thread and waits for its end. */
 struct Isolated {
     std::function<void()> body;
-    std::atomic<bool> done{false};
+    std::promise<void> done{};
 
     static int run(void *arg)
     {
         auto *self = static_cast<Isolated *>(arg);
         self->body();
-        self->done = true;
+        self->done.set_value();
         return 0;
     }
     int start(void **handle = nullptr, const char *name = nullptr)
     {
         return cl_ev_create_isolated_thread(handle, const_cast<char *>(name), run, this);
     }
-    void wait() const
-    {
-        while (!done)
-            std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
+    void wait() { done.get_future().wait(); }
 };
 
 std::string thread_name()

@@ -5,6 +5,7 @@
 #ifndef TESTLIB_CONTAINER_WORLD_H
 #define TESTLIB_CONTAINER_WORLD_H
 
+#include <chrono>
 #include <cstdint>
 #include <string>
 #include <vector>
@@ -41,6 +42,9 @@ public:
 private:
     std::string root_;
 };
+
+/* The library's clock goes on by that much. */
+void pass_time(std::chrono::milliseconds time);
 
 /* One line as the kernel writes it. */
 std::string mount_line(int id, const std::string &place = "/");

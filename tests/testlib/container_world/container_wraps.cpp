@@ -5,10 +5,13 @@
 #include <sys/stat.h>
 #include <sys/syscall.h>
 
+#include <atomic>
 #include <cerrno>
+#include <chrono>
 #include <cstdarg>
 #include <cstddef>
 
+#include "testlib/container_world/container_world.h"
 #include "testlib/fault_switch.h"
 
 using testlib::Call;
@@ -16,6 +19,8 @@ using testlib::injected_error;
 
 namespace
 {
+
+std::atomic<int64_t> passed{0};
 
 /* Whether the call fails; errno says how. */
 bool fails(Call call)
@@ -28,7 +33,17 @@ bool fails(Call call)
 
 }  // namespace
 
+void testlib::pass_time(std::chrono::milliseconds time) { passed += time.count(); }
+
 extern "C" {
+
+/* std::chrono::steady_clock::now() */
+std::chrono::steady_clock::time_point __real__ZNSt6chrono3_V212steady_clock3nowEv();
+std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv();
+std::chrono::steady_clock::time_point __wrap__ZNSt6chrono3_V212steady_clock3nowEv()
+{
+    return __real__ZNSt6chrono3_V212steady_clock3nowEv() + std::chrono::milliseconds(passed);
+}
 
 #define WRAP(result, name, parameters, arguments, failure) \
     result __real_##name parameters;                       \
