@@ -8,10 +8,10 @@
 
 #include "event.h"
 #include "fmon.h"
-#include "linux/clt_file.h"
-#include "linux/clt_inotify.h"
 #include "linux/fmon_linux.h"
 #include "linux/mount.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 #include "list.h"
 #include "quiet_monitor.h"
 

@@ -5,14 +5,14 @@
 #include <benchmark/benchmark.h>
 #include <unistd.h>
 
-#include "cli/process_info.h"
+#include "agent/process_info.h"
 
 namespace
 {
 
 void process_in_turn(benchmark::State &state)
 {
-    cli::ProcessCache cache;
+    agent::ProcessCache cache;
     const auto pid = static_cast<uint32_t>(getpid());
     for (auto _ : state)
         benchmark::DoNotOptimize(cache.find(pid, 1, 0));
@@ -21,7 +21,7 @@ BENCHMARK(process_in_turn);
 
 void process_new_turn(benchmark::State &state)
 {
-    cli::ProcessCache cache;
+    agent::ProcessCache cache;
     const auto pid = static_cast<uint32_t>(getpid());
     uint64_t turn = 0;
     for (auto _ : state)
@@ -31,11 +31,11 @@ BENCHMARK(process_new_turn);
 
 void process_not_known(benchmark::State &state)
 {
-    cli::ProcessCache cache;
+    agent::ProcessCache cache;
     const auto pid = static_cast<uint32_t>(getpid());
     uint64_t now = 0;
     for (auto _ : state) {
-        now += cli::ProcessCache::kRefreshMs;
+        now += agent::ProcessCache::kRefreshMs;
         benchmark::DoNotOptimize(cache.find(pid, now, now));
     }
 }

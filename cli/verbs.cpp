@@ -2,7 +2,7 @@
 
 #include <cstdio>
 
-#include "message.h"
+#include "agent/message.h"
 
 namespace cli
 {
@@ -19,7 +19,7 @@ namespace
 
 bool print(const std::string &text) { return fputs(text.c_str(), stdout) >= 0 && fflush(stdout) == 0; }
 
-int show(const std::string &text) { return print(text) ? kDone : kError; }
+int show(const std::string &text) { return print(text) ? agent::kDone : agent::kError; }
 
 }  // namespace
 
@@ -52,7 +52,7 @@ std::string main_help()
 
 int run_command(int argc, char **argv)
 {
-    end_in_a_sentence();
+    agent::end_in_a_sentence();
     const std::string_view first = argc > 1 ? argv[1] : "";
     if (first == "--help" || first == "-h")
         return show(main_help());
@@ -70,9 +70,9 @@ int run_command(int argc, char **argv)
     const Verb *verb = find_verb(first);
     if (verb)
         return verb->run(argc - 1, argv + 1);
-    complain(first.empty() ? "a verb is missing, such as watch: see fmon --help"
-                           : "unknown verb '" + std::string(first) + "': see fmon --help");
-    return kError;
+    agent::complain(first.empty() ? "a verb is missing, such as watch: see fmon --help"
+                                  : "unknown verb '" + std::string(first) + "': see fmon --help");
+    return agent::kError;
 }
 
 }  // namespace cli

@@ -5,8 +5,8 @@
 #include <cstddef>
 
 #include "fmon.h"
-#include "linux/clt_file.h"
-#include "linux/clt_inotify.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 #include "linux/fmon_linux.h"
 #include "orx_base.h"
 

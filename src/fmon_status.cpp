@@ -7,9 +7,9 @@
 
 #include "fmon.h"
 #include "fmon_shell.h"
-#include "linux/clt_file.h"
-#include "linux/clt_inotify.h"
 #include "linux/fmon_linux.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 
 struct fmon_account fmon_account;
 

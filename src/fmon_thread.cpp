@@ -9,8 +9,8 @@
 
 #include "fmon.h"
 #include "fmon_status.h"
-#include "linux/clt_file.h"
-#include "linux/clt_inotify.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 #include "log.h"
 #include "orx_autolog.h"
 #include "orx_base.h"

@@ -8,7 +8,7 @@
 #include <cstring>
 
 #include "event.h"
-#include "linux/clt_file.h"
+#include "linux/probe/clt_file.h"
 #include "linux/inode_index.h"
 
 namespace

@@ -1,7 +1,7 @@
 /* System-wide kinds, switched at the probe sources. */
 
-#include "linux/clt_file.h"
 #include "linux/fmon_linux.h"
+#include "linux/probe/clt_file.h"
 #include "log.h"
 
 namespace

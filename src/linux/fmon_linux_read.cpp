@@ -11,8 +11,8 @@
 
 #include "checked.h"
 #include "event.h"
-#include "linux/clt_file.h"
-#include "linux/clt_inotify.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 #include "linux/event_path.h"
 #include "linux/fmon_linux.h"
 #include "linux/rate_ctrl.h"

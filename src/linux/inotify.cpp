@@ -3,7 +3,7 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include "linux/clt_inotify.h"
+#include "linux/probe/clt_inotify.h"
 #include "linux/descriptor.h"
 #include "log.h"
 

@@ -1,6 +1,6 @@
 /* The mount of an open descriptor, from its file in /proc. */
 
-#include "linux/clt_file.h"
+#include "linux/probe/clt_file.h"
 
 #include <fcntl.h>
 #include <sys/stat.h>

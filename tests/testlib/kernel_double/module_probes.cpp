@@ -2,8 +2,8 @@
 
 #include <cstring>
 
-#include "linux/fetch_text.h"
-#include "linux/inotify_probe.h"
+#include "linux/probe/fetch_text.h"
+#include "linux/probe/inotify_probe.h"
 
 namespace testlib
 {

@@ -12,7 +12,7 @@
 #include <ctime>
 
 // The texts are the monitor's, not copies of them.
-#include "linux/fetch_text.h"
+#include "linux/probe/fetch_text.h"
 
 std::string last_line;
 

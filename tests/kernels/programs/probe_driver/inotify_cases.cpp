@@ -7,7 +7,7 @@
 #include <cstring>
 
 #include "driver.h"
-#include "linux/inotify_probe.h"
+#include "linux/probe/inotify_probe.h"
 
 namespace
 {

@@ -1,0 +1,202 @@
+#include "diagnose.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+#include "descriptors.h"
+#include "marks.h"
+#include "message.h"
+#include "orx_fmon.h"
+
+namespace agent
+{
+
+namespace
+{
+
+constexpr uint64_t kDescriptorsToStart = 16; /* of the monitor and what it stands on, some more */
+
+/* Codes that the backend passes through. */
+enum : int {
+    kNoFanotify = -103,
+    kFanotifyRefused = -104,
+    kInotifyRefused = -108,
+    kMarkRefused = -109,
+    kTableFull = -110,
+    kPathTooLong = -117,
+};
+
+// The text behind the last ": " of the monitor's last error line: the system's own words.
+std::string reason_of(const Findings &findings)
+{
+    const std::string &line = findings.last_error;
+    const size_t colon = line.rfind(": ");
+    return colon == std::string::npos ? line : line.substr(colon + 2);
+}
+
+// Who uses the watches matters: raising the limit does not help for long when another program leaks them.
+std::string watch_limit_text(const Facts &facts, uint64_t missing)
+{
+    const uint64_t used = std::max(facts.user_watches, facts.own_watches);
+    std::string text = "fs.inotify.max_user_watches is reached (" + with_commas(facts.max_user_watches) + "; " +
+                       with_commas(used) + " in use by this user";
+    if (used > facts.own_watches)
+        text += ", " + with_commas(used - facts.own_watches) + " of them by other programs";
+    return text + "): raise it with sysctl fs.inotify.max_user_watches=" +
+           std::to_string(roomy_limit(std::max(used, facts.max_user_watches) + missing));
+}
+
+std::string mark_limit_text(const Facts &facts, uint64_t missing)
+{
+    return "fs.fanotify.max_user_marks is reached (" + with_commas(facts.max_user_marks) +
+           "): raise it with sysctl fs.fanotify.max_user_marks=" +
+           std::to_string(roomy_limit(facts.max_user_marks + missing));
+}
+
+std::string cache_text(const Facts &facts, uint64_t missing)
+{
+    return "the monitor's cache is full (max_dentries " + with_commas(facts.max_dentries) +
+           "): give it room with --set max_dentries=" +
+           std::to_string(std::min<uint64_t>(roomy_limit(facts.max_dentries + missing), 2097152));
+}
+
+// EMFILE or ENFILE, where the monitor's reason is one of them; else 0.
+int descriptor_error(const std::string &reason)
+{
+    for (const int error : {EMFILE, ENFILE})
+        if (reason == strerror(error))
+            return error;
+    return 0;
+}
+
+std::string limit_text(const Findings &findings, const Facts &facts, uint64_t missing)
+{
+    if (findings.unopened || findings.descriptors)
+        return reason_text(descriptor_error(reason_of(findings)) == ENFILE ? ENFILE : EMFILE);
+    if (findings.cache_full)
+        return cache_text(facts, missing);
+    return findings.watch_limit ? watch_limit_text(facts, missing) : mark_limit_text(facts, missing);
+}
+
+std::string unsupported_text(const Refusal &refusal, const Facts &facts)
+{
+    const std::string option = refusal.mount ? "--mount" : "--pid";
+    if (!facts.fanotify)
+        return " cannot be watched with " + option + ": it needs fanotify, which " +
+               (facts.root ? "this kernel or container does not offer" : "only root may use") + "; without " + option +
+               " it can be watched, but events do not name their process";
+    return " cannot be watched with " + option + ": only open, access, modify, close_write and close_nowrite can";
+}
+
+std::string refused_by_kernel(const Refusal &refusal, const Facts &facts)
+{
+    const std::string reason = reason_of(refusal.findings);
+    if (reason == strerror(EACCES) || reason == strerror(EPERM))
+        return " may not be read: " + reason + (facts.root ? "" : ": run as root, or get read permission");
+    if (const int error = descriptor_error(reason))
+        return " cannot be watched: " + reason_text(error);
+    return " cannot be watched: " + (reason.empty() ? "the kernel refused it" : reason);
+}
+
+std::string reason_by_code(const Refusal &refusal, const Facts &facts)
+{
+    switch (refusal.code) {
+        case FMON_ENOENT:
+            return refusal.mount ? " lies on no mount that can be marked: watch it without --mount"
+                                 : " went away, or may not be read, while it was being watched: try again";
+        case FMON_ENOTSUP:
+        case kNoFanotify:
+        case kFanotifyRefused:
+            return unsupported_text(refusal, facts);
+        case FMON_ENOMEM:
+        case kTableFull:
+            return " cannot be watched: out of memory, or " + cache_text(facts, 1);
+        case FMON_EEXIST:
+            return " is watched already";
+        case kInotifyRefused:
+        case kMarkRefused:
+            return refused_by_kernel(refusal, facts);
+        case kPathTooLong:
+            return ": the path is too long to be watched";
+        default:
+            return " was refused by the monitor (code " + std::to_string(refusal.code) + ")";
+    }
+}
+
+}  // namespace
+
+uint64_t roomy_limit(uint64_t needed)
+{
+    uint64_t limit = 1024;
+    while (limit < needed && limit < (uint64_t{1} << 30))
+        limit *= 2;
+    return limit;
+}
+
+Facts gather_facts()
+{
+    Facts facts;
+    facts.descriptors_left = descriptors_left();
+    const Marks own = process_marks("self"), user = user_marks(geteuid());
+    facts.root = geteuid() == 0;
+    facts.fanotify = own.fanotify_instances > 0;
+    facts.max_user_watches = read_number("/proc/sys/fs/inotify/max_user_watches");
+    facts.user_watches = user.inotify_watches;
+    facts.own_watches = own.inotify_watches;
+    facts.max_user_instances = read_number("/proc/sys/fs/inotify/max_user_instances");
+    facts.user_instances = user.inotify_instances;
+    facts.max_user_marks = read_number("/proc/sys/fs/fanotify/max_user_marks");
+    return facts;
+}
+
+std::string explain_refusal(const Refusal &refusal, const Facts &facts)
+{
+    if (refusal.findings.limit_reached())
+        return refusal.path + " cannot be watched: " + limit_text(refusal.findings, facts, 1);
+    return refusal.path + reason_by_code(refusal, facts);
+}
+
+// EMFILE stands for the limit of instances and for that of descriptors alike.
+std::string explain_start_failure(const Findings &findings, const Facts &facts)
+{
+    const std::string reason = reason_of(findings);
+    if (reason == strerror(EMFILE) && facts.max_user_instances && facts.user_instances >= facts.max_user_instances)
+        return "the monitor cannot start: fs.inotify.max_user_instances is reached (" +
+               with_commas(facts.max_user_instances) + "; " + with_commas(facts.user_instances) +
+               " in use by this user): raise it with sysctl fs.inotify.max_user_instances=" +
+               std::to_string(roomy_limit(facts.max_user_instances * 2));
+    if (reason == strerror(ENFILE) || (reason == strerror(EMFILE) && facts.descriptors_left < kDescriptorsToStart))
+        return "the monitor cannot start: " + reason_text(descriptor_error(reason));
+    if (reason == strerror(EMFILE))
+        return "the monitor cannot start: no inotify instance is left: raise it with "
+               "sysctl fs.inotify.max_user_instances=" +
+               std::to_string(roomy_limit(facts.max_user_instances * 2)) + ", or see ulimit -n";
+    return "the monitor cannot start" + (findings.last_error.empty() ? "" : ": " + findings.last_error) +
+           "; --verbose shows its log";
+}
+
+std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts)
+{
+    const std::string head = counted(left_out, "directory") + (path.empty() ? "" : " below " + path) +
+                             (left_out == 1 ? " is not watched: " : " are not watched: ");
+    if (findings.limit_reached())
+        return head + limit_text(findings, facts, left_out);
+    if (findings.unreadable || findings.denied)
+        return head + "no permission to read " +
+               (findings.first_unreadable.empty() ? "it" : findings.first_unreadable) +
+               (left_out > 1 ? " and others" : "") + (facts.root ? "" : ": run as root to watch all");
+    if (findings.too_long)
+        return head + "paths of more than 1,022 bytes cannot be watched";
+    return head + (findings.last_error.empty() ? "the monitor's log tells why" : findings.last_error);
+}
+
+std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts)
+{
+    const Refusal refusal = {path, kInotifyRefused, false, false, findings};
+    return refusal.path + " is there, but" + refused_by_kernel(refusal, facts);
+}
+
+}  // namespace agent

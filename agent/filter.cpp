@@ -1,0 +1,71 @@
+#include "filter.h"
+
+#include <algorithm>
+
+namespace agent
+{
+
+namespace
+{
+
+bool matches_any(const std::vector<regex_t> &list, std::string_view path)
+{
+    return std::any_of(list.begin(), list.end(),
+                       [&](const regex_t &re) { return regexec(&re, path.data(), 0, nullptr, 0) == 0; });
+}
+
+void release(std::vector<regex_t> &list)
+{
+    for (regex_t &re : list)
+        regfree(&re);
+}
+
+}  // namespace
+
+PathFilter::~PathFilter()
+{
+    release(include_);
+    release(exclude_);
+}
+
+bool PathFilter::add(std::vector<regex_t> &list, const std::string &pattern, std::string &error)
+{
+    regex_t re;
+    const int code = regcomp(&re, pattern.c_str(), REG_EXTENDED | REG_NOSUB);
+    if (code != 0) {
+        char reason[128];
+        regerror(code, &re, reason, sizeof reason);
+        error = reason;
+        return false;
+    }
+    list.push_back(re);
+    return true;
+}
+
+bool PathFilter::shows(std::string_view path) const
+{
+    if (!include_.empty() && !matches_any(include_, path))
+        return false;
+    if (!exclude_.empty() && matches_any(exclude_, path))
+        return false;
+    return std::find(hidden_.begin(), hidden_.end(), path) == hidden_.end();
+}
+
+bool is_below(std::string_view root, std::string_view path)
+{
+    if (root == "/")
+        return !path.empty() && path.front() == '/';
+    return path.substr(0, root.size()) == root && (path.size() == root.size() || path[root.size()] == '/');
+}
+
+int folder_depth(std::string_view root, std::string_view path)
+{
+    if (!is_below(root, path))
+        return -1;
+    if (path.size() == root.size())
+        return 0;
+    const std::string_view rest = path.substr(root == "/" ? 1 : root.size() + 1);
+    return static_cast<int>(std::count(rest.begin(), rest.end(), '/'));
+}
+
+}  // namespace agent

@@ -1,0 +1,50 @@
+/*
+ * filter.h: which of the delivered events are shown.
+ */
+#ifndef AGENT_FILTER_H
+#define AGENT_FILTER_H
+
+#include <regex.h>
+
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace agent
+{
+
+/* A path is shown when it matches one of the patterns to include (or there are none) and none of those to exclude.
+ * Patterns are POSIX extended regular expressions on the bytes of the whole path, found anywhere in it. */
+class PathFilter
+{
+public:
+    PathFilter() = default;
+    ~PathFilter();
+    PathFilter(const PathFilter &) = delete;
+    PathFilter &operator=(const PathFilter &) = delete;
+
+    /* False, with the reason in `error`: not a regular expression. */
+    bool include(const std::string &pattern, std::string &error) { return add(include_, pattern, error); }
+    bool exclude(const std::string &pattern, std::string &error) { return add(exclude_, pattern, error); }
+    /* Never show this very path: the file that the output goes to, which would otherwise feed itself. */
+    void hide(const std::string &path) { hidden_.push_back(path); }
+
+    /* `path` is followed by a NUL. */
+    bool shows(std::string_view path) const;
+
+private:
+    static bool add(std::vector<regex_t> &list, const std::string &pattern, std::string &error);
+
+    std::vector<regex_t> include_, exclude_;
+    std::vector<std::string> hidden_;
+};
+
+/* How many folders below `root` the folder of `path` lies: 0 for root itself and its entries; -1 when not below it. */
+int folder_depth(std::string_view root, std::string_view path);
+
+/* Whether `path` is `root` or lies below it. */
+bool is_below(std::string_view root, std::string_view path);
+
+}  // namespace agent
+
+#endif

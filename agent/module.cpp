@@ -1,0 +1,68 @@
+#include "module.h"
+
+#include <dlfcn.h>
+#include <unistd.h>
+
+#include <climits>
+#include <cstdlib>
+
+#include "orx_base.h"
+
+namespace agent
+{
+
+namespace
+{
+
+template <typename Fn>
+bool bind(void *library, const char *name, Fn &function, std::string &error)
+{
+    function = reinterpret_cast<Fn>(dlsym(library, name));
+    if (!function)
+        error = std::string("libfmon.so lacks ") + name + ": it belongs to another version; install both anew";
+    return function;
+}
+
+}  // namespace
+
+std::string library_folder()
+{
+    const char *home = secure_getenv("FMON_HOME");
+    if (home && *home)
+        return std::string(home) + "/lib";
+    char folder[PATH_MAX];
+    return orx_dirutils_path_transform("@/../lib", folder, sizeof folder) == 0 ? folder : ".";
+}
+
+bool load_module(const std::string &folder, Module &module, std::string &error)
+{
+    const std::string path = folder + "/libfmon.so";
+    void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
+    if (!library) {
+        error =
+            std::string("cannot load the monitor: ") + dlerror() +
+            " (it is installed as lib/libfmon.so beside bin/fmon, as /usr/lib/fmon/libfmon.so, or in $FMON_HOME/lib)";
+        return false;
+    }
+    return bind(library, "orx_fmon_init", module.init, error) &&
+           bind(library, "_orx_fmon_create_instance", module.create_instance, error) &&
+           bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
+           bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
+           bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
+           bind(library, "_orx_fmon_global_update", module.global_update, error) &&
+           bind(library, "_orx_fmon_status", module.status, error) &&
+           bind(library, "_orx_fmon_dump", module.dump, error) &&
+           bind(library, "g_container_flag", module.container_flag, error);
+}
+
+// The kernel tells of a watch that goes. Nobody else watches this file, whose watch would stay.
+void wake_monitor(const Module &module)
+{
+    static const int instance = module.create_instance("watch-wake", nullptr);
+    const std::string path = "/proc/" + std::to_string(getpid()) + "/comm";
+    if (instance >= 0 &&
+        module.add_watch(static_cast<uint32_t>(instance), path.c_str(), FMON_ATTRIB, FMON_FILE, 0, 0) == 0)
+        module.del_watch(static_cast<uint32_t>(instance), path.c_str());
+}
+
+}  // namespace agent

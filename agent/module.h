@@ -1,0 +1,47 @@
+/*
+ * module.h: libfmon.so, loaded at run time as any agent loads it.
+ */
+#ifndef AGENT_MODULE_H
+#define AGENT_MODULE_H
+
+#include <string>
+
+#include "orx_fmon.h"
+
+namespace agent
+{
+
+/* The functions of the module that the command uses. */
+struct Module {
+    decltype(&orx_fmon_init) init;
+    decltype(&_orx_fmon_create_instance) create_instance;
+    decltype(&_orx_fmon_add_watch) add_watch;
+    decltype(&_orx_fmon_del_watch) del_watch;
+    decltype(&_orx_fmon_global_watch) global_watch;
+    decltype(&_orx_fmon_global_update) global_update;
+    decltype(&_orx_fmon_status) status;
+    decltype(&_orx_fmon_dump) dump;
+    decltype(&g_container_flag) container_flag;
+
+    /* False: the monitor has not started. */
+    bool read_status(struct fmon_status &out) const
+    {
+        out = {};
+        out.size = sizeof out;
+        return status(&out) == 0;
+    }
+    bool is_container() const { return *container_flag != 0; } /* from the start on */
+};
+
+/* $FMON_HOME/lib where that is set, else where the installation of the running program has its libraries. */
+std::string library_folder();
+
+/* Loads libfmon.so from `folder`; it stays loaded. False: `error` says what is missing and where it was looked for. */
+bool load_module(const std::string &folder, Module &module, std::string &error);
+
+/* Makes the monitor's thread take a turn soon, which it else does once a second while nothing happens. */
+void wake_monitor(const Module &module);
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,88 @@
+#include "monitor.h"
+
+#include <unistd.h>
+
+#include <cstdlib>
+
+#include "descriptors.h"
+#include "diagnose.h"
+#include "orx_base.h"
+#include "orx_host.h"
+#include "probe_cause.h"
+#include "settings.h"
+#include "signals.h"
+
+namespace agent
+{
+
+namespace
+{
+
+constexpr int kThreadMs = 10000; /* for the monitor's thread to place its probes */
+
+void set_values(const Request &options)
+{
+    for (const Setting &setting : kSettingTable)
+        if (setting.preset)
+            orx_host_ini_override("fmon", setting.name, setting.preset);
+    for (const auto &[name, value] : options.settings)
+        orx_host_ini_override("fmon", name.c_str(), value.c_str());
+}
+
+void set_log(const Request &options, OwnLog &own)
+{
+    if (&error_output_level && (options.log_level > 0 || error_output_level < ORX_LOG_WARNING))
+        error_output_level = options.log_level > 0 ? options.log_level : ORX_LOG_WARNING;
+    if (options.log_to_stderr)
+        setenv("FMON_LOG", "stderr", 1);
+    else
+        own = open_own_log(options);
+}
+
+// The monitor loads the library by itself wherever it finds it.
+void hide_probe_library() { orx_host_path_override(kProbeLibrary, "/dev/null/hidden-by---probes-off"); }
+
+bool has_probes(const LogWatch &log, const Module &module, std::string &error)
+{
+    const ProbeTrouble trouble = log.probe_trouble();
+    const ProbeFacts facts = gather_probe_facts(module.is_container());
+    if (settle_cause(trouble, facts) != ProbeCause::kNone)
+        error = "--probes on needs the kernel-probe library: " + explain_cause(trouble, facts) +
+                "; without --probes fmon does without it";
+    return error.empty();
+}
+
+}  // namespace
+
+bool start_monitor(const Request &options, LogWatch &log, Module &module, OwnLog &own, std::string &error)
+{
+    raise_descriptor_limit();
+    const std::string folder = library_folder();
+    if (!load_module(folder, module, error))
+        return false;
+    if (options.probes == Probes::kOff)
+        hide_probe_library();
+    set_values(options);
+    set_log(options, own);
+    log.start();
+    const SignalsBlocked blocked;
+    const int code = module.init(0, nullptr);
+    const Findings findings = log.take();
+    if (code == 0 && !findings.monitor_ended) {
+        orx_host_await_timers(kThreadMs); /* without its thread the monitor says so by itself */
+        return options.probes != Probes::kOn || has_probes(log, module, error);
+    }
+    error = explain_start_failure(findings, gather_facts());
+    return false;
+}
+
+uint64_t max_dentries(const Request &options)
+{
+    uint64_t value = 2097152;
+    for (const auto &[name, text] : options.settings)
+        if (name == "max_dentries")
+            value = strtoull(text.c_str(), nullptr, 10);
+    return value;
+}
+
+}  // namespace agent

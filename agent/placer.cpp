@@ -1,0 +1,201 @@
+#include "placer.h"
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <thread>
+
+#include "marks.h"
+#include "message.h"
+#include "monitor.h"
+#include "watch_count.h"
+
+namespace agent
+{
+
+namespace
+{
+
+// A watch that marks every directory below its path.
+bool is_tree(const PlannedWatch &watch) { return (watch.flags & FMON_RECURSIVE) && !(watch.flags & FMON_MOUNT); }
+
+}  // namespace
+
+void Placer::run(Intake &intake)
+{
+    if (!create_instances(intake))
+        return;
+    for (Root &root : plan_.roots)
+        root.placed = root.waits;
+    for (const PlannedWatch &watch : plan_.watches)
+        add(watch);
+    if (options_.mount)
+        check_mounts();
+    for (const Root &root : plan_.roots)
+        any_placed_ |= root.placed;
+}
+
+bool Placer::create_instances(Intake &intake)
+{
+    for (const PlannedInstance &instance : plan_.instances) {
+        // What ends a watch and what is new in a tree is seen by the command even when it is not shown.
+        const uint32_t wanted = instance.shown | FMON_DELETE_SELF | FMON_MOVE_SELF | FMON_CREATE;
+        const int id = module_.create_instance(instance.name.c_str(), intake.add_source(wanted));
+        if (id < 0) {
+            complain("the monitor made no instance (code " + std::to_string(id) + ")");
+            refused_ = true;
+            return false;
+        }
+        instances_.push_back(id);
+    }
+    return true;
+}
+
+int Placer::request(const PlannedWatch &watch) const
+{
+    return module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(), watch.mask,
+                             watch.flags, options_.max_depth, options_.max_subdirs);
+}
+
+void Placer::add(const PlannedWatch &watch)
+{
+    Root &root = plan_.roots[watch.root];
+    const int code = request(watch);
+    const Findings findings = log_.take();
+    if (code == FMON_ENOENT && root.waits)
+        return;
+    if (code != 0)
+        return refuse(watch, code, findings);
+    root.placed = true;
+    root.watched = root.path;
+    if (findings.left_out())
+        report_left_out(watch, findings);
+}
+
+int Placer::take_up(size_t index, const std::string &path)
+{
+    Root &root = plan_.roots[index];
+    for (PlannedWatch &watch : watches_of(options_, root, index)) {
+        watch.path = path;
+        watch.flags |= FMON_NO_LINKS;
+        const int code = request(watch);
+        if (code != 0) {
+            failure_ = log_.take();
+            give_up(root);
+            return code;
+        }
+        root.watched = path;
+    }
+    return 0;
+}
+
+std::string Placer::why(const std::string &path) const { return explain_retry(path, failure_, facts()); }
+
+void Placer::give_up(Root &root)
+{
+    for (const int instance : instances_)
+        if (!root.watched.empty())
+            module_.del_watch(static_cast<uint32_t>(instance), root.watched.c_str());
+    root.watched.clear();
+}
+
+Facts Placer::facts() const
+{
+    Facts facts = gather_facts();
+    facts.max_dentries = max_dentries(options_);
+    return facts;
+}
+
+void Placer::refuse(const PlannedWatch &watch, int code, const Findings &findings)
+{
+    Refusal refusal = {watch.path, code, (watch.flags & FMON_MOUNT) != 0, (watch.flags & FMON_PID) != 0, findings};
+    complain(explain_refusal(refusal, facts()));
+    refused_ = true;
+}
+
+void Placer::report_left_out(const PlannedWatch &watch, const Findings &findings)
+{
+    const uint64_t count = count_left_out(findings);
+    complain(explain_left_out(watch.path, findings, count, facts()));
+    left_out_ += count;
+    refused_ |= findings.limit_reached();
+}
+
+// A directory that found no room in the cache is not entered, so those below it are in no log line: then all that
+// should be watched is counted, and what is watched taken off.
+uint64_t Placer::count_left_out(const Findings &findings) const
+{
+    if (!findings.cache_full)
+        return findings.left_out();
+    uint64_t wanted = 0;
+    for (const PlannedWatch &watch : plan_.watches)
+        if (is_tree(watch) && plan_.roots[watch.root].placed)
+            wanted += 1 + count_directories(watch.path, options_.max_depth, UINT64_MAX);
+    const uint64_t watched = watches_placed();
+    return std::max(findings.left_out(), wanted - std::min(wanted, watched));
+}
+
+// The monitor marks the nearest mount in its table, which holds writable devices only: for any other file system that
+// is a mount on which nothing of the path happens.
+void Placer::check_mounts()
+{
+    const std::vector<uint64_t> marked = process_marks("self").fanotify_mounts;
+    for (Root &root : plan_.roots) {
+        if (!root.placed || std::find(marked.begin(), marked.end(), root.identity.mount_id) != marked.end())
+            continue;
+        complain(root.path +
+                 " lies on a file system that cannot be marked as a whole (only writable devices can, and "
+                 "bind mounts cannot): watch it without --mount");
+        root.placed = false;
+        refused_ = true;
+    }
+}
+
+// Each watched file has an inotify watch, too.
+uint64_t Placer::directories() const
+{
+    uint64_t files = 0;
+    for (const Root &root : plan_.roots)
+        files += !root.watched.empty() && root.identity.is_file();
+    const uint64_t watches = watches_placed();
+    return watches - std::min(watches, files);
+}
+
+struct Progress::State {
+    std::mutex lock;
+    std::condition_variable changed;
+    bool over = false; /* under lock */
+    std::thread thread;
+
+    void run()
+    {
+        std::unique_lock<std::mutex> hold(lock);
+        while (!changed.wait_for(hold, std::chrono::milliseconds(400), [this] { return over; }))
+            say("\r" + counted(watches_placed(), "directory") + " ...\033[K");
+        say("\r\033[K");
+    }
+};
+
+Progress::Progress(bool wanted)
+{
+    if (!wanted || !stderr_is_terminal())
+        return;
+    state_ = new State;
+    state_->thread = std::thread([state = state_] { state->run(); });
+}
+
+Progress::~Progress()
+{
+    if (!state_)
+        return;
+    {
+        const std::lock_guard<std::mutex> hold(state_->lock);
+        state_->over = true;
+    }
+    state_->changed.notify_one();
+    state_->thread.join();
+    delete state_;
+}
+
+}  // namespace agent

@@ -1,0 +1,79 @@
+/*
+ * placer.h: puts the planned watches in place and tells what could not be watched.
+ */
+#ifndef AGENT_PLACER_H
+#define AGENT_PLACER_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+#include "diagnose.h"
+#include "intake.h"
+#include "log_watch.h"
+#include "module.h"
+#include "plan.h"
+#include "request.h"
+
+namespace agent
+{
+
+class Placer
+{
+public:
+    Placer(const Request &options, const Module &module, LogWatch &log, Plan &plan)
+        : options_(options), module_(module), log_(log), plan_(plan)
+    {
+    }
+
+    /* Creates the instances, with callbacks of `intake`, and adds the watches; says on stderr why one was refused. */
+    void run(Intake &intake);
+
+    /* For a path that has appeared: all its watches, on `path`, which no link may take elsewhere. 0, or the monitor's
+     * code, and then none of them stands; why() has the reason. */
+    int take_up(size_t index, const std::string &path);
+    std::string why(const std::string &path) const;
+    void give_up(Root &root);
+
+    bool refused() const { return refused_; }       /* a watch, or a part of one because of a limit */
+    bool any_placed() const { return any_placed_; } /* there is something to watch */
+    uint64_t left_out() const { return left_out_; } /* directories */
+    uint64_t directories() const;                   /* watched now */
+
+private:
+    bool create_instances(Intake &intake);
+    int request(const PlannedWatch &watch) const;
+    void add(const PlannedWatch &watch);
+    void refuse(const PlannedWatch &watch, int code, const Findings &findings);
+    void report_left_out(const PlannedWatch &watch, const Findings &findings);
+    uint64_t count_left_out(const Findings &findings) const;
+    void check_mounts();
+    Facts facts() const;
+
+    const Request &options_;
+    const Module &module_;
+    LogWatch &log_;
+    Plan &plan_;
+    std::vector<int> instances_; /* ids */
+    Findings failure_;           /* of the last take_up() that failed */
+    bool refused_ = false, any_placed_ = false;
+    uint64_t left_out_ = 0;
+};
+
+/* Shows on stderr, while it lives and if that is a terminal, how many directories are being watched. */
+class Progress
+{
+public:
+    explicit Progress(bool wanted);
+    ~Progress();
+    Progress(const Progress &) = delete;
+    Progress &operator=(const Progress &) = delete;
+
+private:
+    struct State;
+    State *state_ = nullptr; /* null: nothing is shown */
+};
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,89 @@
+/*
+ * queue.h: events on their way from the monitor thread to the main thread.
+ *
+ * Bounded, one producer, one consumer. The producer appends to a batch under a lock held for a copy's time; the
+ * consumer takes the whole batch and gives an empty one back, so that neither allocates once both batches have grown
+ * to what the load needs. The consumer is woken only when it has said that it sleeps.
+ */
+#ifndef AGENT_QUEUE_H
+#define AGENT_QUEUE_H
+
+#include <cstddef>
+#include <cstdint>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "process_info.h"
+
+namespace agent
+{
+
+/* One event as the formatters see it. The views are valid as long as the batch that holds it; `path` ends in a NUL. */
+struct Event {
+    uint64_t time_ns;
+    uint32_t mask;
+    uint32_t pid;
+    uint32_t source; /* index of the instance that delivered it */
+    std::string_view path;
+    std::string_view container; /* empty where there is none */
+    const ProcessInfo *process; /* null where not known */
+    bool deleted = false;       /* the path's name was gone already */
+};
+
+class Batch
+{
+public:
+    size_t size() const { return rows_.size(); }
+    bool empty() const { return rows_.empty(); }
+    size_t bytes() const { return text_.size(); }
+    Event event(size_t i) const;
+    void append(const Event &event, ProcessPtr process);
+    void clear();
+
+private:
+    struct Row {
+        uint64_t time_ns;
+        uint32_t mask, pid, source;
+        uint32_t path, path_length, container_length; /* the container's text follows the path and its NUL */
+        ProcessPtr process;
+    };
+    std::vector<Row> rows_;
+    std::string text_;
+};
+
+class EventQueue
+{
+public:
+    EventQueue(size_t max_events, size_t max_bytes);
+    ~EventQueue();
+    EventQueue(const EventQueue &) = delete;
+    EventQueue &operator=(const EventQueue &) = delete;
+
+    /* Producer. False: the queue is full and the event is not in it. */
+    bool push(const Event &event, ProcessPtr process);
+    bool full() const;
+    size_t size() const; /* any thread */
+
+    /* Any thread, and signal handlers: makes wake_fd() readable, which stays so until clear_wake(). */
+    void wake() const;
+
+    /* Consumer. Replaces `batch` by everything that has come; false when that is nothing. */
+    bool take(Batch &batch);
+    /* Consumer, before it waits for wake_fd(). False: an event has come, do not wait. */
+    bool prepare_to_sleep();
+    void clear_wake() const;
+    int wake_fd() const { return wake_fd_; } /* -1: the kernel gave none */
+
+private:
+    const size_t max_events_, max_bytes_;
+    const int wake_fd_;
+    mutable std::mutex lock_;
+    Batch incoming_;        /* under lock_ */
+    bool sleeping_ = false; /* under lock_: the next push wakes the consumer */
+};
+
+}  // namespace agent
+
+#endif

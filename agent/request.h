@@ -1,0 +1,34 @@
+/*
+ * request.h: what a monitoring verb is asked for.
+ */
+#ifndef AGENT_REQUEST_H
+#define AGENT_REQUEST_H
+
+#include <cstdint>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace agent
+{
+
+enum class Probes { kAuto, kOn, kOff };
+
+struct Request {
+    std::vector<std::string> paths;
+    uint32_t events = 0; /* 0: the default of the kind of watch */
+    bool recursive = false, mount = false, pid = false, delay = false, sync = false, wait = false, system = false;
+    uint32_t max_depth = 0;   /* 0: no limit */
+    uint32_t max_subdirs = 0; /* 0: no limit */
+    bool quiet = false;       /* no notes and no progress on stderr */
+    uint64_t timeout_ms = 0;  /* without an event; 0: none */
+    bool keep_going = false;
+    std::vector<std::pair<std::string, std::string>> settings; /* keys of fmon.ini */
+    Probes probes = Probes::kAuto;
+    int log_level = -1; /* -1: as it is */
+    bool log_to_stderr = false;
+};
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,74 @@
+#include "system_watch.h"
+
+#include "message.h"
+#include "mounts.h"
+#include "probe_cause.h"
+
+namespace agent
+{
+
+namespace
+{
+
+constexpr uint32_t kMountLimit = 12; /* depth and directories of a mount's watch, as the monitor itself gives them */
+
+}  // namespace
+
+SystemWatch::MountPoints SystemWatch::device_mounts()
+{
+    MountPoints points;
+    for (const Mount &mount : read_mounts())
+        if (mount.whole_device)
+            points.emplace(mount.point, mount.id);
+    return points;
+}
+
+bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &error)
+{
+    kinds_ = kinds;
+    known_ = device_mounts();
+    const int id = module_.create_instance("system", callback);
+    if (id < 0) {
+        error = "the monitor made no instance (code " + std::to_string(id) + ")";
+        return false;
+    }
+    instance_ = static_cast<uint32_t>(id);
+    const bool accepted = module_.global_watch(instance_, kinds, 1) == 0;
+    const ProbeFacts facts = gather_probe_facts(module_.is_container());
+    if (accepted && facts.missing_entry.empty())
+        return true;
+    error = explain_no_system(log_.probe_trouble(), facts, kinds);
+    return false;
+}
+
+// The monitor renews one filter, that of creations. A file system that is mounted where another was before is a new one
+// for the kernel, which has forgotten the mark, while the monitor still has the watch.
+void SystemWatch::watch_closes(const std::string &point) const
+{
+    module_.del_watch(instance_, point.c_str());
+    if (module_.add_watch(instance_, point.c_str(), FMON_CLOSE_WRITE, FMON_MOUNT | FMON_PID, kMountLimit,
+                          kMountLimit) != 0)
+        complain("the new mount " + point + " cannot be watched: its close_write is not shown");
+}
+
+void SystemWatch::follow_mounts()
+{
+    MountPoints now = device_mounts();
+    if (now == known_)
+        return;
+    const bool updated = module_.global_update(instance_) == 0;
+    const bool full = log_.probe_trouble().cause == ProbeCause::kMounts;
+    if ((!updated || full) && !told_full_) {
+        told_full_ = true;
+        complain(
+            "mounts have changed, and the probes' filter could not be renewed: what is created on new mounts is "
+            "not shown" +
+            std::string(full ? " (there are too many mounts)" : ""));
+    }
+    for (const auto &mount : now)
+        if ((kinds_ & FMON_CLOSE_WRITE) && known_.count(mount) == 0)
+            watch_closes(mount.first);
+    known_ = std::move(now);
+}
+
+}  // namespace agent

@@ -1,0 +1,46 @@
+/*
+ * unreadable.h: directories that may not be read, and so not be watched, until they may.
+ */
+#ifndef AGENT_UNREADABLE_H
+#define AGENT_UNREADABLE_H
+
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <set>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace agent
+{
+
+class Unreadable
+{
+public:
+    static constexpr size_t kMost = 1024; /* known at a time; more are counted without a name */
+
+    /* The monitor was refused that directory. From any thread. */
+    void refused(std::string_view path);
+
+    struct News {
+        std::vector<std::string> paths; /* refused for the first time since the last call */
+        uint64_t repeated = 0;          /* refusals of such as are known */
+    };
+    News take();
+
+    /* Calls `readable` for each that may be read by now, and forgets it; forgets those that are gone. */
+    void look(const std::function<void(const std::string &path)> &readable);
+
+    bool knows(std::string_view path) const;
+    bool any() const;
+
+private:
+    mutable std::mutex lock_;
+    std::set<std::string, std::less<>> known_; /* under lock_, as what follows */
+    News news_;
+};
+
+}  // namespace agent
+
+#endif

@@ -1,0 +1,73 @@
+/*
+ * format.h: what is written for an event, in the form that was asked for.
+ *
+ * Formatters append to a text and know nothing of files. Records end in "\n", or in a NUL with -0.
+ */
+#ifndef OUTPUT_FORMAT_H
+#define OUTPUT_FORMAT_H
+
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/containers.h"
+#include "agent/queue.h"
+
+namespace output
+{
+
+struct FormatStyle {
+    char end = '\n';
+    bool colours = false;
+    bool terminal = false; /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
+    std::vector<std::string> sources;                                          /* the instances' names, by index */
+    std::function<agent::ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
+};
+
+/* What stands when watching begins. */
+struct Established {
+    std::vector<std::string> paths;   /* watched */
+    std::vector<std::string> missing; /* waited for */
+    uint64_t directories = 0;         /* marked */
+};
+
+class Formatter
+{
+public:
+    virtual ~Formatter() = default;
+
+    virtual void begin(std::string &) {} /* a heading */
+    virtual void event(const agent::Event &event, std::string &out) = 0;
+
+    /* Records beside events. A form that has none for one of them appends nothing. */
+    virtual void established(uint64_t, const Established &, std::string & /*out*/) {}
+    /* `path`: what was missed there; empty: not known. In JSON, text and CSV. */
+    virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string_view /*path*/,
+                      std::string & /*out*/)
+    {
+    }
+    virtual void appeared(uint64_t, std::string_view /*path*/, std::string & /*out*/) {}
+    virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
+};
+
+/* What text and CSV say of a loss: "inotify: 3". */
+inline std::string loss_text(std::string_view source, uint64_t count)
+{
+    return std::string(source) + ": " + std::to_string(count);
+}
+
+std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style);
+
+/* A template: %e events, %p path, %P pid, %n process name, %t time, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e
+ * \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
+std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
+                                                   std::string &error);
+
+}  // namespace output
+
+#endif

@@ -1,0 +1,29 @@
+/*
+ * output_options.h: which events are shown, in which form, and where they go.
+ */
+#ifndef OUTPUT_OUTPUT_OPTIONS_H
+#define OUTPUT_OUTPUT_OPTIONS_H
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+namespace output
+{
+
+enum class Form { kText, kJson, kCsv, kTemplate };
+
+struct OutputOptions {
+    std::vector<std::string> include, exclude; /* regular expressions on the path */
+    Form form = Form::kText;
+    std::string pattern; /* of kTemplate */
+    bool null_end = false;
+    std::string output; /* empty: stdout */
+    bool append = false;
+    std::string exec;
+    uint64_t count = 0; /* 0: no limit */
+};
+
+}  // namespace output
+
+#endif

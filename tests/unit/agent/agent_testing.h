@@ -1,0 +1,75 @@
+/*
+ * agent_testing.h: what the tests of agent/, output/ and the command line share.
+ */
+#ifndef UNIT_AGENT_AGENT_TESTING_H
+#define UNIT_AGENT_AGENT_TESTING_H
+
+#include <gtest/gtest.h>
+#include <rapidjson/document.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "agent/queue.h"
+
+namespace agent_testing
+{
+
+/* A fresh folder, by its real path, removed at the end. */
+class Folder
+{
+public:
+    Folder()
+    {
+        std::string name = std::filesystem::canonical(std::filesystem::temp_directory_path()).string() + "/cliXXXXXX";
+        root_ = mkdtemp(name.data());
+    }
+    ~Folder()
+    {
+        std::error_code ignored;
+        std::filesystem::remove_all(root_, ignored);
+    }
+    Folder(const Folder &) = delete;
+    Folder &operator=(const Folder &) = delete;
+
+    const std::string &root() const { return root_; }
+    std::string path(const std::string &below) const { return root_ + "/" + below; }
+    std::string dir(const std::string &below) const
+    {
+        std::filesystem::create_directories(path(below));
+        return path(below);
+    }
+    std::string file(const std::string &below, const std::string &content = "") const
+    {
+        std::ofstream(path(below)) << content;
+        return path(below);
+    }
+
+private:
+    std::string root_;
+};
+
+inline std::string random_bytes(std::mt19937 &random, size_t max)
+{
+    std::string bytes(random() % (max + 1), '\0');
+    for (char &byte : bytes)
+        byte = static_cast<char>(random() % 255 + 1); /* no NUL: names have none */
+    return bytes;
+}
+
+/* 2024-02-29 12:34:56.789012345 UTC. */
+constexpr uint64_t kTime = 1709210096789012345;
+
+inline agent::Event event_of(std::string_view path, uint32_t mask, uint32_t pid = 0,
+                             const agent::ProcessInfo *process = nullptr)
+{
+    return {kTime, mask, pid, 0, path, "", process};
+}
+
+}  // namespace agent_testing
+
+#endif

@@ -1,0 +1,57 @@
+/* What was missed, as records and as lines. */
+#include <gtest/gtest.h>
+
+#include "agent/losses.h"
+
+namespace
+{
+
+using agent::Losses;
+
+struct fmon_status counters() { return {}; }
+
+TEST(CliLosses, each_look_tells_what_is_new)
+{
+    Losses losses;
+    struct fmon_status now = counters();
+    EXPECT_TRUE(losses.since_last(now).empty());
+    now.lost.inotify = 2;
+    const auto first = losses.since_last(now);
+    ASSERT_EQ(1u, first.size());
+    EXPECT_STREQ("inotify", first[0].source);
+    EXPECT_EQ(2u, first[0].count);
+    EXPECT_NE(std::string::npos, first[0].text.find("overflowed 2 times"));
+    EXPECT_NE(std::string::npos, first[0].text.find("sysctl fs.inotify.max_queued_events="));
+    EXPECT_TRUE(losses.since_last(now).empty());
+    now.lost.inotify = 3;
+    EXPECT_EQ(1u, losses.since_last(now).at(0).count);
+}
+
+TEST(CliLosses, every_counter_is_told)
+{
+    constexpr size_t kCounters = sizeof(struct fmon_loss_counts) / sizeof(uint64_t);
+    for (size_t i = 0; i < kCounters; i++) {
+        Losses losses;
+        struct fmon_status now = counters();
+        reinterpret_cast<uint64_t *>(&now.lost)[i] = 1;
+        const auto found = losses.since_last(now);
+        ASSERT_EQ(1u, found.size()) << "counter " << i;
+        EXPECT_FALSE(found[0].text.empty());
+    }
+}
+
+TEST(CliLosses, a_path_is_told_where_it_is_known)
+{
+    Losses losses;
+    struct fmon_status now = counters();
+    now.lost.path = 1;
+    now.lost.fanotify = 1;
+    snprintf(now.lost_path, sizeof now.lost_path, "/a/b");
+    const auto found = losses.since_last(now);
+    ASSERT_EQ(2u, found.size());
+    EXPECT_EQ("", found[0].path);
+    EXPECT_EQ("/a/b", found[1].path);
+    EXPECT_NE(std::string::npos, found[1].text.find("/a/b"));
+}
+
+}  // namespace

@@ -1,0 +1,205 @@
+#include "agent/queue.h"
+
+#include <poll.h>
+
+#include <thread>
+
+#include "agent/intake.h"
+#include "orx_fmon.h"
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+using agent_testing::event_of;
+
+namespace
+{
+
+bool is_readable(int fd)
+{
+    struct pollfd p = {fd, POLLIN, 0};
+    return poll(&p, 1, 0) == 1;
+}
+
+struct event record_of(char *path, uint32_t mask, uint32_t pid = 0)
+{
+    struct event event = {};
+    event.path = path;
+    event.mask = mask;
+    event.pid = pid;
+    return event;
+}
+
+}  // namespace
+
+TEST(CliQueue, keeps_order_and_content)
+{
+    EventQueue queue(10, 1000);
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+    Event event = event_of("/a", 1, 5);
+    event.container = "box";
+    EXPECT_TRUE(queue.push(event, nullptr));
+    EXPECT_TRUE(queue.push(event_of("", 2), std::make_shared<ProcessInfo>(ProcessInfo{"cat", "", "", 0, 0, 0})));
+    ASSERT_TRUE(queue.take(batch));
+    ASSERT_EQ(batch.size(), 2u);
+    EXPECT_EQ(batch.event(0).path, "/a");
+    EXPECT_EQ(batch.event(0).path.data()[2], '\0');
+    EXPECT_EQ(batch.event(0).container, "box");
+    EXPECT_EQ(batch.event(0).pid, 5u);
+    EXPECT_EQ(batch.event(0).process, nullptr);
+    EXPECT_EQ(batch.event(1).path, "");
+    EXPECT_EQ(batch.event(1).container, "");
+    EXPECT_EQ(batch.event(1).process->name, "cat");
+    EXPECT_FALSE(queue.take(batch));
+    EXPECT_TRUE(batch.empty());
+}
+
+TEST(CliQueue, is_bounded_in_events_and_bytes)
+{
+    EventQueue queue(2, 1000);
+    EXPECT_TRUE(queue.push(event_of("/a", 1), nullptr));
+    EXPECT_FALSE(queue.full());
+    EXPECT_TRUE(queue.push(event_of("/b", 1), nullptr));
+    EXPECT_TRUE(queue.full());
+    EXPECT_FALSE(queue.push(event_of("/c", 1), nullptr));
+    Batch batch;
+    queue.take(batch);
+    EXPECT_EQ(batch.size(), 2u);
+    EXPECT_TRUE(queue.push(event_of("/c", 1), nullptr));
+    EventQueue small(100, 10);
+    EXPECT_TRUE(small.push(event_of("/0123456789", 1), nullptr));
+    EXPECT_FALSE(small.push(event_of("/", 1), nullptr));
+}
+
+TEST(CliQueue, wakes_only_who_sleeps)
+{
+    EventQueue queue(10, 1000);
+    queue.push(event_of("/a", 1), nullptr);
+    EXPECT_FALSE(is_readable(queue.wake_fd()));
+    EXPECT_FALSE(queue.prepare_to_sleep());  // there is something to take
+    Batch batch;
+    queue.take(batch);
+    EXPECT_TRUE(queue.prepare_to_sleep());
+    EXPECT_FALSE(is_readable(queue.wake_fd()));
+    queue.push(event_of("/b", 1), nullptr);
+    EXPECT_TRUE(is_readable(queue.wake_fd()));
+    queue.clear_wake();
+    queue.push(event_of("/c", 1), nullptr);
+    EXPECT_FALSE(is_readable(queue.wake_fd()));  // once is enough
+    queue.wake();
+    EXPECT_TRUE(is_readable(queue.wake_fd()));
+}
+
+TEST(CliQueue, nothing_is_lost_between_two_threads)
+{
+    constexpr uint32_t kEvents = 200000;
+    EventQueue queue(64, 4096);
+    std::thread producer([&] {
+        for (uint32_t i = 0; i < kEvents;)
+            if (queue.push(event_of("/x", 1, i), nullptr))
+                i++;
+            else
+                std::this_thread::yield();
+    });
+    Batch batch;
+    uint32_t next = 0;
+    while (next < kEvents) {
+        if (!queue.take(batch)) {
+            struct pollfd p = {queue.wake_fd(), POLLIN, 0};
+            if (queue.prepare_to_sleep()) {
+                ASSERT_EQ(poll(&p, 1, 10000), 1);
+            }
+            queue.clear_wake();
+        }
+        for (size_t i = 0; i < batch.size(); i++)
+            ASSERT_EQ(batch.event(i).pid, next++);
+    }
+    producer.join();
+}
+
+TEST(CliIntake, passes_on_what_is_wanted)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_CREATE | FMON_MODIFY);
+    char path[] = "/a";
+    struct event wanted = record_of(path, FMON_CREATE | FMON_ATTRIB), other = record_of(path, FMON_ATTRIB);
+    EXPECT_EQ(callback(&wanted), 0);
+    EXPECT_EQ(callback(&other), 0);
+    Batch batch;
+    queue.take(batch);
+    ASSERT_EQ(batch.size(), 1u);
+    EXPECT_EQ(batch.event(0).mask, uint32_t{FMON_CREATE});
+}
+
+TEST(CliIntake, its_own_doings_are_nothing)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    char path[] = "/a";
+    struct event own = record_of(path, FMON_MODIFY, static_cast<uint32_t>(getpid()));
+    EXPECT_EQ(intake.add_source(FMON_MODIFY)(&own), 0);
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+}
+
+TEST(CliIntake, asks_for_a_pause_when_the_queue_is_full)
+{
+    EventQueue queue(1, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_MODIFY);
+    char path[] = "/a";
+    struct event event = record_of(path, FMON_MODIFY), by_process = record_of(path, FMON_MODIFY, 1);
+    EXPECT_EQ(callback(&event), 0);
+    EXPECT_GT(callback(&event), 0);
+    EXPECT_GT(callback(&by_process), 0);
+    Batch batch;
+    queue.take(batch);
+    EXPECT_EQ(callback(&by_process), 0);
+}
+
+TEST(CliIntake, each_source_has_its_own_callback)
+{
+    EventQueue queue(10, 1000);
+    Intake intake(queue);
+    char path[] = "/a";
+    struct event event = record_of(path, FMON_MODIFY);
+    for (uint32_t i = 0; i < Intake::kMaxSources; i++)
+        EXPECT_EQ(intake.add_source(FMON_MODIFY)(&event), 0);
+    EXPECT_EQ(intake.add_source(FMON_MODIFY), nullptr);
+    Batch batch;
+    queue.take(batch);
+    for (uint32_t i = 0; i < Intake::kMaxSources; i++)
+        EXPECT_EQ(batch.event(i).source, i);
+}
+
+TEST(CliIntake, the_monitor_thread_counts_as_the_command)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_CREATE);
+    char path[] = "/log";
+    std::thread([&] {
+        struct event own = record_of(path, FMON_CREATE, static_cast<uint32_t>(gettid()));
+        EXPECT_EQ(callback(&own), 0);
+    }).join();
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+}
+
+TEST(CliIntake, while_held_events_stay_where_they_are)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    const fmon_client_cb callback = intake.add_source(FMON_CREATE);
+    char path[] = "/a";
+    struct event wanted = record_of(path, FMON_CREATE), other = record_of(path, FMON_ATTRIB);
+    intake.hold(true);
+    EXPECT_EQ(callback(&wanted), Intake::kPauseMs);
+    EXPECT_EQ(callback(&other), 0);
+    Batch batch;
+    EXPECT_FALSE(queue.take(batch));
+    intake.hold(false);
+    EXPECT_EQ(callback(&wanted), 0);
+    EXPECT_TRUE(queue.take(batch));
+}

@@ -1,0 +1,121 @@
+#include "agent/resolve.h"
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include "agent/mount_guard.h"
+#include "agent/unreadable.h"
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+using agent_testing::Folder;
+
+namespace
+{
+
+void make_link(const std::string &target, const std::string &path) { std::filesystem::create_symlink(target, path); }
+
+}  // namespace
+
+TEST(CliResolve, own_links_are_followed)
+{
+    const Folder folder;
+    folder.dir("a/b");
+    make_link(folder.path("a"), folder.path("absolute"));
+    make_link("absolute/b/../b", folder.path("relative"));
+    for (const char *path : {"a/b", "absolute/b", "relative", "a/./b", "a/b/../b"}) {
+        const Resolved found = resolve_carefully(folder.path(path));
+        EXPECT_EQ(found.path, folder.path("a/b")) << path;
+        EXPECT_EQ(found.identity.error, 0) << path;
+        EXPECT_EQ(found.identity.ino, identify(folder.path("a/b")).ino) << path;
+        EXPECT_EQ(found.identity.mount_id, identify(folder.path("a/b")).mount_id) << path;
+    }
+    EXPECT_EQ(resolve_carefully("/").path, "/");
+    EXPECT_EQ(resolve_carefully("/..").path, "/");
+}
+
+TEST(CliResolve, what_is_not_there)
+{
+    const Folder folder;
+    folder.file("f");
+    make_link("loop", folder.path("loop"));
+    make_link("nowhere", folder.path("dangling"));
+    EXPECT_EQ(resolve_carefully(folder.path("x/y")).identity.error, ENOENT);
+    EXPECT_EQ(resolve_carefully(folder.path("f/y")).identity.error, ENOTDIR);
+    EXPECT_EQ(resolve_carefully(folder.path("loop")).identity.error, ELOOP);
+    EXPECT_EQ(resolve_carefully(folder.path("dangling")).identity.error, ENOENT);
+    EXPECT_TRUE(resolve_carefully(folder.path("loop")).foreign_link.empty());
+}
+
+TEST(CliResolve, links_of_another_user_are_not_followed)
+{
+    if (geteuid() != 0)
+        GTEST_SKIP() << "needs root, for a link of another user";
+    const Folder folder;
+    folder.dir("a/b");
+    make_link("a", folder.path("link"));
+    ASSERT_EQ(lchown(folder.path("link").c_str(), 65534, 65534), 0);
+    const Resolved found = resolve_carefully(folder.path("link/b"));
+    EXPECT_EQ(found.identity.error, ELOOP);
+    EXPECT_EQ(found.foreign_link, folder.path("link"));
+    EXPECT_EQ(found.owner, 65534u);
+}
+
+TEST(CliResolve, matches_of_a_pattern)
+{
+    const Folder folder;
+    folder.dir("b/log");
+    folder.dir("a/log");
+    folder.dir("c");
+    EXPECT_EQ(matches_of(folder.path("*/log")), (std::vector<std::string>{folder.path("a/log"), folder.path("b/log")}));
+    EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
+}
+
+TEST(CliUnreadable, is_named_once_until_it_may_be_read)
+{
+    const Folder folder;
+    const std::string a = folder.dir("a"), gone = folder.path("gone"), file = folder.file("f");
+    Unreadable unreadable;
+    for (const std::string &path : {a, gone, a})
+        unreadable.refused(path);
+    const Unreadable::News news = unreadable.take();
+    EXPECT_EQ(news.paths, (std::vector<std::string>{a, gone}));
+    EXPECT_EQ(news.repeated, 1u);
+    EXPECT_TRUE(unreadable.take().paths.empty());
+    EXPECT_TRUE(unreadable.knows(a));
+    std::vector<std::string> readable;
+    unreadable.look([&](const std::string &path) { readable.push_back(path); });
+    EXPECT_EQ(readable, (std::vector<std::string>{a}));
+    EXPECT_FALSE(unreadable.any());
+}
+
+TEST(CliUnreadable, no_more_than_so_many_are_known)
+{
+    Unreadable unreadable;
+    for (size_t i = 0; i < Unreadable::kMost + 5; i++)
+        unreadable.refused("/x" + std::to_string(i));
+    EXPECT_EQ(unreadable.take().paths.size(), Unreadable::kMost);
+}
+
+TEST(CliMountGuard, changes_inside_a_tree_are_told_once)
+{
+    std::vector<std::string> told;
+    MountGuard guard([&](const std::string &point) { told.push_back(point); });
+    Root root;
+    root.watched = "/a";
+    const auto mount = [](uint64_t id, const char *point) {
+        Mount made;
+        made.id = id;
+        made.point = point;
+        return made;
+    };
+    const std::vector<Mount> before = {mount(1, "/"), mount(2, "/a"), mount(3, "/a/b")};
+    guard.look(before, {root});
+    guard.look(before, {root});
+    EXPECT_TRUE(told.empty());
+    guard.look({mount(1, "/"), mount(4, "/a"), mount(5, "/a/b"), mount(6, "/ab"), mount(7, "/a/c/d")}, {root});
+    EXPECT_EQ(told, (std::vector<std::string>{"/a/b", "/a/c/d"}));
+    root.watched.clear();
+    guard.look(before, {root});
+    EXPECT_EQ(told.size(), 2u);
+}

@@ -1,0 +1,288 @@
+#include "agent/tree_keeper.h"
+
+#include <fcntl.h>
+#include <poll.h>
+#include <sys/inotify.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <map>
+#include <thread>
+
+#include "agent/paths.h"
+#include "agent/roots.h"
+#include "agent/watch_count.h"
+#include "common/beneath.h"
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+using agent_testing::Folder;
+
+namespace
+{
+
+struct Call {
+    std::string path;
+    uint32_t flags, depth;
+};
+std::vector<Call> g_added;
+std::vector<std::string> g_deleted;
+
+int fake_create(const char *, fmon_client_cb) { return 3; }
+
+int fake_add(uint32_t id, const char *path, uint32_t, uint32_t flags, uint32_t depth, uint32_t)
+{
+    EXPECT_EQ(id, 3u);
+    g_added.push_back({path, flags, depth});
+    return 0;
+}
+
+int fake_del(uint32_t id, const char *path)
+{
+    EXPECT_EQ(id, 3u);
+    g_deleted.push_back(path);
+    return 0;
+}
+
+class Keeper : public testing::Test
+{
+protected:
+    Keeper()
+    {
+        g_added.clear();
+        g_deleted.clear();
+        module.create_instance = fake_create;
+        module.add_watch = fake_add;
+        module.del_watch = fake_del;
+    }
+    std::vector<std::string> completed(std::vector<std::string> made, uint32_t max_depth = 0)
+    {
+        TreeKeeper keeper(module, {folder.root()}, max_depth);
+        EXPECT_EQ(keeper.start(), 3);
+        for (const std::string &path : made)
+            keeper.made(path);
+        keeper.run();
+        std::vector<std::string> paths;
+        for (const Call &call : g_added)
+            paths.push_back(call.path);
+        EXPECT_EQ(paths, g_deleted);  // nothing stays behind
+        return paths;
+    }
+
+    Module module = {};
+    Folder folder;
+};
+
+}  // namespace
+
+TEST_F(Keeper, completes_a_directory_with_directories)
+{
+    folder.dir("a/b/c");
+    EXPECT_EQ(completed({folder.path("a")}), (std::vector<std::string>{folder.path("a")}));
+    EXPECT_EQ(g_added[0].flags, uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS});
+}
+
+TEST_F(Keeper, follows_no_link)
+{
+    folder.dir("elsewhere/b/c");
+    std::filesystem::create_symlink(folder.path("elsewhere"), folder.path("a"));
+    EXPECT_TRUE(completed({folder.path("a"), folder.path("a/b")}).empty());
+}
+
+TEST_F(Keeper, tells_that_there_is_something_to_look_at)
+{
+    TreeKeeper keeper(module, {folder.root()}, 0);
+    ASSERT_EQ(keeper.start(), 3);
+    struct pollfd fd = {keeper.wake_fd(), POLLIN, 0};
+    EXPECT_EQ(poll(&fd, 1, 0), 0);
+    keeper.made(folder.path("a"));
+    keeper.made(folder.path("b"));
+    EXPECT_EQ(poll(&fd, 1, 0), 1);
+    keeper.run();
+    EXPECT_EQ(poll(&fd, 1, 0), 0);
+}
+
+TEST(CliPaths, a_directory_is_opened_through_no_link)
+{
+    const Folder folder;
+    folder.dir("a/b/c");
+    std::filesystem::create_symlink(folder.path("a"), folder.path("link"));
+    std::filesystem::create_symlink("b", folder.path("a/up"));
+    EXPECT_TRUE(open_directory("/"));
+    EXPECT_TRUE(open_directory(folder.path("a/b")));
+    for (const char *path : {"link", "link/b", "a/up", "a/up/c"})
+        EXPECT_FALSE(open_directory(folder.path(path))) << path;
+    const common::Fd top(open(folder.root().c_str(), O_PATH));
+    for (const auto &[path, found] : std::map<std::string, bool>{
+             {".", true}, {"a/b", true}, {"link", false}, {"link/b", false}, {"a/up/c", false}, {"a/../a", false}})
+        EXPECT_EQ(common::Fd(common::open_stepwise(top.get(), path, O_RDONLY)).get() >= 0, found) << path;
+}
+
+TEST(CliPaths, directories_are_counted_without_links)
+{
+    const Folder folder;
+    folder.dir("a/b/c");
+    folder.dir("d");
+    std::filesystem::create_symlink(folder.path("a"), folder.path("d/link"));
+    EXPECT_EQ(count_directories(folder.root(), 0, 100), 4u);
+    EXPECT_EQ(count_directories(folder.root(), 2, 100), 3u);
+    EXPECT_EQ(count_directories(folder.root(), 0, 2), 2u);
+    EXPECT_EQ(count_directories(folder.path("d/link"), 0, 100), 0u);
+}
+
+TEST_F(Keeper, leaves_files_and_flat_directories_alone)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    EXPECT_TRUE(completed({folder.path("a"), folder.path("a/f"), folder.path("gone")}).empty());
+}
+
+TEST_F(Keeper, one_walk_serves_all_below)
+{
+    folder.dir("a/b/c/d");
+    folder.dir("a-b/x");
+    EXPECT_EQ(completed({folder.path("a/b"), folder.path("a-b"), folder.path("a"), folder.path("a/b/c")}),
+              (std::vector<std::string>{folder.path("a"), folder.path("a-b")}));
+}
+
+TEST_F(Keeper, keeps_the_limit_of_depth)
+{
+    folder.dir("a/b/c/d");
+    completed({folder.path("a")}, 2);
+    ASSERT_EQ(g_added.size(), 1u);
+    EXPECT_EQ(g_added[0].depth, 1u);
+    g_added.clear();
+    g_deleted.clear();
+    EXPECT_TRUE(completed({folder.path("a/b")}, 2).empty());
+    EXPECT_EQ(completed({folder.path("a/b")}, 3).size(), 1u);
+}
+
+TEST_F(Keeper, a_star_in_a_name_starts_the_walk_above_it)
+{
+    folder.dir("a/*/b");
+    EXPECT_EQ(completed({folder.path("a/*")}), (std::vector<std::string>{folder.path("a")}));
+    EXPECT_EQ(without_star("/x"), "/x");
+    EXPECT_EQ(without_star("/*"), "/");
+    EXPECT_EQ(without_star("/a/b*/c"), "/a");
+}
+
+namespace
+{
+
+std::vector<std::string> g_heard;
+
+}  // namespace
+
+TEST(CliTree, new_watches_are_counted_and_those_of_other_threads_are_heard)
+{
+    const Folder folder;
+    const std::string a = folder.dir("a"), b = folder.dir("b"), c = folder.dir("c");
+    const int fd = inotify_init();
+    ASSERT_GE(fd, 0);
+    const uint64_t before = watches_placed();
+    listen_to_watches([](const char *path) { g_heard.emplace_back(path); });
+    const int wd = inotify_add_watch(fd, a.c_str(), IN_CREATE);
+    std::thread([&] {
+        EXPECT_EQ(inotify_add_watch(fd, a.c_str(), IN_DELETE), wd);  // another mask
+        EXPECT_GT(inotify_add_watch(fd, b.c_str(), IN_CREATE), wd);
+        const common::Fd opened(open(c.c_str(), O_PATH));
+        EXPECT_GT(inotify_add_watch(fd, ("/proc/self/fd/" + std::to_string(opened.get())).c_str(), IN_CREATE), wd);
+        EXPECT_EQ(inotify_add_watch(fd, folder.path("gone").c_str(), IN_CREATE), -1);
+        EXPECT_EQ(errno, ENOENT);
+    }).join();
+    listen_to_watches(nullptr);
+    EXPECT_EQ(g_heard, (std::vector<std::string>{b, c}));
+    EXPECT_EQ(watches_placed() - before, 3u);
+    EXPECT_EQ(inotify_rm_watch(fd, wd), 0);
+    EXPECT_EQ(inotify_rm_watch(fd, wd), -1);
+    EXPECT_EQ(watches_placed() - before, 2u);
+    close(fd);
+}
+
+TEST(CliTree, order_of_paths)
+{
+    std::vector<std::string> paths = {"/a/b", "/a-b", "/a", "/a/b/c", "/b"};
+    sort_as_tree(paths);
+    EXPECT_EQ(paths, (std::vector<std::string>{"/a", "/a/b", "/a/b/c", "/a-b", "/b"}));
+}
+
+namespace
+{
+
+/* Roots in a folder, and what was said of their end. */
+class Guard : public testing::Test
+{
+protected:
+    Root &watch(const std::string &below)
+    {
+        Root root;
+        root.path = folder.path(below);
+        root.identity = identify(root.path);
+        root.placed = true;
+        roots.push_back(root);
+        return roots.back();
+    }
+
+    Folder folder;
+    std::vector<Root> roots;
+    std::vector<std::string> ends;
+    RootGuard guard{roots, [this](const Root &root, const char *reason) {
+                        ends.push_back(root.path.substr(folder.root().size()) + " " + reason);
+                    }};
+};
+
+}  // namespace
+
+TEST_F(Guard, events_of_the_path_itself_end_it)
+{
+    folder.dir("a");
+    folder.dir("b");
+    watch("a");
+    watch("b");
+    guard.event(folder.path("a"), FMON_CREATE);
+    guard.event(folder.path("a/x"), FMON_DELETE_SELF);
+    EXPECT_TRUE(ends.empty());
+    guard.event(folder.path("a"), FMON_DELETE_SELF);
+    guard.event(folder.path("a"), FMON_DELETE_SELF);
+    EXPECT_FALSE(guard.all_ended());
+    guard.event(folder.path("b"), FMON_MOVE_SELF);
+    EXPECT_EQ(ends, (std::vector<std::string>{"/a deleted", "/b moved"}));
+    EXPECT_TRUE(guard.all_ended());
+}
+
+TEST_F(Guard, a_path_that_is_waited_for_never_ends)
+{
+    folder.dir("a");
+    watch("a").waits = true;
+    guard.event(folder.path("a"), FMON_DELETE_SELF);
+    std::filesystem::remove_all(folder.path("a"));
+    guard.look();
+    guard.look();
+    EXPECT_TRUE(ends.empty());
+    EXPECT_FALSE(guard.all_ended());
+}
+
+TEST_F(Guard, a_rename_above_is_seen_at_the_second_look)
+{
+    folder.dir("a/b");
+    watch("a/b");
+    guard.look();
+    guard.look();
+    EXPECT_TRUE(ends.empty());
+    std::filesystem::rename(folder.path("a"), folder.path("c"));
+    guard.look();
+    EXPECT_TRUE(ends.empty());
+    guard.look();
+    EXPECT_EQ(ends, (std::vector<std::string>{"/a/b moved"}));
+}
+
+TEST_F(Guard, a_file_that_is_replaced_was_deleted)
+{
+    folder.file("f");
+    folder.file("g");
+    watch("f");
+    std::filesystem::rename(folder.path("g"), folder.path("f"));
+    guard.look();
+    guard.look();
+    EXPECT_EQ(ends, (std::vector<std::string>{"/f deleted"}));
+}

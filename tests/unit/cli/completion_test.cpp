@@ -1,0 +1,173 @@
+#include <sstream>
+
+#include "agent/event_names.h"
+#include "agent/settings.h"
+#include "cli/doctor/doctor.h"
+#include "cli/dump/dump_options.h"
+#include "cli/offsets/offsets_options.h"
+#include "cli/verbs.h"
+#include "cli/watch/option_table.h"
+#include "unit/agent/agent_testing.h"
+
+namespace
+{
+
+std::filesystem::path in_source(const char *path) { return std::filesystem::path(FMON_TEST_SOURCE) / path; }
+
+std::string content(const std::filesystem::path &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/* bash with the completion, and in place of the program a function that prints its texts. */
+class Completion : public testing::Test
+{
+protected:
+    Completion()
+    {
+        folder.file("main", cli::main_help());
+        folder.file("watch", cli::watch_help());
+        folder.file("dump", cli::dump_help());
+        folder.file("doctor", cli::doctor_help());
+        folder.file("offsets", cli::offsets_help());
+        folder.file("events", cli::event_list());
+        folder.file("script",
+                    "source " + in_source("packaging/completion/fmon").string() +
+                        "\n"
+                        "cd " +
+                        folder.root() +
+                        "\n"
+                        "fmon() { case \"$*\" in --help) cat main ;; 'watch --help') cat watch ;;\n"
+                        "'watch -e help') cat events ;; 'dump --help') cat dump ;;\n"
+                        "'doctor --help') cat doctor ;; 'offsets --help') cat offsets ;; *) return 2 ;; esac; }\n"
+                        "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon; echo \"${COMPREPLY[*]}\"\n");
+    }
+
+    /* What the words, the last of them unfinished, are completed to. */
+    std::string replies(const std::string &words) const
+    {
+        const std::string command = "bash " + folder.path("script") + " " + words + " 2>&1";
+        FILE *pipe = popen(command.c_str(), "r");
+        char line[4096] = {};
+        const bool got = pipe && fgets(line, sizeof line, pipe);
+        EXPECT_TRUE(pipe && pclose(pipe) == 0 && got) << words << ": " << line;
+        std::string text = line;
+        text.resize(text.find_last_not_of('\n') + 1);
+        return text;
+    }
+
+    agent_testing::Folder folder;
+};
+
+}  // namespace
+
+TEST_F(Completion, verbs)
+{
+    std::string all;
+    for (const cli::Verb &verb : cli::kVerbTable)
+        all += std::string(verb.name) + " ";
+    EXPECT_EQ(replies("fmon ''"), all + "help");
+    EXPECT_EQ(replies("fmon wat"), "watch");
+    EXPECT_EQ(replies("fmon help wat"), "watch");
+    EXPECT_EQ(replies("fmon --v"), "--version");
+}
+
+TEST_F(Completion, every_option_of_watch)
+{
+    std::string all;
+    for (const cli::OptionRow &row : cli::kOptionTable)
+        all += (all.empty() ? "--" : " --") + std::string(row.name);
+    EXPECT_EQ(replies("fmon watch --"), all);
+    EXPECT_EQ(replies("fmon watch /tmp --rec"), "--recursive");
+}
+
+TEST_F(Completion, every_event)
+{
+    std::string all;
+    for (const agent::EventName &row : agent::kEventTable)
+        all += (all.empty() ? "" : " ") + std::string(row.name);
+    EXPECT_EQ(replies("fmon watch -e ''"), all);
+    EXPECT_EQ(replies("fmon watch --events moved_"), "moved_from moved_to");
+    EXPECT_EQ(replies("fmon watch --events = moved_"), "moved_from moved_to");
+    EXPECT_EQ(replies("fmon watch -e create,att"), "create,attrib");
+}
+
+TEST_F(Completion, values)
+{
+    EXPECT_EQ(replies("fmon watch --format ''"), "text json csv");
+    EXPECT_EQ(replies("fmon watch --probes o"), "on off");
+    EXPECT_EQ(replies("fmon watch --log s"), "stderr");
+    std::string all;
+    for (const agent::Setting &setting : agent::kSettingTable)
+        all += (all.empty() ? "" : " ") + std::string(setting.name) + "=";
+    EXPECT_EQ(replies("fmon watch --set ''"), all);
+}
+
+TEST_F(Completion, dump)
+{
+    EXPECT_EQ(replies("fmon dump --"), "--type --hold --help");
+    EXPECT_EQ(replies("fmon dump -t ''"), "all instances waiting dentries events backend files losses");
+    EXPECT_EQ(replies("fmon dump --type = wa"), "waiting");
+    EXPECT_EQ(replies("fmon dump --hold ''"), "");
+    EXPECT_EQ(replies("fmon dump nothing"), "");
+}
+
+TEST_F(Completion, doctor_and_offsets)
+{
+    EXPECT_EQ(replies("fmon doctor --"), "--format --help");
+    EXPECT_EQ(replies("fmon doctor -f ''"), "text json");
+    EXPECT_EQ(replies("fmon doctor scr"), "");
+    EXPECT_EQ(replies("fmon offsets --"), "--release --format --help");
+    EXPECT_EQ(replies("fmon offsets --format = j"), "json");
+    EXPECT_EQ(replies("fmon offsets --release ''"), "");
+    EXPECT_EQ(replies("fmon offsets " + folder.path("scr")), folder.path("script"));
+}
+
+TEST_F(Completion, files)
+{
+    EXPECT_EQ(replies("fmon watch " + folder.path("scr")), folder.path("script"));
+    EXPECT_EQ(replies("fmon watch -o " + folder.path("scr")), folder.path("script"));
+    EXPECT_EQ(replies("fmon watch -n ''"), "");
+}
+
+TEST(CliManual, names_every_option_and_event)
+{
+    const std::string page = content(in_source("docs/fmon-watch.1"));
+    for (const cli::OptionRow &row : cli::kOptionTable) {
+        EXPECT_NE(page.find(std::string("Fl Fl ") + row.name), std::string::npos) << row.name;
+        if (row.letter) {
+            EXPECT_NE(page.find(std::string(".It Fl ") + row.letter + " ,"), std::string::npos) << row.name;
+        }
+    }
+    for (const agent::EventName &row : agent::kEventTable)
+        EXPECT_NE(page.find(std::string(".It Cm ") + row.name + "\n"), std::string::npos) << row.name;
+    for (const agent::Setting &setting : agent::kSettingTable)
+        EXPECT_NE(page.find(std::string(".Cm ") + setting.name), std::string::npos) << setting.name;
+}
+
+TEST(CliManual, of_dump_names_every_option_and_type)
+{
+    const std::string page = content(in_source("docs/fmon-dump.1"));
+    for (const char *option : {".It Fl t , Fl Fl type ", ".It Fl Fl hold ", ".It Fl h , Fl Fl help"})
+        EXPECT_NE(page.find(option), std::string::npos) << option;
+    for (const agent::DumpType &type : agent::kDumpTypeTable)
+        EXPECT_NE(page.find(std::string(".It Cm ") + type.name + "\n"), std::string::npos) << type.name;
+}
+
+TEST(CliManual, of_doctor_and_offsets_names_every_option)
+{
+    for (const char *option : {".It Fl f , Fl Fl format ", ".It Fl h , Fl Fl help"}) {
+        EXPECT_NE(content(in_source("docs/fmon-doctor.1")).find(option), std::string::npos) << option;
+        EXPECT_NE(content(in_source("docs/fmon-offsets.1")).find(option), std::string::npos) << option;
+    }
+    EXPECT_NE(content(in_source("docs/fmon-offsets.1")).find(".It Fl Fl release "), std::string::npos);
+}
+
+TEST(CliManual, names_every_verb)
+{
+    const std::string page = content(in_source("docs/fmon.1"));
+    for (const cli::Verb &verb : cli::kVerbTable)
+        EXPECT_NE(page.find(std::string(".It Cm ") + verb.name + "\n"), std::string::npos) << verb.name;
+}

@@ -1,0 +1,537 @@
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <sstream>
+
+#include "agent/marks.h"
+#include "agent/message.h"
+#include "cli/doctor/doctor.h"
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+using namespace cli;
+using agent_testing::Folder;
+
+namespace
+{
+
+/* The one check of that name. */
+Check find(const Checks &checks, const std::string &name)
+{
+    const auto is_it = [&](const Check &check) { return check.name == name; };
+    EXPECT_EQ(std::count_if(checks.begin(), checks.end(), is_it), 1) << name;
+    const auto found = std::find_if(checks.begin(), checks.end(), is_it);
+    return found == checks.end() ? Check{"", "", State::kOk, "", "", true} : *found;
+}
+
+bool has(const Checks &checks, const std::string &name)
+{
+    return std::any_of(checks.begin(), checks.end(), [&](const Check &check) { return check.name == name; });
+}
+
+void expect(const Check &check, State state, std::initializer_list<const char *> parts)
+{
+    EXPECT_STREQ(state_name(check.state), state_name(state)) << check.name << ": " << check.text;
+    for (const char *part : parts)
+        EXPECT_NE((check.text + ": " + check.remedy).find(part), std::string::npos)
+            << "no '" << part << "' in: " << check.text << ": " << check.remedy;
+}
+
+SetupFacts good_setup()
+{
+    SetupFacts facts;
+    facts.config = "/opt/config/fmon.ini";
+    facts.config_read = true;
+    facts.settings = {{"max_events", "10000"}, {"rate_log", "0"}};
+    return facts;
+}
+
+KernelFacts good_kernel()
+{
+    KernelFacts facts;
+    facts.release = "6.1.0-37-amd64";
+    facts.machine = "x86_64";
+    facts.section = "6.1.0-37-x86_64";
+    facts.s_mounts = "224";
+    facts.mnt_id = "172";
+    facts.described = Offsets{224, 172};
+    return facts;
+}
+
+EventFacts good_events()
+{
+    EventFacts facts;
+    facts.max_watches = 65536;
+    facts.max_instances = 128;
+    facts.max_events = facts.max_fanotify = 16384;
+    facts.max_groups = 128;
+    facts.max_marks = 8192;
+    facts.root = true;
+    return facts;
+}
+
+DoctorProbes good_probes()
+{
+    DoctorProbes facts;
+    facts.probes.root = facts.probes.library_there = true;
+    facts.probes.library_path = "/opt/lib/liborx_kp_thread.2.so";
+    facts.probes.release = "6.1.0-37-amd64";
+    facts.understood = true;
+    facts.mounts = {21, 24};
+    facts.processors = 2;
+    facts.max_descriptors = 4096;
+    return facts;
+}
+
+Mount mount_of(const char *line)
+{
+    Mount mount;
+    EXPECT_TRUE(parse_mount(line, mount)) << line;
+    return mount;
+}
+
+bool all_good(const Checks &checks)
+{
+    return !checks.empty() && std::all_of(checks.begin(), checks.end(), [](const Check &check) {
+        return check.state == State::kOk && check.remedy.empty() && check.reachable && !check.text.empty();
+    });
+}
+
+}  // namespace
+
+TEST(CliDoctor, a_good_machine)
+{
+    EXPECT_TRUE(all_good(judge_setup(good_setup())));
+    EXPECT_TRUE(all_good(judge_kernel(good_kernel())));
+    EXPECT_TRUE(all_good(judge_rights({~uint64_t{0}, true})));
+    EXPECT_TRUE(all_good(judge_events(good_events())));
+    EXPECT_TRUE(all_good(judge_probes(good_probes())));
+}
+
+TEST(CliDoctor, installation)
+{
+    SetupFacts facts = good_setup();
+    facts.monitor_error = "cannot load the monitor: none";
+    facts.config_read = false;
+    facts.container = true;
+    facts.container_type = "docker";
+    const Checks checks = judge_setup(facts);
+    expect(find(checks, "monitor"), State::kNo, {"cannot load the monitor: none"});
+    expect(find(checks, "fmon.ini"), State::kNo, {"/opt/config/fmon.ini cannot be read", "put it back"});
+    expect(find(checks, "place"), State::kWarn, {"inside a container (docker)", "on the host itself"});
+    for (const char *value : {"0", "-1", "", "x", "10 ", "99999999999999999999"}) {
+        facts = good_setup();
+        facts.settings.emplace_back("max_dentries", value);
+        expect(find(judge_setup(facts), "fmon.ini"), State::kNo, {"max_dentries is '", "from 1 to 2097152"});
+    }
+}
+
+TEST(CliDoctor, kernel)
+{
+    KernelFacts facts = good_kernel();
+    facts.release = "6.18.44-fc-v669";
+    facts.section = "";
+    expect(find(judge_kernel(facts), "release"), State::kNo, {"6.18.44-fc-v669 on x86_64", "MAJOR.MINOR.PATCH-BUILD"});
+    EXPECT_EQ(doctor_status(judge_kernel(facts)), kDone) << "nobody could change that";
+    EXPECT_FALSE(has(judge_kernel(facts), "offsets"));
+    facts.machine = "aarch64";
+    expect(find(judge_kernel(facts), "release"), State::kNo, {"x86_64, i386 and i686 only"});
+}
+
+TEST(CliDoctor, offsets)
+{
+    KernelFacts facts = good_kernel();
+    facts.mnt_id = "180";
+    expect(find(judge_kernel(facts), "offsets"), State::kWarn,
+           {"[6.1.0-37-x86_64] says 224 and 180", "the kernel itself 224 and 172", "fmon offsets"});
+    facts.mnt_id = "";
+    expect(find(judge_kernel(facts), "offsets"), State::kWarn, {"is not complete", "fmon offsets"});
+    facts.s_mounts = "";
+    expect(find(judge_kernel(facts), "offsets"), State::kWarn, {"has no section [6.1.0-37-x86_64]", "fmon offsets"});
+    facts.described.reset();
+    facts.description_error = "it was built without BTF";
+    expect(find(judge_kernel(facts), "offsets"), State::kWarn, {"without BTF"});
+    facts = good_kernel();
+    facts.described.reset();
+    expect(find(judge_kernel(facts), "offsets"), State::kOk, {"nothing to compare with"});
+}
+
+TEST(CliDoctor, capabilities)
+{
+    EXPECT_EQ(parse_capabilities("Name:\tx\nCapPrm:\t1\nCapEff:\t000001ffffffffff\nCapBnd:\t0\n"), 0x1ffffffffffu);
+    EXPECT_EQ(parse_capabilities("Name:\tCapEff:\nCapEff:\t0000000000000000\n"), 0u);
+    for (const char *text : {"", "CapEff:\t1", "\nCapEff:\tx", "\nCapEff:", "\nCapEff:\t"})
+        EXPECT_FALSE(parse_capabilities(text)) << text;
+    Checks checks = judge_rights({uint64_t{1} << 21, false});
+    expect(find(checks, "CAP_SYS_ADMIN"), State::kOk, {"fanotify"});
+    expect(find(checks, "CAP_DAC_READ_SEARCH"), State::kNo, {"is missing", "run as root"});
+    expect(find(checks, "CAP_SYS_PTRACE"), State::kWarn, {"is missing", "run as root"});
+    // Without fanotify no event names a process, whose program nobody then looks up.
+    checks = judge_rights({uint64_t{1} << 2, false});
+    expect(find(checks, "CAP_SYS_PTRACE"), State::kOk, {"of no use without CAP_SYS_ADMIN"});
+    EXPECT_EQ(find(checks, "CAP_SYS_PTRACE").remedy, "");
+    EXPECT_EQ(find(judge_rights({uint64_t{1} << 19 | uint64_t{1} << 21, true}), "CAP_SYS_PTRACE").remedy, "");
+    checks = judge_rights({0, true});
+    expect(find(checks, "CAP_SYS_ADMIN"), State::kNo, {"is missing", "let root keep CAP_SYS_ADMIN"});
+    EXPECT_EQ(doctor_status(checks), kNothing);
+    expect(find(judge_rights({std::nullopt, true}), "capabilities"), State::kWarn, {"mount /proc"});
+}
+
+TEST(CliDoctor, inotify_limits)
+{
+    EventFacts facts = good_events();
+    facts.users[1000].inotify_watches = 52428;
+    facts.users[0].inotify_watches = 7;
+    expect(find(judge_events(facts), "watches"), State::kOk, {"52,428 of 65,536 used by user 1000"});
+    facts.users[1000].inotify_watches = 52429;  // four fifths
+    expect(find(judge_events(facts), "watches"), State::kWarn, {"sysctl fs.inotify.max_user_watches=131072"});
+    EXPECT_EQ(doctor_status(judge_events(facts)), kDone);
+    facts.users[1000].inotify_watches = 65536;
+    expect(find(judge_events(facts), "watches"), State::kNo, {"65,536 of 65,536"});
+    EXPECT_EQ(doctor_status(judge_events(facts)), kNothing);
+    facts.users[0].inotify_instances = 128;
+    expect(find(judge_events(facts), "instances"), State::kNo,
+           {"128 of 128 used by user 0", "max_user_instances=1024"});
+    facts.max_watches = 0;
+    expect(find(judge_events(facts), "watches"), State::kWarn, {"cannot be read"});
+}
+
+TEST(CliDoctor, queues)
+{
+    EventFacts facts = good_events();
+    facts.max_events = 100;
+    const Checks checks = judge_events(facts);
+    const auto is_queue = [](const Check &check) { return check.name == "queue" && check.section[0] == 'i'; };
+    expect(*std::find_if(checks.begin(), checks.end(), is_queue), State::kWarn,
+           {"100 events", "sysctl fs.inotify.max_queued_events=16384"});
+}
+
+TEST(CliDoctor, fanotify)
+{
+    EventFacts facts = good_events();
+    facts.group_error = EPERM;
+    expect(find(judge_events(facts), "group"), State::kNo, {"refuses it", "containers", "CAP_SYS_ADMIN"});
+    EXPECT_FALSE(has(judge_events(facts), "groups"));
+    facts.root = false;
+    expect(find(judge_events(facts), "group"), State::kNo, {"run as root"});
+    facts.group_error = ENOSYS;
+    expect(find(judge_events(facts), "group"), State::kNo, {"built without it"});
+    EXPECT_EQ(doctor_status(judge_events(facts)), kDone);
+    facts = good_events();
+    facts.group_error = EMFILE;
+    expect(find(judge_events(facts), "group"), State::kNo, {"fs.fanotify.max_user_groups=1024"});
+    facts = good_events();
+    facts.mark_error = EPERM;
+    expect(find(judge_events(facts), "mounts"), State::kNo, {"refuses it"});
+    facts = good_events();
+    facts.users[3].fanotify_instances = 120;
+    expect(find(judge_events(facts), "groups"), State::kWarn, {"120 of 128 used by user 3"});
+    facts.max_groups = 0;  // before 5.13
+    expect(find(judge_events(facts), "limits"), State::kOk, {"128 groups"});
+}
+
+TEST(CliDoctor, probe_library)
+{
+    DoctorProbes facts = good_probes();
+    facts.probes.library_there = false;
+    EXPECT_EQ(judge_probes(facts).size(), 1u);
+    expect(find(judge_probes(facts), "library"), State::kNo, {"liborx_kp_thread.2.so is not there", "install it"});
+    facts = good_probes();
+    facts.probes.load_error = "file too short";
+    expect(find(judge_probes(facts), "library"), State::kNo, {"cannot be loaded: file too short"});
+    facts = good_probes();
+    facts.probes.missing_entry = "_kp_evt_reg";
+    expect(find(judge_probes(facts), "library"), State::kNo, {"lacks _kp_evt_reg"});
+    facts = good_probes();
+    facts.probes.container = true;
+    facts.probes.library_there = false;
+    expect(find(judge_probes(facts), "library"), State::kWarn, {"inside a container"});
+    EXPECT_EQ(doctor_status(judge_probes(facts)), kDone);
+}
+
+TEST(CliDoctor, probes_that_do_not_work)
+{
+    DoctorProbes facts = good_probes();
+    facts.probes.library_reason = "tracefs is not mounted: mount -t tracefs tracefs /sys/kernel/tracing";
+    expect(find(judge_probes(facts), "kernel"), State::kNo, {"do not work: tracefs is not mounted: mount -t tracefs"});
+    EXPECT_EQ(doctor_status(judge_probes(facts)), kNothing);
+    facts.probes.root = false;
+    expect(find(judge_probes(facts), "kernel"), State::kNo, {"run as root"});
+    facts.probes.library_reason = "this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)";
+    EXPECT_EQ(doctor_status(judge_probes(facts)), kDone) << "nobody could change that";
+    facts = good_probes();
+    facts.understood = false;
+    expect(find(judge_probes(facts), "kernel"), State::kOk, {"the monitor does not use them"});
+}
+
+// Kernel probes need some for each processor that there may be.
+TEST(CliDoctor, descriptors)
+{
+    DoctorProbes facts = good_probes();
+    expect(find(judge_probes(facts), "descriptors"), State::kOk, {"about 108 for 2 processors"});
+    facts.processors = 46;
+    facts.max_descriptors = 1024;
+    expect(find(judge_probes(facts), "descriptors"), State::kNo,
+           {"about 1,076 for 46 processors", "a process may have 1,024", "ulimit -n 2048", "LimitNOFILE="});
+    EXPECT_EQ(doctor_status(judge_probes(facts)), kNothing);
+}
+
+TEST(CliDoctor, room_of_the_filter)
+{
+    EXPECT_EQ(filter_length({}), 0u);
+    EXPECT_EQ(filter_length({21}), strlen("(mnt==21||mnt==0)"));
+    EXPECT_EQ(filter_length({21, 240}), strlen("(mnt==21||mnt==240||mnt==0)"));
+    DoctorProbes facts = good_probes();
+    facts.mounts.assign(27, 30);
+    expect(find(judge_probes(facts), "mounts"), State::kOk, {"27 mounts of devices: 251 of the filter's 255"});
+    facts.mounts.assign(28, 30);
+    expect(find(judge_probes(facts), "mounts"), State::kNo, {"28 mounts", "unmount some"});
+}
+
+TEST(CliDoctor, kernels_that_delete_probes_badly)
+{
+    for (const char *release : {"6.6.99-1", "6.1.0-37-amd64", "5.10", "3.2", "2.6.32", "", "x", "6"})
+        EXPECT_TRUE(deletes_probes_badly(release)) << release;
+    for (const char *release : {"6.7", "6.7.0-1", "6.18.44-fc-v669", "7.0", "10.1.1"})
+        EXPECT_FALSE(deletes_probes_badly(release)) << release;
+}
+
+/* Processes whose descriptors say what the test wants. */
+class CliDoctorProc : public testing::Test
+{
+protected:
+    void descriptor(const std::string &process, int fd, const char *target, const std::string &info)
+    {
+        proc_.dir(process + "/fd");
+        proc_.dir(process + "/fdinfo");
+        const std::string number = std::to_string(fd);
+        ASSERT_EQ(symlink(target, proc_.path(process + "/fd/" + number).c_str()), 0);
+        proc_.file(process + "/fdinfo/" + number, info);
+    }
+    std::map<uid_t, Marks> users() const { return marks_by_user(proc_.root().c_str()); }
+
+    Folder proc_;
+    const std::vector<Mount> mounts_ = {
+        mount_of("23 1 8:1 / / rw - ext4 /dev/sda1 rw"),
+        mount_of("31 23 0:12 / /sys/kernel/tracing rw shared:1 - tracefs tracefs rw"),
+    };
+};
+
+TEST_F(CliDoctorProc, marks_of_all_users)
+{
+    descriptor("10", 3, "anon_inode:inotify", "pos:\t0\ninotify wd:2 ino:1 sdev:1\ninotify wd:1 ino:2 sdev:1\n");
+    descriptor("11", 4, "anon_inode:[fanotify]", "fanotify flags:0\nfanotify mnt_id:1f mflags:0 mask:8\n");
+    descriptor("11", 5, "/dev/null", "fanotify sdev:1\n");
+    const auto users = this->users();
+    ASSERT_EQ(users.size(), 1u);
+    const Marks &marks = users.at(getuid());
+    EXPECT_EQ(marks.inotify_watches, 2u);
+    EXPECT_EQ(marks.inotify_instances, 1u);
+    EXPECT_EQ(marks.fanotify_instances, 1u);
+    EXPECT_EQ(marks.fanotify_mounts, std::vector<uint64_t>{31});
+    EXPECT_TRUE(marks.fanotify_devices.empty());
+}
+
+TEST_F(CliDoctorProc, tracefs_not_marked)
+{
+    descriptor("10", 3, "anon_inode:[fanotify]",
+               "fanotify flags:0\nfanotify mnt_id:17 mflags:0\nfanotify ino:2 sdev:800001 mflags:0 mask:8\n");
+    descriptor("10", 4, "anon_inode:inotify", "inotify wd:1 ino:2 sdev:c mask:8\n");
+    EXPECT_EQ(mounts_[0].device, 0x800001u);
+    EXPECT_FALSE(is_tracefs_marked(users(), mounts_));
+    EXPECT_FALSE(is_tracefs_marked({}, mounts_));
+    EXPECT_FALSE(is_tracefs_marked(users(), {}));
+}
+
+TEST_F(CliDoctorProc, tracefs_marked_as_a_mount)
+{
+    descriptor("10", 3, "anon_inode:[fanotify]", "fanotify mnt_id:1f mflags:0 mask:8 ignored_mask:0\n");
+    EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
+}
+
+TEST_F(CliDoctorProc, tracefs_marked_as_a_file_system)
+{
+    descriptor("10", 3, "anon_inode:[fanotify]", "fanotify flags:0\nfanotify sdev:c mflags:0 mask:8 ignored_mask:0\n");
+    EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
+}
+
+TEST_F(CliDoctorProc, tracefs_marked_in_one_file)
+{
+    descriptor("10", 3, "anon_inode:[fanotify]",
+               "fanotify ino:5 sdev:c mflags:0 mask:8 ignored_mask:0 fhandle-type:1\n");
+    EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
+}
+
+TEST_F(CliDoctorProc, damaged_anyhow)
+{
+    const std::string good = "fanotify flags:0\nfanotify ino:5 sdev:c mflags:0\nfanotify mnt_id:1f\ninotify wd:1\n";
+    std::mt19937 random(5);
+    for (int i = 0; i < 300; i++) {
+        std::string text = good;
+        for (int n = 0; n < 4; n++)
+            text[random() % text.size()] = static_cast<char>(random());
+        descriptor(std::to_string(i + 1), 3, "anon_inode:[fanotify]", text);
+    }
+    const auto users = this->users();
+    EXPECT_EQ(users.at(getuid()).fanotify_instances, 300u);
+    EXPECT_LE(users.at(getuid()).fanotify_mounts.size(), 1200u);
+}
+
+TEST(CliDoctor, marked_tracefs_of_an_old_kernel)
+{
+    DoctorProbes facts = good_probes();
+    facts.may_crash = true;
+    const Checks checks = judge_probes(facts);
+    expect(find(checks, "tracefs"), State::kWarn, {"marks tracefs", "before 6.7", "--probes off"});
+    expect(find(checks, "kernel"), State::kWarn, {"were not tried"});
+    EXPECT_EQ(doctor_status(checks), kDone);
+}
+
+TEST(CliDoctor, file_systems)
+{
+    const Checks checks = judge_mounts({
+        mount_of("1 0 8:1 / / rw - ext4 /dev/sda1 rw"),
+        mount_of("2 1 0:3 / /proc rw - proc proc rw"),
+        mount_of("3 1 0:4 / /home rw - nfs4 server:/home rw"),
+        mount_of("4 1 0:5 / /a rw - overlay overlay rw"),
+        mount_of("5 1 0:6 / /b rw - overlay overlay rw"),
+        mount_of("6 1 0:7 / /c rw - overlay overlay rw"),
+        mount_of("7 1 0:8 / /d\\040e rw - overlay overlay rw"),
+        mount_of("8 1 0:9 / /f rw - fuse.sshfs x@y: rw"),
+        mount_of("9 1 0:10 / /g rw - fuseblk /dev/sdb1 rw"),
+        mount_of("10 1 0:11 / /h rw - cifs //s/h rw"),
+    });
+    ASSERT_EQ(checks.size(), 5u);
+    expect(find(checks, "nfs4"), State::kWarn, {"/home: what other machines change"});
+    expect(find(checks, "overlay"), State::kWarn, {"/a, /b, /c and 1 more: ", "layers"});
+    expect(find(checks, "fuse.sshfs"), State::kWarn, {"/f: "});
+    expect(find(checks, "cifs"), State::kWarn, {"/h: "});
+    expect(find(checks, "proc"), State::kOk, {"/proc: what the kernel changes"});
+    expect(find(judge_mounts({}), "mounts"), State::kWarn, {"mountinfo cannot be read"});
+}
+
+TEST(CliDoctorReport, text)
+{
+    const Checks checks = {{"a", "b", State::kOk, "fine", "", true},
+                           {"long", "name", State::kNo, "bad\n\033[31m", "mend it", true},
+                           {"c", "d", State::kWarn, "so", "", true}};
+    EXPECT_EQ(doctor_text(checks, false),
+              "ok    a b        fine\n"
+              "no    long name  bad\\n\\033[31m: mend it\n"
+              "warn  c d        so\n");
+    const std::string coloured = doctor_text(checks, true);
+    EXPECT_EQ(coloured.substr(0, 15), "\033[32mok\033[0m    ");
+    EXPECT_EQ(std::count(coloured.begin(), coloured.end(), '\033'), 6);
+    EXPECT_EQ(doctor_text({}, true), "");
+}
+
+TEST(CliDoctorReport, json)
+{
+    std::istringstream lines(
+        doctor_json({{"a", "b", State::kOk, "fi\"ne\xff", "", true}, {"c", "d", State::kNo, "bad", "mend it", false}},
+                    agent_testing::kTime));
+    std::string line;
+    std::vector<std::string> states, texts;
+    while (std::getline(lines, line)) {
+        rapidjson::Document object;
+        ASSERT_FALSE(object.Parse(line.c_str()).HasParseError()) << line;
+        EXPECT_STREQ(object["type"].GetString(), "check");
+        EXPECT_STREQ(object["time"].GetString(), "2024-02-29T12:34:56.789012345Z");
+        states.emplace_back(object["state"].GetString());
+        texts.emplace_back(object["text"].GetString());
+        EXPECT_EQ(object.HasMember("remedy"), states.back() == "no");
+        EXPECT_EQ(object["reachable"].GetBool(), states.back() == "ok");
+    }
+    EXPECT_EQ(states, (std::vector<std::string>{"ok", "no"}));
+    EXPECT_EQ(texts[0], "fi\"ne\xef\xbf\xbd");
+}
+
+TEST(CliDoctorWatches, what_each_missed)
+{
+    const Checks checks = judge_watches({{7, "fmon watch /a", {}, ""},
+                                         {8, "fmon watch /b", {"one", "two"}, ""},
+                                         {9, "fmon watch /c", {}, "process 9 does not answer"}});
+    ASSERT_EQ(checks.size(), 3u);
+    expect(find(checks, "process 7"), State::kOk, {"fmon watch /a: nothing was missed"});
+    expect(find(checks, "process 8"), State::kWarn, {"fmon watch /b: one; two"});
+    expect(find(checks, "process 9"), State::kWarn, {"fmon watch /c: process 9 does not answer"});
+}
+
+TEST(CliDoctorReport, status)
+{
+    const auto status = [](State state, bool reachable) {
+        return doctor_status({{"a", "b", state, "", "", reachable}});
+    };
+    EXPECT_EQ(doctor_status({}), 0);
+    EXPECT_EQ(status(State::kOk, true), 0);
+    EXPECT_EQ(status(State::kWarn, true), 0);
+    EXPECT_EQ(status(State::kNo, true), 1);
+    EXPECT_EQ(status(State::kNo, false), 0);
+}
+
+TEST(CliDoctorReport, arguments)
+{
+    const auto parse = [](std::vector<std::string> arguments, DoctorOptions &options) {
+        arguments.insert(arguments.begin(), "doctor");
+        std::vector<char *> argv;
+        for (std::string &argument : arguments)
+            argv.push_back(argument.data());
+        argv.push_back(nullptr);
+        std::string error;
+        const bool ok = parse_doctor(static_cast<int>(arguments.size()), argv.data(), options, error);
+        EXPECT_EQ(ok, error.empty());
+        return error;
+    };
+    DoctorOptions options;
+    EXPECT_EQ(parse({}, options), "");
+    EXPECT_FALSE(options.json || options.help);
+    EXPECT_EQ(parse({"--format", "json"}, options), "");
+    EXPECT_TRUE(options.json);
+    EXPECT_EQ(parse({"-f", "text"}, options), "");
+    EXPECT_FALSE(options.json);
+    EXPECT_EQ(parse({"-f", "csv"}, options), "--format takes text or json, not 'csv'");
+    EXPECT_EQ(parse({"-f"}, options), "--format needs a value");
+    EXPECT_EQ(parse({"now"}, options), "doctor takes no argument, such as 'now'");
+    EXPECT_EQ(parse({"--x"}, options), "unknown option '--x': see fmon doctor --help");
+    EXPECT_EQ(parse({"--help", "x"}, options), "");
+    EXPECT_TRUE(options.help);
+}
+
+TEST(CliDoctorContainers, say_what_is_found)
+{
+    ContainerFacts facts;
+    facts.surveyed = facts.root = true;
+    facts.census.containers = 3;
+    facts.census.mounts = 1200;
+    facts.census.micros = 4200;
+    expect(find(judge_containers(facts), "library"), State::kOk, {"can be loaded"});
+    expect(find(judge_containers(facts), "identity"), State::kOk, {"3 containers", "1,200 mounts", "4 ms"});
+    facts.census.cut = 1;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"1 namespace with more mounts"});
+}
+
+TEST(CliDoctorContainers, say_why_they_are_not_seen)
+{
+    ContainerFacts facts;
+    facts.library_error = "no such file";
+    expect(find(judge_containers(facts), "library"), State::kWarn, {"no such file", "install"});
+    EXPECT_FALSE(has(judge_containers(facts), "identity"));
+    facts = {};
+    facts.surveyed = true;
+    facts.census_error = ENOENT;
+    expect(find(judge_containers(facts), "identity"), State::kNo, {"/proc cannot be read", "mount"});
+    facts.census_error = 0;
+    facts.census.hidden = 7;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"may not be seen", "run as root"});
+    facts.root = facts.first_hidden = true;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "CAP_SYS_PTRACE", "hidepid"});
+    facts.may_trace = true;
+    EXPECT_EQ(find(judge_containers(facts), "identity").remedy.find("CAP_SYS_PTRACE"), std::string::npos);
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"most processes", "user namespaces"});
+    facts.census.hidden = 0;
+    facts.first_hidden = false;
+    facts.container = true;
+    facts.host_processes = false;
+    expect(find(judge_containers(facts), "identity"), State::kWarn, {"own processes", "--pid=host"});
+}

@@ -1,0 +1,327 @@
+#include "output/output.h"
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <sys/resource.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+
+#include <chrono>
+#include <csignal>
+#include <sstream>
+
+#include "agent/descriptors.h"
+#include "orx_fmon.h"
+#include "output/exec.h"
+#include "output/reporter.h"
+#include "unit/agent/agent_testing.h"
+#include "unit/cli/parse.h"
+
+using namespace agent;
+using namespace output;
+using agent_testing::event_of;
+using agent_testing::Folder;
+using cli_testing::parse;
+
+namespace
+{
+
+int for_ever(bool) { return -1; }
+int always() { return -1; }
+
+std::string content(const std::string &path)
+{
+    std::ostringstream text;
+    text << std::ifstream(path).rdbuf();
+    return text.str();
+}
+
+/* A reporter that writes to a file, with one instance that shows all kinds. */
+class Reporting : public testing::Test
+{
+protected:
+    Reporter &open(std::vector<std::string> arguments)
+    {
+        arguments.insert(arguments.end(), {"-o", folder.path("out"), "--format", "%e %p", "/root"});
+        parsed = parse(arguments);
+        EXPECT_TRUE(parsed.ok) << parsed.error;
+        reporter = std::make_unique<Reporter>(parsed.options, parsed.options);
+        std::string error;
+        EXPECT_TRUE(reporter->prepare(error)) << error;
+        Plan plan;
+        plan.instances = {{"watch", parsed.options.events ? parsed.options.events : uint32_t{FMON_ALL_EVENTS}}};
+        plan.roots.resize(1);
+        plan.roots[0].path = "/root";
+        reporter->set_plan(plan);
+        EXPECT_TRUE(reporter->begin(error)) << error;
+        return *reporter;
+    }
+    std::string written()
+    {
+        reporter->flush();
+        return content(folder.path("out"));
+    }
+
+    Folder folder;
+    cli_testing::Parsed parsed;
+    std::unique_ptr<Reporter> reporter;
+};
+
+}  // namespace
+
+TEST(CliOutput, a_closed_pipe_is_no_error)
+{
+    signal(SIGPIPE, SIG_IGN);
+    int ends[2];
+    ASSERT_EQ(pipe(ends), 0);
+    Output output;
+    std::string error;
+    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
+    close(ends[1]);
+    close(ends[0]);
+    output.buffer() = "x";
+    EXPECT_FALSE(output.flush(for_ever));
+    EXPECT_TRUE(output.closed());
+    EXPECT_TRUE(output.error().empty());
+}
+
+TEST(CliOutput, a_full_disk_is_one)
+{
+    Output output;
+    std::string error;
+    ASSERT_TRUE(output.open("/dev/full", false, error));
+    output.buffer() = "x";
+    EXPECT_FALSE(output.flush(for_ever));
+    EXPECT_FALSE(output.closed());
+    EXPECT_NE(output.error().find("No space left"), std::string::npos);
+}
+
+TEST(CliOutput, files_are_replaced_and_know_their_path)
+{
+    const Folder folder;
+    const std::string path = folder.file("out", "old");
+    Output output;
+    std::string error;
+    ASSERT_TRUE(output.open(path, false, error));
+    EXPECT_EQ(output.file_path(), path);
+    output.buffer() = "new";
+    EXPECT_TRUE(output.flush_if_large(for_ever));
+    EXPECT_EQ(content(path), "");
+    EXPECT_TRUE(output.flush(for_ever));
+    EXPECT_EQ(content(path), "new");
+    EXPECT_TRUE(output.buffer().empty());
+    Output other;
+    EXPECT_FALSE(other.open(folder.path("missing/out"), false, error));
+    EXPECT_NE(error.find("missing/out: No such file"), std::string::npos);
+}
+
+TEST(CliOutput, a_reader_that_does_not_read_cannot_hold_up_the_end)
+{
+    int ends[2];
+    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    Output output;
+    std::string error;
+    ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
+    fcntl(output.fd(), F_SETFL, O_NONBLOCK);
+    output.buffer().assign(1 << 20, 'x');
+    EXPECT_TRUE(output.flush([](bool) { return 20; }));
+    EXPECT_TRUE(output.buffer().empty());
+    EXPECT_TRUE(output.gave_up());
+    output.buffer() = "later\n";
+    EXPECT_TRUE(output.flush(for_ever));
+    EXPECT_EQ(output.given_up(), 1u);
+    close(ends[0]);
+    close(ends[1]);
+}
+
+TEST(CliExec, the_event_is_in_the_environment_and_never_in_the_command)
+{
+    const Folder folder;
+    const std::string hostile = folder.path("a\n$(touch " + folder.path("trap") + ");'\"`\xff");
+    setenv("FMON_PATH", "old", 1);
+    const Executor executor("printf '%s|%s|%s' \"$FMON_EVENTS\" \"$FMON_PATH\" \"$FMON_PID\" > " + folder.path("out"));
+    std::string error;
+    ASSERT_TRUE(executor.run(event_of(hostile, FMON_CREATE | FMON_ATTRIB, 42), always, error)) << error;
+    EXPECT_EQ(content(folder.path("out")), "create,attrib|" + hostile + "|42");
+    EXPECT_FALSE(std::filesystem::exists(folder.path("trap")));
+    unsetenv("FMON_PATH");
+}
+
+TEST(CliExec, failures_are_told)
+{
+    const Event event = event_of("/a", FMON_CREATE);
+    const std::vector<std::pair<const char *, const char *>> rows = {
+        {"true", ""},
+        {"exit 3", "the command of --exec for /a ended with status 3"},
+        {"kill -9 $$", "the command of --exec for /a was ended by signal 9 (Killed)"}};
+    for (const auto &[command, told] : rows) {
+        std::string trouble = "as before";
+        EXPECT_TRUE(Executor(command).run(event, always, trouble));
+        EXPECT_EQ(trouble, told) << command;
+    }
+    const std::string long_path(200000, 'x');  // more than a process takes
+    std::string trouble;
+    EXPECT_FALSE(Executor("true").run(event_of(long_path, FMON_CREATE), always, trouble));
+    EXPECT_NE(trouble.find("cannot run the command of --exec: Argument list too long"), std::string::npos);
+}
+
+// The wait is interrupted as signals.h says: here by a timer.
+TEST(CliExec, a_command_has_its_time_to_end)
+{
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGALRM, &action, nullptr);
+    const struct itimerval often = {{0, 5000}, {0, 5000}}, off = {};
+    setitimer(ITIMER_REAL, &often, nullptr);
+    const auto start = std::chrono::steady_clock::now();
+    const auto patience = [&] {
+        const auto took = std::chrono::steady_clock::now() - start;
+        return std::max(0, 500 - static_cast<int>(std::chrono::duration_cast<std::chrono::milliseconds>(took).count()));
+    };
+    std::string trouble;
+    EXPECT_TRUE(Executor("sleep 0.1").run(event_of("/a", FMON_CREATE), patience, trouble));
+    EXPECT_EQ(trouble, "");
+    EXPECT_TRUE(Executor("exec sleep 30").run(event_of("/a", FMON_CREATE), patience, trouble));
+    EXPECT_EQ(trouble, "the command of --exec for /a was sent SIGTERM: it ran for too long");
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    setitimer(ITIMER_REAL, &off, nullptr);
+    int status = 0;
+    EXPECT_GT(wait(&status), 0);
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+}
+
+// Programs of a command may use select(), which holds 1,024 descriptors.
+TEST(CliExec, a_command_has_the_limit_of_descriptors_that_was)
+{
+    struct rlimit limit = {};
+    getrlimit(RLIMIT_NOFILE, &limit);
+    ASSERT_GT(limit.rlim_max, 200u);
+    const rlim_t usual = limit.rlim_cur;
+    limit.rlim_cur = 200;
+    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    raise_descriptor_limit();
+    getrlimit(RLIMIT_NOFILE, &limit);
+    EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
+    EXPECT_EQ(most_descriptors(), limit.rlim_max);
+    const Folder folder;
+    std::string trouble;
+    EXPECT_TRUE(Executor("ulimit -S -n > " + folder.path("out") + "; ulimit -H -n >> " + folder.path("out"))
+                    .run(event_of("/a", FMON_CREATE), always, trouble));
+    EXPECT_EQ(trouble, "");
+    EXPECT_EQ(content(folder.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
+    limit.rlim_cur = usual;
+    setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+TEST_F(Reporting, a_command_that_fails_is_told_of)
+{
+    testing::internal::CaptureStderr();
+    open({"--exec", "exit 3"});
+    for (const char *path : {"/root/1", "/root/2", "/root/3"})
+        reporter->event(event_of(path, FMON_CREATE));
+    reporter->tell_dropped();
+    const std::string said = testing::internal::GetCapturedStderr();
+    EXPECT_EQ(said.substr(0, said.find('\n')), "fmon: the command of --exec for /root/1 ended with status 3");
+    EXPECT_EQ(said.substr(said.find('\n') + 1), "fmon: the command of --exec failed 2 more times\n");
+    EXPECT_FALSE(reporter->finished());
+}
+
+TEST_F(Reporting, shows_what_was_asked_for)
+{
+    open({"-e", "create"});
+    reporter->event(event_of("/root/a", FMON_CREATE | FMON_ATTRIB));
+    reporter->event(event_of("/root/b", FMON_ATTRIB));
+    EXPECT_EQ(written(), "create /root/a\n");
+    EXPECT_EQ(reporter->shown(), 1u);
+}
+
+TEST_F(Reporting, ends_after_the_count)
+{
+    open({"-n", "2", "--exclude", "x$"});
+    for (const char *path : {"/root/1", "/root/x", "/root/2", "/root/3"})
+        reporter->event(event_of(path, FMON_CREATE));
+    EXPECT_EQ(written(), "create /root/1\ncreate /root/2\n");
+    EXPECT_TRUE(reporter->finished());
+    EXPECT_EQ(reporter->status(), 0);
+}
+
+TEST_F(Reporting, keeps_the_limit_of_depth)
+{
+    open({"-r", "--max-depth", "1"});
+    for (const char *path : {"/root", "/root/a", "/root/a/b", "/root/a/b/c", "/elsewhere"})
+        reporter->event(event_of(path, FMON_CREATE));
+    EXPECT_EQ(written(), "create /root\ncreate /root/a\ncreate /root/a/b\n");
+}
+
+TEST_F(Reporting, does_not_show_its_own_file)
+{
+    open({});
+    reporter->event(event_of(folder.path("out"), FMON_MODIFY));
+    reporter->event(event_of(folder.path("out2"), FMON_MODIFY));
+    EXPECT_EQ(written(), "modify " + folder.path("out2") + "\n");
+}
+
+TEST_F(Reporting, records_beside_events_are_for_json_only)
+{
+    open({});
+    reporter->established({{"/root"}, {}, 1});
+    reporter->loss("inotify", 1);
+    reporter->ended("/root", "deleted");
+    EXPECT_EQ(written(), "");
+}
+
+// A run that comes to nothing must not cost what the file held.
+TEST(CliReporter, a_file_is_opened_last)
+{
+    const Folder folder;
+    const std::string out = folder.file("out", "old\n");
+    for (const bool append : {false, true}) {
+        auto parsed = parse({"-o", out, "-f", "csv", "/root"});
+        parsed.options.append = append;
+        Reporter reporter(parsed.options, parsed.options);
+        std::string error;
+        ASSERT_TRUE(reporter.prepare(error)) << error;
+        reporter.set_plan({});
+        EXPECT_EQ(content(out).substr(0, 4), append ? "time" : "old\n");
+        ASSERT_TRUE(reporter.begin(error)) << error;
+        reporter.loss("inotify", 1);
+        reporter.flush();
+        const std::string text = content(out);
+        EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), append ? 3 : 2) << text;
+        EXPECT_EQ(text.find("time,events,path,pid,process\n"), 0u) << text;
+        EXPECT_EQ(text.rfind("time,events"), 0u) << "one heading";
+    }
+    EXPECT_FALSE(parse({"--append", "/root"}).ok);
+}
+
+TEST(CliReporter, an_appended_file_begins_with_a_heading)
+{
+    const Folder folder;
+    const auto parsed = parse({"-o", folder.path("new"), "--append", "-f", "csv", "/root"});
+    Reporter reporter(parsed.options, parsed.options);
+    std::string error;
+    ASSERT_TRUE(reporter.prepare(error)) << error;
+    EXPECT_FALSE(std::filesystem::exists(folder.path("new")));
+    reporter.set_plan({});
+    ASSERT_TRUE(reporter.begin(error)) << error;
+    reporter.flush();
+    EXPECT_EQ(content(folder.path("new")), "time,events,path,pid,process\n");
+}
+
+TEST(CliReporter, refuses_before_anything_is_opened)
+{
+    const Folder folder;
+    const std::vector<std::vector<std::string>> cases = {{"--include", "("},    {"--exclude", "[a"},
+                                                         {"--format", "%q"},    {"-o", folder.path("no/out")},
+                                                         {"-o", folder.root()}, {"-o", folder.root() + "/new/"}};
+    for (std::vector<std::string> arguments : cases) {
+        arguments.insert(arguments.end(), {"/root"});
+        const auto parsed = parse(arguments);
+        ASSERT_TRUE(parsed.ok) << parsed.error;
+        Reporter reporter(parsed.options, parsed.options);
+        std::string error;
+        EXPECT_FALSE(reporter.prepare(error));
+        EXPECT_FALSE(error.empty());
+    }
+}
