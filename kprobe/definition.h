@@ -21,7 +21,7 @@ struct FetchArg {
     std::string name, place, type;  // the type may be empty: a word of the kernel
 };
 
-// What a record is for the monitor, as its field names tell.
+// What a record is for the monitor, as its field names say.
 enum class Shape {
     kOther,    // anything: handed on as fetched
     kFile,     // mount id, eleven ancestors, own name: 420 bytes, and what else was asked for
@@ -35,7 +35,7 @@ struct Definition {
     std::vector<FetchArg> args;
     Shape shape = Shape::kOther;
     std::string dentry;          // kFile: where the function has the reported entry
-    std::vector<FetchArg> more;  // kFile: fetched behind the usual fields
+    std::vector<FetchArg> more;  // kFile: fetched behind the fixed fields
 };
 
 // Longer texts do not reach the kernel: it takes no more in one write.

@@ -33,7 +33,7 @@ bool Delivery::make(const QueuedRecord &record, std::vector<unsigned char> *out,
     if (!recipe.layout.fill(record.raw, record.raw_size, out->data()))
         return false;
     *made = {recipe.callback, recipe.by_device, recipe.inotify,
-             recipe.tells_group ? recipe.layout.group(record.raw) : 0};
+             recipe.names_group ? recipe.layout.group(record.raw) : 0};
     return true;
 }
 

@@ -19,7 +19,7 @@ namespace kprobe
 // What is made of a probe's raw records, and for whom.
 struct Recipe {
     kp_record_cb callback = nullptr;
-    bool by_device = false, inotify = false, tells_group = false;
+    bool by_device = false, inotify = false, names_group = false;
     Layout layout = {};
 };
 
@@ -29,7 +29,7 @@ class Delivery
 public:
     Delivery(Records &records, Groups &groups, CurrentMounts &mounts);
 
-    // The probe of that number; its layout comes when the kernel has told it.
+    // The probe of that number; its layout comes when the kernel has described it.
     void expect(size_t probe, Recipe recipe) EXCLUDES(lock_);
     void lay_out(size_t probe, Layout layout) noexcept EXCLUDES(lock_);
 

@@ -2,7 +2,7 @@
  * fanotify_marks.h: who watches a file system with fanotify.
  *
  * Kernels before 6.7 may crash when a probe is deleted whose control files somebody still holds open, and a fanotify
- * event holds the file open that it tells of, long after whoever opened it has closed it.
+ * event holds the file open that it reports, long after whoever opened it has closed it.
  */
 #ifndef KPROBE_FANOTIFY_MARKS_H
 #define KPROBE_FANOTIFY_MARKS_H
@@ -21,7 +21,7 @@ struct FileSystem {
     std::vector<int32_t> mounts;
 };
 
-// Whether the text of a /proc/PID/fdinfo file tells of a fanotify mark on the file system, on one of its mounts or on
+// Whether the text of a /proc/PID/fdinfo file names a fanotify mark on the file system, on one of its mounts or on
 // one of its files.
 bool has_fanotify_mark(std::string_view fdinfo, const FileSystem &where);
 

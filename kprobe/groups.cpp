@@ -43,11 +43,11 @@ bool is_hidden(int fd)
 
 std::vector<int> inotify_descriptors()
 {
-    const std::string folder = "/proc/self/fd";
+    const std::string directory = "/proc/self/fd";
     std::vector<int> fds;
-    any_number(folder, [&](const std::string &name) {
+    any_number(directory, [&](const std::string &name) {
         const int fd = atoi(name.c_str());
-        if (leads_to(folder + "/" + name, "anon_inode:inotify") && !is_hidden(fd))
+        if (leads_to(directory + "/" + name, "anon_inode:inotify") && !is_hidden(fd))
             fds.push_back(fd);
         return false;
     });
@@ -128,7 +128,7 @@ int Groups::learn(const Tracefs &tracefs, const Facts &facts)
     std::erase_if(fds, [this](int fd) REQUIRES(lock_) { return is_known(fd); });
     if (fds.empty() && !known_.empty())
         return 0;
-    // With none of its own the process is to learn all the same whether they can be told.
+    // With none of its own the process is to learn all the same whether they can be told apart.
     const Fd trial(fds.empty() ? inotify_init1(IN_CLOEXEC | IN_NONBLOCK) : -1);
     if (fds.empty() && !trial)
         return -errno;

@@ -34,7 +34,7 @@ class Groups
 {
 public:
     // Looks for inotify descriptors of this process that are new. 1: what is known changed; 0: it did not; negative
-    // errno: they cannot be told, and nothing changed.
+    // errno: they cannot be told apart, and nothing changed.
     int learn(const Tracefs &tracefs, const Facts &facts) EXCLUDES(lock_);
 
     // Forgets descriptors that were closed: the kernel may give their groups' memory to anybody.

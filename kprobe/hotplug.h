@@ -1,5 +1,5 @@
 /*
- * hotplug.h: processors that come online and go, as the kernel tells.
+ * hotplug.h: processors that come online and go, as the kernel reports them.
  */
 #ifndef KPROBE_HOTPLUG_H
 #define KPROBE_HOTPLUG_H
@@ -20,13 +20,13 @@ int parse_cpu_message(std::string_view message);
 class Hotplug
 {
 public:
-    // False: nothing will be told.
+    // False: nothing will be reported.
     bool open();
     void close() { socket_.reset(); }
     int fd() const { return socket_.get(); }
 
-    // Takes what the kernel has told, without waiting. True: processors came or went; which is in `cpus`, unless the
-    // kernel told more than it kept.
+    // Takes what the kernel has reported, without waiting. True: processors came or went; which is in `cpus`, unless
+    // the kernel reported more than it kept.
     bool take(std::set<int> *cpus);
 
 private:

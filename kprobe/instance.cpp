@@ -18,7 +18,7 @@ bool contains(const std::vector<int> &list, int cpu) { return std::find(list.beg
 
 int Instance::take_up(int cpu)
 {
-    const int status = bells_.open(cpu);
+    const int status = wake_ups_.open(cpu);
     return status < 0 ? status : records_.open_ring(cpu, sizes_);
 }
 
@@ -48,14 +48,14 @@ bool Instance::losses(kp_losses *out)
 int Instance::follow_one(int cpu)
 {
     const int status = take_up(cpu);
-    return status < 0 ? status : probes_.open_events_on(*records_.ring(cpu), *bells_.of(cpu));
+    return status < 0 ? status : probes_.open_events_on(*records_.ring(cpu), *wake_ups_.of(cpu));
 }
 
 void Instance::let_go(int cpu)
 {
     records_.sweep(0);  // what it wrote is there still
     probes_.drop_cpu(cpu);
-    bells_.let_go(cpu);
+    wake_ups_.let_go(cpu);
     records_.close_ring(cpu);
 }
 
@@ -84,7 +84,7 @@ bool Instance::follow(const std::vector<int> &online, const std::set<int> &renew
 void Instance::lock_for_fork() NO_THREAD_SAFETY_ANALYSIS
 {
     probes_.mutex().lock();
-    bells_.mutex().lock();
+    wake_ups_.mutex().lock();
     replacement_.mutex().lock();
     records_.mutex().lock();
 }
@@ -93,7 +93,7 @@ void Instance::unlock_for_fork() NO_THREAD_SAFETY_ANALYSIS
 {
     records_.mutex().unlock();
     replacement_.mutex().unlock();
-    bells_.mutex().unlock();
+    wake_ups_.mutex().unlock();
     probes_.mutex().unlock();
 }
 
@@ -102,7 +102,7 @@ void Instance::abandon() NO_THREAD_SAFETY_ANALYSIS
 {
     probes_.abandon();
     records_.abandon();
-    bells_.abandon();
+    wake_ups_.abandon();
     replacement_.abandon();
     groups_.abandon();
 }

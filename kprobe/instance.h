@@ -9,10 +9,10 @@
  *     Library::lock_
  *     Reader::lock_           of the thread that empties the rings
  *     Probes::lock_           held while the kernel is waited for, so that the thread only tries it
- *     Bells::lock_, Replacement::lock_, CurrentMounts::lock_, Groups::lock_
+ *     WakeUps::lock_, Replacement::lock_, CurrentMounts::lock_, Groups::lock_
  *     Records::lock_, Delivery::lock_, the lock of what groups.h hides: nothing is waited for while these are held
  *
- * At a fork those of Probes, Bells, Replacement and Records are taken together, in this order.
+ * At a fork those of Probes, WakeUps, Replacement and Records are taken together, in this order.
  */
 #ifndef KPROBE_INSTANCE_H
 #define KPROBE_INSTANCE_H
@@ -21,7 +21,6 @@
 #include <string>
 #include <vector>
 
-#include "bells.h"
 #include "current_mounts.h"
 #include "delivery.h"
 #include "facts.h"
@@ -31,6 +30,7 @@
 #include "records.h"
 #include "replacement.h"
 #include "tracefs.h"
+#include "wake_ups.h"
 
 namespace kprobe
 {
@@ -63,7 +63,7 @@ public:
 
     // ---- for the thread that empties the rings ----
 
-    Bells &bells() { return bells_; }
+    WakeUps &wake_ups() { return wake_ups_; }
     bool sweep(uint64_t safe) { return records_.sweep(safe); }
     bool close_replaced() { return replacement_.close_old(); }
 
@@ -88,11 +88,11 @@ private:
     Sizes sizes_ = {};
     Groups groups_;
     CurrentMounts mounts_;
-    Bells bells_;
+    WakeUps wake_ups_;
     Records records_;
     Delivery delivery_{records_, groups_, mounts_};
-    Replacement replacement_{records_, bells_};
-    Probes probes_{kernel_, {groups_, mounts_, bells_, records_, delivery_, replacement_}};
+    Replacement replacement_{records_, wake_ups_};
+    Probes probes_{kernel_, {groups_, mounts_, wake_ups_, records_, delivery_, replacement_}};
 };
 
 }  // namespace kprobe

@@ -58,8 +58,8 @@ Sizes sizes_for(size_t cpus)
             kAllRings / 2};
 }
 
-// What the monitor's instances take of the process's descriptors on each CPU: a ring and a bell each, and for each of
-// their seven probes one event that records and one that rings; another two while a filter is replaced.
+// What the monitor's instances take of the process's descriptors on each CPU: a ring and a wake-up ring each, and for
+// each of their seven probes one event that records and one that rings; another two while a filter is replaced.
 constexpr size_t kDescriptorsACpu = 2 * 2 + 7 * 2 + 2, kOtherDescriptors = 16;
 
 // Empty: there are enough of them. To begin and end half-way would leave some kinds of events out.
@@ -260,7 +260,7 @@ void Library::keep_losses(Instance &instance) noexcept
     try {
         if (instance.losses(&last))
             add(&ended_, last);
-    } catch (const std::exception &) {  // out of memory: not told
+    } catch (const std::exception &) {  // out of memory: not reported
     }
 }
 
@@ -291,7 +291,7 @@ void *Library::create(const char *name, int32_t **fds, int32_t *count)
     if (!name || !*name || !fds || !count || !start())
         return nullptr;
     // The monitor reads its inotify descriptor only where it has no instance for that, so there must be none where no
-    // probe can tell of inotify's events.
+    // probe can report inotify's events.
     if (strcmp(name, kInotifyName) == 0 && !can_watch_inotify(facts_)) {
         KP_LOG(2, "no probe for inotify events on this kernel: the descriptor is used");
         return nullptr;

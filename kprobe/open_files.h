@@ -1,5 +1,5 @@
 /*
- * open_files.h: which files a process has open, as /proc tells.
+ * open_files.h: which files a process has open, as /proc shows them.
  */
 #ifndef KPROBE_OPEN_FILES_H
 #define KPROBE_OPEN_FILES_H

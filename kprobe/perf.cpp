@@ -46,7 +46,7 @@ perf_event_attr attributes(uint32_t type, uint64_t config, Use use)
     attr.config = config;
     attr.sample_type = use == Use::kRecords ? kSampleType : 0;
     attr.sample_period = 1;
-    attr.wakeup_events = use == Use::kBell;  // otherwise a wake-up comes when the ring is half full
+    attr.wakeup_events = use == Use::kWakeUp;  // otherwise a wake-up comes when the ring is half full
     attr.disabled = 1;
     attr.use_clockid = 1;
     attr.clockid = CLOCK_MONOTONIC;
@@ -115,7 +115,7 @@ void Ring::close()
     leader_.reset();
 }
 
-// The events of a bell are its group, which runs only while its first event does.
+// The events of a wake-up ring are its group, which runs only while its first event does.
 void Ring::arm(bool on) { ioctl(leader_.get(), on ? PERF_EVENT_IOC_ENABLE : PERF_EVENT_IOC_DISABLE, 0); }
 
 uint64_t Ring::begin()
@@ -163,7 +163,7 @@ int EventSet::add(int event_id, const Ring &ring, const std::string &filter, boo
 {
     *bad_filter = false;
     Fd fd(open_event(attributes(PERF_TYPE_TRACEPOINT, static_cast<uint64_t>(event_id), ring.use()), ring.cpu(),
-                     ring.use() == Use::kBell ? ring.fd() : -1));
+                     ring.use() == Use::kWakeUp ? ring.fd() : -1));
     if (!fd)
         return -errno;
     // The filter first: nothing may be written before it holds.
@@ -211,13 +211,13 @@ void EventSet::enable(bool on, int cpu)
 void ProbeEvents::close()
 {
     records.close();
-    bells.close();
+    wake_ups.close();
 }
 
 void ProbeEvents::drop(int cpu)
 {
     records.drop(cpu);
-    bells.drop(cpu);
+    wake_ups.drop(cpu);
 }
 
 // ---- CPUs ----

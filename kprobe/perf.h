@@ -31,8 +31,8 @@ enum class Entry { kSample, kLost, kOther, kMalformed };
 Entry parse_entry(const unsigned char *bytes, size_t size, Sample *sample, uint64_t *lost);
 
 // What a ring is for: records, or just to wake whoever waits for the first one. To be woken by every record costs more
-// than the record itself, so that bells are armed only while nothing happens.
-enum class Use { kRecords, kBell };
+// than the record itself, so that wake-ups are armed only while nothing happens.
+enum class Use { kRecords, kWakeUp };
 
 // The ring of one CPU. Not movable while events write into it.
 class Ring
@@ -47,7 +47,7 @@ public:
     int open(int cpu, size_t bytes, Use use = Use::kRecords);
     void close();
 
-    // Bells only: whether its events write at all.
+    // Wake-ups only: whether its events write at all.
     void arm(bool on);
 
     int fd() const { return leader_.get(); }
@@ -112,9 +112,9 @@ private:
     std::vector<Event> events_;
 };
 
-// The events of a probe: those that record hits, and those that ring, see bells.h.
+// The events of a probe: those that record hits, and those that only wake, see wake_ups.h.
 struct ProbeEvents {
-    EventSet records, bells;
+    EventSet records, wake_ups;
 
     void close();
     void drop(int cpu);

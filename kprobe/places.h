@@ -39,7 +39,7 @@ struct Target {
     int argument;
 };
 
-// For a definition of a file record. Null: this kernel has none of the functions that would tell.
+// For a definition of a file record. Null: this kernel has none of the functions that would show it.
 const Target *find_target(const Definition &def, const Facts &facts);
 
 }  // namespace kprobe

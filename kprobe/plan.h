@@ -30,8 +30,8 @@ struct Plan {
     std::vector<Piece> pieces;
     uint32_t size = 0;          // of the record that is handed on
     bool by_device = false;     // the record's first word and the filter's "mnt" are devices in the kernel
-    bool name_pointer = false;  // argument "z" tells whether there is a name at all: a failed fetch leaves old bytes
-    bool tells_group = false;   // argument "g" tells whose delivery it is, see groups.h
+    bool name_pointer = false;  // argument "z" says whether there is a name at all: a failed fetch leaves old bytes
+    bool names_group = false;   // argument "g" says whose delivery it is, see groups.h
     bool needs_marks = false;   // the kernel calls this function only for file systems on which somebody has a mark
 
     // Fetches an argument, whose value stands at that place of the record.

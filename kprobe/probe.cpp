@@ -70,13 +70,13 @@ std::string Probe::why_refused(const std::string &filter) const
            " watches tracefs with fanotify, so that the kernel is not asked for its reason";
 }
 
-int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &bells,
+int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &wake_ups,
                        ProbeEvents *out)
 {
     bool bad_filter;
     int status = out->records.open(event_id_, rings, filter, &bad_filter);
     if (status == 0)
-        status = out->bells.open(event_id_, bells, filter, &bad_filter);
+        status = out->wake_ups.open(event_id_, wake_ups, filter, &bad_filter);
     if (status == 0)
         in_kernel_ = filter;
     else if (bad_filter)
@@ -86,14 +86,14 @@ int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rin
     return status;
 }
 
-int Probe::open_events_on(const Ring &ring, const Ring &bell)
+int Probe::open_events_on(const Ring &ring, const Ring &wake_up)
 {
     bool bad_filter;
     int status = events.records.add(event_id_, ring, in_kernel_, &bad_filter);
     if (status == 0)
-        status = events.bells.add(event_id_, bell, in_kernel_, &bad_filter);
+        status = events.wake_ups.add(event_id_, wake_up, in_kernel_, &bad_filter);
     if (status == 0 && on) {
-        events.bells.enable(true, bell.cpu());
+        events.wake_ups.enable(true, wake_up.cpu());
         events.records.enable(true, ring.cpu());
     }
     return status;

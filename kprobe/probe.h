@@ -40,10 +40,10 @@ public:
     int event_id() const { return event_id_; }
 
     // Events that are switched off, with a filter in the kernel's words.
-    int open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &bells,
+    int open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &wake_ups,
                     ProbeEvents *out);
     // Of one more CPU, filtered and switched as the others are. -ENODEV: it is offline; nothing is logged.
-    int open_events_on(const Ring &ring, const Ring &bell);
+    int open_events_on(const Ring &ring, const Ring &wake_up);
 
     // Hits that the kernel could not serve.
     uint64_t missed() const { return kernel_.tracefs.missed(event_); }
@@ -62,7 +62,7 @@ private:
     std::string why_refused(const std::string &filter) const;
 
     const Kernel &kernel_;
-    std::string event_;  // its name in the kernel; the list of misses tells no groups
+    std::string event_;  // its name in the kernel; the list of misses names no groups
     int event_id_ = -1;
     bool made_ = false;      // there is a definition in the kernel
     std::string in_kernel_;  // the filter of its events in the kernel's words

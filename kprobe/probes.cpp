@@ -58,7 +58,7 @@ int Probes::define_and_open(Probe *probe)
         return status;
     parts_.delivery.lay_out(probe->number, std::move(layout));
     parts_.records.belong(probe->event_id(), probe->number);
-    return probe->open_events(kernel_filter(*probe, probe->def.filter), parts_.records.rings(), parts_.bells.list(),
+    return probe->open_events(kernel_filter(*probe, probe->def.filter), parts_.records.rings(), parts_.wake_ups.list(),
                               &probe->events);
 }
 
@@ -105,7 +105,7 @@ void Probes::expect(const Probe &probe, kp_record_cb callback)
 {
     const Plan &plan = probe.plan;
     parts_.records.expect(probe.number, left_out_by(probe, probe.def.filter));
-    parts_.delivery.expect(probe.number, {callback, plan.by_device, plan.shape == Shape::kInotify, plan.tells_group});
+    parts_.delivery.expect(probe.number, {callback, plan.by_device, plan.shape == Shape::kInotify, plan.names_group});
 }
 
 int Probes::add(const kp_probe_def &record, kp_record_cb callback)
@@ -119,7 +119,7 @@ int Probes::add(const kp_probe_def &record, kp_record_cb callback)
     if (status < 0)
         return status;
     const common::Lock lock(lock_);
-    if (probe->plan.tells_group && (status = learn_groups()) < 0)
+    if (probe->plan.names_group && (status = learn_groups()) < 0)
         return status;
     probes_.reserve(probes_.size() + 1);  // behind the definition nothing may fail
     probe->number = probes_.size();
@@ -156,10 +156,10 @@ std::string Probes::kernel_filter(const Probe &probe, const std::string &text)
 void Probes::switch_events(Probe *probe)
 {
     if (probe->on)
-        parts_.bells.ring_from_now_on(&probe->events.bells);
+        parts_.wake_ups.wake_from_now_on(&probe->events.wake_ups);
     probe->events.records.enable(probe->on);
     if (!probe->on) {
-        probe->events.bells.enable(false);
+        probe->events.wake_ups.enable(false);
         parts_.replacement.drop(probe->number);
     }
 }
@@ -181,7 +181,7 @@ int Probes::enable(const std::string &name, bool on)
     if (!probe)
         return -ENOENT;
     // What is not to be told apart stays as it was.
-    if (on && probe->plan.tells_group && parts_.groups.learn(kernel_.tracefs, kernel_.facts) > 0)
+    if (on && probe->plan.names_group && parts_.groups.learn(kernel_.tracefs, kernel_.facts) > 0)
         if (const int status = set_filter(probe, probe->def.filter); status < 0)
             return status;
     probe->on = on;
@@ -198,7 +198,7 @@ int Probes::filter(const std::string &name, const std::string &text)
         return -ENOENT;
     if (text.size() > kMaxFilter)
         return -EINVAL;
-    if (probe->plan.tells_group)
+    if (probe->plan.names_group)
         if (const int status = learn_groups(); status < 0)
             return status;
     return set_filter(probe, text);
@@ -212,7 +212,7 @@ int Probes::set_filter(Probe *probe, const std::string &text)
     std::string kept = text;
     std::vector<uint32_t> left_out = left_out_by(*probe, text);
     const int status =
-        probe->open_events(kernel_filter(*probe, text), parts_.records.rings(), parts_.bells.list(), &events);
+        probe->open_events(kernel_filter(*probe, text), parts_.records.rings(), parts_.wake_ups.list(), &events);
     if (status < 0)
         return status;
     // Behind the change nothing may fail.
@@ -238,12 +238,12 @@ uint64_t Probes::missed()
 
 // ---- CPUs, fork ----
 
-int Probes::open_events_on(const Ring &ring, const Ring &bell)
+int Probes::open_events_on(const Ring &ring, const Ring &wake_up)
 {
     for (const auto &probe : probes_) {
         if (!probe->is_defined() || probe->gone)
             continue;
-        if (const int status = probe->open_events_on(ring, bell); status < 0)
+        if (const int status = probe->open_events_on(ring, wake_up); status < 0)
             return status;
     }
     return 0;

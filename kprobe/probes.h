@@ -8,7 +8,6 @@
 #include <string>
 #include <vector>
 
-#include "bells.h"
 #include "common/mutex.h"
 #include "current_mounts.h"
 #include "delivery.h"
@@ -17,6 +16,7 @@
 #include "probe.h"
 #include "records.h"
 #include "replacement.h"
+#include "wake_ups.h"
 
 namespace kprobe
 {
@@ -29,7 +29,7 @@ public:
     struct Parts {
         Groups &groups;
         CurrentMounts &mounts;
-        Bells &bells;
+        WakeUps &wake_ups;
         Records &records;
         Delivery &delivery;
         Replacement &replacement;
@@ -43,8 +43,9 @@ public:
     // Whether deliveries to this process's inotify instances can be told from others. 0 or a negative errno.
     int learn_groups();
 
-    // 0 or a negative errno; what went wrong is in the log. An inotify probe tells of the inotify descriptors that the
-    // process has by then; of those that are made later from the next filter on, or when the probe is switched on anew.
+    // 0 or a negative errno; what went wrong is in the log. An inotify probe reports on the inotify descriptors that
+    // the process has by then; of those that are made later from the next filter on, or when the probe is switched on
+    // anew.
     int add(const kp_probe_def &record, kp_record_cb callback) EXCLUDES(lock_);
     int enable(const std::string &name, bool on) EXCLUDES(lock_);
     int filter(const std::string &name, const std::string &text) EXCLUDES(lock_);
@@ -54,7 +55,7 @@ public:
 
     // Held while CPUs come and go, so that every probe has its events on each.
     common::Mutex &mutex() RETURN_CAPABILITY(lock_) { return lock_; }
-    int open_events_on(const Ring &ring, const Ring &bell) REQUIRES(lock_);
+    int open_events_on(const Ring &ring, const Ring &wake_up) REQUIRES(lock_);
     void drop_cpu(int cpu) REQUIRES(lock_);
 
     // In a process that was forked: nothing is deleted.

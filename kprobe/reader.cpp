@@ -19,7 +19,7 @@ namespace
 {
 
 constexpr long kPauseNs = 1000000;
-constexpr int kQuietPauses = 20;       // then the bells are armed again
+constexpr int kQuietPauses = 20;       // then the wake-ups are armed again
 constexpr uint64_t kSlackNs = 500000;  // from the time that a record shows to when it stands in its ring
 
 void pause_a_little()
@@ -106,9 +106,9 @@ int Reader::listen_to(int fd)
     return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0 ? -errno : 0;
 }
 
-void Reader::ignore_bells(Instance *instance)
+void Reader::ignore_wake_ups(Instance *instance)
 {
-    instance->bells().each_descriptor([this](int fd) { epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr); });
+    instance->wake_ups().each_descriptor([this](int fd) { epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr); });
 }
 
 int Reader::add(const std::shared_ptr<Instance> &instance)
@@ -116,13 +116,13 @@ int Reader::add(const std::shared_ptr<Instance> &instance)
     const common::Lock lock(lock_);
     instances_.reserve(instances_.size() + 1);
     int status = 0;
-    instance->bells().each_descriptor([&](int fd) { status = status < 0 ? status : listen_to(fd); });
+    instance->wake_ups().each_descriptor([&](int fd) { status = status < 0 ? status : listen_to(fd); });
     if (status < 0)
         return status;  // what is listened to goes with the instance
-    instance->bells().wake_by(wake_.get());
+    instance->wake_ups().wake_by(wake_.get());
     instances_.push_back(instance);
     look_again_ = true;             // processors that came since it was made
-    eventfd_write(wake_.get(), 1);  // its bells are to be armed
+    eventfd_write(wake_.get(), 1);  // its wake-ups are to be armed
     return 0;
 }
 
@@ -130,7 +130,7 @@ void Reader::remove(const std::shared_ptr<Instance> &instance)
 {
     const common::Lock lock(lock_);
     std::erase(instances_, instance);
-    ignore_bells(instance.get());
+    ignore_wake_ups(instance.get());
 }
 
 void *Reader::run(void *self)
@@ -180,9 +180,9 @@ bool Reader::sweep_all()
 // Rings that the instance has from now on ring here. False: it must be asked again.
 bool Reader::follow(Instance *instance, const std::vector<int> &online)
 {
-    ignore_bells(instance);
+    ignore_wake_ups(instance);
     const bool followed = instance->follow(online, renewed_);
-    instance->bells().each_descriptor([this](int fd) { listen_to(fd); });
+    instance->wake_ups().each_descriptor([this](int fd) { listen_to(fd); });
     return followed;
 }
 
@@ -209,7 +209,7 @@ void Reader::arm_all(bool on)
 {
     const common::Lock lock(lock_);
     for (const auto &instance : instances_)
-        instance->bells().arm(on);
+        instance->wake_ups().arm(on);
 }
 
 void Reader::loop()
@@ -219,10 +219,10 @@ void Reader::loop()
             look_again_ = true;
         follow_processors();
         arm_all(true);
-        // What came before the bells were armed has rung none.
+        // What came before the wake-ups were armed has caused none.
         if (!sweep_all() && (!look_again_ || hotplug_.fd() < 0))
             wait();
-        sweep_all();  // to disarm the bells takes a while, and then what rang is old enough
+        sweep_all();  // to disarm the wake-ups takes a while, and then what caused them is old enough
         arm_all(false);
         for (int quiet = 0; !stopping_ && quiet < kQuietPauses; quiet++) {
             if (sweep_all())

@@ -1,9 +1,9 @@
 /*
  * reader.h: the thread that empties the kernel's rings into the queues.
  *
- * It sleeps as long as nothing happens, until a bell rings. While records come it looks once a millisecond with the
- * bells disarmed, so that a burst costs one wake-up and not one a record, and releases what is so old that no CPU can
- * still be about to write an older one: thus the records of all CPUs are handed on in the order of their time.
+ * It sleeps as long as nothing happens, until a wake-up comes. While records come it looks once a millisecond with the
+ * wake-ups disarmed, so that a burst costs a single one and not one a record, and releases what is so old that no CPU
+ * can still be about to write an older one: thus the records of all CPUs are handed on in the order of their time.
  */
 #ifndef KPROBE_READER_H
 #define KPROBE_READER_H
@@ -49,7 +49,7 @@ private:
     static void *run(void *self);
     void loop();
     int listen_to(int fd);
-    void ignore_bells(Instance *instance);
+    void ignore_wake_ups(Instance *instance);
     void wait();
     void forget();
     bool sweep_all() EXCLUDES(lock_);

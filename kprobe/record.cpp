@@ -48,7 +48,7 @@ bool Layout::resolve(const Plan &plan, const std::vector<RawField> &fields)
         raw_size_ = std::max(raw_size_, field->offset + field->size);
     }
     return (!plan.name_pointer || look_at(fields, "z", &name_pointer_)) &&
-           (!plan.tells_group || look_at(fields, "g", &group_));
+           (!plan.names_group || look_at(fields, "g", &group_));
 }
 
 bool Layout::look_at(const std::vector<RawField> &fields, const std::string &name, Copy *out)

@@ -51,8 +51,8 @@ bool has_all_names(const unsigned char *record);
 bool put_mount_id(const MountMap &mounts, unsigned char *record);
 
 // What the monitor's own thread does is left out of inotify records, but for the end of a watched file: when that
-// thread is the last to let go of it, nobody else will tell. The watch's own end is told behind it; one that the
-// monitor took away itself is not.
+// thread is the last to let go of it, nobody else will report it. The watch's own end is reported behind it; one that
+// the monitor took away itself is not.
 class WatchEnds
 {
 public:

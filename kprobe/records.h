@@ -34,7 +34,7 @@ struct Batch {
 class Records
 {
 public:
-    // The descriptor that tells that records wait. 0 or a negative errno.
+    // The descriptor that is readable while records wait. 0 or a negative errno.
     int open() EXCLUDES(lock_);
 
     // What is readable while records may be taken: a copy. There may be no room for it.

@@ -16,13 +16,13 @@ void Replacement::reserve()
 void Replacement::replace(size_t probe, ProbeEvents *now, ProbeEvents *next)
 {
     drop(probe);
-    bells_.ring_from_now_on(&next->bells);
+    wake_ups_.wake_from_now_on(&next->wake_ups);
     const common::Lock lock(lock_);
     records_.expect_repeats();
     next->records.enable(true);
     old_.push_back({probe, std::move(*now), now_ns()});
     *now = std::move(*next);
-    bells_.wake();
+    wake_ups_.wake();
 }
 
 void Replacement::drop(size_t probe) noexcept
@@ -58,7 +58,7 @@ bool Replacement::close_old()
 void Replacement::close(std::vector<Old>::iterator old)
 {
     old->events.records.enable(false);
-    old->events.bells.enable(false);
+    old->events.wake_ups.enable(false);
     old_.erase(old);
 }
 

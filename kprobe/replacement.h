@@ -10,10 +10,10 @@
 
 #include <vector>
 
-#include "bells.h"
 #include "common/mutex.h"
 #include "perf.h"
 #include "records.h"
+#include "wake_ups.h"
 
 namespace kprobe
 {
@@ -24,7 +24,7 @@ class Replacement
 public:
     static constexpr uint64_t kOverlap = 20000000;  // ns; far longer than a hit takes
 
-    Replacement(Records &records, Bells &bells) : records_(records), bells_(bells) {}
+    Replacement(Records &records, WakeUps &wake_ups) : records_(records), wake_ups_(wake_ups) {}
 
     // For one more probe's events: replace() needs no memory behind this.
     void reserve() EXCLUDES(lock_);
@@ -52,7 +52,7 @@ private:
     void settle_repeats() REQUIRES(lock_);
 
     Records &records_;
-    Bells &bells_;
+    WakeUps &wake_ups_;
     common::Mutex lock_;
     std::vector<Old> old_ GUARDED_BY(lock_);  // in the order of `since`
 };

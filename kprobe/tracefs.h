@@ -1,7 +1,7 @@
 /*
  * tracefs.h: the kernel's control files for dynamic probes.
  *
- * Definitions live in the kernel until they are deleted, whoever made them. Ours stand in groups whose names tell their
+ * Definitions live in the kernel until they are deleted, whoever made them. Ours stand in groups whose names hold their
  * process, so that those of a process that died can be found, see owner_of_group().
  */
 #ifndef KPROBE_TRACEFS_H

@@ -42,7 +42,8 @@ bool add_ancestor(const Facts &facts, const std::string &entry, uint32_t level, 
         }
         return false;
     }
-    // The outermost counts only if it is the root: its beginning tells, and to fetch more would be the dearest of all.
+    // The outermost counts only if it is the root: its beginning says so, and to fetch more would be the dearest of
+    // all.
     const FetchArg first = {name, deref(at.inline_name, ancestor), ""};
     plan->add(first, to, static_cast<uint32_t>(facts.word()));
     return fits(first);
@@ -118,7 +119,7 @@ bool plan_inotify(const Definition &def, const Facts &facts, Plan *plan)
     const std::string object = deref(facts.mark.object, deref(facts.mark.connector, mark));
     plan->shape = Shape::kInotify;
     plan->point = kInotifyPoint;
-    plan->name_pointer = plan->tells_group = true;
+    plan->name_pointer = plan->names_group = true;
     plan->size = kInotifyHead + name_size;
     plan->add({"i", deref(facts.dentry.i_ino - facts.mark.inode_back, object), facts.is_64 ? "u64" : "u32"}, 0, 8);
     plan->add({"w", deref(facts.mark.wd, mark), "u32"}, 8, 4);

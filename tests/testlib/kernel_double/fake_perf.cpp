@@ -173,7 +173,7 @@ int FakePerf::hit(int id, int cpu, uint32_t pid, uint32_t tid, uint64_t time, co
         const auto ring = events_.find(event.output);
         if (ring == events_.end() || !ring->second.map)
             continue;
-        if (!is_bell(event)) {
+        if (!is_wake_up(event)) {
             write_sample(&ring->second, event, pid, tid, time, raw);
             records++;
         } else if (events_.count(event.group) && events_[event.group].enabled) {
@@ -212,7 +212,7 @@ std::vector<size_t> FakePerf::ring_sizes()
     const std::lock_guard lock(lock_);
     std::vector<size_t> sizes;
     for (const auto &[fd, event] : events_)
-        if (event.map && !is_bell(event))
+        if (event.map && !is_wake_up(event))
             sizes.push_back(event.map_size - static_cast<size_t>(sysconf(_SC_PAGESIZE)));
     std::sort(sizes.begin(), sizes.end());
     return sizes;
@@ -230,7 +230,7 @@ std::vector<std::string> FakePerf::filters(int id)
     std::vector<std::string> out;
     for (const auto &[fd, event] : events_)
         if (event.attr.type == PERF_TYPE_TRACEPOINT && event.attr.config == static_cast<uint64_t>(id) &&
-            !is_bell(event))
+            !is_wake_up(event))
             out.push_back(event.filter);
     return out;
 }

@@ -52,14 +52,14 @@ public:
     void come_online(int cpu);
 
     size_t open_events();
-    std::vector<size_t> ring_sizes(); /* of memory for records, without that of bells; the smallest first */
+    std::vector<size_t> ring_sizes(); /* of memory for records, without that of wake-ups; the smallest first */
     unsigned char *map_of(int fd);
     size_t map_size_of(int fd);
     std::vector<std::string> filters(int id); /* of the events of one tracepoint that write records */
     bool enabled(int id);                     /* whether any of them is */
 
 private:
-    static bool is_bell(const FakeEvent &event) { return event.attr.wakeup_events != 0; }
+    static bool is_wake_up(const FakeEvent &event) { return event.attr.wakeup_events != 0; }
     void write_sample(FakeEvent *ring, const FakeEvent &event, uint32_t pid, uint32_t tid, uint64_t time,
                       const std::vector<unsigned char> &raw);
 

@@ -42,7 +42,7 @@ TEST(KprobeCpus, one_that_went_since_they_were_counted)
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
     EXPECT_EQ(0, instance.open({0, 1}, {1 << 16, 1 << 18}));
-    EXPECT_EQ(1u, instance.bells().list().size());
+    EXPECT_EQ(1u, instance.wake_ups().list().size());
 }
 
 TEST(KprobeCpus, one_that_comes_back_is_heard)
@@ -100,7 +100,7 @@ TEST(KprobeCpus, one_for_which_there_are_no_descriptors)
     Fixture f(true, {1 << 16, 1 << 18}, {0});
     f.add_on("Kc");
     const size_t events = f.kernel.perf.open_events();
-    for (int nth = 1; nth <= 4; nth++) { /* ring, bell, and the probe's events in both */
+    for (int nth = 1; nth <= 4; nth++) { /* ring, wake_up, and the probe's events in both */
         testlib::take_log();
         const Fault fault("perf_event_open", nth, EMFILE);
         ASSERT_TRUE(f.instance.follow({0, 1}, {}));

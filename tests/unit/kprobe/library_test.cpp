@@ -114,7 +114,7 @@ TEST(KprobeLibrary, from_a_hit_to_the_callback)
             }
             EXPECT_EQ(wanted, w.wait_for(source, wanted.size())) << burst;
             if (burst > 0) {
-                EXPECT_TRUE(testlib::await_sleep()); /* until the bell */
+                EXPECT_TRUE(testlib::await_sleep()); /* until the wake-up */
             }
         }
     }

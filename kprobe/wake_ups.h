@@ -1,8 +1,8 @@
 /*
- * bells.h: a ring a CPU whose events do nothing but wake the thread that empties the others, see reader.h.
+ * wake_ups.h: a ring a CPU whose events do nothing but wake the thread that empties the others, see reader.h.
  */
-#ifndef KPROBE_BELLS_H
-#define KPROBE_BELLS_H
+#ifndef KPROBE_WAKE_UPS_H
+#define KPROBE_WAKE_UPS_H
 
 #include <atomic>
 #include <memory>
@@ -14,8 +14,8 @@
 namespace kprobe
 {
 
-// Any thread; who opens bells and lets them go sees to it that nobody uses what list() and of() gave.
-class Bells
+// Any thread; who opens these rings and lets them go sees to it that nobody uses what list() and of() gave.
+class WakeUps
 {
 public:
     // For that CPU, in place of an earlier one. 0 or a negative errno; -ENODEV: it is offline.
@@ -28,19 +28,19 @@ public:
     void arm(bool on) EXCLUDES(lock_);
 
     // Switches new events on.
-    void ring_from_now_on(EventSet *events) EXCLUDES(lock_);
+    void wake_from_now_on(EventSet *events) EXCLUDES(lock_);
 
     // An eventfd, by which the thread is asked to look.
     void wake_by(int fd) { wake_ = fd; }
     void wake();
 
-    // Calls `body` with each bell's descriptor.
+    // Calls `body` with each ring's descriptor.
     template <typename Body>
     void each_descriptor(Body &&body) EXCLUDES(lock_)
     {
         const common::Lock lock(lock_);
-        for (const auto &bell : bells_)
-            body(bell->fd());
+        for (const auto &wake_up : wake_ups_)
+            body(wake_up->fd());
     }
 
     common::Mutex &mutex() RETURN_CAPABILITY(lock_) { return lock_; }
@@ -49,7 +49,7 @@ public:
 private:
     common::Mutex lock_;
     bool armed_ GUARDED_BY(lock_) = false;
-    std::vector<std::unique_ptr<Ring>> bells_ GUARDED_BY(lock_);
+    std::vector<std::unique_ptr<Ring>> wake_ups_ GUARDED_BY(lock_);
     std::atomic<int> wake_ = -1;
 };
 
