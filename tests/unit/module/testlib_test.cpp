@@ -1,10 +1,12 @@
 /*
  * The test library's own tests: records, agent, trees, backend. Its switches are tested in fault_test.cpp.
  */
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/stat.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstddef>
@@ -326,6 +328,61 @@ TEST(Backend, MonitorsFollowOneAnother)
         EXPECT_EQ(fmon_create_instance("again"), 0);
     }
     EXPECT_EQ(fmon.inited, 0U);
+}
+
+/* ---- the main function of the test programs ---- */
+
+/* What it is tried with: disabled, and run in a process of its own. */
+TEST(DISABLED_Outcome, Passes) { SUCCEED(); }
+TEST(DISABLED_Outcome, IsSkipped) { GTEST_SKIP() << "cannot run anywhere"; }
+TEST(DISABLED_Outcome, Fails) { FAIL() << "as it should"; }
+TEST(DISABLED_Outcome, FailsAndIsSkipped)
+{
+    ADD_FAILURE() << "as it should";
+    GTEST_SKIP() << "too late";
+}
+TEST(DISABLED_Outcome, NeedsMore) { NEED(false, "cannot run anywhere"); }
+
+/* The exit status of this program when it runs these cases; -1 when it did not end in order. */
+int status_of(const std::string &filter, const char *ci = nullptr)
+{
+    const pid_t child = fork();
+    if (child == 0) {
+        dup2(open("/dev/null", O_WRONLY | O_CLOEXEC), STDOUT_FILENO);
+        dup2(STDOUT_FILENO, STDERR_FILENO);
+        if (ci)
+            setenv("CI", ci, 1);
+        else
+            unsetenv("CI");
+        const std::string chosen = "--gtest_filter=" + filter;
+        execl("/proc/self/exe", "again", "--gtest_also_run_disabled_tests", chosen.c_str(), nullptr);
+        _exit(127);
+    }
+    int status = 0;
+    return waitpid(child, &status, 0) == child && WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(TestMain, AllPassed) { EXPECT_EQ(0, status_of("*Outcome.Passes")); }
+
+TEST(TestMain, SomeWereSkipped)
+{
+    EXPECT_EQ(77, status_of("*Outcome.IsSkipped"));
+    EXPECT_EQ(77, status_of("*Outcome.Passes:*Outcome.IsSkipped"));
+}
+
+TEST(TestMain, AFailureStaysOne)
+{
+    EXPECT_EQ(1, status_of("*Outcome.Fails"));
+    EXPECT_EQ(1, status_of("*Outcome.Fails:*Outcome.IsSkipped"));
+    EXPECT_EQ(1, status_of("*Outcome.FailsAndIsSkipped"));
+}
+
+TEST(TestMain, NothingWasSelected) { EXPECT_EQ(1, status_of("*Outcome.Unknown")); }
+
+TEST(TestMain, WhatIsMissingFailsInCiOnly)
+{
+    EXPECT_EQ(77, status_of("*Outcome.NeedsMore"));
+    EXPECT_EQ(1, status_of("*Outcome.NeedsMore", "true"));
 }
 
 }  // namespace
