@@ -6,8 +6,7 @@
 #include <algorithm>
 #include <cstring>
 
-#include "dcache_fixture.h"
-#include "testlib/tree.h"
+#include "dcache_iterate_fixture.h"
 
 namespace
 {
@@ -16,70 +15,6 @@ using testlib::CallCount;
 using testlib::Fault;
 using testlib::log_count;
 using testlib::open_fds;
-
-using Paths = std::vector<std::string>;
-
-class DcacheIterateTest : public DcacheFixture
-{
-protected:
-    ~DcacheIterateTest() override
-    {
-        stop_walk();
-        EXPECT_EQ(fds_before, open_fds());
-    }
-
-    void make_dirs(std::initializer_list<const char *> paths)
-    {
-        for (const char *path : paths)
-            disk.dir(path);
-    }
-    int start_walk(int32_t max_depth = 0, int32_t max_subdirs = 0, const void *data = kZeros)
-    {
-        struct dentry *start = add(disk.root());
-        testlib::log_clear();
-        int result = dcache_iterate_start(&cache, start, &it, max_depth, max_subdirs, data);
-        started = result == 0;
-        return result;
-    }
-    void stop_walk()
-    {
-        if (started)
-            dcache_iterate_stop(&it);
-        started = false;
-    }
-    /* The next directory, relative to the start; "" at the end. */
-    std::string take_next()
-    {
-        struct dentry *d = dcache_iterate_next(&it);
-        return d ? full_path(d).substr(disk.root().size() + 1) : "";
-    }
-    Paths take_all()
-    {
-        Paths paths;
-        for (std::string path; !(path = take_next()).empty();)
-            paths.push_back(path);
-        return paths;
-    }
-    /* The whole walk, sorted: streams tell entries in an order of their own. */
-    Paths walk(int32_t max_depth = 0, int32_t max_subdirs = 0)
-    {
-        EXPECT_EQ(0, start_walk(max_depth, max_subdirs));
-        Paths paths = take_all();
-        stop_walk();
-        std::sort(paths.begin(), paths.end());
-        return paths;
-    }
-    std::string open_failed(const std::string &below, int err)
-    {
-        return "open dir " + disk.path(below) + " failed: " + strerror(err) + "\n";
-    }
-
-    static constexpr unsigned char kZeros[DCACHE_DATA_SIZE] = {};
-    const int fds_before = open_fds();
-    testlib::TempTree disk;
-    struct dcache_iterate it;
-    bool started = false;
-};
 
 TEST_F(DcacheIterateTest, AnEmptyDirectory)
 {
@@ -378,94 +313,6 @@ TEST_F(DcacheIterateTest, AFullCacheSkipsWhatIsNewAndWalksTheRest)
     EXPECT_EQ(3u, walk().size());
     EXPECT_EQ(3, log_count(1, "iterate add dentry failed\n"));
     EXPECT_EQ(static_cast<uint32_t>(cache.max_entries), cache.count);
-}
-
-/* ---- what has the name is not what was read ---- */
-
-class Swapped : public DcacheIterateTest
-{
-protected:
-    Swapped()
-    {
-        make_dirs({"t/a/x", "outside/secret/deep"});
-        top = disk.path("t");
-    }
-    ~Swapped() override { testlib::clear_redirects(); }
-    int start() { return started = dcache_iterate_start(&cache, add(top), &it, 0, 0, kZeros) == 0; }
-    bool saw_outside()
-    {
-        for (const std::string &path : take_all())
-            if (path.find("secret") != std::string::npos || path.find("deep") != std::string::npos)
-                return true;
-        return false;
-    }
-    std::string top;
-};
-
-TEST_F(Swapped, AnEntryThatBecameALinkIsNotFollowed)
-{
-    ASSERT_TRUE(start());
-    EXPECT_EQ("t/a", take_next());
-    disk.remove("t/a");
-    disk.link("t/a", disk.path("outside"));
-    EXPECT_FALSE(saw_outside());
-    EXPECT_TRUE(testlib::logged(2, top + "/a is another directory now, skipped\n"));
-}
-
-TEST_F(Swapped, AParentThatBecameALinkIsNotFollowed)
-{
-    make_dirs({"t/a/secret", "outside/x/deep"});
-    disk.remove("t/a/secret");
-    ASSERT_TRUE(start());
-    EXPECT_EQ("t/a", take_next());
-    EXPECT_EQ("t/a/x", take_next());
-    ASSERT_EQ(0, rename((top + "/a").c_str(), (top + "/b").c_str()));
-    disk.link("t/a", disk.path("outside"));
-    EXPECT_FALSE(saw_outside());
-}
-
-/* The kernel resolves the path of an open once more than the check does. */
-TEST_F(Swapped, AnOpenThatLedElsewhereIsClosed)
-{
-    testlib::redirect_path(top + "/a", disk.path("outside"));
-    const int before = open_fds();
-    ASSERT_TRUE(start());
-    EXPECT_EQ("t/a", take_next());
-    EXPECT_FALSE(saw_outside());
-    EXPECT_EQ(before, open_fds());
-}
-
-TEST_F(Swapped, AStartThatIsALinkIsRefused)
-{
-    disk.link("link", disk.path("outside"));
-    top = disk.path("link");
-    EXPECT_FALSE(start());
-    EXPECT_EQ(fds_before, open_fds());
-}
-
-TEST_F(Swapped, InAContainerTheStartMayBeALinkOfTheHost)
-{
-    disk.link("link", disk.path("outside"));
-    top = disk.path("link");
-    g_container_flag = 1;
-    EXPECT_TRUE(start());
-    g_container_flag = 0;
-    EXPECT_TRUE(saw_outside());
-}
-
-TEST_F(Swapped, EveryLookThatFailsSkipsWhatItWasFor)
-{
-    for (const char *call : {"fstat", "fstatat"}) {
-        const int runs = testlib::fail_each(call, EIO, [&](Fault &fault) {
-            if (start())
-                take_all();
-            EXPECT_EQ(fault.hit() ? 1 : 0, testlib::log_count_containing(" is another directory now, skipped\n"));
-            testlib::log_clear();
-            stop_walk();
-            EXPECT_EQ(fds_before, open_fds());
-        });
-        EXPECT_EQ(3, runs) << call;
-    }
 }
 
 /* ---- cache, streams, blocks ---- */
