@@ -137,6 +137,11 @@ public:
         for (int i = 0; i < count; i++)
             happens(event, "f" + std::to_string(made_++), 7, index);
     }
+    void start_with_instance()
+    {
+        ASSERT_EQ(0, start()) << testlib::log_text();
+        ASSERT_EQ(0, fmon_create_instance("first"));
+    }
     /* A record of a watched directory. */
     void delivers(const std::string &dir, uint32_t mask, const std::string &name, uint32_t pid = 9)
     {

@@ -2,7 +2,6 @@
  */
 #include <fcntl.h>
 #include <sys/inotify.h>
-#include <sys/resource.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -27,12 +26,6 @@ void without(const char *symbol, Body body)
         ProbeMachine m(symbol);
         body(m);
     });
-}
-
-void start(ProbeMachine &m)
-{
-    ASSERT_EQ(0, m.start()) << testlib::log_text();
-    ASSERT_EQ(0, fmon_create_instance("first"));
 }
 
 /* The kernel's own inotify descriptor is read. */
@@ -88,7 +81,7 @@ struct fmon_loss_counts losses_now()
 TEST(ProbeLibrary, ItsLossesAreTheModules)
 {
     without("", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0u, losses_now().probes_ring);
         m.probes.set_losses("100 1 2 3 4 5");
         const struct fmon_loss_counts lost = losses_now();
@@ -105,7 +98,7 @@ TEST(ProbeLibrary, ItsLossesAreTheModules)
 TEST(ProbeLibrary, OneThatDoesNotCountStays)
 {
     without("kp_losses_total", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         m.probes.set_losses("100 1 2 3 4 5");
         EXPECT_EQ(0u, losses_now().probes_ring);
         EXPECT_EQ(0, log_count_containing("kp_losses_total")) << "nobody has to have that";
@@ -132,7 +125,7 @@ TEST(ProbeLibrary, NoneIsOpenedToBeAskedForItsLosses)
 TEST(ProbeLibrary, WithoutInstancesPlainInotifyIsUsed)
 {
     without("_kp_ins_crt", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         expect_missing_line(1, "_kp_ins_crt");
         EXPECT_EQ(4, log_count(2, "create kprobe instance failed!"));
         EXPECT_TRUE(logged(2, "now we don't use kprobe!"));
@@ -146,7 +139,7 @@ TEST(ProbeLibrary, WithoutInstancesPlainInotifyIsUsed)
 TEST(ProbeLibrary, WithoutOsInfoThereAreNoSystemEvents)
 {
     without("_os_info_get", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         expect_missing_line(1, "_os_info_get");
         EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
         EXPECT_TRUE(logged(2, "get os_info failed!"));
@@ -164,11 +157,11 @@ TEST(ProbeLibrary, WithoutOsInfoThereAreNoSystemEvents)
 TEST(ProbeLibrary, ALibraryThatComesLaterIsNotReadByTheSimpleReader)
 {
     without("_os_info_get", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         m.stop();
         testlib::set_program_dir(testlib::probe_double_installation("") + "/bin");
         testlib::log_clear();
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0, log_count_containing("maybe not support kprobe!"));
         EXPECT_EQ(fmon_linux_read_event2, fmon_method.read_event);
         expect_directories_are_watched(m);
@@ -183,7 +176,7 @@ TEST(ProbeLibrary, ALibraryThatComesLaterIsNotReadByTheSimpleReader)
 TEST(ProbeLibrary, WithoutRegistrationNothingIsReported)
 {
     without("_kp_evt_reg", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         expect_missing_line(1, "_kp_evt_reg");
         EXPECT_EQ(6, log_count_containing("_kp_evt_reg failed"));
         EXPECT_EQ(0, get_inotify_event());
@@ -198,7 +191,7 @@ TEST(ProbeLibrary, WithoutRegistrationNothingIsReported)
 TEST(ProbeLibrary, WithoutParsingRecordsStayWhereTheyAre)
 {
     without("kp_event_parse", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0, get_inotify_event());
         EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
         m.happens("Kc", "new");
@@ -213,7 +206,7 @@ TEST(ProbeLibrary, WithoutParsingRecordsStayWhereTheyAre)
 TEST(ProbeLibrary, WithoutTheSwitchProbesStayAsTheyAre)
 {
     without("_kp_event_enable", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0, get_inotify_event());
         EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
         _clt_file_enable(0);
@@ -231,7 +224,7 @@ TEST(ProbeLibrary, WithoutTheSwitchProbesStayAsTheyAre)
 TEST(ProbeLibrary, WithoutFiltersTheFirstOneStays)
 {
     without("_kp_event_filter", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0, fmon_update_global_watch(0));
         expect_missing_line(4, "_kp_event_filter");
         expect_system_events(m);
@@ -241,7 +234,7 @@ TEST(ProbeLibrary, WithoutFiltersTheFirstOneStays)
 TEST(ProbeLibrary, WithoutCleaningTooManyEventsComeLater)
 {
     without("_cache_clean", [](ProbeMachine &m) {
-        start(m);
+        m.start_with_instance();
         EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
         m.happen(64, "Kc", 0);
         m.happen(70, "Kc", 1);
@@ -256,7 +249,7 @@ TEST(ProbeLibrary, OneThatIsNotThere)
 {
     without("nothing of the kind",
             [](ProbeMachine &m) { /* a folder that does not exist */
-                                  start(m);
+                                  m.start_with_instance();
                                   EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
                                   /* the number is what errno was: the dynamic linker keeps one of its own */
                                   EXPECT_LE(1, log_count_containing("load kprobe thread module failed, errno: "));
@@ -272,7 +265,7 @@ TEST(ProbeLibrary, OneThatIsNoLibrary)
         m.tree.dir("bin");
         m.tree.file("lib/liborx_kp_thread.2.so", "not an object file");
         testlib::set_program_dir(m.tree.path("bin"));
-        start(m);
+        m.start_with_instance();
         EXPECT_LE(1, log_count_containing("load kprobe thread module failed, errno: "));
         expect_directories_are_watched(m);
         expect_no_system_events();
@@ -284,7 +277,7 @@ TEST(ProbeLibrary, OneThatIsNoLibrary)
 PROBE_CASE(ProbeRefusal, OfOsInfo)
 {
     m.probes.behave("fail _os_info_get");
-    start(m);
+    m.start_with_instance();
     EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
     EXPECT_EQ(-1, get_inotify_event());
     EXPECT_TRUE(logged(2, "calculate kprobe cmd failed !"));
@@ -296,7 +289,7 @@ PROBE_CASE(ProbeRefusal, OfOsInfo)
 PROBE_CASE(ProbeRefusal, OsInfoThatIsNone)
 {
     m.probes.behave("null os_info");
-    start(m);
+    m.start_with_instance();
     EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
     EXPECT_TRUE(logged(2, "register create file cmd failed!"));
     expect_no_system_events();
@@ -305,7 +298,7 @@ PROBE_CASE(ProbeRefusal, OsInfoThatIsNone)
 PROBE_CASE(ProbeRefusal, OfBothInstances)
 {
     m.probes.behave("fail _kp_ins_crt");
-    start(m);
+    m.start_with_instance();
     EXPECT_EQ(4, log_count(2, "create kprobe instance failed!"));
     expect_directories_are_watched(m);
     expect_no_system_events();
@@ -314,7 +307,7 @@ PROBE_CASE(ProbeRefusal, OfBothInstances)
 PROBE_CASE(ProbeRefusal, OfTheInotifyInstanceLeavesSystemEvents)
 {
     m.probes.behave("fail _kp_ins_crt clt_inotify");
-    start(m);
+    m.start_with_instance();
     EXPECT_EQ(-1, get_inotify_event());
     expect_directories_are_watched(m);
     expect_system_events(m);
@@ -323,7 +316,7 @@ PROBE_CASE(ProbeRefusal, OfTheInotifyInstanceLeavesSystemEvents)
 PROBE_CASE(ProbeRefusal, OfTheFileInstanceLeavesDirectories)
 {
     m.probes.behave("fail _kp_ins_crt clt_file");
-    start(m);
+    m.start_with_instance();
     EXPECT_EQ(0, get_inotify_event());
     expect_no_system_events();
     const std::string dir = m.tree.dir("w");
@@ -346,7 +339,7 @@ TEST(ProbeRefusal, OfAFileProbe)
         in_child([&event = event, &line = line] {
             ProbeMachine m;
             m.probes.behave("fail _kp_evt_reg " + event);
-            start(m);
+            m.start_with_instance();
             EXPECT_EQ(1, log_count(2, line));
             EXPECT_EQ(1, log_count_containing("register "));
             EXPECT_TRUE(logged(1, "init kpnotify failed"));
@@ -358,7 +351,7 @@ TEST(ProbeRefusal, OfAFileProbe)
 PROBE_CASE(ProbeRefusal, OfTheInotifyProbe)
 {
     m.probes.behave("fail _kp_evt_reg Ki");
-    start(m);
+    m.start_with_instance();
     EXPECT_EQ(-9, get_inotify_event());
     EXPECT_TRUE(logged(2, "register inotify event failed!"));
     expect_system_events(m);
@@ -367,7 +360,7 @@ PROBE_CASE(ProbeRefusal, OfTheInotifyProbe)
 PROBE_CASE(ProbeRefusal, OfAKernelOfOldTimes)
 {
     m.probes.set_os_info({2, 6, 32, 2, 2, 4242});
-    start(m);
+    m.start_with_instance();
     EXPECT_TRUE(logged(3, "kprobe not support multi-instance!"));
     EXPECT_TRUE(logged(2, "register create file cmd failed!"));
     EXPECT_EQ(0, get_inotify_event());
@@ -378,7 +371,7 @@ PROBE_CASE(ProbeRefusal, OfAKernelOfOldTimes)
 PROBE_CASE(ProbeRefusal, OfSwitchFilterAndCleaningIsNotReported)
 {
     m.probes.behave("fail _kp_event_enable\nfail _kp_event_filter\nfail _cache_clean");
-    start(m);
+    m.start_with_instance();
     testlib::log_clear();
     EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE | FMON_DELETE));
     EXPECT_EQ(0, fmon_update_global_watch(0));
@@ -386,76 +379,6 @@ PROBE_CASE(ProbeRefusal, OfSwitchFilterAndCleaningIsNotReported)
     clean_global_event();
     for (const testlib::LogLine &line : testlib::log_lines())
         EXPECT_GE(line.level, 3) << line.text;
-}
-
-/* ---- numbers of descriptors ---- */
-
-PROBE_CASE(ProbeDescriptors, None)
-{
-    m.probes.behave("no-descriptors");
-    start(m);
-    EXPECT_EQ(0, fmlnx.inotify_num);
-    EXPECT_EQ(1u, fmlnx.kp_global);
-    for (int i = 2; i < fmlnx.fd_num; i++)
-        EXPECT_EQ(-1, fmlnx.fds[i]) << i;
-    EXPECT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
-    EXPECT_EQ(std::vector<int>{}, m.turn());
-}
-
-/* What the library said and what it then makes differ. */
-PROBE_CASE(ProbeDescriptors, MoreThanTheLibrarySaid)
-{
-    m.probes.behave("descriptors 100");
-    start(m);
-    const int32_t n = fmlnx.fd_num;
-    EXPECT_LE(n, 8);
-    for (int i = 0; i < n; i++)
-        EXPECT_TRUE(fmlnx.fds[i] == -1 || fcntl(fmlnx.fds[i], F_GETFD) >= 0) << i;
-    EXPECT_EQ(0, get_inotify_event());
-    m.probes.put("Ki", 9, testlib::inotify_probe_record(1, 1, IN_CREATE, "f"), 99); /* nobody waits for it */
-    EXPECT_EQ(std::vector<int>{}, m.turn());
-    m.probes.put("Ki", 9, testlib::inotify_probe_record(1, 1, IN_CREATE, "f"), 1);
-    EXPECT_EQ(std::vector<int>{1}, m.turn());
-    EXPECT_EQ(1u, fmlnx.unknown_wd_count);
-}
-
-PROBE_CASE(ProbeDescriptors, FewerThanTheLibrarySaid)
-{
-    m.probes.behave("descriptors 1");
-    start(m);
-    EXPECT_EQ(1, fmlnx.inotify_num);
-    EXPECT_EQ(6, fmlnx.fd_num);
-    ASSERT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
-    m.happens("Kc", "new");
-    EXPECT_EQ(std::vector<int>{3}, m.turn());
-    EXPECT_EQ(Strings{"/d/new:create 7"}, m.events());
-    EXPECT_EQ(-1, fmlnx.fds[4]);
-    EXPECT_EQ(-1, fmlnx.fds[5]);
-}
-
-PROBE_CASE(ProbeDescriptors, AsManyAsACountCanSay)
-{
-    struct rlimit limit = {};
-    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &limit));
-    limit.rlim_cur = std::min<rlim_t>(limit.rlim_max, 4096); /* both ends of each, and two more of the monitor's */
-    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
-    m.probes.set_os_info({6, 1, 0, 2, 255, 4242});
-    start(m);
-    EXPECT_EQ(512, fmlnx.fd_num);
-    EXPECT_EQ(255, fmlnx.inotify_num);
-    ASSERT_EQ(0, fmon_add_global_watch(0, FMON_CREATE));
-    m.happens("Kc", "new", 7, 254);
-    EXPECT_EQ(std::vector<int>{511}, m.turn());
-    EXPECT_EQ(Strings{"/d/new:create 7"}, m.events());
-}
-
-PROBE_CASE(ProbeDescriptors, ACountOfNone)
-{
-    m.probes.set_os_info({6, 1, 0, 2, 0, 4242});
-    start(m);
-    EXPECT_EQ(2, fmlnx.fd_num);
-    EXPECT_EQ(0, fmlnx.inotify_num);
-    EXPECT_EQ(std::vector<int>{}, m.turn());
 }
 
 }  // namespace
