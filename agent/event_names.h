@@ -26,7 +26,8 @@ inline constexpr size_t kEventNames = 14;
 inline constexpr size_t kSingleEventNames = 12; /* the rows of one kind each come first, in printing order */
 extern const EventName kEventTable[kEventNames];
 
-/* Kinds that tell of a change of the tree; the others (fanotify's) can name the causing process. */
+/* What is done with an entry that is there: open, access, modify and both closes. These kinds can be asked of fanotify,
+ * which names the causing process; the others, changes of the tree and of attributes, of inotify only. */
 inline constexpr uint32_t kProcessEvents = 0x3b;
 
 /* The kinds that can be asked of the whole system: create, delete, the renames and close_write. */
