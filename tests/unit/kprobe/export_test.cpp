@@ -55,6 +55,28 @@ void expect_negative_for_all()
         expect_negative(const_cast<void *>(handle));
 }
 
+/* An instance. */
+struct Started {
+    int32_t *fds = nullptr, count = 0;
+    void *handle;
+
+    explicit Started(const char *name = "clt_file") : handle(_kp_ins_crt(name, &fds, &count))
+    {
+        EXPECT_NE(nullptr, handle);
+        EXPECT_EQ(1, count);
+    }
+    Started(const Started &) = delete;
+    Started &operator=(const Started &) = delete;
+    ~Started() { free(fds); }
+};
+
+uint64_t delivered_in_all()
+{
+    kp_losses losses = {};
+    EXPECT_EQ(0, kp_losses_total(&losses));
+    return losses.delivered;
+}
+
 }  // namespace
 
 TEST(KprobeExport, where_probes_cannot_work)
@@ -93,18 +115,24 @@ TEST(KprobeExport, where_they_work)
     in_child([] {
         KernelDouble kernel;
         kernel.usual_files();
-        testlib::KernelObjects objects(&kernel.memory);
         const kp_os_info *info = nullptr;
         ASSERT_EQ(0, _os_info_get(&info));
         EXPECT_EQ(1, info->count);
         EXPECT_STREQ("", kp_unavailable());
         EXPECT_GT(0, _os_info_get(nullptr));
         expect_negative_for_all();
-        int32_t *fds = nullptr, *other_fds = nullptr, count = 0;
-        void *handle = _kp_ins_crt("clt_file", &fds, &count);
-        ASSERT_NE(nullptr, handle);
-        ASSERT_EQ(1, count);
+        const Started started;
         expect_negative_for_all();
+    });
+}
+
+TEST(KprobeExport, switches)
+{
+    in_child([] {
+        KernelDouble kernel;
+        kernel.usual_files();
+        const Started started;
+        void *handle = started.handle;
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc", "mnt==23");
         kp_probe_def def = probe.record();
         EXPECT_GT(0, _kp_evt_reg(handle, &def, nullptr));
@@ -117,33 +145,41 @@ TEST(KprobeExport, where_they_work)
             EXPECT_EQ(0, _kp_event_enable(on & '0', "Kc", handle)); /* 0 or '0' */
             EXPECT_FALSE(kernel.perf.enabled(kernel.id_of("Kc")));
         }
+    });
+}
+
+TEST(KprobeExport, a_record_and_its_count)
+{
+    in_child([] {
+        KernelDouble kernel;
+        kernel.usual_files();
+        testlib::KernelObjects objects(&kernel.memory);
+        const Started started;
+        void *handle = started.handle;
+        const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc", "mnt==23");
+        kp_probe_def def = probe.record();
+        ASSERT_EQ(0, _kp_evt_reg(handle, &def, keep));
         EXPECT_EQ(0, _kp_event_enable(1, "Kc", handle));
         EXPECT_EQ(0, _kp_event_filter("Kc", "", handle));
         kernel.hit({"security_inode_create", {0, objects.path(objects.super_block(kDevice), "/a"), 0}, 5, 6, 1});
-        pollfd polled = {fds[0], POLLIN, 0};
+        pollfd polled = {started.fds[0], POLLIN, 0};
         ASSERT_EQ(1, poll(&polled, 1, 5000));
         EXPECT_EQ(1, kp_event_parse(0, handle));
         EXPECT_EQ(Paths{"/a"}, paths());
         EXPECT_GT(0, kp_event_parse(2, handle));
         EXPECT_EQ(0, _cache_clean(handle));
+        EXPECT_GT(0, kp_loss_counts(handle, nullptr));
+        EXPECT_GT(0, kp_losses_total(nullptr));
         kp_losses losses;
         EXPECT_EQ(0, kp_loss_counts(handle, &losses));
         EXPECT_EQ(1u, losses.delivered);
-        EXPECT_GT(0, kp_loss_counts(handle, nullptr));
-        EXPECT_GT(0, kp_losses_total(nullptr));
-        EXPECT_EQ(0, kp_losses_total(&losses));
-        EXPECT_EQ(1u, losses.delivered);
-        void *other = _kp_ins_crt("another", &other_fds, &count);
-        ASSERT_NE(nullptr, other);
-        EXPECT_EQ(0, kp_losses_total(&losses));
-        EXPECT_EQ(1u, losses.delivered);
+        EXPECT_EQ(1u, delivered_in_all());
+        const Started other("another");
+        EXPECT_EQ(1u, delivered_in_all());
         EXPECT_EQ(0, kp_ins_del(handle));
-        EXPECT_EQ(0, kp_losses_total(&losses));
-        EXPECT_EQ(1u, losses.delivered) << "what ended has counted";
+        EXPECT_EQ(1u, delivered_in_all()) << "what ended has counted";
         expect_negative(handle);
         EXPECT_TRUE(kernel.definitions().empty());
-        free(fds);
-        free(other_fds);
     });
 }
 

@@ -50,6 +50,47 @@ constexpr size_t kHead = 24, kPage = 4096; /* kHead: what an entry needs besides
 
 size_t need_of(size_t raw) { return (kHead + raw + 7) / 8 * 8; }
 
+/* A queue and what must be in it. */
+struct AgainstAModel {
+    std::mt19937 random;
+    const size_t room;
+    RecordQueue queue;
+    std::deque<Kept> model;
+    size_t used = 0; /* without gaps: a lower bound */
+    int refused = 0;
+
+    explicit AgainstAModel(size_t bytes) : random(static_cast<unsigned>(bytes)), room(bytes)
+    {
+        EXPECT_TRUE(queue.open(room));
+    }
+    void clear()
+    {
+        ASSERT_EQ(model.size(), queue.clear());
+        model.clear();
+        used = 0;
+    }
+    void add()
+    {
+        const Kept kept = some_record(random, random() % 20 == 0 ? random() % 2500 : random() % 450);
+        const size_t need = need_of(kept.raw.size());
+        const bool taken = push(queue, kept);
+        ASSERT_FALSE(taken && used + need > room);
+        ASSERT_FALSE(!taken && used + 2 * need + 2560 <= room) << "there was room";
+        refused += !taken;
+        if (!taken)
+            return;
+        model.push_back(kept);
+        used += need;
+    }
+    void take()
+    {
+        expect_first(queue, model.front());
+        used -= need_of(model.front().raw.size());
+        queue.pop();
+        model.pop_front();
+    }
+};
+
 }  // namespace
 
 TEST(KprobeQueue, empty)
@@ -129,46 +170,23 @@ TEST(KprobeQueue, an_entry_behind_a_gap)
 TEST(KprobeQueue, against_a_model)
 {
     for (const size_t room : {kPage, 3 * kPage, size_t{1} << 19}) {
-        std::mt19937 random(static_cast<unsigned>(room));
-        RecordQueue queue;
-        ASSERT_TRUE(queue.open(room));
-        std::deque<Kept> model;
-        size_t used = 0; /* without gaps: a lower bound */
-        int refused = 0;
+        AgainstAModel both(room);
         unsigned filling = 60;
-        for (int i = 0; i < 60000; i++) {
+        for (int i = 0; i < 60000 && !HasFatalFailure(); i++) {
             if (i % 1000 == 0)
-                filling = 30 + random() % 50; /* grows for a while, shrinks for a while */
-            if (random() % 5000 == 0) {
-                ASSERT_EQ(model.size(), queue.clear());
-                model.clear();
-                used = 0;
-            } else if (random() % 100 < filling) {
-                const Kept kept = some_record(random, random() % 20 == 0 ? random() % 2500 : random() % 450);
-                const size_t need = need_of(kept.raw.size());
-                const bool taken = push(queue, kept);
-                ASSERT_FALSE(taken && used + need > room);
-                ASSERT_FALSE(!taken && used + 2 * need + 2560 <= room) << "there was room";
-                refused += !taken;
-                if (taken) {
-                    model.push_back(kept);
-                    used += need;
-                }
-            } else if (!model.empty()) {
-                expect_first(queue, model.front());
-                used -= need_of(model.front().raw.size());
-                queue.pop();
-                model.pop_front();
-            }
-            ASSERT_EQ(model.size(), queue.count());
-            ASSERT_EQ(model.empty(), queue.empty());
+                filling = 30 + both.random() % 50; /* grows for a while, shrinks for a while */
+            if (both.random() % 5000 == 0)
+                both.clear();
+            else if (both.random() % 100 < filling)
+                both.add();
+            else if (!both.model.empty())
+                both.take();
+            ASSERT_EQ(both.model.size(), both.queue.count());
+            ASSERT_EQ(both.model.empty(), both.queue.empty());
         }
-        while (!model.empty()) {
-            expect_first(queue, model.front());
-            queue.pop();
-            model.pop_front();
-        }
-        EXPECT_TRUE(queue.empty());
-        EXPECT_GT(refused, 0) << room;
+        while (!both.model.empty() && !HasFatalFailure())
+            both.take();
+        EXPECT_TRUE(both.queue.empty());
+        EXPECT_GT(both.refused, 0) << room;
     }
 }
