@@ -54,7 +54,7 @@ bool EventQueue::push(const Event &event, ProcessPtr process)
 {
     bool wanted;
     {
-        const std::lock_guard<std::mutex> hold(lock_);
+        const common::Lock hold(lock_);
         if (incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_)
             return false;
         incoming_.append(event, std::move(process));
@@ -67,13 +67,13 @@ bool EventQueue::push(const Event &event, ProcessPtr process)
 
 bool EventQueue::full() const
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     return incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_;
 }
 
 size_t EventQueue::size() const
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     return incoming_.size();
 }
 
@@ -87,7 +87,7 @@ void EventQueue::wake() const
 bool EventQueue::take(Batch &batch)
 {
     batch.clear();
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     std::swap(batch, incoming_);
     sleeping_ = false;
     return !batch.empty();
@@ -96,7 +96,7 @@ bool EventQueue::take(Batch &batch)
 // Emptiness and the flag change under one lock: an event that comes right after is sure to find the flag.
 bool EventQueue::prepare_to_sleep()
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     sleeping_ = incoming_.empty();
     return sleeping_;
 }

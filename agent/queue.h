@@ -10,11 +10,11 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include "common/mutex.h"
 #include "process_info.h"
 
 namespace agent
@@ -79,9 +79,9 @@ public:
 private:
     const size_t max_events_, max_bytes_;
     const int wake_fd_;
-    mutable std::mutex lock_;
-    Batch incoming_;        /* under lock_ */
-    bool sleeping_ = false; /* under lock_: the next push wakes the consumer */
+    mutable common::Mutex lock_;
+    Batch incoming_ GUARDED_BY(lock_);
+    bool sleeping_ GUARDED_BY(lock_) = false; /* the next push wakes the consumer */
 };
 
 }  // namespace agent

@@ -43,7 +43,7 @@ TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uin
 
 void TreeKeeper::made(std::string_view path)
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     made_.emplace_back(path);
     const uint64_t one = 1;
     if (made_.size() == 1)  // a counter that is at its limit has woken the reader already
@@ -76,7 +76,7 @@ void TreeKeeper::run()
 {
     std::vector<std::string> made;
     {
-        const std::lock_guard<std::mutex> hold(lock_);
+        const common::Lock hold(lock_);
         made.swap(made_);
         uint64_t count;
         [[maybe_unused]] const ssize_t n = read(wake_.get(), &count, sizeof count);

@@ -13,12 +13,12 @@
 #define AGENT_TREE_KEEPER_H
 
 #include <cstdint>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
 #include "common/fd.h"
+#include "common/mutex.h"
 #include "module.h"
 
 namespace agent
@@ -57,8 +57,8 @@ private:
     int instance_ = -1;
     std::vector<std::string> again_; /* folders to be walked whatever they hold */
     common::Fd wake_;
-    std::mutex lock_;
-    std::vector<std::string> made_; /* under lock_ */
+    common::Mutex lock_;
+    std::vector<std::string> made_ GUARDED_BY(lock_);
 };
 
 /* Sorts paths so that each stands right before all that lies below it. */

@@ -10,7 +10,7 @@ namespace agent
 
 void Unreadable::refused(std::string_view path)
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     if (known_.count(path)) {
         news_.repeated++;
     } else if (known_.size() < kMost) {
@@ -21,7 +21,7 @@ void Unreadable::refused(std::string_view path)
 
 Unreadable::News Unreadable::take()
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     return std::exchange(news_, {});
 }
 
@@ -29,7 +29,7 @@ void Unreadable::look(const std::function<void(const std::string &)> &readable)
 {
     std::set<std::string, std::less<>> known;
     {
-        const std::lock_guard<std::mutex> hold(lock_);
+        const common::Lock hold(lock_);
         known = known_;
     }
     for (const std::string &path : known) {
@@ -37,7 +37,7 @@ void Unreadable::look(const std::function<void(const std::string &)> &readable)
         if (!opens && errno != ENOENT && errno != ENOTDIR && errno != ELOOP)
             continue;
         {
-            const std::lock_guard<std::mutex> hold(lock_);
+            const common::Lock hold(lock_);
             known_.erase(path);
         }
         if (opens)
@@ -47,13 +47,13 @@ void Unreadable::look(const std::function<void(const std::string &)> &readable)
 
 bool Unreadable::knows(std::string_view path) const
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     return known_.find(path) != known_.end();
 }
 
 bool Unreadable::any() const
 {
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     return !known_.empty();
 }
 

@@ -6,11 +6,12 @@
 
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <set>
 #include <string>
 #include <string_view>
 #include <vector>
+
+#include "common/mutex.h"
 
 namespace agent
 {
@@ -36,9 +37,9 @@ public:
     bool any() const;
 
 private:
-    mutable std::mutex lock_;
-    std::set<std::string, std::less<>> known_; /* under lock_, as what follows */
-    News news_;
+    mutable common::Mutex lock_;
+    std::set<std::string, std::less<>> known_ GUARDED_BY(lock_);
+    News news_ GUARDED_BY(lock_);
 };
 
 }  // namespace agent
