@@ -63,9 +63,9 @@ LogLine read_mark_failure(std::string_view text, Finding limit)
     return {is_denied(text) ? Finding::kDenied : Finding::kOther, {}};
 }
 
-void sink(int level, const char *file, int, const char *text, void *arg)
+void sink(int level, const char *, int, const char *text, void *arg)
 {
-    static_cast<LogWatch *>(arg)->line(level, text, file);
+    static_cast<LogWatch *>(arg)->line(level, text);
 }
 
 // The count that a finding belongs to; null: it is not counted.
@@ -145,20 +145,8 @@ void LogWatch::count(const LogLine &line)
     findings_.monitor_ended |= line.finding == Finding::kMonitorEnded;
 }
 
-void LogWatch::look_for_probe_trouble(std::string_view text, std::string_view file)
+void LogWatch::line(int level, std::string_view text)
 {
-    const ProbeCause cause = read_probe_line(text, file);
-    if (cause == ProbeCause::kNone)
-        return;
-    const std::lock_guard<std::mutex> hold(lock_);
-    if (probe_trouble_.cause == ProbeCause::kNone)
-        probe_trouble_ = {cause, std::string(text)};
-}
-
-void LogWatch::line(int level, std::string_view text, std::string_view file)
-{
-    if (level <= ORX_LOG_WARNING)
-        look_for_probe_trouble(text, file);
     const LogLine found = read_log_line(text);
     if (found.finding == Finding::kNone && level > ORX_LOG_ERROR)
         return;
@@ -177,12 +165,6 @@ Findings LogWatch::take()
     const std::lock_guard<std::mutex> hold(lock_);
     any_.store(false, std::memory_order_relaxed);
     return std::exchange(findings_, Findings());
-}
-
-ProbeTrouble LogWatch::probe_trouble() const
-{
-    const std::lock_guard<std::mutex> hold(lock_);
-    return probe_trouble_;
 }
 
 }  // namespace agent

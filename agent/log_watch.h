@@ -14,8 +14,6 @@
 #include <string>
 #include <string_view>
 
-#include "probe_cause.h"
-
 namespace agent
 {
 
@@ -66,20 +64,16 @@ public:
 
     void start(); /* becomes the host's log sink */
     void stop();
-    /* `file`: the line's origin. */
-    void line(int level, std::string_view text, std::string_view file = {});
+    void line(int level, std::string_view text);
     Findings take();
-    ProbeTrouble probe_trouble() const; /* the first since the start; taking the findings leaves it */
     bool any() const { return any_.load(std::memory_order_relaxed); }
 
 private:
     void count(const LogLine &line);
-    void look_for_probe_trouble(std::string_view text, std::string_view file);
 
     std::function<void()> changed_;
     mutable std::mutex lock_;
-    Findings findings_;          /* under lock_ */
-    ProbeTrouble probe_trouble_; /* under lock_ */
+    Findings findings_; /* under lock_ */
     std::atomic<bool> any_ = false;
 };
 

@@ -42,12 +42,12 @@ void set_log(const Request &options, OwnLog &own)
 // The monitor loads the library by itself wherever it finds it.
 void hide_probe_library() { orx_host_path_override(kProbeLibrary, "/dev/null/hidden-by---probes-off"); }
 
-bool has_probes(const LogWatch &log, const Module &module, std::string &error)
+bool has_probes(const Module &module, std::string &error)
 {
-    const ProbeTrouble trouble = log.probe_trouble();
-    const ProbeFacts facts = gather_probe_facts(module.is_container());
-    if (settle_cause(trouble, facts) != ProbeCause::kNone)
-        error = "--probes on needs the kernel-probe library: " + explain_cause(trouble, facts) +
+    const struct fmon_source probes = file_probes(module);
+    const ProbeFacts facts = gather_probe_facts(module.is_container(), false);
+    if (settle_cause(probes, facts) != FMON_WHY_NONE)
+        error = "--probes on needs the kernel-probe library: " + explain_cause(probes, facts) +
                 "; without --probes fmon does without it";
     return error.empty();
 }
@@ -70,7 +70,7 @@ bool start_monitor(const Request &options, LogWatch &log, Module &module, OwnLog
     const Findings findings = log.take();
     if (code == 0 && !findings.monitor_ended) {
         orx_host_await_timers(kThreadMs); /* without its thread the monitor says so by itself */
-        return options.probes != Probes::kOn || has_probes(log, module, error);
+        return options.probes != Probes::kOn || has_probes(module, error);
     }
     error = explain_start_failure(findings, gather_facts());
     return false;

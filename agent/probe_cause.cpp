@@ -24,43 +24,6 @@ constexpr char kConfig[] = "@/../config/fmon.ini";
 const char *const kEntries[] = {"_kp_ins_crt",      "_os_info_get",     "_kp_evt_reg", "kp_event_parse",
                                 "_kp_event_enable", "_kp_event_filter", "_cache_clean"};
 
-/* How the lines begin that give a reason; the last ones only say that there was one. */
-struct CauseRow {
-    std::string_view start;
-    ProbeCause cause;
-};
-constexpr CauseRow kCauseTable[] = {
-    {"current env is container!", ProbeCause::kContainer},
-    {"load kprobe thread module failed", ProbeCause::kLibrary},
-    {"load kp_thread symbol: ", ProbeCause::kIncomplete},
-    {"maybe not support kprobe!", ProbeCause::kKernel},
-    {"get os_info failed!", ProbeCause::kKernel},
-    {"not support [", ProbeCause::kMachine},
-    {"kernel version get failed, uname.release:[", ProbeCause::kRelease},
-    {"clt_net conf file load failed!", ProbeCause::kConfig},
-    {"load offset config error", ProbeCause::kConfig},
-    {"can't get common filter", ProbeCause::kMounts},
-    {"maybe noy support global event", ProbeCause::kMounts},
-    {"create kprobe instance failed!", ProbeCause::kInstance},
-    {"register create file cmd failed!", ProbeCause::kProbe},
-    {"register delete file cmd failed!", ProbeCause::kProbe},
-    {"register close_write file cmd failed!", ProbeCause::kProbe},
-    {"register rename from file cmd failed!", ProbeCause::kProbe},
-    {"register rename to file cmd failed!", ProbeCause::kProbe},
-    {"get hw plat error", ProbeCause::kOther},
-    {"main get_os_info error", ProbeCause::kOther},
-    {"init kpnotify failed", ProbeCause::kOther},
-};
-
-// The part between the first "[" and the last "]".
-std::string in_brackets(const std::string &line)
-{
-    const size_t start = line.find('['), end = line.rfind(']');
-    return start == std::string::npos || end == std::string::npos || end < start
-               ? std::string()
-               : line.substr(start + 1, end - start - 1);
-}
-
 std::string root_hint(const ProbeFacts &facts)
 {
     return facts.root ? "; --verbose shows the monitor's log" : ": only root may place probes, run as root";
@@ -75,31 +38,28 @@ std::string library_text(const ProbeFacts &facts)
     return "it cannot be loaded: " + facts.load_error;
 }
 
-std::string incomplete_text(const ProbeTrouble &trouble, const ProbeFacts &facts)
+std::string incomplete_text(const struct fmon_source &probes, const ProbeFacts &facts)
 {
-    constexpr std::string_view kStart = "load kp_thread symbol: ";
-    std::string name = facts.missing_entry;
-    if (name.empty() && trouble.line.size() > kStart.size())
-        name = trouble.line.substr(kStart.size(), trouble.line.find(' ', kStart.size()) - kStart.size());
+    const std::string name = facts.missing_entry.empty() ? probes.why : facts.missing_entry;
     return facts.library_path + " lacks " + name + ": it belongs to another version, install both anew";
 }
 
-std::string kernel_text(const ProbeFacts &facts)
+std::string kernel_text(const struct fmon_source &probes, const ProbeFacts &facts)
 {
-    const std::string reason = facts.library_reason.empty() ? "" : " (" + facts.library_reason + ")";
+    const std::string reason = probes.why[0] == '\0' ? "" : " (" + std::string(probes.why) + ")";
     return "it does not work on this kernel, " + facts.release + reason + root_hint(facts);
 }
 
-std::string machine_text(const ProbeTrouble &trouble, const ProbeFacts &facts)
+std::string machine_text(const struct fmon_source &probes, const ProbeFacts &facts)
 {
-    const std::string named = in_brackets(trouble.line);
+    const std::string named = probes.why;
     return "machines of type " + (named.empty() ? facts.machine : named) +
            " are not supported, only x86_64, i386 and i686";
 }
 
-std::string release_text(const ProbeTrouble &trouble, const ProbeFacts &facts)
+std::string release_text(const struct fmon_source &probes, const ProbeFacts &facts)
 {
-    const std::string named = in_brackets(trouble.line);
+    const std::string named = probes.why;
     return "the kernel's release '" + (named.empty() ? facts.release : named) +
            "' is not understood: it has to be MAJOR.MINOR.PATCH-BUILD, such as 6.1.0-25-amd64";
 }
@@ -110,13 +70,13 @@ std::string mounts_text(const ProbeFacts &facts)
            ") for the probes' filter, which takes 27 with ids of two digits, 24 of three and 22 of four: unmount some";
 }
 
-std::string probe_text(const ProbeTrouble &trouble, const ProbeFacts &facts)
+std::string probe_text(const struct fmon_source &probes, const ProbeFacts &facts)
 {
     unsigned major = 0;
     std::from_chars(facts.release.data(), facts.release.data() + facts.release.size(), major);
     if (major > 0 && major < 3)
         return "this kernel, " + facts.release + ", is too old: it takes 3.0 or newer";
-    return "a probe was refused (" + trouble.line + ")" + root_hint(facts);
+    return "a probe was refused (" + std::string(probes.why) + ")" + root_hint(facts);
 }
 
 // A path of the installation as the monitor's host resolves it.
@@ -149,15 +109,10 @@ std::string library_reason(void *handle)
 
 }  // namespace
 
-// The inotify source fails on its own, and system-wide events work without it.
-ProbeCause read_probe_line(std::string_view text, std::string_view file)
+struct fmon_source file_probes(const Module &module)
 {
-    if (file == "linux/clt_inotify.c")
-        return ProbeCause::kNone;
-    for (const CauseRow &row : kCauseTable)
-        if (text.substr(0, row.start.size()) == row.start)
-            return row.cause;
-    return ProbeCause::kNone;
+    struct fmon_status now;
+    return module.read_status(now) ? now.file_probes : fmon_source{};
 }
 
 std::string probe_library() { return in_installation(kProbeLibrary); }
@@ -189,47 +144,46 @@ ProbeFacts gather_probe_facts(bool container, bool ask)
     return facts;
 }
 
-ProbeCause settle_cause(const ProbeTrouble &trouble, const ProbeFacts &facts)
+uint32_t settle_cause(const struct fmon_source &probes, const ProbeFacts &facts)
 {
     if (facts.container)
-        return ProbeCause::kContainer;
-    return facts.missing_entry.empty() ? trouble.cause : ProbeCause::kIncomplete;
+        return FMON_WHY_CONTAINER;
+    return facts.missing_entry.empty() ? probes.reason : uint32_t{FMON_WHY_SYMBOL};
 }
 
-std::string explain_cause(const ProbeTrouble &trouble, const ProbeFacts &facts)
+std::string explain_cause(const struct fmon_source &probes, const ProbeFacts &facts)
 {
-    switch (settle_cause(trouble, facts)) {
-        case ProbeCause::kContainer:
+    switch (settle_cause(probes, facts)) {
+        case FMON_WHY_CONTAINER:
             return "the monitor does not use it inside a container: run fmon on the host itself";
-        case ProbeCause::kLibrary:
+        case FMON_WHY_LIBRARY:
             return library_text(facts);
-        case ProbeCause::kIncomplete:
-            return incomplete_text(trouble, facts);
-        case ProbeCause::kKernel:
-            return kernel_text(facts);
-        case ProbeCause::kMachine:
-            return machine_text(trouble, facts);
-        case ProbeCause::kRelease:
-            return release_text(trouble, facts);
-        case ProbeCause::kConfig:
+        case FMON_WHY_SYMBOL:
+            return incomplete_text(probes, facts);
+        case FMON_WHY_KERNEL:
+            return kernel_text(probes, facts);
+        case FMON_WHY_MACHINE:
+            return machine_text(probes, facts);
+        case FMON_WHY_RELEASE:
+            return release_text(probes, facts);
+        case FMON_WHY_CONFIG:
             return facts.config + " cannot be read: put it back";
-        case ProbeCause::kMounts:
+        case FMON_WHY_MOUNTS:
             return mounts_text(facts);
-        case ProbeCause::kInstance:
+        case FMON_WHY_INSTANCE:
             return "it could not set up its probes" + root_hint(facts);
-        case ProbeCause::kProbe:
-            return probe_text(trouble, facts);
-        case ProbeCause::kNone:
-        case ProbeCause::kOther:
+        case FMON_WHY_PROBE:
+            return probe_text(probes, facts);
+        default:
             break;
     }
     return "it did not start; --verbose shows the monitor's log";
 }
 
-std::string explain_no_system(const ProbeTrouble &trouble, const ProbeFacts &facts, uint32_t kinds)
+std::string explain_no_system(const struct fmon_source &probes, const ProbeFacts &facts, uint32_t kinds)
 {
-    const std::string head = "--system needs the kernel-probe library: " + explain_cause(trouble, facts);
-    if (settle_cause(trouble, facts) == ProbeCause::kContainer)
+    const std::string head = "--system needs the kernel-probe library: " + explain_cause(probes, facts);
+    if (settle_cause(probes, facts) == FMON_WHY_CONTAINER)
         return head + "; without it, fmon watch -r shows what happens below a path";
     const std::string root = facts.root ? "" : " (root)";
     if (kinds == FMON_CLOSE_WRITE)

@@ -34,10 +34,10 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
     }
     instance_ = static_cast<uint32_t>(id);
     const bool accepted = module_.global_watch(instance_, kinds, 1) == 0;
-    const ProbeFacts facts = gather_probe_facts(module_.is_container());
+    const ProbeFacts facts = gather_probe_facts(module_.is_container(), false);
     if (accepted && facts.missing_entry.empty())
         return true;
-    error = explain_no_system(log_.probe_trouble(), facts, kinds);
+    error = explain_no_system(file_probes(module_), facts, kinds);
     return false;
 }
 
@@ -57,7 +57,7 @@ void SystemWatch::follow_mounts()
     if (now == known_)
         return;
     const bool updated = module_.global_update(instance_) == 0;
-    const bool full = log_.probe_trouble().cause == ProbeCause::kMounts;
+    const bool full = file_probes(module_).reason == FMON_WHY_MOUNTS;
     if ((!updated || full) && !told_full_) {
         told_full_ = true;
         complain(

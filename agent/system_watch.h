@@ -9,7 +9,6 @@
 #include <string>
 #include <utility>
 
-#include "log_watch.h"
 #include "module.h"
 #include "orx_fmon.h"
 
@@ -19,7 +18,7 @@ namespace agent
 class SystemWatch
 {
 public:
-    SystemWatch(const Module &module, const LogWatch &log) : module_(module), log_(log) {}
+    explicit SystemWatch(const Module &module) : module_(module) {}
 
     /* False: `error` is one line for the user. To be called once. */
     bool place(uint32_t kinds, fmon_client_cb callback, std::string &error);
@@ -34,7 +33,6 @@ private:
     void watch_closes(const std::string &point) const;
 
     const Module &module_;
-    const LogWatch &log_;
     uint32_t instance_ = 0, kinds_ = 0;
     MountPoints known_;
     bool told_full_ = false;

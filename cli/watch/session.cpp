@@ -124,7 +124,7 @@ bool Session::place_system()
 {
     const uint32_t kinds = plan_.instances[0].shown;
     std::string error;
-    system_ = std::make_unique<agent::SystemWatch>(module_, log_);
+    system_ = std::make_unique<agent::SystemWatch>(module_);
     if (!system_->place(kinds, intake_.add_source(kinds), error))
         return fail(error);
     if (!begin())

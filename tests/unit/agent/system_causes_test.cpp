@@ -1,6 +1,7 @@
 #include <sys/utsname.h>
 
-#include "agent/log_watch.h"
+#include <cstring>
+
 #include "agent/probe_cause.h"
 #include "orx_fmon.h"
 #include "unit/agent/agent_testing.h"
@@ -10,19 +11,12 @@ using namespace agent;
 namespace
 {
 
-struct Line {
-    int level;
-    const char *text;
-    const char *file = "linux/clt_file.c";
-};
-
-ProbeTrouble logged(const std::vector<Line> &lines)
+/* The status of probes that were refused for that reason. */
+struct fmon_source refused(uint32_t reason, const std::string &why = "")
 {
-    LogWatch log([] {});
-    for (const Line &line : lines)
-        log.line(line.level, line.text, line.file);
-    log.take();  // which must not forget it
-    return log.probe_trouble();
+    struct fmon_source probes = {FMON_SOURCE_REFUSED, reason, -1, 0, ""};
+    memcpy(probes.why, why.c_str(), why.size() + 1);
+    return probes;
 }
 
 ProbeFacts machine()
@@ -39,9 +33,9 @@ ProbeFacts machine()
 }
 
 /* The whole line that a refused --system gives. */
-std::string refusal(const std::vector<Line> &lines, const ProbeFacts &facts = machine(), uint32_t kinds = FMON_CREATE)
+std::string refusal(const struct fmon_source &probes, const ProbeFacts &facts = machine(), uint32_t kinds = FMON_CREATE)
 {
-    const std::string text = explain_no_system(logged(lines), facts, kinds);
+    const std::string text = explain_no_system(probes, facts, kinds);
     EXPECT_EQ(text.find('\n'), std::string::npos) << text;
     EXPECT_EQ(text.rfind("--system needs the kernel-probe library: ", 0), 0u) << text;
     EXPECT_NE(text.find("; without it, fmon watch -r "), std::string::npos) << text;
@@ -54,33 +48,26 @@ void expect_has(const std::string &text, std::initializer_list<const char *> par
         EXPECT_NE(text.find(part), std::string::npos) << part << " in: " << text;
 }
 
-const Line kNotLoaded = {1, "load kprobe thread module failed, errno: 2", "kp_thread_utils"};
-const Line kNoKernel = {2, "maybe not support kprobe!", "linux/fmon_linux.c"};
-const Line kOsInfo = {2, "main get_os_info error"};
-const Line kFilter = {2, "maybe noy support global event"};
-const Line kEnd = {1, "init kpnotify failed", "linux/fmon_linux.c"};
-
 }  // namespace
 
 TEST(CliSystemCauses, library_missing)
 {
     ProbeFacts facts = machine();
     facts.library_there = false;
-    expect_has(refusal({kNotLoaded, kNoKernel, kEnd}, facts), {"/opt/lib/liborx_kp_thread.2.so is not there: install"});
+    expect_has(refusal(refused(FMON_WHY_LIBRARY), facts), {"/opt/lib/liborx_kp_thread.2.so is not there: install"});
 }
 
 TEST(CliSystemCauses, library_that_cannot_be_loaded)
 {
     ProbeFacts facts = machine();
     facts.load_error = "/opt/lib/liborx_kp_thread.2.so: file too short";
-    expect_has(refusal({kNotLoaded, kNoKernel, kEnd}, facts), {"cannot be loaded: /opt/lib/", "file too short"});
-    expect_has(refusal({kNotLoaded}), {"liborx_kp_thread.2.so cannot be loaded; --verbose"});
+    expect_has(refusal(refused(FMON_WHY_LIBRARY), facts), {"cannot be loaded: /opt/lib/", "file too short"});
+    expect_has(refusal(refused(FMON_WHY_LIBRARY)), {"liborx_kp_thread.2.so cannot be loaded; --verbose"});
 }
 
 TEST(CliSystemCauses, library_that_lacks_a_function)
 {
-    const Line lacks = {1, "load kp_thread symbol: _kp_ins_crt failed, errnp:2", "kp_thread_utils"};
-    expect_has(refusal({lacks, kEnd}), {"lacks _kp_ins_crt: it belongs to another version"});
+    expect_has(refusal(refused(FMON_WHY_SYMBOL, "_kp_ins_crt")), {"lacks _kp_ins_crt: it belongs to another version"});
     // The monitor takes a registration without that function for a good one, and says nothing.
     ProbeFacts facts = machine();
     facts.missing_entry = "_kp_evt_reg";
@@ -89,25 +76,32 @@ TEST(CliSystemCauses, library_that_lacks_a_function)
 
 TEST(CliSystemCauses, kernel_without_probes)
 {
-    expect_has(refusal({kNoKernel, kEnd}), {"does not work on this kernel, 6.1.0-25-amd64; --verbose shows"});
-    expect_has(refusal({{2, "get os_info failed!"}, kEnd}), {"does not work on this kernel"});
+    expect_has(refusal(refused(FMON_WHY_KERNEL)), {"does not work on this kernel, 6.1.0-25-amd64; --verbose shows"});
     ProbeFacts user = machine();
     user.root = false;
-    expect_has(refusal({kNoKernel, kEnd}, user), {"only root may place probes", "modified and closed", " (root)"});
+    expect_has(refusal(refused(FMON_WHY_KERNEL), user),
+               {"only root may place probes", "modified and closed", " (root)"});
+}
+
+TEST(CliSystemCauses, the_librarys_own_words)
+{
+    expect_has(refusal(refused(FMON_WHY_KERNEL, "no tracefs")),
+               {"does not work on this kernel, 6.1.0-25-amd64 (no tracefs); --verbose shows"});
 }
 
 TEST(CliSystemCauses, release_that_is_not_understood)
 {
-    const Line release = {1, "kernel version get failed, uname.release:[6.18.44-fc-v669]"};
-    const std::string text = refusal({release, kOsInfo, kEnd});
-    expect_has(text, {"'6.18.44-fc-v669' is not understood", "MAJOR.MINOR.PATCH-BUILD", "6.1.0-25-amd64"});
-    expect_has(refusal({{1, "kernel version get failed, uname.release:[a]b]"}}), {"'a]b'"});
+    expect_has(refusal(refused(FMON_WHY_RELEASE, "6.18.44-fc-v669")),
+               {"'6.18.44-fc-v669' is not understood", "MAJOR.MINOR.PATCH-BUILD", "6.1.0-25-amd64"});
+    expect_has(refusal(refused(FMON_WHY_RELEASE, "a]b")), {"'a]b'"});
+    expect_has(refusal(refused(FMON_WHY_RELEASE)), {"'6.1.0-25-amd64' is not understood"});
 }
 
 TEST(CliSystemCauses, machine_that_is_not_supported)
 {
-    expect_has(refusal({{1, "not support [aarch64] platform"}, kOsInfo, kEnd}),
+    expect_has(refusal(refused(FMON_WHY_MACHINE, "aarch64")),
                {"machines of type aarch64 are not supported", "x86_64, i386 and i686"});
+    expect_has(refusal(refused(FMON_WHY_MACHINE)), {"machines of type x86_64 are not supported"});
 }
 
 TEST(CliSystemCauses, container)
@@ -116,32 +110,28 @@ TEST(CliSystemCauses, container)
     facts.container = true;
     facts.library_there = false;
     // Installing the library would not help there, so the container counts although the library is missing, too.
-    const std::string text = refusal({kNotLoaded, kNoKernel}, facts);
+    const std::string text = refusal(refused(FMON_WHY_LIBRARY), facts);
     expect_has(text, {"inside a container", "on the host itself", "fmon watch -r shows"});
     EXPECT_EQ(text.find("install"), std::string::npos) << text;
-    EXPECT_EQ(read_probe_line("current env is container!", "container_tool_utils"), ProbeCause::kContainer);
+    EXPECT_EQ(settle_cause(refused(FMON_WHY_CONTAINER), machine()), uint32_t{FMON_WHY_CONTAINER});
 }
 
 TEST(CliSystemCauses, too_many_mounts)
 {
-    expect_has(refusal({{2, "can't get common filter"}, kFilter, kEnd}),
-               {"too many mounts of devices (30)", "27 with ids of two digits"});
-    expect_has(refusal({kFilter, kEnd}), {"too many mounts"});
+    expect_has(refusal(refused(FMON_WHY_MOUNTS)), {"too many mounts of devices (30)", "27 with ids of two digits"});
 }
 
 TEST(CliSystemCauses, config_file_missing)
 {
-    expect_has(refusal({{2, "clt_net conf file load failed!"}, {2, "load offset config error"}, kEnd}),
-               {"/opt/config/fmon.ini cannot be read"});
+    expect_has(refusal(refused(FMON_WHY_CONFIG)), {"/opt/config/fmon.ini cannot be read"});
 }
 
 TEST(CliSystemCauses, instance_refused)
 {
-    const Line instance = {2, "create kprobe instance failed!"};
-    expect_has(refusal({instance, instance, kEnd}), {"could not set up its probes; --verbose"});
+    expect_has(refusal(refused(FMON_WHY_INSTANCE)), {"could not set up its probes; --verbose"});
     ProbeFacts user = machine();
     user.root = false;
-    expect_has(refusal({instance, kEnd}, user), {"could not set up its probes: only root"});
+    expect_has(refusal(refused(FMON_WHY_INSTANCE), user), {"could not set up its probes: only root"});
 }
 
 TEST(CliSystemCauses, every_probe_that_can_be_refused)
@@ -149,41 +139,59 @@ TEST(CliSystemCauses, every_probe_that_can_be_refused)
     for (const char *line : {"register create file cmd failed!", "register delete file cmd failed!",
                              "register close_write file cmd failed!", "register rename from file cmd failed!",
                              "register rename to file cmd failed!"})
-        expect_has(refusal({{2, line}, kEnd}), {"a probe was refused (", line});
+        expect_has(refusal(refused(FMON_WHY_PROBE, line)), {"a probe was refused (", line});
     ProbeFacts old = machine();
     old.release = "2.6.32-754.el6.x86_64";
-    expect_has(refusal({{2, "register create file cmd failed!"}, kEnd}, old), {"2.6.32-754", "too old", "3.0"});
+    expect_has(refusal(refused(FMON_WHY_PROBE, "register create file cmd failed!"), old),
+               {"2.6.32-754", "too old", "3.0"});
 }
 
-TEST(CliSystemCauses, no_cause_in_the_log)
+TEST(CliSystemCauses, no_cause_that_can_be_told)
 {
     expect_has(refusal({}), {"it did not start; --verbose"});
-    expect_has(refusal({kEnd}), {"it did not start; --verbose"});
-    expect_has(refusal({kOsInfo, kEnd}), {"it did not start; --verbose"});
+    expect_has(refusal(refused(FMON_WHY_OTHER, "get hw plat error")), {"it did not start; --verbose"});
+    expect_has(refusal(refused(FMON_WHY_SYSTEM)), {"it did not start; --verbose"});
 }
 
-TEST(CliSystemCauses, the_first_cause_wins)
+TEST(CliSystemCauses, what_the_machine_shows_wins)
 {
-    const Line release = {1, "kernel version get failed, uname.release:[5.4.0]"};
-    expect_has(refusal({release, kOsInfo, kNotLoaded, kFilter}), {"'5.4.0' is not understood"});
-    expect_has(refusal({kNotLoaded, release}), {"cannot be loaded"});
+    ProbeFacts facts = machine();
+    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_RELEASE});
+    facts.missing_entry = "_kp_evt_reg";
+    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_SYMBOL});
+    facts.container = true;
+    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_CONTAINER});
 }
 
-TEST(CliSystemCauses, what_the_inotify_source_says_is_no_cause)
+namespace
 {
-    const char *const inotify = "linux/clt_inotify.c";
-    const Line release = {1, "kernel version get failed, uname.release:[5.4.0]"};
-    expect_has(refusal({{2, "create kprobe instance failed!", inotify}, {2, "get os_info failed!", inotify}, release}),
-               {"'5.4.0' is not understood"});
-    EXPECT_EQ(logged({{2, "register inotify event failed!", inotify}}).cause, ProbeCause::kNone);
+
+int status_of_probes(struct fmon_status *out)
+{
+    out->file_probes = refused(FMON_WHY_RELEASE, "5.4.0");
+    return 0;
 }
 
-TEST(CliSystemCauses, names_in_other_lines_are_no_cause)
+int no_status(struct fmon_status *out)
 {
-    EXPECT_EQ(logged({{1, "open dir /maybe not support kprobe! failed: x", "linux/fmon_linux.c"}}).cause,
-              ProbeCause::kNone);
-    EXPECT_EQ(logged({{4, "maybe not support kprobe!"}}).cause, ProbeCause::kNone);
-    EXPECT_EQ(read_probe_line("", ""), ProbeCause::kNone);
+    out->file_probes = refused(FMON_WHY_RELEASE, "5.4.0");
+    return FMON_ENOTINIT;
+}
+
+}  // namespace
+
+TEST(CliSystemCauses, the_cause_is_that_of_the_status)
+{
+    Module module = {};
+    module.status = status_of_probes;
+    expect_has(refusal(file_probes(module)), {"'5.4.0' is not understood"});
+}
+
+TEST(CliSystemCauses, a_monitor_that_does_not_run_gives_no_cause)
+{
+    Module module = {};
+    module.status = no_status;
+    expect_has(refusal(file_probes(module)), {"it did not start; --verbose"});
 }
 
 TEST(CliSystemCauses, what_works_without)
@@ -214,26 +222,5 @@ TEST(CliSystemCauses, facts_of_this_machine)
     unsetenv("FMON_HOME");
     EXPECT_TRUE(bad.library_there);
     EXPECT_NE(bad.load_error, "");
-    EXPECT_EQ(settle_cause(logged({kNotLoaded}), bad), ProbeCause::kLibrary);
-}
-
-/* Every line of the table is found by its beginning, whatever comes behind it. */
-TEST(CliSystemCauses, every_line_has_a_cause_of_its_own_words)
-{
-    const std::pair<const char *, ProbeCause> rows[] = {
-        {"load kprobe thread module failed, errno: 11", ProbeCause::kLibrary},
-        {"load kp_thread symbol: _os_info_get failed, errnp:0", ProbeCause::kIncomplete},
-        {"maybe not support kprobe!", ProbeCause::kKernel},
-        {"not support [ppc] platform", ProbeCause::kMachine},
-        {"kernel version get failed, uname.release:[]", ProbeCause::kRelease},
-        {"load offset config error", ProbeCause::kConfig},
-        {"can't get common filter", ProbeCause::kMounts},
-        {"create kprobe instance failed!", ProbeCause::kInstance},
-        {"get hw plat error", ProbeCause::kOther},
-        {"init kpnotify failed", ProbeCause::kOther},
-        {"can't get mountonfo!", ProbeCause::kNone},
-        {"fmon conf file prase error, no version!", ProbeCause::kNone},
-    };
-    for (const auto &[text, cause] : rows)
-        EXPECT_EQ(read_probe_line(text, "linux/clt_file.c"), cause) << text;
+    EXPECT_EQ(settle_cause(refused(FMON_WHY_LIBRARY), bad), uint32_t{FMON_WHY_LIBRARY});
 }
