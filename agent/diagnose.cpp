@@ -29,14 +29,6 @@ enum : int {
     kPathTooLong = -117,
 };
 
-// The text behind the last ": " of the monitor's last error line: the system's own words.
-std::string reason_of(const Findings &findings)
-{
-    const std::string &line = findings.last_error;
-    const size_t colon = line.rfind(": ");
-    return colon == std::string::npos ? line : line.substr(colon + 2);
-}
-
 // Who uses the watches matters: raising the limit does not help for long when another program leaks them.
 std::string watch_limit_text(const Facts &facts, uint64_t missing)
 {
@@ -63,22 +55,13 @@ std::string cache_text(const Facts &facts, uint64_t missing)
            std::to_string(std::min<uint64_t>(roomy_limit(facts.max_dentries + missing), 2097152));
 }
 
-// EMFILE or ENFILE, where the monitor's reason is one of them; else 0.
-int descriptor_error(const std::string &reason)
-{
-    for (const int error : {EMFILE, ENFILE})
-        if (reason == strerror(error))
-            return error;
-    return 0;
-}
-
 std::string limit_text(const Findings &findings, const Facts &facts, uint64_t missing)
 {
-    if (findings.unopened || findings.descriptors)
-        return reason_text(descriptor_error(reason_of(findings)) == ENFILE ? ENFILE : EMFILE);
-    if (findings.cache_full)
+    if (findings.counts.descriptors)
+        return reason_text(findings.last.error == ENFILE ? ENFILE : EMFILE);
+    if (findings.counts.cache_full)
         return cache_text(facts, missing);
-    return findings.watch_limit ? watch_limit_text(facts, missing) : mark_limit_text(facts, missing);
+    return findings.counts.inotify_limit ? watch_limit_text(facts, missing) : mark_limit_text(facts, missing);
 }
 
 std::string unsupported_text(const Refusal &refusal, const Facts &facts)
@@ -93,12 +76,13 @@ std::string unsupported_text(const Refusal &refusal, const Facts &facts)
 
 std::string refused_by_kernel(const Refusal &refusal, const Facts &facts)
 {
-    const std::string reason = reason_of(refusal.findings);
-    if (reason == strerror(EACCES) || reason == strerror(EPERM))
-        return " may not be read: " + reason + (facts.root ? "" : ": run as root, or get read permission");
-    if (const int error = descriptor_error(reason))
+    const int error = refusal.findings.last.error;
+    if (error == EACCES || error == EPERM)
+        return std::string(" may not be read: ") + strerror(error) +
+               (facts.root ? "" : ": run as root, or get read permission");
+    if (error == EMFILE || error == ENFILE)
         return " cannot be watched: " + reason_text(error);
-    return " cannot be watched: " + (reason.empty() ? "the kernel refused it" : reason);
+    return std::string(" cannot be watched: ") + (error == 0 ? "the kernel refused it" : strerror(error));
 }
 
 std::string reason_by_code(const Refusal &refusal, const Facts &facts)
@@ -154,28 +138,28 @@ Facts gather_facts()
 
 std::string explain_refusal(const Refusal &refusal, const Facts &facts)
 {
-    if (refusal.findings.limit_reached())
+    if (refusal.code != FMON_ENOMEM && refusal.findings.limit_reached())
         return refusal.path + " cannot be watched: " + limit_text(refusal.findings, facts, 1);
     return refusal.path + reason_by_code(refusal, facts);
 }
 
 // EMFILE stands for the limit of instances and for that of descriptors alike.
-std::string explain_start_failure(const Findings &findings, const Facts &facts)
+std::string explain_start_failure(const struct fmon_source &monitor, const Facts &facts)
 {
-    const std::string reason = reason_of(findings);
-    if (reason == strerror(EMFILE) && facts.max_user_instances && facts.user_instances >= facts.max_user_instances)
+    const int error = monitor.error;
+    if (error == EMFILE && facts.max_user_instances && facts.user_instances >= facts.max_user_instances)
         return "the monitor cannot start: fs.inotify.max_user_instances is reached (" +
                with_commas(facts.max_user_instances) + "; " + with_commas(facts.user_instances) +
                " in use by this user): raise it with sysctl fs.inotify.max_user_instances=" +
                std::to_string(roomy_limit(facts.max_user_instances * 2));
-    if (reason == strerror(ENFILE) || (reason == strerror(EMFILE) && facts.descriptors_left < kDescriptorsToStart))
-        return "the monitor cannot start: " + reason_text(descriptor_error(reason));
-    if (reason == strerror(EMFILE))
+    if (error == ENFILE || (error == EMFILE && facts.descriptors_left < kDescriptorsToStart))
+        return "the monitor cannot start: " + reason_text(error);
+    if (error == EMFILE)
         return "the monitor cannot start: no inotify instance is left: raise it with "
                "sysctl fs.inotify.max_user_instances=" +
                std::to_string(roomy_limit(facts.max_user_instances * 2)) + ", or see ulimit -n";
-    return "the monitor cannot start" + (findings.last_error.empty() ? "" : ": " + findings.last_error) +
-           "; --verbose shows its log";
+    const std::string trouble = trouble_text(monitor);
+    return "the monitor cannot start" + (trouble.empty() ? "" : ": " + trouble) + "; --verbose shows its log";
 }
 
 std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts)
@@ -184,13 +168,13 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
                              (left_out == 1 ? " is not watched: " : " are not watched: ");
     if (findings.limit_reached())
         return head + limit_text(findings, facts, left_out);
-    if (findings.unreadable || findings.denied)
-        return head + "no permission to read " +
-               (findings.first_unreadable.empty() ? "it" : findings.first_unreadable) +
+    if (findings.counts.denied)
+        return head + "no permission to read " + (findings.first_denied.empty() ? "it" : findings.first_denied) +
                (left_out > 1 ? " and others" : "") + (facts.root ? "" : ": run as root to watch all");
-    if (findings.too_long)
+    if (findings.counts.too_long)
         return head + "paths of more than 1,022 bytes cannot be watched";
-    return head + (findings.last_error.empty() ? "the monitor's log tells why" : findings.last_error);
+    const std::string reason = refusal_text(findings.last);
+    return head + (reason.empty() ? "the monitor's log tells why" : reason);
 }
 
 std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts)

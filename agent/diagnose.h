@@ -7,7 +7,7 @@
 #include <cstdint>
 #include <string>
 
-#include "log_watch.h"
+#include "placement.h"
 
 namespace agent
 {
@@ -28,7 +28,7 @@ struct Facts {
 
 Facts gather_facts();
 
-/* A request that the monitor refused: `code` is its result, `findings` what it logged meanwhile. */
+/* A request that the monitor refused: `code` is its result, `findings` what was refused meanwhile. */
 struct Refusal {
     std::string path;
     int code = 0;
@@ -38,7 +38,7 @@ struct Refusal {
 std::string explain_refusal(const Refusal &refusal, const Facts &facts);
 
 /* Why the monitor did not start. */
-std::string explain_start_failure(const Findings &findings, const Facts &facts);
+std::string explain_start_failure(const struct fmon_source &monitor, const Facts &facts);
 
 /* Directories that were left out; `left_out` is their number. `path` is empty when it happened after the start. */
 std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts);

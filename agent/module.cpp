@@ -51,6 +51,7 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
            bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
            bind(library, "_orx_fmon_global_update", module.global_update, error) &&
            bind(library, "_orx_fmon_status", module.status, error) &&
+           bind(library, "_orx_fmon_on_mark", module.on_mark, error) &&
            bind(library, "_orx_fmon_dump", module.dump, error) &&
            bind(library, "g_container_flag", module.container_flag, error);
 }

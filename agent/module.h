@@ -20,6 +20,7 @@ struct Module {
     decltype(&_orx_fmon_global_watch) global_watch;
     decltype(&_orx_fmon_global_update) global_update;
     decltype(&_orx_fmon_status) status;
+    decltype(&_orx_fmon_on_mark) on_mark;
     decltype(&_orx_fmon_dump) dump;
     decltype(&g_container_flag) container_flag;
 

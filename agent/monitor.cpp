@@ -54,7 +54,7 @@ bool has_probes(const Module &module, std::string &error)
 
 }  // namespace
 
-bool start_monitor(const Request &options, LogWatch &log, Module &module, OwnLog &own, std::string &error)
+bool start_monitor(const Request &options, Placement &placement, Module &module, OwnLog &own, std::string &error)
 {
     raise_descriptor_limit();
     const std::string folder = library_folder();
@@ -64,15 +64,15 @@ bool start_monitor(const Request &options, LogWatch &log, Module &module, OwnLog
         hide_probe_library();
     set_values(options);
     set_log(options, own);
-    log.start();
     const SignalsBlocked blocked;
     const int code = module.init(0, nullptr);
-    const Findings findings = log.take();
-    if (code == 0 && !findings.monitor_ended) {
+    placement.start(module);
+    const Findings findings = placement.take();
+    if (code == 0 && !findings.ended) {
         orx_host_await_timers(kThreadMs); /* without its thread the monitor says so by itself */
         return options.probes != Probes::kOn || has_probes(module, error);
     }
-    error = explain_start_failure(findings, gather_facts());
+    error = explain_start_failure(findings.monitor, gather_facts());
     return false;
 }
 

@@ -9,7 +9,6 @@
 #include "marks.h"
 #include "message.h"
 #include "monitor.h"
-#include "watch_count.h"
 
 namespace agent
 {
@@ -62,7 +61,7 @@ void Placer::add(const PlannedWatch &watch)
 {
     Root &root = plan_.roots[watch.root];
     const int code = request(watch);
-    const Findings findings = log_.take();
+    const Findings findings = placement_.take();
     if (code == FMON_ENOENT && root.waits)
         return;
     if (code != 0)
@@ -81,7 +80,7 @@ int Placer::take_up(size_t index, const std::string &path)
         watch.flags |= FMON_NO_LINKS;
         const int code = request(watch);
         if (code != 0) {
-            failure_ = log_.take();
+            failure_ = placement_.take();
             give_up(root);
             return code;
         }
@@ -122,17 +121,17 @@ void Placer::report_left_out(const PlannedWatch &watch, const Findings &findings
     refused_ |= findings.limit_reached();
 }
 
-// A directory that found no room in the cache is not entered, so those below it are in no log line: then all that
+// A directory that found no room in the cache is not entered, so those below it are refused nowhere: then all that
 // should be watched is counted, and what is watched taken off.
 uint64_t Placer::count_left_out(const Findings &findings) const
 {
-    if (!findings.cache_full)
+    if (!findings.counts.cache_full)
         return findings.left_out();
     uint64_t wanted = 0;
     for (const PlannedWatch &watch : plan_.watches)
         if (is_tree(watch) && plan_.roots[watch.root].placed)
             wanted += 1 + count_directories(watch.path, options_.max_depth, UINT64_MAX);
-    const uint64_t watched = watches_placed();
+    const uint64_t watched = inotify_watches();
     return std::max(findings.left_out(), wanted - std::min(wanted, watched));
 }
 
@@ -152,36 +151,43 @@ void Placer::check_mounts()
     }
 }
 
+uint64_t Placer::inotify_watches() const
+{
+    struct fmon_status now;
+    return module_.read_status(now) ? now.inotify_watches : 0;
+}
+
 // Each watched file has an inotify watch, too.
 uint64_t Placer::directories() const
 {
     uint64_t files = 0;
     for (const Root &root : plan_.roots)
         files += !root.watched.empty() && root.identity.is_file();
-    const uint64_t watches = watches_placed();
+    const uint64_t watches = inotify_watches();
     return watches - std::min(watches, files);
 }
 
 struct Progress::State {
-    std::mutex lock;
-    std::condition_variable changed;
+    const Placement &placement;
+    std::mutex lock = {};
+    std::condition_variable changed = {};
     bool over = false; /* under lock */
-    std::thread thread;
+    std::thread thread = {};
 
     void run()
     {
         std::unique_lock<std::mutex> hold(lock);
         while (!changed.wait_for(hold, std::chrono::milliseconds(400), [this] { return over; }))
-            say("\r" + counted(watches_placed(), "directory") + " ...\033[K");
+            say("\r" + counted(placement.placed(), "directory") + " ...\033[K");
         say("\r\033[K");
     }
 };
 
-Progress::Progress(bool wanted)
+Progress::Progress(bool wanted, const Placement &placement)
 {
     if (!wanted || !stderr_is_terminal())
         return;
-    state_ = new State;
+    state_ = new State{placement};
     state_->thread = std::thread([state = state_] { state->run(); });
 }
 

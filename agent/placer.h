@@ -10,8 +10,8 @@
 
 #include "diagnose.h"
 #include "intake.h"
-#include "log_watch.h"
 #include "module.h"
+#include "placement.h"
 #include "plan.h"
 #include "request.h"
 
@@ -21,8 +21,8 @@ namespace agent
 class Placer
 {
 public:
-    Placer(const Request &options, const Module &module, LogWatch &log, Plan &plan)
-        : options_(options), module_(module), log_(log), plan_(plan)
+    Placer(const Request &options, const Module &module, Placement &placement, Plan &plan)
+        : options_(options), module_(module), placement_(placement), plan_(plan)
     {
     }
 
@@ -47,12 +47,13 @@ private:
     void refuse(const PlannedWatch &watch, int code, const Findings &findings);
     void report_left_out(const PlannedWatch &watch, const Findings &findings);
     uint64_t count_left_out(const Findings &findings) const;
+    uint64_t inotify_watches() const;
     void check_mounts();
     Facts facts() const;
 
     const Request &options_;
     const Module &module_;
-    LogWatch &log_;
+    Placement &placement_;
     Plan &plan_;
     std::vector<int> instances_; /* ids */
     Findings failure_;           /* of the last take_up() that failed */
@@ -64,7 +65,7 @@ private:
 class Progress
 {
 public:
-    explicit Progress(bool wanted);
+    Progress(bool wanted, const Placement &placement);
     ~Progress();
     Progress(const Progress &) = delete;
     Progress &operator=(const Progress &) = delete;

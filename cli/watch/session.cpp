@@ -13,7 +13,6 @@
 #include "agent/monitor.h"
 #include "agent/signals.h"
 #include "agent/time_format.h"
-#include "agent/watch_count.h"
 
 namespace cli
 {
@@ -33,7 +32,7 @@ Session::Session(const WatchOptions &options)
     : options_(options),
       queue_(kQueueEvents, kQueueBytes),
       intake_(queue_),
-      log_([this] { queue_.wake(); }),
+      placement_([this] { queue_.wake(); }),
       reporter_(options, options),
       guard_(plan_.roots, [this](agent::Root &root, const char *reason) { report_end(root, reason); }),
       mounts_([this](const std::string &point) { report_mount(point); })
@@ -77,7 +76,7 @@ bool Session::start()
     const agent::StopAtOnce at_once;
     std::string error;
     agent::OwnLog own;
-    if (!start_monitor(options_, log_, module_, own, error))
+    if (!start_monitor(options_, placement_, module_, own, error))
         return fail(error);
     reporter_.hide(own.files);
     if (!own.note.empty())
@@ -156,7 +155,7 @@ void Session::loop()
             wait();
         }
         const uint64_t now = agent::steady_ms();
-        if (log_.any())  // what comes within a second is told together
+        if (placement_.any())  // what comes within a second is told together
             next_tick_ = std::min(next_tick_, now + kBusyTickMs);
         if (now >= next_tick_)
             tick(now);
@@ -166,21 +165,12 @@ void Session::loop()
     }
 }
 
-void Session::follow_new_directories()
-{
-    // Where the watches cannot be listened to, every new path is looked at.
-    for (size_t i = 0; agent::watches_placed() == 0 && i < batch_.size(); i++)
-        if (batch_.event(i).mask & FMON_CREATE)
-            keeper_->made(batch_.event(i).path);
-    keeper_->run();
-}
-
 void Session::handle_batch()
 {
     in_hand_ = batch_.size();
     // Trees first: what happens in a new directory is seen only once it is marked.
     if (keeper_)
-        follow_new_directories();
+        keeper_->run();
     bool readable = false;
     for (size_t i = 0; i < batch_.size() && !reporter_.finished(); i++) {
         const agent::Event event = batch_.event(i);
@@ -262,29 +252,33 @@ void Session::check_losses()
 {
     struct fmon_status now;
     if (!module_.read_status(now))
-        return;
+        return check_end(now.monitor);
     for (const agent::Loss &loss : losses_.since_last(now)) {
         reporter_.loss(loss.source, loss.count, loss.path);
         agent::complain(loss.text);
     }
 }
 
-// Many lines within a tick become one: a tree that runs into a limit logs one line a directory.
+void Session::check_end(const struct fmon_source &monitor)
+{
+    if (monitor.state != FMON_SOURCE_REFUSED || status_ >= 0)
+        return;
+    agent::complain("the monitor has stopped: " + agent::trouble_text(monitor));
+    end_with(agent::kError);
+}
+
+// Many refusals within a tick become one line: a tree that runs into a limit has one a directory.
 void Session::check_findings()
 {
-    if (!log_.any())
+    if (!placement_.any())
         return;
-    agent::Findings findings = log_.take();
-    if (findings.monitor_ended) {
-        agent::complain("the monitor has stopped: " + findings.last_error);
-        end_with(agent::kError);
-    }
+    agent::Findings findings = placement_.take();
     std::string first;
     const uint64_t left_out = tell_left_out(findings.left_out(), first);
     if (left_out == 0)
         return;
-    if (findings.first_unreadable.empty())
-        findings.first_unreadable = first;
+    if (findings.first_denied.empty())
+        findings.first_denied = first;
     agent::Facts facts = agent::gather_facts();
     facts.max_dentries = max_dentries(options_);
     agent::complain(explain_left_out("", findings, left_out, facts));
@@ -340,7 +334,7 @@ void Session::close()
     check_losses();
     check_findings();
     reporter_.flush();
-    log_.stop();
+    placement_.stop();
 }
 
 // The main thread does not come to its end: it waits for the monitor, or for one of its own long walks.

@@ -12,10 +12,10 @@
 
 #include "agent/dump_server.h"
 #include "agent/intake.h"
-#include "agent/log_watch.h"
 #include "agent/losses.h"
 #include "agent/module.h"
 #include "agent/mount_guard.h"
+#include "agent/placement.h"
 #include "agent/placer.h"
 #include "agent/plan.h"
 #include "agent/queue.h"
@@ -66,7 +66,6 @@ private:
     void report_mount(const std::string &point);
 
     void loop();
-    void follow_new_directories();
     void handle_batch();
     void pause_if_busy();
     void wait();
@@ -74,6 +73,7 @@ private:
     uint64_t wait_limit(uint64_t now) const;
     void check_findings();
     void check_losses();
+    void check_end(const struct fmon_source &monitor);
     void check_timeout(uint64_t now);
     void end_with(int status);
     void end_hold();
@@ -83,7 +83,7 @@ private:
     const WatchOptions &options_;
     agent::EventQueue queue_;
     agent::Intake intake_;
-    agent::LogWatch log_;
+    agent::Placement placement_;
     output::Reporter reporter_;
     agent::Module module_ = {};
     agent::Plan plan_;

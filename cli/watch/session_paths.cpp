@@ -5,7 +5,6 @@
 
 #include "agent/message.h"
 #include "agent/signals.h"
-#include "agent/watch_count.h"
 #include "orx_fmon.h"
 #include "session.h"
 
@@ -18,26 +17,17 @@ namespace
 /* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
 constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
 
-agent::TreeKeeper *g_keeper; /* of the one session; set before the monitor's thread can call */
-
-void on_new_watch(const char *path) { g_keeper->made(path); }
-
-agent::Unreadable *g_unreadable; /* as g_keeper */
-
-void on_refusal(const char *path) { g_unreadable->refused(path); }
-
 }  // namespace
 
 // Everything is in place before the first event is shown; what comes meanwhile waits in the queue.
 bool Session::place()
 {
-    g_unreadable = &unreadable_;
     if (options_.recursive && !options_.mount)
-        agent::listen_to_refusals(on_refusal);
-    placer_ = std::make_unique<agent::Placer>(options_, module_, log_, plan_);
+        placement_.listen_to_denials([this](const std::string &path) { unreadable_.refused(path); });
+    placer_ = std::make_unique<agent::Placer>(options_, module_, placement_, plan_);
     {
         const agent::StopAtOnce at_once;
-        const agent::Progress progress(!options_.quiet);
+        const agent::Progress progress(!options_.quiet, placement_);
         placer_->run(intake_);
     }
     if (!placer_->any_placed() || (placer_->refused() && !options_.keep_going) || !keep_tree())
@@ -144,8 +134,7 @@ bool Session::keep_tree()
     keeper_ = std::make_unique<agent::TreeKeeper>(module_, roots, options_.max_depth);
     if (keeper_->start() < 0)
         return fail("the monitor has no instance left");
-    g_keeper = keeper_.get();
-    agent::listen_to_watches(on_new_watch);
+    placement_.listen([this](const std::string &path) { keeper_->made(path); });
     return true;
 }
 

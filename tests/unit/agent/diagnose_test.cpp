@@ -27,12 +27,32 @@ Facts machine()
     return facts;
 }
 
-Findings logged(std::initializer_list<std::string> lines)
+/* A directory that was refused, as the monitor's status has it. */
+Findings refused(uint64_t fmon_left_out::*counter, int error, uint32_t step, const char *path = "/x/s")
 {
-    LogWatch log([] {});
-    for (const std::string &line : lines)
-        log.line(1, line);
-    return log.take();
+    Findings findings;
+    findings.counts.*counter = 1;
+    findings.last.code = -108;
+    findings.last.error = error;
+    findings.last.step = step;
+    memcpy(findings.last.path, path, strlen(path) + 1);
+    if (counter == &fmon_left_out::denied)
+        findings.first_denied = path;
+    return findings;
+}
+
+const Findings kWatchLimit = refused(&fmon_left_out::inotify_limit, ENOSPC, FMON_STEP_INOTIFY),
+               kMarkLimit = refused(&fmon_left_out::fanotify_limit, ENOSPC, FMON_STEP_FANOTIFY),
+               kCacheFull = refused(&fmon_left_out::cache_full, 0, FMON_STEP_CACHE),
+               kTooLong = refused(&fmon_left_out::too_long, 0, FMON_STEP_READ, ""),
+               kDenied = refused(&fmon_left_out::denied, EACCES, FMON_STEP_INOTIFY);
+
+/* A monitor that did not start. */
+struct fmon_source failed(const char *what, int error)
+{
+    struct fmon_source monitor = {FMON_SOURCE_REFUSED, FMON_WHY_SYSTEM, -105, error, ""};
+    memcpy(monitor.why, what, strlen(what) + 1);
+    return monitor;
 }
 
 void expect_has(const std::string &text, std::initializer_list<const char *> parts)
@@ -50,116 +70,52 @@ std::string refusal(int code, const Findings &findings = {}, bool mount = false,
 
 }  // namespace
 
-TEST(CliLogWatch, lines_of_the_monitor)
+TEST(CliDiagnose, a_path_that_appeared_and_may_not_be_watched)
 {
-    struct Row {
-        std::string line;
-        Finding finding;
+    expect_has(explain_retry("/a", kDenied, machine()), {"/a is there, but", "Permission denied"});
+    expect_has(explain_retry("/a", {}, machine()), {"/a is there, but cannot be watched: the kernel refused it"});
+}
+
+/* As the monitor's log words it. */
+TEST(CliDiagnose, the_last_refusal_is_the_reason_where_there_is_no_better_one)
+{
+    const struct {
+        uint32_t step;
+        const char *said;
+    } rows[] = {
+        {FMON_STEP_OPEN, "open /x/s to mark it failed: Input/output error"},
+        {FMON_STEP_READ, "open dir /x/s failed: Input/output error"},
+        {FMON_STEP_INOTIFY, "inotify add failed: Input/output error"},
+        {FMON_STEP_FANOTIFY, "fanotify add failed: Input/output error"},
+        {FMON_STEP_MEMORY, "malloc iterate failed: Input/output error"},
+        {FMON_STEP_TABLE, "add seq failed"},
+        {FMON_STEP_CACHE, "the monitor's log tells why"},
     };
-    const std::string space = strerror(ENOSPC), none = strerror(ENOENT), denied = strerror(EACCES);
-    const Row rows[] = {
-        {"inotify add failed: " + space, Finding::kWatchLimit},
-        {"inotify add failed: " + denied, Finding::kDenied},
-        {"inotify add failed: " + none, Finding::kNone},
-        {std::string("inotify add failed: ") + strerror(ENOMEM), Finding::kOther},
-        {"fanotify add failed: " + space, Finding::kMarkLimit},
-        {"fanotify add failed: " + none, Finding::kNone},
-        {"iterate add dentry failed", Finding::kCacheFull},
-        {"add sub dentry failed: /a sub b", Finding::kCacheFull},
-        {"add sub failed", Finding::kCacheFull},
-        {"open dir /a failed: " + denied, Finding::kUnreadable},
-        {"open dir /a failed: " + none, Finding::kNone},
-        {std::string("open dir /a failed: ") + strerror(ENOTDIR), Finding::kNone},
-        {std::string("open dir /a failed: ") + strerror(EMFILE), Finding::kDescriptors},
-        {std::string("open dir /a failed: ") + strerror(ENFILE), Finding::kDescriptors},
-        {std::string("open /a to mark it failed: ") + strerror(EMFILE), Finding::kUnopened},
-        {"open /a to mark it failed: " + denied, Finding::kDenied},
-        {"open /a to mark it failed: " + none, Finding::kNone},
-        {std::string("open /a to mark it failed: ") + strerror(ELOOP), Finding::kNone},
-        {std::string("open /a to mark it failed: ") + strerror(EIO), Finding::kOther},
-        {"open /a failed: " + denied, Finding::kNone},
-        {"path is NULL", Finding::kTooLong},
-        {"select failed: Bad file descriptor", Finding::kMonitorEnded},
-        {"create file monitor thread failed", Finding::kMonitorEnded},
-        {"orx_fmon plugin init", Finding::kNone},
-        {"open dir ", Finding::kNone},
-        {"", Finding::kNone},
-    };
-    for (const Row &row : rows)
-        EXPECT_EQ(static_cast<int>(read_log_line(row.line).finding), static_cast<int>(row.finding)) << row.line;
-}
-
-TEST(CliLogWatch, a_path_may_hold_the_words_of_the_line)
-{
-    const std::string line = std::string("open dir /a failed: b failed: ") + strerror(EACCES);
-    EXPECT_EQ(read_log_line(line).path, "/a failed: b");
-}
-
-TEST(CliLogWatch, counts_until_they_are_taken)
-{
-    int woken = 0;
-    LogWatch log([&] { woken++; });
-    const std::string denied = strerror(EACCES);
-    log.line(1, "inotify add failed: " + denied);
-    log.line(1, "open dir /a failed: " + denied);
-    log.line(1, "inotify add failed: " + denied);
-    log.line(1, "open dir /b failed: " + denied);
-    log.line(1, "something else");
-    log.line(4, "a debug line");
-    EXPECT_EQ(woken, 1);
-    EXPECT_TRUE(log.any());
-    const Findings findings = log.take();
-    EXPECT_EQ(findings.left_out(), 2u);  // each was refused twice
-    EXPECT_EQ(findings.first_unreadable, "/a");
-    EXPECT_EQ(findings.last_error, "something else");
-    EXPECT_FALSE(findings.limit_reached());
-    EXPECT_FALSE(log.any());
-    EXPECT_EQ(log.take().left_out(), 0u);
-}
-
-TEST(CliLogWatch, a_path_that_appeared_and_may_not_be_watched)
-{
-    const Findings findings =
-        logged({std::string("inotify add failed: ") + strerror(EACCES), "add watch failed: -108"});
-    expect_has(explain_retry("/a", findings, machine()), {"/a is there, but", "Permission denied"});
-}
-
-TEST(CliLogWatch, the_reason_is_not_the_line_that_passes_it_on)
-{
-    const Findings findings = logged({"inotify add failed: No", "add watch failed: -108", "fmon init failed"});
-    EXPECT_EQ(findings.last_error, "inotify add failed: No");
-}
-
-TEST(CliLogWatch, a_directory_over_both_limits_counts_once)
-{
-    const std::string space = strerror(ENOSPC);
-    const Findings findings =
-        logged({"fanotify add failed: " + space, "inotify add failed: " + space, "iterate add dentry failed"});
-    EXPECT_EQ(findings.left_out(), 2u);
-    EXPECT_TRUE(findings.limit_reached());
+    for (const auto &row : rows)
+        EXPECT_EQ(explain_left_out("/x", refused(&fmon_left_out::other, EIO, row.step), 1, machine()),
+                  std::string("1 directory below /x is not watched: ") + row.said);
 }
 
 TEST(CliDiagnose, limit_of_watches_names_use_and_remedy)
 {
-    const Findings findings = logged({std::string("inotify add failed: ") + strerror(ENOSPC)});
-    expect_has(refusal(-108, findings),
+    expect_has(refusal(-108, kWatchLimit),
                {"/x", "max_user_watches is reached (8,192", "8,192 in use by this user",
                 "2,192 of them by other programs", "sysctl fs.inotify.max_user_watches=16384"});
-    expect_has(explain_left_out("/x", findings, 100000, machine()),
+    expect_has(explain_left_out("/x", kWatchLimit, 100000, machine()),
                {"100,000 directories below /x are not watched", "sysctl fs.inotify.max_user_watches=131072"});
 }
 
 TEST(CliDiagnose, limit_of_marks)
 {
-    expect_has(refusal(-109, logged({std::string("fanotify add failed: ") + strerror(ENOSPC)})),
+    expect_has(refusal(-109, kMarkLimit),
                {"max_user_marks is reached (9,000)", "sysctl fs.fanotify.max_user_marks=16384"});
 }
 
 TEST(CliDiagnose, full_cache_names_the_setting)
 {
-    EXPECT_EQ(explain_left_out("/x", logged({"path is NULL"}), 1, machine()),
+    EXPECT_EQ(explain_left_out("/x", kTooLong, 1, machine()),
               "1 directory below /x is not watched: paths of more than 1,022 bytes cannot be watched");
-    expect_has(explain_left_out("/x", logged({"iterate add dentry failed"}), 1, machine()),
+    expect_has(explain_left_out("/x", kCacheFull, 1, machine()),
                {"1 directory below /x is not watched", "max_dentries 100", "--set max_dentries=1024"});
     EXPECT_NE(refusal(FMON_ENOMEM).find("--set max_dentries="), std::string::npos);
 }
@@ -168,9 +124,8 @@ TEST(CliDiagnose, no_permission)
 {
     Facts user = machine();
     user.root = false;
-    const Findings denied = logged({std::string("inotify add failed: ") + strerror(EACCES)});
-    expect_has(refusal(-108, denied, false, false, user), {"/x may not be read: Permission denied", "run as root"});
-    expect_has(explain_left_out("/x", logged({std::string("open dir /x/s failed: ") + strerror(EACCES)}), 3, user),
+    expect_has(refusal(-108, kDenied, false, false, user), {"/x may not be read: Permission denied", "run as root"});
+    expect_has(explain_left_out("/x", kDenied, 3, user),
                {"3 directories below /x are not watched", "/x/s and others", "run as root"});
 }
 
@@ -199,16 +154,13 @@ TEST(CliDiagnose, every_code_has_one_line_that_names_the_path)
 TEST(CliDiagnose, no_descriptors)
 {
     for (const auto &[error, said] : {std::pair(EMFILE, "LimitNOFILE="), std::pair(ENFILE, "sysctl fs.file-max")}) {
-        const std::string reason = strerror(error);
-        const Findings findings =
-            logged({"open /x/a to mark it failed: " + reason, "open dir /x/a failed: " + reason});  // refused twice
+        const Findings findings = refused(&fmon_left_out::descriptors, error, FMON_STEP_OPEN);
         EXPECT_TRUE(findings.limit_reached());
-        EXPECT_TRUE(logged({"open /x/a to mark it failed: " + reason}).limit_reached());
         EXPECT_EQ(findings.left_out(), 1u);
         expect_has(explain_left_out("/x", findings, 1, machine()), {"1 directory below /x is not watched: ", said});
         expect_has(explain_refusal({"/x", FMON_ENOENT, false, false, findings}, machine()),
                    {"/x cannot be watched: ", said});
-        const Findings mark = logged({std::string("fanotify add failed: ") + strerror(error)});
+        const Findings mark = refused(&fmon_left_out::other, error, FMON_STEP_FANOTIFY);
         expect_has(explain_refusal({"/x", -109, false, false, mark}, machine()), {"/x cannot be watched: ", said});
     }
 }
@@ -216,7 +168,7 @@ TEST(CliDiagnose, no_descriptors)
 TEST(CliDiagnose, start_failures)
 {
     Facts facts = machine();
-    const Findings instances = logged({std::string("init inotify failed: ") + strerror(EMFILE), "fmon init failed"});
+    const struct fmon_source instances = failed("init inotify failed", EMFILE);
     facts.user_instances = 128;
     expect_has(explain_start_failure(instances, facts),
                {"max_user_instances is reached (128", "sysctl fs.inotify.max_user_instances=1024"});
@@ -224,9 +176,19 @@ TEST(CliDiagnose, start_failures)
     expect_has(explain_start_failure(instances, facts), {"ulimit -n"});
     facts.descriptors_left = 3;
     expect_has(explain_start_failure(instances, facts), {"no file descriptor is left", "LimitNOFILE="});
-    const Findings full = logged({std::string("init inotify failed: ") + strerror(ENFILE), "fmon init failed"});
-    expect_has(explain_start_failure(full, machine()), {"the system has no file descriptor left", "fs.file-max"});
-    expect_has(explain_start_failure({}, facts), {"--verbose"});
+    expect_has(explain_start_failure(failed("init inotify failed", ENFILE), machine()),
+               {"the system has no file descriptor left", "fs.file-max"});
+    expect_has(explain_start_failure(failed("init inotify failed", ENOMEM), machine()),
+               {"the monitor cannot start: init inotify failed: Cannot allocate memory; --verbose shows its log"});
+    expect_has(explain_start_failure(failed("create file monitor thread failed", 0), machine()),
+               {"the monitor cannot start: create file monitor thread failed; --verbose shows its log"});
+    expect_has(explain_start_failure({}, facts), {"the monitor cannot start; --verbose"});
+}
+
+TEST(CliDiagnose, a_full_cache_and_no_memory_are_one_code)
+{
+    expect_has(refusal(FMON_ENOMEM, kCacheFull),
+               {"/x cannot be watched: out of memory, or the monitor's cache is full"});
 }
 
 TEST(CliDiagnose, numbers)

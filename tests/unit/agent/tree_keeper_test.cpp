@@ -2,16 +2,12 @@
 
 #include <fcntl.h>
 #include <poll.h>
-#include <sys/inotify.h>
 #include <unistd.h>
 
-#include <cerrno>
 #include <map>
-#include <thread>
 
 #include "agent/paths.h"
 #include "agent/roots.h"
-#include "agent/watch_count.h"
 #include "common/beneath.h"
 #include "unit/agent/agent_testing.h"
 
@@ -164,39 +160,6 @@ TEST_F(Keeper, a_star_in_a_name_starts_the_walk_above_it)
     EXPECT_EQ(without_star("/x"), "/x");
     EXPECT_EQ(without_star("/*"), "/");
     EXPECT_EQ(without_star("/a/b*/c"), "/a");
-}
-
-namespace
-{
-
-std::vector<std::string> g_heard;
-
-}  // namespace
-
-TEST(CliTree, new_watches_are_counted_and_those_of_other_threads_are_heard)
-{
-    const Folder folder;
-    const std::string a = folder.dir("a"), b = folder.dir("b"), c = folder.dir("c");
-    const int fd = inotify_init();
-    ASSERT_GE(fd, 0);
-    const uint64_t before = watches_placed();
-    listen_to_watches([](const char *path) { g_heard.emplace_back(path); });
-    const int wd = inotify_add_watch(fd, a.c_str(), IN_CREATE);
-    std::thread([&] {
-        EXPECT_EQ(inotify_add_watch(fd, a.c_str(), IN_DELETE), wd);  // another mask
-        EXPECT_GT(inotify_add_watch(fd, b.c_str(), IN_CREATE), wd);
-        const common::Fd opened(open(c.c_str(), O_PATH));
-        EXPECT_GT(inotify_add_watch(fd, ("/proc/self/fd/" + std::to_string(opened.get())).c_str(), IN_CREATE), wd);
-        EXPECT_EQ(inotify_add_watch(fd, folder.path("gone").c_str(), IN_CREATE), -1);
-        EXPECT_EQ(errno, ENOENT);
-    }).join();
-    listen_to_watches(nullptr);
-    EXPECT_EQ(g_heard, (std::vector<std::string>{b, c}));
-    EXPECT_EQ(watches_placed() - before, 3u);
-    EXPECT_EQ(inotify_rm_watch(fd, wd), 0);
-    EXPECT_EQ(inotify_rm_watch(fd, wd), -1);
-    EXPECT_EQ(watches_placed() - before, 2u);
-    close(fd);
 }
 
 TEST(CliTree, order_of_paths)

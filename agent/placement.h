@@ -1,0 +1,83 @@
+/*
+ * placement.h: what the monitor marks, and what it cannot: told while it happens, counted in its status.
+ */
+#ifndef AGENT_PLACEMENT_H
+#define AGENT_PLACEMENT_H
+
+#include <atomic>
+#include <cstdint>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <string_view>
+#include <thread>
+
+#include "module.h"
+
+namespace agent
+{
+
+/* What has been found since the last look. */
+struct Findings {
+    struct fmon_left_out counts = {};
+    struct fmon_refusal last = {}; /* code 0: nothing was refused */
+    std::string first_denied;      /* path */
+    bool ended = false;            /* the monitor has given up: see `monitor` */
+    struct fmon_source monitor = {};
+
+    uint64_t left_out() const; /* directories that are not watched, or not in full */
+    bool limit_reached() const;
+};
+
+/* A part of a sentence: what failed at the last refusal, as the monitor's log has it; empty: nothing did. */
+std::string refusal_text(const struct fmon_refusal &last);
+
+/* The same of a monitor that did not start, or has ended. */
+std::string trouble_text(const struct fmon_source &monitor);
+
+/* One at a time in a process: the monitor has one listener. */
+class Placement
+{
+public:
+    using Listener = std::function<void(const std::string &path)>;
+
+    /* `changed` is called, on the thread that places, when there is something to look at. */
+    explicit Placement(std::function<void()> changed) : changed_(std::move(changed)) {}
+    ~Placement() { stop(); }
+    Placement(const Placement &) = delete;
+    Placement &operator=(const Placement &) = delete;
+
+    /* Begins to listen to a monitor that has been started, or was to be. */
+    void start(const Module &module);
+    void stop();
+
+    /* `placed` hears of each inotify watch that is new, but for those that the calling thread places; `denied` of each
+     * directory whose inotify watch was refused for want of a right. Once each; both must stay valid until stop(). */
+    void listen(Listener placed);
+    void listen_to_denials(Listener denied);
+
+    Findings take();
+    bool any() const { return any_.load(std::memory_order_relaxed); }
+    uint64_t placed() const { return count_.load(std::memory_order_relaxed); } /* new inotify watches until now */
+
+private:
+    static void on_mark(const char *path, const struct fmon_refusal *refusal);
+    void marked(const char *path);
+    void refused(const struct fmon_refusal &refusal);
+
+    const Module *module_ = nullptr; /* null: nothing is listened to */
+    std::function<void()> changed_;
+    Listener placed_, denied_;
+    std::thread::id listener_;                            /* the thread whose own watches are no news */
+    std::atomic<const Listener *> to_placed_, to_denied_; /* null: not set yet */
+    std::atomic<uint64_t> count_ = 0;
+    std::atomic<bool> any_ = false;
+    struct fmon_left_out seen_ = {};
+    uint64_t refusals_ = 0; /* seen */
+    std::mutex lock_;
+    std::string first_denied_; /* under lock_ */
+};
+
+}  // namespace agent
+
+#endif

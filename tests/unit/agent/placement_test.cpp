@@ -1,0 +1,168 @@
+#include "agent/placement.h"
+
+#include <cerrno>
+#include <cstring>
+#include <thread>
+#include <vector>
+
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+
+namespace
+{
+
+/* A monitor that answers as the test says. */
+struct fmon_status g_status;
+int g_result;
+fmon_mark_cb g_listener;
+
+int fake_status(struct fmon_status *out)
+{
+    *out = g_status;
+    return g_result;
+}
+
+int fake_on_mark(fmon_mark_cb cb)
+{
+    g_listener = cb;
+    return 0;
+}
+
+/* A refusal as the monitor tells of it; `counted`: among those left out. */
+void refuse(uint32_t reason, uint32_t step, int error, const std::string &path, uint64_t fmon_left_out::*counted)
+{
+    struct fmon_refusal refusal = {-108, error, reason, step, ""};
+    memcpy(refusal.path, path.c_str(), path.size() + 1);
+    g_status.last_refusal = refusal;
+    g_status.refusals++;
+    if (counted)
+        (g_status.left_out.*counted)++;
+    g_listener(refusal.path, &refusal);
+}
+
+class CliPlacement : public testing::Test
+{
+protected:
+    CliPlacement()
+    {
+        g_status = {};
+        g_result = 0;
+        g_listener = nullptr;
+        module.status = fake_status;
+        module.on_mark = fake_on_mark;
+        placement.start(module);
+    }
+
+    void deny(const std::string &path)
+    {
+        refuse(FMON_LEFT_DENIED, FMON_STEP_INOTIFY, EACCES, path, &fmon_left_out::denied);
+        refuse(FMON_LEFT_DENIED, FMON_STEP_READ, EACCES, path, nullptr);
+    }
+
+    Module module = {};
+    int woken = 0;
+    Placement placement{[this] { woken++; }};
+    std::vector<std::string> heard;
+};
+
+}  // namespace
+
+TEST_F(CliPlacement, counts_each_reason)
+{
+    const struct {
+        uint64_t fmon_left_out::*counter;
+        uint64_t left_out;
+        bool limit;
+    } rows[] = {
+        {&fmon_left_out::inotify_limit, 1, true}, {&fmon_left_out::fanotify_limit, 1, true},
+        {&fmon_left_out::cache_full, 1, true},    {&fmon_left_out::denied, 1, false},
+        {&fmon_left_out::descriptors, 1, true},   {&fmon_left_out::too_long, 1, false},
+        {&fmon_left_out::gone, 0, false},         {&fmon_left_out::other, 1, false},
+    };
+    for (const auto &row : rows) {
+        (g_status.left_out.*row.counter)++;
+        const Findings found = placement.take();
+        EXPECT_EQ(found.counts.*row.counter, 1u);
+        EXPECT_EQ(found.left_out(), row.left_out);
+        EXPECT_EQ(found.limit_reached(), row.limit);
+    }
+}
+
+TEST_F(CliPlacement, counts_until_they_are_taken)
+{
+    deny("/a");
+    deny("/b");
+    EXPECT_EQ(woken, 1);
+    EXPECT_TRUE(placement.any());
+    const Findings found = placement.take();
+    EXPECT_EQ(found.left_out(), 2u);  // each was refused twice
+    EXPECT_EQ(found.first_denied, "/a");
+    EXPECT_STREQ(found.last.path, "/b");
+    EXPECT_FALSE(found.limit_reached());
+    EXPECT_FALSE(placement.any());
+    const Findings none = placement.take();
+    EXPECT_EQ(none.left_out(), 0u);
+    EXPECT_EQ(none.last.code, 0);  // that was told
+    EXPECT_EQ(none.first_denied, "");
+    deny("/c");
+    EXPECT_EQ(woken, 2);
+}
+
+TEST_F(CliPlacement, what_went_away_is_nothing_to_look_at)
+{
+    refuse(FMON_LEFT_GONE, FMON_STEP_READ, ENOENT, "/a", &fmon_left_out::gone);
+    EXPECT_EQ(woken, 0);
+    EXPECT_FALSE(placement.any());
+    EXPECT_EQ(placement.take().left_out(), 0u);
+}
+
+TEST_F(CliPlacement, new_watches_are_counted_and_those_of_other_threads_are_heard)
+{
+    g_listener("/before", nullptr);
+    placement.listen([this](const std::string &path) { heard.push_back(path); });
+    g_listener("/mine", nullptr);
+    std::thread([] { g_listener("/theirs", nullptr); }).join();
+    EXPECT_EQ(heard, std::vector<std::string>{"/theirs"});
+    EXPECT_EQ(placement.placed(), 3u);
+    EXPECT_FALSE(placement.any());
+}
+
+TEST_F(CliPlacement, denials_are_heard_once_each)
+{
+    placement.listen_to_denials([this](const std::string &path) { heard.push_back(path); });
+    deny("/a");
+    refuse(FMON_LEFT_INOTIFY_LIMIT, FMON_STEP_INOTIFY, ENOSPC, "/b", &fmon_left_out::inotify_limit);
+    refuse(FMON_LEFT_DENIED, FMON_STEP_OPEN, EACCES, "/c", &fmon_left_out::denied);
+    std::thread([this] { deny("/d"); }).join();
+    EXPECT_EQ(heard, (std::vector<std::string>{"/a", "/d"}));
+}
+
+TEST_F(CliPlacement, a_monitor_that_had_to_end)
+{
+    g_result = FMON_ENOTINIT;
+    EXPECT_FALSE(placement.take().ended);  // nothing is known of one that was never started
+    g_status.monitor = {FMON_SOURCE_REFUSED, FMON_WHY_SYSTEM, 0, EBADF, "select failed"};
+    const Findings found = placement.take();
+    EXPECT_TRUE(found.ended);
+    EXPECT_EQ(trouble_text(found.monitor), "select failed: Bad file descriptor");
+    EXPECT_EQ(found.left_out(), 0u);
+}
+
+TEST_F(CliPlacement, a_monitor_without_its_thread_answers_and_has_ended)
+{
+    g_status.monitor = {FMON_SOURCE_REFUSED, FMON_WHY_OTHER, -1, 0, "create file monitor thread failed"};
+    const Findings found = placement.take();
+    EXPECT_TRUE(found.ended);
+    EXPECT_EQ(trouble_text(found.monitor), "create file monitor thread failed");
+}
+
+TEST_F(CliPlacement, hears_no_more_after_its_end)
+{
+    const fmon_mark_cb listener = g_listener;
+    placement.stop();
+    EXPECT_EQ(g_listener, nullptr);
+    listener("/a", nullptr);  // as one that was under way
+    EXPECT_EQ(placement.placed(), 0u);
+    EXPECT_FALSE(placement.take().ended);
+}
