@@ -1,3 +1,5 @@
+/* Tests of containers.h: names and images of containers, asked for once in a while. */
+
 #include "agent/containers.h"
 
 #include <cstring>

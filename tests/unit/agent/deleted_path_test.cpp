@@ -1,3 +1,5 @@
+/* Tests of deleted_path.h: the kernel's suffix of paths that are gone. */
+
 #include "agent/deleted_path.h"
 
 #include "orx_fmon.h"

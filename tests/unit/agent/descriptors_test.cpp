@@ -1,3 +1,5 @@
+/* Tests of descriptors.h: the limit of descriptors, and the sentence for its end. */
+
 #include "agent/descriptors.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+/* Tests of diagnose.h: the sentence that a refusal becomes, with its remedy. */
+
 #include "agent/diagnose.h"
 
 #include <cerrno>

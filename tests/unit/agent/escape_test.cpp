@@ -1,3 +1,5 @@
+/* Tests of escape.h: bytes of names in text, JSON and CSV. */
+
 #include "agent/escape.h"
 
 #include "unit/agent/agent_testing.h"

@@ -1,3 +1,5 @@
+/* Tests of filter.h: patterns and depths of what is shown. */
+
 #include "agent/filter.h"
 
 #include "unit/agent/agent_testing.h"

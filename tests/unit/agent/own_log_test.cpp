@@ -1,3 +1,5 @@
+/* Tests of own_log.h: where the command's own log goes. */
+
 #include "agent/own_log.h"
 
 #include "orx_autolog.h"

@@ -1,3 +1,5 @@
+/* Tests of plan.h: which instances and watches the arguments become. */
+
 #include "agent/plan.h"
 
 #include <sys/socket.h>

@@ -1,3 +1,5 @@
+/* Tests of process_info.h: the process of an event, read from a made-up /proc. */
+
 #include "agent/process_info.h"
 
 #include <fcntl.h>

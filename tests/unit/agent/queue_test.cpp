@@ -1,3 +1,5 @@
+/* Tests of queue.h and intake.h: events on their way from the monitor thread to the command. */
+
 #include "agent/queue.h"
 
 #include <poll.h>

@@ -1,3 +1,5 @@
+/* Tests of resolve.h: links on the way to what is watched. */
+
 #include "agent/resolve.h"
 
 #include <sys/stat.h>

@@ -1,3 +1,5 @@
+/* Tests of signals.h: what signals end, and how fast. */
+
 #include "agent/signals.h"
 
 #include <fcntl.h>

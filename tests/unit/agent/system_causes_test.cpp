@@ -1,3 +1,5 @@
+/* Tests of why there are no probes, from what the module reports. */
+
 #include <sys/utsname.h>
 
 #include <cstring>

@@ -1,3 +1,5 @@
+/* Tests of tree_keeper.h: what a growing tree still lacks is found and watched. */
+
 #include "agent/tree_keeper.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+/* Tests of completion and manual pages against the tables of options. */
+
 #include <sstream>
 
 #include "agent/event_names.h"

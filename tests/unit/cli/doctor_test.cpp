@@ -1,3 +1,5 @@
+/* Tests of doctor.h: each check of `fmon doctor` on made-up facts. */
+
 #include <unistd.h>
 
 #include <algorithm>

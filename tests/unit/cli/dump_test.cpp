@@ -1,3 +1,5 @@
+/* Tests of the dump: its options, its protocol, the server in a watch and the client. */
+
 #include <fcntl.h>
 #include <poll.h>
 #include <sys/resource.h>

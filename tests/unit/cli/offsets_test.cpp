@@ -1,3 +1,5 @@
+/* Tests of offsets.h and kernel_image.h: structure offsets from kernel images, whole and damaged. */
+
 #include <fcntl.h>
 #include <sys/stat.h>
 

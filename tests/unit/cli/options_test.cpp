@@ -1,3 +1,5 @@
+/* Tests of options.h: what the arguments of `fmon watch` mean, and what is refused. */
+
 #include "cli/watch/options.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of census.h: one pass over a made-up /proc: which mount is whose. */
+
 #include "container/census.h"
 
 #include <gtest/gtest.h>

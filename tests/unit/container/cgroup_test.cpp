@@ -1,3 +1,5 @@
+/* Tests of cgroup.h: ids of containers in names of control groups, in every engine's way. */
+
 #include "container/cgroup.h"
 
 #include <gtest/gtest.h>

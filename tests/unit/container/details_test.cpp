@@ -1,3 +1,5 @@
+/* Tests of details.h: what engines leave on the disk of their containers. */
+
 #include "container/details.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of process_folder.h: what is read of one process, whole or broken. */
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 

@@ -1,3 +1,5 @@
+/* Tests of table.h: look-ups, and when a new census is due. */
+
 #include "container/table.h"
 
 #include <gtest/gtest.h>

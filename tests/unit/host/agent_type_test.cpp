@@ -1,3 +1,5 @@
+/* Tests of agent_type.h: host or container, by what lies on the disk. */
+
 #include "agent_type.h"
 
 #include <cstring>

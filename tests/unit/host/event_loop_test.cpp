@@ -1,3 +1,5 @@
+/* Tests of the event loops of orx_event_loop.h: a loop for each thread, threads of their own, what is awaited. */
+
 #include "event_loop.h"
 
 #include <sys/resource.h>

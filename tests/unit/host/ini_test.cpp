@@ -1,3 +1,5 @@
+/* Tests of the INI files of orx_base.h, and values that override them. */
+
 #include <sys/stat.h>
 
 #include <random>

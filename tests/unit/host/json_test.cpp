@@ -1,3 +1,5 @@
+/* Tests of the JSON items that agents make by cJSON_CreateString2 and cJSON_CreateNumber2. */
+
 #include <cjson/cJSON.h>
 
 #include <cmath>

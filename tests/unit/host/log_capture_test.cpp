@@ -1,3 +1,5 @@
+/* Tests of orx_host.h: log lines that one thread takes for itself. */
+
 #include <atomic>
 #include <string>
 #include <thread>

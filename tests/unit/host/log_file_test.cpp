@@ -1,3 +1,5 @@
+/* Tests of log_file.h: files that rotate, whoever else writes, moves or removes them. */
+
 #include "log_file.h"
 
 #include <sys/file.h>

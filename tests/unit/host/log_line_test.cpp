@@ -1,3 +1,5 @@
+/* Tests of log_line.h: a log line's text, whatever bytes it is given. */
+
 #include "log_line.h"
 
 #include "host_support.h"

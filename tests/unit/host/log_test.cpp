@@ -1,3 +1,5 @@
+/* Tests of the log of orx_base.h and orx_autolog.h: where lines go, at which level. */
+
 #include <sys/wait.h>
 
 #include <atomic>

@@ -1,3 +1,5 @@
+/* Tests of the mutexes of orx_base.h, misuse included. */
+
 #include <cerrno>
 #include <thread>
 

@@ -1,3 +1,5 @@
+/* Tests of "@" in paths, by program, environment and installation. */
+
 #include <sys/wait.h>
 
 #include <cstring>

@@ -1,3 +1,5 @@
+/* Tests of the text functions of orx_base.h, the end of a library, and watch_map. */
+
 #include <dlfcn.h>
 
 #include <cstring>

@@ -1,3 +1,5 @@
+/* Tests of the clock of orx_base.h. */
+
 #include <ctime>
 #include <thread>
 

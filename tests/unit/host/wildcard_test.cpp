@@ -1,3 +1,5 @@
+/* Tests of patterns in paths: what matches, in which order, what is left out. */
+
 #include <algorithm>
 #include <cstring>
 

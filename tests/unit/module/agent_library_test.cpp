@@ -1,3 +1,5 @@
+/* Tests of agent_library.h: entries of a library that is looked for at run time, and threads that open it together. */
+
 #include "agent_library.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of container_detect.cpp: host or container, as libhulbase.so answers or does not. */
+
 #include <algorithm>
 
 #include "dll.h"

@@ -1,3 +1,5 @@
+/* Tests of container_id.cpp: the container that names of control groups report. */
+
 #include <gtest/gtest.h>
 
 #include <cstring>

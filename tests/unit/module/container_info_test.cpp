@@ -1,3 +1,5 @@
+/* Tests of container_info.cpp: what is known of a container as members of a JSON object, and whether it is usable. */
+
 #include <gtest/gtest.h>
 
 #include <string>

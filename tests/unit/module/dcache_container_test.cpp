@@ -1,3 +1,5 @@
+/* Tests of dcache_container.cpp: mounts that the container library knows, and paths below them. */
+
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+/* Tests of dcache_hash.cpp: the hash of a name, against its definition. */
+
 #include <gtest/gtest.h>
 
 #include <cstring>

@@ -1,3 +1,5 @@
+/* Tests of linux/dcache_iterate.h: the walk over the disk into the cache: its limits, what it enters, what fails. */
+
 #include "linux/dcache_iterate.h"
 
 #include <sys/stat.h>

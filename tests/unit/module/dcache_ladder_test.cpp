@@ -1,3 +1,5 @@
+/* Tests of dcache.h: the sizes that the hash array goes through as entries come and go. */
+
 #include "dcache_fixture.h"
 
 namespace

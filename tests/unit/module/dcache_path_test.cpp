@@ -1,3 +1,5 @@
+/* Tests of dcache_path.cpp: paths of dentries, their limits and their one buffer. */
+
 #include <cstring>
 #include <memory>
 

@@ -1,3 +1,5 @@
+/* Tests of dcache.h: dentries by path and by parent, limits, and what fails. */
+
 #include <cstring>
 #include <memory>
 

@@ -1,3 +1,5 @@
+/* Tests of dcache_traverse.cpp: the walk over the cache, and the blocks that it carries down. */
+
 #include <cstring>
 
 #include "dcache_fixture.h"

@@ -1,3 +1,5 @@
+/* Tests of event.h: records of mounts that are a container's. */
+
 #include "core_fixture.h"
 
 namespace

@@ -1,3 +1,5 @@
+/* Tests of event_dispatch.cpp: which watches and instances an event is offered to, in which order. */
+
 #include "dispatch_fixture.h"
 
 namespace

@@ -1,3 +1,5 @@
+/* Tests of event_index.h: records found by path and process. */
+
 #include "event_index.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of event_map.cpp: names of kinds and flags, both directions. */
+
 #include <gtest/gtest.h>
 
 #include <string>

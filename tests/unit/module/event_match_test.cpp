@@ -1,3 +1,5 @@
+/* Tests of event_dispatch.cpp: whether a watch takes an event, and when it is held back. */
+
 #include <tuple>
 
 #include "core_fixture.h"

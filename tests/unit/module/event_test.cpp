@@ -1,3 +1,5 @@
+/* Tests of event.h: the table of records: what is merged, queued, counted and freed. */
+
 #include <cstring>
 #include <map>
 #include <random>

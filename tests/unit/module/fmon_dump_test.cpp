@@ -1,3 +1,5 @@
+/* Tests of fmon_dump.cpp: every part of a dump, as lines of the log. */
+
 #include "core_fixture.h"
 
 namespace

@@ -1,3 +1,5 @@
+/* Tests of fmon_global.cpp: system-wide watches of instances, and what the backend is asked for. */
+
 #include <list>
 
 #include "core_fixture.h"

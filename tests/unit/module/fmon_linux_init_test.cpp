@@ -1,3 +1,5 @@
+/* Tests of linux/fmon_linux.h: start and stop of the backend: descriptors, positions, what fails. */
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <unistd.h>

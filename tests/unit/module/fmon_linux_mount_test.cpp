@@ -1,3 +1,5 @@
+/* Tests of linux/fmon_linux.h: watches on whole mounts. */
+
 #include <gtest/gtest.h>
 
 #include <cerrno>

@@ -1,3 +1,5 @@
+/* Tests of linux/fmon_linux_read.cpp: records, well-formed and crafted, and what becomes of them. */
+
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/inotify.h>

@@ -1,3 +1,5 @@
+/* Tests of linux/fmon_linux_watch.cpp: which marks a watch places and takes away. */
+
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 #include <unistd.h>

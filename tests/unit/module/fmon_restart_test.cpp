@@ -1,3 +1,5 @@
+/* Tests of fmon.h: what survives the end of the monitor, and the next start. */
+
 #include "core_fixture.h"
 
 namespace

@@ -1,3 +1,5 @@
+/* Tests of fmon_run.cpp: a turn of the monitor, and the queue of an instance. */
+
 #include "core_fixture.h"
 #include "testlib/hardened.h"
 

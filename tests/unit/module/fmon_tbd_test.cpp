@@ -1,3 +1,5 @@
+/* Tests of fmon_tbd.cpp: watches that wait for their path. */
+
 #include "core_fixture.h"
 
 namespace

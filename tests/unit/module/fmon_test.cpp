@@ -1,3 +1,5 @@
+/* Tests of fmon.h: start, stop and instances, and what fails. */
+
 #include <cstring>
 
 #include "core_fixture.h"

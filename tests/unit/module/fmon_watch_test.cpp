@@ -1,3 +1,5 @@
+/* Tests of fmon_watch.cpp: watches added and deleted: what is refused, what is kept. */
+
 #include <unistd.h>
 
 #include "core_fixture.h"

@@ -1,3 +1,5 @@
+/* Tests of fmon_wildcard.cpp: patterns, and the watches that they make. */
+
 #include "core_fixture.h"
 
 namespace

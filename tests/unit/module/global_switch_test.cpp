@@ -1,3 +1,5 @@
+/* Tests of linux/fmon_linux_global.cpp: which probes system-wide kinds switch. */
+
 #include <gtest/gtest.h>
 
 #include <string>

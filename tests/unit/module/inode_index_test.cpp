@@ -1,3 +1,5 @@
+/* Tests of linux/inode_index.h: dentries by what they stand for on the disk. */
+
 #include "linux/inode_index.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of linux/mount.h: one line of the mount table, with every option and oddity. */
+
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/un.h>

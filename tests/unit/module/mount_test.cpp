@@ -1,3 +1,5 @@
+/* Tests of linux/mount.h: the mount table read again and again. */
+
 #include <cstring>
 
 #include "mount_fixture.h"

@@ -1,3 +1,5 @@
+/* Tests of linux/rate_ctrl.h: the allowance of reads for each descriptor. */
+
 #include "linux/rate_ctrl.h"
 
 #include <gtest/gtest.h>

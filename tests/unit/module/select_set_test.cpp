@@ -1,3 +1,5 @@
+/* Tests of select_set.h: sets of descriptors of any size. */
+
 #include "select_set.h"
 
 #include <fcntl.h>

@@ -1,3 +1,5 @@
+/* Tests of linux/seq.h: the table of watch descriptors, its holes and its limits. */
+
 #include "linux/seq.h"
 
 #include <gtest/gtest.h>

@@ -1,3 +1,5 @@
+/* Tests of format.h: every format, whatever a name holds. */
+
 #include "output/format.h"
 
 #include <ctime>

@@ -1,3 +1,5 @@
+/* Tests of output.h, exec.h and reporter.h: where records go, and what happens when they cannot. */
+
 #include "output/output.h"
 
 #include <fcntl.h>
