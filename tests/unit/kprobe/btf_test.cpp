@@ -34,7 +34,7 @@ void ask_everything(const Btf &btf)
 
 }  // namespace
 
-TEST(KprobeBtf, offsets)
+TEST(KprobeBtf, Offsets)
 {
     const Btf btf(kernel_types(KernelTypes()));
     ASSERT_TRUE(btf.valid());
@@ -49,7 +49,7 @@ TEST(KprobeBtf, offsets)
         EXPECT_EQ(std::nullopt, btf.offset(structure, "d_parent")) << structure;
 }
 
-TEST(KprobeBtf, bit_fields)
+TEST(KprobeBtf, BitFields)
 {
     BtfBlob blob;
     const uint32_t number = blob.integer("int");
@@ -61,7 +61,7 @@ TEST(KprobeBtf, bit_fields)
     EXPECT_EQ(4, btf.offset("flags", "int"));
 }
 
-TEST(KprobeBtf, pointers)
+TEST(KprobeBtf, Pointers)
 {
     KernelTypes kernel;
     EXPECT_FALSE(Btf(kernel_types(kernel)).is_void_pointer("fsnotify_mark_connector", "obj"));
@@ -73,7 +73,7 @@ TEST(KprobeBtf, pointers)
     EXPECT_FALSE(btf.is_void_pointer("nothing", "obj"));
 }
 
-TEST(KprobeBtf, functions)
+TEST(KprobeBtf, Functions)
 {
     const Btf btf(kernel_types(KernelTypes()));
     EXPECT_TRUE(btf.has_function("vfs_link"));
@@ -86,7 +86,7 @@ TEST(KprobeBtf, functions)
     EXPECT_EQ(1u, names.count("__fsnotify_parent"));
 }
 
-TEST(KprobeBtf, arguments)
+TEST(KprobeBtf, Arguments)
 {
     KernelTypes kernel;
     EXPECT_EQ(1, Btf(kernel_types(kernel)).argument_of_type("__fsnotify_parent", "dentry")) << "through const";
@@ -99,7 +99,7 @@ TEST(KprobeBtf, arguments)
     EXPECT_EQ(0, btf.argument_of_type("nothing", "dentry"));
 }
 
-TEST(KprobeBtf, names_for_a_type)
+TEST(KprobeBtf, NamesForAType)
 {
     BtfBlob blob;
     uint32_t type = blob.structure("inner", {{"x", 0, 12}});
@@ -112,7 +112,7 @@ TEST(KprobeBtf, names_for_a_type)
     EXPECT_EQ(std::nullopt, btf.offset("deeper", "field.x")) << "no kernel has so many";
 }
 
-TEST(KprobeBtf, types_that_contain_themselves)
+TEST(KprobeBtf, TypesThatContainThemselves)
 {
     BtfBlob blob;
     const uint32_t self = blob.alias("self", 1);
@@ -131,7 +131,7 @@ TEST(KprobeBtf, types_that_contain_themselves)
     EXPECT_EQ(24, btf.offset("dentry", "d_parent.d_parent.d_parent"));
 }
 
-TEST(KprobeBtf, types_that_are_not_there)
+TEST(KprobeBtf, TypesThatAreNotThere)
 {
     BtfBlob blob;
     blob.structure("dentry", {{"", 99, 0}, {"d_name", 0xffffffff, 8}, {"obj", 3, 16}});
@@ -147,7 +147,7 @@ TEST(KprobeBtf, types_that_are_not_there)
     EXPECT_EQ(0, btf.argument_of_type("vfs_link", "dentry"));
 }
 
-TEST(KprobeBtf, kinds_that_are_not_known)
+TEST(KprobeBtf, KindsThatAreNotKnown)
 {
     BtfBlob blob;
     blob.integer("int");
@@ -156,7 +156,7 @@ TEST(KprobeBtf, kinds_that_are_not_known)
     EXPECT_FALSE(Btf(blob.bytes()).valid());
 }
 
-TEST(KprobeBtf, no_type_information)
+TEST(KprobeBtf, NoTypeInformation)
 {
     const std::string whole = kernel_types(KernelTypes());
     EXPECT_FALSE(Btf("").valid());
@@ -168,7 +168,7 @@ TEST(KprobeBtf, no_type_information)
     ask_everything(Btf(""));
 }
 
-TEST(KprobeBtf, headers_that_point_elsewhere)
+TEST(KprobeBtf, HeadersThatPointElsewhere)
 {
     const std::string whole = kernel_types(KernelTypes());
     for (size_t field = 4; field < sizeof(btf_header); field += 4)
@@ -180,7 +180,7 @@ TEST(KprobeBtf, headers_that_point_elsewhere)
         }
 }
 
-TEST(KprobeBtf, any_change)
+TEST(KprobeBtf, AnyChange)
 {
     KernelTypes kernel;
     kernel.object_is_void = true;

@@ -53,7 +53,7 @@ void expect_equal(const DentryLayout &wanted, const DentryLayout &got)
 
 }  // namespace
 
-TEST(KprobeCalibrate, finds_all_offsets)
+TEST(KprobeCalibrate, FindsAllOffsets)
 {
     for (const bool is_64 : {true, false}) {
         Calibration c(is_64);
@@ -69,7 +69,7 @@ TEST(KprobeCalibrate, finds_all_offsets)
     }
 }
 
-TEST(KprobeCalibrate, believes_nothing_that_does_not_fit)
+TEST(KprobeCalibrate, BelievesNothingThatDoesNotFit)
 {
     Calibration c(false);
     c.subjects.seen_twice = true; /* more hits than it made */
@@ -81,7 +81,7 @@ TEST(KprobeCalibrate, believes_nothing_that_does_not_fit)
     EXPECT_FALSE(facts.mark.complete());
 }
 
-TEST(KprobeCalibrate, watches_of_other_numbers)
+TEST(KprobeCalibrate, WatchesOfOtherNumbers)
 {
     KernelDouble kernel(false);
     kernel.usual_files();
@@ -93,7 +93,7 @@ TEST(KprobeCalibrate, watches_of_other_numbers)
     EXPECT_EQ(kUnknown, facts.mark.wd);
 }
 
-TEST(KprobeCalibrate, refused)
+TEST(KprobeCalibrate, Refused)
 {
     Calibration c(false);
     c.kernel.refuse(" security_inode_getattr", "Failed to register probe event");
@@ -106,7 +106,7 @@ TEST(KprobeCalibrate, refused)
 }
 
 /* What cannot be found stays unknown, and never becomes something else. */
-TEST(KprobeCalibrate, calls_that_fail)
+TEST(KprobeCalibrate, CallsThatFail)
 {
     const Facts wanted = kprobe_facts::i386_6_1();
     const struct {

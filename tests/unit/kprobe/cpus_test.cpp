@@ -8,7 +8,7 @@
 using namespace kprobe_fixture;
 using testlib::Fault;
 
-TEST(KprobeCpus, messages_of_the_kernel)
+TEST(KprobeCpus, MessagesOfTheKernel)
 {
     using kprobe::parse_cpu_message;
     EXPECT_EQ(3, parse_cpu_message("online@/devices/system/cpu/cpu3"));
@@ -20,7 +20,7 @@ TEST(KprobeCpus, messages_of_the_kernel)
         EXPECT_EQ(-1, parse_cpu_message(other)) << other;
 }
 
-TEST(KprobeCpus, one_that_is_offline_makes_nothing_fail)
+TEST(KprobeCpus, OneThatIsOfflineMakesNothingFail)
 {
     Fixture f;
     f.add_on("Kc");
@@ -33,7 +33,7 @@ TEST(KprobeCpus, one_that_is_offline_makes_nothing_fail)
     EXPECT_EQ(Paths{"/a"}, f.parse());
 }
 
-TEST(KprobeCpus, one_that_went_since_they_were_counted)
+TEST(KprobeCpus, OneThatWentSinceTheyWereCounted)
 {
     testlib::KernelDouble kernel;
     kernel.usual_files();
@@ -45,7 +45,7 @@ TEST(KprobeCpus, one_that_went_since_they_were_counted)
     EXPECT_EQ(1u, instance.wake_ups().list().size());
 }
 
-TEST(KprobeCpus, one_that_comes_back_is_heard)
+TEST(KprobeCpus, OneThatComesBackIsHeard)
 {
     Fixture f;
     f.add_on("Kc");
@@ -63,7 +63,7 @@ TEST(KprobeCpus, one_that_comes_back_is_heard)
     EXPECT_EQ((Paths{"/meanwhile", "/after"}), f.parse());
 }
 
-TEST(KprobeCpus, one_that_went_and_came_before_anybody_looked)
+TEST(KprobeCpus, OneThatWentAndCameBeforeAnybodyLooked)
 {
     Fixture f;
     f.add_on("Kc");
@@ -76,7 +76,7 @@ TEST(KprobeCpus, one_that_went_and_came_before_anybody_looked)
     EXPECT_EQ(Paths{"/heard"}, f.parse());
 }
 
-TEST(KprobeCpus, one_that_comes_is_as_the_others_are)
+TEST(KprobeCpus, OneThatComesIsAsTheOthersAre)
 {
     Fixture f(true, {1 << 16, 1 << 18}, {0});
     f.add_on("Kc");
@@ -95,7 +95,7 @@ TEST(KprobeCpus, one_that_comes_is_as_the_others_are)
     EXPECT_EQ(0, f.create("/c", 0, 5));
 }
 
-TEST(KprobeCpus, one_for_which_there_are_no_descriptors)
+TEST(KprobeCpus, OneForWhichThereAreNoDescriptors)
 {
     Fixture f(true, {1 << 16, 1 << 18}, {0});
     f.add_on("Kc");
@@ -111,7 +111,7 @@ TEST(KprobeCpus, one_for_which_there_are_no_descriptors)
     EXPECT_EQ(1, f.create("/heard", 0, 1)) << "when there are some again";
 }
 
-TEST(KprobeCpus, rings_of_those_that_come_keep_to_what_is_left)
+TEST(KprobeCpus, RingsOfThoseThatComeKeepToWhatIsLeft)
 {
     Fixture f(true, {1 << 17, 1 << 18, (1 << 18) + (1 << 16)}, {0, 1});
     ASSERT_TRUE(f.instance.follow({0, 1, 2, 3}, {}));

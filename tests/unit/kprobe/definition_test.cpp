@@ -31,7 +31,7 @@ std::string with(std::string text, const std::string &old, const std::string &in
 
 }  // namespace
 
-TEST(KprobeDefinition, file_probes_of_64_bits)
+TEST(KprobeDefinition, FileProbesOf64Bits)
 {
     const char *const entries[] = {"%si", "%si", "%si", "%si", "%cx", "%di"};
     const auto probes = testlib::file_probes(true, "mnt==5");
@@ -49,7 +49,7 @@ TEST(KprobeDefinition, file_probes_of_64_bits)
     }
 }
 
-TEST(KprobeDefinition, file_probes_of_32_bits)
+TEST(KprobeDefinition, FileProbesOf32Bits)
 {
     const char *const entries[] = {"%dx", "%dx", "%dx", "%dx", "+4(%sp)", "%ax"};
     const auto probes = testlib::file_probes(false);
@@ -61,7 +61,7 @@ TEST(KprobeDefinition, file_probes_of_32_bits)
     }
 }
 
-TEST(KprobeDefinition, what_the_close_probe_asks_for_besides)
+TEST(KprobeDefinition, WhatTheCloseProbeAsksForBesides)
 {
     const Definition def = parsed(file_probe(true, "Km"));
     ASSERT_EQ(2u, def.more.size());
@@ -73,7 +73,7 @@ TEST(KprobeDefinition, what_the_close_probe_asks_for_besides)
     EXPECT_EQ("u16", def.more[1].type);
 }
 
-TEST(KprobeDefinition, inotify_probes_of_all_kinds)
+TEST(KprobeDefinition, InotifyProbesOfAllKinds)
 {
     const struct {
         bool is_64;
@@ -88,7 +88,7 @@ TEST(KprobeDefinition, inotify_probes_of_all_kinds)
     }
 }
 
-TEST(KprobeDefinition, other_fields_make_another_shape)
+TEST(KprobeDefinition, OtherFieldsMakeAnotherShape)
 {
     const std::string fetch = file_probe(true, "Kc").fetch;
     /* a field missing, a field too many, another order, a mount that is no three steps away */
@@ -104,7 +104,7 @@ TEST(KprobeDefinition, other_fields_make_another_shape)
     EXPECT_EQ(Shape::kInotify, parsed({"vfs_link", "K", "i=%di w=%si m=%dx f0=%cx", ""}).shape);
 }
 
-TEST(KprobeDefinition, brackets_that_do_not_match)
+TEST(KprobeDefinition, BracketsThatDoNotMatch)
 {
     const std::string fetch = file_probe(true, "Kc").fetch, mount = "+172(+192(+104(%si)))";
     for (const char *text : {"+172(+192(+104(%si))", "+172(+192(+104(%si", ")+172(+192(", "()", "(((", ")))", "+1()"}) {
@@ -116,7 +116,7 @@ TEST(KprobeDefinition, brackets_that_do_not_match)
     EXPECT_EQ("%si)", parsed({"vfs_link", "K", with(fetch, mount, mount + ")"), ""}).dentry);
 }
 
-TEST(KprobeDefinition, texts_that_are_none)
+TEST(KprobeDefinition, TextsThatAreNone)
 {
     for (const char *text : {"a", "=", "=%di", "a=", "a=:u32", "a=%di:", "1a=%di", "a-b=%di", "a=%di b", "a b=%di"}) {
         std::vector<FetchArg> args;
@@ -125,7 +125,7 @@ TEST(KprobeDefinition, texts_that_are_none)
     }
 }
 
-TEST(KprobeDefinition, blanks_do_not_matter)
+TEST(KprobeDefinition, BlanksDoNotMatter)
 {
     std::vector<FetchArg> args;
     ASSERT_TRUE(parse_fetch("  a=%di   b=+8(%si):u16 ", &args));
@@ -137,7 +137,7 @@ TEST(KprobeDefinition, blanks_do_not_matter)
     EXPECT_TRUE(parse_fetch("   ", &args));
 }
 
-TEST(KprobeDefinition, names_and_points)
+TEST(KprobeDefinition, NamesAndPoints)
 {
     for (const char *name : {"", "1", "a b", "a/b", "a:b", "..", "a\n", "\xc3\xa4"}) {
         EXPECT_FALSE(accepts({"vfs_link", name, "a=%di", ""})) << name;
@@ -146,7 +146,7 @@ TEST(KprobeDefinition, names_and_points)
     EXPECT_TRUE(accepts({"vfs_link", "_a9", "a=%di", ""}));
 }
 
-TEST(KprobeDefinition, names_that_fill_their_fields)
+TEST(KprobeDefinition, NamesThatFillTheirFields)
 {
     const std::string fetch = "a=%di";
     kp_probe_def record = {};
@@ -161,7 +161,7 @@ TEST(KprobeDefinition, names_that_fill_their_fields)
     EXPECT_EQ("", def.filter);
 }
 
-TEST(KprobeDefinition, records_without_what_is_needed)
+TEST(KprobeDefinition, RecordsWithoutWhatIsNeeded)
 {
     const ModuleProbe probe = file_probe(true, "Kc", "mnt==1");
     Definition def;
@@ -175,7 +175,7 @@ TEST(KprobeDefinition, records_without_what_is_needed)
     }
 }
 
-TEST(KprobeDefinition, texts_at_and_beyond_their_limits)
+TEST(KprobeDefinition, TextsAtAndBeyondTheirLimits)
 {
     const auto fetch_of = [](size_t size) { return "a=" + std::string(size - 2, 'x'); };
     EXPECT_TRUE(accepts({"vfs_link", "K", fetch_of(kMaxFetch), ""}));
@@ -184,7 +184,7 @@ TEST(KprobeDefinition, texts_at_and_beyond_their_limits)
     EXPECT_FALSE(accepts({"vfs_link", "K", "a=%di", std::string(kMaxFilter + 1, 'f')}));
 }
 
-TEST(KprobeDefinition, sizes_of_types)
+TEST(KprobeDefinition, SizesOfTypes)
 {
     for (const char kind : {'u', 's', 'x'}) {
         const std::string k(1, kind);

@@ -79,7 +79,7 @@ uint64_t delivered_in_all()
 
 }  // namespace
 
-TEST(KprobeExport, where_probes_cannot_work)
+TEST(KprobeExport, WhereProbesCannotWork)
 {
     in_child([] {
         KernelDouble kernel;
@@ -98,7 +98,7 @@ TEST(KprobeExport, where_probes_cannot_work)
 }
 
 /* Whatever this machine's kernel is, and whoever runs the test. */
-TEST(KprobeExport, on_this_machine)
+TEST(KprobeExport, OnThisMachine)
 {
     in_child([] {
         const kp_os_info *info = nullptr;
@@ -110,7 +110,7 @@ TEST(KprobeExport, on_this_machine)
     });
 }
 
-TEST(KprobeExport, where_they_work)
+TEST(KprobeExport, WhereTheyWork)
 {
     in_child([] {
         KernelDouble kernel;
@@ -183,7 +183,7 @@ TEST(KprobeExport, a_record_and_its_count)
     });
 }
 
-TEST(KprobeExport, in_a_forked_process)
+TEST(KprobeExport, InAForkedProcess)
 {
     in_child([] {
         KernelDouble kernel;
@@ -219,7 +219,7 @@ TEST(KprobeExport, in_a_forked_process)
     });
 }
 
-TEST(KprobeExport, a_fork_while_the_library_tries_things_out)
+TEST(KprobeExport, AForkWhileTheLibraryTriesThingsOut)
 {
     in_child([] {
         KernelDouble kernel(false);
@@ -253,7 +253,7 @@ TEST(KprobeExport, a_fork_while_the_library_tries_things_out)
     });
 }
 
-TEST(KprobeExport, many_forks_while_records_come)
+TEST(KprobeExport, ManyForksWhileRecordsCome)
 {
     in_child([] {
         KernelDouble kernel;

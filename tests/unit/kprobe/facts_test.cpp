@@ -37,7 +37,7 @@ bool gathered(KernelDouble &, Facts *facts, std::string *why)
 
 }  // namespace
 
-TEST(KprobeFacts, releases)
+TEST(KprobeFacts, Releases)
 {
     const struct {
         const char *text;
@@ -65,7 +65,7 @@ TEST(KprobeFacts, releases)
     }
 }
 
-TEST(KprobeFacts, symbols)
+TEST(KprobeFacts, Symbols)
 {
     EXPECT_EQ((Names{"d_move", "vfs_link"}), functions_in("ffffffff81200000 T vfs_link\nffffffff81200010 T schedule\n"
                                                           "ffffffff81200020 t d_move\n"));
@@ -76,7 +76,7 @@ TEST(KprobeFacts, symbols)
     EXPECT_EQ(Names{}, functions_in("\n \n\n"));
 }
 
-TEST(KprobeFacts, from_types)
+TEST(KprobeFacts, FromTypes)
 {
     Facts facts;
     facts_from_btf(Btf(kernel_types(KernelTypes())), &facts);
@@ -100,7 +100,7 @@ TEST(KprobeFacts, from_types)
     EXPECT_EQ(wanted.functions, facts.functions) << "and no other function";
 }
 
-TEST(KprobeFacts, from_types_of_other_kernels)
+TEST(KprobeFacts, FromTypesOfOtherKernels)
 {
     KernelTypes kernel;
     kernel.inline_name = "d_shortname";
@@ -120,7 +120,7 @@ TEST(KprobeFacts, from_types_of_other_kernels)
     EXPECT_FALSE(facts.dentry.complete());
 }
 
-TEST(KprobeFacts, gathered_with_type_information)
+TEST(KprobeFacts, GatheredWithTypeInformation)
 {
     KernelDouble kernel(true, "6.1.176-test");
     kernel.usual_files();
@@ -138,7 +138,7 @@ TEST(KprobeFacts, gathered_with_type_information)
     EXPECT_FALSE(old.arrays);
 }
 
-TEST(KprobeFacts, gathered_from_symbols)
+TEST(KprobeFacts, GatheredFromSymbols)
 {
     KernelDouble kernel(false, "5.10.0-32-686");
     kernel.usual_files();
@@ -159,7 +159,7 @@ TEST(KprobeFacts, gathered_from_symbols)
     EXPECT_FALSE(old.new_parent);
 }
 
-TEST(KprobeFacts, machines_without_probes)
+TEST(KprobeFacts, MachinesWithoutProbes)
 {
     KernelDouble kernel;
     kernel.usual_files();

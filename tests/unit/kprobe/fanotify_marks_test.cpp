@@ -41,7 +41,7 @@ private:
 
 }  // namespace
 
-TEST(KprobeFanotifyMarks, of_every_kind)
+TEST(KprobeFanotifyMarks, OfEveryKind)
 {
     for (const char *mark :
          {"fanotify mnt_id:1f mflags:40 mask:38 ignored_mask:0\n", "fanotify mnt_id:ff mflags:0 mask:1\n",
@@ -50,7 +50,7 @@ TEST(KprobeFanotifyMarks, of_every_kind)
         EXPECT_TRUE(has_fanotify_mark(kHead + mark, kTracefs)) << mark;
 }
 
-TEST(KprobeFanotifyMarks, of_other_file_systems)
+TEST(KprobeFanotifyMarks, OfOtherFileSystems)
 {
     for (const char *mark : {"", "fanotify mnt_id:1e mflags:40\n", "fanotify mnt_id:31 mflags:40\n",
                              "fanotify ino:c sdev:800001 mflags:0\n", "inotify wd:1 ino:41 sdev:c mask:2\n",
@@ -58,7 +58,7 @@ TEST(KprobeFanotifyMarks, of_other_file_systems)
         EXPECT_FALSE(has_fanotify_mark(kHead + mark, kTracefs)) << mark;
 }
 
-TEST(KprobeFanotifyMarks, the_process_that_has_one)
+TEST(KprobeFanotifyMarks, TheProcessThatHasOne)
 {
     Processes processes;
     const std::string mark = kHead + "fanotify sdev:c mflags:0 mask:38 ignored_mask:0\n";

@@ -38,7 +38,7 @@ bool use_instance(KernelDouble &kernel, const kprobe::Facts &facts)
 
 }  // namespace
 
-TEST(KprobeFaults, nothing_is_left_whatever_fails)
+TEST(KprobeFaults, NothingIsLeftWhateverFails)
 {
     const struct {
         const char *call;
@@ -68,7 +68,7 @@ TEST(KprobeFaults, nothing_is_left_whatever_fails)
     }
 }
 
-TEST(KprobeFaults, definitions_that_cannot_be_written)
+TEST(KprobeFaults, DefinitionsThatCannotBeWritten)
 {
     for (const char *call : {"open", "write"}) {
         Fixture f;
@@ -87,7 +87,7 @@ TEST(KprobeFaults, definitions_that_cannot_be_written)
 }
 
 /* Somebody else reads the probe when it is to go: it stays, and the next one of its name is another. */
-TEST(KprobeFaults, a_definition_that_stays)
+TEST(KprobeFaults, ADefinitionThatStays)
 {
     KernelDouble kernel;
     kernel.usual_files();
@@ -110,7 +110,7 @@ TEST(KprobeFaults, a_definition_that_stays)
     EXPECT_EQ(1u, kernel.definitions().size());
 }
 
-TEST(KprobeFaults, filters_that_cannot_be_opened)
+TEST(KprobeFaults, FiltersThatCannotBeOpened)
 {
     Fixture f;
     ASSERT_EQ(0, f.add("Kc", "mnt==23"));
@@ -131,7 +131,7 @@ TEST(KprobeFaults, filters_that_cannot_be_opened)
     }
 }
 
-TEST(KprobeFaults, descriptors_that_cannot_be_copied)
+TEST(KprobeFaults, DescriptorsThatCannotBeCopied)
 {
     Fixture f;
     const int before = open_descriptors();
@@ -140,7 +140,7 @@ TEST(KprobeFaults, descriptors_that_cannot_be_copied)
     EXPECT_EQ(before, open_descriptors());
 }
 
-TEST(KprobeFaults, marks)
+TEST(KprobeFaults, Marks)
 {
     Fixture f;
     f.kernel.file("/proc/self/mountinfo", "23 1 0:20 / /tmp rw - tmpfs tmpfs rw\n");

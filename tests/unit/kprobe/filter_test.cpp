@@ -23,7 +23,7 @@ using Ids = std::vector<int32_t>;
 
 }  // namespace
 
-TEST(KprobeFilter, ids_become_devices)
+TEST(KprobeFilter, IdsBecomeDevices)
 {
     EXPECT_EQ("mnt==8388609", by_device("mnt==1"));
     EXPECT_EQ("mnt==8388609||mnt==20", by_device("mnt==1||mnt==10"));
@@ -32,28 +32,28 @@ TEST(KprobeFilter, ids_become_devices)
     EXPECT_EQ("mnt!=30", by_device("mnt!=2147483647"));
 }
 
-TEST(KprobeFilter, ids_without_a_device_match_nothing)
+TEST(KprobeFilter, IdsWithoutADeviceMatchNothing)
 {
     EXPECT_EQ("mnt==0", by_device("mnt==0"));
     EXPECT_EQ("mnt==4294967295", by_device("mnt==77"));
     EXPECT_EQ("mnt==4294967295||mnt==20", by_device("mnt==100||mnt==10"));
 }
 
-TEST(KprobeFilter, other_names_stay)
+TEST(KprobeFilter, OtherNamesStay)
 {
     for (const char *filter : {"", "xmnt==1", "mnt2==1", "_mnt==1", "mnt_==1", "m==1", "mnt", "mnt==", "mntx",
                                "1mnt==1", "m==8&&f>=32768", "mnt==m", "mnt==other"})
         EXPECT_EQ(filter, by_device(filter));
 }
 
-TEST(KprobeFilter, numbers_beyond_32_bits_are_no_mount)
+TEST(KprobeFilter, NumbersBeyond32BitsAreNoMount)
 {
     EXPECT_EQ("mnt==4294967295", by_device("mnt==2147483648"));
     EXPECT_EQ("mnt==4294967295", by_device("mnt==99999999999999999999999"));
     EXPECT_EQ("mnt==4294967295||mnt==20", by_device("mnt==18446744073709551617||mnt==10"));
 }
 
-TEST(KprobeFilter, ids_that_are_named)
+TEST(KprobeFilter, IdsThatAreNamed)
 {
     EXPECT_EQ((Ids{1, 10}), mount_ids("mnt==1||mnt==10"));
     EXPECT_EQ((Ids{0, 5}), mount_ids("(mnt==0||mnt==5)&&xmnt==6&&mnt2==7&&common_pid!=8"));
@@ -62,7 +62,7 @@ TEST(KprobeFilter, ids_that_are_named)
 }
 
 // With 25 mounts and more the monitor's buffer of 256 bytes has no room for all of it.
-TEST(KprobeFilter, a_close_filter_that_was_cut_off)
+TEST(KprobeFilter, ACloseFilterThatWasCutOff)
 {
     Definition close_write;
     close_write.point = "__fsnotify_parent";
@@ -76,13 +76,13 @@ TEST(KprobeFilter, a_close_filter_that_was_cut_off)
     EXPECT_EQ(mounts, whole_filter(create, mounts));
 }
 
-TEST(KprobeFilter, ends_of_watches_pass)
+TEST(KprobeFilter, EndsOfWatchesPass)
 {
     EXPECT_EQ("(common_pid!=12&&w!=0)||m&33792", filter_with_ends("common_pid!=12&&w!=0"));
     EXPECT_EQ("", filter_with_ends(""));
 }
 
-TEST(KprobeFilter, threads_that_are_left_out)
+TEST(KprobeFilter, ThreadsThatAreLeftOut)
 {
     using Threads = std::vector<uint32_t>;
     EXPECT_EQ((Threads{12, 7}), threads_left_out("common_pid!=12&&common_pid!=7&&w!=0"));

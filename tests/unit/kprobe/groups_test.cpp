@@ -61,7 +61,7 @@ INSTANTIATE_TEST_SUITE_P(words, KprobeGroups, testing::Values(true, false));
 
 }  // namespace
 
-TEST_P(KprobeGroups, only_deliveries_to_this_process_are_handed_on)
+TEST_P(KprobeGroups, OnlyDeliveriesToThisProcessAreHandedOn)
 {
     GroupsFixture f(GetParam());
     const Fd own = inotify(), another = inotify();
@@ -79,7 +79,7 @@ TEST_P(KprobeGroups, only_deliveries_to_this_process_are_handed_on)
     EXPECT_EQ(0u, losses.unreadable) << "what is somebody else's is no loss";
 }
 
-TEST_P(KprobeGroups, the_kernel_is_told)
+TEST_P(KprobeGroups, TheKernelIsTold)
 {
     GroupsFixture f(GetParam());
     const Fd own = inotify();
@@ -89,7 +89,7 @@ TEST_P(KprobeGroups, the_kernel_is_told)
     EXPECT_EQ("(g==" + hex(f.kernel.group_of(own.get())) + ")", f.filter());
 }
 
-TEST(KprobeGroups, a_process_without_inotify_hears_nothing)
+TEST(KprobeGroups, AProcessWithoutInotifyHearsNothing)
 {
     GroupsFixture f;
     ASSERT_EQ(0, f.add_inotify());
@@ -101,7 +101,7 @@ TEST(KprobeGroups, a_process_without_inotify_hears_nothing)
     EXPECT_EQ(Masks{}, f.told());
 }
 
-TEST(KprobeGroups, a_descriptor_that_is_made_later)
+TEST(KprobeGroups, ADescriptorThatIsMadeLater)
 {
     GroupsFixture f;
     ASSERT_EQ(0, f.add_inotify("w!=0"));
@@ -116,7 +116,7 @@ TEST(KprobeGroups, a_descriptor_that_is_made_later)
     EXPECT_EQ(Masks{IN_OPEN}, f.told());
 }
 
-TEST(KprobeGroups, nothing_is_asked_twice)
+TEST(KprobeGroups, NothingIsAskedTwice)
 {
     GroupsFixture f;
     const Fd own = inotify();
@@ -132,7 +132,7 @@ TEST(KprobeGroups, nothing_is_asked_twice)
 }
 
 /* The kernel gives its memory to the next instance, whoever makes it. */
-TEST(KprobeGroups, a_closed_descriptor_counts_no_more)
+TEST(KprobeGroups, AClosedDescriptorCountsNoMore)
 {
     GroupsFixture f;
     Fd own = inotify();
@@ -149,7 +149,7 @@ TEST(KprobeGroups, a_closed_descriptor_counts_no_more)
     EXPECT_EQ(Masks{}, f.told());
 }
 
-TEST(KprobeGroups, a_copy_of_a_descriptor_keeps_its_instance)
+TEST(KprobeGroups, ACopyOfADescriptorKeepsItsInstance)
 {
     GroupsFixture f;
     Fd own = inotify();
@@ -163,7 +163,7 @@ TEST(KprobeGroups, a_copy_of_a_descriptor_keeps_its_instance)
     EXPECT_EQ("(g==" + hex(f.kernel.one_group) + ")", groups.filter(""));
 }
 
-TEST(KprobeGroups, more_descriptors_than_the_kernels_filter_takes)
+TEST(KprobeGroups, MoreDescriptorsThanTheKernelsFilterTakes)
 {
     GroupsFixture f;
     std::vector<Fd> many;
@@ -178,7 +178,7 @@ TEST(KprobeGroups, more_descriptors_than_the_kernels_filter_takes)
     EXPECT_EQ(Masks{IN_MODIFY}, f.told());
 }
 
-TEST(KprobeGroups, the_librarys_own_watches_are_nobodys)
+TEST(KprobeGroups, TheLibrarysOwnWatchesAreNobodys)
 {
     GroupsFixture f;
     f.kernel.file("/proc/self/mountinfo", "23 1 0:20 / /tmp rw - tmpfs tmpfs rw\n");
@@ -192,7 +192,7 @@ TEST(KprobeGroups, the_librarys_own_watches_are_nobodys)
     EXPECT_EQ("(g==" + hex(f.kernel.group_of(own.get())) + ")", f.filter());
 }
 
-TEST(KprobeGroups, instances_that_cannot_be_told)
+TEST(KprobeGroups, InstancesThatCannotBeTold)
 {
     GroupsFixture f;
     Fd own = inotify();
@@ -209,7 +209,7 @@ TEST(KprobeGroups, instances_that_cannot_be_told)
     EXPECT_LT(g.add_inotify(), 0);
 }
 
-TEST(KprobeGroups, calls_that_fail)
+TEST(KprobeGroups, CallsThatFail)
 {
     for (const char *call : {"epoll_create1", "epoll_ctl", "perf_event_open", "open", "write", "inotify_init1"}) {
         GroupsFixture f;

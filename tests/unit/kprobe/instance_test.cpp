@@ -26,7 +26,7 @@ class KprobeInstance : public ::testing::TestWithParam<bool>
 INSTANTIATE_TEST_SUITE_P(words, KprobeInstance, ::testing::Values(true, false),
                          [](const auto &param) { return param.param ? "of_64_bits" : "of_32_bits"; });
 
-TEST_P(KprobeInstance, paths_of_every_depth)
+TEST_P(KprobeInstance, PathsOfEveryDepth)
 {
     Fixture f(GetParam());
     f.add_on("Kc");
@@ -40,7 +40,7 @@ TEST_P(KprobeInstance, paths_of_every_depth)
     EXPECT_EQ("no root:", f.parse()[0].substr(0, 8));
 }
 
-TEST_P(KprobeInstance, what_a_record_says)
+TEST_P(KprobeInstance, WhatARecordSays)
 {
     Fixture f(GetParam());
     f.add_on("Kc");
@@ -54,7 +54,7 @@ TEST_P(KprobeInstance, what_a_record_says)
     EXPECT_EQ(0, f.instance.parse(10));
 }
 
-TEST_P(KprobeInstance, long_names)
+TEST_P(KprobeInstance, LongNames)
 {
     Fixture f(GetParam());
     f.add_on("Kc");
@@ -69,7 +69,7 @@ TEST_P(KprobeInstance, long_names)
     EXPECT_EQ(2u, f.losses().delivered);
 }
 
-TEST_P(KprobeInstance, close_records)
+TEST_P(KprobeInstance, CloseRecords)
 {
     Fixture f(GetParam());
     f.add_on("Km");
@@ -84,7 +84,7 @@ TEST_P(KprobeInstance, close_records)
     EXPECT_EQ(Paths{"/d/f"}, paths());
 }
 
-TEST_P(KprobeInstance, inotify_records)
+TEST_P(KprobeInstance, InotifyRecords)
 {
     Fixture f(GetParam());
     const kprobe::Fd own(inotify_init1(IN_CLOEXEC));
@@ -110,7 +110,7 @@ TEST_P(KprobeInstance, inotify_records)
 }
 
 /* Of the threads that the filter leaves out: the ends of watched files and of their watches, as nobody's doing. */
-TEST_P(KprobeInstance, inotify_records_of_the_monitor_itself)
+TEST_P(KprobeInstance, InotifyRecordsOfTheMonitorItself)
 {
     Fixture f(GetParam());
     kp_probe_def def;
@@ -135,7 +135,7 @@ TEST_P(KprobeInstance, inotify_records_of_the_monitor_itself)
     EXPECT_EQ(0u, losses.unreadable) << "what is left out is no loss";
 }
 
-TEST_P(KprobeInstance, both_sides_of_a_rename_in_order)
+TEST_P(KprobeInstance, BothSidesOfARenameInOrder)
 {
     Fixture f(GetParam());
     f.add_on("Krf");
@@ -148,7 +148,7 @@ TEST_P(KprobeInstance, both_sides_of_a_rename_in_order)
 
 /* ---- definitions ---- */
 
-TEST(KprobeInstanceProbes, defined)
+TEST(KprobeInstanceProbes, Defined)
 {
     Fixture f;
     for (const auto &probe : testlib::file_probes(true, "mnt==23"))
@@ -166,7 +166,7 @@ TEST(KprobeInstanceProbes, defined)
     EXPECT_EQ(6u, f.kernel.definitions().size()) << "each deletes its own";
 }
 
-TEST(KprobeInstanceProbes, an_end_that_leaves_nothing)
+TEST(KprobeInstanceProbes, AnEndThatLeavesNothing)
 {
     testlib::KernelDouble kernel;
     kernel.usual_files();
@@ -186,7 +186,7 @@ TEST(KprobeInstanceProbes, an_end_that_leaves_nothing)
     EXPECT_EQ(0u, kernel.perf.open_events());
 }
 
-TEST(KprobeInstanceProbes, refused)
+TEST(KprobeInstanceProbes, Refused)
 {
     Fixture f;
     f.kernel.refuse("security_inode_unlink", "Invalid probed address or symbol");
@@ -204,7 +204,7 @@ TEST(KprobeInstanceProbes, refused)
     EXPECT_EQ(0, f.add("Kc"));
 }
 
-TEST(KprobeInstanceProbes, a_name_given_again)
+TEST(KprobeInstanceProbes, ANameGivenAgain)
 {
     Fixture f;
     f.add_on("Kc");
@@ -217,7 +217,7 @@ TEST(KprobeInstanceProbes, a_name_given_again)
     EXPECT_EQ((Paths{"/old", "/new"}), f.parse());
 }
 
-TEST(KprobeInstanceProbes, switched)
+TEST(KprobeInstanceProbes, Switched)
 {
     Fixture f;
     f.add_on("Kc");
@@ -234,7 +234,7 @@ TEST(KprobeInstanceProbes, switched)
 
 /* ---- filters ---- */
 
-TEST(KprobeInstanceFilter, replaced)
+TEST(KprobeInstanceFilter, Replaced)
 {
     Fixture f;
     ASSERT_EQ(0, f.add("Kc", "mnt==20"));
@@ -255,7 +255,7 @@ TEST(KprobeInstanceFilter, replaced)
     EXPECT_EQ(8u, f.kernel.perf.open_events());
 }
 
-TEST(KprobeInstanceFilter, a_bad_one_changes_nothing)
+TEST(KprobeInstanceFilter, ABadOneChangesNothing)
 {
     Fixture f;
     ASSERT_EQ(0, f.add("Kc", "mnt==23"));
@@ -271,7 +271,7 @@ TEST(KprobeInstanceFilter, a_bad_one_changes_nothing)
     EXPECT_EQ(1u, f.kernel.definitions().size()) << "a probe that cannot be filtered is none";
 }
 
-TEST(KprobeInstanceFilter, a_hit_that_both_filters_see_counts_once)
+TEST(KprobeInstanceFilter, AHitThatBothFiltersSeeCountsOnce)
 {
     Fixture f;
     f.add_on("Kc");
@@ -296,7 +296,7 @@ TEST(KprobeInstanceFilter, a_hit_that_both_filters_see_counts_once)
 }
 
 /* The kernel drops what comes to an event that was just switched off. */
-TEST(KprobeInstanceFilter, a_hit_on_its_way_is_told_by_the_old_one)
+TEST(KprobeInstanceFilter, AHitOnItsWayIsToldByTheOldOne)
 {
     Fixture f;
     f.add_on("Kc");
@@ -311,7 +311,7 @@ TEST(KprobeInstanceFilter, a_hit_on_its_way_is_told_by_the_old_one)
     EXPECT_EQ(Paths{"/c"}, f.parse());
 }
 
-TEST(KprobeInstanceFilter, many_at_once)
+TEST(KprobeInstanceFilter, ManyAtOnce)
 {
     Fixture f;
     f.add_on("Kc");
@@ -324,7 +324,7 @@ TEST(KprobeInstanceFilter, many_at_once)
     EXPECT_EQ(8u, f.kernel.perf.open_events());
 }
 
-TEST(KprobeInstanceFilter, equal_hits_are_not_one)
+TEST(KprobeInstanceFilter, EqualHitsAreNotOne)
 {
     Fixture f;
     f.add_on("Kc");
@@ -339,7 +339,7 @@ TEST(KprobeInstanceFilter, equal_hits_are_not_one)
 
 /* ---- mounts ---- */
 
-TEST(KprobeInstanceMounts, unknown_and_new)
+TEST(KprobeInstanceMounts, UnknownAndNew)
 {
     Fixture f;
     f.super = f.objects.super_block(77);

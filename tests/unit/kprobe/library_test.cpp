@@ -19,7 +19,7 @@ using testlib::take_log;
 
 /* ---- start ---- */
 
-TEST(KprobeLibrary, tells_of_the_kernel)
+TEST(KprobeLibrary, TellsOfTheKernel)
 {
     for (const bool is_64 : {true, false}) {
         Whole w(is_64);
@@ -43,7 +43,7 @@ TEST(KprobeLibrary, tells_of_the_kernel)
     }
 }
 
-TEST(KprobeLibrary, cannot_work)
+TEST(KprobeLibrary, CannotWork)
 {
     const struct {
         std::function<void(KernelDouble &)> change;
@@ -73,7 +73,7 @@ TEST(KprobeLibrary, cannot_work)
     }
 }
 
-TEST(KprobeLibrary, perf_events_that_are_not_allowed)
+TEST(KprobeLibrary, PerfEventsThatAreNotAllowed)
 {
     for (const int nth : {1, 2}) { /* the ring's, the probe's */
         Whole w;
@@ -85,7 +85,7 @@ TEST(KprobeLibrary, perf_events_that_are_not_allowed)
     }
 }
 
-TEST(KprobeLibrary, definitions_of_the_dead_go_at_start)
+TEST(KprobeLibrary, DefinitionsOfTheDeadGoAtStart)
 {
     Whole w;
     kprobe::Tracefs tracefs;
@@ -99,7 +99,7 @@ TEST(KprobeLibrary, definitions_of_the_dead_go_at_start)
 
 /* ---- instances ---- */
 
-TEST(KprobeLibrary, from_a_hit_to_the_callback)
+TEST(KprobeLibrary, FromAHitToTheCallback)
 {
     for (const bool is_64 : {true, false}) {
         Whole w(is_64);
@@ -120,7 +120,7 @@ TEST(KprobeLibrary, from_a_hit_to_the_callback)
     }
 }
 
-TEST(KprobeLibrary, what_is_not_asked_for_properly)
+TEST(KprobeLibrary, WhatIsNotAskedForProperly)
 {
     Whole w;
     int32_t *fds = nullptr, count = 0;
@@ -136,7 +136,7 @@ TEST(KprobeLibrary, what_is_not_asked_for_properly)
     EXPECT_EQ(0, w.probes.parse(0, source.handle));
 }
 
-TEST(KprobeLibrary, handles_are_recognised)
+TEST(KprobeLibrary, HandlesAreRecognised)
 {
     Whole w;
     ASSERT_TRUE(w.works());
@@ -157,7 +157,7 @@ TEST(KprobeLibrary, handles_are_recognised)
     EXPECT_EQ(nullptr, w.probes.find(first.handle));
 }
 
-TEST(KprobeLibrary, a_name_again_ends_the_one_before)
+TEST(KprobeLibrary, ANameAgainEndsTheOneBefore)
 {
     Whole w;
     const int before = open_descriptors();
@@ -181,7 +181,7 @@ TEST(KprobeLibrary, a_name_again_ends_the_one_before)
     EXPECT_EQ(nullptr, w.probes.find(second.handle));
 }
 
-TEST(KprobeLibrary, made_and_ended_again_and_again)
+TEST(KprobeLibrary, MadeAndEndedAgainAndAgain)
 {
     Whole w;
     w.kernel.file("/sys/devices/system/cpu/online", "0\n");
@@ -201,7 +201,7 @@ TEST(KprobeLibrary, made_and_ended_again_and_again)
     EXPECT_TRUE(w.kernel.definitions().empty());
 }
 
-TEST(KprobeLibrary, as_many_instances_as_there_is_room_for)
+TEST(KprobeLibrary, AsManyInstancesAsThereIsRoomFor)
 {
     Whole w;
     w.kernel.file("/sys/devices/system/cpu/online", "0\n");
@@ -213,7 +213,7 @@ TEST(KprobeLibrary, as_many_instances_as_there_is_room_for)
     EXPECT_TRUE(sources[64].open(w.probes, "one more"));
 }
 
-TEST(KprobeLibrary, no_inotify_instance_where_no_probe_can_tell)
+TEST(KprobeLibrary, NoInotifyInstanceWhereNoProbeCanTell)
 {
     Whole w;
     testlib::KernelTypes types;
@@ -225,7 +225,7 @@ TEST(KprobeLibrary, no_inotify_instance_where_no_probe_can_tell)
     EXPECT_TRUE(file.open(w.probes, "clt_file"));
 }
 
-TEST(KprobeLibrary, calls_that_fail_while_an_instance_is_made)
+TEST(KprobeLibrary, CallsThatFailWhileAnInstanceIsMade)
 {
     const int at_least[] = {1, 4, 1, 2, 1, 4, 1, 1};
     const char *const calls[] = {"epoll_create1", "perf_event_open", "pthread_create", "eventfd", "malloc",
@@ -252,7 +252,7 @@ TEST(KprobeLibrary, calls_that_fail_while_an_instance_is_made)
     }
 }
 
-TEST(KprobeLibrary, a_start_that_failed_does_not_stop_the_next_instance)
+TEST(KprobeLibrary, AStartThatFailedDoesNotStopTheNextInstance)
 {
     Whole w;
     ASSERT_TRUE(w.works());
@@ -269,7 +269,7 @@ TEST(KprobeLibrary, a_start_that_failed_does_not_stop_the_next_instance)
     EXPECT_EQ(Paths{"/a"}, w.wait_for(source, 1));
 }
 
-TEST(KprobeLibrary, reasons_stay_valid)
+TEST(KprobeLibrary, ReasonsStayValid)
 {
     Whole w;
     ASSERT_TRUE(w.works());
@@ -285,7 +285,7 @@ TEST(KprobeLibrary, reasons_stay_valid)
 }
 
 /* Daemons close whatever is open, and know nothing of libraries. */
-TEST(KprobeLibrary, records_come_also_when_what_the_thread_sleeps_on_is_closed)
+TEST(KprobeLibrary, RecordsComeAlsoWhenWhatTheThreadSleepsOnIsClosed)
 {
     Whole w;
     Source source;

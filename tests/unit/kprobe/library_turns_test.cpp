@@ -11,7 +11,7 @@
 
 using namespace kprobe_fixture;
 
-TEST(KprobeLibraryTurns, more_processors_than_there_are_descriptors_for)
+TEST(KprobeLibraryTurns, MoreProcessorsThanThereAreDescriptorsFor)
 {
     {
         const DescriptorLimit limit(1000);
@@ -30,7 +30,7 @@ TEST(KprobeLibraryTurns, more_processors_than_there_are_descriptors_for)
     EXPECT_TRUE(w.works()) << w.probes.why_not();
 }
 
-TEST(KprobeLibraryTurns, rings_have_a_ceiling_whatever_processors_there_are)
+TEST(KprobeLibraryTurns, RingsHaveACeilingWhateverProcessorsThereAre)
 {
     const DescriptorLimit limit(4096);
     for (const int cpus : {4, 32, 128}) {
@@ -48,7 +48,7 @@ TEST(KprobeLibraryTurns, rings_have_a_ceiling_whatever_processors_there_are)
 }
 
 /* Whatever it sleeps on, the thread looks when an instance comes. */
-TEST(KprobeLibraryTurns, processors_that_come_are_heard)
+TEST(KprobeLibraryTurns, ProcessorsThatComeAreHeard)
 {
     Whole w;
     w.kernel.file("/sys/devices/system/cpu/online", "0\n");
@@ -70,7 +70,7 @@ TEST(KprobeLibraryTurns, processors_that_come_are_heard)
 /* The most that a turn may take before the monitor throws away what waits. */
 constexpr int kTurn = 100;
 
-TEST(KprobeLibraryTurns, no_turn_takes_more_than_the_monitor_reads)
+TEST(KprobeLibraryTurns, NoTurnTakesMoreThanTheMonitorReads)
 {
     constexpr int kCpus = 128;
     const DescriptorLimit limit(4096);
@@ -98,7 +98,7 @@ TEST(KprobeLibraryTurns, no_turn_takes_more_than_the_monitor_reads)
 }
 
 /* The monitor visits its inotify source first. Who has taken all in a turn gets nothing more of it. */
-TEST(KprobeLibraryTurns, a_turn_is_one_budget_for_all_sources)
+TEST(KprobeLibraryTurns, ATurnIsOneBudgetForAllSources)
 {
     Whole w;
     const kprobe::Fd own(inotify_init1(IN_CLOEXEC));
@@ -132,7 +132,7 @@ TEST(KprobeLibraryTurns, a_turn_is_one_budget_for_all_sources)
     received.clear();
 }
 
-TEST(KprobeLibraryTurns, hits_from_many_threads_while_it_is_used)
+TEST(KprobeLibraryTurns, HitsFromManyThreadsWhileItIsUsed)
 {
     Whole w;
     Source source;

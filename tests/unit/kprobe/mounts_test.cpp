@@ -27,7 +27,7 @@ MountMap map_of(std::vector<Mount> mounts)
 
 }  // namespace
 
-TEST(KprobeMounts, lines)
+TEST(KprobeMounts, Lines)
 {
     const std::vector<Mount> mounts = parse_mounts(kTable);
     ASSERT_EQ(4u, mounts.size());
@@ -41,14 +41,14 @@ TEST(KprobeMounts, lines)
     EXPECT_FALSE(mounts[3].whole);
 }
 
-TEST(KprobeMounts, large_devices)
+TEST(KprobeMounts, LargeDevices)
 {
     const std::vector<Mount> mounts = parse_mounts("5 1 259:1048575 / /x rw - ext4 /dev/x rw\n");
     ASSERT_EQ(1u, mounts.size());
     EXPECT_EQ(259u << 20 | 1048575, mounts[0].device);
 }
 
-TEST(KprobeMounts, escapes)
+TEST(KprobeMounts, Escapes)
 {
     const struct {
         const char *written, *meant;
@@ -62,7 +62,7 @@ TEST(KprobeMounts, escapes)
     }
 }
 
-TEST(KprobeMounts, lines_that_are_none)
+TEST(KprobeMounts, LinesThatAreNone)
 {
     for (const char *line : {"", "\n\n\n", "x", "5", "5 1", "5 1 0", "5 1 0:", "5 1 :9 / / rw", "a 1 0:9 / / rw",
                              "5 1 0:9 /", "5 1 0:9 / ", "5 1 0:9", "   ", "5 1 0:9  "})
@@ -73,7 +73,7 @@ TEST(KprobeMounts, lines_that_are_none)
     EXPECT_EQ(1u, parse_mounts("5 1 0:9 / /last-without-an-end").size());
 }
 
-TEST(KprobeMounts, any_bytes)
+TEST(KprobeMounts, AnyBytes)
 {
     std::mt19937 random(7);
     for (int round = 0; round < 20000; round++) {
@@ -86,7 +86,7 @@ TEST(KprobeMounts, any_bytes)
     }
 }
 
-TEST(KprobeMounts, the_lowest_whole_mount_stands_for_a_device)
+TEST(KprobeMounts, TheLowestWholeMountStandsForADevice)
 {
     const MountMap map = map_of(parse_mounts(kTable));
     EXPECT_EQ(23, map.id_of(20)); /* 22 shows a part */
@@ -100,7 +100,7 @@ TEST(KprobeMounts, the_lowest_whole_mount_stands_for_a_device)
     EXPECT_EQ(9, map_of({{9, 7, false, "/b"}, {12, 7, false, "/c"}}).id_of(7)); /* parts only */
 }
 
-TEST(KprobeMounts, wanted_ids_come_first)
+TEST(KprobeMounts, WantedIdsComeFirst)
 {
     MountMap map = map_of(parse_mounts(kTable));
     map.want({31, 22, 0, 99});
@@ -114,7 +114,7 @@ TEST(KprobeMounts, wanted_ids_come_first)
     EXPECT_EQ(0, map.id_of(0));
 }
 
-TEST(KprobeMounts, a_mount_point_mounted_anew)
+TEST(KprobeMounts, AMountPointMountedAnew)
 {
     MountMap map = map_of({{20, 1, true, "/"}, {23, 20, true, "/tmp"}});
     map.want({23});
@@ -128,7 +128,7 @@ TEST(KprobeMounts, a_mount_point_mounted_anew)
     EXPECT_EQ(35u, map.device_of(23)) << "the mount on top";
 }
 
-TEST(KprobeMounts, an_id_that_is_used_again)
+TEST(KprobeMounts, AnIdThatIsUsedAgain)
 {
     MountMap map = map_of({{23, 20, true, "/tmp"}});
     map.refresh({});
@@ -136,7 +136,7 @@ TEST(KprobeMounts, an_id_that_is_used_again)
     EXPECT_EQ(50u, map.device_of(23));
 }
 
-TEST(KprobeMounts, what_is_remembered_has_an_end)
+TEST(KprobeMounts, WhatIsRememberedHasAnEnd)
 {
     MountMap map;
     for (int id = 1; id <= 1100; id++)
@@ -152,7 +152,7 @@ TEST(KprobeMounts, what_is_remembered_has_an_end)
 }
 
 /* Each record asks, and each change of the table refreshes it: neither may depend on how much is mounted. */
-TEST(KprobeMounts, many_mounts_cost_no_more_than_few)
+TEST(KprobeMounts, ManyMountsCostNoMoreThanFew)
 {
     const auto nanoseconds_a_record = [](uint32_t mounts) {
         std::vector<Mount> all;
@@ -172,7 +172,7 @@ TEST(KprobeMounts, many_mounts_cost_no_more_than_few)
     EXPECT_LT(nanoseconds_a_record(20000), 20 * nanoseconds_a_record(100) + 2000);
 }
 
-TEST(KprobeMounts, a_refresh_of_many_mounts_is_linear)
+TEST(KprobeMounts, ARefreshOfManyMountsIsLinear)
 {
     const auto seconds = [](int mounts) {
         std::vector<Mount> all;
@@ -191,7 +191,7 @@ TEST(KprobeMounts, a_refresh_of_many_mounts_is_linear)
     EXPECT_LT(seconds(20000), 20 * 10 * seconds(1000) + 0.1) << "and not four hundred times as much";
 }
 
-TEST(KprobeMounts, this_machines_table)
+TEST(KprobeMounts, ThisMachinesTable)
 {
     const std::vector<Mount> mounts = read_mounts();
     ASSERT_FALSE(mounts.empty());

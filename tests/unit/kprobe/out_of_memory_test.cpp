@@ -101,7 +101,7 @@ struct Library {
 
 }  // namespace
 
-TEST(KprobeOutOfMemory, the_start)
+TEST(KprobeOutOfMemory, TheStart)
 {
     in_child([] {
         Library library;
@@ -117,7 +117,7 @@ TEST(KprobeOutOfMemory, the_start)
     });
 }
 
-TEST(KprobeOutOfMemory, words_for_it)
+TEST(KprobeOutOfMemory, WordsForIt)
 {
     in_child([] {
         const testlib::KernelDouble kernel;
@@ -128,7 +128,7 @@ TEST(KprobeOutOfMemory, words_for_it)
     });
 }
 
-TEST(KprobeOutOfMemory, an_instance)
+TEST(KprobeOutOfMemory, AnInstance)
 {
     in_child([] {
         Library library;
@@ -147,7 +147,7 @@ TEST(KprobeOutOfMemory, an_instance)
     });
 }
 
-TEST(KprobeOutOfMemory, a_probe)
+TEST(KprobeOutOfMemory, AProbe)
 {
     in_child([] {
         Library library;
@@ -170,7 +170,7 @@ TEST(KprobeOutOfMemory, a_probe)
 }
 
 /* A second probe at the same function: the first one is made anew. */
-TEST(KprobeOutOfMemory, a_probe_behind_another)
+TEST(KprobeOutOfMemory, AProbeBehindAnother)
 {
     in_child([] {
         Library library;
@@ -185,7 +185,7 @@ TEST(KprobeOutOfMemory, a_probe_behind_another)
     });
 }
 
-TEST(KprobeOutOfMemory, switches_and_filters)
+TEST(KprobeOutOfMemory, SwitchesAndFilters)
 {
     in_child([] {
         Library library;
@@ -206,7 +206,7 @@ TEST(KprobeOutOfMemory, switches_and_filters)
     });
 }
 
-TEST(KprobeOutOfMemory, records)
+TEST(KprobeOutOfMemory, Records)
 {
     in_child([] {
         Library library;
@@ -241,7 +241,7 @@ TEST(KprobeOutOfMemory, records)
     });
 }
 
-TEST(KprobeOutOfMemory, the_rest)
+TEST(KprobeOutOfMemory, TheRest)
 {
     in_child([] {
         Library library;
@@ -254,7 +254,7 @@ TEST(KprobeOutOfMemory, the_rest)
     });
 }
 
-TEST(KprobeOutOfMemory, the_end_of_an_instance)
+TEST(KprobeOutOfMemory, TheEndOfAnInstance)
 {
     in_child([] {
         for (int n = 0; n < 30; n++) {
@@ -273,7 +273,7 @@ TEST(KprobeOutOfMemory, the_end_of_an_instance)
 }
 
 /* The thread that empties the rings: what it cannot take waits there. */
-TEST(KprobeOutOfMemory, the_thread)
+TEST(KprobeOutOfMemory, TheThread)
 {
     in_child([] {
         is_mine = true;

@@ -77,7 +77,7 @@ Bytes header_only(uint32_t type, uint16_t size)
 
 /* ---- one record ---- */
 
-TEST(KprobePerf, a_sample)
+TEST(KprobePerf, ASample)
 {
     const Bytes raw = {1, 2, 3, 4}, entry = testlib::sample_entry(0x123456789a, 77, 78, 99, raw);
     Sample sample;
@@ -91,7 +91,7 @@ TEST(KprobePerf, a_sample)
     EXPECT_EQ(0, memcmp(raw.data(), sample.raw, raw.size()));
 }
 
-TEST(KprobePerf, losses_and_other_kinds)
+TEST(KprobePerf, LossesAndOtherKinds)
 {
     Sample sample;
     uint64_t lost = 0;
@@ -105,7 +105,7 @@ TEST(KprobePerf, losses_and_other_kinds)
 }
 
 /* Every length, each in a block of its own, so that a byte too far is seen. */
-TEST(KprobePerf, truncated_records)
+TEST(KprobePerf, TruncatedRecords)
 {
     const Bytes whole = testlib::sample_entry(1, 2, 3, 4, Bytes(20, 7)), lost_whole = testlib::lost_entry(9);
     Sample sample;
@@ -121,7 +121,7 @@ TEST(KprobePerf, truncated_records)
     EXPECT_EQ(1u, lost);
 }
 
-TEST(KprobePerf, a_size_of_raw_bytes_that_cannot_be)
+TEST(KprobePerf, ASizeOfRawBytesThatCannotBe)
 {
     Bytes entry = testlib::sample_entry(1, 2, 3, 4, Bytes(20, 7));
     Sample sample;
@@ -137,7 +137,7 @@ TEST(KprobePerf, a_size_of_raw_bytes_that_cannot_be)
 
 /* ---- a ring ---- */
 
-TEST(KprobePerf, records_over_the_rings_end)
+TEST(KprobePerf, RecordsOverTheRingsEnd)
 {
     Fixture f;
     std::mt19937 random(5);
@@ -155,7 +155,7 @@ TEST(KprobePerf, records_over_the_rings_end)
     }
 }
 
-TEST(KprobePerf, what_is_read_makes_room)
+TEST(KprobePerf, WhatIsReadMakesRoom)
 {
     Fixture f;
     const Bytes raw(1004);
@@ -176,7 +176,7 @@ TEST(KprobePerf, what_is_read_makes_room)
 }
 
 /* A kernel does not write such; to run on or out of the ring would be worse than to stop. */
-TEST(KprobePerf, rings_full_of_rubbish)
+TEST(KprobePerf, RingsFullOfRubbish)
 {
     std::mt19937 random(6);
     Fixture f(4096);
@@ -194,7 +194,7 @@ TEST(KprobePerf, rings_full_of_rubbish)
     }
 }
 
-TEST(KprobePerf, smaller_rings_where_memory_is_short)
+TEST(KprobePerf, SmallerRingsWhereMemoryIsShort)
 {
     KernelDouble kernel;
     Ring ring;
@@ -222,7 +222,7 @@ TEST(KprobePerf, smaller_rings_where_memory_is_short)
 
 /* ---- events ---- */
 
-TEST(KprobePerf, events_that_cannot_be_opened)
+TEST(KprobePerf, EventsThatCannotBeOpened)
 {
     KernelDouble kernel;
     Ring first, second;
@@ -250,7 +250,7 @@ TEST(KprobePerf, events_that_cannot_be_opened)
     EXPECT_EQ(4u, kernel.perf.open_events());
 }
 
-TEST(KprobePerf, switched_on_and_off)
+TEST(KprobePerf, SwitchedOnAndOff)
 {
     Fixture f;
     EventSet events;
@@ -267,7 +267,7 @@ TEST(KprobePerf, switched_on_and_off)
 
 /* ---- CPUs ---- */
 
-TEST(KprobePerf, lists_of_cpus)
+TEST(KprobePerf, ListsOfCpus)
 {
     EXPECT_EQ(Cpus{0}, parse_cpus("0\n"));
     EXPECT_EQ((Cpus{0, 1, 2, 3, 8}), parse_cpus("0-3,8"));
@@ -280,7 +280,7 @@ TEST(KprobePerf, lists_of_cpus)
     EXPECT_EQ(Cpus{4}, parse_cpus("4,,5"));
 }
 
-TEST(KprobePerf, lists_beyond_any_machine)
+TEST(KprobePerf, ListsBeyondAnyMachine)
 {
     EXPECT_EQ(65536u, parse_cpus("0-99999999").size());
     EXPECT_EQ(Cpus{}, parse_cpus("99999999999999999999"));
@@ -290,4 +290,4 @@ TEST(KprobePerf, lists_beyond_any_machine)
         EXPECT_GE(cpu, 0);
 }
 
-TEST(KprobePerf, this_machines_cpus) { EXPECT_FALSE(online_cpus().empty()); }
+TEST(KprobePerf, ThisMachinesCpus) { EXPECT_FALSE(online_cpus().empty()); }

@@ -93,7 +93,7 @@ struct AgainstAModel {
 
 }  // namespace
 
-TEST(KprobeQueue, empty)
+TEST(KprobeQueue, Empty)
 {
     RecordQueue queue;
     QueuedRecord record;
@@ -106,7 +106,7 @@ TEST(KprobeQueue, empty)
     EXPECT_EQ(1u, queue.count());
 }
 
-TEST(KprobeQueue, cannot_be_opened)
+TEST(KprobeQueue, CannotBeOpened)
 {
     RecordQueue queue;
     const testlib::Fault fault("mmap", 1, ENOMEM);
@@ -114,7 +114,7 @@ TEST(KprobeQueue, cannot_be_opened)
     EXPECT_FALSE(queue.push({1, 2, 3, kByte, 0}));
 }
 
-TEST(KprobeQueue, full_to_the_last_byte)
+TEST(KprobeQueue, FullToTheLastByte)
 {
     std::mt19937 random(1);
     RecordQueue queue;
@@ -134,7 +134,7 @@ TEST(KprobeQueue, full_to_the_last_byte)
     }
 }
 
-TEST(KprobeQueue, a_record_that_never_fits)
+TEST(KprobeQueue, ARecordThatNeverFits)
 {
     std::mt19937 random(2);
     RecordQueue queue;
@@ -149,7 +149,7 @@ TEST(KprobeQueue, a_record_that_never_fits)
     EXPECT_TRUE(push(queue, some_record(random, kPage - kHead))); /* the largest that does */
 }
 
-TEST(KprobeQueue, an_entry_behind_a_gap)
+TEST(KprobeQueue, AnEntryBehindAGap)
 {
     std::mt19937 random(3);
     RecordQueue queue;
@@ -167,7 +167,7 @@ TEST(KprobeQueue, an_entry_behind_a_gap)
     EXPECT_TRUE(queue.empty());
 }
 
-TEST(KprobeQueue, against_a_model)
+TEST(KprobeQueue, AgainstAModel)
 {
     for (const size_t room : {kPage, 3 * kPage, size_t{1} << 19}) {
         AgainstAModel both(room);

@@ -107,7 +107,7 @@ uint32_t word_at(const Bytes &bytes, size_t at)
 
 }  // namespace
 
-TEST(KprobeRecord, file_records_of_both_words)
+TEST(KprobeRecord, FileRecordsOfBothWords)
 {
     for (const Facts &facts : {amd64_6_1(), i386_6_1()})
         for (const bool arrays : {true, false}) {
@@ -131,7 +131,7 @@ TEST(KprobeRecord, file_records_of_both_words)
         }
 }
 
-TEST(KprobeRecord, close_records_carry_mask_and_mode)
+TEST(KprobeRecord, CloseRecordsCarryMaskAndMode)
 {
     Raw raw = file_record(amd64_5_10(), "Km");
     raw.put("m", 8);
@@ -144,7 +144,7 @@ TEST(KprobeRecord, close_records_carry_mask_and_mode)
     EXPECT_EQ(0x81, out[425]);
 }
 
-TEST(KprobeRecord, short_raw_records)
+TEST(KprobeRecord, ShortRawRecords)
 {
     const Raw file = file_record(amd64_6_1()), inotify = inotify_record(i386_6_1());
     for (const Raw *raw : {&file, &inotify}) {
@@ -159,7 +159,7 @@ TEST(KprobeRecord, short_raw_records)
     }
 }
 
-TEST(KprobeRecord, a_name_that_could_not_be_read)
+TEST(KprobeRecord, ANameThatCouldNotBeRead)
 {
     Bytes out;
     for (const char *empty : {"n0", "n1", "n2"}) {
@@ -176,7 +176,7 @@ TEST(KprobeRecord, a_name_that_could_not_be_read)
     EXPECT_TRUE(raw.fill(&out));
 }
 
-TEST(KprobeRecord, the_root_on_every_level)
+TEST(KprobeRecord, TheRootOnEveryLevel)
 {
     for (uint32_t root = 1; root <= kAncestors; root++) {
         Bytes record(kFileRecord);
@@ -196,7 +196,7 @@ TEST(KprobeRecord, the_root_on_every_level)
     EXPECT_TRUE(has_all_names(deep.data()));
 }
 
-TEST(KprobeRecord, inotify_records_of_both_words)
+TEST(KprobeRecord, InotifyRecordsOfBothWords)
 {
     for (const Facts &facts : {amd64_5_10(), amd64_6_1(), i386_5_10(), i386_6_1()}) {
         const Raw raw = inotify_record(facts);
@@ -211,7 +211,7 @@ TEST(KprobeRecord, inotify_records_of_both_words)
     }
 }
 
-TEST(KprobeRecord, without_a_name_pointer_there_is_no_name)
+TEST(KprobeRecord, WithoutANamePointerThereIsNoName)
 {
     for (const Facts &facts : {amd64_6_1(), i386_6_1()}) {
         Raw raw = inotify_record(facts);
@@ -223,7 +223,7 @@ TEST(KprobeRecord, without_a_name_pointer_there_is_no_name)
     }
 }
 
-TEST(KprobeRecord, the_mark_of_events_on_children_goes)
+TEST(KprobeRecord, TheMarkOfEventsOnChildrenGoes)
 {
     Raw raw = inotify_record(amd64_6_1());
     raw.put("m", 0x48000100);
@@ -232,7 +232,7 @@ TEST(KprobeRecord, the_mark_of_events_on_children_goes)
     EXPECT_EQ(0x40000100u, word_at(out, 12));
 }
 
-TEST(KprobeRecord, other_records_are_handed_on_as_they_are)
+TEST(KprobeRecord, OtherRecordsAreHandedOnAsTheyAre)
 {
     Raw raw(plan_of({"do_exit", "Kx", "m=%di b=+8(%si):u16 f=+0(%dx):u64", ""}, amd64_6_1()), 8);
     raw.put("m", 0x08000000);
@@ -243,7 +243,7 @@ TEST(KprobeRecord, other_records_are_handed_on_as_they_are)
     EXPECT_EQ((Bytes{0, 0, 0, 8, 0, 0, 0, 0, 0x34, 0x12, 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}), out);
 }
 
-TEST(KprobeRecord, a_layout_without_one_of_the_fields)
+TEST(KprobeRecord, ALayoutWithoutOneOfTheFields)
 {
     for (const auto &probe : {testlib::file_probe(true, "Km"), testlib::inotify_probe_of(true, 6, 1)}) {
         const Plan plan = plan_of(probe, amd64_6_1());
@@ -256,7 +256,7 @@ TEST(KprobeRecord, a_layout_without_one_of_the_fields)
     }
 }
 
-TEST(KprobeRecord, fields_of_another_size)
+TEST(KprobeRecord, FieldsOfAnotherSize)
 {
     Plan plan;
     plan.pieces = {{"a", 0, 8}, {"b", 8, 2}};
@@ -271,7 +271,7 @@ TEST(KprobeRecord, fields_of_another_size)
     EXPECT_FALSE(layout.resolve(plan, {{"a", 4, 2}, {"b", 6, 4}}));
 }
 
-TEST(KprobeRecord, mount_ids)
+TEST(KprobeRecord, MountIds)
 {
     MountMap mounts;
     mounts.refresh({{23, 20, true, "/tmp"}});
@@ -300,7 +300,7 @@ Bytes inotify_bytes(int32_t wd, uint32_t mask)
 }  // namespace
 
 /* Of what the monitor's own thread does: that a file has gone, and its watch with it; not that it took a watch away. */
-TEST(KprobeRecord, ends_of_watches)
+TEST(KprobeRecord, EndsOfWatches)
 {
     WatchEnds ends;
     EXPECT_FALSE(ends.passes(inotify_bytes(7, IN_IGNORED).data())) << "taken away";
@@ -312,7 +312,7 @@ TEST(KprobeRecord, ends_of_watches)
 }
 
 /* A watch's end that was lost costs no memory for ever. */
-TEST(KprobeRecord, ends_of_watches_that_never_come)
+TEST(KprobeRecord, EndsOfWatchesThatNeverCome)
 {
     WatchEnds ends;
     for (int32_t wd = 0; wd < 100000; wd++)

@@ -16,7 +16,7 @@ Fixture *current;
 
 }  // namespace
 
-TEST(KprobeRecords, the_oldest_of_all_cpus_first)
+TEST(KprobeRecords, TheOldestOfAllCpusFirst)
 {
     Fixture f(true, {1 << 20, 1 << 20}, {0, 1, 2, 3});
     f.add_on("Kc");
@@ -35,7 +35,7 @@ TEST(KprobeRecords, the_oldest_of_all_cpus_first)
     EXPECT_EQ(wanted, got);
 }
 
-TEST(KprobeRecords, what_is_not_yet_safe_is_held_back)
+TEST(KprobeRecords, WhatIsNotYetSafeIsHeldBack)
 {
     Fixture f;
     f.add_on("Kc");
@@ -57,7 +57,7 @@ TEST(KprobeRecords, what_is_not_yet_safe_is_held_back)
     EXPECT_FALSE(f.instance.sweep(1)) << "nothing came and nothing waits";
 }
 
-TEST(KprobeRecords, the_descriptor_is_readable_as_long_as_a_record_may_be_taken)
+TEST(KprobeRecords, TheDescriptorIsReadableAsLongAsARecordMayBeTaken)
 {
     Fixture f;
     f.add_on("Kc");
@@ -87,7 +87,7 @@ TEST(KprobeRecords, the_descriptor_is_readable_as_long_as_a_record_may_be_taken)
 
 /* ---- what becomes of each hit ---- */
 
-TEST(KprobeRecords, lost_in_the_ring)
+TEST(KprobeRecords, LostInTheRing)
 {
     Fixture f(true, {8192, 1 << 18}, {0});
     f.add_on("Kc");
@@ -102,7 +102,7 @@ TEST(KprobeRecords, lost_in_the_ring)
     EXPECT_EQ(kept + 1, f.losses().delivered);
 }
 
-TEST(KprobeRecords, lost_in_the_queue)
+TEST(KprobeRecords, LostInTheQueue)
 {
     Fixture f(true, {1 << 18, 4096}, {0});
     f.add_on("Kc");
@@ -116,7 +116,7 @@ TEST(KprobeRecords, lost_in_the_queue)
     EXPECT_EQ(9u, f.losses().delivered);
 }
 
-TEST(KprobeRecords, thrown_away)
+TEST(KprobeRecords, ThrownAway)
 {
     Fixture f;
     f.add_on("Kc");
@@ -130,7 +130,7 @@ TEST(KprobeRecords, thrown_away)
     EXPECT_EQ(0u, f.losses().delivered);
 }
 
-TEST(KprobeRecords, missed_by_the_kernel)
+TEST(KprobeRecords, MissedByTheKernel)
 {
     Fixture f;
     f.add_on("Kc");
@@ -139,7 +139,7 @@ TEST(KprobeRecords, missed_by_the_kernel)
     EXPECT_EQ(7u, f.losses().missed);
 }
 
-TEST(KprobeRecords, every_hit_is_accounted_for)
+TEST(KprobeRecords, EveryHitIsAccountedFor)
 {
     Fixture f(true, {16384, 8192});
     f.add_on("Kc");
@@ -171,7 +171,7 @@ TEST(KprobeRecords, every_hit_is_accounted_for)
     EXPECT_GT(losses.unreadable, 0u);
 }
 
-TEST(KprobeRecords, hits_of_a_probe_that_has_gone)
+TEST(KprobeRecords, HitsOfAProbeThatHasGone)
 {
     Fixture f;
     f.add_on("Kc");
@@ -189,7 +189,7 @@ TEST(KprobeRecords, hits_of_a_probe_that_has_gone)
 
 /* ---- callbacks ---- */
 
-TEST(KprobeRecords, callbacks_may_call_the_library)
+TEST(KprobeRecords, CallbacksMayCallTheLibrary)
 {
     Fixture f;
     current = &f;
@@ -216,7 +216,7 @@ TEST(KprobeRecords, callbacks_may_call_the_library)
     EXPECT_EQ(1, answers[3]);
 }
 
-TEST(KprobeRecords, let_go_in_a_fork)
+TEST(KprobeRecords, LetGoInAFork)
 {
     Fixture f;
     f.add_on("Kc");

@@ -43,7 +43,7 @@ struct Found {
 
 /* ---- texts ---- */
 
-TEST(KprobeTracefs, formats)
+TEST(KprobeTracefs, Formats)
 {
     const std::vector<RawField> fields = parse_format(
         "name: Kc_77\nID: 1582\nformat:\n"
@@ -64,7 +64,7 @@ TEST(KprobeTracefs, formats)
     EXPECT_EQ(32u, fields[1].size);
 }
 
-TEST(KprobeTracefs, formats_that_are_none)
+TEST(KprobeTracefs, FormatsThatAreNone)
 {
     EXPECT_TRUE(parse_format("").empty());
     EXPECT_TRUE(parse_format("\n\n").empty());
@@ -74,7 +74,7 @@ TEST(KprobeTracefs, formats_that_are_none)
             EXPECT_EQ(0u, field.size) << text;
 }
 
-TEST(KprobeTracefs, the_last_error_counts)
+TEST(KprobeTracefs, TheLastErrorCounts)
 {
     EXPECT_EQ("", last_error(""));
     EXPECT_EQ("", last_error("[ 1.0] trace_kprobe: warning: x\n"));
@@ -87,7 +87,7 @@ TEST(KprobeTracefs, the_last_error_counts)
 
 /* ---- groups ---- */
 
-TEST(KprobeTracefs, groups_tell_their_owner)
+TEST(KprobeTracefs, GroupsTellTheirOwner)
 {
     for (const Owner &owner : {Owner{1, 1}, Owner{77, 123456789}, Owner{INT_MAX, 9223372036854775807u}}) {
         Owner found;
@@ -100,7 +100,7 @@ TEST(KprobeTracefs, groups_tell_their_owner)
     EXPECT_NE(group_name({77, 5}, 1, "a"), group_name({77, 5}, 2, "a"));
 }
 
-TEST(KprobeTracefs, hostile_names_of_instances)
+TEST(KprobeTracefs, HostileNamesOfInstances)
 {
     for (const char *name : {"a/../../b", "-:x", "a b\nc", "\xff\xfe", "", "%n%s", "orx_1_2_3_"}) {
         const std::string group = group_of({77, 5}, name);
@@ -111,7 +111,7 @@ TEST(KprobeTracefs, hostile_names_of_instances)
     }
 }
 
-TEST(KprobeTracefs, groups_that_are_not_ours)
+TEST(KprobeTracefs, GroupsThatAreNotOurs)
 {
     for (const char *group : {"", "orx", "orx_", "orx_1", "orx_1_", "orx_1_2", "orx_1_2_", "orx_1_2_3", "orx__2_3_x",
                               "kprobes", "orx_clt_file", "orx_a_2_3_x", "orx_1_2_x_3", "xorx_1_2_3_x", "orx_-1_2_3_x",
@@ -121,7 +121,7 @@ TEST(KprobeTracefs, groups_that_are_not_ours)
     }
 }
 
-TEST(KprobeTracefs, who_is_alive)
+TEST(KprobeTracefs, WhoIsAlive)
 {
     const Owner self = current_owner();
     EXPECT_EQ(getpid(), self.pid);
@@ -134,7 +134,7 @@ TEST(KprobeTracefs, who_is_alive)
 }
 
 /* A program's name is whatever it wants. */
-TEST(KprobeTracefs, start_times_behind_any_name)
+TEST(KprobeTracefs, StartTimesBehindAnyName)
 {
     KernelDouble kernel;
     const std::string rest = "S 1 2 3 4 5 6 7 8 9 10 11 12 13 14 15 16 17 18 424242 20 21\n";
@@ -150,7 +150,7 @@ TEST(KprobeTracefs, start_times_behind_any_name)
 
 /* ---- control files ---- */
 
-TEST(KprobeTracefs, where_it_cannot_be_found)
+TEST(KprobeTracefs, WhereItCannotBeFound)
 {
     KernelDouble kernel;
     Tracefs tracefs;
@@ -175,7 +175,7 @@ TEST(KprobeTracefs, where_it_cannot_be_found)
     EXPECT_NE(std::string::npos, why.find("Device or resource busy")) << why;
 }
 
-TEST(KprobeTracefs, a_kernel_without_probes)
+TEST(KprobeTracefs, AKernelWithoutProbes)
 {
     Found found;
     found.kernel.no_file(found.kernel.tracing("kprobe_events"));
@@ -183,7 +183,7 @@ TEST(KprobeTracefs, a_kernel_without_probes)
     EXPECT_EQ("this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)", found.why);
 }
 
-TEST(KprobeTracefs, definitions)
+TEST(KprobeTracefs, Definitions)
 {
     Found found;
     found.define("p:g/one vfs_link a=%di:u32");
@@ -200,7 +200,7 @@ TEST(KprobeTracefs, definitions)
     EXPECT_EQ(-ENOENT, found.tracefs.remove("g", "one"));
 }
 
-TEST(KprobeTracefs, refusals_in_the_kernels_words)
+TEST(KprobeTracefs, RefusalsInTheKernelsWords)
 {
     Found found;
     found.kernel.refuse("nowhere", "Invalid probed address or symbol");
@@ -212,7 +212,7 @@ TEST(KprobeTracefs, refusals_in_the_kernels_words)
     EXPECT_EQ("No space left on device", found.why);
 }
 
-TEST(KprobeTracefs, filters_are_tried)
+TEST(KprobeTracefs, FiltersAreTried)
 {
     Found found;
     found.define("p:g/one vfs_link a=%di:u32");
@@ -220,7 +220,7 @@ TEST(KprobeTracefs, filters_are_tried)
     EXPECT_EQ("Invalid argument", found.tracefs.filter_error("g", "one", "a==1")) << "a filter that is good there";
 }
 
-TEST(KprobeTracefs, misses)
+TEST(KprobeTracefs, Misses)
 {
     Found found;
     EXPECT_EQ(0u, found.tracefs.missed("Kc_7"));
@@ -231,7 +231,7 @@ TEST(KprobeTracefs, misses)
     EXPECT_EQ(9u, found.tracefs.missed("Kc_77"));
 }
 
-TEST(KprobeTracefs, orphans)
+TEST(KprobeTracefs, Orphans)
 {
     Found found;
     const Owner self = current_owner();
@@ -246,7 +246,7 @@ TEST(KprobeTracefs, orphans)
     EXPECT_EQ(0, found.tracefs.remove_orphans());
 }
 
-TEST(KprobeTracefs, lists_of_definitions_that_are_odd)
+TEST(KprobeTracefs, ListsOfDefinitionsThatAreOdd)
 {
     Found found;
     const std::string dead = group_of({dead_process(), 55});
@@ -257,7 +257,7 @@ TEST(KprobeTracefs, lists_of_definitions_that_are_odd)
     EXPECT_EQ(1, found.tracefs.remove_orphans()) << "of a kind with a number";
 }
 
-TEST(KprobeTracefs, arrays)
+TEST(KprobeTracefs, Arrays)
 {
     Found found;
     EXPECT_TRUE(found.tracefs.knows_arrays());
@@ -265,7 +265,7 @@ TEST(KprobeTracefs, arrays)
     EXPECT_FALSE(found.tracefs.knows_arrays());
 }
 
-TEST(KprobeTracefs, files)
+TEST(KprobeTracefs, Files)
 {
     testlib::TempTree tree;
     const std::string long_text(100000, 'x'), path = tree.file("f", long_text);

@@ -74,7 +74,7 @@ const std::vector<Kernel> kernels = {{"5.10 amd64", amd64_5_10()},
 
 }  // namespace
 
-TEST(KprobeTranslate, file_texts_of_64_bits)
+TEST(KprobeTranslate, FileTextsOf64Bits)
 {
     for (const Facts &facts : {amd64_5_10(), amd64_6_1()}) {
         const std::string si = " mnt=+16(+104(%si)):u32" + names64("%si"),
@@ -89,7 +89,7 @@ TEST(KprobeTranslate, file_texts_of_64_bits)
     }
 }
 
-TEST(KprobeTranslate, file_texts_of_32_bits)
+TEST(KprobeTranslate, FileTextsOf32Bits)
 {
     for (const Facts &facts : {i386_5_10(), i386_6_1()}) {
         const std::string dx = " mnt=+8(+84(%dx)):u32" + names32("%dx"), ax = " mnt=+8(+84(%ax)):u32" + names32("%ax");
@@ -103,7 +103,7 @@ TEST(KprobeTranslate, file_texts_of_32_bits)
     }
 }
 
-TEST(KprobeTranslate, inotify_texts)
+TEST(KprobeTranslate, InotifyTexts)
 {
     const struct {
         Facts facts;
@@ -136,7 +136,7 @@ TEST(KprobeTranslate, inotify_texts)
     EXPECT_EQ(24u, plan.pieces[4].to);
 }
 
-TEST(KprobeTranslate, short_inotify_names_stay_short)
+TEST(KprobeTranslate, ShortInotifyNamesStayShort)
 {
     const Plan plan = plan_of(inotify_probe_of(true, 2, 6), amd64_6_1());
     EXPECT_EQ(32u, plan.size);
@@ -144,7 +144,7 @@ TEST(KprobeTranslate, short_inotify_names_stay_short)
 }
 
 /* What the kernel refuses, and what the monitor's records are. */
-TEST(KprobeTranslate, limits_and_records)
+TEST(KprobeTranslate, LimitsAndRecords)
 {
     for (const Kernel &kernel : kernels)
         for (const bool arrays : {true, false})
@@ -166,7 +166,7 @@ TEST(KprobeTranslate, limits_and_records)
 }
 
 /* No byte is written twice, and none is left but behind the outermost ancestor's first word. */
-TEST(KprobeTranslate, pieces_tile_the_record)
+TEST(KprobeTranslate, PiecesTileTheRecord)
 {
     for (const Kernel &kernel : kernels)
         for (const bool arrays : {true, false}) {
@@ -192,7 +192,7 @@ TEST(KprobeTranslate, pieces_tile_the_record)
         }
 }
 
-TEST(KprobeTranslate, without_hooks)
+TEST(KprobeTranslate, WithoutHooks)
 {
     const Facts facts = without(amd64_6_1(), "security_");
     EXPECT_EQ("p:g/Krf d_move mnt=+16(+104(%di)):u32" + names64("%di"), command_of("Krf", facts));
@@ -202,14 +202,14 @@ TEST(KprobeTranslate, without_hooks)
         EXPECT_TRUE(is_refused(file_probe(true, name), facts)) << "nobody knows which argument it is there";
 }
 
-TEST(KprobeTranslate, before_4_9_creations_are_asked_for_elsewhere)
+TEST(KprobeTranslate, Before49CreationsAreAskedForElsewhere)
 {
     const auto probes = testlib::file_probes(true, "", true);
     EXPECT_EQ("vfs_create", probes[0].point);
     EXPECT_EQ("security_inode_create", plan_of(probes[0], amd64_6_1()).point);
 }
 
-TEST(KprobeTranslate, where_a_layout_is_unknown_nothing_is_placed)
+TEST(KprobeTranslate, WhereALayoutIsUnknownNothingIsPlaced)
 {
     Facts no_layout = amd64_5_10(), no_mark = amd64_5_10(), no_group = amd64_5_10(), no_file = amd64_5_10();
     no_layout.dentry.s_dev = kUnknown;
@@ -225,7 +225,7 @@ TEST(KprobeTranslate, where_a_layout_is_unknown_nothing_is_placed)
     EXPECT_TRUE(can_watch_inotify(amd64_5_10()));
 }
 
-TEST(KprobeTranslate, kernels_that_hand_the_path_on_before_the_entry)
+TEST(KprobeTranslate, KernelsThatHandThePathOnBeforeTheEntry)
 {
     Facts facts = amd64_5_10();
     facts.new_parent = false;
@@ -233,7 +233,7 @@ TEST(KprobeTranslate, kernels_that_hand_the_path_on_before_the_entry)
               command_of("Km", facts));
 }
 
-TEST(KprobeTranslate, other_definitions_as_written)
+TEST(KprobeTranslate, OtherDefinitionsAsWritten)
 {
     const Plan plan = plan_of({"do_exit", "Kx", "a=%di b=+8(%si):u16 c=\\7:u8 d=%sp:s64", ""}, i386_6_1());
     EXPECT_EQ("p:g/Kx do_exit a=%di b=+8(%si):u16 c=\\7:u8 d=%sp:s64", plan.command("g", "Kx"));
@@ -249,7 +249,7 @@ TEST(KprobeTranslate, other_definitions_as_written)
     EXPECT_NE(std::string::npos, why.find("string")) << why;
 }
 
-TEST(KprobeTranslate, a_file_record_at_an_unknown_function_is_refused)
+TEST(KprobeTranslate, AFileRecordAtAnUnknownFunctionIsRefused)
 {
     testlib::ModuleProbe probe = file_probe(true, "Kc");
     probe.point = "vfs_mkdir";
