@@ -39,7 +39,7 @@ TEST(ContainerLibCgroup, EveryNamingSchemeIsUnderstood)
         "/docker/" + kA + " (deleted)",
     };
     for (const std::string &path : paths)
-        EXPECT_EQ(container::chain_of_path(path), Chain{kA}) << path;
+        EXPECT_EQ(Chain{kA}, container::chain_of_path(path)) << path;
 }
 
 TEST(ContainerLibCgroup, HostsProcessesAreInNone)
@@ -58,15 +58,15 @@ TEST(ContainerLibCgroup, HostsProcessesAreInNone)
                                  "/:" + kA,
                                  "/dockers-" + kA};
     for (const std::string &path : paths)
-        EXPECT_EQ(container::chain_of_path(path), Chain{}) << path;
+        EXPECT_EQ(Chain{}, container::chain_of_path(path)) << path;
 }
 
 TEST(ContainerLibCgroup, NestedOnesAreListedFromOutside)
 {
-    EXPECT_EQ(container::chain_of_path("/docker/" + kA + "/docker/" + kB), (Chain{kA, kB}));
-    EXPECT_EQ(container::chain_of_path("/system.slice/docker-" + kA + ".scope/kubepods/crio-" + kB + ".scope/x"),
-              (Chain{kA, kB}));
-    EXPECT_EQ(container::chain_of_path("/docker/" + kA + "/docker-" + kA + ".scope"), Chain{kA});
+    EXPECT_EQ((Chain{kA, kB}), container::chain_of_path("/docker/" + kA + "/docker/" + kB));
+    EXPECT_EQ((Chain{kA, kB}),
+              container::chain_of_path("/system.slice/docker-" + kA + ".scope/kubepods/crio-" + kB + ".scope/x"));
+    EXPECT_EQ(Chain{kA}, container::chain_of_path("/docker/" + kA + "/docker-" + kA + ".scope"));
 }
 
 TEST(ContainerLibCgroup, DepthIsBounded)
@@ -74,16 +74,16 @@ TEST(ContainerLibCgroup, DepthIsBounded)
     std::string path;
     for (unsigned i = 0; i < 100; i++)
         path += "/" + made_id(i);
-    EXPECT_EQ(container::chain_of_path(path).size(), 8u);
+    EXPECT_EQ(8u, container::chain_of_path(path).size());
 }
 
 TEST(ContainerLibCgroup, FirstHierarchyThatNamesOneCounts)
 {
-    EXPECT_EQ(container::parse_cgroup("12:pids:/\n11:memory:/docker/" + kA + "\n0::/docker/" + kB + "\n").chain,
-              Chain{kA});
-    EXPECT_EQ(container::parse_cgroup("0::/docker/" + kA).chain, Chain{kA}) << "without a newline";
-    EXPECT_EQ(container::parse_cgroup("1:name=systemd:/\n0::/\n").chain, Chain{});
-    EXPECT_EQ(container::parse_cgroup("5:cpu,cpuacct:/a:b/docker/" + kA + "\n").chain, Chain{kA})
+    EXPECT_EQ(Chain{kA},
+              container::parse_cgroup("12:pids:/\n11:memory:/docker/" + kA + "\n0::/docker/" + kB + "\n").chain);
+    EXPECT_EQ(Chain{kA}, container::parse_cgroup("0::/docker/" + kA).chain) << "without a newline";
+    EXPECT_EQ(Chain{}, container::parse_cgroup("1:name=systemd:/\n0::/\n").chain);
+    EXPECT_EQ(Chain{kA}, container::parse_cgroup("5:cpu,cpuacct:/a:b/docker/" + kA + "\n").chain)
         << "a colon in a name";
 }
 
@@ -91,18 +91,18 @@ TEST(ContainerLibCgroup, PlacesEndWithTheNameThatTells)
 {
     const std::string path = "/a/docker-" + kA + ".scope/b/" + kB;
     const container::Group group = container::parse_cgroup("3:cpu:/\n1:name=systemd:" + path + "/c (deleted)\n");
-    ASSERT_EQ(group.chain, (Chain{kA, kB}));
-    EXPECT_EQ(group.hierarchy, "systemd");
-    EXPECT_EQ(group.place(0), "/a/docker-" + kA + ".scope");
+    ASSERT_EQ((Chain{kA, kB}), group.chain);
+    EXPECT_EQ("systemd", group.hierarchy);
+    EXPECT_EQ("/a/docker-" + kA + ".scope", group.place(0));
     EXPECT_EQ(group.place(1), path);
     EXPECT_EQ(container::parse_cgroup("0::" + path + " (deleted)\n").place(1), path);
 }
 
 TEST(ContainerLibCgroup, LabelsTellTheMaker)
 {
-    EXPECT_EQ(container::label_of(kA, 0), kA);
-    EXPECT_EQ(container::label_of(kA, 1000), kA + "@1000");
-    EXPECT_EQ(container::label_of(kA, UINT32_MAX).size(), container::kMaxLabel);
+    EXPECT_EQ(kA, container::label_of(kA, 0));
+    EXPECT_EQ(kA + "@1000", container::label_of(kA, 1000));
+    EXPECT_EQ(container::kMaxLabel, container::label_of(kA, UINT32_MAX).size());
     for (const std::string &label : {kA, kA + "@1", kA + "@4294967295"})
         EXPECT_TRUE(container::is_label(label)) << label;
     for (const std::string &label : {std::string(), kA.substr(1), kA + "@", kA + "@x", kA + "@01", kA + "@-1", kA + "1",
@@ -119,18 +119,18 @@ TEST(ContainerLibCgroup, MakersOfGroups)
         return container::maker_of(container::parse_cgroup(line), tree.root());
     };
     const std::string scope = "/docker-" + kA + ".scope";
-    EXPECT_EQ(maker("0::/user.slice/user-1000.slice/user@1000.service/app.slice" + scope), 1000u);
-    EXPECT_EQ(maker("0::/../../user@1000.service" + scope), 1000u) << "seen from another group";
-    EXPECT_EQ(maker("0::/user.slice/user-0.slice/user@0.service" + scope), 0u) << "root's own";
-    EXPECT_EQ(maker("0::/user.slice/user-1000.slice" + scope), 0u) << "which only root makes";
-    EXPECT_EQ(maker("0::/system.slice/user@x.service" + scope), 0u);
-    EXPECT_EQ(maker("0::" + scope + "/user@1000.service"), 0u) << "a name that was given inside";
-    EXPECT_EQ(maker("0::/nothing/in/sight" + scope), 0u);
-    EXPECT_EQ(maker("0::/"), 0u);
+    EXPECT_EQ(1000u, maker("0::/user.slice/user-1000.slice/user@1000.service/app.slice" + scope));
+    EXPECT_EQ(1000u, maker("0::/../../user@1000.service" + scope)) << "seen from another group";
+    EXPECT_EQ(0u, maker("0::/user.slice/user-0.slice/user@0.service" + scope)) << "root's own";
+    EXPECT_EQ(0u, maker("0::/user.slice/user-1000.slice" + scope)) << "which only root makes";
+    EXPECT_EQ(0u, maker("0::/system.slice/user@x.service" + scope));
+    EXPECT_EQ(0u, maker("0::" + scope + "/user@1000.service")) << "a name that was given inside";
+    EXPECT_EQ(0u, maker("0::/nothing/in/sight" + scope));
+    EXPECT_EQ(0u, maker("0::/"));
     const uint32_t user = world.make_users_directory("sys/fs/cgroup/two/of" + scope);
     EXPECT_EQ(maker("0::/two/of" + scope), user);
-    EXPECT_EQ(maker("5:pids:/two/of" + scope), 0u) << "another hierarchy";
-    EXPECT_EQ(maker("0::/two/of/../of" + scope), 0u) << "not looked for where it leads out";
+    EXPECT_EQ(0u, maker("5:pids:/two/of" + scope)) << "another hierarchy";
+    EXPECT_EQ(0u, maker("0::/two/of/../of" + scope)) << "not looked for where it leads out";
     world.make_users_directory("sys/fs/cgroup/pids/one");
     EXPECT_EQ(maker("5:pids:/one/of" + scope), user);
     world.make_users_directory("sys/fs/cgroup/unified/both");
@@ -141,8 +141,8 @@ TEST(ContainerLibCgroup, RubbishIsNoContainer)
 {
     for (const std::string &text : {std::string(), std::string("\n\n\n"), std::string(":::"), std::string(100000, '/'),
                                     std::string(100000, ':'), std::string(64, '\0'), "0:" + kA, kA})
-        EXPECT_EQ(container::parse_cgroup(text).chain, Chain{});
-    EXPECT_EQ(container::parse_cgroup(std::string(64, '\n') + "0::/docker/" + kA).chain, Chain{}) << "too many lines";
+        EXPECT_EQ(Chain{}, container::parse_cgroup(text).chain);
+    EXPECT_EQ(Chain{}, container::parse_cgroup(std::string(64, '\n') + "0::/docker/" + kA).chain) << "too many lines";
 }
 
 /* As they were on machines, one file a scheme; the id is the same in all. */

@@ -19,16 +19,16 @@ Details stored(char digit) { return container::read_details(FMON_TEST_DATA "/eng
 TEST(ContainerLibDetails, Docker)
 {
     const Details web = stored('a');
-    EXPECT_EQ(web.name, "web");
-    EXPECT_EQ(web.repository, "registry.example:5000/team");
-    EXPECT_EQ(web.image_name, "nginx");
-    EXPECT_EQ(web.image_tag, "1.25");
-    EXPECT_EQ(web.image_id, "sha256:" + std::string(64, '5'));
-    EXPECT_EQ(web.user, "101:101");
-    EXPECT_EQ(web.ports, "0.0.0.0:8080->80/tcp,:::8080->80/tcp");
-    EXPECT_EQ(web.mounts, "/srv/www:/usr/share/nginx/html");
-    EXPECT_EQ(web.capability, "CAP_NET_ADMIN,CAP_SYS_TIME");
-    EXPECT_EQ(web.name_space, "");
+    EXPECT_EQ("web", web.name);
+    EXPECT_EQ("registry.example:5000/team", web.repository);
+    EXPECT_EQ("nginx", web.image_name);
+    EXPECT_EQ("1.25", web.image_tag);
+    EXPECT_EQ("sha256:" + std::string(64, '5'), web.image_id);
+    EXPECT_EQ("101:101", web.user);
+    EXPECT_EQ("0.0.0.0:8080->80/tcp,:::8080->80/tcp", web.ports);
+    EXPECT_EQ("/srv/www:/usr/share/nginx/html", web.mounts);
+    EXPECT_EQ("CAP_NET_ADMIN,CAP_SYS_TIME", web.capability);
+    EXPECT_EQ("", web.name_space);
     EXPECT_FALSE(web.privileged);
     EXPECT_TRUE(web.running);
     EXPECT_FALSE(web.paused);
@@ -37,12 +37,12 @@ TEST(ContainerLibDetails, Docker)
 TEST(ContainerLibDetails, ContainerdOfACluster)
 {
     const Details app = stored('b');
-    EXPECT_EQ(app.name, "app");
-    EXPECT_EQ(app.name_space, "shop");
-    EXPECT_EQ(app.repository + " " + app.image_name + " " + app.image_tag, "docker.io/library redis 7.2");
-    EXPECT_EQ(app.user, "0");
-    EXPECT_EQ(app.mounts, "/var/lib/kubelet/pods/1/etc-hosts:/etc/hosts");
-    EXPECT_EQ(app.capability, "CAP_NET_ADMIN");
+    EXPECT_EQ("app", app.name);
+    EXPECT_EQ("shop", app.name_space);
+    EXPECT_EQ("docker.io/library redis 7.2", app.repository + " " + app.image_name + " " + app.image_tag);
+    EXPECT_EQ("0", app.user);
+    EXPECT_EQ("/var/lib/kubelet/pods/1/etc-hosts:/etc/hosts", app.mounts);
+    EXPECT_EQ("CAP_NET_ADMIN", app.capability);
     EXPECT_FALSE(app.privileged);
     EXPECT_TRUE(app.known);
 }
@@ -50,30 +50,30 @@ TEST(ContainerLibDetails, ContainerdOfACluster)
 TEST(ContainerLibDetails, CriO)
 {
     const Details cache = stored('c');
-    EXPECT_EQ(cache.name, "k8s_cache_pod_shop_1_0");
-    EXPECT_EQ(cache.name_space, "shop");
-    EXPECT_EQ(cache.image_id, std::string(64, '8'));
-    EXPECT_EQ(cache.repository + " " + cache.image_name + " " + cache.image_tag, "quay.io/team cache 3");
-    EXPECT_EQ(cache.capability, "");
+    EXPECT_EQ("k8s_cache_pod_shop_1_0", cache.name);
+    EXPECT_EQ("shop", cache.name_space);
+    EXPECT_EQ(std::string(64, '8'), cache.image_id);
+    EXPECT_EQ("quay.io/team cache 3", cache.repository + " " + cache.image_name + " " + cache.image_tag);
+    EXPECT_EQ("", cache.capability);
 }
 
 TEST(ContainerLibDetails, Podman)
 {
     const Details db = stored('d');
-    EXPECT_EQ(db.name, "db");
-    EXPECT_EQ(db.image_name + ":" + db.image_tag, "postgres:16");
-    EXPECT_EQ(db.user, "postgres");
-    EXPECT_EQ(db.mounts, "/srv/db:/var/lib/postgresql/data,/etc/a:/etc/b");
-    EXPECT_EQ(db.capability, "CAP_SYS_ADMIN,CAP_SYS_MODULE");
+    EXPECT_EQ("db", db.name);
+    EXPECT_EQ("postgres:16", db.image_name + ":" + db.image_tag);
+    EXPECT_EQ("postgres", db.user);
+    EXPECT_EQ("/srv/db:/var/lib/postgresql/data,/etc/a:/etc/b", db.mounts);
+    EXPECT_EQ("CAP_SYS_ADMIN,CAP_SYS_MODULE", db.capability);
     EXPECT_TRUE(db.privileged);
     EXPECT_TRUE(db.running);
 }
 
 TEST(ContainerLibDetails, PlainRuntimes)
 {
-    EXPECT_EQ(stored('e').user, "33");
+    EXPECT_EQ("33", stored('e').user);
     EXPECT_TRUE(stored('e').running);
-    EXPECT_EQ(stored('f').user, "33");
+    EXPECT_EQ("33", stored('f').user);
     EXPECT_TRUE(stored('f').known);
     EXPECT_FALSE(stored('f').running);
 }
@@ -82,7 +82,7 @@ TEST(ContainerLibDetails, UnknownOnesAreEmpty)
 {
     const Details none = stored('0');
     EXPECT_FALSE(none.known);
-    EXPECT_EQ(none.name + none.user + none.image_id, "");
+    EXPECT_EQ("", none.name + none.user + none.image_id);
     EXPECT_FALSE(container::read_details("/nowhere/at/all", made_id(1)).known);
 }
 
@@ -141,18 +141,18 @@ TEST_F(ContainerLibHostileFiles, BrokenOnesCountAsNone)
 TEST_F(ContainerLibHostileFiles, MembersOfOtherKindsCountAsNone)
 {
     for (const char *text : {"[]", "1", "\"x\"", "true", "{}"})
-        EXPECT_EQ(docker(text).name, "") << text;
+        EXPECT_EQ("", docker(text).name) << text;
     const Details odd = docker(R"({"Name":5,"Config":[],"State":"x","MountPoints":[{}],"Image":{},
         "NetworkSettings":{"Ports":{"1":5,"2":[5,{"HostPort":[]}],"3":null}}})");
-    EXPECT_EQ(odd.name + odd.user + odd.image_id + odd.mounts, "");
-    EXPECT_EQ(odd.ports, ":->2,:->2");
+    EXPECT_EQ("", odd.name + odd.user + odd.image_id + odd.mounts);
+    EXPECT_EQ(":->2,:->2", odd.ports);
     EXPECT_TRUE(docker(R"({"MountPoints":{"/a":7,"/b":null}})").known);
 }
 
 TEST_F(ContainerLibHostileFiles, TextsAreCut)
 {
     EXPECT_EQ(docker(R"({"Name":"/a\u0000b"})").name, "a");
-    EXPECT_EQ(docker("{\"Name\":\"" + std::string(100'000, 'n') + "\"}").name.size(), container::kMaxText);
+    EXPECT_EQ(container::kMaxText, docker("{\"Name\":\"" + std::string(100'000, 'n') + "\"}").name.size());
     std::string mounts;
     for (int i = 0; i < 20'000; i++)
         mounts += (i ? ",\"/" : "\"/") + std::to_string(i) + "\":{\"Source\":\"/source/of/a/mount/from/outside\"}";
@@ -175,13 +175,13 @@ TEST_F(ContainerLibHostileFiles, EnginesFolderMayBeALinkThatStaysInside)
     tree.dir("var/lib");
     tree.file("data/docker/containers/" + kId + "/config.v2.json", R"({"Name":"/web"})");
     tree.link("var/lib/docker", "/data/docker");
-    EXPECT_EQ(container::read_details(tree.root(), kId).name, "web");
+    EXPECT_EQ("web", container::read_details(tree.root(), kId).name);
 }
 
 TEST_F(ContainerLibHostileFiles, PipesAndFoldersDoNotBlock)
 {
     tree.dir(kFolder);
-    ASSERT_EQ(mkfifo(tree.path(kConfig).c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(tree.path(kConfig).c_str(), 0600));
     EXPECT_FALSE(container::read_details(tree.root(), kId).known);
     tree.remove(kConfig);
     tree.dir(kConfig);
@@ -193,10 +193,10 @@ TEST_F(ContainerLibHostileFiles, BundlesDoNotLeadOut)
     tree.file("srv/config.json", R"({"process":{"user":{"username":"outside"}}})");
     for (const char *bundle : {"/run/../srv", "srv", "..", "/..", ""}) {
         world.write("run/crun/" + kId + "/status", std::string(R"({"pid":1,"bundle":")") + bundle + "\"}");
-        EXPECT_EQ(container::read_details(tree.root(), kId).user, "") << bundle;
+        EXPECT_EQ("", container::read_details(tree.root(), kId).user) << bundle;
     }
     world.write("run/crun/" + kId + "/status", R"({"pid":1,"bundle":"//srv"})");
-    EXPECT_EQ(container::read_details(tree.root(), kId).user, "outside");
+    EXPECT_EQ("outside", container::read_details(tree.root(), kId).user);
 }
 
 }  // namespace

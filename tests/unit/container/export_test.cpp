@@ -51,24 +51,24 @@ struct Info {
 TEST_F(ContainerLibExport, MountsHaveTheirContainers)
 {
     EXPECT_EQ(owner("30"), made_id(1) + " 20");
-    EXPECT_EQ(owner("1"), "host");
+    EXPECT_EQ("host", owner("1"));
     EXPECT_EQ(owner("31"), made_id(1) + " 20");
 }
 
 TEST_F(ContainerLibExport, OddIdsAreTheHosts)
 {
     for (const char *id : {"", " 30", "30 ", "-30", "0x1e", "host", "18446744073709551616", "../30"})
-        EXPECT_EQ(_orx_get_container_mount(id), nullptr) << id;
-    EXPECT_EQ(_orx_get_container_mount(nullptr), nullptr);
+        EXPECT_EQ(nullptr, _orx_get_container_mount(id)) << id;
+    EXPECT_EQ(nullptr, _orx_get_container_mount(nullptr));
     for (const char *id : {"", "host", "30", "../../../etc"})
-        EXPECT_EQ(_orx_get_container_info(id), nullptr) << id;
-    EXPECT_EQ(_orx_get_container_info(nullptr), nullptr);
+        EXPECT_EQ(nullptr, _orx_get_container_info(id)) << id;
+    EXPECT_EQ(nullptr, _orx_get_container_info(nullptr));
     _orx_free_container_info(nullptr);
 }
 
 TEST_F(ContainerLibExport, NewContainersAreFoundWithinASecond)
 {
-    EXPECT_EQ(owner("50"), "host");
+    EXPECT_EQ("host", owner("50"));
     world.add({40, 102, "/docker/" + made_id(2), {51}});
     testlib::pass_time(std::chrono::seconds(1));
     EXPECT_EQ(owner("51"), made_id(2) + " 40");
@@ -83,11 +83,11 @@ TEST_F(ContainerLibExport, WhatIsNotKnownIsEmpty)
          {info.record->mounts, info.record->user, info.record->container_namespace, info.record->image_id,
           info.record->image_name, info.record->image_tag, info.record->repository, info.record->container_name,
           info.record->capability, info.record->ports_binding})
-        EXPECT_STREQ(text, "");
-    EXPECT_EQ(info.record->privileged, 0);
-    EXPECT_EQ(info.record->status, ORX_CONTAINER_RUNNING);
-    EXPECT_EQ(info.record->init_pid, 20);
-    EXPECT_EQ(Info(made_id(9)).record, nullptr);
+        EXPECT_STREQ("", text);
+    EXPECT_EQ(0, info.record->privileged);
+    EXPECT_EQ(ORX_CONTAINER_RUNNING, info.record->status);
+    EXPECT_EQ(20, info.record->init_pid);
+    EXPECT_EQ(nullptr, Info(made_id(9)).record);
 }
 
 TEST_F(ContainerLibExport, DetailsComeFromTheDisk)
@@ -96,13 +96,13 @@ TEST_F(ContainerLibExport, DetailsComeFromTheDisk)
     world.add({20, 101, "/docker/" + std::string(64, 'a'), {30}});
     const Info running(std::string(64, 'a')), ended(std::string(64, 'f'));
     ASSERT_TRUE(running.record && ended.record);
-    EXPECT_STREQ(running.record->container_name, "web");
-    EXPECT_STREQ(running.record->image_tag, "1.25");
-    EXPECT_STREQ(running.record->ports_binding, "0.0.0.0:8080->80/tcp,:::8080->80/tcp");
-    EXPECT_EQ(running.record->init_pid, 20);
-    EXPECT_EQ(running.record->status, ORX_CONTAINER_RUNNING);
-    EXPECT_EQ(ended.record->init_pid, 0);
-    EXPECT_EQ(ended.record->status, ORX_CONTAINER_ENDED);
+    EXPECT_STREQ("web", running.record->container_name);
+    EXPECT_STREQ("1.25", running.record->image_tag);
+    EXPECT_STREQ("0.0.0.0:8080->80/tcp,:::8080->80/tcp", running.record->ports_binding);
+    EXPECT_EQ(20, running.record->init_pid);
+    EXPECT_EQ(ORX_CONTAINER_RUNNING, running.record->status);
+    EXPECT_EQ(0, ended.record->init_pid);
+    EXPECT_EQ(ORX_CONTAINER_ENDED, ended.record->status);
 }
 
 TEST_F(ContainerLibExport, PausedOnesAreNotUsable)
@@ -111,7 +111,7 @@ TEST_F(ContainerLibExport, PausedOnesAreNotUsable)
                 R"({"Name":"/web","State":{"Running":true,"Paused":true}})");
     const Info info(made_id(1));
     ASSERT_TRUE(info.record);
-    EXPECT_EQ(info.record->status, ORX_CONTAINER_PAUSED);
+    EXPECT_EQ(ORX_CONTAINER_PAUSED, info.record->status);
 }
 
 /* An id that a container gave to one inside it must not bring up the details of the host's container. */
@@ -119,10 +119,10 @@ TEST_F(ContainerLibExport, NestedOnesDoNotBorrowDetails)
 {
     orx_container_set_roots(world.proc().c_str(), FMON_TEST_DATA "/engines");
     world.add({21, 102, "/docker/" + made_id(1) + "/docker/" + std::string(64, 'a'), {33}});
-    EXPECT_EQ(owner("33"), std::string(64, 'a') + " 21");
+    EXPECT_EQ(std::string(64, 'a') + " 21", owner("33"));
     const Info info(std::string(64, 'a'));
     ASSERT_TRUE(info.record);
-    EXPECT_STREQ(info.record->container_name, "");
+    EXPECT_STREQ("", info.record->container_name);
 }
 
 /* A user's group that is called like a container of the host's, which has ended. */
@@ -130,49 +130,49 @@ TEST_F(ContainerLibExport, UsersGroupsDoNotBorrowDetails)
 {
     orx_container_set_roots(world.proc().c_str(), FMON_TEST_DATA "/engines");
     world.add({21, 102, "/user@1000.service/docker-" + std::string(64, 'a') + ".scope", {33}});
-    EXPECT_EQ(owner("33"), std::string(64, 'a') + "@1000 21");
+    EXPECT_EQ(std::string(64, 'a') + "@1000 21", owner("33"));
     const Info info(std::string(64, 'a') + "@1000"), ended(std::string(64, 'a') + "@1001");
     ASSERT_TRUE(info.record);
-    EXPECT_STREQ(info.record->container_name, "");
-    EXPECT_EQ(info.record->init_pid, 21);
+    EXPECT_STREQ("", info.record->container_name);
+    EXPECT_EQ(21, info.record->init_pid);
     EXPECT_FALSE(ended.record);
 }
 
 TEST_F(ContainerLibExport, ContainerOfAProcess)
 {
     char id[76];
-    EXPECT_EQ(orx_container_of_process(20, id, sizeof id), 0);
+    EXPECT_EQ(0, orx_container_of_process(20, id, sizeof id));
     EXPECT_EQ(id, made_id(1));
     world.add({21, 102, "/docker/" + made_id(1) + "/docker-" + made_id(2) + ".scope", {}});
-    EXPECT_EQ(orx_container_of_process(21, id, sizeof id), 0);
+    EXPECT_EQ(0, orx_container_of_process(21, id, sizeof id));
     EXPECT_EQ(id, made_id(1)) << "names within it are its own choice";
     world.add({22, 102, "/user@4294967294.service/docker-" + made_id(2) + ".scope", {}});
-    EXPECT_EQ(orx_container_of_process(22, id, sizeof id), 0);
+    EXPECT_EQ(0, orx_container_of_process(22, id, sizeof id));
     EXPECT_EQ(id, made_id(2) + "@4294967294");
-    EXPECT_EQ(orx_container_of_process(1, id, sizeof id), -ENOENT);
-    EXPECT_STREQ(id, "");
-    EXPECT_EQ(orx_container_of_process(555, id, sizeof id), -ENOENT);
-    EXPECT_EQ(orx_container_of_process(-1, id, sizeof id), -EINVAL);
-    EXPECT_EQ(orx_container_of_process(20, nullptr, 5), -EINVAL);
+    EXPECT_EQ(-ENOENT, orx_container_of_process(1, id, sizeof id));
+    EXPECT_STREQ("", id);
+    EXPECT_EQ(-ENOENT, orx_container_of_process(555, id, sizeof id));
+    EXPECT_EQ(-EINVAL, orx_container_of_process(-1, id, sizeof id));
+    EXPECT_EQ(-EINVAL, orx_container_of_process(20, nullptr, 5));
 }
 
 TEST_F(ContainerLibExport, Census)
 {
     struct orx_container_census census;
-    EXPECT_EQ(orx_container_survey(&census), 0);
-    EXPECT_EQ(census.containers, 1u);
-    EXPECT_EQ(census.mounts, 4u);
-    EXPECT_EQ(census.processes, 2u);
-    EXPECT_EQ(orx_container_survey(nullptr), -EINVAL);
+    EXPECT_EQ(0, orx_container_survey(&census));
+    EXPECT_EQ(1u, census.containers);
+    EXPECT_EQ(4u, census.mounts);
+    EXPECT_EQ(2u, census.processes);
+    EXPECT_EQ(-EINVAL, orx_container_survey(nullptr));
     EXPECT_EQ(owner("30"), made_id(1) + " 20") << "look-ups use it";
 }
 
 TEST_F(ContainerLibExport, WithoutProcEverythingIsTheHosts)
 {
     orx_container_set_roots(tree.path("none").c_str(), nullptr);
-    EXPECT_EQ(owner("30"), "host");
+    EXPECT_EQ("host", owner("30"));
     struct orx_container_census census;
-    EXPECT_EQ(orx_container_survey(&census), -ENOENT);
+    EXPECT_EQ(-ENOENT, orx_container_survey(&census));
 }
 
 TEST_F(ContainerLibExport, ManyThreadsMayAsk)
@@ -203,7 +203,7 @@ TEST_F(ContainerLibExport, AForkedChildFindsItsOwnWay)
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
 }
 
 #endif

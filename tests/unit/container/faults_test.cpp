@@ -66,8 +66,8 @@ TEST_F(ContainerLibFaults, InterruptedReadsGoOn)
 {
     testlib::fail_each("read", EINTR, [&](Fault &) {
         struct orx_container_census census;
-        EXPECT_EQ(orx_container_survey(&census), 0);
-        EXPECT_EQ(census.mounts, 4u);
+        EXPECT_EQ(0, orx_container_survey(&census));
+        EXPECT_EQ(4u, census.mounts);
     });
 }
 
@@ -91,11 +91,11 @@ TEST_F(ContainerLibFaults, ARecordWithoutMemory)
     orx_container_survey(&census);
     {
         const Fault fault("calloc");
-        EXPECT_EQ(_orx_get_container_info(made_id(1).c_str()), nullptr);
+        EXPECT_EQ(nullptr, _orx_get_container_info(made_id(1).c_str()));
         EXPECT_TRUE(fault.hit());
     }
     struct orx_container_info *info = _orx_get_container_info(made_id(1).c_str());
-    EXPECT_NE(info, nullptr);
+    EXPECT_NE(nullptr, info);
     _orx_free_container_info(info);
 }
 
@@ -159,16 +159,16 @@ TEST(ContainerLibEnds, AreNoticed)
     container::Found other = found_of(child);
     other.start++; /* the number is another process's now */
     std::vector<container::End> ends = container::watch_ends({found_of(child), other});
-    ASSERT_EQ(ends.size(), 2u);
+    ASSERT_EQ(2u, ends.size());
     struct pollfd polled = {ends[0].process.get(), POLLIN, 0};
-    EXPECT_EQ(poll(&polled, 1, 0), 0);
+    EXPECT_EQ(0, poll(&polled, 1, 0));
     EXPECT_FALSE(ends[1].process);
     const container::Found gone = found_of(child);
     kill(child, SIGKILL);
-    EXPECT_EQ(poll(&polled, 1, 5000), 1);
+    EXPECT_EQ(1, poll(&polled, 1, 5000));
     waitpid(child, nullptr, 0);
     ends = container::watch_ends({gone});
-    ASSERT_EQ(ends.size(), 1u);
+    ASSERT_EQ(1u, ends.size());
     EXPECT_FALSE(ends[0].process) << "it ended before";
 }
 
@@ -178,11 +178,11 @@ TEST(ContainerLibEnds, OfAsManyAsCanBeWatched)
     const container::Found self = found_of(getpid());
     for (const int error : {ENOSYS, EMFILE}) {
         const Fault fault("pidfd_open", 2, error);
-        EXPECT_EQ(container::watch_ends({self, self, self}).size(), 1u);
+        EXPECT_EQ(1u, container::watch_ends({self, self, self}).size());
         EXPECT_TRUE(fault.hit());
     }
     const Fault fault("open");
-    EXPECT_EQ(container::watch_ends({self}).size(), 0u);
+    EXPECT_EQ(0u, container::watch_ends({self}).size());
 }
 
 }  // namespace

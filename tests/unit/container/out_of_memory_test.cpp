@@ -65,7 +65,7 @@ protected:
         use();
     }
     ~ContainerLibOutOfMemory() override { orx_container_set_roots(nullptr, nullptr); }
-    void use() const { EXPECT_EQ(orx_container_set_roots(world.proc().c_str(), FMON_TEST_DATA "/engines"), 0); }
+    void use() const { EXPECT_EQ(0, orx_container_set_roots(world.proc().c_str(), FMON_TEST_DATA "/engines")); }
     static std::string owner()
     {
         const struct orx_container_mount *record = _orx_get_container_mount("30");
@@ -85,7 +85,7 @@ TEST_F(ContainerLibOutOfMemory, Survey)
                   EXPECT_EQ(status, failed ? -ENOMEM : 0);
               }),
               10);
-    EXPECT_EQ(census.mounts, 4u);
+    EXPECT_EQ(4u, census.mounts);
     EXPECT_EQ(owner(), id);
 }
 
@@ -127,8 +127,8 @@ TEST_F(ContainerLibOutOfMemory, Details)
                   EXPECT_EQ(info == nullptr, failed);
               }),
               10);
-    ASSERT_NE(info, nullptr);
-    EXPECT_STREQ(info->container_name, "web");
+    ASSERT_NE(nullptr, info);
+    EXPECT_STREQ("web", info->container_name);
     _orx_free_container_info(info);
 }
 

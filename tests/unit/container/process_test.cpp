@@ -30,23 +30,23 @@ TEST(ContainerLibMounts, NumbersAreReadWhateverThePieces)
     const std::string text = testlib::mount_line(7) + testlib::mount_line(12345, "/a\\0408\\012 9 1 0:1 / /x") +
                              testlib::mount_line(2147483647);
     for (const size_t piece : {size_t{1}, size_t{2}, size_t{3}, size_t{64}, text.size()})
-        EXPECT_EQ(numbers_of(text, piece), (Ids{7, 12345, 2147483647})) << piece;
+        EXPECT_EQ((Ids{7, 12345, 2147483647}), numbers_of(text, piece)) << piece;
 }
 
 TEST(ContainerLibMounts, RubbishGivesNoNumbers)
 {
-    EXPECT_EQ(numbers_of("\n\n x 5 6\n-3 4\n5x 3\n12", 4), Ids{});
-    EXPECT_EQ(numbers_of("12\n13 1\n", 3), Ids{13});
-    EXPECT_EQ(numbers_of(std::string(10000, '9'), 100), Ids{});
+    EXPECT_EQ(Ids{}, numbers_of("\n\n x 5 6\n-3 4\n5x 3\n12", 4));
+    EXPECT_EQ(Ids{13}, numbers_of("12\n13 1\n", 3));
+    EXPECT_EQ(Ids{}, numbers_of(std::string(10000, '9'), 100));
 }
 
 TEST(ContainerLibStat, NamesDoNotShiftTheFields)
 {
     const std::string rest = " S 1 1 1 0 -1 4194560 1 2 3 4 5 6 7 8 20 0 1 0 4711 1 2 3\n";
     for (const char *name : {"sh", "a b", ") R 1", "((", ") S 1 1 1 0 -1 1 1 2 3 4 5 6 7 8 20 0 1 0 99 1"})
-        EXPECT_EQ(container::parse_start_time("5 (" + std::string(name) + ")" + rest), 4711u) << name;
+        EXPECT_EQ(4711u, container::parse_start_time("5 (" + std::string(name) + ")" + rest)) << name;
     for (const char *text : {"", "5", "5 (sh", "5 (sh)", "5 (sh) S 1 1"})
-        EXPECT_EQ(container::parse_start_time(text), UINT64_MAX) << text;
+        EXPECT_EQ(UINT64_MAX, container::parse_start_time(text)) << text;
 }
 
 /* One process of a made-up /proc. */
@@ -69,28 +69,28 @@ protected:
 
 TEST_F(ContainerLibProcess, IsRead)
 {
-    EXPECT_EQ(container::mount_namespace(proc.get(), 5), 77u);
-    EXPECT_EQ(container::start_time(proc.get(), 5), 5u);
+    EXPECT_EQ(77u, container::mount_namespace(proc.get(), 5));
+    EXPECT_EQ(5u, container::start_time(proc.get(), 5));
     EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{made_id(1)});
     Ids ids;
-    EXPECT_EQ(list(ids), ListEnd::kWhole);
-    EXPECT_EQ(ids, (Ids{10, 11}));
+    EXPECT_EQ(ListEnd::kWhole, list(ids));
+    EXPECT_EQ((Ids{10, 11}), ids);
 }
 
 TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
 {
     world.remove(5);
-    EXPECT_EQ(container::mount_namespace(proc.get(), 5), 0u);
-    EXPECT_EQ(container::start_time(proc.get(), 5), UINT64_MAX);
-    EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{});
+    EXPECT_EQ(0u, container::mount_namespace(proc.get(), 5));
+    EXPECT_EQ(UINT64_MAX, container::start_time(proc.get(), 5));
+    EXPECT_EQ(Chain{}, container::process_group(proc.get(), 5).chain);
     Ids ids;
-    EXPECT_EQ(list(ids), ListEnd::kFailed);
+    EXPECT_EQ(ListEnd::kFailed, list(ids));
 }
 
 TEST_F(ContainerLibProcess, HugeFilesAreNotTakenIn)
 {
     world.write("proc/5/cgroup", std::string(200'000, 'x') + "\n0::/docker/" + made_id(1) + "\n");
-    EXPECT_EQ(container::process_group(proc.get(), 5).chain, Chain{});
+    EXPECT_EQ(Chain{}, container::process_group(proc.get(), 5).chain);
 }
 
 TEST_F(ContainerLibProcess, LongListsAreCut)
@@ -98,11 +98,11 @@ TEST_F(ContainerLibProcess, LongListsAreCut)
     const std::string line = testlib::mount_line(9, "/" + std::string(100'000, 'y'));
     world.write("proc/5/mountinfo", line + line + line);
     Ids ids;
-    EXPECT_EQ(list(ids, line.size() + 1000), ListEnd::kCut);
-    EXPECT_EQ(ids.size(), 2u);
-    EXPECT_EQ(list(ids, 0), ListEnd::kCut);
+    EXPECT_EQ(ListEnd::kCut, list(ids, line.size() + 1000));
+    EXPECT_EQ(2u, ids.size());
+    EXPECT_EQ(ListEnd::kCut, list(ids, 0));
     size_t budget = 10 * line.size();
-    EXPECT_EQ(container::list_mounts(proc.get(), 5, budget, [](uint64_t) {}), ListEnd::kWhole);
+    EXPECT_EQ(ListEnd::kWhole, container::list_mounts(proc.get(), 5, budget, [](uint64_t) {}));
     EXPECT_EQ(budget, 7 * line.size());
 }
 

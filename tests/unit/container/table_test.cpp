@@ -40,64 +40,64 @@ protected:
 
 TEST_F(ContainerLibTable, KnowsWhatTheCensusFound)
 {
-    EXPECT_EQ(find(30), "20");
-    EXPECT_EQ(find(40), "21");
-    EXPECT_EQ(find(1), "host");
+    EXPECT_EQ("20", find(30));
+    EXPECT_EQ("21", find(40));
+    EXPECT_EQ("host", find(1));
     ASSERT_TRUE(table.container(made_id(2)));
-    EXPECT_EQ(table.container(made_id(2))->pid, 21);
+    EXPECT_EQ(21, table.container(made_id(2))->pid);
     EXPECT_FALSE(table.container(made_id(3)));
 }
 
 TEST_F(ContainerLibTable, AnEmptyOneAsksForACensus)
 {
     table = Table();
-    EXPECT_EQ(find(30, 0), "unknown refresh");
+    EXPECT_EQ("unknown refresh", find(30, 0));
     table.begin(0);
-    EXPECT_EQ(find(30, 0), "unknown");
+    EXPECT_EQ("unknown", find(30, 0));
 }
 
 TEST_F(ContainerLibTable, UnknownIdsRefreshOnceASecond)
 {
-    EXPECT_EQ(find(99, kNow + 999), "unknown");
-    EXPECT_EQ(find(99, kNow + 1000), "unknown refresh");
+    EXPECT_EQ("unknown", find(99, kNow + 999));
+    EXPECT_EQ("unknown refresh", find(99, kNow + 1000));
     table.begin(kNow + 1000);
-    EXPECT_EQ(find(99, kNow + 1999), "unknown");
+    EXPECT_EQ("unknown", find(99, kNow + 1999));
 }
 
 TEST_F(ContainerLibTable, IdsThatNobodyKnowsAreGivenUpUntilTheNextCensus)
 {
     table.give_up(99);
-    EXPECT_EQ(find(99, kNow + 4999), "host");
-    EXPECT_EQ(find(99, kNow + 5000), "host refresh");
+    EXPECT_EQ("host", find(99, kNow + 4999));
+    EXPECT_EQ("host refresh", find(99, kNow + 5000));
     Census next;
     table.replace(next);
-    EXPECT_EQ(find(99, kNow + 5000), "unknown refresh");
+    EXPECT_EQ("unknown refresh", find(99, kNow + 5000));
 }
 
 TEST_F(ContainerLibTable, GivenUpIdsAreBounded)
 {
     for (uint64_t id = 1000; id < 20'000; id++)
         table.give_up(id);
-    EXPECT_EQ(find(1000), "host");
-    EXPECT_EQ(find(19'999), "unknown");
+    EXPECT_EQ("host", find(1000));
+    EXPECT_EQ("unknown", find(19'999));
 }
 
 TEST_F(ContainerLibTable, KnownIdsAreLookedAtAgainByAge)
 {
-    EXPECT_EQ(find(30, kNow + 4999), "20");
-    EXPECT_EQ(find(30, kNow + 5000), "20 refresh");
-    EXPECT_EQ(find(1, kNow + 5000), "host refresh");
+    EXPECT_EQ("20", find(30, kNow + 4999));
+    EXPECT_EQ("20 refresh", find(30, kNow + 5000));
+    EXPECT_EQ("host refresh", find(1, kNow + 5000));
 }
 
 TEST_F(ContainerLibTable, EndedContainersAreForgottenAtOnce)
 {
     table.end(made_id(1), 20);
-    EXPECT_EQ(find(30), "unknown");
-    EXPECT_EQ(find(30, kNow + 1000), "unknown refresh");
-    EXPECT_EQ(find(40), "21");
+    EXPECT_EQ("unknown", find(30));
+    EXPECT_EQ("unknown refresh", find(30, kNow + 1000));
+    EXPECT_EQ("21", find(40));
     EXPECT_FALSE(table.container(made_id(1)));
     table.end(made_id(2), 999); /* another process's end */
-    EXPECT_EQ(find(40), "21");
+    EXPECT_EQ("21", find(40));
 }
 
 TEST_F(ContainerLibTable, ReusedIdsBelongToTheNextOne)
@@ -107,9 +107,9 @@ TEST_F(ContainerLibTable, ReusedIdsBelongToTheNextOne)
     next.containers = {{made_id(3), 25, 25, false}};
     next.mounts = {{30, 0}};
     table.replace(next);
-    EXPECT_EQ(find(30), "25");
-    EXPECT_EQ(find(40), "unknown");
-    EXPECT_EQ(next.containers.size(), 2u) << "the old one is handed back";
+    EXPECT_EQ("25", find(30));
+    EXPECT_EQ("unknown", find(40));
+    EXPECT_EQ(2u, next.containers.size()) << "the old one is handed back";
 }
 
 }  // namespace

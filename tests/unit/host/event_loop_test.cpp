@@ -91,15 +91,15 @@ TEST_F(EventLoop, RunsAFunctionOnAThreadOfItsOwn)
         name = thread_name();
         self = pthread_self();
     };
-    ASSERT_EQ(thread.start(&handle), 0);
+    ASSERT_EQ(0, thread.start(&handle));
     thread.wait();
-    EXPECT_EQ(name, "orx-isolated");
+    EXPECT_EQ("orx-isolated", name);
     EXPECT_EQ(handle, reinterpret_cast<void *>(self));
     Isolated named;
     named.body = [&] { given = thread_name(); };
-    ASSERT_EQ(named.start(nullptr, "a name that is too long"), 0);
+    ASSERT_EQ(0, named.start(nullptr, "a name that is too long"));
     named.wait();
-    EXPECT_EQ(given, "a name that is ");
+    EXPECT_EQ("a name that is ", given);
 }
 
 TEST_F(EventLoop, LetsIsolatedThreadsTakeNoSignals)
@@ -107,27 +107,27 @@ TEST_F(EventLoop, LetsIsolatedThreadsTakeNoSignals)
     Isolated thread;
     sigset_t inside, outside;
     thread.body = [&] { pthread_sigmask(SIG_BLOCK, nullptr, &inside); };
-    ASSERT_EQ(thread.start(), 0);
+    ASSERT_EQ(0, thread.start());
     thread.wait();
     pthread_sigmask(SIG_BLOCK, nullptr, &outside);
     for (int signal : {SIGINT, SIGTERM, SIGHUP, SIGCHLD, SIGUSR1}) {
-        EXPECT_EQ(sigismember(&inside, signal), 1) << signal;
-        EXPECT_EQ(sigismember(&outside, signal), 0) << signal;
+        EXPECT_EQ(1, sigismember(&inside, signal)) << signal;
+        EXPECT_EQ(0, sigismember(&outside, signal)) << signal;
     }
-    EXPECT_EQ(sigismember(&inside, SIGSEGV), 0);
+    EXPECT_EQ(0, sigismember(&inside, SIGSEGV));
 }
 
 TEST_F(EventLoop, TellsWhenAThreadCannotBeMade)
 {
-    EXPECT_EQ(cl_ev_create_isolated_thread(nullptr, nullptr, nullptr, nullptr), -EINVAL);
+    EXPECT_EQ(-EINVAL, cl_ev_create_isolated_thread(nullptr, nullptr, nullptr, nullptr));
     pthread_attr_t before, huge; /* a stack that no address space holds */
-    ASSERT_EQ(pthread_getattr_default_np(&before), 0);
+    ASSERT_EQ(0, pthread_getattr_default_np(&before));
     huge = before;
-    ASSERT_EQ(pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3 & ~size_t{0xffff}), 0);
-    ASSERT_EQ(pthread_setattr_default_np(&huge), 0);
+    ASSERT_EQ(0, pthread_attr_setstacksize(&huge, SIZE_MAX / 4 * 3 & ~size_t{0xffff}));
+    ASSERT_EQ(0, pthread_setattr_default_np(&huge));
     Isolated thread;
     int result = thread.start();
-    ASSERT_EQ(pthread_setattr_default_np(&before), 0);
+    ASSERT_EQ(0, pthread_setattr_default_np(&before));
     EXPECT_LT(result, 0);
 }
 
@@ -138,8 +138,8 @@ TEST_F(EventLoop, ReturnsAtOnceWithNothingToWaitFor)
         result = cl_event_loop_once();
         all = cl_event_loop();
     });
-    EXPECT_EQ(result, 0);
-    EXPECT_EQ(all, 0);
+    EXPECT_EQ(0, result);
+    EXPECT_EQ(0, all);
     EXPECT_LT(spent, 1.0);
 }
 
@@ -151,8 +151,8 @@ TEST_F(EventLoop, WaitsForTheNextEventWithoutSpinning)
     int active = -1;
     double spent = seconds_of([&] { active = cl_event_loop_once(); });
     clock_gettime(CLOCK_THREAD_CPUTIME_ID, &cpu_after);
-    EXPECT_EQ(timer.fired, 1);
-    EXPECT_EQ(active, 0);
+    EXPECT_EQ(1, timer.fired);
+    EXPECT_EQ(0, active);
     EXPECT_GE(spent, 0.095);
     double cpu = static_cast<double>(cpu_after.tv_sec - cpu_before.tv_sec) +
                  static_cast<double>(cpu_after.tv_nsec - cpu_before.tv_nsec) / 1e9;
@@ -162,28 +162,28 @@ TEST_F(EventLoop, WaitsForTheNextEventWithoutSpinning)
 TEST_F(EventLoop, DoesNotWaitWhenToldSo)
 {
     Timer timer(60000);
-    EXPECT_EQ(cl_ev_loop_nowait(1), 0);
+    EXPECT_EQ(0, cl_ev_loop_nowait(1));
     int active = -1;
     EXPECT_LT(seconds_of([&] { active = cl_event_loop_once(); }), 1.0);
-    EXPECT_EQ(active, 1);
-    EXPECT_EQ(timer.fired, 0);
+    EXPECT_EQ(1, active);
+    EXPECT_EQ(0, timer.fired);
 }
 
 TEST_F(EventLoop, ServesWhatIsReadyWithoutWaiting)
 {
     Timer timer(0), later(60000);
     cl_ev_loop_nowait(5);
-    EXPECT_EQ(cl_event_loop_once(), 1);
-    EXPECT_EQ(timer.fired, 1);
-    EXPECT_EQ(later.fired, 0);
+    EXPECT_EQ(1, cl_event_loop_once());
+    EXPECT_EQ(1, timer.fired);
+    EXPECT_EQ(0, later.fired);
 }
 
 TEST_F(EventLoop, RunsUntilNothingIsLeft)
 {
     Timer first(10), second(60);
     cl_ev_loop_nowait(1);
-    EXPECT_EQ(cl_event_loop(), 0);
-    EXPECT_EQ(first.fired + second.fired, 2);
+    EXPECT_EQ(0, cl_event_loop());
+    EXPECT_EQ(2, first.fired + second.fired);
 }
 
 TEST_F(EventLoop, IsEachThreadsOwn)
@@ -195,7 +195,7 @@ TEST_F(EventLoop, IsEachThreadsOwn)
         result = cl_event_loop_once();
         theirs = host::thread_loop();
     }).join();
-    EXPECT_EQ(result, 0) << "this thread's timer is not the other's";
+    EXPECT_EQ(0, result) << "this thread's timer is not the other's";
     EXPECT_NE(mine, theirs);
     EXPECT_EQ(mine, host::thread_loop());
 }
@@ -211,7 +211,7 @@ TEST_F(EventLoop, EndsWithItsThread)
             uv_timer_init(host::thread_loop(), &left);
             uv_timer_start(
                 &left, [](uv_timer_t *) {}, 60000, 0);
-            EXPECT_EQ(cl_event_loop_once(), 1);
+            EXPECT_EQ(1, cl_event_loop_once());
         }).join();
     EXPECT_EQ(host_test::open_descriptors(), before);
 }
@@ -220,21 +220,21 @@ TEST_F(EventLoop, TellsWhenALoopCannotBeMade)
 {
     CapturedStderr err;
     struct rlimit before, tight;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
     int once = 0, all = 0, later = -1;
     std::thread([&] {
         tight = before;
         tight.rlim_cur = 4;
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &tight), 0);
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
         once = cl_event_loop_once();
         all = cl_event_loop();
-        EXPECT_EQ(cl_ev_loop_nowait(1), 0);
-        EXPECT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+        EXPECT_EQ(0, cl_ev_loop_nowait(1));
+        EXPECT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
         later = cl_event_loop_once();
     }).join();
-    EXPECT_EQ(once, -1);
-    EXPECT_EQ(all, -1);
-    EXPECT_EQ(later, 0);
+    EXPECT_EQ(-1, once);
+    EXPECT_EQ(-1, all);
+    EXPECT_EQ(0, later);
     EXPECT_NE(err.text().find("event loop not made"), std::string::npos);
 }
 

@@ -27,6 +27,6 @@ TEST(FirstLoop, NeverEndsTheProcessForWantOfDescriptors)
         }
         int status = -1;
         ASSERT_EQ(waitpid(child, &status, 0), child);
-        EXPECT_EQ(status, 0) << left;
+        EXPECT_EQ(0, status) << left;
     }
 }

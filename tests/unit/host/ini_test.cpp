@@ -40,75 +40,75 @@ TEST(Ini, FindsValuesBySectionAndKey)
 {
     Ini ini(
         "; comment\n[fmon]\nmax_events = 10000\nmax_dentries=8000\n# other\n[6.1.0-37-amd64]\nmnt_id_offset: 284\n");
-    EXPECT_EQ(ini.get("fmon", "max_events"), "10000");
-    EXPECT_EQ(ini.get("fmon", "max_dentries"), "8000");
-    EXPECT_EQ(ini.get("6.1.0-37-amd64", "mnt_id_offset"), "284");
-    EXPECT_EQ(ini.get("fmon", "mnt_id_offset"), "(none)");
-    EXPECT_EQ(ini.get("other", "max_events"), "(none)");
+    EXPECT_EQ("10000", ini.get("fmon", "max_events"));
+    EXPECT_EQ("8000", ini.get("fmon", "max_dentries"));
+    EXPECT_EQ("284", ini.get("6.1.0-37-amd64", "mnt_id_offset"));
+    EXPECT_EQ("(none)", ini.get("fmon", "mnt_id_offset"));
+    EXPECT_EQ("(none)", ini.get("other", "max_events"));
 }
 
 TEST(Ini, IsCaseSensitive)
 {
     Ini ini("[Fmon]\nKey=1\n");
-    EXPECT_EQ(ini.get("Fmon", "Key"), "1");
-    EXPECT_EQ(ini.get("fmon", "Key"), "(none)");
-    EXPECT_EQ(ini.get("Fmon", "key"), "(none)");
+    EXPECT_EQ("1", ini.get("Fmon", "Key"));
+    EXPECT_EQ("(none)", ini.get("fmon", "Key"));
+    EXPECT_EQ("(none)", ini.get("Fmon", "key"));
 }
 
 TEST(Ini, TakesTheLastOfSeveral)
 {
     Ini ini("[a]\nk=1\n[b]\nk=2\n[a]\nk=3\nk=4\n");
-    EXPECT_EQ(ini.get("a", "k"), "4");
-    EXPECT_EQ(ini.get("b", "k"), "2");
+    EXPECT_EQ("4", ini.get("a", "k"));
+    EXPECT_EQ("2", ini.get("b", "k"));
 }
 
 TEST(Ini, KeepsKeysBeforeTheFirstSection)
 {
     Ini ini("k=1\n[a]\nk=2\n");
-    EXPECT_EQ(ini.get("", "k"), "1");
-    EXPECT_EQ(ini.get("a", "k"), "2");
+    EXPECT_EQ("1", ini.get("", "k"));
+    EXPECT_EQ("2", ini.get("a", "k"));
 }
 
 TEST(Ini, StripsBlanksAndInlineComments)
 {
     Ini ini("\xef\xbb\xbf[a]\r\nk =  v w  ; why\r\nsemi=a;b\r\nempty=\r\n");
-    EXPECT_EQ(ini.get("a", "k"), "v w");
-    EXPECT_EQ(ini.get("a", "semi"), "a;b");
-    EXPECT_EQ(ini.get("a", "empty"), "");
+    EXPECT_EQ("v w", ini.get("a", "k"));
+    EXPECT_EQ("a;b", ini.get("a", "semi"));
+    EXPECT_EQ("", ini.get("a", "empty"));
 }
 
 TEST(Ini, TakesIndentedLinesAsLines)
 {
     Ini ini("[a]\nk=1\n  l=2\n\tm=3\n");
-    EXPECT_EQ(ini.get("a", "k"), "1");
-    EXPECT_EQ(ini.get("a", "l"), "2");
-    EXPECT_EQ(ini.get("a", "m"), "3");
+    EXPECT_EQ("1", ini.get("a", "k"));
+    EXPECT_EQ("2", ini.get("a", "l"));
+    EXPECT_EQ("3", ini.get("a", "m"));
 }
 
 TEST(Ini, LoadsNothingFromWhatIsNoFile)
 {
     TempDir dir;
-    EXPECT_EQ(orx_ini_file_load(dir.path("missing").c_str()), nullptr);
-    EXPECT_EQ(orx_ini_file_load(dir.path().c_str()), nullptr);
-    EXPECT_EQ(orx_ini_file_load(""), nullptr);
-    EXPECT_EQ(orx_ini_file_load(nullptr), nullptr);
-    EXPECT_EQ(orx_ini_file_load("/dev/zero"), nullptr);
-    ASSERT_EQ(mkfifo(dir.path("pipe").c_str(), 0600), 0);
-    EXPECT_EQ(orx_ini_file_load(dir.path("pipe").c_str()), nullptr) << "and does not wait for a writer";
+    EXPECT_EQ(nullptr, orx_ini_file_load(dir.path("missing").c_str()));
+    EXPECT_EQ(nullptr, orx_ini_file_load(dir.path().c_str()));
+    EXPECT_EQ(nullptr, orx_ini_file_load(""));
+    EXPECT_EQ(nullptr, orx_ini_file_load(nullptr));
+    EXPECT_EQ(nullptr, orx_ini_file_load("/dev/zero"));
+    ASSERT_EQ(0, mkfifo(dir.path("pipe").c_str(), 0600));
+    EXPECT_EQ(nullptr, orx_ini_file_load(dir.path("pipe").c_str())) << "and does not wait for a writer";
 }
 
 TEST(Ini, AnswersNothingForMissingArguments)
 {
     Ini ini("[a]\nk=1\n");
     void *handle = orx_ini_file_load("/dev/null");
-    EXPECT_EQ(handle, nullptr) << "not a file";
-    EXPECT_EQ(orx_ini_file_get(nullptr, "a", "k"), nullptr);
+    EXPECT_EQ(nullptr, handle) << "not a file";
+    EXPECT_EQ(nullptr, orx_ini_file_get(nullptr, "a", "k"));
     orx_ini_file_free(nullptr);
     TempDir dir;
     handle = orx_ini_file_load(dir.file("empty").c_str());
-    ASSERT_NE(handle, nullptr);
-    EXPECT_EQ(orx_ini_file_get(handle, nullptr, "k"), nullptr);
-    EXPECT_EQ(orx_ini_file_get(handle, "a", nullptr), nullptr);
+    ASSERT_NE(nullptr, handle);
+    EXPECT_EQ(nullptr, orx_ini_file_get(handle, nullptr, "k"));
+    EXPECT_EQ(nullptr, orx_ini_file_get(handle, "a", nullptr));
     orx_ini_file_free(handle);
 }
 
@@ -117,11 +117,11 @@ TEST(Ini, SkipsOverlongLinesWhole)
 {
     CapturedStderr err;
     Ini ini("[a]\nlong=" + std::string(192, 'x') + "evil=1\nk=1\n;" + std::string(500, 'c') + "\nl=2\n");
-    EXPECT_EQ(ini.get("a", "evil"), "(none)");
-    EXPECT_EQ(ini.get("a", "long"), "(none)");
-    EXPECT_EQ(ini.get("a", "k"), "1");
-    EXPECT_EQ(ini.get("a", "l"), "2");
-    ASSERT_EQ(err.lines().size(), 1u) << "the comment needs no warning: " << err.text();
+    EXPECT_EQ("(none)", ini.get("a", "evil"));
+    EXPECT_EQ("(none)", ini.get("a", "long"));
+    EXPECT_EQ("1", ini.get("a", "k"));
+    EXPECT_EQ("2", ini.get("a", "l"));
+    ASSERT_EQ(1u, err.lines().size()) << "the comment needs no warning: " << err.text();
     EXPECT_NE(err.text().find("line 2 is skipped"), std::string::npos);
 }
 
@@ -130,7 +130,7 @@ TEST(Ini, TakesTheLongestLineThatFits)
     for (size_t size : {190u, 197u, 198u, 199u}) {
         std::string value(size - 2, 'x');
         EXPECT_EQ(Ini("[a]\nk=" + value).get("a", "k"), value) << size;
-        EXPECT_EQ(Ini("[a]\nk=" + value + "\nl=1\n").get("a", "l"), "1") << size;
+        EXPECT_EQ("1", Ini("[a]\nk=" + value + "\nl=1\n").get("a", "l")) << size;
     }
 }
 
@@ -139,9 +139,9 @@ TEST(Ini, ComparesLongSectionNamesAsFarAsTheyAreKept)
     for (size_t size : {49u, 50u, 51u, 300u}) {
         std::string name(size, 's');
         Ini ini("[first]\nk=0\n[" + name + "]\nk=1\n[next]\nk=2\n");
-        EXPECT_EQ(ini.get("first", "k"), "0") << size;
-        EXPECT_EQ(ini.get(name, "k"), "1") << size;
-        EXPECT_EQ(ini.get("next", "k"), "2") << size;
+        EXPECT_EQ("0", ini.get("first", "k")) << size;
+        EXPECT_EQ("1", ini.get(name, "k")) << size;
+        EXPECT_EQ("2", ini.get("next", "k")) << size;
     }
 }
 
@@ -150,9 +150,9 @@ TEST(Ini, SurvivesGarbage)
     CapturedStderr err;
     Ini broken("no value\n=\n[\n]\n[]\nx\n[a\nk=1\n[ok]\nk=2\n");
     ASSERT_TRUE(broken.loaded());
-    EXPECT_EQ(broken.get("ok", "k"), "2");
+    EXPECT_EQ("2", broken.get("ok", "k"));
     EXPECT_TRUE(Ini(std::string("[a]\nk=\0v\nl=1\n", 13)).loaded());
-    EXPECT_EQ(Ini(std::string("[a]\nk=\0v\nl=1\n", 13)).get("a", "l"), "1");
+    EXPECT_EQ("1", Ini(std::string("[a]\nk=\0v\nl=1\n", 13)).get("a", "l"));
     std::mt19937 random(1);
     for (int i = 0; i < 200; i++) {
         std::string bytes;
@@ -167,13 +167,13 @@ TEST(Ini, RefusesAHugeFile)
     CapturedStderr err;
     TempDir dir;
     std::string path = dir.file("huge.ini", "[a]\nk=1\n");
-    ASSERT_EQ(truncate(path.c_str(), 1 << 30), 0);
-    EXPECT_EQ(orx_ini_file_load(path.c_str()), nullptr);
+    ASSERT_EQ(0, truncate(path.c_str(), 1 << 30));
+    EXPECT_EQ(nullptr, orx_ini_file_load(path.c_str()));
     EXPECT_NE(err.text().find("is not loaded: more than"), std::string::npos);
-    ASSERT_EQ(truncate(path.c_str(), 4 << 20), 0);
+    ASSERT_EQ(0, truncate(path.c_str(), 4 << 20));
     void *ini = orx_ini_file_load(path.c_str());
-    ASSERT_NE(ini, nullptr);
-    EXPECT_STREQ(orx_ini_file_get(ini, "a", "k"), "1");
+    ASSERT_NE(nullptr, ini);
+    EXPECT_STREQ("1", orx_ini_file_get(ini, "a", "k"));
     orx_ini_file_free(ini);
 }
 
@@ -183,8 +183,8 @@ TEST(Ini, TakesManyKeys)
     for (int i = 0; i < 100000; i++)
         text += "key" + std::to_string(i) + "=" + std::to_string(i) + "\n";
     Ini ini(text);
-    EXPECT_EQ(ini.get("a", "key0"), "0");
-    EXPECT_EQ(ini.get("a", "key99999"), "99999");
+    EXPECT_EQ("0", ini.get("a", "key0"));
+    EXPECT_EQ("99999", ini.get("a", "key99999"));
 }
 
 class IniOverride : public testing::Test
@@ -200,39 +200,39 @@ protected:
 TEST_F(IniOverride, WinsOverTheFile)
 {
     char value[] = "5";
-    ASSERT_EQ(orx_host_ini_override("fmon", "max_events", value), 0);
+    ASSERT_EQ(0, orx_host_ini_override("fmon", "max_events", value));
     value[0] = 'x';
     Ini ini("[fmon]\nmax_events=1\ntbd_interval=2\n");
-    EXPECT_EQ(ini.get("fmon", "max_events"), "5");
-    EXPECT_EQ(ini.get("fmon", "tbd_interval"), "2");
-    ASSERT_EQ(orx_host_ini_override("fmon", "max_events", "6"), 0);
-    EXPECT_EQ(ini.get("fmon", "max_events"), "5") << "files loaded before keep their answer";
-    EXPECT_EQ(Ini("").get("fmon", "max_events"), "6");
+    EXPECT_EQ("5", ini.get("fmon", "max_events"));
+    EXPECT_EQ("2", ini.get("fmon", "tbd_interval"));
+    ASSERT_EQ(0, orx_host_ini_override("fmon", "max_events", "6"));
+    EXPECT_EQ("5", ini.get("fmon", "max_events")) << "files loaded before keep their answer";
+    EXPECT_EQ("6", Ini("").get("fmon", "max_events"));
 }
 
 TEST_F(IniOverride, MakesAMissingFileLoad)
 {
-    ASSERT_EQ(orx_host_ini_override("fmon", "rate_limit", "0"), 0);
+    ASSERT_EQ(0, orx_host_ini_override("fmon", "rate_limit", "0"));
     void *ini = orx_ini_file_load("/no/such/file.ini");
-    ASSERT_NE(ini, nullptr);
-    EXPECT_STREQ(orx_ini_file_get(ini, "fmon", "rate_limit"), "0");
-    EXPECT_EQ(orx_ini_file_get(ini, "fmon", "max_events"), nullptr);
+    ASSERT_NE(nullptr, ini);
+    EXPECT_STREQ("0", orx_ini_file_get(ini, "fmon", "rate_limit"));
+    EXPECT_EQ(nullptr, orx_ini_file_get(ini, "fmon", "max_events"));
     orx_ini_file_free(ini);
 }
 
 TEST_F(IniOverride, IsTakenBack)
 {
-    ASSERT_EQ(orx_host_ini_override("fmon", "max_events", "5"), 0);
-    ASSERT_EQ(orx_host_ini_override("fmon", "max_events", nullptr), 0);
-    EXPECT_EQ(Ini("[fmon]\nmax_events=1\n").get("fmon", "max_events"), "1");
-    EXPECT_EQ(orx_ini_file_load("/no/such/file.ini"), nullptr);
-    EXPECT_EQ(orx_host_ini_override("fmon", "never set", nullptr), 0);
+    ASSERT_EQ(0, orx_host_ini_override("fmon", "max_events", "5"));
+    ASSERT_EQ(0, orx_host_ini_override("fmon", "max_events", nullptr));
+    EXPECT_EQ("1", Ini("[fmon]\nmax_events=1\n").get("fmon", "max_events"));
+    EXPECT_EQ(nullptr, orx_ini_file_load("/no/such/file.ini"));
+    EXPECT_EQ(0, orx_host_ini_override("fmon", "never set", nullptr));
 }
 
 TEST_F(IniOverride, NeedsItsNames)
 {
-    EXPECT_EQ(orx_host_ini_override(nullptr, "k", "v"), -1);
-    EXPECT_EQ(orx_host_ini_override("s", nullptr, "v"), -1);
+    EXPECT_EQ(-1, orx_host_ini_override(nullptr, "k", "v"));
+    EXPECT_EQ(-1, orx_host_ini_override("s", nullptr, "v"));
 }
 
 TEST_F(IniOverride, MayChangeWhileThreadsLoad)
@@ -245,8 +245,8 @@ TEST_F(IniOverride, MayChangeWhileThreadsLoad)
     });
     for (int i = 0; i < 200; i++) {
         void *ini = orx_ini_file_load(path.c_str());
-        ASSERT_NE(ini, nullptr);
-        EXPECT_EQ(strlen(orx_ini_file_get(ini, "fmon", "max_events")), 1u);
+        ASSERT_NE(nullptr, ini);
+        EXPECT_EQ(1u, strlen(orx_ini_file_get(ini, "fmon", "max_events")));
         orx_ini_file_free(ini);
     }
     other.join();

@@ -38,14 +38,14 @@ TEST_F(LogCapture, TakesLinesOfEveryLevelAndLogsWhatWasLoggedBefore)
 {
     CapturedStderr err;
     orx_host_log_capture(keep, &captured_);
-    EXPECT_EQ(error_output_level, ORX_LOG_DEBUG);
+    EXPECT_EQ(ORX_LOG_DEBUG, error_output_level);
     error_output(ORX_LOG_DEBUG, "a.c", 1, "debug %d\n", 7);
     error_output(ORX_LOG_WARNING, "a.c", 2, "warning");
     orx_host_log_capture(nullptr, nullptr);
     error_output(ORX_LOG_DEBUG, "a.c", 3, "not seen");
-    EXPECT_EQ(error_output_level, ORX_LOG_WARNING);
-    EXPECT_EQ(captured_, (Lines{"4 a.c:1 debug 7", "2 a.c:2 warning"}));
-    ASSERT_EQ(err.lines().size(), 1u);
+    EXPECT_EQ(ORX_LOG_WARNING, error_output_level);
+    EXPECT_EQ((Lines{"4 a.c:1 debug 7", "2 a.c:2 warning"}), captured_);
+    ASSERT_EQ(1u, err.lines().size());
     EXPECT_TRUE(err.lines()[0].ends_with("] warning"));
 }
 
@@ -59,9 +59,9 @@ TEST_F(LogCapture, LeavesOtherThreadsAndTheSinkAsTheyWere)
         error_output(ORX_LOG_DEBUG, "b.c", 1, "too low");
         error_output(ORX_LOG_ERROR, "b.c", 2, "theirs");
     }).join();
-    EXPECT_EQ(captured_, Lines{"4 a.c:1 mine"});
-    EXPECT_EQ(seen_, Lines{"1 b.c:2 theirs"});
-    EXPECT_EQ(err.lines().size(), 1u);
+    EXPECT_EQ(Lines{"4 a.c:1 mine"}, captured_);
+    EXPECT_EQ(Lines{"1 b.c:2 theirs"}, seen_);
+    EXPECT_EQ(1u, err.lines().size());
 }
 
 TEST_F(LogCapture, AtTheHighestLevelLinesGoBothWays)
@@ -71,9 +71,9 @@ TEST_F(LogCapture, AtTheHighestLevelLinesGoBothWays)
     orx_host_log_capture(keep, &captured_);
     error_output(ORX_LOG_DEBUG, "a.c", 1, "x");
     orx_host_log_capture(nullptr, nullptr);
-    EXPECT_EQ(error_output_level, ORX_LOG_DEBUG);
-    EXPECT_EQ(captured_.size(), 1u);
-    EXPECT_EQ(err.lines().size(), 1u);
+    EXPECT_EQ(ORX_LOG_DEBUG, error_output_level);
+    EXPECT_EQ(1u, captured_.size());
+    EXPECT_EQ(1u, err.lines().size());
 }
 
 /* The level comes back when the last of several threads is done. */
@@ -94,22 +94,22 @@ TEST_F(LogCapture, SeveralThreadsAtOnce)
         });
     for (std::thread &thread : threads)
         thread.join();
-    EXPECT_EQ(wrong, 0);
-    EXPECT_EQ(error_output_level, ORX_LOG_WARNING);
-    EXPECT_EQ(err.text(), "");
+    EXPECT_EQ(0, wrong);
+    EXPECT_EQ(ORX_LOG_WARNING, error_output_level);
+    EXPECT_EQ("", err.text());
 }
 
 TEST_F(LogCapture, EndingWhatWasNotBegunDoesNothing)
 {
     orx_host_log_capture(nullptr, nullptr);
-    EXPECT_EQ(error_output_level, ORX_LOG_WARNING);
+    EXPECT_EQ(ORX_LOG_WARNING, error_output_level);
     orx_host_log_capture(keep, &captured_);
     orx_host_log_capture(keep, &seen_); /* another place for the same thread's lines */
     error_output(ORX_LOG_DEBUG, "a.c", 1, "x");
     orx_host_log_capture(nullptr, nullptr);
-    EXPECT_EQ(error_output_level, ORX_LOG_WARNING);
+    EXPECT_EQ(ORX_LOG_WARNING, error_output_level);
     EXPECT_TRUE(captured_.empty());
-    EXPECT_EQ(seen_.size(), 1u);
+    EXPECT_EQ(1u, seen_.size());
 }
 
 }  // namespace

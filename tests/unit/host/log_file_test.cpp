@@ -39,7 +39,7 @@ TEST(LogFile, MakesTheFolderAndAppends)
     LogFile log;
     ASSERT_TRUE(log.open(dir.path("var/log/agent/fmon").c_str(), 5));
     EXPECT_TRUE(log.write("two\n"));
-    EXPECT_EQ(contents(dir.path("var/log/agent/fmon/fmon.log")), "one\ntwo\n");
+    EXPECT_EQ("one\ntwo\n", contents(dir.path("var/log/agent/fmon/fmon.log")));
 }
 
 TEST(LogFile, IsNotReadableByOthers)
@@ -48,10 +48,10 @@ TEST(LogFile, IsNotReadableByOthers)
     LogFile log;
     ASSERT_TRUE(log.open(dir.path("log").c_str(), 5));
     struct stat st;
-    ASSERT_EQ(stat(dir.path("log/fmon.log").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0007, 0u);
-    ASSERT_EQ(stat(dir.path("log").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0007, 0u);
+    ASSERT_EQ(0, stat(dir.path("log/fmon.log").c_str(), &st));
+    EXPECT_EQ(0u, st.st_mode & 0007);
+    ASSERT_EQ(0, stat(dir.path("log").c_str(), &st));
+    EXPECT_EQ(0u, st.st_mode & 0007);
 }
 
 TEST(LogFile, RefusesWhatIsNoFolder)
@@ -70,11 +70,11 @@ TEST(LogFile, FollowsNeitherLinksNorPipes)
     TempDir dir;
     std::string victim = dir.file("victim", "precious");
     dir.dir("linked");
-    ASSERT_EQ(symlink(victim.c_str(), dir.path("linked/fmon.log").c_str()), 0);
+    ASSERT_EQ(0, symlink(victim.c_str(), dir.path("linked/fmon.log").c_str()));
     EXPECT_FALSE(LogFile().open(dir.path("linked").c_str(), 5));
-    EXPECT_EQ(contents(victim), "precious");
+    EXPECT_EQ("precious", contents(victim));
     dir.dir("piped");
-    ASSERT_EQ(mkfifo(dir.path("piped/fmon.log").c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(dir.path("piped/fmon.log").c_str(), 0600));
     EXPECT_FALSE(LogFile().open(dir.path("piped").c_str(), 5));
 }
 
@@ -100,7 +100,7 @@ TEST(LogFile, RotatesExactlyAtItsLimit)
     EXPECT_TRUE(log.write("789\n")) << "ten bytes are not more than ten";
     EXPECT_FALSE(dir.has("fmon.log.1"));
     EXPECT_TRUE(log.write("\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log.1")), "12345\n789\n");
+    EXPECT_EQ("12345\n789\n", contents(dir.path("fmon.log.1")));
 }
 
 TEST(LogFile, KeepsAtLeastTheCurrentFile)
@@ -111,7 +111,7 @@ TEST(LogFile, KeepsAtLeastTheCurrentFile)
         ASSERT_TRUE(log.open(dir.path().c_str(), keep));
         for (int i = 0; i < 5; i++)
             EXPECT_TRUE(log.write("1234567\n"));
-        EXPECT_EQ(contents(dir.path("fmon.log")), "1234567\n");
+        EXPECT_EQ("1234567\n", contents(dir.path("fmon.log")));
         EXPECT_FALSE(dir.has("fmon.log.1"));
     }
 }
@@ -125,8 +125,8 @@ TEST(LogFile, DropsWhatALargerNumberLeftBehind)
     ASSERT_TRUE(log.open(dir.path().c_str(), 3));
     EXPECT_TRUE(log.write("1234567\n"));
     EXPECT_TRUE(log.write("1234567\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log.1")), "1234567\n");
-    EXPECT_EQ(contents(dir.path("fmon.log.2")), "old");
+    EXPECT_EQ("1234567\n", contents(dir.path("fmon.log.1")));
+    EXPECT_EQ("old", contents(dir.path("fmon.log.2")));
     EXPECT_FALSE(dir.has("fmon.log.3"));
     EXPECT_FALSE(dir.has("fmon.log.7"));
 }
@@ -140,7 +140,7 @@ TEST(LogFile, TakesALineLongerThanItsLimit)
     EXPECT_TRUE(log.write(large + "\n"));
     EXPECT_TRUE(log.write("next\n"));
     EXPECT_EQ(contents(dir.path("fmon.log.1")), large + "\n");
-    EXPECT_EQ(contents(dir.path("fmon.log")), "next\n");
+    EXPECT_EQ("next\n", contents(dir.path("fmon.log")));
 }
 
 TEST(LogFile, FollowsARotationBySomebodyElse)
@@ -149,10 +149,10 @@ TEST(LogFile, FollowsARotationBySomebodyElse)
     LogFile log;
     ASSERT_TRUE(log.open(dir.path().c_str(), 5));
     EXPECT_TRUE(log.write("before\n"));
-    ASSERT_EQ(rename(dir.path("fmon.log").c_str(), dir.path("fmon.log.1").c_str()), 0);
+    ASSERT_EQ(0, rename(dir.path("fmon.log").c_str(), dir.path("fmon.log.1").c_str()));
     EXPECT_TRUE(log.write("after\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log.1")), "before\n");
-    EXPECT_EQ(contents(dir.path("fmon.log")), "after\n");
+    EXPECT_EQ("before\n", contents(dir.path("fmon.log.1")));
+    EXPECT_EQ("after\n", contents(dir.path("fmon.log")));
 }
 
 TEST(LogFile, FollowsItsFolderWhenThatIsMoved)
@@ -160,9 +160,9 @@ TEST(LogFile, FollowsItsFolderWhenThatIsMoved)
     TempDir dir;
     LogFile log;
     ASSERT_TRUE(log.open(dir.path("log").c_str(), 5));
-    ASSERT_EQ(rename(dir.path("log").c_str(), dir.path("moved").c_str()), 0);
+    ASSERT_EQ(0, rename(dir.path("log").c_str(), dir.path("moved").c_str()));
     EXPECT_TRUE(log.write("line\n"));
-    EXPECT_EQ(contents(dir.path("moved/fmon.log")), "line\n");
+    EXPECT_EQ("line\n", contents(dir.path("moved/fmon.log")));
 }
 
 TEST(LogFile, MakesAVanishedFolderAgain)
@@ -172,7 +172,7 @@ TEST(LogFile, MakesAVanishedFolderAgain)
     ASSERT_TRUE(log.open(dir.path("a/log").c_str(), 5));
     std::filesystem::remove_all(dir.path("a"));
     EXPECT_TRUE(log.write("back\n"));
-    EXPECT_EQ(contents(dir.path("a/log/fmon.log")), "back\n");
+    EXPECT_EQ("back\n", contents(dir.path("a/log/fmon.log")));
     std::filesystem::remove_all(dir.path("a"));
     EXPECT_FALSE(log.write("too soon\n")) << "not more than one attempt a second";
 }
@@ -196,17 +196,17 @@ TEST(LogFile, SurvivesAFullDiskAndGoesOnOnANewLine)
     ASSERT_TRUE(log.open(dir.path().c_str(), 5));
     signal(SIGXFSZ, SIG_IGN);
     struct rlimit before, tight;
-    ASSERT_EQ(getrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_FSIZE, &before));
     tight = before;
     tight.rlim_cur = 10;
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &tight), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &tight));
     bool first = log.write("12345\n"), cut = log.write("6789012\n"), refused = log.write("x\n");
-    ASSERT_EQ(setrlimit(RLIMIT_FSIZE, &before), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_FSIZE, &before));
     EXPECT_TRUE(first);
     EXPECT_FALSE(cut);
     EXPECT_FALSE(refused);
     EXPECT_TRUE(log.write("again\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log")), "12345\n6789\nagain\n");
+    EXPECT_EQ("12345\n6789\nagain\n", contents(dir.path("fmon.log")));
 }
 
 TEST(LogFile, DoesNotWaitForALockInOtherHands)
@@ -215,7 +215,7 @@ TEST(LogFile, DoesNotWaitForALockInOtherHands)
     LogFile log(20);
     ASSERT_TRUE(log.open(dir.path().c_str(), 5));
     int other = open(dir.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-    ASSERT_EQ(flock(other, LOCK_EX), 0);
+    ASSERT_EQ(0, flock(other, LOCK_EX));
     EXPECT_TRUE(log.write("123456789\n"));
     EXPECT_TRUE(log.write("123456789\n"));
     EXPECT_TRUE(log.write("beyond the limit\n"));
@@ -225,7 +225,7 @@ TEST(LogFile, DoesNotWaitForALockInOtherHands)
     EXPECT_FALSE(dir.has("fmon.log.1"));
     close(other);
     EXPECT_TRUE(log.write("free\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log")), "free\n");
+    EXPECT_EQ("free\n", contents(dir.path("fmon.log")));
 }
 
 TEST(LogFile, RefusesLinesWhereItCannotRotate)
@@ -236,7 +236,7 @@ TEST(LogFile, RefusesLinesWhereItCannotRotate)
     dir.file("fmon.log.1/in the way");
     EXPECT_TRUE(log.write("1234567\n"));
     EXPECT_FALSE(log.write("1234567\n"));
-    EXPECT_EQ(contents(dir.path("fmon.log")), "1234567\n");
+    EXPECT_EQ("1234567\n", contents(dir.path("fmon.log")));
 }
 
 TEST(LogFile, LeavesStandardDescriptorsAlone)
@@ -255,7 +255,7 @@ TEST(LogFile, LeavesStandardDescriptorsAlone)
     }
     int status = -1;
     ASSERT_EQ(waitpid(child, &status, 0), child);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
 }
 
 TEST(LogFile, ReturnsItsDescriptors)
@@ -280,7 +280,7 @@ std::map<int, std::set<int>> kept_lines(const TempDir &dir, int keep)
         std::string name = i == 0 ? "fmon.log" : "fmon.log." + std::to_string(i);
         for (const std::string &text : lines(contents(dir.path(name)))) {
             int writer = -1, number = -1;
-            EXPECT_EQ(sscanf(text.c_str(), "%d:%d", &writer, &number), 2) << text;
+            EXPECT_EQ(2, sscanf(text.c_str(), "%d:%d", &writer, &number)) << text;
             EXPECT_EQ(text + "\n", numbered_line(writer, number));
             EXPECT_TRUE(kept[writer].insert(number).second) << text << " stands twice";
         }
@@ -304,11 +304,11 @@ TEST(LogFile, SeveralProcessesLoseNothing)
     for (int writer = 0; writer < kWriters; writer++) {
         int status = -1;
         ASSERT_GT(wait(&status), 0);
-        EXPECT_EQ(status, 0);
+        EXPECT_EQ(0, status);
     }
     auto kept = kept_lines(dir, kKeep);
     for (int writer = 0; writer < kWriters; writer++)
-        EXPECT_EQ(kept[writer].size(), static_cast<size_t>(kLines));
+        EXPECT_EQ(static_cast<size_t>(kLines), kept[writer].size());
     EXPECT_TRUE(dir.has("fmon.log.20")) << "it did rotate";
 }
 

@@ -56,11 +56,10 @@ TEST_F(Log, WritesOneLineToStderr)
     CapturedStderr err;
     error_output(ORX_LOG_ERROR, "fmon.c", 12, "watch %s is gone", "/a");
     int year, month, day, hour, minute, second, micro, thread, end = 0;
-    EXPECT_EQ(sscanf(err.text().c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6dZ error fmon.c:12 [%d] watch /a is gone%n", &year,
-                     &month, &day, &hour, &minute, &second, &micro, &thread, &end),
-              8)
+    EXPECT_EQ(8, sscanf(err.text().c_str(), "%4d-%2d-%2dT%2d:%2d:%2d.%6dZ error fmon.c:12 [%d] watch /a is gone%n",
+                        &year, &month, &day, &hour, &minute, &second, &micro, &thread, &end))
         << err.text();
-    EXPECT_EQ(err.text().substr(static_cast<size_t>(end)), "\n");
+    EXPECT_EQ("\n", err.text().substr(static_cast<size_t>(end)));
     EXPECT_EQ(thread, gettid());
 }
 
@@ -70,7 +69,7 @@ TEST_F(Log, AddsTheNewlineOnlyWhereItIsMissing)
     error_output(ORX_LOG_ERROR, "a.c", 1, "with\n");
     error_output(ORX_LOG_ERROR, "a.c", 1, "without");
     error_output(ORX_LOG_ERROR, "a.c", 1, "%s", "");
-    ASSERT_EQ(err.lines().size(), 3u);
+    ASSERT_EQ(3u, err.lines().size());
     EXPECT_TRUE(err.lines()[0].ends_with("] with"));
     EXPECT_TRUE(err.lines()[1].ends_with("] without"));
     EXPECT_TRUE(err.lines()[2].ends_with("] "));
@@ -92,7 +91,7 @@ TEST_F(Log, CannotBeForgedByAName)
     CapturedStderr err;
     const char *name = "/tmp/x\n2026-01-01T00:00:00.000000Z error fmon.c:1 [1] forged\n";
     error_output(ORX_LOG_ERROR, "a.c", 1, "lost %s", name);
-    ASSERT_EQ(err.lines().size(), 1u);
+    ASSERT_EQ(1u, err.lines().size());
     EXPECT_NE(err.text().find("lost /tmp/x\\n2026-"), std::string::npos);
 }
 
@@ -102,7 +101,7 @@ TEST_F(Log, TakesLongTextsAndCutsAbsurdOnes)
         CapturedStderr err;
         std::string text(size, 'x');
         error_output(ORX_LOG_ERROR, "a.c", 1, "%s", text.c_str());
-        ASSERT_EQ(err.lines().size(), 1u);
+        ASSERT_EQ(1u, err.lines().size());
         EXPECT_TRUE(err.lines()[0].ends_with("] " + text)) << size;
     }
     CapturedStderr err;
@@ -114,14 +113,14 @@ TEST_F(Log, LeavesErrnoAlone)
 {
     TempDir dir;
     CapturedStderr err;
-    ASSERT_EQ(autolog_init(dir.path().c_str(), 2), 0);
+    ASSERT_EQ(0, autolog_init(dir.path().c_str(), 2));
     std::filesystem::remove_all(dir.path());
     dir.file("", "in the way");
     errno = ENOSPC;
     error_output(ORX_LOG_ERROR, "a.c", 1, "%m");
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(ENOSPC, errno);
     error_output(ORX_LOG_ERROR, "a.c", 1, "%s%m", std::string(2000, 'x').c_str());
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(ENOSPC, errno);
     for (const std::string &line : err.lines())
         EXPECT_TRUE(line.ends_with("No space left on device")) << line;
 }
@@ -130,24 +129,24 @@ TEST_F(Log, GoesToFilesAndBack)
 {
     TempDir dir;
     CapturedStderr err;
-    ASSERT_EQ(autolog_init(dir.path("log").c_str(), 5), 0);
+    ASSERT_EQ(0, autolog_init(dir.path("log").c_str(), 5));
     error_output(ORX_LOG_ERROR, "a.c", 1, "in the file");
-    EXPECT_EQ(err.text(), "");
+    EXPECT_EQ("", err.text());
     autolog_deinit();
     error_output(ORX_LOG_ERROR, "a.c", 1, "on stderr");
-    EXPECT_EQ(err.lines().size(), 1u);
-    EXPECT_EQ(lines(contents(dir.path("log/fmon.log"))).size(), 1u);
+    EXPECT_EQ(1u, err.lines().size());
+    EXPECT_EQ(1u, lines(contents(dir.path("log/fmon.log"))).size());
     EXPECT_NE(contents(dir.path("log/fmon.log")).find("in the file\n"), std::string::npos);
 }
 
 TEST_F(Log, MovesToAnotherFolder)
 {
     TempDir dir;
-    ASSERT_EQ(autolog_init(dir.path("a").c_str(), 5), 0);
-    ASSERT_EQ(autolog_init(dir.path("b").c_str(), 5), 0);
+    ASSERT_EQ(0, autolog_init(dir.path("a").c_str(), 5));
+    ASSERT_EQ(0, autolog_init(dir.path("b").c_str(), 5));
     error_output(ORX_LOG_ERROR, "a.c", 1, "x");
-    EXPECT_EQ(contents(dir.path("a/fmon.log")), "");
-    EXPECT_EQ(lines(contents(dir.path("b/fmon.log"))).size(), 1u);
+    EXPECT_EQ("", contents(dir.path("a/fmon.log")));
+    EXPECT_EQ(1u, lines(contents(dir.path("b/fmon.log"))).size());
 }
 
 TEST_F(Log, StaysWhereItIsWhenAFolderCannotBeWritten)
@@ -155,28 +154,28 @@ TEST_F(Log, StaysWhereItIsWhenAFolderCannotBeWritten)
     TempDir dir;
     dir.file("plain");
     CapturedStderr err;
-    EXPECT_EQ(autolog_init(dir.path("plain").c_str(), 5), -1);
-    EXPECT_EQ(autolog_init("/proc/nothing/here", 5), -1);
-    EXPECT_EQ(autolog_init("", 5), -1);
-    EXPECT_EQ(autolog_init(nullptr, 5), -1);
-    EXPECT_EQ(err.text(), "");
+    EXPECT_EQ(-1, autolog_init(dir.path("plain").c_str(), 5));
+    EXPECT_EQ(-1, autolog_init("/proc/nothing/here", 5));
+    EXPECT_EQ(-1, autolog_init("", 5));
+    EXPECT_EQ(-1, autolog_init(nullptr, 5));
+    EXPECT_EQ("", err.text());
     error_output(ORX_LOG_ERROR, "a.c", 1, "still here");
-    EXPECT_EQ(err.lines().size(), 1u);
-    ASSERT_EQ(autolog_init(dir.path("log").c_str(), 5), 0);
-    EXPECT_EQ(autolog_init(dir.path("plain").c_str(), 5), -1);
+    EXPECT_EQ(1u, err.lines().size());
+    ASSERT_EQ(0, autolog_init(dir.path("log").c_str(), 5));
+    EXPECT_EQ(-1, autolog_init(dir.path("plain").c_str(), 5));
     error_output(ORX_LOG_ERROR, "a.c", 1, "in the file");
-    EXPECT_EQ(lines(contents(dir.path("log/fmon.log"))).size(), 1u);
+    EXPECT_EQ(1u, lines(contents(dir.path("log/fmon.log"))).size());
 }
 
 TEST_F(Log, ComesToStderrWhenItsFolderIsLost)
 {
     TempDir dir;
-    ASSERT_EQ(autolog_init(dir.path("log").c_str(), 5), 0);
+    ASSERT_EQ(0, autolog_init(dir.path("log").c_str(), 5));
     std::filesystem::remove_all(dir.path("log"));
     dir.file("log", "in the way");
     CapturedStderr err;
     error_output(ORX_LOG_ERROR, "a.c", 1, "seen");
-    EXPECT_EQ(err.lines().size(), 1u);
+    EXPECT_EQ(1u, err.lines().size());
 }
 
 TEST_F(Log, StaysOnStderrByTheEnvironment)
@@ -184,9 +183,9 @@ TEST_F(Log, StaysOnStderrByTheEnvironment)
     TempDir dir;
     Environment keep("FMON_LOG", "stderr");
     CapturedStderr err;
-    EXPECT_EQ(autolog_init(dir.path("log").c_str(), 5), 0);
+    EXPECT_EQ(0, autolog_init(dir.path("log").c_str(), 5));
     error_output(ORX_LOG_ERROR, "a.c", 1, "x");
-    EXPECT_EQ(err.lines().size(), 1u);
+    EXPECT_EQ(1u, err.lines().size());
     EXPECT_FALSE(dir.has("log"));
 }
 
@@ -196,15 +195,15 @@ TEST_F(Log, ShowsEachLineToTheSink)
     orx_host_log_sink(remember, nullptr);
     error_output(ORX_LOG_WARNING, "linux/mount.c", 7, "name %s\n", "a\x1b\n");
     error_output(ORX_LOG_INFO, "a.c", 1, "above the level");
-    ASSERT_EQ(seen.size(), 1u);
-    EXPECT_EQ(seen[0].level, ORX_LOG_WARNING);
-    EXPECT_EQ(seen[0].file, "linux/mount.c");
-    EXPECT_EQ(seen[0].line, 7);
-    EXPECT_EQ(seen[0].text, "name a\x1b\n") << "as it was, without the newline at its end";
-    EXPECT_EQ(err.lines().size(), 1u) << "the sink does not replace the log";
+    ASSERT_EQ(1u, seen.size());
+    EXPECT_EQ(ORX_LOG_WARNING, seen[0].level);
+    EXPECT_EQ("linux/mount.c", seen[0].file);
+    EXPECT_EQ(7, seen[0].line);
+    EXPECT_EQ("name a\x1b\n", seen[0].text) << "as it was, without the newline at its end";
+    EXPECT_EQ(1u, err.lines().size()) << "the sink does not replace the log";
     orx_host_log_sink(nullptr, nullptr);
     error_output(ORX_LOG_ERROR, "a.c", 1, "x");
-    EXPECT_EQ(seen.size(), 1u);
+    EXPECT_EQ(1u, seen.size());
 }
 
 TEST_F(Log, IsNotCaughtInASinkThatLogs)
@@ -219,15 +218,15 @@ TEST_F(Log, IsNotCaughtInASinkThatLogs)
         &calls);
     error_output(ORX_LOG_ERROR, "a.c", 1, "first");
     error_output(ORX_LOG_ERROR, "a.c", 1, "second");
-    EXPECT_EQ(calls, 2);
-    EXPECT_EQ(err.lines().size(), 4u);
+    EXPECT_EQ(2, calls);
+    EXPECT_EQ(4u, err.lines().size());
 }
 
 TEST_F(Log, TakesLinesFromManyThreads)
 {
     constexpr int kThreads = 4, kLines = 500;
     TempDir dir;
-    ASSERT_EQ(autolog_init(dir.path().c_str(), 5), 0);
+    ASSERT_EQ(0, autolog_init(dir.path().c_str(), 5));
     std::atomic<int> sunk{0};
     auto count = [](int, const char *, int, const char *, void *arg) { ++*static_cast<std::atomic<int> *>(arg); };
     orx_host_log_sink(count, &sunk);
@@ -242,7 +241,7 @@ TEST_F(Log, TakesLinesFromManyThreads)
     for (auto &thread : threads)
         thread.join();
     EXPECT_EQ(sunk.load(), after_removal) << "no call reaches a sink that was removed";
-    EXPECT_EQ(lines(contents(dir.path("fmon.log"))).size(), static_cast<size_t>(kThreads * kLines));
+    EXPECT_EQ(static_cast<size_t>(kThreads * kLines), lines(contents(dir.path("fmon.log"))).size());
 }
 
 /* What a fresh process has for its level; its own program again, so that it starts with that environment. */
@@ -273,11 +272,11 @@ int level_with(const char *value)
 
 TEST_F(Log, TakesItsLevelFromTheEnvironment)
 {
-    EXPECT_EQ(level_with(nullptr), 2);
-    EXPECT_EQ(level_with("0"), 0);
-    EXPECT_EQ(level_with("4"), 4);
+    EXPECT_EQ(2, level_with(nullptr));
+    EXPECT_EQ(0, level_with("0"));
+    EXPECT_EQ(4, level_with("4"));
     for (const char *bad : {"", "5", "-1", "x", "3x", " 3", "33"})
-        EXPECT_EQ(level_with(bad), 2) << bad;
+        EXPECT_EQ(2, level_with(bad)) << bad;
 }
 
 /* Where a process starts without stderr, descriptor 2 is soon some other file. */
@@ -294,8 +293,8 @@ TEST_F(Log, DoesNotWriteIntoAFileThatBecameDescriptorTwo)
     }
     int status = -1;
     waitpid(pid, &status, 0);
-    EXPECT_EQ(WEXITSTATUS(status), 2) << "the file did become descriptor 2";
-    EXPECT_EQ(contents(file), "precious");
+    EXPECT_EQ(2, WEXITSTATUS(status)) << "the file did become descriptor 2";
+    EXPECT_EQ("precious", contents(file));
 }
 
 }  // namespace

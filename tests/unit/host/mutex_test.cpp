@@ -27,41 +27,41 @@ struct Mutex {
 TEST(Mutex, LetsOneThreadInAtATime)
 {
     Mutex mutex;
-    ASSERT_NE(mutex.handle, nullptr);
+    ASSERT_NE(nullptr, mutex.handle);
     int counter = 0;
     auto work = [&] {
         for (int i = 0; i < 20000; i++) {
-            EXPECT_EQ(th_mutex_lock(mutex.handle), 0);
+            EXPECT_EQ(0, th_mutex_lock(mutex.handle));
             counter++;
-            EXPECT_EQ(th_mutex_unlock(mutex.handle), 0);
+            EXPECT_EQ(0, th_mutex_unlock(mutex.handle));
         }
     };
     std::thread a(work), b(work);
     a.join();
     b.join();
-    EXPECT_EQ(counter, 40000);
+    EXPECT_EQ(40000, counter);
 }
 
 TEST(Mutex, TellsOfASecondLockByItsOwner)
 {
     CapturedStderr err;
     Mutex mutex;
-    EXPECT_EQ(th_mutex_lock(mutex.handle), 0);
-    EXPECT_EQ(th_mutex_lock(mutex.handle), -EDEADLK);
+    EXPECT_EQ(0, th_mutex_lock(mutex.handle));
+    EXPECT_EQ(-EDEADLK, th_mutex_lock(mutex.handle));
     EXPECT_NE(err.text().find("mutex lock failed"), std::string::npos);
-    EXPECT_EQ(th_mutex_unlock(mutex.handle), 0);
-    EXPECT_EQ(th_mutex_lock(mutex.handle), 0) << "the failed lock counts for nothing";
-    EXPECT_EQ(th_mutex_unlock(mutex.handle), 0);
+    EXPECT_EQ(0, th_mutex_unlock(mutex.handle));
+    EXPECT_EQ(0, th_mutex_lock(mutex.handle)) << "the failed lock counts for nothing";
+    EXPECT_EQ(0, th_mutex_unlock(mutex.handle));
 }
 
 TEST(Mutex, TellsOfAnUnlockByAnother)
 {
     CapturedStderr err;
     Mutex mutex;
-    EXPECT_EQ(th_mutex_unlock(mutex.handle), -EPERM);
-    EXPECT_EQ(th_mutex_lock(mutex.handle), 0);
-    std::thread([&] { EXPECT_EQ(th_mutex_unlock(mutex.handle), -EPERM); }).join();
-    EXPECT_EQ(th_mutex_unlock(mutex.handle), 0);
+    EXPECT_EQ(-EPERM, th_mutex_unlock(mutex.handle));
+    EXPECT_EQ(0, th_mutex_lock(mutex.handle));
+    std::thread([&] { EXPECT_EQ(-EPERM, th_mutex_unlock(mutex.handle)); }).join();
+    EXPECT_EQ(0, th_mutex_unlock(mutex.handle));
 }
 
 /* Its holder will still unlock it: a block that leaks is better than one that is used after it was freed. */
@@ -69,10 +69,10 @@ TEST(Mutex, StaysWhereItIsWhileItIsHeld)
 {
     CapturedStderr err;
     void *mutex = th_mutex_init();
-    EXPECT_EQ(th_mutex_lock(mutex), 0);
+    EXPECT_EQ(0, th_mutex_lock(mutex));
     th_mutex_destroy(mutex);
     EXPECT_NE(err.text().find("mutex destroy failed"), std::string::npos);
-    EXPECT_EQ(th_mutex_unlock(mutex), 0);
+    EXPECT_EQ(0, th_mutex_unlock(mutex));
     th_mutex_destroy(mutex);
 }
 
@@ -96,8 +96,8 @@ TEST(Mutex, CountsHolds)
 TEST(Mutex, RefusesNull)
 {
     CapturedStderr err;
-    EXPECT_EQ(th_mutex_lock(nullptr), -EINVAL);
-    EXPECT_EQ(th_mutex_unlock(nullptr), -EINVAL);
+    EXPECT_EQ(-EINVAL, th_mutex_lock(nullptr));
+    EXPECT_EQ(-EINVAL, th_mutex_unlock(nullptr));
     th_mutex_destroy(nullptr);
 }
 

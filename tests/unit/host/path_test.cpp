@@ -18,7 +18,7 @@ using host_test::TempDir;
 std::string transformed(const char *in)
 {
     char out[4096] = "untouched";
-    EXPECT_EQ(orx_dirutils_path_transform(in, out, sizeof out), 0) << in;
+    EXPECT_EQ(0, orx_dirutils_path_transform(in, out, sizeof out)) << in;
     return out;
 }
 
@@ -36,7 +36,7 @@ TEST(Path, PutsTheProgramsFolderForTheSign)
 TEST(Path, PutsTheAgentsHomeWhereThatIsSet)
 {
     Environment home("FMON_HOME", "/opt/agent");
-    EXPECT_EQ(transformed("@/../lib/libhulbase.so"), "/opt/agent/bin/../lib/libhulbase.so");
+    EXPECT_EQ("/opt/agent/bin/../lib/libhulbase.so", transformed("@/../lib/libhulbase.so"));
 }
 
 TEST(Path, CopiesEverythingElse)
@@ -64,15 +64,15 @@ TEST(Path, DoesNotDependOnTheCurrentFolder)
 TEST(Path, CanBeOverridden)
 {
     Environment home("FMON_HOME", "/opt/agent");
-    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", "/elsewhere/@/a.so"), 0);
-    EXPECT_EQ(transformed("@/../lib/a.so"), "/elsewhere/@/a.so") << "taken as it is";
-    EXPECT_EQ(transformed("@/../lib/a.so.1"), "/opt/agent/bin/../lib/a.so.1");
-    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", ""), 0);
-    EXPECT_EQ(transformed("@/../lib/a.so"), "");
-    ASSERT_EQ(orx_host_path_override("@/../lib/a.so", nullptr), 0);
-    EXPECT_EQ(transformed("@/../lib/a.so"), "/opt/agent/bin/../lib/a.so");
-    EXPECT_EQ(orx_host_path_override("never set", nullptr), 0);
-    EXPECT_EQ(orx_host_path_override(nullptr, "/x"), -1);
+    ASSERT_EQ(0, orx_host_path_override("@/../lib/a.so", "/elsewhere/@/a.so"));
+    EXPECT_EQ("/elsewhere/@/a.so", transformed("@/../lib/a.so")) << "taken as it is";
+    EXPECT_EQ("/opt/agent/bin/../lib/a.so.1", transformed("@/../lib/a.so.1"));
+    ASSERT_EQ(0, orx_host_path_override("@/../lib/a.so", ""));
+    EXPECT_EQ("", transformed("@/../lib/a.so"));
+    ASSERT_EQ(0, orx_host_path_override("@/../lib/a.so", nullptr));
+    EXPECT_EQ("/opt/agent/bin/../lib/a.so", transformed("@/../lib/a.so"));
+    EXPECT_EQ(0, orx_host_path_override("never set", nullptr));
+    EXPECT_EQ(-1, orx_host_path_override(nullptr, "/x"));
 }
 
 /* What the package installs lies where the system keeps such files, and so does what is unpacked below a folder. */
@@ -86,7 +86,7 @@ TEST(Path, OfASystemsInstallation)
         EXPECT_EQ(system_place("@/../lib/libhulbase.so", bin, lib), lib + "/libhulbase.so");
         EXPECT_EQ(system_place("@/../var/log/agent/fmon", bin, lib), root + "/var/log/fmon");
         for (const char *other : {"@", "@/x", "@/../library/x", "@/../var/log/agent", "@/../configuration"})
-            EXPECT_EQ(system_place(other, bin, lib), std::nullopt) << other;
+            EXPECT_EQ(std::nullopt, system_place(other, bin, lib)) << other;
     }
 }
 
@@ -94,12 +94,12 @@ TEST(Path, OfOneFoldersInstallationIsNotTheSystems)
 {
     using host::system_place;
     const char *const config = "@/../config/fmon.ini";
-    EXPECT_EQ(system_place(config, "/opt/fmon/bin", "/opt/fmon/lib"), std::nullopt);
-    EXPECT_EQ(system_place(config, "/usr/bin", "/usr/lib"), std::nullopt) << "installed below /usr as one folder";
-    EXPECT_EQ(system_place(config, "/usr/bin", "/opt/agent/lib"), std::nullopt) << "an interpreter that loaded it";
-    EXPECT_EQ(system_place(config, "/opt/agent/bin", "/usr/lib/fmon"), std::nullopt) << "an agent that borrows it";
-    EXPECT_EQ(system_place(config, "/a/usr/bin", "/b/usr/lib/fmon"), std::nullopt);
-    EXPECT_EQ(system_place(config, "", ""), std::nullopt) << "nobody told where the program is";
+    EXPECT_EQ(std::nullopt, system_place(config, "/opt/fmon/bin", "/opt/fmon/lib"));
+    EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/usr/lib")) << "installed below /usr as one folder";
+    EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/opt/agent/lib")) << "an interpreter that loaded it";
+    EXPECT_EQ(std::nullopt, system_place(config, "/opt/agent/bin", "/usr/lib/fmon")) << "an agent that borrows it";
+    EXPECT_EQ(std::nullopt, system_place(config, "/a/usr/bin", "/b/usr/lib/fmon"));
+    EXPECT_EQ(std::nullopt, system_place(config, "", "")) << "nobody told where the program is";
 }
 
 TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_directory(), program_folder()); }
@@ -109,22 +109,22 @@ TEST(Path, TellsWhenItDoesNotFit)
     Environment home("FMON_HOME", "/h");
     char out[12];
     memset(out, 'x', sizeof out);
-    EXPECT_EQ(orx_dirutils_path_transform("@/12345", out, 12), -1); /* "/h/bin/12345" and its end need 13 */
-    EXPECT_STREQ(out, "/h/bin/1234");
-    EXPECT_EQ(orx_dirutils_path_transform("@/1234", out, 12), 0);
-    EXPECT_STREQ(out, "/h/bin/1234");
-    EXPECT_EQ(orx_dirutils_path_transform("@/", out, 1), -1);
-    EXPECT_STREQ(out, "");
+    EXPECT_EQ(-1, orx_dirutils_path_transform("@/12345", out, 12)); /* "/h/bin/12345" and its end need 13 */
+    EXPECT_STREQ("/h/bin/1234", out);
+    EXPECT_EQ(0, orx_dirutils_path_transform("@/1234", out, 12));
+    EXPECT_STREQ("/h/bin/1234", out);
+    EXPECT_EQ(-1, orx_dirutils_path_transform("@/", out, 1));
+    EXPECT_STREQ("", out);
 }
 
 TEST(Path, RefusesMissingArguments)
 {
     char out[12] = "x";
-    EXPECT_EQ(orx_dirutils_path_transform("@", nullptr, 5), -1);
-    EXPECT_EQ(orx_dirutils_path_transform("@", out, 0), -1);
-    EXPECT_STREQ(out, "x");
-    EXPECT_EQ(orx_dirutils_path_transform(nullptr, out, sizeof out), -1);
-    EXPECT_STREQ(out, "");
+    EXPECT_EQ(-1, orx_dirutils_path_transform("@", nullptr, 5));
+    EXPECT_EQ(-1, orx_dirutils_path_transform("@", out, 0));
+    EXPECT_STREQ("x", out);
+    EXPECT_EQ(-1, orx_dirutils_path_transform(nullptr, out, sizeof out));
+    EXPECT_STREQ("", out);
 }
 
 /* A program that prints what "@" is for it: this one, copied to another tree and then moved with it. */
@@ -153,7 +153,7 @@ TEST(Path, FollowsATreeThatIsMoved)
     }
     int status = -1;
     waitpid(pid, &status, 0);
-    EXPECT_EQ(status, 0);
+    EXPECT_EQ(0, status);
     EXPECT_TRUE(dir.has("elsewhere/bin/program"));
 }
 

@@ -21,14 +21,14 @@ uint64_t monotonic_ms()
 TEST(Timer, AreAwaitedUntilSomebodyWantsThem)
 {
     const uint64_t before = monotonic_ms();
-    EXPECT_EQ(orx_host_await_timers(0), -1);
-    EXPECT_EQ(orx_host_await_timers(-1), -1);
-    EXPECT_EQ(orx_host_await_timers(30), -1);
+    EXPECT_EQ(-1, orx_host_await_timers(0));
+    EXPECT_EQ(-1, orx_host_await_timers(-1));
+    EXPECT_EQ(-1, orx_host_await_timers(30));
     EXPECT_GE(monotonic_ms(), before + 30);
     std::thread other([] { timer_init(); });
-    EXPECT_EQ(orx_host_await_timers(60000), 0);
+    EXPECT_EQ(0, orx_host_await_timers(60000));
     other.join();
-    EXPECT_EQ(orx_host_await_timers(0), 0);
+    EXPECT_EQ(0, orx_host_await_timers(0));
 }
 
 TEST(Timer, ShowsTheKernelsMonotonicClock)
@@ -54,10 +54,10 @@ TEST(Timer, NeverGoesBack)
 
 TEST(Timer, RoundsTicksDown)
 {
-    EXPECT_EQ(timer_ticks2ms(0), 0u);
-    EXPECT_EQ(timer_ticks2ms(999999), 0u);
-    EXPECT_EQ(timer_ticks2ms(1000000), 1u);
-    EXPECT_EQ(timer_ticks2ms(UINT64_MAX), 18446744073709u);
+    EXPECT_EQ(0u, timer_ticks2ms(0));
+    EXPECT_EQ(0u, timer_ticks2ms(999999));
+    EXPECT_EQ(1u, timer_ticks2ms(1000000));
+    EXPECT_EQ(18446744073709u, timer_ticks2ms(UINT64_MAX));
 }
 
 }  // namespace

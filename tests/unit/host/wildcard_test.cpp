@@ -16,7 +16,7 @@ using Paths = std::vector<std::string>;
 Paths found(const std::string &root, const std::string &pattern)
 {
     list_head head = {&head, &head};
-    EXPECT_EQ(orx_wildcard_path_expand((root + pattern).c_str(), &head), 0);
+    EXPECT_EQ(0, orx_wildcard_path_expand((root + pattern).c_str(), &head));
     Paths paths;
     for (list_head *node = head.next, *next; node != &head; node = next) {
         next = node->next;
@@ -49,8 +49,8 @@ TEST(Wildcard, StandsForPartOfAName)
     TempDir dir;
     for (const char *name : {"app.log", "app-1.log", "ap.log", "app.log.1", "xapp.log"})
         dir.file(name);
-    EXPECT_EQ(found(dir.path(), "/app*.log"), (Paths{"/app-1.log", "/app.log"}));
-    EXPECT_EQ(found(dir.path(), "/app*"), (Paths{"/app-1.log", "/app.log", "/app.log.1"}));
+    EXPECT_EQ((Paths{"/app-1.log", "/app.log"}), found(dir.path(), "/app*.log"));
+    EXPECT_EQ((Paths{"/app-1.log", "/app.log", "/app.log.1"}), found(dir.path(), "/app*"));
     EXPECT_EQ(found(dir.path(), "/*.log"), (Paths{"/ap.log", "/app-1.log", "/app.log", "/xapp.log"}));
 }
 
@@ -61,7 +61,7 @@ TEST(Wildcard, MayStandMoreThanOnce)
         dir.file(name);
     EXPECT_EQ(found(dir.path(), "/*/x*y"), (Paths{"/a/x1y", "/b/x2y", "/b/xy"}));
     EXPECT_EQ(found(dir.path(), "/c/*X*X*"), (Paths{"/c/aXbXc"}));
-    EXPECT_EQ(found(dir.path(), "/c/a**c"), (Paths{"/c/aXbXc"}));
+    EXPECT_EQ((Paths{"/c/aXbXc"}), found(dir.path(), "/c/a**c"));
     EXPECT_EQ(found(dir.path(), "/c/*X*X*X*"), Paths{});
 }
 
@@ -73,18 +73,18 @@ TEST(Wildcard, MatchesHostilePatternsQuickly)
     std::string pattern = "/";
     for (int i = 0; i < 100; i++)
         pattern += "*a";
-    EXPECT_EQ(found(dir.path(), pattern).size(), 1u);
-    EXPECT_EQ(found(dir.path(), pattern + "*b"), Paths{});
+    EXPECT_EQ(1u, found(dir.path(), pattern).size());
+    EXPECT_EQ(Paths{}, found(dir.path(), pattern + "*b"));
 }
 
 TEST(Wildcard, ReturnsAPlainPathThatExists)
 {
     TempDir dir;
     dir.file("file");
-    EXPECT_EQ(found(dir.path(), "/file"), Paths{"/file"});
-    EXPECT_EQ(found(dir.path(), "/none"), Paths{});
-    EXPECT_EQ(found("", ""), Paths{});
-    EXPECT_EQ(found("", "/"), Paths{"/"});
+    EXPECT_EQ(Paths{"/file"}, found(dir.path(), "/file"));
+    EXPECT_EQ(Paths{}, found(dir.path(), "/none"));
+    EXPECT_EQ(Paths{}, found("", ""));
+    EXPECT_EQ(Paths{"/"}, found("", "/"));
 }
 
 TEST(Wildcard, TakesOtherPatternCharactersAsTheyAre)
@@ -96,9 +96,9 @@ TEST(Wildcard, TakesOtherPatternCharactersAsTheyAre)
     EXPECT_EQ(found(dir.path(), "/[q]/*"), Paths{"/[q]/x"});
     EXPECT_EQ(found(dir.path(), "/{c,d}/*"), Paths{"/{c,d}/x"});
     EXPECT_EQ(found(dir.path(), "/~/*"), Paths{"/~/x"});
-    EXPECT_EQ(found(dir.path(), "/b\\*/x"), Paths{"/b\\*/x"}) << "the backslash quotes nothing";
-    EXPECT_EQ(found(dir.path(), "/?*"), Paths{});
-    EXPECT_EQ(found(dir.path(), "/[*"), Paths{"/[q]"});
+    EXPECT_EQ(Paths{"/b\\*/x"}, found(dir.path(), "/b\\*/x")) << "the backslash quotes nothing";
+    EXPECT_EQ(Paths{}, found(dir.path(), "/?*"));
+    EXPECT_EQ(Paths{"/[q]"}, found(dir.path(), "/[*"));
 }
 
 TEST(Wildcard, FindsHiddenNamesOnlyWhenAsked)
@@ -107,8 +107,8 @@ TEST(Wildcard, FindsHiddenNamesOnlyWhenAsked)
     for (const char *name : {".ssh/key", ".profile", "plain"})
         dir.file(name);
     EXPECT_EQ(found(dir.path(), "/*"), Paths{"/plain"});
-    EXPECT_EQ(found(dir.path(), "/.*"), (Paths{"/.profile", "/.ssh"})) << "and never . or ..";
-    EXPECT_EQ(found(dir.path(), "/.s*/key"), Paths{"/.ssh/key"});
+    EXPECT_EQ((Paths{"/.profile", "/.ssh"}), found(dir.path(), "/.*")) << "and never . or ..";
+    EXPECT_EQ(Paths{"/.ssh/key"}, found(dir.path(), "/.s*/key"));
     EXPECT_EQ(found(dir.path(), "/*/key"), Paths{});
 }
 
@@ -123,8 +123,8 @@ TEST(Wildcard, TakesNamesAsBytes)
         expected.push_back("/" + name);
     std::sort(expected.begin(), expected.end());
     EXPECT_EQ(found(dir.path(), "/*"), expected);
-    EXPECT_EQ(found(dir.path(), "/a*b"), Paths{"/a\nb"});
-    EXPECT_EQ(found(dir.path(), "/\xff*"), Paths{"/\xff\xfe"});
+    EXPECT_EQ(Paths{"/a\nb"}, found(dir.path(), "/a*b"));
+    EXPECT_EQ(Paths{"/\xff\xfe"}, found(dir.path(), "/\xff*"));
 }
 
 TEST(Wildcard, SortsWholePaths)
@@ -185,7 +185,7 @@ TEST(Wildcard, AppendsToTheList)
     list_head head, first;
     head = {&first, &first};
     first = {&head, &head};
-    ASSERT_EQ(orx_wildcard_path_expand(dir.path("*").c_str(), &head), 0);
+    ASSERT_EQ(0, orx_wildcard_path_expand(dir.path("*").c_str(), &head));
     EXPECT_EQ(head.next, &first);
     auto *entry = reinterpret_cast<orx_path_entry *>(first.next);
     EXPECT_STREQ(entry->path, dir.path("a").c_str());
@@ -198,7 +198,7 @@ TEST(Wildcard, AppendsToTheList)
 TEST(Wildcard, RefusesMissingArguments)
 {
     list_head head = {&head, &head};
-    EXPECT_EQ(orx_wildcard_path_expand(nullptr, &head), -1);
+    EXPECT_EQ(-1, orx_wildcard_path_expand(nullptr, &head));
     EXPECT_EQ(orx_wildcard_path_expand("/*", nullptr), -1);
     EXPECT_EQ(head.next, &head);
 }
@@ -209,7 +209,7 @@ TEST(Wildcard, WorksFromTheCurrentFolder)
     dir.file("only");
     std::string before = std::filesystem::current_path();
     std::filesystem::current_path(dir.path());
-    EXPECT_EQ(found("", "*"), Paths{"only"});
+    EXPECT_EQ(Paths{"only"}, found("", "*"));
     EXPECT_EQ(found("", "./*"), Paths{"./only"});
     std::filesystem::current_path(before);
 }

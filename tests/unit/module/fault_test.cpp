@@ -217,10 +217,10 @@ TEST_P(EachCall, FailsOnceWithItsErrno)
 {
     Fault fault(GetParam().name, 1, EXDEV);
     EXPECT_FALSE(GetParam().works());
-    EXPECT_EQ(errno, EXDEV);
+    EXPECT_EQ(EXDEV, errno);
     EXPECT_TRUE(fault.hit());
     EXPECT_TRUE(GetParam().works());
-    EXPECT_EQ(fault.calls(), 2);
+    EXPECT_EQ(2, fault.calls());
 }
 
 TEST_P(EachCall, FailsAtTheCallAsked)
@@ -231,7 +231,7 @@ TEST_P(EachCall, FailsAtTheCallAsked)
         EXPECT_EQ(fault.hit(), i >= 3);
         outcome += GetParam().works() ? '1' : '0';
     }
-    EXPECT_EQ(outcome, "110011");
+    EXPECT_EQ("110011", outcome);
 }
 
 TEST_P(EachCall, LeavesNoDescriptorBehind)
@@ -265,10 +265,10 @@ TEST(Fault, CountsTheArmingThreadOnly)
     bool other = false;
     std::thread([&] { other = try_stat(); }).join();
     EXPECT_TRUE(other);
-    EXPECT_EQ(fault.calls(), 0);
+    EXPECT_EQ(0, fault.calls());
     EXPECT_FALSE(try_stat());
-    EXPECT_EQ(fault.calls(), 1);
-    EXPECT_EQ(count.calls(), 1);
+    EXPECT_EQ(1, fault.calls());
+    EXPECT_EQ(1, count.calls());
 }
 
 TEST(Fault, ReachesAllThreadsWhenAsked)
@@ -287,8 +287,8 @@ TEST(Fault, TwoOfOneNameCountEachForItself)
     Fault second("stat", 2, EXDEV);
     EXPECT_TRUE(try_stat());
     EXPECT_FALSE(try_stat());
-    EXPECT_EQ(errno, EXDEV);
-    EXPECT_EQ(first.calls(), 3);
+    EXPECT_EQ(EXDEV, errno);
+    EXPECT_EQ(3, first.calls());
 }
 
 TEST(Fault, CountOnlyFailsNothing)
@@ -296,7 +296,7 @@ TEST(Fault, CountOnlyFailsNothing)
     CallCount count("close");
     EXPECT_TRUE(try_fd(dup(0)));
     EXPECT_TRUE(try_fd(dup(0)));
-    EXPECT_EQ(count.calls(), 2);
+    EXPECT_EQ(2, count.calls());
 }
 
 TEST(Fault, FailEachWalksThroughEveryCall)
@@ -307,20 +307,20 @@ TEST(Fault, FailEachWalksThroughEveryCall)
             if (!allocated(calloc(1, 8)))
                 failed_at.insert(i);
     });
-    EXPECT_EQ(hits, 4);
-    EXPECT_EQ(failed_at, (std::set<int>{0, 1, 2, 3}));
+    EXPECT_EQ(4, hits);
+    EXPECT_EQ((std::set<int>{0, 1, 2, 3}), failed_at);
 }
 
 TEST(Fault, FailedLookUpsLeaveAText)
 {
     {
         Fault fault("dlopen");
-        EXPECT_EQ(dlopen(nullptr, RTLD_LAZY), nullptr);
-        EXPECT_NE(dlerror(), nullptr);
+        EXPECT_EQ(nullptr, dlopen(nullptr, RTLD_LAZY));
+        EXPECT_NE(nullptr, dlerror());
     }
     Fault fault("dlsym");
-    EXPECT_EQ(dlsym(RTLD_DEFAULT, "strlen"), nullptr);
-    EXPECT_NE(dlerror(), nullptr);
+    EXPECT_EQ(nullptr, dlsym(RTLD_DEFAULT, "strlen"));
+    EXPECT_NE(nullptr, dlerror());
 }
 
 TEST(Fault, OpenPassesItsModeOn)
@@ -329,8 +329,8 @@ TEST(Fault, OpenPassesItsModeOn)
     umask(022);
     EXPECT_TRUE(try_fd(open(tree.path("new").c_str(), O_WRONLY | O_CREAT | O_EXCL, 0640)));
     struct stat st;
-    ASSERT_EQ(stat(tree.path("new").c_str(), &st), 0);
-    EXPECT_EQ(st.st_mode & 0777, 0640U);
+    ASSERT_EQ(0, stat(tree.path("new").c_str(), &st));
+    EXPECT_EQ(0640U, st.st_mode & 0777);
 }
 
 TEST(Fault, FcntlPassesItsArgumentOn)
@@ -347,16 +347,16 @@ TEST(Fanotify, IsCountedAndFailedBehindDlsym)
 {
     auto init = looked_up<fanotify_init_fn>("fanotify_init");
     auto mark = looked_up<fanotify_mark_fn>("fanotify_mark");
-    ASSERT_NE(init, nullptr);
-    ASSERT_NE(mark, nullptr);
+    ASSERT_NE(nullptr, init);
+    ASSERT_NE(nullptr, mark);
     Fault init_fault("fanotify_init", 1, EMFILE);
-    EXPECT_EQ(init(0, 0), -1);
-    EXPECT_EQ(errno, EMFILE);
+    EXPECT_EQ(-1, init(0, 0));
+    EXPECT_EQ(EMFILE, errno);
     Fault mark_fault("fanotify_mark", 2, ENOSPC);
-    EXPECT_EQ(mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"), -1);
-    EXPECT_NE(errno, ENOSPC); /* the kernel's own refusal */
-    EXPECT_EQ(mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"), -1);
-    EXPECT_EQ(errno, ENOSPC);
+    EXPECT_EQ(-1, mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"));
+    EXPECT_NE(ENOSPC, errno); /* the kernel's own refusal */
+    EXPECT_EQ(-1, mark(-1, FAN_MARK_ADD, FAN_OPEN, AT_FDCWD, "/"));
+    EXPECT_EQ(ENOSPC, errno);
 }
 
 TEST(Fanotify, WorksUntouched)
@@ -366,7 +366,7 @@ TEST(Fanotify, WorksUntouched)
     ASSERT_GE(fd, 0);
     TempTree tree;
     auto mark = looked_up<fanotify_mark_fn>("fanotify_mark");
-    EXPECT_EQ(mark(fd, FAN_MARK_ADD, FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD, AT_FDCWD, tree.root().c_str()), 0);
+    EXPECT_EQ(0, mark(fd, FAN_MARK_ADD, FAN_CLOSE_WRITE | FAN_EVENT_ON_CHILD, AT_FDCWD, tree.root().c_str()));
     close(fd);
 }
 
@@ -384,14 +384,14 @@ TEST(Replaced, DlopenAndDlsymAnswerForTheTest)
         return dlsym(handle, symbol);
     });
     EXPECT_EQ(dlopen("lib-of-the-test.so", RTLD_LAZY), &library);
-    EXPECT_EQ(dlopen("no-such-library.so", RTLD_LAZY), nullptr);
-    EXPECT_EQ(dlsym(&library, "strlen"), nullptr);
-    EXPECT_NE(dlsym(RTLD_DEFAULT, "strlen"), nullptr);
-    EXPECT_EQ(orx_dll_close(&library), 0);
-    EXPECT_EQ(dll_closes(), 1);
+    EXPECT_EQ(nullptr, dlopen("no-such-library.so", RTLD_LAZY));
+    EXPECT_EQ(nullptr, dlsym(&library, "strlen"));
+    EXPECT_NE(nullptr, dlsym(RTLD_DEFAULT, "strlen"));
+    EXPECT_EQ(0, orx_dll_close(&library));
+    EXPECT_EQ(1, dll_closes());
     replace_dlopen(nullptr);
     replace_dlsym(nullptr);
-    EXPECT_EQ(dlopen("lib-of-the-test.so", RTLD_LAZY), nullptr);
+    EXPECT_EQ(nullptr, dlopen("lib-of-the-test.so", RTLD_LAZY));
     reset_host();
 }
 
@@ -403,11 +403,11 @@ TEST(Replaced, UnameAnswersForTheTest)
         return 0;
     });
     struct utsname name;
-    EXPECT_EQ(uname(&name), 0);
-    EXPECT_STREQ(name.release, "4.19.0-1");
+    EXPECT_EQ(0, uname(&name));
+    EXPECT_STREQ("4.19.0-1", name.release);
     replace_uname(nullptr);
-    EXPECT_EQ(uname(&name), 0);
-    EXPECT_STRNE(name.release, "4.19.0-1");
+    EXPECT_EQ(0, uname(&name));
+    EXPECT_STRNE("4.19.0-1", name.release);
 }
 
 TEST(Replaced, OpensGoWhereTheyAreSent)
@@ -417,17 +417,17 @@ TEST(Replaced, OpensGoWhereTheyAreSent)
     redirect_path("/nowhere", tree.dir("sub"));
     char text[16] = "";
     FILE *file = fopen("/proc/self/mountinfo", "r");
-    ASSERT_NE(file, nullptr);
-    EXPECT_STREQ(fgets(text, sizeof text, file), "line\n");
+    ASSERT_NE(nullptr, file);
+    EXPECT_STREQ("line\n", fgets(text, sizeof text, file));
     fclose(file);
     int fd = open("/proc/self/mountinfo", O_RDONLY);
-    EXPECT_EQ(read(fd, text, sizeof text), 5);
+    EXPECT_EQ(5, read(fd, text, sizeof text));
     close(fd);
     DIR *dir = opendir("/nowhere");
-    EXPECT_NE(dir, nullptr);
+    EXPECT_NE(nullptr, dir);
     closedir(dir);
     clear_redirects();
-    EXPECT_EQ(opendir("/nowhere"), nullptr);
+    EXPECT_EQ(nullptr, opendir("/nowhere"));
 }
 
 TEST(Replaced, EntryTypesCanBeHidden)

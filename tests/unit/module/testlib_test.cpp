@@ -34,16 +34,16 @@ TEST(Records, InotifyLayoutIsTheKernels)
     struct inotify_event ev;
     std::string record = inotify_record(7, IN_CREATE | IN_ISDIR, "name", 99);
     ASSERT_EQ(sizeof ev, 16U);
-    ASSERT_EQ(record.size(), 32U);
+    ASSERT_EQ(32U, record.size());
     memcpy(&ev, record.data(), sizeof ev);
-    EXPECT_EQ(ev.wd, 7);
-    EXPECT_EQ(ev.mask, static_cast<uint32_t>(IN_CREATE | IN_ISDIR));
-    EXPECT_EQ(ev.cookie, 99U);
-    EXPECT_EQ(ev.len, 16U);
-    EXPECT_STREQ(record.c_str() + offsetof(struct inotify_event, name), "name");
-    EXPECT_EQ(inotify_record(1, IN_IGNORED).size(), 16U);
-    EXPECT_EQ(inotify_record(1, IN_CREATE, std::string(15, 'n')).size(), 32U);
-    EXPECT_EQ(inotify_record(1, IN_CREATE, std::string(16, 'n')).size(), 48U); /* the NUL does not fit in 16 */
+    EXPECT_EQ(7, ev.wd);
+    EXPECT_EQ(static_cast<uint32_t>(IN_CREATE | IN_ISDIR), ev.mask);
+    EXPECT_EQ(99U, ev.cookie);
+    EXPECT_EQ(16U, ev.len);
+    EXPECT_STREQ("name", record.c_str() + offsetof(struct inotify_event, name));
+    EXPECT_EQ(16U, inotify_record(1, IN_IGNORED).size());
+    EXPECT_EQ(32U, inotify_record(1, IN_CREATE, std::string(15, 'n')).size());
+    EXPECT_EQ(48U, inotify_record(1, IN_CREATE, std::string(16, 'n')).size()); /* the NUL does not fit in 16 */
 }
 
 /* What the kernel itself sends for such a name. */
@@ -68,14 +68,14 @@ TEST(Records, FanotifyLayoutIsTheKernels)
     struct fanotify_event_metadata ev;
     std::string record = fanotify_record(FAN_CLOSE_WRITE, 5, 1234);
     ASSERT_EQ(sizeof ev, 24U);
-    ASSERT_EQ(record.size(), sizeof ev);
+    ASSERT_EQ(sizeof ev, record.size());
     memcpy(&ev, record.data(), sizeof ev);
-    EXPECT_EQ(ev.event_len, FAN_EVENT_METADATA_LEN);
-    EXPECT_EQ(ev.vers, FANOTIFY_METADATA_VERSION);
-    EXPECT_EQ(ev.metadata_len, FAN_EVENT_METADATA_LEN);
-    EXPECT_EQ(ev.mask, static_cast<uint64_t>(FAN_CLOSE_WRITE));
-    EXPECT_EQ(ev.fd, 5);
-    EXPECT_EQ(ev.pid, 1234);
+    EXPECT_EQ(FAN_EVENT_METADATA_LEN, ev.event_len);
+    EXPECT_EQ(FANOTIFY_METADATA_VERSION, ev.vers);
+    EXPECT_EQ(FAN_EVENT_METADATA_LEN, ev.metadata_len);
+    EXPECT_EQ(static_cast<uint64_t>(FAN_CLOSE_WRITE), ev.mask);
+    EXPECT_EQ(5, ev.fd);
+    EXPECT_EQ(1234, ev.pid);
 }
 
 TEST(Records, PipesCarryThem)
@@ -83,11 +83,11 @@ TEST(Records, PipesCarryThem)
     Pipe pipe;
     pipe.put(inotify_record(1, IN_DELETE, "a"));
     char buffer[64];
-    EXPECT_EQ(read(pipe.read_fd(), buffer, sizeof buffer), 32);
+    EXPECT_EQ(32, read(pipe.read_fd(), buffer, sizeof buffer));
     pipe.close_write();
-    EXPECT_EQ(read(pipe.read_fd(), buffer, sizeof buffer), 0);
+    EXPECT_EQ(0, read(pipe.read_fd(), buffer, sizeof buffer));
     int taken = pipe.take_read();
-    EXPECT_EQ(close(taken), 0);
+    EXPECT_EQ(0, close(taken));
 }
 
 /* ---- the agent ---- */
@@ -106,55 +106,55 @@ TEST_F(Agent, CapturesLinesWhole)
     error_output(4, "event.c", 2, "no newline");
     EXPECT_TRUE(logged(2, "add " + path + ": -7\n"));
     EXPECT_FALSE(logged(1, "add " + path + ": -7\n"));
-    EXPECT_EQ(log_count(4, "no newline"), 1);
-    EXPECT_EQ(log_count_containing("p"), 1);
-    EXPECT_EQ(log_lines()[1].file, "event.c");
+    EXPECT_EQ(1, log_count(4, "no newline"));
+    EXPECT_EQ(1, log_count_containing("p"));
+    EXPECT_EQ("event.c", log_lines()[1].file);
     log_clear();
-    EXPECT_EQ(log_lines().size(), 0U);
+    EXPECT_EQ(0U, log_lines().size());
 }
 
 TEST_F(Agent, HasAHandMovedClock)
 {
-    EXPECT_EQ(timer_ticks2ms(timer_get_ticks()), 0U);
+    EXPECT_EQ(0U, timer_ticks2ms(timer_get_ticks()));
     set_now(0xffffffff);
     advance(2);
-    EXPECT_EQ(static_cast<uint32_t>(timer_ticks2ms(timer_get_ticks())), 1U);
+    EXPECT_EQ(1U, static_cast<uint32_t>(timer_ticks2ms(timer_get_ticks())));
 }
 
 TEST_F(Agent, AnswersFromTheIniInMemory)
 {
-    EXPECT_EQ(orx_ini_file_load("/a.ini"), nullptr);
+    EXPECT_EQ(nullptr, orx_ini_file_load("/a.ini"));
     set_ini({{{"fmon", "max_events"}, "42"}});
     void *ini = orx_ini_file_load("/b.ini");
-    ASSERT_NE(ini, nullptr);
-    EXPECT_STREQ(orx_ini_file_get(ini, "fmon", "max_events"), "42");
-    EXPECT_EQ(orx_ini_file_get(ini, "fmon", "other"), nullptr);
-    EXPECT_EQ(ini_open(), 1);
+    ASSERT_NE(nullptr, ini);
+    EXPECT_STREQ("42", orx_ini_file_get(ini, "fmon", "max_events"));
+    EXPECT_EQ(nullptr, orx_ini_file_get(ini, "fmon", "other"));
+    EXPECT_EQ(1, ini_open());
     orx_ini_file_free(ini);
-    EXPECT_EQ(ini_open(), 0);
-    EXPECT_EQ(ini_loads(), (std::vector<std::string>{"/a.ini", "/b.ini"}));
+    EXPECT_EQ(0, ini_open());
+    EXPECT_EQ((std::vector<std::string>{"/a.ini", "/b.ini"}), ini_loads());
 }
 
 TEST_F(Agent, CountsItsMutexes)
 {
     void *mutex = th_mutex_init();
-    EXPECT_EQ(mutex_live(), 1);
-    EXPECT_EQ(th_mutex_lock(mutex), 0);
+    EXPECT_EQ(1, mutex_live());
+    EXPECT_EQ(0, th_mutex_lock(mutex));
     EXPECT_TRUE(mutex_locked());
     std::thread([] { EXPECT_FALSE(mutex_locked()); }).join();
-    EXPECT_EQ(th_mutex_unlock(mutex), 0);
+    EXPECT_EQ(0, th_mutex_unlock(mutex));
     EXPECT_FALSE(mutex_locked());
-    EXPECT_EQ(mutex_lock_calls(), 1);
+    EXPECT_EQ(1, mutex_lock_calls());
     th_mutex_destroy(mutex);
-    EXPECT_EQ(mutex_live(), 0);
+    EXPECT_EQ(0, mutex_live());
     fail_mutex_init(true);
-    EXPECT_EQ(th_mutex_init(), nullptr);
+    EXPECT_EQ(nullptr, th_mutex_init());
 }
 
 std::vector<std::string> expand(const char *pattern)
 {
     list_head found = {&found, &found};
-    EXPECT_EQ(orx_wildcard_path_expand(pattern, &found), 0);
+    EXPECT_EQ(0, orx_wildcard_path_expand(pattern, &found));
     std::vector<std::string> paths;
     for (list_head *node = found.next; node != &found;) {
         auto *entry = reinterpret_cast<orx_path_entry *>(node);
@@ -171,7 +171,7 @@ TEST_F(Agent, ExpandsPatterns)
     TempTree tree;
     std::string a = tree.file("a.log"), b = tree.file("b.log");
     EXPECT_EQ(expand(tree.path("*.log").c_str()), (std::vector<std::string>{a, b}));
-    EXPECT_EQ(expand(tree.path("*.txt").c_str()), (std::vector<std::string>{}));
+    EXPECT_EQ((std::vector<std::string>{}), expand(tree.path("*.txt").c_str()));
     set_wildcard_matches({"/x", "/y"});
     EXPECT_EQ(expand("/*"), (std::vector<std::string>{"/x", "/y"}));
 }
@@ -179,26 +179,26 @@ TEST_F(Agent, ExpandsPatterns)
 TEST_F(Agent, TransformsPaths)
 {
     char out[16];
-    EXPECT_EQ(orx_dirutils_path_transform("@/../config", out, sizeof out), -1);
-    EXPECT_STREQ(out, "/agent/bin/../c");
+    EXPECT_EQ(-1, orx_dirutils_path_transform("@/../config", out, sizeof out));
+    EXPECT_STREQ("/agent/bin/../c", out);
     set_program_dir("/p");
-    EXPECT_EQ(orx_dirutils_path_transform("@/../x", out, sizeof out), 0);
-    EXPECT_STREQ(out, "/p/../x");
-    EXPECT_EQ(orx_dirutils_path_transform("/plain", out, sizeof out), 0);
-    EXPECT_STREQ(out, "/plain");
+    EXPECT_EQ(0, orx_dirutils_path_transform("@/../x", out, sizeof out));
+    EXPECT_STREQ("/p/../x", out);
+    EXPECT_EQ(0, orx_dirutils_path_transform("/plain", out, sizeof out));
+    EXPECT_STREQ("/plain", out);
 }
 
 TEST_F(Agent, BoundsItsTexts)
 {
     char out[4] = "zzz";
-    EXPECT_EQ(orx_str_strlcpy(out, "abcdef", sizeof out), 6U);
-    EXPECT_STREQ(out, "abc");
+    EXPECT_EQ(6U, orx_str_strlcpy(out, "abcdef", sizeof out));
+    EXPECT_STREQ("abc", out);
     orx_strncpy(out, "xyzw", sizeof out);
-    EXPECT_EQ(memcmp(out, "xyzw", 4), 0);
+    EXPECT_EQ(0, memcmp(out, "xyzw", 4));
     orx_strncpy(out, "x", sizeof out);
-    EXPECT_EQ(memcmp(out, "x\0\0\0", 4), 0);
+    EXPECT_EQ(0, memcmp(out, "x\0\0\0", 4));
     orx_str_snprintf(out, sizeof out, "%d", 12345);
-    EXPECT_STREQ(out, "123");
+    EXPECT_STREQ("123", out);
 }
 
 int ran;
@@ -213,17 +213,17 @@ TEST_F(Agent, StartsThreadsAsTold)
     void *handle = nullptr;
     int arg = 5;
     ran = 0;
-    EXPECT_EQ(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
+    EXPECT_EQ(0, cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg));
     join_threads();
-    EXPECT_EQ(ran, 0);
+    EXPECT_EQ(0, ran);
     EXPECT_EQ(last_thread_fn(), thread_body);
     set_thread_mode(ThreadMode::start);
-    EXPECT_EQ(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
+    EXPECT_EQ(0, cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg));
     join_threads();
-    EXPECT_EQ(ran, 5);
+    EXPECT_EQ(5, ran);
     set_thread_mode(ThreadMode::fail);
     EXPECT_LT(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
-    EXPECT_EQ(threads_created(), 2);
+    EXPECT_EQ(2, threads_created());
 }
 
 TEST_F(Agent, CountsLoopAndLogCalls)
@@ -231,11 +231,11 @@ TEST_F(Agent, CountsLoopAndLogCalls)
     cl_ev_loop_nowait(1);
     cl_event_loop_once();
     cl_event_loop();
-    EXPECT_EQ(loop_nowait_calls() + loop_once_calls() + loop_calls(), 3);
+    EXPECT_EQ(3, loop_nowait_calls() + loop_once_calls() + loop_calls());
     autolog_init("/log", 5);
     autolog_deinit();
-    EXPECT_EQ(autolog_inits(), (std::vector<std::pair<std::string, int>>{{"/log", 5}}));
-    EXPECT_EQ(autolog_deinits(), 1);
+    EXPECT_EQ((std::vector<std::pair<std::string, int>>{{"/log", 5}}), autolog_inits());
+    EXPECT_EQ(1, autolog_deinits());
 }
 
 TEST_F(Agent, BuildsJsonObjects)
@@ -243,7 +243,7 @@ TEST_F(Agent, BuildsJsonObjects)
     cJSON *object = json_object();
     cJSON_AddItemToObject(object, "id", cJSON_CreateString2("abc"));
     cJSON_AddItemToObject(object, "pid", cJSON_CreateNumber2(12));
-    EXPECT_EQ(json_text(object), "{\"id\":\"abc\",\"pid\":12}");
+    EXPECT_EQ("{\"id\":\"abc\",\"pid\":12}", json_text(object));
     json_free(object);
 }
 
@@ -258,13 +258,13 @@ TEST(Tree, IsMadeAndRemoved)
         EXPECT_EQ(tree.file("a/b/c", "text"), root + "/a/b/c");
         tree.link("l", "a");
         struct stat st;
-        EXPECT_EQ(stat(tree.path("l/b/c").c_str(), &st), 0);
-        EXPECT_EQ(st.st_size, 4);
+        EXPECT_EQ(0, stat(tree.path("l/b/c").c_str(), &st));
+        EXPECT_EQ(4, st.st_size);
         tree.remove("a");
-        EXPECT_NE(stat(tree.path("a").c_str(), &st), 0);
+        EXPECT_NE(0, stat(tree.path("a").c_str(), &st));
     }
     struct stat st;
-    EXPECT_NE(stat(root.c_str(), &st), 0);
+    EXPECT_NE(0, stat(root.c_str(), &st));
 }
 
 TEST(Tree, CountsDescriptors)
@@ -284,17 +284,17 @@ TEST(Backend, RecordsCallsAndPutsTheOldTableBack)
     {
         FakeBackend backend;
         backend.rate_result = -5;
-        EXPECT_EQ(fmon_method.rate_ctrl(10, 200, 0), -5);
-        EXPECT_EQ(fmon_method.add_global(8), 0);
+        EXPECT_EQ(-5, fmon_method.rate_ctrl(10, 200, 0));
+        EXPECT_EQ(0, fmon_method.add_global(8));
         char path[] = "/a/b";
-        EXPECT_EQ(fmon_method.punish_unexpected_watch(5, path), 0);
-        EXPECT_EQ(backend.calls,
-                  (std::vector<std::string>{"rate_ctrl(10,200,0)", "add_global(0x8)", "punish(5,/a/b)"}));
-        EXPECT_EQ(backend.count("add_global(0x8)"), 1);
+        EXPECT_EQ(0, fmon_method.punish_unexpected_watch(5, path));
+        EXPECT_EQ((std::vector<std::string>{"rate_ctrl(10,200,0)", "add_global(0x8)", "punish(5,/a/b)"}),
+                  backend.calls);
+        EXPECT_EQ(1, backend.count("add_global(0x8)"));
         backend.drop_optional();
-        EXPECT_EQ(fmon_method.dump, nullptr);
+        EXPECT_EQ(nullptr, fmon_method.dump);
     }
-    EXPECT_EQ(memcmp(&before, &fmon_method, sizeof before), 0);
+    EXPECT_EQ(0, memcmp(&before, &fmon_method, sizeof before));
 }
 
 TEST(Backend, HandsOutDescriptorsAndTimeouts)
@@ -304,30 +304,30 @@ TEST(Backend, HandsOutDescriptorsAndTimeouts)
     backend.lower_timeout = 30;
     int32_t *fds = nullptr;
     uint32_t timeout = 1000;
-    EXPECT_EQ(fmon_method.get_selectable_fds(&fds, &timeout), 3);
-    EXPECT_EQ(fds[2], -2);
-    EXPECT_EQ(timeout, 30U);
+    EXPECT_EQ(3, fmon_method.get_selectable_fds(&fds, &timeout));
+    EXPECT_EQ(-2, fds[2]);
+    EXPECT_EQ(30U, timeout);
 }
 
 TEST(Backend, LinksWatchesToDentries)
 {
     Monitor monitor;
     int id = fmon_create_instance("testlib");
-    ASSERT_EQ(id, 0);
-    ASSERT_EQ(fmon_add_watch(id, "/proc", FMON_CREATE, FMON_DIR, 0, 0), 0);
-    EXPECT_EQ(monitor.backend.count("add_watch(/proc)"), 1);
-    EXPECT_NE(dcache_find(&fmon.dcache, "/proc"), nullptr);
-    EXPECT_EQ(fmon_del_watch(id, "/proc"), 0);
-    EXPECT_EQ(monitor.backend.count("del_watch(/proc)"), 1);
+    ASSERT_EQ(0, id);
+    ASSERT_EQ(0, fmon_add_watch(id, "/proc", FMON_CREATE, FMON_DIR, 0, 0));
+    EXPECT_EQ(1, monitor.backend.count("add_watch(/proc)"));
+    EXPECT_NE(nullptr, dcache_find(&fmon.dcache, "/proc"));
+    EXPECT_EQ(0, fmon_del_watch(id, "/proc"));
+    EXPECT_EQ(1, monitor.backend.count("del_watch(/proc)"));
 }
 
 TEST(Backend, MonitorsFollowOneAnother)
 {
     for (int i = 0; i < 3; i++) {
         Monitor monitor;
-        EXPECT_EQ(fmon_create_instance("again"), 0);
+        EXPECT_EQ(0, fmon_create_instance("again"));
     }
-    EXPECT_EQ(fmon.inited, 0U);
+    EXPECT_EQ(0U, fmon.inited);
 }
 
 /* ---- the main function of the test programs ---- */
