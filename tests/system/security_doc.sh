@@ -8,19 +8,30 @@ missing() {
     failed=1
 }
 
+# The source of the program unit.NAME (of the module), unit.ROOM_NAME or system.NAME.
+source_of() {
+    for path in "tests/unit/module/$1_test.cpp" "tests/unit/${1%%_*}/${1#*_}_test.cpp" "tests/system/$1_test.cpp" \
+        "tests/system/$1.sh" "tests/system/$1"; do
+        if [ -e "$path" ]; then
+            echo "$path"
+            return
+        fi
+    done
+}
+
 # Each line of the page that names a test: the programs, and the cases, which must lie in one of them.
 # shellcheck disable=SC2016 # the page's backquotes
 named=$(grep -oE '`(unit|system)\.[a-z0-9_]+`|`[A-Z][A-Za-z0-9]*\.[A-Za-z0-9_]+`' docs/security.md | tr -d '`')
 for name in $named; do
     case $name in
     unit.* | system.*)
-        folder=${name%%.*}
-        program=${name#*.}
-        [ -e "tests/$folder/${program}_test.cpp" ] || [ -e "tests/$folder/$program.sh" ] || [ -d "tests/$folder/$program" ] ||
-            missing "$name"
+        program=$name
+        source=$(source_of "${name#*.}")
+        [ -n "$source" ] || missing "$name"
         ;;
     *)
-        grep -qE "^TEST(_F|_P)?\(${name%%.*}, ${name#*.}\)" "tests/$folder/${program}_test.cpp" || missing "$program: $name"
+        # shellcheck disable=SC2086 # a path of ours, or none
+        grep -qsE "^TEST(_F|_P)?\(${name%%.*}, ${name#*.}\)" $source /dev/null || missing "$program: $name"
         ;;
     esac
 done

@@ -141,9 +141,9 @@ TEST_F(ContainerLibCensus, AVisitorFromAUsersGroupIsNotFirst)
 /* One of a user's that a group of root's leads to, and one that the user owns whoever made it. */
 TEST_F(ContainerLibCensus, OwnersOfGroupsAreAsked)
 {
-    const std::string folder = "/system.slice/build.service/docker-" + kB + ".scope";
-    const std::string user = std::to_string(world.make_users_directory("sys/fs/cgroup" + folder));
-    world.add({15, 109, folder, {35}, 15});
+    const std::string directory = "/system.slice/build.service/docker-" + kB + ".scope";
+    const std::string user = std::to_string(world.make_users_directory("sys/fs/cgroup" + directory));
+    world.add({15, 109, directory, {35}, 15});
     EXPECT_EQ(owner(35), kB + "@" + user + " 15");
     world.add({20, 102, "/system.slice/docker-" + kB + ".scope", {30}, 20});
     EXPECT_EQ("host", owner(35));

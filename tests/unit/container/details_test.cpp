@@ -122,8 +122,8 @@ protected:
         world.write(kConfig, text);
         return container::read_details(tree.root(), kId);
     }
-    const std::string kId = made_id(5), kFolder = "var/lib/docker/containers/" + kId,
-                      kConfig = kFolder + "/config.v2.json";
+    const std::string kId = made_id(5), kDirectory = "var/lib/docker/containers/" + kId,
+                      kConfig = kDirectory + "/config.v2.json";
     testlib::TempTree tree;
     testlib::ContainerWorld world;
 };
@@ -162,15 +162,15 @@ TEST_F(ContainerLibHostileFiles, TextsAreCut)
 TEST_F(ContainerLibHostileFiles, LinksAreNotFollowed)
 {
     const std::string other = tree.file("elsewhere/config.v2.json", R"({"Name":"/other"})");
-    tree.dir(kFolder);
+    tree.dir(kDirectory);
     tree.link(kConfig, other);
     EXPECT_FALSE(container::read_details(tree.root(), kId).known) << "a file";
-    tree.remove(kFolder);
-    tree.link(kFolder, tree.path("elsewhere"));
+    tree.remove(kDirectory);
+    tree.link(kDirectory, tree.path("elsewhere"));
     EXPECT_FALSE(container::read_details(tree.root(), kId).known) << "a container's folder";
 }
 
-TEST_F(ContainerLibHostileFiles, EnginesFolderMayBeALinkThatStaysInside)
+TEST_F(ContainerLibHostileFiles, EnginesDirectoryMayBeALinkThatStaysInside)
 {
     tree.dir("var/lib");
     tree.file("data/docker/containers/" + kId + "/config.v2.json", R"({"Name":"/web"})");
@@ -178,9 +178,9 @@ TEST_F(ContainerLibHostileFiles, EnginesFolderMayBeALinkThatStaysInside)
     EXPECT_EQ("web", container::read_details(tree.root(), kId).name);
 }
 
-TEST_F(ContainerLibHostileFiles, PipesAndFoldersDoNotBlock)
+TEST_F(ContainerLibHostileFiles, PipesAndDirectoriesDoNotBlock)
 {
-    tree.dir(kFolder);
+    tree.dir(kDirectory);
     ASSERT_EQ(0, mkfifo(tree.path(kConfig).c_str(), 0600));
     EXPECT_FALSE(container::read_details(tree.root(), kId).known);
     tree.remove(kConfig);

@@ -1,4 +1,4 @@
-/* Tests of process_folder.h: what is read of one process, whole or broken. */
+/* Tests of process_directory.h: what is read of one process, whole or broken. */
 
 #include <fcntl.h>
 #include <gtest/gtest.h>

@@ -12,7 +12,7 @@ namespace
 using host_test::Environment;
 using host_test::TempDir;
 
-/* A machine's root folder; one whose host's files are in sight, unless told otherwise. */
+/* A machine's root directory; one whose host's files are in sight, unless told otherwise. */
 class Machine
 {
 public:

@@ -1,5 +1,5 @@
 /*
- * host_support.h: what the embedded host's tests share: temporary folders, files, environment, captured stderr.
+ * host_support.h: what the embedded host's tests share: temporary directories, files, environment, captured stderr.
  */
 #ifndef HOST_SUPPORT_H
 #define HOST_SUPPORT_H
@@ -18,7 +18,7 @@
 namespace host_test
 {
 
-/* A fresh folder, removed with everything in it at the end. */
+/* A fresh directory, removed with everything in it at the end. */
 class TempDir
 {
 public:

@@ -28,7 +28,7 @@ std::string numbered_line(int writer, int number)
     return text;
 }
 
-TEST(LogFile, MakesTheFolderAndAppends)
+TEST(LogFile, MakesTheDirectoryAndAppends)
 {
     TempDir dir;
     {
@@ -54,7 +54,7 @@ TEST(LogFile, IsNotReadableByOthers)
     EXPECT_EQ(0u, st.st_mode & 0007);
 }
 
-TEST(LogFile, RefusesWhatIsNoFolder)
+TEST(LogFile, RefusesWhatIsNoDirectory)
 {
     TempDir dir;
     dir.file("plain");
@@ -155,7 +155,7 @@ TEST(LogFile, FollowsARotationBySomebodyElse)
     EXPECT_EQ("after\n", contents(dir.path("fmon.log")));
 }
 
-TEST(LogFile, FollowsItsFolderWhenThatIsMoved)
+TEST(LogFile, FollowsItsDirectoryWhenThatIsMoved)
 {
     TempDir dir;
     LogFile log;
@@ -165,7 +165,7 @@ TEST(LogFile, FollowsItsFolderWhenThatIsMoved)
     EXPECT_EQ("line\n", contents(dir.path("moved/fmon.log")));
 }
 
-TEST(LogFile, MakesAVanishedFolderAgain)
+TEST(LogFile, MakesAVanishedDirectoryAgain)
 {
     TempDir dir;
     LogFile log;
@@ -177,7 +177,7 @@ TEST(LogFile, MakesAVanishedFolderAgain)
     EXPECT_FALSE(log.write("too soon\n")) << "not more than one attempt a second";
 }
 
-TEST(LogFile, LosesALineWhereTheFolderCannotBeMade)
+TEST(LogFile, LosesALineWhereTheDirectoryCannotBeMade)
 {
     TempDir dir;
     LogFile log;

@@ -139,7 +139,7 @@ TEST_F(Log, GoesToFilesAndBack)
     EXPECT_NE(contents(dir.path("log/fmon.log")).find("in the file\n"), std::string::npos);
 }
 
-TEST_F(Log, MovesToAnotherFolder)
+TEST_F(Log, MovesToAnotherDirectory)
 {
     TempDir dir;
     ASSERT_EQ(0, autolog_init(dir.path("a").c_str(), 5));
@@ -149,7 +149,7 @@ TEST_F(Log, MovesToAnotherFolder)
     EXPECT_EQ(1u, lines(contents(dir.path("b/fmon.log"))).size());
 }
 
-TEST_F(Log, StaysWhereItIsWhenAFolderCannotBeWritten)
+TEST_F(Log, StaysWhereItIsWhenADirectoryCannotBeWritten)
 {
     TempDir dir;
     dir.file("plain");
@@ -167,7 +167,7 @@ TEST_F(Log, StaysWhereItIsWhenAFolderCannotBeWritten)
     EXPECT_EQ(1u, lines(contents(dir.path("log/fmon.log"))).size());
 }
 
-TEST_F(Log, ComesToStderrWhenItsFolderIsLost)
+TEST_F(Log, ComesToStderrWhenItsDirectoryIsLost)
 {
     TempDir dir;
     ASSERT_EQ(0, autolog_init(dir.path("log").c_str(), 5));

@@ -22,15 +22,15 @@ std::string transformed(const char *in)
     return out;
 }
 
-std::string program_folder() { return std::filesystem::read_symlink("/proc/self/exe").parent_path(); }
+std::string program_directory() { return std::filesystem::read_symlink("/proc/self/exe").parent_path(); }
 
-TEST(Path, PutsTheProgramsFolderForTheSign)
+TEST(Path, PutsTheProgramsDirectoryForTheSign)
 {
     Environment none("FMON_HOME", nullptr);
-    EXPECT_EQ(transformed("@/../config/fmon.ini"), program_folder() + "/../config/fmon.ini");
-    EXPECT_EQ(transformed("@"), program_folder());
+    EXPECT_EQ(transformed("@/../config/fmon.ini"), program_directory() + "/../config/fmon.ini");
+    EXPECT_EQ(transformed("@"), program_directory());
     Environment empty("FMON_HOME", "");
-    EXPECT_EQ(transformed("@/x"), program_folder() + "/x");
+    EXPECT_EQ(transformed("@/x"), program_directory() + "/x");
 }
 
 TEST(Path, PutsTheAgentsHomeWhereThatIsSet)
@@ -45,7 +45,7 @@ TEST(Path, CopiesEverythingElse)
         EXPECT_EQ(transformed(path), path);
 }
 
-TEST(Path, DoesNotDependOnTheCurrentFolder)
+TEST(Path, DoesNotDependOnTheCurrentDirectory)
 {
     Environment none("FMON_HOME", nullptr);
     TempDir dir;
@@ -75,7 +75,7 @@ TEST(Path, CanBeOverridden)
     EXPECT_EQ(-1, orx_host_path_override(nullptr, "/x"));
 }
 
-/* What the package installs lies where the system keeps such files, and so does what is unpacked below a folder. */
+/* What the package installs lies where the system keeps such files, and so does what is unpacked below a directory. */
 TEST(Path, OfASystemsInstallation)
 {
     using host::system_place;
@@ -90,7 +90,7 @@ TEST(Path, OfASystemsInstallation)
     }
 }
 
-TEST(Path, OfOneFoldersInstallationIsNotTheSystems)
+TEST(Path, OfOneDirectorysInstallationIsNotTheSystems)
 {
     using host::system_place;
     const char *const config = "@/../config/fmon.ini";
@@ -102,7 +102,7 @@ TEST(Path, OfOneFoldersInstallationIsNotTheSystems)
     EXPECT_EQ(std::nullopt, system_place(config, "", "")) << "nobody told where the program is";
 }
 
-TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_directory(), program_folder()); }
+TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_directory(), program_directory()); }
 
 TEST(Path, TellsWhenItDoesNotFit)
 {

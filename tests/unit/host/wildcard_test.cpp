@@ -155,7 +155,7 @@ TEST(Wildcard, TreatsFilesOnTheWayAsNoMatch)
     EXPECT_EQ(found(dir.path(), "/*/"), Paths{"/dir/"});
 }
 
-TEST(Wildcard, SkipsFoldersThatCannotBeRead)
+TEST(Wildcard, SkipsDirectoriesThatCannotBeRead)
 {
     TempDir dir;
     dir.file("open/a/log");
@@ -203,7 +203,7 @@ TEST(Wildcard, RefusesMissingArguments)
     EXPECT_EQ(head.next, &head);
 }
 
-TEST(Wildcard, WorksFromTheCurrentFolder)
+TEST(Wildcard, WorksFromTheCurrentDirectory)
 {
     TempDir dir;
     dir.file("only");

@@ -248,7 +248,7 @@ TEST(ProbeLibrary, WithoutCleaningTooManyEventsComeLater)
 TEST(ProbeLibrary, OneThatIsNotThere)
 {
     without("nothing of the kind",
-            [](ProbeMachine &m) { /* a folder that does not exist */
+            [](ProbeMachine &m) { /* a directory that does not exist */
                                   m.start_with_instance();
                                   EXPECT_TRUE(logged(2, "maybe not support kprobe!"));
                                   /* the number is what errno was: the dynamic linker keeps one of its own */
