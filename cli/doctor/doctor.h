@@ -1,6 +1,7 @@
 /*
  * doctor.h: what `fmon doctor` looks at. A section is two steps: facts are gathered from the machine, and judged by a
- * function that looks at nothing else.
+ * function that looks at nothing else. A new section is a source of its own, its functions here, and a row of the table
+ * in doctor_cmd.cpp.
  */
 #ifndef CLI_DOCTOR_H
 #define CLI_DOCTOR_H
@@ -39,13 +40,15 @@ using Checks = std::vector<Check>;
 
 const char *state_name(State state); /* "ok", "warn", "no" */
 
-/* ---- the report ---- */
+/* ---- the verb: doctor_cmd.cpp, which has the table of sections ---- */
 
 struct DoctorOptions {
     bool json = false, help = false;
 };
 bool parse_doctor(int argc, char **argv, DoctorOptions &options, std::string &error);
 std::string doctor_help();
+
+/* ---- the report ---- */
 
 std::string doctor_text(const Checks &checks, bool colours);
 std::string doctor_json(const Checks &checks, uint64_t time_ns); /* an object a line */
@@ -77,6 +80,15 @@ struct KernelFacts {
 };
 KernelFacts gather_kernel(const std::string &config);
 Checks judge_kernel(const KernelFacts &facts);
+
+/* ---- what several sections look at, gathered once ---- */
+
+struct Machine {
+    SetupFacts setup;
+    KernelFacts kernel;
+    std::map<uid_t, agent::Marks> users;
+    std::vector<agent::Mount> mounts;
+};
 
 /* ---- rights ---- */
 
@@ -118,8 +130,7 @@ bool is_tracefs_marked(const std::map<uid_t, agent::Marks> &users, const std::ve
 /* Bytes of the text that names these mounts to the probes, as the monitor makes it. */
 size_t filter_length(const std::vector<uint64_t> &mounts);
 
-DoctorProbes gather_probes(const KernelFacts &kernel, bool container, const std::map<uid_t, agent::Marks> &users,
-                           const std::vector<agent::Mount> &mounts);
+DoctorProbes gather_probes(const Machine &machine);
 Checks judge_probes(const DoctorProbes &facts);
 
 /* ---- containers ---- */

@@ -1,4 +1,7 @@
+#include <getopt.h>
 #include <unistd.h>
+
+#include <utility>
 
 #include "agent/message.h"
 #include "agent/time_format.h"
@@ -13,26 +16,71 @@ namespace cli
 namespace
 {
 
-void append(Checks &all, Checks more)
+constexpr char kHelp[] =
+    R"(Usage: fmon doctor [OPTION]...
+
+Tells what of fmon works on this machine and what does not, with a remedy: the installation, the kernel, rights,
+inotify and fanotify with their limits and how much of them is used, kernel probes, containers, and mounted file systems
+that do not report everything. One line each: "ok", "warn" (it works, with this limit) or "no". Changes nothing on the machine.
+Other users' watches are counted as root only.
+
+Options:
+  -f, --format FORM       text (usual) or json: one object a line
+  -h, --help              this text
+
+Examples:
+  fmon doctor                              the whole report
+  sudo fmon doctor | grep -v '^ok'         only what could be better
+  fmon doctor --format json                for programs
+
+Status: 0 nothing is missing that root could have on this machine; 1 something is; 2 wrong usage.
+)";
+
+const struct option kLongOptions[] = {
+    {"format", required_argument, nullptr, 'f'}, {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
+
+bool take_option(int code, char **argv, DoctorOptions &options, std::string &error)
 {
-    all.insert(all.end(), std::make_move_iterator(more.begin()), std::make_move_iterator(more.end()));
+    if (code == 'h') {
+        options.help = true;
+    } else if (code == ':') {
+        error = "--format needs a value";
+    } else if (code == 'f') {
+        const std::string_view value = optarg;
+        options.json = value == "json";
+        if (!options.json && value != "text")
+            error = "--format takes text or json, not '" + std::string(value) + "'";
+    } else {
+        error = std::string("unknown option '") +
+                (optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) +
+                "': see fmon doctor --help";
+    }
+    return error.empty();
 }
 
-// A section each, in the report's order.
+/* The sections in the report's order; kHelp names them. */
+constexpr Checks (*kSections[])(const Machine &) = {
+    [](const Machine &machine) { return judge_setup(machine.setup); },
+    [](const Machine &machine) { return judge_kernel(machine.kernel); },
+    [](const Machine &) { return judge_rights(gather_rights()); },
+    [](const Machine &machine) { return judge_events(gather_events(machine.users)); },
+    [](const Machine &machine) { return judge_probes(gather_probes(machine)); },
+    [](const Machine &machine) { return judge_containers(gather_containers(machine.setup.container)); },
+    [](const Machine &machine) { return judge_mounts(machine.mounts); },
+    [](const Machine &) { return judge_watches(gather_watches()); },
+};
+
 Checks examine()
 {
-    const SetupFacts setup = gather_setup();
-    const KernelFacts kernel = gather_kernel(setup.config);
-    const std::map<uid_t, agent::Marks> users = agent::marks_by_user();
-    const std::vector<agent::Mount> mounts = agent::read_mounts();
-    Checks checks = judge_setup(setup);
-    append(checks, judge_kernel(kernel));
-    append(checks, judge_rights(gather_rights()));
-    append(checks, judge_events(gather_events(users)));
-    append(checks, judge_probes(gather_probes(kernel, setup.container, users, mounts)));
-    append(checks, judge_containers(gather_containers(setup.container)));
-    append(checks, judge_mounts(mounts));
-    append(checks, judge_watches(gather_watches()));
+    Machine machine;
+    machine.setup = gather_setup();
+    machine.kernel = gather_kernel(machine.setup.config);
+    machine.users = agent::marks_by_user();
+    machine.mounts = agent::read_mounts();
+    Checks checks;
+    for (const auto section : kSections)
+        for (Check &check : section(machine))
+            checks.push_back(std::move(check));
     return checks;
 }
 
@@ -47,6 +95,21 @@ int doctor(const DoctorOptions &options)
 }
 
 }  // namespace
+
+bool parse_doctor(int argc, char **argv, DoctorOptions &options, std::string &error)
+{
+    opterr = 0;
+    optind = 0;  // starts a new scan
+    int code;
+    while ((code = getopt_long(argc, argv, ":f:h", kLongOptions, nullptr)) != -1)
+        if (!take_option(code, argv, options, error))
+            return false;
+    if (optind < argc && !options.help)
+        error = std::string("doctor takes no argument, such as '") + argv[optind] + "'";
+    return error.empty();
+}
+
+std::string doctor_help() { return kHelp; }
 
 int run_doctor(int argc, char **argv)
 {

@@ -192,16 +192,15 @@ size_t filter_length(const std::vector<uint64_t> &mounts)
     return mounts.empty() ? 0 : length + std::string_view("(mnt==0)").size();
 }
 
-DoctorProbes gather_probes(const KernelFacts &kernel, bool container, const std::map<uid_t, agent::Marks> &users,
-                           const std::vector<agent::Mount> &mounts)
+DoctorProbes gather_probes(const Machine &machine)
 {
     DoctorProbes facts;
-    facts.understood = !kernel.section.empty();
-    facts.may_crash = deletes_probes_badly(kernel.release) && is_tracefs_marked(users, mounts);
-    facts.probes = agent::gather_probe_facts(container, !facts.may_crash);
+    facts.understood = !machine.kernel.section.empty();
+    facts.may_crash = deletes_probes_badly(machine.kernel.release) && is_tracefs_marked(machine.users, machine.mounts);
+    facts.probes = agent::gather_probe_facts(machine.setup.container, !facts.may_crash);
     facts.processors = static_cast<uint64_t>(std::max(sysconf(_SC_NPROCESSORS_CONF), 1L));
     facts.max_descriptors = agent::most_descriptors();
-    for (const agent::Mount &mount : mounts)
+    for (const agent::Mount &mount : machine.mounts)
         if (mount.whole_device)
             facts.mounts.push_back(mount.id);
     return facts;

@@ -1,4 +1,3 @@
-#include <getopt.h>
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 
@@ -14,48 +13,6 @@ namespace cli
 
 namespace
 {
-
-constexpr char kHelp[] =
-    R"(Usage: fmon doctor [OPTION]...
-
-Tells what of fmon works on this machine and what does not, with a remedy: the installation, the kernel, rights,
-inotify and fanotify with their limits and how much of them is used, kernel probes, containers, and mounted file systems
-that do not report everything. One line each: "ok", "warn" (it works, with this limit) or "no". Changes nothing on the machine.
-Other users' watches are counted as root only.
-
-Options:
-  -f, --format FORM       text (usual) or json: one object a line
-  -h, --help              this text
-
-Examples:
-  fmon doctor                              the whole report
-  sudo fmon doctor | grep -v '^ok'         only what could be better
-  fmon doctor --format json                for programs
-
-Status: 0 nothing is missing that root could have on this machine; 1 something is; 2 wrong usage.
-)";
-
-const struct option kLongOptions[] = {
-    {"format", required_argument, nullptr, 'f'}, {"help", no_argument, nullptr, 'h'}, {nullptr, 0, nullptr, 0}};
-
-bool take_option(int code, char **argv, DoctorOptions &options, std::string &error)
-{
-    if (code == 'h') {
-        options.help = true;
-    } else if (code == ':') {
-        error = "--format needs a value";
-    } else if (code == 'f') {
-        const std::string_view value = optarg;
-        options.json = value == "json";
-        if (!options.json && value != "text")
-            error = "--format takes text or json, not '" + std::string(value) + "'";
-    } else {
-        error = std::string("unknown option '") +
-                (optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) +
-                "': see fmon doctor --help";
-    }
-    return error.empty();
-}
 
 std::string title(const Check &check) { return std::string(check.section) + " " + check.name; }
 
@@ -81,21 +38,6 @@ const char *state_name(State state)
     constexpr const char *kNames[] = {"ok", "warn", "no"};
     return kNames[static_cast<int>(state)];
 }
-
-bool parse_doctor(int argc, char **argv, DoctorOptions &options, std::string &error)
-{
-    opterr = 0;
-    optind = 0;  // starts a new scan
-    int code;
-    while ((code = getopt_long(argc, argv, ":f:h", kLongOptions, nullptr)) != -1)
-        if (!take_option(code, argv, options, error))
-            return false;
-    if (optind < argc && !options.help)
-        error = std::string("doctor takes no argument, such as '") + argv[optind] + "'";
-    return error.empty();
-}
-
-std::string doctor_help() { return kHelp; }
 
 std::string doctor_text(const Checks &checks, bool colours)
 {
