@@ -38,38 +38,38 @@ ContainerLibrary fake_library()
 
 }  // namespace
 
-TEST(CliContainers, are_asked_for_once_in_a_while)
+TEST(CliContainers, AreAskedForOnceInAWhile)
 {
     ContainerNames names(fake_library());
-    EXPECT_EQ(names.find("a", 0).name, "web");
-    EXPECT_EQ(names.find("a", ContainerNames::kKeepMs - 1).image, "registry:5000/team/nginx:1.25");
-    EXPECT_EQ(g_asked, 1);
+    EXPECT_EQ("web", names.find("a", 0).name);
+    EXPECT_EQ("registry:5000/team/nginx:1.25", names.find("a", ContainerNames::kKeepMs - 1).image);
+    EXPECT_EQ(1, g_asked);
     names.find("a", ContainerNames::kKeepMs);
-    EXPECT_EQ(g_asked, 2);
-    EXPECT_EQ(g_given_back, 2);
+    EXPECT_EQ(2, g_asked);
+    EXPECT_EQ(2, g_given_back);
 }
 
-TEST(CliContainers, have_what_is_known)
+TEST(CliContainers, HaveWhatIsKnown)
 {
     ContainerNames names(fake_library());
-    EXPECT_EQ(names.find("none", 0).name + names.find("none", 0).image, "");
-    EXPECT_EQ(g_asked, 1) << "that nothing is known is remembered, too";
+    EXPECT_EQ("", names.find("none", 0).name + names.find("none", 0).image);
+    EXPECT_EQ(1, g_asked) << "that nothing is known is remembered, too";
     g_name = nullptr;
     g_repository = g_tag = "";
-    EXPECT_EQ(names.find("b", 0).name, "");
-    EXPECT_EQ(names.find("b", 0).image, "nginx");
+    EXPECT_EQ("", names.find("b", 0).name);
+    EXPECT_EQ("nginx", names.find("b", 0).image);
     g_image = nullptr;
-    EXPECT_EQ(names.find("c", 0).image, "sha256:00");
+    EXPECT_EQ("sha256:00", names.find("c", 0).image);
 }
 
-TEST(CliContainers, the_host_is_none)
+TEST(CliContainers, TheHostIsNone)
 {
     ContainerNames names(fake_library());
-    EXPECT_EQ(names.find("host", 0).name, "");
-    EXPECT_EQ(g_asked, 0);
+    EXPECT_EQ("", names.find("host", 0).name);
+    EXPECT_EQ(0, g_asked);
 }
 
-TEST(CliContainers, are_bounded)
+TEST(CliContainers, AreBounded)
 {
     ContainerNames names(fake_library());
     for (size_t i = 0; i < 3 * ContainerNames::kMost; i++)
@@ -77,7 +77,7 @@ TEST(CliContainers, are_bounded)
     EXPECT_EQ(names.find("0", 0).name, names.find("1", 0).name);
 }
 
-TEST(CliContainers, a_missing_library_is_told)
+TEST(CliContainers, AMissingLibraryIsTold)
 {
     ContainerLibrary library;
     std::string error;

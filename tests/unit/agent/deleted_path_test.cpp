@@ -22,7 +22,7 @@ std::string told(const std::string &path, uint32_t mask, uint32_t pid = 7)
 
 }  // namespace
 
-TEST(CliDeletedPath, the_suffix_is_the_kernels)
+TEST(CliDeletedPath, TheSuffixIsTheKernels)
 {
     const agent_testing::Folder folder;
     const std::string path = folder.path("f");
@@ -35,7 +35,7 @@ TEST(CliDeletedPath, the_suffix_is_the_kernels)
     EXPECT_EQ(told(path + "(deleted)", FMON_MODIFY), path + "(deleted)");
 }
 
-TEST(CliDeletedPath, a_name_may_end_so)
+TEST(CliDeletedPath, ANameMayEndSo)
 {
     const agent_testing::Folder folder;
     const std::string path = folder.file("f (deleted)");

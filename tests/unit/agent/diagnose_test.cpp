@@ -72,14 +72,14 @@ std::string refusal(int code, const Findings &findings = {}, bool mount = false,
 
 }  // namespace
 
-TEST(CliDiagnose, a_path_that_appeared_and_may_not_be_watched)
+TEST(CliDiagnose, APathThatAppearedAndMayNotBeWatched)
 {
     expect_has(explain_retry("/a", kDenied, machine()), {"/a is there, but", "Permission denied"});
     expect_has(explain_retry("/a", {}, machine()), {"/a is there, but cannot be watched: the kernel refused it"});
 }
 
 /* As the monitor's log words it. */
-TEST(CliDiagnose, the_last_refusal_is_the_reason_where_there_is_no_better_one)
+TEST(CliDiagnose, TheLastRefusalIsTheReasonWhereThereIsNoBetterOne)
 {
     const struct {
         uint32_t step;
@@ -98,7 +98,7 @@ TEST(CliDiagnose, the_last_refusal_is_the_reason_where_there_is_no_better_one)
                   std::string("1 directory below /x is not watched: ") + row.said);
 }
 
-TEST(CliDiagnose, limit_of_watches_names_use_and_remedy)
+TEST(CliDiagnose, LimitOfWatchesNamesUseAndRemedy)
 {
     expect_has(refusal(-108, kWatchLimit),
                {"/x", "max_user_watches is reached (8,192", "8,192 in use by this user",
@@ -107,22 +107,22 @@ TEST(CliDiagnose, limit_of_watches_names_use_and_remedy)
                {"100,000 directories below /x are not watched", "sysctl fs.inotify.max_user_watches=131072"});
 }
 
-TEST(CliDiagnose, limit_of_marks)
+TEST(CliDiagnose, LimitOfMarks)
 {
     expect_has(refusal(-109, kMarkLimit),
                {"max_user_marks is reached (9,000)", "sysctl fs.fanotify.max_user_marks=16384"});
 }
 
-TEST(CliDiagnose, full_cache_names_the_setting)
+TEST(CliDiagnose, FullCacheNamesTheSetting)
 {
-    EXPECT_EQ(explain_left_out("/x", kTooLong, 1, machine()),
-              "1 directory below /x is not watched: paths of more than 1,022 bytes cannot be watched");
+    EXPECT_EQ("1 directory below /x is not watched: paths of more than 1,022 bytes cannot be watched",
+              explain_left_out("/x", kTooLong, 1, machine()));
     expect_has(explain_left_out("/x", kCacheFull, 1, machine()),
                {"1 directory below /x is not watched", "max_dentries 100", "--set max_dentries=1024"});
     EXPECT_NE(refusal(FMON_ENOMEM).find("--set max_dentries="), std::string::npos);
 }
 
-TEST(CliDiagnose, no_permission)
+TEST(CliDiagnose, NoPermission)
 {
     Facts user = machine();
     user.root = false;
@@ -131,7 +131,7 @@ TEST(CliDiagnose, no_permission)
                {"3 directories below /x are not watched", "/x/s and others", "run as root"});
 }
 
-TEST(CliDiagnose, what_needs_fanotify)
+TEST(CliDiagnose, WhatNeedsFanotify)
 {
     Facts user = machine();
     user.root = user.fanotify = false;
@@ -142,7 +142,7 @@ TEST(CliDiagnose, what_needs_fanotify)
     expect_has(refusal(FMON_ENOTSUP, {}, true, false, user), {"this kernel or container does not offer"});
 }
 
-TEST(CliDiagnose, every_code_has_one_line_that_names_the_path)
+TEST(CliDiagnose, EveryCodeHasOneLineThatNamesThePath)
 {
     for (const int code : {-100, -101, -102, -103, -104, -105, -108, -109, -110, -111, -112, -113, -114, -117, -1}) {
         const std::string line = refusal(code);
@@ -153,12 +153,12 @@ TEST(CliDiagnose, every_code_has_one_line_that_names_the_path)
 }
 
 /* Neither is a question of permissions, and both are limits. */
-TEST(CliDiagnose, no_descriptors)
+TEST(CliDiagnose, NoDescriptors)
 {
     for (const auto &[error, said] : {std::pair(EMFILE, "LimitNOFILE="), std::pair(ENFILE, "sysctl fs.file-max")}) {
         const Findings findings = refused(&fmon_left_out::descriptors, error, FMON_STEP_OPEN);
         EXPECT_TRUE(findings.limit_reached());
-        EXPECT_EQ(findings.left_out(), 1u);
+        EXPECT_EQ(1u, findings.left_out());
         expect_has(explain_left_out("/x", findings, 1, machine()), {"1 directory below /x is not watched: ", said});
         expect_has(explain_refusal({"/x", FMON_ENOENT, false, false, findings}, machine()),
                    {"/x cannot be watched: ", said});
@@ -167,7 +167,7 @@ TEST(CliDiagnose, no_descriptors)
     }
 }
 
-TEST(CliDiagnose, start_failures)
+TEST(CliDiagnose, StartFailures)
 {
     Facts facts = machine();
     const struct fmon_source instances = failed("init inotify failed", EMFILE);
@@ -187,29 +187,29 @@ TEST(CliDiagnose, start_failures)
     expect_has(explain_start_failure({}, facts), {"the monitor cannot start; --verbose"});
 }
 
-TEST(CliDiagnose, a_full_cache_and_no_memory_are_one_code)
+TEST(CliDiagnose, AFullCacheAndNoMemoryAreOneCode)
 {
     expect_has(refusal(FMON_ENOMEM, kCacheFull),
                {"/x cannot be watched: out of memory, or the monitor's cache is full"});
 }
 
-TEST(CliDiagnose, numbers)
+TEST(CliDiagnose, Numbers)
 {
-    EXPECT_EQ(roomy_limit(0), 1024u);
-    EXPECT_EQ(roomy_limit(1024), 1024u);
-    EXPECT_EQ(roomy_limit(1025), 2048u);
-    EXPECT_EQ(with_commas(0), "0");
-    EXPECT_EQ(with_commas(999), "999");
-    EXPECT_EQ(with_commas(1000), "1,000");
-    EXPECT_EQ(with_commas(1234567), "1,234,567");
-    EXPECT_EQ(counted(1, "directory"), "1 directory");
-    EXPECT_EQ(counted(0, "directory"), "0 directories");
-    EXPECT_EQ(counted(2, "watch"), "2 watches");
-    EXPECT_EQ(counted(2, "path"), "2 paths");
-    EXPECT_EQ(counted(5, "event"), "5 events");
+    EXPECT_EQ(1024u, roomy_limit(0));
+    EXPECT_EQ(1024u, roomy_limit(1024));
+    EXPECT_EQ(2048u, roomy_limit(1025));
+    EXPECT_EQ("0", with_commas(0));
+    EXPECT_EQ("999", with_commas(999));
+    EXPECT_EQ("1,000", with_commas(1000));
+    EXPECT_EQ("1,234,567", with_commas(1234567));
+    EXPECT_EQ("1 directory", counted(1, "directory"));
+    EXPECT_EQ("0 directories", counted(0, "directory"));
+    EXPECT_EQ("2 watches", counted(2, "watch"));
+    EXPECT_EQ("2 paths", counted(2, "path"));
+    EXPECT_EQ("5 events", counted(5, "event"));
 }
 
-TEST(CliMarks, counts_of_a_made_up_proc)
+TEST(CliMarks, CountsOfAMadeUpProc)
 {
     const agent_testing::Folder proc;
     proc.dir("12/fd");
@@ -223,11 +223,11 @@ TEST(CliMarks, counts_of_a_made_up_proc)
     std::filesystem::create_symlink("anon_inode:[fanotify]", proc.path("12/fd/6"));
     std::filesystem::create_symlink("/dev/null", proc.path("12/fd/0"));
     const Marks marks = process_marks("12", proc.root().c_str());
-    EXPECT_EQ(marks.inotify_instances, 1u);
-    EXPECT_EQ(marks.inotify_watches, 3000u);
-    EXPECT_EQ(marks.fanotify_instances, 1u);
-    EXPECT_EQ(marks.fanotify_mounts, (std::vector<uint64_t>{0x1d}));
-    EXPECT_EQ(user_marks(geteuid(), proc.root().c_str()).inotify_watches, 3000u);
-    EXPECT_EQ(user_marks(geteuid() + 1, proc.root().c_str()).inotify_watches, 0u);
-    EXPECT_EQ(process_marks("13", proc.root().c_str()).inotify_instances, 0u);
+    EXPECT_EQ(1u, marks.inotify_instances);
+    EXPECT_EQ(3000u, marks.inotify_watches);
+    EXPECT_EQ(1u, marks.fanotify_instances);
+    EXPECT_EQ((std::vector<uint64_t>{0x1d}), marks.fanotify_mounts);
+    EXPECT_EQ(3000u, user_marks(geteuid(), proc.root().c_str()).inotify_watches);
+    EXPECT_EQ(0u, user_marks(geteuid() + 1, proc.root().c_str()).inotify_watches);
+    EXPECT_EQ(0u, process_marks("13", proc.root().c_str()).inotify_instances);
 }

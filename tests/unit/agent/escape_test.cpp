@@ -62,7 +62,7 @@ std::string unescaped(std::string_view text)
 
 }  // namespace
 
-TEST(CliEscape, utf8_of_all_short_sequences)
+TEST(CliEscape, Utf8OfAllShortSequences)
 {
     for (unsigned a = 0; a < 256; a++)
         for (unsigned b = 0; b < 256; b++) {
@@ -75,11 +75,11 @@ TEST(CliEscape, utf8_of_all_short_sequences)
         }
 }
 
-TEST(CliEscape, replacement_makes_valid_utf8_and_keeps_what_is_valid)
+TEST(CliEscape, ReplacementMakesValidUtf8AndKeepsWhatIsValid)
 {
     std::string out;
     append_utf8("a\xff\xc3\xa9\xed\xa0\x80z", out);
-    EXPECT_EQ(out, "a\xef\xbf\xbd\xc3\xa9\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbdz");
+    EXPECT_EQ("a\xef\xbf\xbd\xc3\xa9\xef\xbf\xbd\xef\xbf\xbd\xef\xbf\xbdz", out);
     std::mt19937 random(1);
     for (int i = 0; i < 20000; i++) {
         const std::string bytes = agent_testing::random_bytes(random, 40);
@@ -92,7 +92,7 @@ TEST(CliEscape, replacement_makes_valid_utf8_and_keeps_what_is_valid)
     }
 }
 
-TEST(CliEscape, ascii_run_is_followed_by_whatever_comes)
+TEST(CliEscape, AsciiRunIsFollowedByWhateverComes)
 {
     EXPECT_TRUE(is_utf8("12345678"));
     EXPECT_TRUE(
@@ -103,9 +103,9 @@ TEST(CliEscape, ascii_run_is_followed_by_whatever_comes)
     EXPECT_TRUE(is_utf8(""));
 }
 
-TEST(CliEscape, every_byte_is_safe_for_a_terminal)
+TEST(CliEscape, EveryByteIsSafeForATerminal)
 {
-    EXPECT_EQ(escaped("a\nb\t\033[31m\\ \x7f\x01"), "a\\nb\\t\\033[31m\\\\ \\177\\001");
+    EXPECT_EQ("a\\nb\\t\\033[31m\\\\ \\177\\001", escaped("a\nb\t\033[31m\\ \x7f\x01"));
     for (unsigned byte = 0; byte < 256; byte++) {
         const char c = static_cast<char>(byte);
         EXPECT_TRUE(is_safe_for_a_terminal(escaped({&c, 1}))) << byte;
@@ -118,44 +118,43 @@ TEST(CliEscape, every_byte_is_safe_for_a_terminal)
     }
 }
 
-TEST(CliEscape, characters_that_turn_or_end_a_line_are_escaped)
+TEST(CliEscape, CharactersThatTurnOrEndALineAreEscaped)
 {
     for (const std::string text :
          {"\xe2\x80\xae", "\xe2\x80\xa8", "\xe2\x81\xa6", "\xe2\x80\x8f", "\xc2\x9b", "\xd8\x9c", "\xef\xbb\xbf"})
-        EXPECT_EQ(escaped(text)[0], '\\') << text;
+        EXPECT_EQ('\\', escaped(text)[0]) << text;
     for (const std::string text : {"\xc3\xa9", "\xe2\x82\xac", "\xf0\x9f\x98\x80", "\xc2\xa0"})
         EXPECT_EQ(escaped(text), text);
 }
 
-TEST(CliEscape, an_octal_escape_does_not_run_into_a_digit)
+TEST(CliEscape, AnOctalEscapeDoesNotRunIntoADigit)
 {
-    EXPECT_EQ(escaped("\x01"
-                      "7"),
-              "\\0017");
+    EXPECT_EQ("\\0017", escaped("\x01"
+                                "7"));
 }
 
-TEST(CliEscape, a_message_keeps_its_backslashes)
+TEST(CliEscape, AMessageKeepsItsBackslashes)
 {
     std::string out;
     append_safe("Unmatched ( or \\( in \n", out);
-    EXPECT_EQ(out, "Unmatched ( or \\( in \\n");
+    EXPECT_EQ("Unmatched ( or \\( in \\n", out);
 }
 
-TEST(CliEscape, csv_fields)
+TEST(CliEscape, CsvFields)
 {
     const auto csv = [](std::string_view field) {
         std::string out;
         append_csv(field, out);
         return out;
     };
-    EXPECT_EQ(csv("plain name"), "plain name");
-    EXPECT_EQ(csv(""), "");
-    EXPECT_EQ(csv("a,b"), "\"a,b\"");
-    EXPECT_EQ(csv("a\"b"), "\"a\"\"b\"");
-    EXPECT_EQ(csv("a\nb\r"), "\"a\nb\r\"");
+    EXPECT_EQ("plain name", csv("plain name"));
+    EXPECT_EQ("", csv(""));
+    EXPECT_EQ("\"a,b\"", csv("a,b"));
+    EXPECT_EQ("\"a\"\"b\"", csv("a\"b"));
+    EXPECT_EQ("\"a\nb\r\"", csv("a\nb\r"));
 }
 
-TEST(CliEscape, base64)
+TEST(CliEscape, Base64)
 {
     const char *pairs[][2] = {{"", ""},
                               {"f", "Zg=="},

@@ -24,9 +24,9 @@ struct Filter {
 
 }  // namespace
 
-TEST(CliFilter, without_patterns_all_is_shown) { EXPECT_TRUE(Filter({}, {}).shows("/a")); }
+TEST(CliFilter, WithoutPatternsAllIsShown) { EXPECT_TRUE(Filter({}, {}).shows("/a")); }
 
-TEST(CliFilter, one_of_those_to_include)
+TEST(CliFilter, OneOfThoseToInclude)
 {
     const Filter filter({"\\.c$", "\\.h$"}, {});
     EXPECT_TRUE(filter.shows("/a.c"));
@@ -34,7 +34,7 @@ TEST(CliFilter, one_of_those_to_include)
     EXPECT_FALSE(filter.shows("/a.o"));
 }
 
-TEST(CliFilter, exclusion_wins)
+TEST(CliFilter, ExclusionWins)
 {
     const Filter filter({"^/a/"}, {"~$", "/[.][^/]*[.]swp$"});
     EXPECT_TRUE(filter.shows("/a/b"));
@@ -43,14 +43,14 @@ TEST(CliFilter, exclusion_wins)
     EXPECT_FALSE(filter.shows("/b"));
 }
 
-TEST(CliFilter, works_on_bytes)
+TEST(CliFilter, WorksOnBytes)
 {
     EXPECT_FALSE(Filter({}, {"\xff$"}).shows("/a\xff"));
     EXPECT_FALSE(Filter({}, {"^/a.b$"}).shows("/a\nb"));
     EXPECT_TRUE(Filter({"^/(x|y)+$"}, {}).shows("/xyx"));
 }
 
-TEST(CliFilter, a_broken_pattern_is_told)
+TEST(CliFilter, ABrokenPatternIsTold)
 {
     PathFilter filter;
     std::string error;
@@ -59,7 +59,7 @@ TEST(CliFilter, a_broken_pattern_is_told)
     EXPECT_FALSE(filter.exclude("[a", error));
 }
 
-TEST(CliFilter, a_hidden_path_is_not_shown_but_its_neighbours_are)
+TEST(CliFilter, AHiddenPathIsNotShownButItsNeighboursAre)
 {
     Filter filter({}, {});
     filter.filter.hide("/a/out");
@@ -68,18 +68,18 @@ TEST(CliFilter, a_hidden_path_is_not_shown_but_its_neighbours_are)
     EXPECT_TRUE(filter.shows("/a"));
 }
 
-TEST(CliFilter, depth_below_a_root)
+TEST(CliFilter, DepthBelowARoot)
 {
-    EXPECT_EQ(folder_depth("/a", "/a"), 0);
-    EXPECT_EQ(folder_depth("/a", "/a/b"), 0);
-    EXPECT_EQ(folder_depth("/a", "/a/b/c"), 1);
-    EXPECT_EQ(folder_depth("/a", "/ab"), -1);
-    EXPECT_EQ(folder_depth("/", "/a"), 0);
-    EXPECT_EQ(folder_depth("/", "/a/b"), 1);
-    EXPECT_EQ(folder_depth("/a/b", "/a"), -1);
+    EXPECT_EQ(0, folder_depth("/a", "/a"));
+    EXPECT_EQ(0, folder_depth("/a", "/a/b"));
+    EXPECT_EQ(1, folder_depth("/a", "/a/b/c"));
+    EXPECT_EQ(-1, folder_depth("/a", "/ab"));
+    EXPECT_EQ(0, folder_depth("/", "/a"));
+    EXPECT_EQ(1, folder_depth("/", "/a/b"));
+    EXPECT_EQ(-1, folder_depth("/a/b", "/a"));
 }
 
-TEST(CliFilter, below)
+TEST(CliFilter, Below)
 {
     EXPECT_TRUE(is_below("/a", "/a"));
     EXPECT_TRUE(is_below("/a", "/a/b"));

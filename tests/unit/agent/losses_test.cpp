@@ -10,7 +10,7 @@ using agent::Losses;
 
 struct fmon_status counters() { return {}; }
 
-TEST(CliLosses, each_look_tells_what_is_new)
+TEST(CliLosses, EachLookTellsWhatIsNew)
 {
     Losses losses;
     struct fmon_status now = counters();
@@ -27,7 +27,7 @@ TEST(CliLosses, each_look_tells_what_is_new)
     EXPECT_EQ(1u, losses.since_last(now).at(0).count);
 }
 
-TEST(CliLosses, every_counter_is_told)
+TEST(CliLosses, EveryCounterIsTold)
 {
     constexpr size_t kCounters = sizeof(struct fmon_loss_counts) / sizeof(uint64_t);
     for (size_t i = 0; i < kCounters; i++) {
@@ -40,7 +40,7 @@ TEST(CliLosses, every_counter_is_told)
     }
 }
 
-TEST(CliLosses, a_path_is_told_where_it_is_known)
+TEST(CliLosses, APathIsToldWhereItIsKnown)
 {
     Losses losses;
     struct fmon_status now = counters();

@@ -24,7 +24,7 @@ thread_local int left_until_failure = -1; /* -1: none fails */
 std::pair<std::string, int> end_of(void (*body)())
 {
     int ends[2];
-    EXPECT_EQ(pipe(ends), 0);
+    EXPECT_EQ(0, pipe(ends));
     const pid_t child = fork();
     if (child == 0) {
         dup2(ends[1], STDERR_FILENO);
@@ -61,29 +61,29 @@ void deliver() noexcept
 
 bool testlib::allocation_fails() { return left_until_failure >= 0 && left_until_failure-- == 0; }
 
-TEST(CliOutOfMemory, a_callback_ends_in_a_sentence)
+TEST(CliOutOfMemory, ACallbackEndsInASentence)
 {
     const auto [text, status] = end_of([] { deliver(); });
-    EXPECT_EQ(text, "fmon: out of memory\n");
+    EXPECT_EQ("fmon: out of memory\n", text);
     EXPECT_TRUE(is_exit(status, kError)) << status;
 }
 
-TEST(CliOutOfMemory, a_thread_ends_in_a_sentence)
+TEST(CliOutOfMemory, AThreadEndsInASentence)
 {
     const auto [text, status] = end_of([] { std::thread([] { throw std::bad_alloc(); }).join(); });
-    EXPECT_EQ(text, "fmon: out of memory\n");
+    EXPECT_EQ("fmon: out of memory\n", text);
     EXPECT_TRUE(is_exit(status, kError)) << status;
 }
 
-TEST(CliOutOfMemory, other_faults_leave_their_traces)
+TEST(CliOutOfMemory, OtherFaultsLeaveTheirTraces)
 {
     const auto [text, status] = end_of([] { std::thread([] { throw std::runtime_error("x"); }).join(); });
-    EXPECT_EQ(text, "fmon: ended by a fault of its own\n");
+    EXPECT_EQ("fmon: ended by a fault of its own\n", text);
     EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGABRT) << status;
 }
 
 /* A batch that found no memory is as it was. */
-TEST(CliOutOfMemory, a_batch_stays_whole)
+TEST(CliOutOfMemory, ABatchStaysWhole)
 {
     Batch batch;
     const std::string path(100, 'p'), container(50, 'c');
@@ -106,7 +106,7 @@ TEST(CliOutOfMemory, a_batch_stays_whole)
         }
     }
     EXPECT_GT(failed, 3);
-    ASSERT_EQ(batch.size(), 200u);
+    ASSERT_EQ(200u, batch.size());
     for (size_t n = 0; n < batch.size(); n++) {
         EXPECT_EQ(batch.event(n).time_ns, n);
         EXPECT_EQ(batch.event(n).path, path);

@@ -40,7 +40,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CliOwnLog, goes_to_the_installation_or_to_the_users_own_places)
+TEST_F(CliOwnLog, GoesToTheInstallationOrToTheUsersOwnPlaces)
 {
     options.paths = {folder.path("home")};
     EXPECT_EQ(folders(), (Paths{"/installed", home, run}));
@@ -50,11 +50,11 @@ TEST_F(CliOwnLog, goes_to_the_installation_or_to_the_users_own_places)
     unsetenv("XDG_RUNTIME_DIR");
     EXPECT_EQ(folders(), (Paths{"/installed", home}));
     unsetenv("HOME");
-    EXPECT_EQ(folders(), Paths{"/installed"});
+    EXPECT_EQ(Paths{"/installed"}, folders());
 }
 
 /* A line for each event, where each line is an event, has no end. */
-TEST_F(CliOwnLog, with_lines_for_events_goes_where_nobody_watches)
+TEST_F(CliOwnLog, WithLinesForEventsGoesWhereNobodyWatches)
 {
     for (const int level : {3, 4}) {
         options.log_level = level;
@@ -67,32 +67,32 @@ TEST_F(CliOwnLog, with_lines_for_events_goes_where_nobody_watches)
         options.paths = {home};
         EXPECT_EQ(folders(), (Paths{"/installed", run}));
         options.paths = {"/"};
-        EXPECT_EQ(folders(), Paths{});
+        EXPECT_EQ(Paths{}, folders());
     }
 }
 
-TEST_F(CliOwnLog, a_watched_link_to_it_is_found)
+TEST_F(CliOwnLog, AWatchedLinkToItIsFound)
 {
     options.log_level = 4;
-    ASSERT_EQ(symlink("home", folder.path("link").c_str()), 0);
+    ASSERT_EQ(0, symlink("home", folder.path("link").c_str()));
     options.paths = {folder.path("link")};
     EXPECT_EQ(folders(), (Paths{"/installed", run}));
 }
 
-TEST_F(CliOwnLog, tells_its_files)
+TEST_F(CliOwnLog, TellsItsFiles)
 {
     const OwnLog own = open_own_log(options);
-    EXPECT_EQ(own.note, "");
+    EXPECT_EQ("", own.note);
     EXPECT_EQ(own.files.front(), home);
-    EXPECT_EQ(std::count(own.files.begin(), own.files.end(), home + "/fmon.log"), 1);
+    EXPECT_EQ(1, std::count(own.files.begin(), own.files.end(), home + "/fmon.log"));
     EXPECT_EQ(own.files.back(), home + "/fmon.log.4");
     EXPECT_TRUE(std::filesystem::exists(home + "/fmon.log"));
     char asked[512] = "";
-    EXPECT_EQ(orx_dirutils_path_transform("@/../var/log/agent/fmon", asked, sizeof asked), 0);
+    EXPECT_EQ(0, orx_dirutils_path_transform("@/../var/log/agent/fmon", asked, sizeof asked));
     EXPECT_EQ(asked, home) << "the monitor finds the same";
 }
 
-TEST_F(CliOwnLog, says_that_there_is_none)
+TEST_F(CliOwnLog, SaysThatThereIsNone)
 {
     options.log_level = 4;
     options.paths = {"/"};

@@ -68,7 +68,7 @@ protected:
 
 }  // namespace
 
-TEST_F(CliPlacement, counts_each_reason)
+TEST_F(CliPlacement, CountsEachReason)
 {
     const struct {
         uint64_t fmon_left_out::*counter;
@@ -83,86 +83,86 @@ TEST_F(CliPlacement, counts_each_reason)
     for (const auto &row : rows) {
         (g_status.left_out.*row.counter)++;
         const Findings found = placement.take();
-        EXPECT_EQ(found.counts.*row.counter, 1u);
+        EXPECT_EQ(1u, found.counts.*row.counter);
         EXPECT_EQ(found.left_out(), row.left_out);
         EXPECT_EQ(found.limit_reached(), row.limit);
     }
 }
 
-TEST_F(CliPlacement, counts_until_they_are_taken)
+TEST_F(CliPlacement, CountsUntilTheyAreTaken)
 {
     deny("/a");
     deny("/b");
-    EXPECT_EQ(woken, 1);
+    EXPECT_EQ(1, woken);
     EXPECT_TRUE(placement.any());
     const Findings found = placement.take();
-    EXPECT_EQ(found.left_out(), 2u);  // each was refused twice
-    EXPECT_EQ(found.first_denied, "/a");
-    EXPECT_STREQ(found.last.path, "/b");
+    EXPECT_EQ(2u, found.left_out());  // each was refused twice
+    EXPECT_EQ("/a", found.first_denied);
+    EXPECT_STREQ("/b", found.last.path);
     EXPECT_FALSE(found.limit_reached());
     EXPECT_FALSE(placement.any());
     const Findings none = placement.take();
-    EXPECT_EQ(none.left_out(), 0u);
-    EXPECT_EQ(none.last.code, 0);  // that was told
-    EXPECT_EQ(none.first_denied, "");
+    EXPECT_EQ(0u, none.left_out());
+    EXPECT_EQ(0, none.last.code);  // that was told
+    EXPECT_EQ("", none.first_denied);
     deny("/c");
-    EXPECT_EQ(woken, 2);
+    EXPECT_EQ(2, woken);
 }
 
-TEST_F(CliPlacement, what_went_away_is_nothing_to_look_at)
+TEST_F(CliPlacement, WhatWentAwayIsNothingToLookAt)
 {
     refuse(FMON_LEFT_GONE, FMON_STEP_READ, ENOENT, "/a", &fmon_left_out::gone);
-    EXPECT_EQ(woken, 0);
+    EXPECT_EQ(0, woken);
     EXPECT_FALSE(placement.any());
-    EXPECT_EQ(placement.take().left_out(), 0u);
+    EXPECT_EQ(0u, placement.take().left_out());
 }
 
-TEST_F(CliPlacement, new_watches_are_counted_and_those_of_other_threads_are_heard)
+TEST_F(CliPlacement, NewWatchesAreCountedAndThoseOfOtherThreadsAreHeard)
 {
     g_listener("/before", nullptr);
     placement.listen([this](const std::string &path) { heard.push_back(path); });
     g_listener("/mine", nullptr);
     std::thread([] { g_listener("/theirs", nullptr); }).join();
-    EXPECT_EQ(heard, std::vector<std::string>{"/theirs"});
-    EXPECT_EQ(placement.placed(), 3u);
+    EXPECT_EQ(std::vector<std::string>{"/theirs"}, heard);
+    EXPECT_EQ(3u, placement.placed());
     EXPECT_FALSE(placement.any());
 }
 
-TEST_F(CliPlacement, denials_are_heard_once_each)
+TEST_F(CliPlacement, DenialsAreHeardOnceEach)
 {
     placement.listen_to_denials([this](const std::string &path) { heard.push_back(path); });
     deny("/a");
     refuse(FMON_LEFT_INOTIFY_LIMIT, FMON_STEP_INOTIFY, ENOSPC, "/b", &fmon_left_out::inotify_limit);
     refuse(FMON_LEFT_DENIED, FMON_STEP_OPEN, EACCES, "/c", &fmon_left_out::denied);
     std::thread([this] { deny("/d"); }).join();
-    EXPECT_EQ(heard, (std::vector<std::string>{"/a", "/d"}));
+    EXPECT_EQ((std::vector<std::string>{"/a", "/d"}), heard);
 }
 
-TEST_F(CliPlacement, a_monitor_that_had_to_end)
+TEST_F(CliPlacement, AMonitorThatHadToEnd)
 {
     g_result = FMON_ENOTINIT;
     EXPECT_FALSE(placement.take().ended);  // nothing is known of one that was never started
     g_status.monitor = {FMON_SOURCE_REFUSED, FMON_WHY_SYSTEM, 0, EBADF, "select failed"};
     const Findings found = placement.take();
     EXPECT_TRUE(found.ended);
-    EXPECT_EQ(trouble_text(found.monitor), "select failed: Bad file descriptor");
-    EXPECT_EQ(found.left_out(), 0u);
+    EXPECT_EQ("select failed: Bad file descriptor", trouble_text(found.monitor));
+    EXPECT_EQ(0u, found.left_out());
 }
 
-TEST_F(CliPlacement, a_monitor_without_its_thread_answers_and_has_ended)
+TEST_F(CliPlacement, AMonitorWithoutItsThreadAnswersAndHasEnded)
 {
     g_status.monitor = {FMON_SOURCE_REFUSED, FMON_WHY_OTHER, -1, 0, "create file monitor thread failed"};
     const Findings found = placement.take();
     EXPECT_TRUE(found.ended);
-    EXPECT_EQ(trouble_text(found.monitor), "create file monitor thread failed");
+    EXPECT_EQ("create file monitor thread failed", trouble_text(found.monitor));
 }
 
-TEST_F(CliPlacement, hears_no_more_after_its_end)
+TEST_F(CliPlacement, HearsNoMoreAfterItsEnd)
 {
     const fmon_mark_cb listener = g_listener;
     placement.stop();
-    EXPECT_EQ(g_listener, nullptr);
+    EXPECT_EQ(nullptr, g_listener);
     listener("/a", nullptr);  // as one that was under way
-    EXPECT_EQ(placement.placed(), 0u);
+    EXPECT_EQ(0u, placement.placed());
     EXPECT_FALSE(placement.take().ended);
 }

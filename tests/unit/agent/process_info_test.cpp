@@ -34,7 +34,7 @@ protected:
         folder.file("77/status", "Name:\tx\nPPid:\t7\nUid:\t1000\t1001\t1000\t1000\nGid:\t1\n");
         folder.file("77/cmdline", cmdline);
         if (!exe.empty()) {
-            EXPECT_EQ(symlink(exe.c_str(), folder.path("77/exe").c_str()), 0);
+            EXPECT_EQ(0, symlink(exe.c_str(), folder.path("77/exe").c_str()));
         }
     }
     void end() const { std::filesystem::remove_all(folder.path("77")); }
@@ -46,11 +46,11 @@ protected:
     {
         const std::string status = folder.path("77/status");
         std::filesystem::remove(status);
-        ASSERT_EQ(mkfifo(status.c_str(), 0600), 0);
+        ASSERT_EQ(0, mkfifo(status.c_str(), 0600));
         changer = std::thread([=] {
             const int writer = open(status.c_str(), O_WRONLY);  // waits for the reader
             change();
-            EXPECT_EQ(write(writer, "Uid:\t1\t", 7), 7);
+            EXPECT_EQ(7, write(writer, "Uid:\t1\t", 7));
             close(writer);
         });
     }
@@ -68,29 +68,29 @@ protected:
 
 }  // namespace
 
-TEST_F(ProcFolder, reads_all_fields)
+TEST_F(ProcFolder, ReadsAllFields)
 {
     run("cat", "/usr/bin/cat", std::string("cat\0a b\0", 8));
     const ProcessPtr info = find();
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->name, "cat");
-    EXPECT_EQ(info->exe, "/usr/bin/cat");
-    EXPECT_EQ(info->cmdline, "cat a b");
-    EXPECT_EQ(info->uid, 1001u);
-    EXPECT_EQ(info->ppid, 7u);
-    EXPECT_EQ(info->start, 5u);
+    EXPECT_EQ("cat", info->name);
+    EXPECT_EQ("/usr/bin/cat", info->exe);
+    EXPECT_EQ("cat a b", info->cmdline);
+    EXPECT_EQ(1001u, info->uid);
+    EXPECT_EQ(7u, info->ppid);
+    EXPECT_EQ(5u, info->start);
 }
 
-TEST_F(ProcFolder, a_name_may_look_like_the_fields_behind_it)
+TEST_F(ProcFolder, ANameMayLookLikeTheFieldsBehindIt)
 {
     run("a) R 9 (b", "", "");
     const ProcessPtr info = find();
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->name, "a) R 9 (b");
-    EXPECT_EQ(info->ppid, 7u);
+    EXPECT_EQ("a) R 9 (b", info->name);
+    EXPECT_EQ(7u, info->ppid);
 }
 
-TEST_F(ProcFolder, broken_files_are_no_process)
+TEST_F(ProcFolder, BrokenFilesAreNoProcess)
 {
     for (const char *stat : {"", "77", "77 (cat", "77 cat) S", "77 )cat( S 1", "77 (cat)"}) {
         folder.dir("77");
@@ -102,125 +102,125 @@ TEST_F(ProcFolder, broken_files_are_no_process)
 }
 
 /* What cannot be read is not told; above all, nobody becomes root by it. */
-TEST_F(ProcFolder, what_is_not_known_is_left_out)
+TEST_F(ProcFolder, WhatIsNotKnownIsLeftOut)
 {
     for (const char *status : {"", "Name:\tx\nUid:\t1000", "Name:\tx\nUid:\t1000\tx\n", "Uid:\t0\t0\n"}) {
         run("cat", "/usr/bin/cat", "cat");
         folder.file("77/status", status);
         ASSERT_TRUE(find());
-        EXPECT_EQ(cache.find(kPid, turn, 0)->uid, std::nullopt) << status;
+        EXPECT_EQ(std::nullopt, cache.find(kPid, turn, 0)->uid) << status;
         end();
-        EXPECT_EQ(find(), nullptr);
+        EXPECT_EQ(nullptr, find());
     }
 }
 
-TEST_F(ProcFolder, an_ended_process_is_forgotten)
+TEST_F(ProcFolder, AnEndedProcessIsForgotten)
 {
     run("cat", "/usr/bin/cat", "cat");
     const ProcessPtr first = cache.find(kPid, 1, 0);
     end();
     EXPECT_EQ(cache.find(kPid, 1, 0), first) << "its events had come before it was looked at";
-    EXPECT_EQ(cache.find(kPid, 2, 0), nullptr);
-    EXPECT_EQ(first->name, "cat") << "whoever has it keeps it";
+    EXPECT_EQ(nullptr, cache.find(kPid, 2, 0));
+    EXPECT_EQ("cat", first->name) << "whoever has it keeps it";
 }
 
-TEST_F(ProcFolder, a_pid_that_is_used_again_is_another_process)
+TEST_F(ProcFolder, APidThatIsUsedAgainIsAnotherProcess)
 {
     run("trusted", "/usr/bin/trusted", "trusted", 5);
-    EXPECT_EQ(find()->start, 5u);
+    EXPECT_EQ(5u, find()->start);
     run("trusted", "/usr/bin/trusted", "trusted", 6);
-    EXPECT_EQ(find()->start, 6u);
+    EXPECT_EQ(6u, find()->start);
 }
 
-TEST_F(ProcFolder, another_program_is_seen_by_its_name_its_file_or_its_place)
+TEST_F(ProcFolder, AnotherProgramIsSeenByItsNameItsFileOrItsPlace)
 {
     run("sh", "/bin/sh", "sh 1");
-    EXPECT_EQ(find()->cmdline, "sh 1");
+    EXPECT_EQ("sh 1", find()->cmdline);
     run("cat", "/bin/sh", "sh 2");
-    EXPECT_EQ(find()->cmdline, "sh 2");
+    EXPECT_EQ("sh 2", find()->cmdline);
     run("cat", "/bin/cat", "sh 3");
-    EXPECT_EQ(find()->cmdline, "sh 3");
+    EXPECT_EQ("sh 3", find()->cmdline);
     run("cat", "/bin/cat", "sh 4", 5, "401");
-    EXPECT_EQ(find()->cmdline, "sh 4");
+    EXPECT_EQ("sh 4", find()->cmdline);
 }
 
 /* Without permission nothing shows that it is still the same. */
-TEST_F(ProcFolder, a_program_that_may_not_be_seen_is_read_each_turn)
+TEST_F(ProcFolder, AProgramThatMayNotBeSeenIsReadEachTurn)
 {
     run("sh", "", "sh 1");
-    EXPECT_EQ(find()->cmdline, "sh 1");
+    EXPECT_EQ("sh 1", find()->cmdline);
     run("sh", "", "sh 2");
-    EXPECT_EQ(find()->cmdline, "sh 2");
+    EXPECT_EQ("sh 2", find()->cmdline);
 }
 
-TEST_F(ProcFolder, is_looked_at_once_a_turn)
+TEST_F(ProcFolder, IsLookedAtOnceATurn)
 {
     run("sh", "/bin/sh", "sh");
     const ProcessPtr first = cache.find(kPid, 1, 0);
     run("cat", "/usr/bin/cat", "cat");
     EXPECT_EQ(cache.find(kPid, 1, 5000), first);
-    EXPECT_EQ(cache.find(kPid, 2, 0)->name, "cat");
-    EXPECT_EQ(first->name, "sh");
+    EXPECT_EQ("cat", cache.find(kPid, 2, 0)->name);
+    EXPECT_EQ("sh", first->name);
 }
 
-TEST_F(ProcFolder, what_changes_without_a_trace_is_read_again_after_a_while)
+TEST_F(ProcFolder, WhatChangesWithoutATraceIsReadAgainAfterAWhile)
 {
     run("sh", "/bin/sh", "sh 1");
     const ProcessPtr first = find(0);
     run("sh", "/bin/sh", "sh 2");
     EXPECT_EQ(find(ProcessCache::kRefreshMs - 1), first);
-    EXPECT_EQ(find(ProcessCache::kRefreshMs)->cmdline, "sh 2");
+    EXPECT_EQ("sh 2", find(ProcessCache::kRefreshMs)->cmdline);
 }
 
-TEST_F(ProcFolder, nothing_new_keeps_the_same_record)
+TEST_F(ProcFolder, NothingNewKeepsTheSameRecord)
 {
     run("sh", "/bin/sh", "sh");
     const ProcessPtr first = find(0);
     EXPECT_EQ(find(ProcessCache::kRefreshMs), first);
 }
 
-TEST_F(ProcFolder, a_zombie_has_its_name_and_user)
+TEST_F(ProcFolder, AZombieHasItsNameAndUser)
 {
     run("cat", "/usr/bin/cat", "cat x");
     find();
     run("cat", "", "");
     const ProcessPtr zombie = find();
-    EXPECT_EQ(zombie->name, "cat");
-    EXPECT_EQ(zombie->uid, 1001u);
-    EXPECT_EQ(zombie->exe + zombie->cmdline, "");
+    EXPECT_EQ("cat", zombie->name);
+    EXPECT_EQ(1001u, zombie->uid);
+    EXPECT_EQ("", zombie->exe + zombie->cmdline);
 }
 
-TEST_F(ProcFolder, gone_at_first_sight_is_looked_for_again)
+TEST_F(ProcFolder, GoneAtFirstSightIsLookedForAgain)
 {
-    EXPECT_EQ(find(), nullptr);
+    EXPECT_EQ(nullptr, find());
     run("cat", "/usr/bin/cat", "cat");
-    EXPECT_EQ(find()->name, "cat");
+    EXPECT_EQ("cat", find()->name);
 }
 
 /* Everything is of one reading. */
-TEST_F(ProcFolder, one_that_becomes_another_during_the_reading_is_read_again)
+TEST_F(ProcFolder, OneThatBecomesAnotherDuringTheReadingIsReadAgain)
 {
     run("malware", "/tmp/malware", "malware");
     during_a_reading([this] { run("apt-get", "/usr/bin/apt-get", "apt-get update"); });
     const ProcessPtr info = find();
     ASSERT_TRUE(info);
-    EXPECT_EQ(info->name + "|" + info->exe + "|" + info->cmdline, "apt-get|/usr/bin/apt-get|apt-get update");
-    EXPECT_EQ(info->uid, 1001u);
+    EXPECT_EQ("apt-get|/usr/bin/apt-get|apt-get update", info->name + "|" + info->exe + "|" + info->cmdline);
+    EXPECT_EQ(1001u, info->uid);
 }
 
-TEST_F(ProcFolder, one_that_ends_during_the_reading_has_a_name_at_most)
+TEST_F(ProcFolder, OneThatEndsDuringTheReadingHasANameAtMost)
 {
     run("cat", "/usr/bin/cat", "cat x");
     during_a_reading([this] { end(); });
     const ProcessPtr info = find();
     ASSERT_TRUE(info);
-    EXPECT_EQ(*info, (ProcessInfo{"cat", "", "", std::nullopt, 7, 5, ""}));
-    EXPECT_EQ(find(), nullptr);
+    EXPECT_EQ((ProcessInfo{"cat", "", "", std::nullopt, 7, 5, ""}), *info);
+    EXPECT_EQ(nullptr, find());
 }
 
-TEST_F(ProcFolder, pid_0_is_nobody) { EXPECT_EQ(cache.find(0, 1, 0), nullptr); }
+TEST_F(ProcFolder, Pid0IsNobody) { EXPECT_EQ(nullptr, cache.find(0, 1, 0)); }
 
-TEST(CliProcess, itself_on_the_real_proc)
+TEST(CliProcess, ItselfOnTheRealProc)
 {
     ProcessCache cache;
     const ProcessPtr info = cache.find(static_cast<uint32_t>(getpid()), 1, 0);
@@ -236,8 +236,8 @@ class Child
 public:
     explicit Child(const std::function<void()> &step)
     {
-        EXPECT_EQ(pipe2(go_, O_CLOEXEC), 0);
-        EXPECT_EQ(pipe2(done_, O_CLOEXEC), 0);
+        EXPECT_EQ(0, pipe2(go_, O_CLOEXEC));
+        EXPECT_EQ(0, pipe2(done_, O_CLOEXEC));
         pid_ = fork();
         if (pid_ == 0) {
             char c = 0;
@@ -274,47 +274,47 @@ private:
     pid_t pid_;
 };
 
-TEST(CliProcess, another_program_is_told_at_once)
+TEST(CliProcess, AnotherProgramIsToldAtOnce)
 {
     const Child child([] { execlp("sleep", "one", "100", nullptr); });
     ProcessCache cache;
     EXPECT_NE(cache.find(child.pid(), 1, 0)->cmdline.find("unit_agent_process_info"), std::string::npos);
     child.step();
-    EXPECT_EQ(cache.find(child.pid(), 2, 0)->cmdline, "one 100");
+    EXPECT_EQ("one 100", cache.find(child.pid(), 2, 0)->cmdline);
 }
 
 /* Of the same name and file: only where the kernel put it tells. */
-TEST(CliProcess, the_same_program_anew_is_told_soon)
+TEST(CliProcess, TheSameProgramAnewIsToldSoon)
 {
     int said[2];
-    ASSERT_EQ(pipe2(said, O_CLOEXEC), 0);
+    ASSERT_EQ(0, pipe2(said, O_CLOEXEC));
     const Child child([&said] {
         dup2(said[1], STDOUT_FILENO);
         execlp("sh", "sh", "-c", "read x; exec sh -c 'echo; read y; exit 1'", nullptr);
     });
     ProcessCache cache;
     child.step();
-    EXPECT_EQ(cache.find(child.pid(), 1, 0)->cmdline.substr(0, 12), "sh -c read x");
+    EXPECT_EQ("sh -c read x", cache.find(child.pid(), 1, 0)->cmdline.substr(0, 12));
     child.tell("\n");
     char c = 0;
-    EXPECT_EQ(read(said[0], &c, 1), 1); /* of the second one */
-    EXPECT_EQ(cache.find(child.pid(), 2, 0)->cmdline, "sh -c echo; read y; exit 1");
+    EXPECT_EQ(1, read(said[0], &c, 1)); /* of the second one */
+    EXPECT_EQ("sh -c echo; read y; exit 1", cache.find(child.pid(), 2, 0)->cmdline);
     close(said[0]);
     close(said[1]);
 }
 
-TEST(CliProcess, another_user_is_told_at_once)
+TEST(CliProcess, AnotherUserIsToldAtOnce)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "root only may change its user";
-    const Child child([] { EXPECT_EQ(seteuid(65534), 0); });
+    const Child child([] { EXPECT_EQ(0, seteuid(65534)); });
     ProcessCache cache;
-    EXPECT_EQ(cache.find(child.pid(), 1, 0)->uid, 0u);
+    EXPECT_EQ(0u, cache.find(child.pid(), 1, 0)->uid);
     child.step();
-    EXPECT_EQ(cache.find(child.pid(), 2, 0)->uid, 65534u);
+    EXPECT_EQ(65534u, cache.find(child.pid(), 2, 0)->uid);
 }
 
-TEST(CliProcess, pids_that_share_a_slot_replace_each_other)
+TEST(CliProcess, PidsThatShareASlotReplaceEachOther)
 {
     const agent_testing::Folder folder;
     ProcessCache cache(folder.root());
@@ -322,22 +322,22 @@ TEST(CliProcess, pids_that_share_a_slot_replace_each_other)
         folder.dir(pid);
         folder.file(std::string(pid) + "/stat", std::string(pid) + " (p" + pid + ") S 1\n");
     }
-    EXPECT_EQ(cache.find(1, 1, 0)->name, "p1");
-    EXPECT_EQ(cache.find(4097, 1, 0)->name, "p4097");
-    EXPECT_EQ(cache.find(1, 1, 0)->name, "p1");
+    EXPECT_EQ("p1", cache.find(1, 1, 0)->name);
+    EXPECT_EQ("p4097", cache.find(4097, 1, 0)->name);
+    EXPECT_EQ("p1", cache.find(1, 1, 0)->name);
 }
 
-TEST_F(ProcFolder, reads_the_container)
+TEST_F(ProcFolder, ReadsTheContainer)
 {
     const std::string id(64, 'c');
     run("cat", "/usr/bin/cat", "cat");
-    EXPECT_EQ(find()->container, "");
+    EXPECT_EQ("", find()->container);
     folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope\n");
     EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, id);
 }
 
 /* Names of groups are their makers' choice: those of a container's own groups, and those of a user. */
-TEST_F(ProcFolder, a_group_of_its_own_is_not_another_container)
+TEST_F(ProcFolder, AGroupOfItsOwnIsNotAnotherContainer)
 {
     const std::string id(64, 'c'), claimed(64, 'd');
     run("cat", "/usr/bin/cat", "cat");

@@ -33,7 +33,7 @@ struct event record_of(char *path, uint32_t mask, uint32_t pid = 0)
 
 }  // namespace
 
-TEST(CliQueue, keeps_order_and_content)
+TEST(CliQueue, KeepsOrderAndContent)
 {
     EventQueue queue(10, 1000);
     Batch batch;
@@ -43,20 +43,20 @@ TEST(CliQueue, keeps_order_and_content)
     EXPECT_TRUE(queue.push(event, nullptr));
     EXPECT_TRUE(queue.push(event_of("", 2), std::make_shared<ProcessInfo>(ProcessInfo{"cat", "", "", 0, 0, 0})));
     ASSERT_TRUE(queue.take(batch));
-    ASSERT_EQ(batch.size(), 2u);
-    EXPECT_EQ(batch.event(0).path, "/a");
-    EXPECT_EQ(batch.event(0).path.data()[2], '\0');
-    EXPECT_EQ(batch.event(0).container, "box");
-    EXPECT_EQ(batch.event(0).pid, 5u);
-    EXPECT_EQ(batch.event(0).process, nullptr);
-    EXPECT_EQ(batch.event(1).path, "");
-    EXPECT_EQ(batch.event(1).container, "");
-    EXPECT_EQ(batch.event(1).process->name, "cat");
+    ASSERT_EQ(2u, batch.size());
+    EXPECT_EQ("/a", batch.event(0).path);
+    EXPECT_EQ('\0', batch.event(0).path.data()[2]);
+    EXPECT_EQ("box", batch.event(0).container);
+    EXPECT_EQ(5u, batch.event(0).pid);
+    EXPECT_EQ(nullptr, batch.event(0).process);
+    EXPECT_EQ("", batch.event(1).path);
+    EXPECT_EQ("", batch.event(1).container);
+    EXPECT_EQ("cat", batch.event(1).process->name);
     EXPECT_FALSE(queue.take(batch));
     EXPECT_TRUE(batch.empty());
 }
 
-TEST(CliQueue, is_bounded_in_events_and_bytes)
+TEST(CliQueue, IsBoundedInEventsAndBytes)
 {
     EventQueue queue(2, 1000);
     EXPECT_TRUE(queue.push(event_of("/a", 1), nullptr));
@@ -66,14 +66,14 @@ TEST(CliQueue, is_bounded_in_events_and_bytes)
     EXPECT_FALSE(queue.push(event_of("/c", 1), nullptr));
     Batch batch;
     queue.take(batch);
-    EXPECT_EQ(batch.size(), 2u);
+    EXPECT_EQ(2u, batch.size());
     EXPECT_TRUE(queue.push(event_of("/c", 1), nullptr));
     EventQueue small(100, 10);
     EXPECT_TRUE(small.push(event_of("/0123456789", 1), nullptr));
     EXPECT_FALSE(small.push(event_of("/", 1), nullptr));
 }
 
-TEST(CliQueue, wakes_only_who_sleeps)
+TEST(CliQueue, WakesOnlyWhoSleeps)
 {
     EventQueue queue(10, 1000);
     queue.push(event_of("/a", 1), nullptr);
@@ -92,7 +92,7 @@ TEST(CliQueue, wakes_only_who_sleeps)
     EXPECT_TRUE(is_readable(queue.wake_fd()));
 }
 
-TEST(CliQueue, nothing_is_lost_between_two_threads)
+TEST(CliQueue, NothingIsLostBetweenTwoThreads)
 {
     constexpr uint32_t kEvents = 200000;
     EventQueue queue(64, 4096);
@@ -109,7 +109,7 @@ TEST(CliQueue, nothing_is_lost_between_two_threads)
         if (!queue.take(batch)) {
             struct pollfd p = {queue.wake_fd(), POLLIN, 0};
             if (queue.prepare_to_sleep()) {
-                ASSERT_EQ(poll(&p, 1, 10000), 1);
+                ASSERT_EQ(1, poll(&p, 1, 10000));
             }
             queue.clear_wake();
         }
@@ -119,63 +119,63 @@ TEST(CliQueue, nothing_is_lost_between_two_threads)
     producer.join();
 }
 
-TEST(CliIntake, passes_on_what_is_wanted)
+TEST(CliIntake, PassesOnWhatIsWanted)
 {
     EventQueue queue(2, 1000);
     Intake intake(queue);
     const fmon_client_cb callback = intake.add_source(FMON_CREATE | FMON_MODIFY);
     char path[] = "/a";
     struct event wanted = record_of(path, FMON_CREATE | FMON_ATTRIB), other = record_of(path, FMON_ATTRIB);
-    EXPECT_EQ(callback(&wanted), 0);
-    EXPECT_EQ(callback(&other), 0);
+    EXPECT_EQ(0, callback(&wanted));
+    EXPECT_EQ(0, callback(&other));
     Batch batch;
     queue.take(batch);
-    ASSERT_EQ(batch.size(), 1u);
-    EXPECT_EQ(batch.event(0).mask, uint32_t{FMON_CREATE});
+    ASSERT_EQ(1u, batch.size());
+    EXPECT_EQ(uint32_t{FMON_CREATE}, batch.event(0).mask);
 }
 
-TEST(CliIntake, its_own_doings_are_nothing)
+TEST(CliIntake, ItsOwnDoingsAreNothing)
 {
     EventQueue queue(2, 1000);
     Intake intake(queue);
     char path[] = "/a";
     struct event own = record_of(path, FMON_MODIFY, static_cast<uint32_t>(getpid()));
-    EXPECT_EQ(intake.add_source(FMON_MODIFY)(&own), 0);
+    EXPECT_EQ(0, intake.add_source(FMON_MODIFY)(&own));
     Batch batch;
     EXPECT_FALSE(queue.take(batch));
 }
 
-TEST(CliIntake, asks_for_a_pause_when_the_queue_is_full)
+TEST(CliIntake, AsksForAPauseWhenTheQueueIsFull)
 {
     EventQueue queue(1, 1000);
     Intake intake(queue);
     const fmon_client_cb callback = intake.add_source(FMON_MODIFY);
     char path[] = "/a";
     struct event event = record_of(path, FMON_MODIFY), by_process = record_of(path, FMON_MODIFY, 1);
-    EXPECT_EQ(callback(&event), 0);
+    EXPECT_EQ(0, callback(&event));
     EXPECT_GT(callback(&event), 0);
     EXPECT_GT(callback(&by_process), 0);
     Batch batch;
     queue.take(batch);
-    EXPECT_EQ(callback(&by_process), 0);
+    EXPECT_EQ(0, callback(&by_process));
 }
 
-TEST(CliIntake, each_source_has_its_own_callback)
+TEST(CliIntake, EachSourceHasItsOwnCallback)
 {
     EventQueue queue(10, 1000);
     Intake intake(queue);
     char path[] = "/a";
     struct event event = record_of(path, FMON_MODIFY);
     for (uint32_t i = 0; i < Intake::kMaxSources; i++)
-        EXPECT_EQ(intake.add_source(FMON_MODIFY)(&event), 0);
-    EXPECT_EQ(intake.add_source(FMON_MODIFY), nullptr);
+        EXPECT_EQ(0, intake.add_source(FMON_MODIFY)(&event));
+    EXPECT_EQ(nullptr, intake.add_source(FMON_MODIFY));
     Batch batch;
     queue.take(batch);
     for (uint32_t i = 0; i < Intake::kMaxSources; i++)
         EXPECT_EQ(batch.event(i).source, i);
 }
 
-TEST(CliIntake, the_monitor_thread_counts_as_the_command)
+TEST(CliIntake, TheMonitorThreadCountsAsTheCommand)
 {
     EventQueue queue(2, 1000);
     Intake intake(queue);
@@ -183,13 +183,13 @@ TEST(CliIntake, the_monitor_thread_counts_as_the_command)
     char path[] = "/log";
     std::thread([&] {
         struct event own = record_of(path, FMON_CREATE, static_cast<uint32_t>(gettid()));
-        EXPECT_EQ(callback(&own), 0);
+        EXPECT_EQ(0, callback(&own));
     }).join();
     Batch batch;
     EXPECT_FALSE(queue.take(batch));
 }
 
-TEST(CliIntake, while_held_events_stay_where_they_are)
+TEST(CliIntake, WhileHeldEventsStayWhereTheyAre)
 {
     EventQueue queue(2, 1000);
     Intake intake(queue);
@@ -197,11 +197,11 @@ TEST(CliIntake, while_held_events_stay_where_they_are)
     char path[] = "/a";
     struct event wanted = record_of(path, FMON_CREATE), other = record_of(path, FMON_ATTRIB);
     intake.hold(true);
-    EXPECT_EQ(callback(&wanted), Intake::kPauseMs);
-    EXPECT_EQ(callback(&other), 0);
+    EXPECT_EQ(Intake::kPauseMs, callback(&wanted));
+    EXPECT_EQ(0, callback(&other));
     Batch batch;
     EXPECT_FALSE(queue.take(batch));
     intake.hold(false);
-    EXPECT_EQ(callback(&wanted), 0);
+    EXPECT_EQ(0, callback(&wanted));
     EXPECT_TRUE(queue.take(batch));
 }

@@ -19,7 +19,7 @@ void make_link(const std::string &target, const std::string &path) { std::filesy
 
 }  // namespace
 
-TEST(CliResolve, own_links_are_followed)
+TEST(CliResolve, OwnLinksAreFollowed)
 {
     const Folder folder;
     folder.dir("a/b");
@@ -28,42 +28,42 @@ TEST(CliResolve, own_links_are_followed)
     for (const char *path : {"a/b", "absolute/b", "relative", "a/./b", "a/b/../b"}) {
         const Resolved found = resolve_carefully(folder.path(path));
         EXPECT_EQ(found.path, folder.path("a/b")) << path;
-        EXPECT_EQ(found.identity.error, 0) << path;
+        EXPECT_EQ(0, found.identity.error) << path;
         EXPECT_EQ(found.identity.ino, identify(folder.path("a/b")).ino) << path;
         EXPECT_EQ(found.identity.mount_id, identify(folder.path("a/b")).mount_id) << path;
     }
-    EXPECT_EQ(resolve_carefully("/").path, "/");
-    EXPECT_EQ(resolve_carefully("/..").path, "/");
+    EXPECT_EQ("/", resolve_carefully("/").path);
+    EXPECT_EQ("/", resolve_carefully("/..").path);
 }
 
-TEST(CliResolve, what_is_not_there)
+TEST(CliResolve, WhatIsNotThere)
 {
     const Folder folder;
     folder.file("f");
     make_link("loop", folder.path("loop"));
     make_link("nowhere", folder.path("dangling"));
-    EXPECT_EQ(resolve_carefully(folder.path("x/y")).identity.error, ENOENT);
-    EXPECT_EQ(resolve_carefully(folder.path("f/y")).identity.error, ENOTDIR);
-    EXPECT_EQ(resolve_carefully(folder.path("loop")).identity.error, ELOOP);
-    EXPECT_EQ(resolve_carefully(folder.path("dangling")).identity.error, ENOENT);
+    EXPECT_EQ(ENOENT, resolve_carefully(folder.path("x/y")).identity.error);
+    EXPECT_EQ(ENOTDIR, resolve_carefully(folder.path("f/y")).identity.error);
+    EXPECT_EQ(ELOOP, resolve_carefully(folder.path("loop")).identity.error);
+    EXPECT_EQ(ENOENT, resolve_carefully(folder.path("dangling")).identity.error);
     EXPECT_TRUE(resolve_carefully(folder.path("loop")).foreign_link.empty());
 }
 
-TEST(CliResolve, links_of_another_user_are_not_followed)
+TEST(CliResolve, LinksOfAnotherUserAreNotFollowed)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root, for a link of another user";
     const Folder folder;
     folder.dir("a/b");
     make_link("a", folder.path("link"));
-    ASSERT_EQ(lchown(folder.path("link").c_str(), 65534, 65534), 0);
+    ASSERT_EQ(0, lchown(folder.path("link").c_str(), 65534, 65534));
     const Resolved found = resolve_carefully(folder.path("link/b"));
-    EXPECT_EQ(found.identity.error, ELOOP);
+    EXPECT_EQ(ELOOP, found.identity.error);
     EXPECT_EQ(found.foreign_link, folder.path("link"));
-    EXPECT_EQ(found.owner, 65534u);
+    EXPECT_EQ(65534u, found.owner);
 }
 
-TEST(CliResolve, matches_of_a_pattern)
+TEST(CliResolve, MatchesOfAPattern)
 {
     const Folder folder;
     folder.dir("b/log");
@@ -73,7 +73,7 @@ TEST(CliResolve, matches_of_a_pattern)
     EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
 }
 
-TEST(CliUnreadable, is_named_once_until_it_may_be_read)
+TEST(CliUnreadable, IsNamedOnceUntilItMayBeRead)
 {
     const Folder folder;
     const std::string a = folder.dir("a"), gone = folder.path("gone"), file = folder.file("f");
@@ -82,7 +82,7 @@ TEST(CliUnreadable, is_named_once_until_it_may_be_read)
         unreadable.refused(path);
     const Unreadable::News news = unreadable.take();
     EXPECT_EQ(news.paths, (std::vector<std::string>{a, gone}));
-    EXPECT_EQ(news.repeated, 1u);
+    EXPECT_EQ(1u, news.repeated);
     EXPECT_TRUE(unreadable.take().paths.empty());
     EXPECT_TRUE(unreadable.knows(a));
     std::vector<std::string> readable;
@@ -91,15 +91,15 @@ TEST(CliUnreadable, is_named_once_until_it_may_be_read)
     EXPECT_FALSE(unreadable.any());
 }
 
-TEST(CliUnreadable, no_more_than_so_many_are_known)
+TEST(CliUnreadable, NoMoreThanSoManyAreKnown)
 {
     Unreadable unreadable;
     for (size_t i = 0; i < Unreadable::kMost + 5; i++)
         unreadable.refused("/x" + std::to_string(i));
-    EXPECT_EQ(unreadable.take().paths.size(), Unreadable::kMost);
+    EXPECT_EQ(Unreadable::kMost, unreadable.take().paths.size());
 }
 
-TEST(CliMountGuard, changes_inside_a_tree_are_told_once)
+TEST(CliMountGuard, ChangesInsideATreeAreToldOnce)
 {
     std::vector<std::string> told;
     MountGuard guard([&](const std::string &point) { told.push_back(point); });
@@ -116,8 +116,8 @@ TEST(CliMountGuard, changes_inside_a_tree_are_told_once)
     guard.look(before, {root});
     EXPECT_TRUE(told.empty());
     guard.look({mount(1, "/"), mount(4, "/a"), mount(5, "/a/b"), mount(6, "/ab"), mount(7, "/a/c/d")}, {root});
-    EXPECT_EQ(told, (std::vector<std::string>{"/a/b", "/a/c/d"}));
+    EXPECT_EQ((std::vector<std::string>{"/a/b", "/a/c/d"}), told);
     root.watched.clear();
     guard.look(before, {root});
-    EXPECT_EQ(told.size(), 2u);
+    EXPECT_EQ(2u, told.size());
 }

@@ -45,7 +45,7 @@ public:
     using Body = std::function<void(int out, int wake)>;
     explicit Child(const Body &body)
     {
-        EXPECT_EQ(pipe2(ends_, O_CLOEXEC), 0);
+        EXPECT_EQ(0, pipe2(ends_, O_CLOEXEC));
         pid_ = fork();
         if (pid_ == 0)
             run(body);
@@ -112,7 +112,7 @@ void expect_end(const Child::Body &body, int signal, int status, const std::stri
 
 }  // namespace
 
-TEST(CliSignals, wake_the_main_thread)
+TEST(CliSignals, WakeTheMainThread)
 {
     const auto body = [](int, int wake) {
         uint64_t count = 0;
@@ -124,7 +124,7 @@ TEST(CliSignals, wake_the_main_thread)
 }
 
 // A pipe that is full and blocks: the write is left, and the records that did not fit are counted.
-TEST(CliSignals, end_a_write_that_nobody_reads)
+TEST(CliSignals, EndAWriteThatNobodyReads)
 {
     std::string records;
     for (int i = 0; i < 100000; i++)
@@ -144,7 +144,7 @@ TEST(CliSignals, end_a_write_that_nobody_reads)
     expect_end(body, SIGTERM, 5, "gave up");
 }
 
-TEST(CliSignals, end_what_waits_for_a_lock)
+TEST(CliSignals, EndWhatWaitsForALock)
 {
     const auto body = [](int, int) {
         std::mutex lock;
@@ -154,7 +154,7 @@ TEST(CliSignals, end_what_waits_for_a_lock)
     expect_end(body, SIGTERM, 0, "last words");
 }
 
-TEST(CliSignals, end_long_calls_at_once)
+TEST(CliSignals, EndLongCallsAtOnce)
 {
     const auto body = [](int, int) {
         const StopAtOnce at_once;
@@ -166,7 +166,7 @@ TEST(CliSignals, end_long_calls_at_once)
 }
 
 // A little after the last progress.
-TEST(CliSignals, patience_goes_with_progress)
+TEST(CliSignals, PatienceGoesWithProgress)
 {
     const auto body = [](int out, int wake) {
         uint64_t count = 0;
@@ -182,7 +182,7 @@ TEST(CliSignals, patience_goes_with_progress)
     expect_end(body, SIGTERM, 5, "went on", 500 + kSoonMs);
 }
 
-TEST(CliSignals, patience_has_an_end)
+TEST(CliSignals, PatienceHasAnEnd)
 {
     const auto body = [](int, int wake) {
         uint64_t count = 0;
@@ -195,7 +195,7 @@ TEST(CliSignals, patience_has_an_end)
     expect_end(body, SIGTERM, 0, "last words", 2000 + kSoonMs);
 }
 
-TEST(CliSignals, hangup_stays_ignored)
+TEST(CliSignals, HangupStaysIgnored)
 {
     signal(SIGHUP, SIG_IGN);
     Child child([](int out, int) {
@@ -205,6 +205,6 @@ TEST(CliSignals, hangup_stays_ignored)
             pause();
     });
     child.await("ignored");
-    EXPECT_EQ(child.end(SIGTERM).said, "last words");
+    EXPECT_EQ("last words", child.end(SIGTERM).said);
     signal(SIGHUP, SIG_DFL);
 }

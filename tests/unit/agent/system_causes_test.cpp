@@ -39,7 +39,7 @@ std::string refusal(const struct fmon_source &probes, const ProbeFacts &facts = 
 {
     const std::string text = explain_no_system(probes, facts, kinds);
     EXPECT_EQ(text.find('\n'), std::string::npos) << text;
-    EXPECT_EQ(text.rfind("--system needs the kernel-probe library: ", 0), 0u) << text;
+    EXPECT_EQ(0u, text.rfind("--system needs the kernel-probe library: ", 0)) << text;
     EXPECT_NE(text.find("; without it, fmon watch -r "), std::string::npos) << text;
     return text;
 }
@@ -52,14 +52,14 @@ void expect_has(const std::string &text, std::initializer_list<const char *> par
 
 }  // namespace
 
-TEST(CliSystemCauses, library_missing)
+TEST(CliSystemCauses, LibraryMissing)
 {
     ProbeFacts facts = machine();
     facts.library_there = false;
     expect_has(refusal(refused(FMON_WHY_LIBRARY), facts), {"/opt/lib/liborx_kp_thread.2.so is not there: install"});
 }
 
-TEST(CliSystemCauses, library_that_cannot_be_loaded)
+TEST(CliSystemCauses, LibraryThatCannotBeLoaded)
 {
     ProbeFacts facts = machine();
     facts.load_error = "/opt/lib/liborx_kp_thread.2.so: file too short";
@@ -67,7 +67,7 @@ TEST(CliSystemCauses, library_that_cannot_be_loaded)
     expect_has(refusal(refused(FMON_WHY_LIBRARY)), {"liborx_kp_thread.2.so cannot be loaded; --verbose"});
 }
 
-TEST(CliSystemCauses, library_that_lacks_a_function)
+TEST(CliSystemCauses, LibraryThatLacksAFunction)
 {
     expect_has(refusal(refused(FMON_WHY_SYMBOL, "_kp_ins_crt")), {"lacks _kp_ins_crt: it belongs to another version"});
     // The monitor takes a registration without that function for a good one, and says nothing.
@@ -76,7 +76,7 @@ TEST(CliSystemCauses, library_that_lacks_a_function)
     expect_has(refusal({}, facts), {"lacks _kp_evt_reg"});
 }
 
-TEST(CliSystemCauses, kernel_without_probes)
+TEST(CliSystemCauses, KernelWithoutProbes)
 {
     expect_has(refusal(refused(FMON_WHY_KERNEL)), {"does not work on this kernel, 6.1.0-25-amd64; --verbose shows"});
     ProbeFacts user = machine();
@@ -85,13 +85,13 @@ TEST(CliSystemCauses, kernel_without_probes)
                {"only root may place probes", "modified and closed", " (root)"});
 }
 
-TEST(CliSystemCauses, the_librarys_own_words)
+TEST(CliSystemCauses, TheLibrarysOwnWords)
 {
     expect_has(refusal(refused(FMON_WHY_KERNEL, "no tracefs")),
                {"does not work on this kernel, 6.1.0-25-amd64 (no tracefs); --verbose shows"});
 }
 
-TEST(CliSystemCauses, release_that_is_not_understood)
+TEST(CliSystemCauses, ReleaseThatIsNotUnderstood)
 {
     expect_has(refusal(refused(FMON_WHY_RELEASE, "6.18.44-fc-v669")),
                {"'6.18.44-fc-v669' is not understood", "MAJOR.MINOR.PATCH-BUILD", "6.1.0-25-amd64"});
@@ -99,14 +99,14 @@ TEST(CliSystemCauses, release_that_is_not_understood)
     expect_has(refusal(refused(FMON_WHY_RELEASE)), {"'6.1.0-25-amd64' is not understood"});
 }
 
-TEST(CliSystemCauses, machine_that_is_not_supported)
+TEST(CliSystemCauses, MachineThatIsNotSupported)
 {
     expect_has(refusal(refused(FMON_WHY_MACHINE, "aarch64")),
                {"machines of type aarch64 are not supported", "x86_64, i386 and i686"});
     expect_has(refusal(refused(FMON_WHY_MACHINE)), {"machines of type x86_64 are not supported"});
 }
 
-TEST(CliSystemCauses, container)
+TEST(CliSystemCauses, Container)
 {
     ProbeFacts facts = machine();
     facts.container = true;
@@ -115,20 +115,20 @@ TEST(CliSystemCauses, container)
     const std::string text = refusal(refused(FMON_WHY_LIBRARY), facts);
     expect_has(text, {"inside a container", "on the host itself", "fmon watch -r shows"});
     EXPECT_EQ(text.find("install"), std::string::npos) << text;
-    EXPECT_EQ(settle_cause(refused(FMON_WHY_CONTAINER), machine()), uint32_t{FMON_WHY_CONTAINER});
+    EXPECT_EQ(uint32_t{FMON_WHY_CONTAINER}, settle_cause(refused(FMON_WHY_CONTAINER), machine()));
 }
 
-TEST(CliSystemCauses, too_many_mounts)
+TEST(CliSystemCauses, TooManyMounts)
 {
     expect_has(refusal(refused(FMON_WHY_MOUNTS)), {"too many mounts of devices (30)", "27 with ids of two digits"});
 }
 
-TEST(CliSystemCauses, config_file_missing)
+TEST(CliSystemCauses, ConfigFileMissing)
 {
     expect_has(refusal(refused(FMON_WHY_CONFIG)), {"/opt/config/fmon.ini cannot be read"});
 }
 
-TEST(CliSystemCauses, instance_refused)
+TEST(CliSystemCauses, InstanceRefused)
 {
     expect_has(refusal(refused(FMON_WHY_INSTANCE)), {"could not set up its probes; --verbose"});
     ProbeFacts user = machine();
@@ -136,7 +136,7 @@ TEST(CliSystemCauses, instance_refused)
     expect_has(refusal(refused(FMON_WHY_INSTANCE), user), {"could not set up its probes: only root"});
 }
 
-TEST(CliSystemCauses, every_probe_that_can_be_refused)
+TEST(CliSystemCauses, EveryProbeThatCanBeRefused)
 {
     for (const char *line : {"register create file cmd failed!", "register delete file cmd failed!",
                              "register close_write file cmd failed!", "register rename from file cmd failed!",
@@ -148,21 +148,21 @@ TEST(CliSystemCauses, every_probe_that_can_be_refused)
                {"2.6.32-754", "too old", "3.0"});
 }
 
-TEST(CliSystemCauses, no_cause_that_can_be_told)
+TEST(CliSystemCauses, NoCauseThatCanBeTold)
 {
     expect_has(refusal({}), {"it did not start; --verbose"});
     expect_has(refusal(refused(FMON_WHY_OTHER, "get hw plat error")), {"it did not start; --verbose"});
     expect_has(refusal(refused(FMON_WHY_SYSTEM)), {"it did not start; --verbose"});
 }
 
-TEST(CliSystemCauses, what_the_machine_shows_wins)
+TEST(CliSystemCauses, WhatTheMachineShowsWins)
 {
     ProbeFacts facts = machine();
-    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_RELEASE});
+    EXPECT_EQ(uint32_t{FMON_WHY_RELEASE}, settle_cause(refused(FMON_WHY_RELEASE), facts));
     facts.missing_entry = "_kp_evt_reg";
-    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_SYMBOL});
+    EXPECT_EQ(uint32_t{FMON_WHY_SYMBOL}, settle_cause(refused(FMON_WHY_RELEASE), facts));
     facts.container = true;
-    EXPECT_EQ(settle_cause(refused(FMON_WHY_RELEASE), facts), uint32_t{FMON_WHY_CONTAINER});
+    EXPECT_EQ(uint32_t{FMON_WHY_CONTAINER}, settle_cause(refused(FMON_WHY_RELEASE), facts));
 }
 
 namespace
@@ -182,28 +182,28 @@ int no_status(struct fmon_status *out)
 
 }  // namespace
 
-TEST(CliSystemCauses, the_cause_is_that_of_the_status)
+TEST(CliSystemCauses, TheCauseIsThatOfTheStatus)
 {
     Module module = {};
     module.status = status_of_probes;
     expect_has(refusal(file_probes(module)), {"'5.4.0' is not understood"});
 }
 
-TEST(CliSystemCauses, a_monitor_that_does_not_run_gives_no_cause)
+TEST(CliSystemCauses, AMonitorThatDoesNotRunGivesNoCause)
 {
     Module module = {};
     module.status = no_status;
     expect_has(refusal(file_probes(module)), {"it did not start; --verbose"});
 }
 
-TEST(CliSystemCauses, what_works_without)
+TEST(CliSystemCauses, WhatWorksWithout)
 {
     expect_has(refusal({}, machine(), FMON_CLOSE_WRITE), {"fmon watch -r --mount -e close_write / shows the same"});
     expect_has(refusal({}, machine(), FMON_CLOSE_WRITE | FMON_CREATE),
                {"fmon watch -r --mount / shows what is modified and closed"});
 }
 
-TEST(CliSystemCauses, facts_of_this_machine)
+TEST(CliSystemCauses, FactsOfThisMachine)
 {
     const agent_testing::Folder folder;
     const std::string lib = folder.dir("lib");
@@ -215,7 +215,7 @@ TEST(CliSystemCauses, facts_of_this_machine)
     EXPECT_EQ(none.config, folder.path("config/fmon.ini"));
     EXPECT_FALSE(none.library_there);
     struct utsname name;
-    ASSERT_EQ(uname(&name), 0);
+    ASSERT_EQ(0, uname(&name));
     EXPECT_EQ(none.release, name.release);
     EXPECT_EQ(none.machine, name.machine);
 
@@ -223,6 +223,6 @@ TEST(CliSystemCauses, facts_of_this_machine)
     const ProbeFacts bad = gather_probe_facts(false);
     unsetenv("FMON_HOME");
     EXPECT_TRUE(bad.library_there);
-    EXPECT_NE(bad.load_error, "");
-    EXPECT_EQ(settle_cause(refused(FMON_WHY_LIBRARY), bad), uint32_t{FMON_WHY_LIBRARY});
+    EXPECT_NE("", bad.load_error);
+    EXPECT_EQ(uint32_t{FMON_WHY_LIBRARY}, settle_cause(refused(FMON_WHY_LIBRARY), bad));
 }

@@ -30,14 +30,14 @@ int fake_create(const char *, fmon_client_cb) { return 3; }
 
 int fake_add(uint32_t id, const char *path, uint32_t, uint32_t flags, uint32_t depth, uint32_t)
 {
-    EXPECT_EQ(id, 3u);
+    EXPECT_EQ(3u, id);
     g_added.push_back({path, flags, depth});
     return 0;
 }
 
 int fake_del(uint32_t id, const char *path)
 {
-    EXPECT_EQ(id, 3u);
+    EXPECT_EQ(3u, id);
     g_deleted.push_back(path);
     return 0;
 }
@@ -56,7 +56,7 @@ protected:
     std::vector<std::string> completed(std::vector<std::string> made, uint32_t max_depth = 0)
     {
         TreeKeeper keeper(module, {folder.root()}, max_depth);
-        EXPECT_EQ(keeper.start(), 3);
+        EXPECT_EQ(3, keeper.start());
         for (const std::string &path : made)
             keeper.made(path);
         keeper.run();
@@ -73,34 +73,34 @@ protected:
 
 }  // namespace
 
-TEST_F(Keeper, completes_a_directory_with_directories)
+TEST_F(Keeper, CompletesADirectoryWithDirectories)
 {
     folder.dir("a/b/c");
     EXPECT_EQ(completed({folder.path("a")}), (std::vector<std::string>{folder.path("a")}));
-    EXPECT_EQ(g_added[0].flags, uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS});
+    EXPECT_EQ(uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS}, g_added[0].flags);
 }
 
-TEST_F(Keeper, follows_no_link)
+TEST_F(Keeper, FollowsNoLink)
 {
     folder.dir("elsewhere/b/c");
     std::filesystem::create_symlink(folder.path("elsewhere"), folder.path("a"));
     EXPECT_TRUE(completed({folder.path("a"), folder.path("a/b")}).empty());
 }
 
-TEST_F(Keeper, tells_that_there_is_something_to_look_at)
+TEST_F(Keeper, TellsThatThereIsSomethingToLookAt)
 {
     TreeKeeper keeper(module, {folder.root()}, 0);
-    ASSERT_EQ(keeper.start(), 3);
+    ASSERT_EQ(3, keeper.start());
     struct pollfd fd = {keeper.wake_fd(), POLLIN, 0};
-    EXPECT_EQ(poll(&fd, 1, 0), 0);
+    EXPECT_EQ(0, poll(&fd, 1, 0));
     keeper.made(folder.path("a"));
     keeper.made(folder.path("b"));
-    EXPECT_EQ(poll(&fd, 1, 0), 1);
+    EXPECT_EQ(1, poll(&fd, 1, 0));
     keeper.run();
-    EXPECT_EQ(poll(&fd, 1, 0), 0);
+    EXPECT_EQ(0, poll(&fd, 1, 0));
 }
 
-TEST(CliPaths, a_directory_is_opened_through_no_link)
+TEST(CliPaths, ADirectoryIsOpenedThroughNoLink)
 {
     const Folder folder;
     folder.dir("a/b/c");
@@ -116,26 +116,26 @@ TEST(CliPaths, a_directory_is_opened_through_no_link)
         EXPECT_EQ(common::Fd(common::open_stepwise(top.get(), path, O_RDONLY)).get() >= 0, found) << path;
 }
 
-TEST(CliPaths, directories_are_counted_without_links)
+TEST(CliPaths, DirectoriesAreCountedWithoutLinks)
 {
     const Folder folder;
     folder.dir("a/b/c");
     folder.dir("d");
     std::filesystem::create_symlink(folder.path("a"), folder.path("d/link"));
-    EXPECT_EQ(count_directories(folder.root(), 0, 100), 4u);
-    EXPECT_EQ(count_directories(folder.root(), 2, 100), 3u);
-    EXPECT_EQ(count_directories(folder.root(), 0, 2), 2u);
-    EXPECT_EQ(count_directories(folder.path("d/link"), 0, 100), 0u);
+    EXPECT_EQ(4u, count_directories(folder.root(), 0, 100));
+    EXPECT_EQ(3u, count_directories(folder.root(), 2, 100));
+    EXPECT_EQ(2u, count_directories(folder.root(), 0, 2));
+    EXPECT_EQ(0u, count_directories(folder.path("d/link"), 0, 100));
 }
 
-TEST_F(Keeper, leaves_files_and_flat_directories_alone)
+TEST_F(Keeper, LeavesFilesAndFlatDirectoriesAlone)
 {
     folder.dir("a");
     folder.file("a/f");
     EXPECT_TRUE(completed({folder.path("a"), folder.path("a/f"), folder.path("gone")}).empty());
 }
 
-TEST_F(Keeper, one_walk_serves_all_below)
+TEST_F(Keeper, OneWalkServesAllBelow)
 {
     folder.dir("a/b/c/d");
     folder.dir("a-b/x");
@@ -143,32 +143,32 @@ TEST_F(Keeper, one_walk_serves_all_below)
               (std::vector<std::string>{folder.path("a"), folder.path("a-b")}));
 }
 
-TEST_F(Keeper, keeps_the_limit_of_depth)
+TEST_F(Keeper, KeepsTheLimitOfDepth)
 {
     folder.dir("a/b/c/d");
     completed({folder.path("a")}, 2);
-    ASSERT_EQ(g_added.size(), 1u);
-    EXPECT_EQ(g_added[0].depth, 1u);
+    ASSERT_EQ(1u, g_added.size());
+    EXPECT_EQ(1u, g_added[0].depth);
     g_added.clear();
     g_deleted.clear();
     EXPECT_TRUE(completed({folder.path("a/b")}, 2).empty());
-    EXPECT_EQ(completed({folder.path("a/b")}, 3).size(), 1u);
+    EXPECT_EQ(1u, completed({folder.path("a/b")}, 3).size());
 }
 
-TEST_F(Keeper, a_star_in_a_name_starts_the_walk_above_it)
+TEST_F(Keeper, AStarInANameStartsTheWalkAboveIt)
 {
     folder.dir("a/*/b");
     EXPECT_EQ(completed({folder.path("a/*")}), (std::vector<std::string>{folder.path("a")}));
-    EXPECT_EQ(without_star("/x"), "/x");
+    EXPECT_EQ("/x", without_star("/x"));
     EXPECT_EQ(without_star("/*"), "/");
-    EXPECT_EQ(without_star("/a/b*/c"), "/a");
+    EXPECT_EQ("/a", without_star("/a/b*/c"));
 }
 
-TEST(CliTree, order_of_paths)
+TEST(CliTree, OrderOfPaths)
 {
     std::vector<std::string> paths = {"/a/b", "/a-b", "/a", "/a/b/c", "/b"};
     sort_as_tree(paths);
-    EXPECT_EQ(paths, (std::vector<std::string>{"/a", "/a/b", "/a/b/c", "/a-b", "/b"}));
+    EXPECT_EQ((std::vector<std::string>{"/a", "/a/b", "/a/b/c", "/a-b", "/b"}), paths);
 }
 
 namespace
@@ -198,7 +198,7 @@ protected:
 
 }  // namespace
 
-TEST_F(Guard, events_of_the_path_itself_end_it)
+TEST_F(Guard, EventsOfThePathItselfEndIt)
 {
     folder.dir("a");
     folder.dir("b");
@@ -211,11 +211,11 @@ TEST_F(Guard, events_of_the_path_itself_end_it)
     guard.event(folder.path("a"), FMON_DELETE_SELF);
     EXPECT_FALSE(guard.all_ended());
     guard.event(folder.path("b"), FMON_MOVE_SELF);
-    EXPECT_EQ(ends, (std::vector<std::string>{"/a deleted", "/b moved"}));
+    EXPECT_EQ((std::vector<std::string>{"/a deleted", "/b moved"}), ends);
     EXPECT_TRUE(guard.all_ended());
 }
 
-TEST_F(Guard, a_path_that_is_waited_for_never_ends)
+TEST_F(Guard, APathThatIsWaitedForNeverEnds)
 {
     folder.dir("a");
     watch("a").waits = true;
@@ -227,7 +227,7 @@ TEST_F(Guard, a_path_that_is_waited_for_never_ends)
     EXPECT_FALSE(guard.all_ended());
 }
 
-TEST_F(Guard, a_rename_above_is_seen_at_the_second_look)
+TEST_F(Guard, ARenameAboveIsSeenAtTheSecondLook)
 {
     folder.dir("a/b");
     watch("a/b");
@@ -238,10 +238,10 @@ TEST_F(Guard, a_rename_above_is_seen_at_the_second_look)
     guard.look();
     EXPECT_TRUE(ends.empty());
     guard.look();
-    EXPECT_EQ(ends, (std::vector<std::string>{"/a/b moved"}));
+    EXPECT_EQ((std::vector<std::string>{"/a/b moved"}), ends);
 }
 
-TEST_F(Guard, a_file_that_is_replaced_was_deleted)
+TEST_F(Guard, AFileThatIsReplacedWasDeleted)
 {
     folder.file("f");
     folder.file("g");
@@ -249,5 +249,5 @@ TEST_F(Guard, a_file_that_is_replaced_was_deleted)
     std::filesystem::rename(folder.path("g"), folder.path("f"));
     guard.look();
     guard.look();
-    EXPECT_EQ(ends, (std::vector<std::string>{"/f deleted"}));
+    EXPECT_EQ((std::vector<std::string>{"/f deleted"}), ends);
 }

@@ -65,76 +65,76 @@ protected:
 
 }  // namespace
 
-TEST_F(Completion, verbs)
+TEST_F(Completion, Verbs)
 {
     std::string all;
     for (const cli::Verb &verb : cli::kVerbTable)
         all += std::string(verb.name) + " ";
     EXPECT_EQ(replies("fmon ''"), all + "help");
-    EXPECT_EQ(replies("fmon wat"), "watch");
-    EXPECT_EQ(replies("fmon help wat"), "watch");
-    EXPECT_EQ(replies("fmon --v"), "--version");
+    EXPECT_EQ("watch", replies("fmon wat"));
+    EXPECT_EQ("watch", replies("fmon help wat"));
+    EXPECT_EQ("--version", replies("fmon --v"));
 }
 
-TEST_F(Completion, every_option_of_watch)
+TEST_F(Completion, EveryOptionOfWatch)
 {
     std::string all;
     for (const cli::OptionRow &row : cli::kOptionTable)
         all += (all.empty() ? "--" : " --") + std::string(row.name);
     EXPECT_EQ(replies("fmon watch --"), all);
-    EXPECT_EQ(replies("fmon watch /tmp --rec"), "--recursive");
+    EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));
 }
 
-TEST_F(Completion, every_event)
+TEST_F(Completion, EveryEvent)
 {
     std::string all;
     for (const agent::EventName &row : agent::kEventTable)
         all += (all.empty() ? "" : " ") + std::string(row.name);
     EXPECT_EQ(replies("fmon watch -e ''"), all);
-    EXPECT_EQ(replies("fmon watch --events moved_"), "moved_from moved_to");
-    EXPECT_EQ(replies("fmon watch --events = moved_"), "moved_from moved_to");
-    EXPECT_EQ(replies("fmon watch -e create,att"), "create,attrib");
+    EXPECT_EQ("moved_from moved_to", replies("fmon watch --events moved_"));
+    EXPECT_EQ("moved_from moved_to", replies("fmon watch --events = moved_"));
+    EXPECT_EQ("create,attrib", replies("fmon watch -e create,att"));
 }
 
-TEST_F(Completion, values)
+TEST_F(Completion, Values)
 {
-    EXPECT_EQ(replies("fmon watch --format ''"), "text json csv");
-    EXPECT_EQ(replies("fmon watch --probes o"), "on off");
-    EXPECT_EQ(replies("fmon watch --log s"), "stderr");
+    EXPECT_EQ("text json csv", replies("fmon watch --format ''"));
+    EXPECT_EQ("on off", replies("fmon watch --probes o"));
+    EXPECT_EQ("stderr", replies("fmon watch --log s"));
     std::string all;
     for (const agent::Setting &setting : agent::kSettingTable)
         all += (all.empty() ? "" : " ") + std::string(setting.name) + "=";
     EXPECT_EQ(replies("fmon watch --set ''"), all);
 }
 
-TEST_F(Completion, dump)
+TEST_F(Completion, Dump)
 {
-    EXPECT_EQ(replies("fmon dump --"), "--type --hold --help");
-    EXPECT_EQ(replies("fmon dump -t ''"), "all instances waiting dentries events backend files losses");
-    EXPECT_EQ(replies("fmon dump --type = wa"), "waiting");
-    EXPECT_EQ(replies("fmon dump --hold ''"), "");
-    EXPECT_EQ(replies("fmon dump nothing"), "");
+    EXPECT_EQ("--type --hold --help", replies("fmon dump --"));
+    EXPECT_EQ("all instances waiting dentries events backend files losses", replies("fmon dump -t ''"));
+    EXPECT_EQ("waiting", replies("fmon dump --type = wa"));
+    EXPECT_EQ("", replies("fmon dump --hold ''"));
+    EXPECT_EQ("", replies("fmon dump nothing"));
 }
 
-TEST_F(Completion, doctor_and_offsets)
+TEST_F(Completion, DoctorAndOffsets)
 {
-    EXPECT_EQ(replies("fmon doctor --"), "--format --help");
-    EXPECT_EQ(replies("fmon doctor -f ''"), "text json");
-    EXPECT_EQ(replies("fmon doctor scr"), "");
-    EXPECT_EQ(replies("fmon offsets --"), "--release --format --help");
-    EXPECT_EQ(replies("fmon offsets --format = j"), "json");
-    EXPECT_EQ(replies("fmon offsets --release ''"), "");
+    EXPECT_EQ("--format --help", replies("fmon doctor --"));
+    EXPECT_EQ("text json", replies("fmon doctor -f ''"));
+    EXPECT_EQ("", replies("fmon doctor scr"));
+    EXPECT_EQ("--release --format --help", replies("fmon offsets --"));
+    EXPECT_EQ("json", replies("fmon offsets --format = j"));
+    EXPECT_EQ("", replies("fmon offsets --release ''"));
     EXPECT_EQ(replies("fmon offsets " + folder.path("scr")), folder.path("script"));
 }
 
-TEST_F(Completion, files)
+TEST_F(Completion, Files)
 {
     EXPECT_EQ(replies("fmon watch " + folder.path("scr")), folder.path("script"));
     EXPECT_EQ(replies("fmon watch -o " + folder.path("scr")), folder.path("script"));
-    EXPECT_EQ(replies("fmon watch -n ''"), "");
+    EXPECT_EQ("", replies("fmon watch -n ''"));
 }
 
-TEST(CliManual, names_every_option_and_event)
+TEST(CliManual, NamesEveryOptionAndEvent)
 {
     const std::string page = content(in_source("docs/fmon-watch.1"));
     for (const cli::OptionRow &row : cli::kOptionTable) {
@@ -149,7 +149,7 @@ TEST(CliManual, names_every_option_and_event)
         EXPECT_NE(page.find(std::string(".Cm ") + setting.name), std::string::npos) << setting.name;
 }
 
-TEST(CliManual, of_dump_names_every_option_and_type)
+TEST(CliManual, OfDumpNamesEveryOptionAndType)
 {
     const std::string page = content(in_source("docs/fmon-dump.1"));
     for (const char *option : {".It Fl t , Fl Fl type ", ".It Fl Fl hold ", ".It Fl h , Fl Fl help"})
@@ -158,7 +158,7 @@ TEST(CliManual, of_dump_names_every_option_and_type)
         EXPECT_NE(page.find(std::string(".It Cm ") + type.name + "\n"), std::string::npos) << type.name;
 }
 
-TEST(CliManual, of_doctor_and_offsets_names_every_option)
+TEST(CliManual, OfDoctorAndOffsetsNamesEveryOption)
 {
     for (const char *option : {".It Fl f , Fl Fl format ", ".It Fl h , Fl Fl help"}) {
         EXPECT_NE(content(in_source("docs/fmon-doctor.1")).find(option), std::string::npos) << option;
@@ -167,7 +167,7 @@ TEST(CliManual, of_doctor_and_offsets_names_every_option)
     EXPECT_NE(content(in_source("docs/fmon-offsets.1")).find(".It Fl Fl release "), std::string::npos);
 }
 
-TEST(CliManual, names_every_verb)
+TEST(CliManual, NamesEveryVerb)
 {
     const std::string page = content(in_source("docs/fmon.1"));
     for (const cli::Verb &verb : cli::kVerbTable)

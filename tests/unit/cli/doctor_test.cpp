@@ -22,7 +22,7 @@ namespace
 Check find(const Checks &checks, const std::string &name)
 {
     const auto is_it = [&](const Check &check) { return check.name == name; };
-    EXPECT_EQ(std::count_if(checks.begin(), checks.end(), is_it), 1) << name;
+    EXPECT_EQ(1, std::count_if(checks.begin(), checks.end(), is_it)) << name;
     const auto found = std::find_if(checks.begin(), checks.end(), is_it);
     return found == checks.end() ? Check{"", "", State::kOk, "", "", true} : *found;
 }
@@ -102,7 +102,7 @@ bool all_good(const Checks &checks)
 
 }  // namespace
 
-TEST(CliDoctor, a_good_machine)
+TEST(CliDoctor, AGoodMachine)
 {
     EXPECT_TRUE(all_good(judge_setup(good_setup())));
     EXPECT_TRUE(all_good(judge_kernel(good_kernel())));
@@ -111,7 +111,7 @@ TEST(CliDoctor, a_good_machine)
     EXPECT_TRUE(all_good(judge_probes(good_probes())));
 }
 
-TEST(CliDoctor, installation)
+TEST(CliDoctor, Installation)
 {
     SetupFacts facts = good_setup();
     facts.monitor_error = "cannot load the monitor: none";
@@ -129,19 +129,19 @@ TEST(CliDoctor, installation)
     }
 }
 
-TEST(CliDoctor, kernel)
+TEST(CliDoctor, Kernel)
 {
     KernelFacts facts = good_kernel();
     facts.release = "6.18.44-fc-v669";
     facts.section = "";
     expect(find(judge_kernel(facts), "release"), State::kNo, {"6.18.44-fc-v669 on x86_64", "MAJOR.MINOR.PATCH-BUILD"});
-    EXPECT_EQ(doctor_status(judge_kernel(facts)), kDone) << "nobody could change that";
+    EXPECT_EQ(kDone, doctor_status(judge_kernel(facts))) << "nobody could change that";
     EXPECT_FALSE(has(judge_kernel(facts), "offsets"));
     facts.machine = "aarch64";
     expect(find(judge_kernel(facts), "release"), State::kNo, {"x86_64, i386 and i686 only"});
 }
 
-TEST(CliDoctor, offsets)
+TEST(CliDoctor, Offsets)
 {
     KernelFacts facts = good_kernel();
     facts.mnt_id = "180";
@@ -159,10 +159,10 @@ TEST(CliDoctor, offsets)
     expect(find(judge_kernel(facts), "offsets"), State::kOk, {"nothing to compare with"});
 }
 
-TEST(CliDoctor, capabilities)
+TEST(CliDoctor, Capabilities)
 {
-    EXPECT_EQ(parse_capabilities("Name:\tx\nCapPrm:\t1\nCapEff:\t000001ffffffffff\nCapBnd:\t0\n"), 0x1ffffffffffu);
-    EXPECT_EQ(parse_capabilities("Name:\tCapEff:\nCapEff:\t0000000000000000\n"), 0u);
+    EXPECT_EQ(0x1ffffffffffu, parse_capabilities("Name:\tx\nCapPrm:\t1\nCapEff:\t000001ffffffffff\nCapBnd:\t0\n"));
+    EXPECT_EQ(0u, parse_capabilities("Name:\tCapEff:\nCapEff:\t0000000000000000\n"));
     for (const char *text : {"", "CapEff:\t1", "\nCapEff:\tx", "\nCapEff:", "\nCapEff:\t"})
         EXPECT_FALSE(parse_capabilities(text)) << text;
     Checks checks = judge_rights({uint64_t{1} << 21, false});
@@ -172,15 +172,15 @@ TEST(CliDoctor, capabilities)
     // Without fanotify no event names a process, whose program nobody then looks up.
     checks = judge_rights({uint64_t{1} << 2, false});
     expect(find(checks, "CAP_SYS_PTRACE"), State::kOk, {"of no use without CAP_SYS_ADMIN"});
-    EXPECT_EQ(find(checks, "CAP_SYS_PTRACE").remedy, "");
-    EXPECT_EQ(find(judge_rights({uint64_t{1} << 19 | uint64_t{1} << 21, true}), "CAP_SYS_PTRACE").remedy, "");
+    EXPECT_EQ("", find(checks, "CAP_SYS_PTRACE").remedy);
+    EXPECT_EQ("", find(judge_rights({uint64_t{1} << 19 | uint64_t{1} << 21, true}), "CAP_SYS_PTRACE").remedy);
     checks = judge_rights({0, true});
     expect(find(checks, "CAP_SYS_ADMIN"), State::kNo, {"is missing", "let root keep CAP_SYS_ADMIN"});
-    EXPECT_EQ(doctor_status(checks), kNothing);
+    EXPECT_EQ(kNothing, doctor_status(checks));
     expect(find(judge_rights({std::nullopt, true}), "capabilities"), State::kWarn, {"mount /proc"});
 }
 
-TEST(CliDoctor, inotify_limits)
+TEST(CliDoctor, InotifyLimits)
 {
     EventFacts facts = good_events();
     facts.users[1000].inotify_watches = 52428;
@@ -188,10 +188,10 @@ TEST(CliDoctor, inotify_limits)
     expect(find(judge_events(facts), "watches"), State::kOk, {"52,428 of 65,536 used by user 1000"});
     facts.users[1000].inotify_watches = 52429;  // four fifths
     expect(find(judge_events(facts), "watches"), State::kWarn, {"sysctl fs.inotify.max_user_watches=131072"});
-    EXPECT_EQ(doctor_status(judge_events(facts)), kDone);
+    EXPECT_EQ(kDone, doctor_status(judge_events(facts)));
     facts.users[1000].inotify_watches = 65536;
     expect(find(judge_events(facts), "watches"), State::kNo, {"65,536 of 65,536"});
-    EXPECT_EQ(doctor_status(judge_events(facts)), kNothing);
+    EXPECT_EQ(kNothing, doctor_status(judge_events(facts)));
     facts.users[0].inotify_instances = 128;
     expect(find(judge_events(facts), "instances"), State::kNo,
            {"128 of 128 used by user 0", "max_user_instances=1024"});
@@ -199,7 +199,7 @@ TEST(CliDoctor, inotify_limits)
     expect(find(judge_events(facts), "watches"), State::kWarn, {"cannot be read"});
 }
 
-TEST(CliDoctor, queues)
+TEST(CliDoctor, Queues)
 {
     EventFacts facts = good_events();
     facts.max_events = 100;
@@ -209,7 +209,7 @@ TEST(CliDoctor, queues)
            {"100 events", "sysctl fs.inotify.max_queued_events=16384"});
 }
 
-TEST(CliDoctor, fanotify)
+TEST(CliDoctor, Fanotify)
 {
     EventFacts facts = good_events();
     facts.group_error = EPERM;
@@ -219,7 +219,7 @@ TEST(CliDoctor, fanotify)
     expect(find(judge_events(facts), "group"), State::kNo, {"run as root"});
     facts.group_error = ENOSYS;
     expect(find(judge_events(facts), "group"), State::kNo, {"built without it"});
-    EXPECT_EQ(doctor_status(judge_events(facts)), kDone);
+    EXPECT_EQ(kDone, doctor_status(judge_events(facts)));
     facts = good_events();
     facts.group_error = EMFILE;
     expect(find(judge_events(facts), "group"), State::kNo, {"fs.fanotify.max_user_groups=1024"});
@@ -233,11 +233,11 @@ TEST(CliDoctor, fanotify)
     expect(find(judge_events(facts), "limits"), State::kOk, {"128 groups"});
 }
 
-TEST(CliDoctor, probe_library)
+TEST(CliDoctor, ProbeLibrary)
 {
     DoctorProbes facts = good_probes();
     facts.probes.library_there = false;
-    EXPECT_EQ(judge_probes(facts).size(), 1u);
+    EXPECT_EQ(1u, judge_probes(facts).size());
     expect(find(judge_probes(facts), "library"), State::kNo, {"liborx_kp_thread.2.so is not there", "install it"});
     facts = good_probes();
     facts.probes.load_error = "file too short";
@@ -249,26 +249,26 @@ TEST(CliDoctor, probe_library)
     facts.probes.container = true;
     facts.probes.library_there = false;
     expect(find(judge_probes(facts), "library"), State::kWarn, {"inside a container"});
-    EXPECT_EQ(doctor_status(judge_probes(facts)), kDone);
+    EXPECT_EQ(kDone, doctor_status(judge_probes(facts)));
 }
 
-TEST(CliDoctor, probes_that_do_not_work)
+TEST(CliDoctor, ProbesThatDoNotWork)
 {
     DoctorProbes facts = good_probes();
     facts.probes.library_reason = "tracefs is not mounted: mount -t tracefs tracefs /sys/kernel/tracing";
     expect(find(judge_probes(facts), "kernel"), State::kNo, {"do not work: tracefs is not mounted: mount -t tracefs"});
-    EXPECT_EQ(doctor_status(judge_probes(facts)), kNothing);
+    EXPECT_EQ(kNothing, doctor_status(judge_probes(facts)));
     facts.probes.root = false;
     expect(find(judge_probes(facts), "kernel"), State::kNo, {"run as root"});
     facts.probes.library_reason = "this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)";
-    EXPECT_EQ(doctor_status(judge_probes(facts)), kDone) << "nobody could change that";
+    EXPECT_EQ(kDone, doctor_status(judge_probes(facts))) << "nobody could change that";
     facts = good_probes();
     facts.understood = false;
     expect(find(judge_probes(facts), "kernel"), State::kOk, {"the monitor does not use them"});
 }
 
 // Kernel probes need some for each processor that there may be.
-TEST(CliDoctor, descriptors)
+TEST(CliDoctor, Descriptors)
 {
     DoctorProbes facts = good_probes();
     expect(find(judge_probes(facts), "descriptors"), State::kOk, {"about 108 for 2 processors"});
@@ -276,12 +276,12 @@ TEST(CliDoctor, descriptors)
     facts.max_descriptors = 1024;
     expect(find(judge_probes(facts), "descriptors"), State::kNo,
            {"about 1,076 for 46 processors", "a process may have 1,024", "ulimit -n 2048", "LimitNOFILE="});
-    EXPECT_EQ(doctor_status(judge_probes(facts)), kNothing);
+    EXPECT_EQ(kNothing, doctor_status(judge_probes(facts)));
 }
 
-TEST(CliDoctor, room_of_the_filter)
+TEST(CliDoctor, RoomOfTheFilter)
 {
-    EXPECT_EQ(filter_length({}), 0u);
+    EXPECT_EQ(0u, filter_length({}));
     EXPECT_EQ(filter_length({21}), strlen("(mnt==21||mnt==0)"));
     EXPECT_EQ(filter_length({21, 240}), strlen("(mnt==21||mnt==240||mnt==0)"));
     DoctorProbes facts = good_probes();
@@ -291,7 +291,7 @@ TEST(CliDoctor, room_of_the_filter)
     expect(find(judge_probes(facts), "mounts"), State::kNo, {"28 mounts", "unmount some"});
 }
 
-TEST(CliDoctor, kernels_that_delete_probes_badly)
+TEST(CliDoctor, KernelsThatDeleteProbesBadly)
 {
     for (const char *release : {"6.6.99-1", "6.1.0-37-amd64", "5.10", "3.2", "2.6.32", "", "x", "6"})
         EXPECT_TRUE(deletes_probes_badly(release)) << release;
@@ -308,7 +308,7 @@ protected:
         proc_.dir(process + "/fd");
         proc_.dir(process + "/fdinfo");
         const std::string number = std::to_string(fd);
-        ASSERT_EQ(symlink(target, proc_.path(process + "/fd/" + number).c_str()), 0);
+        ASSERT_EQ(0, symlink(target, proc_.path(process + "/fd/" + number).c_str()));
         proc_.file(process + "/fdinfo/" + number, info);
     }
     std::map<uid_t, Marks> users() const { return marks_by_user(proc_.root().c_str()); }
@@ -320,52 +320,52 @@ protected:
     };
 };
 
-TEST_F(CliDoctorProc, marks_of_all_users)
+TEST_F(CliDoctorProc, MarksOfAllUsers)
 {
     descriptor("10", 3, "anon_inode:inotify", "pos:\t0\ninotify wd:2 ino:1 sdev:1\ninotify wd:1 ino:2 sdev:1\n");
     descriptor("11", 4, "anon_inode:[fanotify]", "fanotify flags:0\nfanotify mnt_id:1f mflags:0 mask:8\n");
     descriptor("11", 5, "/dev/null", "fanotify sdev:1\n");
     const auto users = this->users();
-    ASSERT_EQ(users.size(), 1u);
+    ASSERT_EQ(1u, users.size());
     const Marks &marks = users.at(getuid());
-    EXPECT_EQ(marks.inotify_watches, 2u);
-    EXPECT_EQ(marks.inotify_instances, 1u);
-    EXPECT_EQ(marks.fanotify_instances, 1u);
-    EXPECT_EQ(marks.fanotify_mounts, std::vector<uint64_t>{31});
+    EXPECT_EQ(2u, marks.inotify_watches);
+    EXPECT_EQ(1u, marks.inotify_instances);
+    EXPECT_EQ(1u, marks.fanotify_instances);
+    EXPECT_EQ(std::vector<uint64_t>{31}, marks.fanotify_mounts);
     EXPECT_TRUE(marks.fanotify_devices.empty());
 }
 
-TEST_F(CliDoctorProc, tracefs_not_marked)
+TEST_F(CliDoctorProc, TracefsNotMarked)
 {
     descriptor("10", 3, "anon_inode:[fanotify]",
                "fanotify flags:0\nfanotify mnt_id:17 mflags:0\nfanotify ino:2 sdev:800001 mflags:0 mask:8\n");
     descriptor("10", 4, "anon_inode:inotify", "inotify wd:1 ino:2 sdev:c mask:8\n");
-    EXPECT_EQ(mounts_[0].device, 0x800001u);
+    EXPECT_EQ(0x800001u, mounts_[0].device);
     EXPECT_FALSE(is_tracefs_marked(users(), mounts_));
     EXPECT_FALSE(is_tracefs_marked({}, mounts_));
     EXPECT_FALSE(is_tracefs_marked(users(), {}));
 }
 
-TEST_F(CliDoctorProc, tracefs_marked_as_a_mount)
+TEST_F(CliDoctorProc, TracefsMarkedAsAMount)
 {
     descriptor("10", 3, "anon_inode:[fanotify]", "fanotify mnt_id:1f mflags:0 mask:8 ignored_mask:0\n");
     EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
 }
 
-TEST_F(CliDoctorProc, tracefs_marked_as_a_file_system)
+TEST_F(CliDoctorProc, TracefsMarkedAsAFileSystem)
 {
     descriptor("10", 3, "anon_inode:[fanotify]", "fanotify flags:0\nfanotify sdev:c mflags:0 mask:8 ignored_mask:0\n");
     EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
 }
 
-TEST_F(CliDoctorProc, tracefs_marked_in_one_file)
+TEST_F(CliDoctorProc, TracefsMarkedInOneFile)
 {
     descriptor("10", 3, "anon_inode:[fanotify]",
                "fanotify ino:5 sdev:c mflags:0 mask:8 ignored_mask:0 fhandle-type:1\n");
     EXPECT_TRUE(is_tracefs_marked(users(), mounts_));
 }
 
-TEST_F(CliDoctorProc, damaged_anyhow)
+TEST_F(CliDoctorProc, DamagedAnyhow)
 {
     const std::string good = "fanotify flags:0\nfanotify ino:5 sdev:c mflags:0\nfanotify mnt_id:1f\ninotify wd:1\n";
     std::mt19937 random(5);
@@ -376,21 +376,21 @@ TEST_F(CliDoctorProc, damaged_anyhow)
         descriptor(std::to_string(i + 1), 3, "anon_inode:[fanotify]", text);
     }
     const auto users = this->users();
-    EXPECT_EQ(users.at(getuid()).fanotify_instances, 300u);
+    EXPECT_EQ(300u, users.at(getuid()).fanotify_instances);
     EXPECT_LE(users.at(getuid()).fanotify_mounts.size(), 1200u);
 }
 
-TEST(CliDoctor, marked_tracefs_of_an_old_kernel)
+TEST(CliDoctor, MarkedTracefsOfAnOldKernel)
 {
     DoctorProbes facts = good_probes();
     facts.may_crash = true;
     const Checks checks = judge_probes(facts);
     expect(find(checks, "tracefs"), State::kWarn, {"marks tracefs", "before 6.7", "--probes off"});
     expect(find(checks, "kernel"), State::kWarn, {"were not tried"});
-    EXPECT_EQ(doctor_status(checks), kDone);
+    EXPECT_EQ(kDone, doctor_status(checks));
 }
 
-TEST(CliDoctor, file_systems)
+TEST(CliDoctor, FileSystems)
 {
     const Checks checks = judge_mounts({
         mount_of("1 0 8:1 / / rw - ext4 /dev/sda1 rw"),
@@ -404,7 +404,7 @@ TEST(CliDoctor, file_systems)
         mount_of("9 1 0:10 / /g rw - fuseblk /dev/sdb1 rw"),
         mount_of("10 1 0:11 / /h rw - cifs //s/h rw"),
     });
-    ASSERT_EQ(checks.size(), 5u);
+    ASSERT_EQ(5u, checks.size());
     expect(find(checks, "nfs4"), State::kWarn, {"/home: what other machines change"});
     expect(find(checks, "overlay"), State::kWarn, {"/a, /b, /c and 1 more: ", "layers"});
     expect(find(checks, "fuse.sshfs"), State::kWarn, {"/f: "});
@@ -413,22 +413,23 @@ TEST(CliDoctor, file_systems)
     expect(find(judge_mounts({}), "mounts"), State::kWarn, {"mountinfo cannot be read"});
 }
 
-TEST(CliDoctorReport, text)
+TEST(CliDoctorReport, Text)
 {
     const Checks checks = {{"a", "b", State::kOk, "fine", "", true},
                            {"long", "name", State::kNo, "bad\n\033[31m", "mend it", true},
                            {"c", "d", State::kWarn, "so", "", true}};
-    EXPECT_EQ(doctor_text(checks, false),
-              "ok    a b        fine\n"
-              "no    long name  bad\\n\\033[31m: mend it\n"
-              "warn  c d        so\n");
+    EXPECT_EQ(
+        "ok    a b        fine\n"
+        "no    long name  bad\\n\\033[31m: mend it\n"
+        "warn  c d        so\n",
+        doctor_text(checks, false));
     const std::string coloured = doctor_text(checks, true);
-    EXPECT_EQ(coloured.substr(0, 15), "\033[32mok\033[0m    ");
-    EXPECT_EQ(std::count(coloured.begin(), coloured.end(), '\033'), 6);
-    EXPECT_EQ(doctor_text({}, true), "");
+    EXPECT_EQ("\033[32mok\033[0m    ", coloured.substr(0, 15));
+    EXPECT_EQ(6, std::count(coloured.begin(), coloured.end(), '\033'));
+    EXPECT_EQ("", doctor_text({}, true));
 }
 
-TEST(CliDoctorReport, json)
+TEST(CliDoctorReport, Json)
 {
     std::istringstream lines(
         doctor_json({{"a", "b", State::kOk, "fi\"ne\xff", "", true}, {"c", "d", State::kNo, "bad", "mend it", false}},
@@ -438,41 +439,41 @@ TEST(CliDoctorReport, json)
     while (std::getline(lines, line)) {
         rapidjson::Document object;
         ASSERT_FALSE(object.Parse(line.c_str()).HasParseError()) << line;
-        EXPECT_STREQ(object["type"].GetString(), "check");
-        EXPECT_STREQ(object["time"].GetString(), "2024-02-29T12:34:56.789012345Z");
+        EXPECT_STREQ("check", object["type"].GetString());
+        EXPECT_STREQ("2024-02-29T12:34:56.789012345Z", object["time"].GetString());
         states.emplace_back(object["state"].GetString());
         texts.emplace_back(object["text"].GetString());
         EXPECT_EQ(object.HasMember("remedy"), states.back() == "no");
         EXPECT_EQ(object["reachable"].GetBool(), states.back() == "ok");
     }
-    EXPECT_EQ(states, (std::vector<std::string>{"ok", "no"}));
-    EXPECT_EQ(texts[0], "fi\"ne\xef\xbf\xbd");
+    EXPECT_EQ((std::vector<std::string>{"ok", "no"}), states);
+    EXPECT_EQ("fi\"ne\xef\xbf\xbd", texts[0]);
 }
 
-TEST(CliDoctorWatches, what_each_missed)
+TEST(CliDoctorWatches, WhatEachMissed)
 {
     const Checks checks = judge_watches({{7, "fmon watch /a", {}, ""},
                                          {8, "fmon watch /b", {"one", "two"}, ""},
                                          {9, "fmon watch /c", {}, "process 9 does not answer"}});
-    ASSERT_EQ(checks.size(), 3u);
+    ASSERT_EQ(3u, checks.size());
     expect(find(checks, "process 7"), State::kOk, {"fmon watch /a: nothing was missed"});
     expect(find(checks, "process 8"), State::kWarn, {"fmon watch /b: one; two"});
     expect(find(checks, "process 9"), State::kWarn, {"fmon watch /c: process 9 does not answer"});
 }
 
-TEST(CliDoctorReport, status)
+TEST(CliDoctorReport, Status)
 {
     const auto status = [](State state, bool reachable) {
         return doctor_status({{"a", "b", state, "", "", reachable}});
     };
-    EXPECT_EQ(doctor_status({}), 0);
-    EXPECT_EQ(status(State::kOk, true), 0);
-    EXPECT_EQ(status(State::kWarn, true), 0);
-    EXPECT_EQ(status(State::kNo, true), 1);
-    EXPECT_EQ(status(State::kNo, false), 0);
+    EXPECT_EQ(0, doctor_status({}));
+    EXPECT_EQ(0, status(State::kOk, true));
+    EXPECT_EQ(0, status(State::kWarn, true));
+    EXPECT_EQ(1, status(State::kNo, true));
+    EXPECT_EQ(0, status(State::kNo, false));
 }
 
-TEST(CliDoctorReport, arguments)
+TEST(CliDoctorReport, Arguments)
 {
     const auto parse = [](std::vector<std::string> arguments, DoctorOptions &options) {
         arguments.insert(arguments.begin(), "doctor");
@@ -486,21 +487,21 @@ TEST(CliDoctorReport, arguments)
         return error;
     };
     DoctorOptions options;
-    EXPECT_EQ(parse({}, options), "");
+    EXPECT_EQ("", parse({}, options));
     EXPECT_FALSE(options.json || options.help);
-    EXPECT_EQ(parse({"--format", "json"}, options), "");
+    EXPECT_EQ("", parse({"--format", "json"}, options));
     EXPECT_TRUE(options.json);
-    EXPECT_EQ(parse({"-f", "text"}, options), "");
+    EXPECT_EQ("", parse({"-f", "text"}, options));
     EXPECT_FALSE(options.json);
-    EXPECT_EQ(parse({"-f", "csv"}, options), "--format takes text or json, not 'csv'");
-    EXPECT_EQ(parse({"-f"}, options), "--format needs a value");
-    EXPECT_EQ(parse({"now"}, options), "doctor takes no argument, such as 'now'");
-    EXPECT_EQ(parse({"--x"}, options), "unknown option '--x': see fmon doctor --help");
-    EXPECT_EQ(parse({"--help", "x"}, options), "");
+    EXPECT_EQ("--format takes text or json, not 'csv'", parse({"-f", "csv"}, options));
+    EXPECT_EQ("--format needs a value", parse({"-f"}, options));
+    EXPECT_EQ("doctor takes no argument, such as 'now'", parse({"now"}, options));
+    EXPECT_EQ("unknown option '--x': see fmon doctor --help", parse({"--x"}, options));
+    EXPECT_EQ("", parse({"--help", "x"}, options));
     EXPECT_TRUE(options.help);
 }
 
-TEST(CliDoctorContainers, say_what_is_found)
+TEST(CliDoctorContainers, SayWhatIsFound)
 {
     ContainerFacts facts;
     facts.surveyed = facts.root = true;
@@ -513,7 +514,7 @@ TEST(CliDoctorContainers, say_what_is_found)
     expect(find(judge_containers(facts), "identity"), State::kWarn, {"1 namespace with more mounts"});
 }
 
-TEST(CliDoctorContainers, say_why_they_are_not_seen)
+TEST(CliDoctorContainers, SayWhyTheyAreNotSeen)
 {
     ContainerFacts facts;
     facts.library_error = "no such file";

@@ -107,8 +107,8 @@ protected:
     int connected() const
     {
         common::Fd fd;
-        EXPECT_EQ(connect_in(folder.root(), getpid(), fd), 0);
-        EXPECT_EQ(fcntl(fd.get(), F_SETFL, 0), 0); /* blocking */
+        EXPECT_EQ(0, connect_in(folder.root(), getpid(), fd));
+        EXPECT_EQ(0, fcntl(fd.get(), F_SETFL, 0)); /* blocking */
         return fd.release();
     }
 
@@ -129,16 +129,16 @@ protected:
 
 }  // namespace
 
-TEST(CliDumpOptions, usual)
+TEST(CliDumpOptions, Usual)
 {
     const DumpOptions options = given({}, true);
-    EXPECT_EQ(options.pid, 0);
-    EXPECT_EQ(options.request.type, 0u);
-    EXPECT_EQ(options.request.hold_ms, 0u);
+    EXPECT_EQ(0, options.pid);
+    EXPECT_EQ(0u, options.request.type);
+    EXPECT_EQ(0u, options.request.hold_ms);
     EXPECT_FALSE(options.help);
 }
 
-TEST(CliDumpOptions, types_by_name_and_number)
+TEST(CliDumpOptions, TypesByNameAndNumber)
 {
     const char *const names[] = {"all", "instances", "waiting", "dentries", "events", "backend", "files", "losses"};
     for (uint32_t i = 0; i < kDumpTypes; i++) {
@@ -154,11 +154,11 @@ TEST(CliDumpOptions, types_by_name_and_number)
             << bad;
 }
 
-TEST(CliDumpOptions, hold_and_pid)
+TEST(CliDumpOptions, HoldAndPid)
 {
-    EXPECT_EQ(given({"--hold", "0.5", "12"}, true).request.hold_ms, 500u);
-    EXPECT_EQ(given({"--hold", "60"}, true).request.hold_ms, 60000u);
-    EXPECT_EQ(given({"12"}, true).pid, 12);
+    EXPECT_EQ(500u, given({"--hold", "0.5", "12"}, true).request.hold_ms);
+    EXPECT_EQ(60000u, given({"--hold", "60"}, true).request.hold_ms);
+    EXPECT_EQ(12, given({"12"}, true).pid);
     for (const char *bad : {"0", "60.1", "nan", "1s", "", "-1"})
         EXPECT_NE(complaint({"--hold", bad}).find("--hold takes"), std::string::npos) << bad;
     for (const char *bad : {"0", "x", "12x", "", "99999999999"})
@@ -166,7 +166,7 @@ TEST(CliDumpOptions, hold_and_pid)
     EXPECT_NE(complaint({"1", "2"}).find("one PID"), std::string::npos);
 }
 
-TEST(CliDumpOptions, unknown)
+TEST(CliDumpOptions, Unknown)
 {
     EXPECT_NE(complaint({"--foo"}).find("--foo"), std::string::npos);
     EXPECT_NE(complaint({"-x"}).find("-x"), std::string::npos);
@@ -176,21 +176,21 @@ TEST(CliDumpOptions, unknown)
     EXPECT_TRUE(given({"-h"}, true).help);
 }
 
-TEST(CliDumpProtocol, requests)
+TEST(CliDumpProtocol, Requests)
 {
     DumpRequest request;
     const std::string line = format_request({3, 1500});
-    EXPECT_EQ(line, "dump 3 1500\n");
+    EXPECT_EQ("dump 3 1500\n", line);
     ASSERT_TRUE(parse_request(line.substr(0, line.size() - 1), request));
-    EXPECT_EQ(request.type, 3u);
-    EXPECT_EQ(request.hold_ms, 1500u);
+    EXPECT_EQ(3u, request.type);
+    EXPECT_EQ(1500u, request.hold_ms);
     EXPECT_LT(format_request({UINT32_MAX, UINT32_MAX}).size(), kMaxRequest);
     for (const char *bad : {"", "dump", "dump ", "dump 1", "dump 1 ", "dump 1 2x", "dump -1 2", "dump 1  2", "Dump 1 2",
                             "dump 4294967296 0", "dump 1 60001", "dump 1 2 3"})
         EXPECT_FALSE(parse_request(bad, request)) << bad;
 }
 
-TEST(CliDumpProtocol, answers)
+TEST(CliDumpProtocol, Answers)
 {
     std::string records;
     append_record(kRecordLine, "\nInstance:", records);
@@ -201,7 +201,7 @@ TEST(CliDumpProtocol, answers)
     append_record(kRecordEnd, "", records);
     const DumpAnswer answer = read_answer(records + "Llate");
     EXPECT_TRUE(answer.complete);
-    EXPECT_EQ(answer.text, "Instance:\n  a\\nb\\033\n\nTBD list:\n\n");
+    EXPECT_EQ("Instance:\n  a\\nb\\033\n\nTBD list:\n\n", answer.text);
 
     EXPECT_FALSE(read_answer("").complete);
     EXPECT_FALSE(read_answer("Z").complete);  // cut off before its end
@@ -209,10 +209,10 @@ TEST(CliDumpProtocol, answers)
     std::string refused;
     append_record(kRecordError, "no", refused);
     EXPECT_TRUE(read_answer(refused).complete);
-    EXPECT_EQ(read_answer(refused).error, "no");
+    EXPECT_EQ("no", read_answer(refused).error);
 }
 
-TEST(CliDumpClient, finds_listeners_in_the_table)
+TEST(CliDumpClient, FindsListenersInTheTable)
 {
     const agent_testing::Folder folder;
     const std::string table = folder.file(
@@ -231,10 +231,10 @@ TEST(CliDumpClient, finds_listeners_in_the_table)
     std::vector<Listener> found = listeners(table.c_str());
     std::erase_if(found,
                   [](const Listener &listener) { return listener.folder == dump_folder() && listener.pid != 77; });
-    EXPECT_EQ(found, (std::vector<Listener>{{5, "/run/user/1 2"}, {77, "/run/fmon"}}));
+    EXPECT_EQ((std::vector<Listener>{{5, "/run/user/1 2"}, {77, "/run/fmon"}}), found);
 }
 
-TEST(CliDumpClient, nobody_there)
+TEST(CliDumpClient, NobodyThere)
 {
     DumpAnswer answer;
     std::string error;
@@ -246,11 +246,11 @@ TEST(CliDumpClient, nobody_there)
 }
 
 /* A name that another process has taken is not asked: it could answer anything. */
-TEST(CliDumpClient, another_process_under_the_name)
+TEST(CliDumpClient, AnotherProcessUnderTheName)
 {
     const agent_testing::Folder folder;
     int ready[2];
-    ASSERT_EQ(pipe(ready), 0);
+    ASSERT_EQ(0, pipe(ready));
     const pid_t target = getpid(), child = fork();
     if (child == 0) {
         const std::string own = folder.path(socket_name(getpid())), name = folder.path(socket_name(target));
@@ -259,39 +259,39 @@ TEST(CliDumpClient, another_process_under_the_name)
         _exit(write(ready[1], ok ? "y" : "n", 1) == 1 ? pause() : 1);
     }
     char ok = 'n';
-    ASSERT_EQ(read(ready[0], &ok, 1), 1);
-    ASSERT_EQ(ok, 'y');
+    ASSERT_EQ(1, read(ready[0], &ok, 1));
+    ASSERT_EQ('y', ok);
     common::Fd socket;
-    EXPECT_EQ(connect_in(folder.root(), target, socket), EPERM);
+    EXPECT_EQ(EPERM, connect_in(folder.root(), target, socket));
     EXPECT_FALSE(is_watch({target, folder.root()}));
-    EXPECT_EQ(connect_in(folder.root(), child, socket), ENOENT);
+    EXPECT_EQ(ENOENT, connect_in(folder.root(), child, socket));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     close(ready[0]);
     close(ready[1]);
 }
 
-TEST_F(Dump, lines_arrive_whole_and_harmless)
+TEST_F(Dump, LinesArriveWholeAndHarmless)
 {
     const DumpAnswer answer = ask(0);
-    EXPECT_EQ(error, "");
-    EXPECT_EQ(answer.text, "Instance:\n    [W] /a\\nE\\033[31m\\377 (dentry)\n\nEvents:\n");
+    EXPECT_EQ("", error);
+    EXPECT_EQ("Instance:\n    [W] /a\\nE\\033[31m\\377 (dentry)\n\nEvents:\n", answer.text);
     EXPECT_FALSE(answer.cut);
     EXPECT_TRUE(is_watch({getpid(), folder.root()}));
     const std::vector<Listener> all = listeners();  // others may run on this machine
-    EXPECT_EQ(std::count(all.begin(), all.end(), Listener{getpid(), folder.root()}), 1);
+    EXPECT_EQ(1, std::count(all.begin(), all.end(), Listener{getpid(), folder.root()}));
 }
 
-TEST_F(Dump, empty_part) { EXPECT_EQ(ask(5).text, ""); }
+TEST_F(Dump, EmptyPart) { EXPECT_EQ("", ask(5).text); }
 
-TEST_F(Dump, unknown_type)
+TEST_F(Dump, UnknownType)
 {
     ask(8);
     EXPECT_NE(error.find("knows no type 8"), std::string::npos) << error;
-    EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+    EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
 }
 
-TEST_F(Dump, what_is_too_long_is_cut)
+TEST_F(Dump, WhatIsTooLongIsCut)
 {
     const DumpAnswer answer = ask(6);
     EXPECT_TRUE(answer.cut);
@@ -299,83 +299,83 @@ TEST_F(Dump, what_is_too_long_is_cut)
     EXPECT_GT(answer.text.size(), kMaxAnswer / 2);
 }
 
-TEST_F(Dump, garbage)
+TEST_F(Dump, Garbage)
 {
     const std::string nul(100, '\0');
     for (const std::string &bytes :
          {std::string("\n"), std::string("GET / HTTP/1.0\r\n"), std::string("dump 1 60001\n"), std::string(1000, 'x'),
           nul, std::string("dump 0 0\0\n", 10)})
         EXPECT_NE(say(bytes).find("Ethe request is not understood"), std::string::npos) << bytes;
-    EXPECT_EQ(say(""), "");
-    EXPECT_EQ(say("dump 0 0"), "");  // no newline
-    EXPECT_EQ(dumps, 0);
-    EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+    EXPECT_EQ("", say(""));
+    EXPECT_EQ("", say("dump 0 0"));  // no newline
+    EXPECT_EQ(0, dumps);
+    EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
 }
 
-TEST_F(Dump, holds_events_for_its_time)
+TEST_F(Dump, HoldsEventsForItsTime)
 {
     const auto start = std::chrono::steady_clock::now();
     ask(0, 300);
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(280));
-    EXPECT_EQ(holds, 1);
+    EXPECT_EQ(1, holds);
     EXPECT_TRUE(held.becomes(0));
 }
 
-TEST_F(Dump, hold_ends_before_the_monitor_is_full)
+TEST_F(Dump, HoldEndsBeforeTheMonitorIsFull)
 {
     waiting_events = 100000000;
     const auto start = std::chrono::steady_clock::now();
     ask(4, 60000);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(10));
-    EXPECT_EQ(held.now(), 0);
-    EXPECT_EQ(error, "");
+    EXPECT_EQ(0, held.now());
+    EXPECT_EQ("", error);
 }
 
-TEST_F(Dump, hold_ends_with_its_asker)
+TEST_F(Dump, HoldEndsWithItsAsker)
 {
     const int fd = connected();
-    ASSERT_EQ(send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL), 13);
+    ASSERT_EQ(13, send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL));
     ASSERT_TRUE(held.becomes(1));
     close(fd);
     EXPECT_TRUE(held.becomes(0));
-    EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+    EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
 }
 
-TEST_F(Dump, hold_ends_with_the_watch)
+TEST_F(Dump, HoldEndsWithTheWatch)
 {
     const int fd = connected();
-    ASSERT_EQ(send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL), 13);
+    ASSERT_EQ(13, send(fd, "dump 0 60000\n", 13, MSG_NOSIGNAL));
     ASSERT_TRUE(held.becomes(1));
     EXPECT_TRUE(server.stop());
-    EXPECT_EQ(held.now(), 0);
+    EXPECT_EQ(0, held.now());
     EXPECT_FALSE(server.stop());
     close(fd);
 }
 
 /* One that says nothing, and one that reads nothing, are given up; the next is served. */
-TEST_F(Dump, askers_that_hang)
+TEST_F(Dump, AskersThatHang)
 {
     const int silent = connected(), deaf = connected();
-    ASSERT_EQ(send(deaf, "dump 6 0\n", 9, MSG_NOSIGNAL), 9);
-    EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+    ASSERT_EQ(9, send(deaf, "dump 6 0\n", 9, MSG_NOSIGNAL));
+    EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
     close(silent);
     close(deaf);
 }
 
-TEST_F(Dump, asker_that_is_gone_before_its_answer)
+TEST_F(Dump, AskerThatIsGoneBeforeItsAnswer)
 {
     for (int i = 0; i < 4; i++) {
         const int fd = connected();
-        ASSERT_EQ(send(fd, "dump 6 0\n", 9, MSG_NOSIGNAL), 9);
+        ASSERT_EQ(9, send(fd, "dump 6 0\n", 9, MSG_NOSIGNAL));
         close(fd);
         if (i == 0) {
-            EXPECT_EQ(ask(5).text, "");
+            EXPECT_EQ("", ask(5).text);
         }
     }
-    EXPECT_EQ(server.stop(), false);
+    EXPECT_EQ(false, server.stop());
 }
 
-TEST_F(Dump, several_at_once)
+TEST_F(Dump, SeveralAtOnce)
 {
     std::atomic<int> good = 0;
     std::vector<std::thread> askers;
@@ -387,26 +387,26 @@ TEST_F(Dump, several_at_once)
         });
     for (std::thread &asker : askers)
         asker.join();
-    EXPECT_EQ(good, 8);
+    EXPECT_EQ(8, good);
 }
 
-TEST_F(Dump, losses_are_told_by_the_watch)
+TEST_F(Dump, LossesAreToldByTheWatch)
 {
     const DumpAnswer answer = ask(kDumpLosses);
-    EXPECT_EQ(answer.text, "2 events found no memory\n/a\\nb is full\n");
-    EXPECT_EQ(dumps, 0) << "the monitor is not stopped for it";
+    EXPECT_EQ("2 events found no memory\n/a\\nb is full\n", answer.text);
+    EXPECT_EQ(0, dumps) << "the monitor is not stopped for it";
 }
 
-TEST_F(Dump, a_second_server_of_one_process_gives_way)
+TEST_F(Dump, ASecondServerOfOneProcessGivesWay)
 {
     DumpServer second(
         fake_dump, [](bool) {}, [] { return std::vector<std::string>(); }, folder.root());
     EXPECT_FALSE(second.start());
     EXPECT_FALSE(second.stop());
-    EXPECT_EQ(ask(0).text.substr(0, 9), "Instance:");
+    EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
 }
 
-TEST_F(Dump, the_socket_goes_with_the_watch)
+TEST_F(Dump, TheSocketGoesWithTheWatch)
 {
     const std::string path = folder.path(socket_name(getpid()));
     EXPECT_TRUE(std::filesystem::is_socket(path));
@@ -415,79 +415,79 @@ TEST_F(Dump, the_socket_goes_with_the_watch)
 }
 
 /* A watch that was killed leaves its name. */
-TEST(CliDumpPlace, what_is_left_behind_is_removed)
+TEST(CliDumpPlace, WhatIsLeftBehindIsRemoved)
 {
     const agent_testing::Folder folder;
     listen_in(folder.root(), 1); /* and closed without a word */
     rename(folder.path(socket_name(getpid())).c_str(), folder.path("fmon-2147483646.socket").c_str());
     common::Fd socket;
-    EXPECT_EQ(connect_in(folder.root(), 2147483646, socket), ECONNREFUSED);
+    EXPECT_EQ(ECONNREFUSED, connect_in(folder.root(), 2147483646, socket));
     listen_in(folder.root(), 1);
     EXPECT_EQ(pids_in_folder(folder.root()), std::vector<pid_t>{getpid()});
     const common::Fd again = listen_in(folder.root(), 1);
     EXPECT_TRUE(again) << "of the same number";
-    EXPECT_EQ(connect_in(folder.root(), getpid(), socket), 0);
+    EXPECT_EQ(0, connect_in(folder.root(), getpid(), socket));
     EXPECT_FALSE(listen_in(folder.root(), 1)) << "one that listens is not replaced";
 }
 
-TEST(CliDumpPlace, only_a_private_folder_is_used)
+TEST(CliDumpPlace, OnlyAPrivateFolderIsUsed)
 {
     const agent_testing::Folder folder;
     uid_t owner = 0;
     for (const mode_t mode : {0701, 0710, 0704, 0777}) {
-        ASSERT_EQ(chmod(folder.root().c_str(), mode), 0);
+        ASSERT_EQ(0, chmod(folder.root().c_str(), mode));
         EXPECT_FALSE(listen_in(folder.root(), 1)) << std::oct << mode;
         EXPECT_FALSE(open_private_folder(folder.root(), owner));
-        EXPECT_EQ(errno, EPERM);
+        EXPECT_EQ(EPERM, errno);
     }
-    ASSERT_EQ(chmod(folder.root().c_str(), 0700), 0);
+    ASSERT_EQ(0, chmod(folder.root().c_str(), 0700));
     EXPECT_TRUE(open_private_folder(folder.root(), owner));
     EXPECT_EQ(owner, geteuid());
     const std::string made = folder.path("made"), link = folder.path("link");
     EXPECT_TRUE(make_private_folder(made));
     EXPECT_EQ(std::filesystem::status(made).permissions(), std::filesystem::perms::owner_all);
-    ASSERT_EQ(symlink("made", link.c_str()), 0);
+    ASSERT_EQ(0, symlink("made", link.c_str()));
     EXPECT_FALSE(make_private_folder(link));
     EXPECT_FALSE(make_private_folder(folder.file("file")));
     EXPECT_FALSE(make_private_folder(folder.path("no/such")));
 }
 
 /* What is no socket of the folder's own is not connected to. */
-TEST(CliDumpPlace, links_are_not_followed)
+TEST(CliDumpPlace, LinksAreNotFollowed)
 {
     const agent_testing::Folder folder, elsewhere;
     const std::string name = socket_name(getpid());
     const common::Fd listener = listen_in(elsewhere.root(), 1);
     common::Fd socket;
-    ASSERT_EQ(connect_in(elsewhere.root(), getpid(), socket), 0);
-    ASSERT_EQ(symlink(elsewhere.path(name).c_str(), folder.path(name).c_str()), 0);
-    EXPECT_NE(connect_in(folder.root(), getpid(), socket), 0);
-    ASSERT_EQ(symlink(elsewhere.root().c_str(), folder.path("way").c_str()), 0);
-    EXPECT_NE(connect_in(folder.path("way"), getpid(), socket), 0);
+    ASSERT_EQ(0, connect_in(elsewhere.root(), getpid(), socket));
+    ASSERT_EQ(0, symlink(elsewhere.path(name).c_str(), folder.path(name).c_str()));
+    EXPECT_NE(0, connect_in(folder.root(), getpid(), socket));
+    ASSERT_EQ(0, symlink(elsewhere.root().c_str(), folder.path("way").c_str()));
+    EXPECT_NE(0, connect_in(folder.path("way"), getpid(), socket));
     folder.file(name.substr(0, 5) + "1.socket");
-    EXPECT_NE(connect_in(folder.root(), 1, socket), 0);
+    EXPECT_NE(0, connect_in(folder.root(), 1, socket));
 }
 
 /* Longer than an address may be. */
-TEST(CliDumpPlace, a_long_path)
+TEST(CliDumpPlace, ALongPath)
 {
     const agent_testing::Folder folder;
     const std::string path = folder.dir(std::string(120, 'x'));
-    ASSERT_EQ(chmod(path.c_str(), 0700), 0);
+    ASSERT_EQ(0, chmod(path.c_str(), 0700));
     const common::Fd listener = listen_in(path, 1);
     ASSERT_TRUE(listener);
     common::Fd socket;
-    EXPECT_EQ(connect_in(path, getpid(), socket), 0);
+    EXPECT_EQ(0, connect_in(path, getpid(), socket));
 }
 
-TEST(CliDumpPlace, without_a_descriptor_there_is_none)
+TEST(CliDumpPlace, WithoutADescriptorThereIsNone)
 {
     const agent_testing::Folder folder;
     const common::Fd listener = listen_in(folder.root(), 16);
     struct rlimit before, few;
-    ASSERT_EQ(getrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &before));
     few = {64, before.rlim_max};
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &few), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &few));
     std::vector<common::Fd> rest;
     while (common::Fd fd{open("/dev/null", O_RDONLY | O_CLOEXEC)})
         rest.push_back(std::move(fd));
@@ -498,11 +498,11 @@ TEST(CliDumpPlace, without_a_descriptor_there_is_none)
         EXPECT_EQ(bool(listen_in(folder.path(std::to_string(left)), 1)), left >= 2) << left;
         rest.pop_back();
     }
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &before), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &before));
 }
 
 /* One that sends without end is not taken in. */
-TEST(CliDumpClient, bounds_what_it_takes)
+TEST(CliDumpClient, BoundsWhatItTakes)
 {
     const agent_testing::Folder folder;
     const common::Fd listener = listen_in(folder.root(), 1);

@@ -44,7 +44,7 @@ constexpr char kSection[] = "[6.1.0-37-x86_64]\ns_mounts_offset = 224\nmnt_id_of
 std::string reason_for(const std::string &bytes)
 {
     std::string why;
-    EXPECT_EQ(section_of(bytes, &why), "");
+    EXPECT_EQ("", section_of(bytes, &why));
     return why;
 }
 
@@ -80,7 +80,7 @@ Parsed parse_arguments(std::vector<std::string> arguments)
 
 }  // namespace
 
-TEST(CliOffsets, section_names)
+TEST(CliOffsets, SectionNames)
 {
     const struct {
         const char *release, *machine, *name;
@@ -100,28 +100,28 @@ TEST(CliOffsets, section_names)
         EXPECT_EQ(section_name(row.release, row.machine), row.name) << row.release;
 }
 
-TEST(CliOffsets, mounts_in_a_list)
+TEST(CliOffsets, MountsInAList)
 {
     Offsets offsets;
     std::string machine;
     ASSERT_TRUE(offsets_of(make_btf(), offsets, machine));
-    EXPECT_EQ(offsets, (Offsets{224, 172}));
-    EXPECT_EQ(machine, "x86_64");
+    EXPECT_EQ((Offsets{224, 172}), offsets);
+    EXPECT_EQ("x86_64", machine);
     ASSERT_TRUE(
         offsets_of(make_btf({.s_mounts = 128, .mnt_instance = 60, .mnt_id = 148, .word = 4}), offsets, machine));
-    EXPECT_EQ(offsets, (Offsets{128, 88}));
-    EXPECT_EQ(machine, "i686");
+    EXPECT_EQ((Offsets{128, 88}), offsets);
+    EXPECT_EQ("i686", machine);
 }
 
-TEST(CliOffsets, mounts_behind_a_pointer)
+TEST(CliOffsets, MountsBehindAPointer)
 {
     Offsets offsets;
     std::string machine;
     ASSERT_TRUE(offsets_of(make_btf({.s_mounts = 200, .mnt_id = 308, .list = false}), offsets, machine));
-    EXPECT_EQ(offsets, (Offsets{200, 308}));
+    EXPECT_EQ((Offsets{200, 308}), offsets);
 }
 
-TEST(CliOffsets, types_that_are_no_kernels)
+TEST(CliOffsets, TypesThatAreNoKernels)
 {
     Offsets offsets;
     std::string machine;
@@ -143,7 +143,7 @@ TEST(CliOffsets, types_that_are_no_kernels)
 }
 
 // A structure made of itself sixty thousand times, eight levels deep.
-TEST(CliOffsets, types_without_end)
+TEST(CliOffsets, TypesWithoutEnd)
 {
     BtfMaker btf;
     btf.structure("super_block", std::vector<Member>(60000, {"", 1, 0}));
@@ -155,22 +155,22 @@ TEST(CliOffsets, types_without_end)
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
 }
 
-TEST(CliOffsets, vmlinux)
+TEST(CliOffsets, Vmlinux)
 {
-    EXPECT_EQ(section_of(make_elf(make_btf())), kSection);
-    EXPECT_EQ(section_of(make_elf(make_btf({.s_mounts = 128, .mnt_instance = 60, .mnt_id = 148, .word = 4}), false)),
-              "[6.1.0-37-i686]\ns_mounts_offset = 128\nmnt_id_offset = 88\n");
+    EXPECT_EQ(kSection, section_of(make_elf(make_btf())));
+    EXPECT_EQ("[6.1.0-37-i686]\ns_mounts_offset = 128\nmnt_id_offset = 88\n",
+              section_of(make_elf(make_btf({.s_mounts = 128, .mnt_instance = 60, .mnt_id = 148, .word = 4}), false)));
     KernelImage image;
     std::string error;
     ASSERT_TRUE(read_kernel_image(make_elf(""), image, error)) << error;
-    EXPECT_EQ(image.btf, "");
-    EXPECT_EQ(image.release, "6.1.0-37-amd64");
-    EXPECT_EQ(image.machine, "x86_64");
+    EXPECT_EQ("", image.btf);
+    EXPECT_EQ("6.1.0-37-amd64", image.release);
+    EXPECT_EQ("x86_64", image.machine);
     ASSERT_TRUE(read_kernel_image(make_elf("", true, "nothing"), image, error));
-    EXPECT_EQ(image.release, "");
+    EXPECT_EQ("", image.release);
 }
 
-TEST(CliOffsets, vmlinux_of_another_machine)
+TEST(CliOffsets, VmlinuxOfAnotherMachine)
 {
     std::string elf = make_elf(make_btf());
     put(elf, offsetof(Elf64_Ehdr, e_machine), uint16_t{EM_AARCH64});
@@ -180,7 +180,7 @@ TEST(CliOffsets, vmlinux_of_another_machine)
     expect_has(reason_for(elf), "no program of x86_64 or i386");
 }
 
-TEST(CliOffsets, vmlinux_with_a_lying_section_table)
+TEST(CliOffsets, VmlinuxWithALyingSectionTable)
 {
     const std::string good = make_elf(make_btf());
     const auto with = [&](size_t at, auto value) {
@@ -200,35 +200,35 @@ TEST(CliOffsets, vmlinux_with_a_lying_section_table)
     expect_has(reason_for(with(table(2, offsetof(Elf64_Shdr, sh_size)), UINT64_MAX)), kReason);
     expect_has(reason_for(with(table(3, offsetof(Elf64_Shdr, sh_offset)), uint64_t{1} << 63)), kReason);
     expect_has(reason_for(with(table(3, offsetof(Elf64_Shdr, sh_size)), uint64_t{8})), "truncated or damaged");
-    EXPECT_EQ(section_of(with(table(3, offsetof(Elf64_Shdr, sh_name)), UINT32_MAX)), "");
+    EXPECT_EQ("", section_of(with(table(3, offsetof(Elf64_Shdr, sh_name)), UINT32_MAX)));
 }
 
-TEST(CliOffsets, vmlinuz_in_every_compression)
+TEST(CliOffsets, VmlinuzInEveryCompression)
 {
     const std::string kernel = make_elf(make_btf());
     for (const Compressor &compressor : kCompressors) {
         const std::string packed = compressor.run(kernel);
         EXPECT_STREQ(compression_of(packed), compressor.name);
-        EXPECT_EQ(section_of(make_boot_image(packed, kernel.size(), "6.1.0-37-amd64 (us) #1")), kSection)
+        EXPECT_EQ(kSection, section_of(make_boot_image(packed, kernel.size(), "6.1.0-37-amd64 (us) #1")))
             << compressor.name;
-        EXPECT_EQ(section_of(make_boot_image(packed, kernel.size(), "")), kSection) << compressor.name;
-        EXPECT_EQ(section_of(packed), kSection) << compressor.name;
+        EXPECT_EQ(kSection, section_of(make_boot_image(packed, kernel.size(), ""))) << compressor.name;
+        EXPECT_EQ(kSection, section_of(packed)) << compressor.name;
     }
-    EXPECT_EQ(section_of(make_boot_image(kernel, kernel.size(), "")), kSection);
+    EXPECT_EQ(kSection, section_of(make_boot_image(kernel, kernel.size(), "")));
 }
 
 // The head's word on the release counts before the greeting's.
-TEST(CliOffsets, vmlinuz_release)
+TEST(CliOffsets, VmlinuzRelease)
 {
     const std::string packed = compress_zstd(make_elf(make_btf()));
     expect_has(section_of(make_boot_image(packed, 0, "5.10.0-9-amd64 (us)")), "[5.10.0-9-x86_64]");
-    EXPECT_EQ(section_of(make_boot_image(packed, 0, std::string(100, '6'))), kSection);
+    EXPECT_EQ(kSection, section_of(make_boot_image(packed, 0, std::string(100, '6'))));
     std::string image = make_boot_image(packed, 0, "5.10.0-9-amd64 (us)");
     put(image, 0x20e, uint16_t{0xffff});
-    EXPECT_EQ(section_of(image), kSection);
+    EXPECT_EQ(kSection, section_of(image));
 }
 
-TEST(CliOffsets, vmlinuz_that_lies)
+TEST(CliOffsets, VmlinuzThatLies)
 {
     const std::string packed = compress_gzip(make_elf(make_btf())), good = make_boot_image(packed, 0, "");
     const auto with = [&](size_t at, auto value) {
@@ -246,7 +246,7 @@ TEST(CliOffsets, vmlinuz_that_lies)
     expect_has(reason_for(make_boot_image(compress_xz(good), 0, "")), "is no kernel");
 }
 
-TEST(CliOffsets, other_files)
+TEST(CliOffsets, OtherFiles)
 {
     for (const std::string &text : {std::string(), std::string("text"), std::string(5000, '\0')})
         expect_has(reason_for(text), "no vmlinuz of a PC, no vmlinux and no BTF");
@@ -255,55 +255,55 @@ TEST(CliOffsets, other_files)
     std::string error;
     ASSERT_TRUE(read_kernel_image(make_btf(), image, error));
     EXPECT_EQ(image.btf, make_btf());
-    EXPECT_EQ(image.release + image.machine, "");
+    EXPECT_EQ("", image.release + image.machine);
 }
 
-TEST(CliOffsets, more_comes_out_than_may)
+TEST(CliOffsets, MoreComesOutThanMay)
 {
     const std::string much(20 << 20, 'x');
     std::string out;
     for (const Compressor &compressor : kCompressors) {
         const std::string packed = compressor.run(much);
-        EXPECT_EQ(decompress(packed, much.size() - 1, out), Unpacked::kTooLong) << compressor.name;
-        ASSERT_EQ(decompress(packed, much.size(), out), Unpacked::kDone) << compressor.name;
+        EXPECT_EQ(Unpacked::kTooLong, decompress(packed, much.size() - 1, out)) << compressor.name;
+        ASSERT_EQ(Unpacked::kDone, decompress(packed, much.size(), out)) << compressor.name;
         EXPECT_EQ(out, much) << compressor.name;
     }
-    EXPECT_EQ(decompress("PK", 1 << 20, out), Unpacked::kUnknown);
+    EXPECT_EQ(Unpacked::kUnknown, decompress("PK", 1 << 20, out));
     // A dictionary of two gigabytes.
-    EXPECT_EQ(decompress(std::string("\x5d\0\0\0\x80\xff\xff\xff\xff\xff\xff\xff\xff", 13) + std::string(64, '\0'),
-                         1 << 20, out),
-              Unpacked::kTooLong);
+    EXPECT_EQ(Unpacked::kTooLong,
+              decompress(std::string("\x5d\0\0\0\x80\xff\xff\xff\xff\xff\xff\xff\xff", 13) + std::string(64, '\0'),
+                         1 << 20, out));
 }
 
 // Room is made as it is needed: most files that are looked at are no kernels, or broken ones.
-TEST(CliOffsets, little_takes_little_room)
+TEST(CliOffsets, LittleTakesLittleRoom)
 {
     for (const Compressor &compressor : kCompressors) {
         std::string out;
-        ASSERT_EQ(decompress(compressor.run("little"), kMaxKernelImage, out), Unpacked::kDone) << compressor.name;
-        EXPECT_EQ(out, "little");
+        ASSERT_EQ(Unpacked::kDone, decompress(compressor.run("little"), kMaxKernelImage, out)) << compressor.name;
+        EXPECT_EQ("little", out);
         EXPECT_LE(out.capacity(), size_t{64} << 10) << compressor.name;
     }
 }
 
-TEST(CliOffsets, cut_off_anywhere)
+TEST(CliOffsets, CutOffAnywhere)
 {
     const std::string kernel = make_elf(make_btf());
     std::string why;
     for (const Compressor &compressor : kCompressors) {
         const std::string packed = compressor.run(kernel), image = make_boot_image(packed, kernel.size(), "");
         for (size_t size = 0; size < kSetup + kPayload + packed.size() + 4; size += size < 1024 ? 13 : 1)
-            EXPECT_EQ(section_of(image.substr(0, size), &why), "") << compressor.name << " " << size;
+            EXPECT_EQ("", section_of(image.substr(0, size), &why)) << compressor.name << " " << size;
         // Bytes behind the end do not matter to the reader of a compressed vmlinux, but a cut does.
         for (size_t size = 0; size + 32 < packed.size(); size++)
-            EXPECT_EQ(section_of(packed.substr(0, size), &why), "") << compressor.name << " " << size;
+            EXPECT_EQ("", section_of(packed.substr(0, size), &why)) << compressor.name << " " << size;
     }
     for (size_t size = 0; size < kernel.size(); size++)
-        EXPECT_EQ(section_of(kernel.substr(0, size), &why), "") << size;
+        EXPECT_EQ("", section_of(kernel.substr(0, size), &why)) << size;
 }
 
 // Whatever is in it: an answer or a reason, and nothing that a sanitizer finds.
-TEST(CliOffsets, damaged_anyhow)
+TEST(CliOffsets, DamagedAnyhow)
 {
     std::mt19937 random(20261121);
     const std::string kernel = make_elf(make_btf());
@@ -328,7 +328,7 @@ TEST(CliOffsets, damaged_anyhow)
     EXPECT_GT(reasons, 100);
 }
 
-TEST(CliOffsets, files)
+TEST(CliOffsets, Files)
 {
     agent_testing::Folder folder;
     std::string out, error;
@@ -336,7 +336,7 @@ TEST(CliOffsets, files)
     expect_has(error, "No such file");
     EXPECT_FALSE(read_whole_file(folder.root(), 100, out, error));
     expect_has(error, "no regular file");
-    ASSERT_EQ(mkfifo(folder.path("pipe").c_str(), 0600), 0);
+    ASSERT_EQ(0, mkfifo(folder.path("pipe").c_str(), 0600));
     EXPECT_FALSE(read_whole_file(folder.path("pipe"), 100, out, error));
     expect_has(error, "no regular file");
     const std::string text(3 << 20, 'a');
@@ -349,17 +349,17 @@ TEST(CliOffsets, files)
     expect_has(out, "CapEff:");
     KernelImage image;
     EXPECT_FALSE(load_kernel_image(file, image, error));
-    EXPECT_EQ(error.rfind(file + ": it is no ", 0), 0u) << error;
+    EXPECT_EQ(0u, error.rfind(file + ": it is no ", 0)) << error;
 }
 
-TEST(CliOffsets, arguments)
+TEST(CliOffsets, Arguments)
 {
     EXPECT_TRUE(parse_arguments({}).ok);
-    EXPECT_EQ(parse_arguments({}).options.file, "");
+    EXPECT_EQ("", parse_arguments({}).options.file);
     const Parsed all = parse_arguments({"--release", "6.1.0-1", "-f", "json", "kernel"});
     EXPECT_TRUE(all.ok);
-    EXPECT_EQ(all.options.release, "6.1.0-1");
-    EXPECT_EQ(all.options.file, "kernel");
+    EXPECT_EQ("6.1.0-1", all.options.release);
+    EXPECT_EQ("kernel", all.options.file);
     EXPECT_TRUE(all.options.json);
     EXPECT_TRUE(parse_arguments({"--help", "a", "b"}).options.help);
     expect_has(parse_arguments({"a", "b"}).error, "only one FILE");

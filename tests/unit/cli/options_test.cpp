@@ -12,17 +12,17 @@
 
 using cli_testing::parse;
 
-TEST(CliOptions, defaults)
+TEST(CliOptions, Defaults)
 {
     const auto parsed = parse({"/a", "b"});
     ASSERT_TRUE(parsed.ok) << parsed.error;
-    EXPECT_EQ(parsed.options.paths, (std::vector<std::string>{"/a", "b"}));
-    EXPECT_EQ(parsed.options.events, 0u);
-    EXPECT_EQ(parsed.options.form, output::Form::kText);
+    EXPECT_EQ((std::vector<std::string>{"/a", "b"}), parsed.options.paths);
+    EXPECT_EQ(0u, parsed.options.events);
+    EXPECT_EQ(output::Form::kText, parsed.options.form);
     EXPECT_FALSE(parsed.options.recursive || parsed.options.pid || parsed.options.keep_going);
 }
 
-TEST(CliOptions, every_flag)
+TEST(CliOptions, EveryFlag)
 {
     const auto o = parse({"-r", "--pid", "--delay", "--sync", "--wait", "-0", "-q", "-k", "/a"});
     ASSERT_TRUE(o.ok) << o.error;
@@ -30,7 +30,7 @@ TEST(CliOptions, every_flag)
                 o.options.null_end && o.options.quiet && o.options.keep_going);
 }
 
-TEST(CliOptions, every_value)
+TEST(CliOptions, EveryValue)
 {
     const auto o = parse({"-r",
                           "-e",
@@ -66,32 +66,32 @@ TEST(CliOptions, every_value)
                           "csv",
                           "/a"});
     ASSERT_TRUE(o.ok) << o.error;
-    EXPECT_EQ(o.options.events, uint32_t{FMON_CREATE | FMON_DELETE | FMON_ATTRIB});
-    EXPECT_EQ(o.options.max_depth, 3u);
-    EXPECT_EQ(o.options.max_subdirs, 9u);
-    EXPECT_EQ(o.options.include, (std::vector<std::string>{"a", "b"}));
-    EXPECT_EQ(o.options.exclude, (std::vector<std::string>{"c"}));
-    EXPECT_EQ(o.options.output, "/out");
-    EXPECT_EQ(o.options.count, 5u);
-    EXPECT_EQ(o.options.timeout_ms, 1500u);
-    EXPECT_EQ(o.options.exec, "true");
-    ASSERT_EQ(o.options.settings.size(), 1u);
-    EXPECT_EQ(o.options.settings[0].first + "=" + o.options.settings[0].second, "rate_limit=7");
-    EXPECT_EQ(o.options.probes, agent::Probes::kOff);
+    EXPECT_EQ(uint32_t{FMON_CREATE | FMON_DELETE | FMON_ATTRIB}, o.options.events);
+    EXPECT_EQ(3u, o.options.max_depth);
+    EXPECT_EQ(9u, o.options.max_subdirs);
+    EXPECT_EQ((std::vector<std::string>{"a", "b"}), o.options.include);
+    EXPECT_EQ((std::vector<std::string>{"c"}), o.options.exclude);
+    EXPECT_EQ("/out", o.options.output);
+    EXPECT_EQ(5u, o.options.count);
+    EXPECT_EQ(1500u, o.options.timeout_ms);
+    EXPECT_EQ("true", o.options.exec);
+    ASSERT_EQ(1u, o.options.settings.size());
+    EXPECT_EQ("rate_limit=7", o.options.settings[0].first + "=" + o.options.settings[0].second);
+    EXPECT_EQ(agent::Probes::kOff, o.options.probes);
     EXPECT_TRUE(o.options.log_to_stderr);
-    EXPECT_EQ(o.options.log_level, 3);
-    EXPECT_EQ(o.options.form, output::Form::kCsv);
+    EXPECT_EQ(3, o.options.log_level);
+    EXPECT_EQ(output::Form::kCsv, o.options.form);
 }
 
-TEST(CliOptions, options_may_follow_paths_until_two_dashes)
+TEST(CliOptions, OptionsMayFollowPathsUntilTwoDashes)
 {
     const auto o = parse({"/a", "-r", "--", "-b"});
     ASSERT_TRUE(o.ok) << o.error;
     EXPECT_TRUE(o.options.recursive);
-    EXPECT_EQ(o.options.paths, (std::vector<std::string>{"/a", "-b"}));
+    EXPECT_EQ((std::vector<std::string>{"/a", "-b"}), o.options.paths);
 }
 
-TEST(CliOptions, long_names_may_be_cut_short)
+TEST(CliOptions, LongNamesMayBeCutShort)
 {
     EXPECT_TRUE(parse({"--rec", "/a"}).options.recursive);
     EXPECT_NE(parse({"--m", "/a"}).error.find("ambiguous option '--m'"), std::string::npos);
@@ -102,7 +102,7 @@ struct Bad {
     std::string complaint; /* part of it */
 };
 
-TEST(CliOptions, each_bad_input_is_named)
+TEST(CliOptions, EachBadInputIsNamed)
 {
     const Bad cases[] = {
         {{}, "no PATH to watch"},
@@ -163,29 +163,29 @@ TEST(CliOptions, each_bad_input_is_named)
     }
 }
 
-TEST(CliOptions, limits_are_accepted)
+TEST(CliOptions, LimitsAreAccepted)
 {
     EXPECT_TRUE(parse({"-r", "--max-depth", "65535", "--max-subdirs", "2147483647", "/a"}).ok);
     EXPECT_TRUE(parse({"--set", "max_dentries=2097152", "--set", "tbd_interval=1000", "/a"}).ok);
-    EXPECT_EQ(parse({"-t", "0.001", "/a"}).options.timeout_ms, 1u);
+    EXPECT_EQ(1u, parse({"-t", "0.001", "/a"}).options.timeout_ms);
     EXPECT_TRUE(parse({"--mount", "-e", "all", "/a"}).ok);
     EXPECT_TRUE(parse({"--mount", "-e", "close,open", "/a"}).ok);
 }
 
-TEST(CliOptions, a_percent_sign_makes_a_template)
+TEST(CliOptions, APercentSignMakesATemplate)
 {
     const auto o = parse({"--format", "%e %p", "/a"});
-    EXPECT_EQ(o.options.form, output::Form::kTemplate);
-    EXPECT_EQ(o.options.pattern, "%e %p");
+    EXPECT_EQ(output::Form::kTemplate, o.options.form);
+    EXPECT_EQ("%e %p", o.options.pattern);
 }
 
-TEST(CliOptions, help_wants_no_path)
+TEST(CliOptions, HelpWantsNoPath)
 {
-    EXPECT_EQ(parse({"--help"}).options.answer, cli::Answer::kHelp);
-    EXPECT_EQ(parse({"-e", "help"}).options.answer, cli::Answer::kEventList);
+    EXPECT_EQ(cli::Answer::kHelp, parse({"--help"}).options.answer);
+    EXPECT_EQ(cli::Answer::kEventList, parse({"-e", "help"}).options.answer);
 }
 
-TEST(CliOptions, help_names_every_option_and_fits_the_screen)
+TEST(CliOptions, HelpNamesEveryOptionAndFitsTheScreen)
 {
     const std::string help = cli::watch_help();
     for (const cli::OptionRow &row : cli::kOptionTable)
@@ -197,7 +197,7 @@ TEST(CliOptions, help_names_every_option_and_fits_the_screen)
     EXPECT_NE(help.find("Status:"), std::string::npos);
 }
 
-TEST(CliOptions, letters_and_names_are_unique)
+TEST(CliOptions, LettersAndNamesAreUnique)
 {
     for (const cli::OptionRow &a : cli::kOptionTable)
         for (const cli::OptionRow &b : cli::kOptionTable) {
@@ -206,17 +206,17 @@ TEST(CliOptions, letters_and_names_are_unique)
         }
 }
 
-TEST(CliVerbs, table_is_found_both_ways)
+TEST(CliVerbs, TableIsFoundBothWays)
 {
     for (const cli::Verb &verb : cli::kVerbTable) {
         EXPECT_EQ(cli::find_verb(verb.name), &verb);
         EXPECT_NE(cli::main_help().find(verb.name), std::string::npos);
     }
-    EXPECT_EQ(cli::find_verb(""), nullptr);
-    EXPECT_EQ(cli::find_verb("watc"), nullptr);
+    EXPECT_EQ(nullptr, cli::find_verb(""));
+    EXPECT_EQ(nullptr, cli::find_verb("watc"));
 }
 
-TEST(CliEvents, every_row_parses_to_its_mask)
+TEST(CliEvents, EveryRowParsesToItsMask)
 {
     for (const agent::EventName &row : agent::kEventTable) {
         uint32_t mask = 0;
@@ -227,18 +227,19 @@ TEST(CliEvents, every_row_parses_to_its_mask)
     }
 }
 
-TEST(CliEvents, masks_print_single_names_in_table_order)
+TEST(CliEvents, MasksPrintSingleNamesInTableOrder)
 {
-    EXPECT_EQ(agent::events_text(0), "");
-    EXPECT_EQ(agent::events_text(FMON_CLOSE), "close_write,close_nowrite");
-    EXPECT_EQ(agent::events_text(FMON_ALL_EVENTS),
-              "open,access,modify,create,delete,moved_from,moved_to,attrib,close_write,close_nowrite,move_self,"
-              "delete_self");
-    EXPECT_EQ(agent::events_text(FMON_CREATE | FMON_LINK), "create,link");
-    EXPECT_EQ(agent::events_text(0x4000), "");
+    EXPECT_EQ("", agent::events_text(0));
+    EXPECT_EQ("close_write,close_nowrite", agent::events_text(FMON_CLOSE));
+    EXPECT_EQ(
+        "open,access,modify,create,delete,moved_from,moved_to,attrib,close_write,close_nowrite,move_self,"
+        "delete_self",
+        agent::events_text(FMON_ALL_EVENTS));
+    EXPECT_EQ("create,link", agent::events_text(FMON_CREATE | FMON_LINK));
+    EXPECT_EQ("", agent::events_text(0x4000));
 }
 
-TEST(CliEvents, printed_names_parse_back)
+TEST(CliEvents, PrintedNamesParseBack)
 {
     for (uint32_t mask = 1; mask <= FMON_ALL_EVENTS; mask++) {
         uint32_t again = 0;
@@ -248,7 +249,7 @@ TEST(CliEvents, printed_names_parse_back)
     }
 }
 
-TEST(CliOptions, system_with_all_events_means_all_that_it_can)
+TEST(CliOptions, SystemWithAllEventsMeansAllThatItCan)
 {
     EXPECT_TRUE(parse({"--system"}).ok);
     EXPECT_TRUE(parse({"--system", "-e", "all"}).ok);

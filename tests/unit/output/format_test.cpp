@@ -58,22 +58,22 @@ std::string template_line(const std::string &pattern, const Event &event, Format
 
 }  // namespace
 
-TEST(CliJson, container_is_the_mounts_or_the_processs)
+TEST(CliJson, ContainerIsTheMountsOrTheProcesss)
 {
     ProcessInfo inside = kCat;
     inside.container = "c1";
     const auto formatter = make_json_formatter(plain());
     Event event = event_of("/a", FMON_MODIFY, 42, &inside);
-    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "c1");
+    EXPECT_STREQ("c1", json_of(line_of(*formatter, event))["container"].GetString());
     event.container = "host";
-    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "host");
+    EXPECT_STREQ("host", json_of(line_of(*formatter, event))["container"].GetString());
     event = event_of("/a", FMON_MODIFY, 42, &kCat);
     EXPECT_FALSE(json_of(line_of(*formatter, event)).HasMember("container"));
     event.process = nullptr;
     EXPECT_FALSE(json_of(line_of(*formatter, event)).HasMember("container"));
 }
 
-TEST(CliJson, containers_have_names_and_images_where_known)
+TEST(CliJson, ContainersHaveNamesAndImagesWhereKnown)
 {
     FormatStyle style = plain();
     style.container_name = [](std::string_view id) {
@@ -83,73 +83,75 @@ TEST(CliJson, containers_have_names_and_images_where_known)
     Event event = event_of("/a", FMON_MODIFY, 42, nullptr);
     event.container = "c1";
     const rapidjson::Document known = json_of(line_of(*formatter, event));
-    EXPECT_STREQ(known["container"].GetString(), "c1");
-    EXPECT_STREQ(known["container_name"].GetString(), "web\xef\xbf\xbd");
-    EXPECT_STREQ(known["container_image"].GetString(), "team/nginx:1");
+    EXPECT_STREQ("c1", known["container"].GetString());
+    EXPECT_STREQ("web\xef\xbf\xbd", known["container_name"].GetString());
+    EXPECT_STREQ("team/nginx:1", known["container_image"].GetString());
     event.container = "c2";
     const rapidjson::Document unknown = json_of(line_of(*formatter, event));
-    EXPECT_STREQ(unknown["container"].GetString(), "c2");
+    EXPECT_STREQ("c2", unknown["container"].GetString());
     EXPECT_FALSE(unknown.HasMember("container_name") || unknown.HasMember("container_image"));
 }
 
-TEST(CliJson, event_has_all_fields)
+TEST(CliJson, EventHasAllFields)
 {
     const auto formatter = make_json_formatter(plain());
     Event event = event_of("/a/b", FMON_MODIFY | FMON_CLOSE_WRITE, 42, &kCat);
     event.container = "host";
-    EXPECT_EQ(line_of(*formatter, event),
-              "{\"type\":\"event\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"events\":[\"modify\",\"close_write\"],"
-              "\"path\":\"/a/b\",\"pid\":42,\"process\":{\"name\":\"cat\",\"exe\":\"/usr/bin/cat\",\"cmdline\":\"cat "
-              "x\",\"uid\":1000,\"ppid\":7},\"container\":\"host\",\"instance\":\"watch\"}\n");
+    EXPECT_EQ(
+        "{\"type\":\"event\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"events\":[\"modify\",\"close_write\"],"
+        "\"path\":\"/a/b\",\"pid\":42,\"process\":{\"name\":\"cat\",\"exe\":\"/usr/bin/cat\",\"cmdline\":\"cat "
+        "x\",\"uid\":1000,\"ppid\":7},\"container\":\"host\",\"instance\":\"watch\"}\n",
+        line_of(*formatter, event));
 }
 
-TEST(CliJson, event_without_process_or_container)
+TEST(CliJson, EventWithoutProcessOrContainer)
 {
     const auto formatter = make_json_formatter(plain());
     const auto document = json_of(line_of(*formatter, event_of("/a", FMON_CREATE)));
     EXPECT_FALSE(document.HasMember("process") || document.HasMember("container") || document.HasMember("path_bytes"));
-    EXPECT_EQ(document["pid"].GetUint(), 0u);
+    EXPECT_EQ(0u, document["pid"].GetUint());
 }
 
-TEST(CliJson, container_with_hostile_bytes)
+TEST(CliJson, ContainerWithHostileBytes)
 {
     const auto formatter = make_json_formatter(plain());
     Event event = event_of("/a", FMON_CREATE);
     event.container = "a\"b\n\xff";
-    EXPECT_STREQ(json_of(line_of(*formatter, event))["container"].GetString(), "a\"b\n\xef\xbf\xbd");
+    EXPECT_STREQ("a\"b\n\xef\xbf\xbd", json_of(line_of(*formatter, event))["container"].GetString());
 }
 
-TEST(CliJson, other_records)
+TEST(CliJson, OtherRecords)
 {
     const auto formatter = make_json_formatter(plain());
     std::string out;
     formatter->established(kTime, {{"/a", "/b\xff"}, {}, 12}, out);
     formatter->loss(kTime, "inotify", 3, "", out);
     formatter->ended(kTime, "/a", "deleted", out);
-    EXPECT_EQ(out,
-              "{\"type\":\"established\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"paths\":[\"/a\",\"/b\xef\xbf\xbd"
-              "\"],\"directories\":12}\n"
-              "{\"type\":\"loss\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"source\":\"inotify\",\"count\":3}\n"
-              "{\"type\":\"ended\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"path\":\"/a\",\"reason\":\"deleted\"}"
-              "\n");
+    EXPECT_EQ(
+        "{\"type\":\"established\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"paths\":[\"/a\",\"/b\xef\xbf\xbd"
+        "\"],\"directories\":12}\n"
+        "{\"type\":\"loss\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"source\":\"inotify\",\"count\":3}\n"
+        "{\"type\":\"ended\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"path\":\"/a\",\"reason\":\"deleted\"}"
+        "\n",
+        out);
 }
 
-TEST(CliJson, other_records_with_paths)
+TEST(CliJson, OtherRecordsWithPaths)
 {
     const auto formatter = make_json_formatter(plain());
     std::string out;
     formatter->established(kTime, {{"/a"}, {"/c"}, 1}, out);
-    EXPECT_STREQ(json_of(out)["missing"][0].GetString(), "/c");
+    EXPECT_STREQ("/c", json_of(out)["missing"][0].GetString());
     out.clear();
     formatter->loss(kTime, "path", 1, "/d", out);
-    EXPECT_STREQ(json_of(out)["path"].GetString(), "/d");
+    EXPECT_STREQ("/d", json_of(out)["path"].GetString());
     out.clear();
     formatter->appeared(kTime, "/c", out);
-    EXPECT_STREQ(json_of(out)["type"].GetString(), "appeared");
-    EXPECT_STREQ(json_of(out)["path"].GetString(), "/c");
+    EXPECT_STREQ("appeared", json_of(out)["type"].GetString());
+    EXPECT_STREQ("/c", json_of(out)["path"].GetString());
 }
 
-TEST(CliJson, valid_for_every_byte_of_a_name)
+TEST(CliJson, ValidForEveryByteOfAName)
 {
     const auto formatter = make_json_formatter(plain());
     for (int byte = 1; byte < 256; byte++) {
@@ -164,7 +166,7 @@ TEST(CliJson, valid_for_every_byte_of_a_name)
     }
 }
 
-TEST(CliJson, valid_for_random_bytes_everywhere)
+TEST(CliJson, ValidForRandomBytesEverywhere)
 {
     const auto formatter = make_json_formatter(plain());
     std::mt19937 random(3);
@@ -179,28 +181,28 @@ TEST(CliJson, valid_for_random_bytes_everywhere)
     }
 }
 
-TEST(CliJson, records_can_end_in_nul)
+TEST(CliJson, RecordsCanEndInNul)
 {
     FormatStyle style = plain();
     style.end = '\0';
     const std::string line = line_of(*make_json_formatter(style), event_of("/a", FMON_CREATE));
-    EXPECT_EQ(line.back(), '\0');
+    EXPECT_EQ('\0', line.back());
     EXPECT_EQ(line.find('\n'), std::string::npos);
 }
 
-TEST(CliJson, a_name_that_was_gone)
+TEST(CliJson, ANameThatWasGone)
 {
     Event event = event_of("/a/b", FMON_MODIFY, 42);
     EXPECT_FALSE(json_of(line_of(*make_json_formatter(plain()), event)).HasMember("deleted"));
     event.deleted = true;
     const auto document = json_of(line_of(*make_json_formatter(plain()), event));
     EXPECT_TRUE(document["deleted"].IsTrue());
-    EXPECT_STREQ(document["path"].GetString(), "/a/b");
+    EXPECT_STREQ("/a/b", document["path"].GetString());
     EXPECT_NE(line_of(*make_text_formatter(plain()), event).find(" /a/b (deleted)  ?[42]"), std::string::npos);
 }
 
 /* The same JSON, in which nothing drives the terminal or turns its lines. */
-TEST(CliJson, at_a_terminal)
+TEST(CliJson, AtATerminal)
 {
     FormatStyle style = plain();
     const std::string path =
@@ -216,7 +218,7 @@ TEST(CliJson, at_a_terminal)
     EXPECT_NE(loss_of(*make_json_formatter(style), path).find("\\u202e"), std::string::npos);
 }
 
-TEST(CliJson, at_a_terminal_whatever_the_name)
+TEST(CliJson, AtATerminalWhateverTheName)
 {
     FormatStyle style = plain();
     style.terminal = true;
@@ -231,33 +233,33 @@ TEST(CliJson, at_a_terminal_whatever_the_name)
     }
 }
 
-TEST(CliText, columns_are_aligned)
+TEST(CliText, ColumnsAreAligned)
 {
     setenv("TZ", "UTC", 1);
     tzset();
     const auto formatter = make_text_formatter(plain());
-    EXPECT_EQ(line_of(*formatter, event_of("/a/longer", FMON_CLOSE_WRITE, 42, &kCat)),
-              "12:34:56.789 close_write              /a/longer  cat[42]\n");
-    EXPECT_EQ(line_of(*formatter, event_of("/a", FMON_CREATE, 42, &kCat)),
-              "12:34:56.789 create                   /a         cat[42]\n");
-    EXPECT_EQ(line_of(*formatter, event_of("/a", FMON_CREATE, 9)),
-              "12:34:56.789 create                   /a         ?[9]\n");
-    EXPECT_EQ(line_of(*formatter, event_of("/a", FMON_CREATE)), "12:34:56.789 create                   /a\n");
+    EXPECT_EQ("12:34:56.789 close_write              /a/longer  cat[42]\n",
+              line_of(*formatter, event_of("/a/longer", FMON_CLOSE_WRITE, 42, &kCat)));
+    EXPECT_EQ("12:34:56.789 create                   /a         cat[42]\n",
+              line_of(*formatter, event_of("/a", FMON_CREATE, 42, &kCat)));
+    EXPECT_EQ("12:34:56.789 create                   /a         ?[9]\n",
+              line_of(*formatter, event_of("/a", FMON_CREATE, 9)));
+    EXPECT_EQ("12:34:56.789 create                   /a\n", line_of(*formatter, event_of("/a", FMON_CREATE)));
 }
 
-TEST(CliText, a_loss_is_a_line)
+TEST(CliText, ALossIsALine)
 {
     setenv("TZ", "UTC", 1);
     tzset();
     FormatStyle style = plain();
-    EXPECT_EQ(loss_of(*make_text_formatter(style), ""), "12:34:56.789 loss                     inotify: 1234\n");
-    EXPECT_EQ(loss_of(*make_text_formatter(style), "/a\n"),
-              "12:34:56.789 loss                     /a\\n  inotify: 1234\n");
+    EXPECT_EQ("12:34:56.789 loss                     inotify: 1234\n", loss_of(*make_text_formatter(style), ""));
+    EXPECT_EQ("12:34:56.789 loss                     /a\\n  inotify: 1234\n",
+              loss_of(*make_text_formatter(style), "/a\n"));
     style.colours = true;
     EXPECT_NE(loss_of(*make_text_formatter(style), "").find("\033[31mloss\033[0m"), std::string::npos);
 }
 
-TEST(CliText, a_name_cannot_forge_a_line)
+TEST(CliText, ANameCannotForgeALine)
 {
     const auto formatter = make_text_formatter(plain());
     const ProcessInfo evil = {"x\ny\033[2J", "", "", 0, 0, 0};
@@ -268,7 +270,7 @@ TEST(CliText, a_name_cannot_forge_a_line)
     EXPECT_EQ(line.find('\r'), std::string::npos);
 }
 
-TEST(CliText, colours_only_when_wanted)
+TEST(CliText, ColoursOnlyWhenWanted)
 {
     FormatStyle style = plain();
     const Event event = event_of("/a", FMON_DELETE, 42, &kCat);
@@ -277,54 +279,54 @@ TEST(CliText, colours_only_when_wanted)
     EXPECT_NE(line_of(*make_text_formatter(style), event).find("\033[31mdelete\033[0m"), std::string::npos);
 }
 
-TEST(CliCsv, heading_and_quoting)
+TEST(CliCsv, HeadingAndQuoting)
 {
     const auto formatter = make_csv_formatter(plain());
     std::string out;
     formatter->begin(out);
-    EXPECT_EQ(out, "time,events,path,pid,process\n");
+    EXPECT_EQ("time,events,path,pid,process\n", out);
     const ProcessInfo odd = {"a,b", "", "", 0, 0, 0};
-    EXPECT_EQ(line_of(*formatter, event_of("/x \"y\"\nz", FMON_MODIFY | FMON_CLOSE_WRITE, 4, &odd)),
-              "2024-02-29T12:34:56.789012345Z,\"modify,close_write\",\"/x \"\"y\"\"\nz\",4,\"a,b\"\n");
-    EXPECT_EQ(line_of(*formatter, event_of("/x", FMON_CREATE)), "2024-02-29T12:34:56.789012345Z,create,/x,0,\n");
+    EXPECT_EQ("2024-02-29T12:34:56.789012345Z,\"modify,close_write\",\"/x \"\"y\"\"\nz\",4,\"a,b\"\n",
+              line_of(*formatter, event_of("/x \"y\"\nz", FMON_MODIFY | FMON_CLOSE_WRITE, 4, &odd)));
+    EXPECT_EQ("2024-02-29T12:34:56.789012345Z,create,/x,0,\n", line_of(*formatter, event_of("/x", FMON_CREATE)));
 }
 
-TEST(CliCsv, a_loss_is_a_row)
+TEST(CliCsv, ALossIsARow)
 {
     FormatStyle style = plain();
-    EXPECT_EQ(loss_of(*make_csv_formatter(style), ""), "2024-02-29T12:34:56.789012345Z,loss,,0,inotify: 1234\n");
-    EXPECT_EQ(loss_of(*make_csv_formatter(style), "/a,\n"),
-              "2024-02-29T12:34:56.789012345Z,loss,\"/a,\n\",0,inotify: 1234\n");
+    EXPECT_EQ("2024-02-29T12:34:56.789012345Z,loss,,0,inotify: 1234\n", loss_of(*make_csv_formatter(style), ""));
+    EXPECT_EQ("2024-02-29T12:34:56.789012345Z,loss,\"/a,\n\",0,inotify: 1234\n",
+              loss_of(*make_csv_formatter(style), "/a,\n"));
     style.terminal = true;
-    EXPECT_EQ(loss_of(*make_csv_formatter(style), "/a,\n"),
-              "2024-02-29T12:34:56.789012345Z,loss,\"/a,\\n\",0,inotify: 1234\n");
+    EXPECT_EQ("2024-02-29T12:34:56.789012345Z,loss,\"/a,\\n\",0,inotify: 1234\n",
+              loss_of(*make_csv_formatter(style), "/a,\n"));
 }
 
-TEST(CliTemplate, every_letter_and_escape)
+TEST(CliTemplate, EveryLetterAndEscape)
 {
     const Event event = event_of("/a", FMON_CREATE | FMON_ATTRIB, 42, &kCat);
-    EXPECT_EQ(template_line("%e|%p|%P|%n|%t|%%", event), "create,attrib|/a|42|cat|2024-02-29T12:34:56.789012345Z|%\n");
-    EXPECT_EQ(template_line("\\a\\b\\e\\f\\n\\r\\t\\v\\\\\\101\\x41\\7x", event), "\a\b\033\f\n\r\t\v\\AA\007x\n");
-    EXPECT_EQ(template_line("%n%P", event_of("/a", FMON_CREATE)), "0\n");
-    EXPECT_EQ(template_line("x\\0y", event), std::string("x\0y\n", 4));
+    EXPECT_EQ("create,attrib|/a|42|cat|2024-02-29T12:34:56.789012345Z|%\n", template_line("%e|%p|%P|%n|%t|%%", event));
+    EXPECT_EQ("\a\b\033\f\n\r\t\v\\AA\007x\n", template_line("\\a\\b\\e\\f\\n\\r\\t\\v\\\\\\101\\x41\\7x", event));
+    EXPECT_EQ("0\n", template_line("%n%P", event_of("/a", FMON_CREATE)));
+    EXPECT_EQ(std::string("x\0y\n", 4), template_line("x\\0y", event));
 }
 
-TEST(CliTemplate, what_is_unknown_is_refused)
+TEST(CliTemplate, WhatIsUnknownIsRefused)
 {
     for (const char *pattern : {"%q", "%", "a%", "%E", "\\q", "a\\", "\\x", "\\xg", "%\n"})
-        EXPECT_EQ(template_line(pattern, event_of("/a", FMON_CREATE)).substr(0, 7), "error: ") << pattern;
+        EXPECT_EQ("error: ", template_line(pattern, event_of("/a", FMON_CREATE)).substr(0, 7)) << pattern;
 }
 
-TEST(CliTemplate, bytes_are_raw_for_a_script_and_safe_for_a_terminal)
+TEST(CliTemplate, BytesAreRawForAScriptAndSafeForATerminal)
 {
     const Event event = event_of("/a\n\033[31m\xff", FMON_CREATE);
-    EXPECT_EQ(template_line("%p", event), "/a\n\033[31m\xff\n");
+    EXPECT_EQ("/a\n\033[31m\xff\n", template_line("%p", event));
     FormatStyle terminal = plain();
     terminal.terminal = true;
-    EXPECT_EQ(template_line("%p", event, terminal), "/a\\n\\033[31m\\377\n");
+    EXPECT_EQ("/a\\n\\033[31m\\377\n", template_line("%p", event, terminal));
 }
 
-TEST(CliTime, formats_are_those_of_the_c_library)
+TEST(CliTime, FormatsAreThoseOfTheCLibrary)
 {
     setenv("TZ", "UTC", 1);
     tzset();
@@ -338,11 +340,11 @@ TEST(CliTime, formats_are_those_of_the_c_library)
         snprintf(expected, sizeof expected, "%s.%09uZ", text, static_cast<unsigned>(ns % 1000000000));
         std::string out;
         utc.append(ns, out);
-        EXPECT_EQ(out, expected);
+        EXPECT_EQ(expected, out);
         strftime(text, sizeof text, "%T", gmtime(&t));
         snprintf(expected, sizeof expected, "%s.%03u", text, static_cast<unsigned>(ns % 1000000000 / 1000000));
         out.clear();
         local.append(ns, out);
-        EXPECT_EQ(out, expected);
+        EXPECT_EQ(expected, out);
     }
 }

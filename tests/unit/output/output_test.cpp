@@ -72,11 +72,11 @@ protected:
 
 }  // namespace
 
-TEST(CliOutput, a_closed_pipe_is_no_error)
+TEST(CliOutput, AClosedPipeIsNoError)
 {
     signal(SIGPIPE, SIG_IGN);
     int ends[2];
-    ASSERT_EQ(pipe(ends), 0);
+    ASSERT_EQ(0, pipe(ends));
     Output output;
     std::string error;
     ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
@@ -88,7 +88,7 @@ TEST(CliOutput, a_closed_pipe_is_no_error)
     EXPECT_TRUE(output.error().empty());
 }
 
-TEST(CliOutput, a_full_disk_is_one)
+TEST(CliOutput, AFullDiskIsOne)
 {
     Output output;
     std::string error;
@@ -99,7 +99,7 @@ TEST(CliOutput, a_full_disk_is_one)
     EXPECT_NE(output.error().find("No space left"), std::string::npos);
 }
 
-TEST(CliOutput, files_are_replaced_and_know_their_path)
+TEST(CliOutput, FilesAreReplacedAndKnowTheirPath)
 {
     const Folder folder;
     const std::string path = folder.file("out", "old");
@@ -109,19 +109,19 @@ TEST(CliOutput, files_are_replaced_and_know_their_path)
     EXPECT_EQ(output.file_path(), path);
     output.buffer() = "new";
     EXPECT_TRUE(output.flush_if_large(for_ever));
-    EXPECT_EQ(content(path), "");
+    EXPECT_EQ("", content(path));
     EXPECT_TRUE(output.flush(for_ever));
-    EXPECT_EQ(content(path), "new");
+    EXPECT_EQ("new", content(path));
     EXPECT_TRUE(output.buffer().empty());
     Output other;
     EXPECT_FALSE(other.open(folder.path("missing/out"), false, error));
     EXPECT_NE(error.find("missing/out: No such file"), std::string::npos);
 }
 
-TEST(CliOutput, a_reader_that_does_not_read_cannot_hold_up_the_end)
+TEST(CliOutput, AReaderThatDoesNotReadCannotHoldUpTheEnd)
 {
     int ends[2];
-    ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+    ASSERT_EQ(0, pipe2(ends, O_NONBLOCK));
     Output output;
     std::string error;
     ASSERT_TRUE(output.open("/dev/fd/" + std::to_string(ends[1]), false, error)) << error;
@@ -132,12 +132,12 @@ TEST(CliOutput, a_reader_that_does_not_read_cannot_hold_up_the_end)
     EXPECT_TRUE(output.gave_up());
     output.buffer() = "later\n";
     EXPECT_TRUE(output.flush(for_ever));
-    EXPECT_EQ(output.given_up(), 1u);
+    EXPECT_EQ(1u, output.given_up());
     close(ends[0]);
     close(ends[1]);
 }
 
-TEST(CliExec, the_event_is_in_the_environment_and_never_in_the_command)
+TEST(CliExec, TheEventIsInTheEnvironmentAndNeverInTheCommand)
 {
     const Folder folder;
     const std::string hostile = folder.path("a\n$(touch " + folder.path("trap") + ");'\"`\xff");
@@ -150,7 +150,7 @@ TEST(CliExec, the_event_is_in_the_environment_and_never_in_the_command)
     unsetenv("FMON_PATH");
 }
 
-TEST(CliExec, failures_are_told)
+TEST(CliExec, FailuresAreTold)
 {
     const Event event = event_of("/a", FMON_CREATE);
     const std::vector<std::pair<const char *, const char *>> rows = {
@@ -169,7 +169,7 @@ TEST(CliExec, failures_are_told)
 }
 
 // The wait is interrupted as signals.h says: here by a timer.
-TEST(CliExec, a_command_has_its_time_to_end)
+TEST(CliExec, ACommandHasItsTimeToEnd)
 {
     struct sigaction action = {};
     action.sa_handler = [](int) {};
@@ -183,9 +183,9 @@ TEST(CliExec, a_command_has_its_time_to_end)
     };
     std::string trouble;
     EXPECT_TRUE(Executor("sleep 0.1").run(event_of("/a", FMON_CREATE), patience, trouble));
-    EXPECT_EQ(trouble, "");
+    EXPECT_EQ("", trouble);
     EXPECT_TRUE(Executor("exec sleep 30").run(event_of("/a", FMON_CREATE), patience, trouble));
-    EXPECT_EQ(trouble, "the command of --exec for /a was sent SIGTERM: it ran for too long");
+    EXPECT_EQ("the command of --exec for /a was sent SIGTERM: it ran for too long", trouble);
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
     setitimer(ITIMER_REAL, &off, nullptr);
     int status = 0;
@@ -194,14 +194,14 @@ TEST(CliExec, a_command_has_its_time_to_end)
 }
 
 // Programs of a command may use select(), which holds 1,024 descriptors.
-TEST(CliExec, a_command_has_the_limit_of_descriptors_that_was)
+TEST(CliExec, ACommandHasTheLimitOfDescriptorsThatWas)
 {
     struct rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     ASSERT_GT(limit.rlim_max, 200u);
     const rlim_t usual = limit.rlim_cur;
     limit.rlim_cur = 200;
-    ASSERT_EQ(setrlimit(RLIMIT_NOFILE, &limit), 0);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
     raise_descriptor_limit();
     getrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
@@ -210,13 +210,13 @@ TEST(CliExec, a_command_has_the_limit_of_descriptors_that_was)
     std::string trouble;
     EXPECT_TRUE(Executor("ulimit -S -n > " + folder.path("out") + "; ulimit -H -n >> " + folder.path("out"))
                     .run(event_of("/a", FMON_CREATE), always, trouble));
-    EXPECT_EQ(trouble, "");
+    EXPECT_EQ("", trouble);
     EXPECT_EQ(content(folder.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
     limit.rlim_cur = usual;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
-TEST_F(Reporting, a_command_that_fails_is_told_of)
+TEST_F(Reporting, ACommandThatFailsIsToldOf)
 {
     testing::internal::CaptureStderr();
     open({"--exec", "exit 3"});
@@ -224,39 +224,39 @@ TEST_F(Reporting, a_command_that_fails_is_told_of)
         reporter->event(event_of(path, FMON_CREATE));
     reporter->tell_dropped();
     const std::string said = testing::internal::GetCapturedStderr();
-    EXPECT_EQ(said.substr(0, said.find('\n')), "fmon: the command of --exec for /root/1 ended with status 3");
-    EXPECT_EQ(said.substr(said.find('\n') + 1), "fmon: the command of --exec failed 2 more times\n");
+    EXPECT_EQ("fmon: the command of --exec for /root/1 ended with status 3", said.substr(0, said.find('\n')));
+    EXPECT_EQ("fmon: the command of --exec failed 2 more times\n", said.substr(said.find('\n') + 1));
     EXPECT_FALSE(reporter->finished());
 }
 
-TEST_F(Reporting, shows_what_was_asked_for)
+TEST_F(Reporting, ShowsWhatWasAskedFor)
 {
     open({"-e", "create"});
     reporter->event(event_of("/root/a", FMON_CREATE | FMON_ATTRIB));
     reporter->event(event_of("/root/b", FMON_ATTRIB));
-    EXPECT_EQ(written(), "create /root/a\n");
-    EXPECT_EQ(reporter->shown(), 1u);
+    EXPECT_EQ("create /root/a\n", written());
+    EXPECT_EQ(1u, reporter->shown());
 }
 
-TEST_F(Reporting, ends_after_the_count)
+TEST_F(Reporting, EndsAfterTheCount)
 {
     open({"-n", "2", "--exclude", "x$"});
     for (const char *path : {"/root/1", "/root/x", "/root/2", "/root/3"})
         reporter->event(event_of(path, FMON_CREATE));
-    EXPECT_EQ(written(), "create /root/1\ncreate /root/2\n");
+    EXPECT_EQ("create /root/1\ncreate /root/2\n", written());
     EXPECT_TRUE(reporter->finished());
-    EXPECT_EQ(reporter->status(), 0);
+    EXPECT_EQ(0, reporter->status());
 }
 
-TEST_F(Reporting, keeps_the_limit_of_depth)
+TEST_F(Reporting, KeepsTheLimitOfDepth)
 {
     open({"-r", "--max-depth", "1"});
     for (const char *path : {"/root", "/root/a", "/root/a/b", "/root/a/b/c", "/elsewhere"})
         reporter->event(event_of(path, FMON_CREATE));
-    EXPECT_EQ(written(), "create /root\ncreate /root/a\ncreate /root/a/b\n");
+    EXPECT_EQ("create /root\ncreate /root/a\ncreate /root/a/b\n", written());
 }
 
-TEST_F(Reporting, does_not_show_its_own_file)
+TEST_F(Reporting, DoesNotShowItsOwnFile)
 {
     open({});
     reporter->event(event_of(folder.path("out"), FMON_MODIFY));
@@ -264,17 +264,17 @@ TEST_F(Reporting, does_not_show_its_own_file)
     EXPECT_EQ(written(), "modify " + folder.path("out2") + "\n");
 }
 
-TEST_F(Reporting, records_beside_events_are_for_json_only)
+TEST_F(Reporting, RecordsBesideEventsAreForJsonOnly)
 {
     open({});
     reporter->established({{"/root"}, {}, 1});
     reporter->loss("inotify", 1);
     reporter->ended("/root", "deleted");
-    EXPECT_EQ(written(), "");
+    EXPECT_EQ("", written());
 }
 
 // A run that comes to nothing must not cost what the file held.
-TEST(CliReporter, a_file_is_opened_last)
+TEST(CliReporter, AFileIsOpenedLast)
 {
     const Folder folder;
     const std::string out = folder.file("out", "old\n");
@@ -291,13 +291,13 @@ TEST(CliReporter, a_file_is_opened_last)
         reporter.flush();
         const std::string text = content(out);
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), append ? 3 : 2) << text;
-        EXPECT_EQ(text.find("time,events,path,pid,process\n"), 0u) << text;
-        EXPECT_EQ(text.rfind("time,events"), 0u) << "one heading";
+        EXPECT_EQ(0u, text.find("time,events,path,pid,process\n")) << text;
+        EXPECT_EQ(0u, text.rfind("time,events")) << "one heading";
     }
     EXPECT_FALSE(parse({"--append", "/root"}).ok);
 }
 
-TEST(CliReporter, an_appended_file_begins_with_a_heading)
+TEST(CliReporter, AnAppendedFileBeginsWithAHeading)
 {
     const Folder folder;
     const auto parsed = parse({"-o", folder.path("new"), "--append", "-f", "csv", "/root"});
@@ -308,10 +308,10 @@ TEST(CliReporter, an_appended_file_begins_with_a_heading)
     reporter.set_plan({});
     ASSERT_TRUE(reporter.begin(error)) << error;
     reporter.flush();
-    EXPECT_EQ(content(folder.path("new")), "time,events,path,pid,process\n");
+    EXPECT_EQ("time,events,path,pid,process\n", content(folder.path("new")));
 }
 
-TEST(CliReporter, refuses_before_anything_is_opened)
+TEST(CliReporter, RefusesBeforeAnythingIsOpened)
 {
     const Folder folder;
     const std::vector<std::vector<std::string>> cases = {{"--include", "("},    {"--exclude", "[a"},
