@@ -1,3 +1,5 @@
+/* The entry of `fmon`: standard descriptors, then the verb. */
+
 #include <fcntl.h>
 #include <unistd.h>
 

@@ -1,3 +1,5 @@
+/* Events as rows of CSV; format.h. */
+
 #include <string>
 
 #include "agent/escape.h"

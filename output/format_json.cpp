@@ -1,3 +1,5 @@
+/* Records as lines of JSON; format.h. */
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 

@@ -1,3 +1,5 @@
+/* Events by a template of the user's; format.h. */
+
 #include <cctype>
 #include <string>
 

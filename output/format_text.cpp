@@ -1,3 +1,5 @@
+/* Records for reading, in columns; format.h. */
+
 #include <algorithm>
 #include <charconv>
 

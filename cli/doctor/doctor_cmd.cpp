@@ -1,3 +1,5 @@
+/* `fmon doctor`: gathers facts, judges them and prints what it found. */
+
 #include <getopt.h>
 #include <unistd.h>
 

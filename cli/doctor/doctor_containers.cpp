@@ -1,3 +1,5 @@
+/* The doctor's section on containers; doctor.h. */
+
 #include <unistd.h>
 
 #include <cstring>

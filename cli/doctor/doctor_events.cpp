@@ -1,3 +1,5 @@
+/* The doctor's sections on capabilities, and on the sources of events with their limits; doctor.h. */
+
 #include <fcntl.h>
 #include <sys/fanotify.h>
 #include <unistd.h>

@@ -1,3 +1,5 @@
+/* The doctor's section on kernel probes; doctor.h. */
+
 #include <unistd.h>
 
 #include <algorithm>

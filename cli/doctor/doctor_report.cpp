@@ -1,3 +1,5 @@
+/* What the doctor prints, as text and as JSON, and its status; doctor.h. */
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 

@@ -1,3 +1,5 @@
+/* The doctor's sections on the installation and on the kernel; doctor.h. */
+
 #include <dlfcn.h>
 #include <sys/utsname.h>
 #include <unistd.h>

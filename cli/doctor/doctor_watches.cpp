@@ -1,3 +1,5 @@
+/* The doctor's section on watches that run and what they missed; doctor.h. */
+
 #include "cli/dump/dump_client.h"
 #include "doctor.h"
 

@@ -1,3 +1,5 @@
+/* `fmon dump`: asks a running watch for its state and prints the answer. */
+
 #include "agent/message.h"
 #include "cli/verbs.h"
 #include "dump_client.h"

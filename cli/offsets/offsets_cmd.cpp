@@ -1,3 +1,5 @@
+/* `fmon offsets`: prints the section of fmon.ini for a kernel. */
+
 #include <rapidjson/stringbuffer.h>
 #include <rapidjson/writer.h>
 #include <sys/utsname.h>

@@ -1,3 +1,5 @@
+/* The help of `fmon watch`, from its table of options; options.h. */
+
 #include <string_view>
 
 #include "agent/event_names.h"

@@ -1,3 +1,5 @@
+/* `fmon watch`: options, plan, session. */
+
 #include <unistd.h>
 
 #include <cstdio>

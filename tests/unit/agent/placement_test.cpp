@@ -1,3 +1,5 @@
+/* Tests of placement.h: what is marked and refused, as the monitor reports it. */
+
 #include "agent/placement.h"
 
 #include <cerrno>
