@@ -1,15 +1,13 @@
 #include "latest_hit.h"
 
 #include <algorithm>
-#include <cstring>
 
 namespace kprobe
 {
 
 bool LatestHit::is_same(const Sample &sample) const
 {
-    return tid_ == sample.tid && raw_.size() == sample.raw_size &&
-           memcmp(raw_.data(), sample.raw, sample.raw_size) == 0;
+    return tid_ == sample.tid && std::equal(raw_.begin(), raw_.end(), sample.raw, sample.raw + sample.raw_size);
 }
 
 bool LatestHit::is_again(const Sample &sample)
