@@ -3,7 +3,7 @@
 #include <fcntl.h>
 #include <unistd.h>
 
-#include "verbs.h"
+#include "front/verbs.h"
 
 namespace
 {

@@ -7,7 +7,7 @@
 
 #include "agent/message.h"
 #include "agent/time_format.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "doctor.h"
 #include "orx_base.h"
 #include "output/print.h"

@@ -1,7 +1,7 @@
 /* `fmon dump`: asks a running watch for its state and prints the answer. */
 
 #include "agent/message.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "dump_client.h"
 #include "dump_options.h"
 #include "output/print.h"

@@ -9,7 +9,7 @@
 
 #include "agent/message.h"
 #include "agent/time_format.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "kernel_image.h"
 #include "offsets.h"
 #include "offsets_options.h"

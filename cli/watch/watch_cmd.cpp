@@ -5,7 +5,7 @@
 #include <cstdio>
 
 #include "agent/message.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "options.h"
 #include "session.h"
 

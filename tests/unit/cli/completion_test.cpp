@@ -7,7 +7,7 @@
 #include "cli/doctor/doctor.h"
 #include "cli/dump/dump_options.h"
 #include "cli/offsets/offsets_options.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "cli/watch/option_table.h"
 #include "unit/agent/agent_testing.h"
 

@@ -5,7 +5,7 @@
 #include <gtest/gtest.h>
 
 #include "agent/event_names.h"
-#include "cli/verbs.h"
+#include "cli/front/verbs.h"
 #include "cli/watch/option_table.h"
 #include "orx_fmon.h"
 #include "unit/cli/parse.h"

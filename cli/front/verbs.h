@@ -1,8 +1,8 @@
 /*
  * verbs.h: the verbs of `fmon`, one row each.
  */
-#ifndef CLI_VERBS_H
-#define CLI_VERBS_H
+#ifndef CLI_FRONT_VERBS_H
+#define CLI_FRONT_VERBS_H
 
 #include <cstddef>
 #include <string>
