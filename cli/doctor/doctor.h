@@ -40,14 +40,6 @@ using Checks = std::vector<Check>;
 
 const char *state_name(State state); /* "ok", "warn", "no" */
 
-/* ---- the verb: doctor_cmd.cpp, which has the table of sections ---- */
-
-struct DoctorOptions {
-    bool json = false, help = false;
-};
-bool parse_doctor(int argc, char **argv, DoctorOptions &options, std::string &error);
-std::string doctor_help();
-
 /* ---- the report ---- */
 
 std::string doctor_text(const Checks &checks, bool colours);

@@ -1,7 +1,6 @@
 /* `fmon dump`: asks a running watch for its state and prints the answer. */
 
 #include "agent/message.h"
-#include "cli/front/verbs.h"
 #include "dump_client.h"
 #include "dump_options.h"
 #include "output/print.h"
@@ -47,7 +46,9 @@ pid_t find_only()
     return 0;
 }
 
-int dump(const DumpOptions &options)
+}  // namespace
+
+int run_dump(const DumpOptions &options)
 {
     const pid_t pid = options.pid ? options.pid : find_only();
     if (pid == 0)
@@ -64,19 +65,6 @@ int dump(const DumpOptions &options)
     if (answer.cut)
         agent::complain("the dump is longer than 64 MB and was cut there: ask for a part with --type");
     return output::print_out(answer.text);
-}
-
-}  // namespace
-
-int run_dump(int argc, char **argv)
-{
-    DumpOptions options;
-    std::string error;
-    if (!parse_dump(argc, argv, options, error)) {
-        agent::complain(error);
-        return agent::kError;
-    }
-    return options.help ? output::print_out(dump_help()) : dump(options);
 }
 
 }  // namespace cli

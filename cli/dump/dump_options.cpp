@@ -1,10 +1,6 @@
 #include "dump_options.h"
 
-#include <getopt.h>
-
-#include <charconv>
-#include <cmath>
-#include <cstring>
+#include <limits>
 
 namespace cli
 {
@@ -18,14 +14,6 @@ constexpr char kHead[] =
 Shows the state of the monitor inside a running fmon watch: its instances, watches, known directories and waiting
 events. PID is the process of the watch; without it, the only one that runs is asked. Root may ask all of them, other
 users their own. The watch goes on meanwhile and loses nothing.
-
-Options:
-  -t, --type TYPE         what to show, one of the types below or its number; usual: all
-      --hold S            let events gather in the monitor for S seconds first (at most 60), so that
-                          they are seen; the watch shows them afterwards
-  -h, --help              this text
-
-Types:
 )";
 
 constexpr char kTail[] = R"(
@@ -37,94 +25,64 @@ Examples:
 Status: 0 done; 2 wrong usage, or there is none, or more than one, that could be asked.
 )";
 
-const struct option kLongOptions[] = {{"type", required_argument, nullptr, 't'},
-                                      {"hold", required_argument, nullptr, 'H'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
+std::string type_names() { return names_of(agent::kDumpTypeTable); }
 
-bool take_type(const char *value, DumpOptions &options, std::string &error)
+std::string type_list()
 {
-    if (agent::parse_dump_type(value, options.request.type))
-        return true;
-    std::string names;
-    for (const agent::DumpType &type : agent::kDumpTypeTable)
-        names += std::string(type.name) + (&type == &agent::kDumpTypeTable[agent::kDumpTypes - 1] ? "" : ", ");
-    error = "--type takes " + names + " (or 0 to 7), not '" + value + "'";
-    return false;
-}
-
-bool take_hold(const char *value, DumpOptions &options, std::string &error)
-{
-    double seconds = 0;
-    const char *end = value + strlen(value);
-    const auto [stopped, code] = std::from_chars(value, end, seconds, std::chars_format::fixed);
-    if (code != std::errc() || stopped != end || !(seconds >= 0.001 && seconds * 1000 <= agent::kMaxHoldMs)) {
-        error = std::string("--hold takes seconds from 0.001 to 60, not '") + value + "'";
-        return false;
-    }
-    options.request.hold_ms = static_cast<uint32_t>(std::llround(seconds * 1000));
-    return true;
-}
-
-bool take_pid(const char *value, DumpOptions &options, std::string &error)
-{
-    const char *end = value + strlen(value);
-    const auto [stopped, code] = std::from_chars(value, end, options.pid);
-    if (code == std::errc() && stopped == end && options.pid > 0)
-        return true;
-    error = std::string("PID is the number of a process, not '") + value + "'";
-    return false;
-}
-
-bool take_option(int code, char **argv, DumpOptions &options, std::string &error)
-{
-    switch (code) {
-        case 't':
-            return take_type(optarg, options, error);
-        case 'H':
-            return take_hold(optarg, options, error);
-        case 'h':
-            options.help = true;
-            return true;
-        case ':':
-            error = std::string(optopt == 'H' ? "--hold" : "--type") + " needs a value";
-            return false;
-        default:
-            error = std::string("unknown option '") +
-                    (optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) +
-                    "': see fmon dump --help";
-            return false;
-    }
-}
-
-}  // namespace
-
-bool parse_dump(int argc, char **argv, DumpOptions &options, std::string &error)
-{
-    opterr = 0;
-    optind = 0;  // starts a new scan
-    int code;
-    while ((code = getopt_long(argc, argv, ":t:h", kLongOptions, nullptr)) != -1)
-        if (!take_option(code, argv, options, error))
-            return false;
-    if (options.help || optind == argc)
-        return true;
-    if (argc - optind > 1) {
-        error = "only one PID can be asked at a time";
-        return false;
-    }
-    return take_pid(argv[optind], options, error);
-}
-
-std::string dump_help()
-{
-    std::string text = kHead;
+    std::string text = "\nTypes:\n";
     for (uint32_t i = 0; i < agent::kDumpTypes; i++) {
         std::string line = "  " + std::to_string(i) + "  " + agent::kDumpTypeTable[i].name;
         line.resize(16, ' ');
         text += line + agent::kDumpTypeTable[i].meaning + "\n";
     }
-    return text + kTail;
+    return text;
 }
+
+bool take_type(DumpOptions &options, const Given &given, std::string &error)
+{
+    if (agent::parse_dump_type(given.value, options.request.type))
+        return true;
+    std::string names;
+    for (const agent::DumpType &type : agent::kDumpTypeTable)
+        names += (names.empty() ? "" : ", ") + std::string(type.name);
+    return bad_value(given, names + " (or 0 to 7)", error);
+}
+
+bool take_hold(DumpOptions &options, const Given &given, std::string &error)
+{
+    uint64_t milliseconds;
+    if (!parse_seconds(given.value, 0.001, agent::kMaxHoldMs / 1000.0, milliseconds))
+        return bad_value(given, "seconds from 0.001 to 60", error);
+    options.request.hold_ms = static_cast<uint32_t>(milliseconds);
+    return true;
+}
+
+constexpr OptionRow<DumpOptions> kRows[] = {
+    {{'t', "type", "TYPE", "what to show, one of the types below or its number; usual: all", one_of(type_names),
+      "Options"},
+     take_type},
+    {{0, "hold", "S",
+      "let events gather in the monitor for S seconds first (at most 60), so that\nthey are seen; the watch shows them "
+      "afterwards"},
+     take_hold},
+    {{'h', "help", nullptr, "this text"}, set_flag<DumpOptions, &DumpOptions::help>},
+};
+
+bool take_pid(DumpOptions &options, VerbOf<DumpOptions>::Arguments arguments, std::string &error)
+{
+    uint64_t pid = 0;
+    if (arguments.size() > 1)
+        error = "only one PID can be asked at a time";
+    else if (!arguments.empty() && !parse_number(arguments[0], 1, std::numeric_limits<pid_t>::max(), pid))
+        error = std::string("PID is the number of a process, not '") + arguments[0] + "'";
+    options.pid = static_cast<pid_t>(pid);
+    return error.empty();
+}
+
+}  // namespace
+
+constinit const VerbOf<DumpOptions> kDump({"dump", "show the state of a running watch", kHead, kTail, type_list,
+                                           kWatches, Wording::kShort},
+                                          kRows, take_pid, run_dump);
 
 }  // namespace cli

@@ -6,9 +6,8 @@
 
 #include <sys/types.h>
 
-#include <string>
-
 #include "agent/dump_protocol.h"
+#include "cli/front/verb.h"
 
 namespace cli
 {
@@ -19,10 +18,9 @@ struct DumpOptions {
     bool help = false;
 };
 
-/* Reads the arguments after the verb (argv[0] is the verb). False: `error` is one line for the user. */
-bool parse_dump(int argc, char **argv, DumpOptions &options, std::string &error);
+extern const VerbOf<DumpOptions> kDump;
 
-std::string dump_help();
+int run_dump(const DumpOptions &options);
 
 }  // namespace cli
 

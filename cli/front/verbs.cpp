@@ -1,78 +1,92 @@
 #include "verbs.h"
 
-#include <cstdio>
-
-#include "agent/message.h"
+#include "cli/doctor/doctor_options.h"
+#include "cli/dump/dump_options.h"
+#include "cli/offsets/offsets_options.h"
+#include "cli/watch/options.h"
 
 namespace cli
 {
 
-const Verb kVerbTable[kVerbs] = {
-    {"watch", "show what happens to files, and who did it", run_watch},
-    {"dump", "show the state of a running watch", run_dump},
-    {"doctor", "show what works on this machine, and how to mend the rest", run_doctor},
-    {"offsets", "show the section of fmon.ini for a kernel", run_offsets},
-};
-
 namespace
 {
 
-bool print(const std::string &text) { return fputs(text.c_str(), stdout) >= 0 && fflush(stdout) == 0; }
+constexpr const Verb *kVerbs[] = {
+    &kWatch,
+    &kDump,
+    &kDoctor,
+    &kOffsets,
+};
 
-int show(const std::string &text) { return print(text) ? agent::kDone : agent::kError; }
+constexpr size_t kVerbColumn = 12, kOptionColumn = 17;
+
+constexpr Option kHelp = {'h', "help", nullptr, "this text; fmon VERB --help explains a verb", {}, "Options"};
+constexpr Option kVersion = {'V', "version", nullptr, "the version"};
+
+constexpr char kHead[] = R"(Usage: fmon VERB [OPTION]... [ARGUMENT]...
+
+Monitors files on Linux.
+
+Verbs:
+)";
+
+constexpr char kTail[] = R"(
+Examples:
+  fmon watch -r /etc                   changes below /etc, until Ctrl-C
+  fmon watch --format json -r /data    the same as one JSON object a line
+  fmon dump                            what the running watch watches, and what waits in it
+  fmon doctor                          what works here, and what does not
+)";
+
+bool is_option(std::string_view word, const Option &option)
+{
+    return word == std::string("--") + option.name || word == std::string("-") + option.letter;
+}
+
+int refuse(std::string_view verb)
+{
+    agent::complain(verb.empty() ? "a verb is missing, such as watch: see fmon --help"
+                                 : "unknown verb '" + std::string(verb) + "': see fmon --help");
+    return agent::kError;
+}
 
 }  // namespace
 
+std::span<const Verb *const> verbs() { return kVerbs; }
+
 const Verb *find_verb(std::string_view name)
 {
-    for (const Verb &verb : kVerbTable)
-        if (name == verb.name)
-            return &verb;
+    for (const Verb *verb : kVerbs)
+        if (name == verb->text().name)
+            return verb;
     return nullptr;
 }
 
+std::vector<Option> main_options() { return {kHelp, kVersion}; }
+
 std::string main_help()
 {
-    std::string text = "Usage: fmon VERB [OPTION]... [ARGUMENT]...\n\nMonitors files on Linux.\n\nVerbs:\n";
-    for (const Verb &verb : kVerbTable) {
-        std::string line = "  " + std::string(verb.name);
-        line.resize(12, ' ');
-        text += line + verb.meaning + "\n";
+    std::string text = kHead;
+    for (const Verb *verb : kVerbs) {
+        std::string line = "  " + std::string(verb->text().name);
+        line.resize(kVerbColumn, ' ');
+        text += line + verb->text().meaning + "\n";
     }
-    return text +
-           "\nOptions:\n"
-           "  -h, --help     this text; fmon VERB --help explains a verb\n"
-           "  -V, --version  the version\n"
-           "\nExamples:\n"
-           "  fmon watch -r /etc                   changes below /etc, until Ctrl-C\n"
-           "  fmon watch --format json -r /data    the same as one JSON object a line\n"
-           "  fmon dump                            what the running watch watches, and what waits in it\n"
-           "  fmon doctor                          what works here, and what does not\n";
+    return text + option_lines(main_options(), kOptionColumn) + kTail;
 }
 
 int run_command(int argc, char **argv)
 {
     agent::end_in_a_sentence();
     const std::string_view first = argc > 1 ? argv[1] : "";
-    if (first == "--help" || first == "-h")
-        return show(main_help());
-    if (first == "--version" || first == "-V")
-        return show("fmon " FMON_VERSION "\n");
-    if (first == "help" && argc == 2)
-        return show(main_help());
-    if (first == "help") {
-        char option[] = "--help";
-        char *arguments[] = {argv[2], option, nullptr};
-        const Verb *verb = find_verb(argv[2]);
-        if (verb)
-            return verb->run(2, arguments);
-    }
+    if (is_option(first, kHelp) || (first == "help" && argc == 2))
+        return output::print_out(main_help());
+    if (is_option(first, kVersion))
+        return output::print_out("fmon " FMON_VERSION "\n");
+    if (const Verb *explained = first == "help" ? find_verb(argv[2]) : nullptr)
+        return output::print_out(explained->help());
     const Verb *verb = find_verb(first);
-    if (verb)
-        return verb->run(argc - 1, argv + 1);
-    agent::complain(first.empty() ? "a verb is missing, such as watch: see fmon --help"
-                                  : "unknown verb '" + std::string(first) + "': see fmon --help");
-    return agent::kError;
+    return verb ? verb->run(argc - 1, argv + 1) : refuse(first);
 }
 
 }  // namespace cli

@@ -1,35 +1,29 @@
 /*
- * verbs.h: the verbs of `fmon`, one row each.
+ * verbs.h: the verbs of `fmon`, and `fmon` itself.
  */
 #ifndef CLI_FRONT_VERBS_H
 #define CLI_FRONT_VERBS_H
 
-#include <cstddef>
+#include <span>
 #include <string>
 #include <string_view>
+#include <vector>
+
+#include "verb.h"
 
 namespace cli
 {
 
-struct Verb {
-    const char *name;
-    const char *meaning;               /* for the help text */
-    int (*run)(int argc, char **argv); /* argv[0] is the verb; returns the exit status */
-};
-
-inline constexpr size_t kVerbs = 4;
-extern const Verb kVerbTable[kVerbs];
-
+/* In the order of the help text. */
+std::span<const Verb *const> verbs();
 const Verb *find_verb(std::string_view name);
+
+/* `fmon --help`, and the options that `fmon` has without a verb. */
 std::string main_help();
+std::vector<Option> main_options();
 
-/* `fmon` with its arguments. */
+/* `fmon` with its arguments. Returns the exit status. */
 int run_command(int argc, char **argv);
-
-int run_watch(int argc, char **argv);
-int run_dump(int argc, char **argv);
-int run_doctor(int argc, char **argv);
-int run_offsets(int argc, char **argv);
 
 }  // namespace cli
 

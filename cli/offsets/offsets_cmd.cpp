@@ -9,7 +9,6 @@
 
 #include "agent/message.h"
 #include "agent/time_format.h"
-#include "cli/front/verbs.h"
 #include "kernel_image.h"
 #include "offsets.h"
 #include "offsets_options.h"
@@ -109,7 +108,9 @@ std::string as_json(const Answer &answer)
     return std::string(line.GetString()) + "\n";
 }
 
-int offsets(const OffsetsOptions &options)
+}  // namespace
+
+int run_offsets(const OffsetsOptions &options)
 {
     Answer answer;
     std::string error;
@@ -121,19 +122,6 @@ int offsets(const OffsetsOptions &options)
     }
     agent::complain(error);
     return agent::kError;
-}
-
-}  // namespace
-
-int run_offsets(int argc, char **argv)
-{
-    OffsetsOptions options;
-    std::string error;
-    if (!parse_offsets(argc, argv, options, error)) {
-        agent::complain(error);
-        return agent::kError;
-    }
-    return options.help ? output::print_out(offsets_help()) : offsets(options);
 }
 
 }  // namespace cli

@@ -1,28 +1,22 @@
 #include "offsets_options.h"
 
-#include <getopt.h>
-
-#include <string_view>
-
 namespace cli
 {
 
 namespace
 {
 
-constexpr char kHelp[] =
+using O = OffsetsOptions;
+
+constexpr char kHead[] =
     R"(Usage: fmon offsets [OPTION]... [FILE]
 
 Prints the section of fmon.ini for a kernel: where its structures keep what kernel probes need to know a file's mount.
 FILE is a kernel: a vmlinuz of a PC, a vmlinux, or a file of its types' description alone (BTF); without it, the kernel
 that runs is asked. The kernel must have been built with BTF. Needs no rights, and changes nothing.
+)";
 
-Options:
-      --release TEXT      the kernel's release, as uname -r tells it, instead of the one that the kernel
-                          names; a file of BTF alone names none
-  -f, --format FORM       text: as it is written in fmon.ini (usual); json: one object
-  -h, --help              this text
-
+constexpr char kTail[] = R"(
 Examples:
   fmon offsets                                   of the kernel that runs
   fmon offsets >> /etc/fmon/fmon.ini             the same, into the configuration
@@ -32,64 +26,43 @@ Examples:
 Status: 0 done; 2 wrong usage, or the kernel does not tell.
 )";
 
-const struct option kLongOptions[] = {{"release", required_argument, nullptr, 'R'},
-                                      {"format", required_argument, nullptr, 'f'},
-                                      {"help", no_argument, nullptr, 'h'},
-                                      {nullptr, 0, nullptr, 0}};
-
-bool take_format(std::string_view value, OffsetsOptions &options, std::string &error)
+// An empty text is the kernel's own release.
+bool take_release(O &options, const Given &given, std::string &)
 {
-    options.json = value == "json";
-    if (options.json || value == "text")
-        return true;
-    error = "--format takes text or json, not '" + std::string(value) + "'";
-    return false;
+    options.release = given.value;
+    return true;
 }
 
-bool take_option(int code, char **argv, OffsetsOptions &options, std::string &error)
+constexpr OptionRow<O> kRows[] = {
+    {{0,
+      "release",
+      "TEXT",
+      "the kernel's release, as uname -r tells it, instead of the one that the kernel\nnames; a file of BTF alone "
+      "names "
+      "none",
+      {},
+      "Options"},
+     take_release},
+    {{'f', "format", "FORM", "text: as it is written in fmon.ini (usual); json: one object", one_of("text json")},
+     set_choice<O, &O::json>},
+    {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},
+};
+
+bool take_file(O &options, VerbOf<O>::Arguments arguments, std::string &error)
 {
-    switch (code) {
-        case 'R':
-            options.release = optarg;
-            return true;
-        case 'f':
-            return take_format(optarg, options, error);
-        case 'h':
-            options.help = true;
-            return true;
-        case ':':
-            error = std::string(optopt == 'R' ? "--release" : "--format") + " needs a value";
-            return false;
-        default:
-            error = std::string("unknown option '") +
-                    (optopt ? std::string("-") + static_cast<char>(optopt) : std::string(argv[optind - 1])) +
-                    "': see fmon offsets --help";
-            return false;
-    }
+    if (arguments.size() > 1)
+        error = "only one FILE can be read at a time";
+    else if (!arguments.empty() && !*arguments[0])
+        error = "the name of FILE is empty";
+    else if (!arguments.empty())
+        options.file = arguments[0];
+    return error.empty();
 }
 
 }  // namespace
 
-bool parse_offsets(int argc, char **argv, OffsetsOptions &options, std::string &error)
-{
-    opterr = 0;
-    optind = 0;  // starts a new scan
-    int code;
-    while ((code = getopt_long(argc, argv, ":f:h", kLongOptions, nullptr)) != -1)
-        if (!take_option(code, argv, options, error))
-            return false;
-    if (options.help || optind == argc)
-        return true;
-    if (argc - optind > 1) {
-        error = "only one FILE can be read at a time";
-        return false;
-    }
-    options.file = argv[optind];
-    if (options.file.empty())
-        error = "the name of FILE is empty";
-    return error.empty();
-}
-
-std::string offsets_help() { return kHelp; }
+constinit const VerbOf<O> kOffsets({"offsets", "show the section of fmon.ini for a kernel", kHead, kTail, nullptr,
+                                    kFiles, Wording::kShort},
+                                   kRows, take_file, run_offsets);
 
 }  // namespace cli

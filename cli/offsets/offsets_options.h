@@ -6,6 +6,8 @@
 
 #include <string>
 
+#include "cli/front/verb.h"
+
 namespace cli
 {
 
@@ -15,10 +17,9 @@ struct OffsetsOptions {
     bool json = false, help = false;
 };
 
-/* Reads the arguments after the verb (argv[0] is the verb). False: `error` is one line for the user. */
-bool parse_offsets(int argc, char **argv, OffsetsOptions &options, std::string &error);
+extern const VerbOf<OffsetsOptions> kOffsets;
 
-std::string offsets_help();
+int run_offsets(const OffsetsOptions &options);
 
 }  // namespace cli
 

@@ -1,6 +1,6 @@
-#include "option_table.h"
-
 #include "agent/event_names.h"
+#include "option_values.h"
+#include "options.h"
 
 namespace cli
 {
@@ -10,97 +10,113 @@ namespace
 
 using O = WatchOptions;
 
-bool output(O &o, const char *value, std::string &error) { return take::text(o.output, "--output", value, error); }
+constexpr char kHead[] =
+    R"(Usage: fmon watch [OPTION]... PATH...
+       fmon watch --system [OPTION]...
 
-bool exec(O &o, const char *value, std::string &error) { return take::text(o.exec, "--exec", value, error); }
+Shows what happens to files: a PATH that is a directory is watched with its entries, a file as a file. One "*" in
+PATH (quoted) makes it a pattern; what matches later is watched, too.
+)";
 
-bool include(O &o, const char *value, std::string &)
-{
-    o.include.emplace_back(value);
-    return true;
-}
+constexpr char kTail[] = R"(
+Examples:
+  fmon watch -r /etc                                changes below /etc, as they happen
+  fmon watch -r --pid -e modify,close_write /srv    who writes below /srv (root)
+  fmon watch -r --format json /data | jq .path      one JSON object a line
+  fmon watch --wait /var/log/app.log                a file that comes and goes
+  fmon watch -q -n 1 -e create --include '/ready$' /run     wait until a file is made
+  fmon watch --exec 'make -s' -e close_write src    run a command after each save
+  fmon watch '/home/*/.ssh'                         every user's, also those to come
 
-bool exclude(O &o, const char *value, std::string &)
-{
-    o.exclude.emplace_back(value);
-    return true;
-}
+Status: 0 done (Ctrl-C, -n reached, or the reader has gone); 1 nothing shown within -t; 2 wrong usage, or a PATH could
+not be watched: nothing is watched then, unless --keep-going is given and something could be; 3 no watched PATH is
+left. A directory below PATH that may not be read is named on stderr and left out; a limit that is reached
+(watches, marks, --set max_dentries) counts as a PATH that could not be watched.
 
-bool verbose(O &o, const char *, std::string &)
-{
-    o.log_level = 4;
-    o.log_to_stderr = true;
-    return true;
-}
+Without root the kernel does not tell which process caused an event.
+)";
 
-bool help(O &o, const char *, std::string &)
-{
-    o.answer = Answer::kHelp;
-    return true;
-}
+std::string event_names() { return names_of(agent::kEventTable); }
+
+constexpr OptionRow<O> kRows[] = {
+    {{'r',
+      "recursive",
+      nullptr,
+      "with all directories below, new and renamed ones included;\nwithout it a directory is watched with its own "
+      "entries",
+      {},
+      "What is watched"},
+     set_flag<O, &O::recursive>},
+    {{'e', "events", "LIST",
+      "kinds of events, separated by commas; -e help lists them.\nUsual: create,delete,modify,close_write,moved_from,"
+      "moved_to,\nattrib,delete_self,move_self; with --mount modify,close_write",
+      list_of(event_names)},
+     take::events},
+    {{0, "pid", nullptr,
+      "insist that the process of every open, access, modify and\nclose is named (root); without it, it is where the "
+      "kernel tells"},
+     set_flag<O, &O::pid>},
+    {{0, "mount", nullptr,
+      "watch the mount of PATH with one mark instead of one for each\ndirectory; -r adds the mounts below PATH. Only "
+      "open, access,\nmodify and the closes; root"},
+     set_flag<O, &O::mount>},
+    {{0, "delay", nullptr,
+      "hold access and modify back until the file is closed and show\neach once; a close is shown only after one of "
+      "them"},
+     set_flag<O, &O::delay>},
+    {{0, "sync", nullptr, "follow renamed and new directories (part of -r)"}, set_flag<O, &O::sync>},
+    {{0, "wait", nullptr, "PATH may be missing: wait for it, and again when it goes"}, set_flag<O, &O::wait>},
+    {{0, "max-depth", "N", "with -r: directories down to N levels below PATH"},
+     set_number<O, &O::max_depth, 1, 65535>},  // the monitor keeps 16 bits
+    {{0, "max-subdirs", "N", "with -r: refuse a PATH with more than N directories below it"},
+     set_number<O, &O::max_subdirs, 1, 0x7fffffff>},
+    {{0, "system", nullptr,
+      "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (kernel-probe "
+      "library; root)"},
+     set_flag<O, &O::system>},
+    {{0, "include", "REGEX", "show only paths that match (extended, may be repeated)", {}, "What is shown"},
+     add_text<O, &O::include>},
+    {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
+    {{'f', "format", "FORM",
+      "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %t "
+      "time, %% a percent\nsign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
+      one_of("text json csv")},
+     take::format},
+    {{'0', "null", nullptr, "end records with a NUL instead of a newline"}, set_flag<O, &O::null_end>},
+    {{'o', "output", "FILE", "write to FILE instead of stdout; what it held is replaced\nwhen all watches are in place",
+      kFiles},
+     set_text<O, &O::output>},
+    {{0, "append", nullptr, "with -o: go on behind what FILE holds"}, set_flag<O, &O::append>},
+    {{'q', "quiet", nullptr, "no notes on stderr, only errors and losses"}, set_flag<O, &O::quiet>},
+    {{0,
+      "exec",
+      "COMMAND",
+      "run a shell command for each event, one at a time, with\nFMON_EVENTS, FMON_PATH and FMON_PID in its "
+      "environment;\none that fails is told",
+      {},
+      "What happens then"},
+     set_text<O, &O::exec>},
+    {{'n', "count", "N", "end after N events"}, take::count},
+    {{'t', "timeout", "S", "end with status 1 when nothing is shown for S seconds"}, take::timeout},
+    {{'k', "keep-going", nullptr,
+      "go on with the other paths when one cannot be watched, and with\na part of a tree when a limit is reached"},
+     set_flag<O, &O::keep_going>},
+    {{0, "set", "KEY=N",
+      "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, "
+      "rate_log,\nhardened",
+      one_of(take::setting_words), "The monitor"},
+     take::setting},
+    {{0, "probes", "WHEN", "use kernel probes: auto, on or off", one_of("auto on off")}, set_choice<O, &O::probes>},
+    {{0, "log", "WHERE", "the monitor's own log: file (usual) or stderr", one_of("file stderr")},
+     set_choice<O, &O::log_to_stderr>},
+    {{0, "log-level", "N", "2 warnings, 3 information, 4 everything; usual: 2", one_of("2 3 4")}, take::log_level},
+    {{'v', "verbose", nullptr, "as --log stderr --log-level 4"}, take::verbose},
+    {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},
+};
 
 }  // namespace
 
-const OptionRow kOptionTable[kOptionRows] = {
-    {'r', "recursive", nullptr, &O::recursive, nullptr,
-     "with all directories below, new and renamed ones included;\nwithout it a directory is watched with its own "
-     "entries",
-     "What is watched"},
-    {'e', "events", "LIST", nullptr, take::events,
-     "kinds of events, separated by commas; -e help lists them.\nUsual: create,delete,modify,close_write,moved_from,"
-     "moved_to,\nattrib,delete_self,move_self; with --mount modify,close_write",
-     nullptr},
-    {0, "pid", nullptr, &O::pid, nullptr,
-     "insist that the process of every open, access, modify and\nclose is named (root); without it, it is where the "
-     "kernel tells",
-     nullptr},
-    {0, "mount", nullptr, &O::mount, nullptr,
-     "watch the mount of PATH with one mark instead of one for each\ndirectory; -r adds the mounts below PATH. Only "
-     "open, access,\nmodify and the closes; root",
-     nullptr},
-    {0, "delay", nullptr, &O::delay, nullptr,
-     "hold access and modify back until the file is closed and show\neach once; a close is shown only after one of "
-     "them",
-     nullptr},
-    {0, "sync", nullptr, &O::sync, nullptr, "follow renamed and new directories (part of -r)", nullptr},
-    {0, "wait", nullptr, &O::wait, nullptr, "PATH may be missing: wait for it, and again when it goes", nullptr},
-    {0, "max-depth", "N", nullptr, take::max_depth, "with -r: directories down to N levels below PATH", nullptr},
-    {0, "max-subdirs", "N", nullptr, take::max_subdirs, "with -r: refuse a PATH with more than N directories below it",
-     nullptr},
-    {0, "system", nullptr, &O::system, nullptr,
-     "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (kernel-probe "
-     "library; root)",
-     nullptr},
-    {0, "include", "REGEX", nullptr, include, "show only paths that match (extended, may be repeated)",
-     "What is shown"},
-    {0, "exclude", "REGEX", nullptr, exclude, "hide paths that match (extended, may be repeated)", nullptr},
-    {'f', "format", "FORM", nullptr, take::format,
-     "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %t "
-     "time, %% a percent\nsign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
-     nullptr},
-    {'0', "null", nullptr, &O::null_end, nullptr, "end records with a NUL instead of a newline", nullptr},
-    {'o', "output", "FILE", nullptr, output,
-     "write to FILE instead of stdout; what it held is replaced\nwhen all watches are in place", nullptr},
-    {0, "append", nullptr, &O::append, nullptr, "with -o: go on behind what FILE holds", nullptr},
-    {'q', "quiet", nullptr, &O::quiet, nullptr, "no notes on stderr, only errors and losses", nullptr},
-    {0, "exec", "COMMAND", nullptr, exec,
-     "run a shell command for each event, one at a time, with\nFMON_EVENTS, FMON_PATH and FMON_PID in its "
-     "environment;\none that fails is told",
-     "What happens then"},
-    {'n', "count", "N", nullptr, take::count, "end after N events", nullptr},
-    {'t', "timeout", "S", nullptr, take::timeout, "end with status 1 when nothing is shown for S seconds", nullptr},
-    {'k', "keep-going", nullptr, &O::keep_going, nullptr,
-     "go on with the other paths when one cannot be watched, and with\na part of a tree when a limit is reached",
-     nullptr},
-    {0, "set", "KEY=N", nullptr, take::set,
-     "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, "
-     "rate_log,\nhardened",
-     "The monitor"},
-    {0, "probes", "WHEN", nullptr, take::probes, "use kernel probes: auto, on or off", nullptr},
-    {0, "log", "WHERE", nullptr, take::log, "the monitor's own log: file (usual) or stderr", nullptr},
-    {0, "log-level", "N", nullptr, take::log_level, "2 warnings, 3 information, 4 everything; usual: 2", nullptr},
-    {'v', "verbose", nullptr, nullptr, verbose, "as --log stderr --log-level 4", nullptr},
-    {'h', "help", nullptr, nullptr, help, "this text", nullptr},
-};
+constinit const VerbOf<O> kWatch({"watch", "show what happens to files, and who did it", kHead, kTail, nullptr, kFiles},
+                                 kRows, take::paths, run_watch);
 
 }  // namespace cli

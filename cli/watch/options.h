@@ -7,23 +7,23 @@
 #include <string>
 
 #include "agent/request.h"
+#include "cli/front/verb.h"
 #include "output/output_options.h"
 
 namespace cli
 {
 
-enum class Answer { kNone, kHelp, kEventList }; /* something to print instead of watching */
-
 struct WatchOptions : agent::Request, output::OutputOptions {
-    Answer answer = Answer::kNone;
+    bool help = false;
+    bool list_events = false; /* print event_list() instead of watching */
     bool all_events = false;
 };
 
-/* Reads the arguments after the verb (argv[0] is the verb). False: `error` is one line for the user. */
-bool parse_watch(int argc, char **argv, WatchOptions &options, std::string &error);
+extern const VerbOf<WatchOptions> kWatch;
 
-/* `fmon watch --help` and the list that `-e help` prints. */
-std::string watch_help();
+int run_watch(const WatchOptions &options);
+
+/* What `-e help` prints. */
 std::string event_list();
 
 }  // namespace cli

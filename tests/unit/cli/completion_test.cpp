@@ -4,11 +4,11 @@
 
 #include "agent/event_names.h"
 #include "agent/settings.h"
-#include "cli/doctor/doctor.h"
+#include "cli/doctor/doctor_options.h"
 #include "cli/dump/dump_options.h"
 #include "cli/offsets/offsets_options.h"
 #include "cli/front/verbs.h"
-#include "cli/watch/option_table.h"
+#include "cli/watch/options.h"
 #include "unit/agent/agent_testing.h"
 
 namespace
@@ -30,10 +30,10 @@ protected:
     Completion()
     {
         folder.file("main", cli::main_help());
-        folder.file("watch", cli::watch_help());
-        folder.file("dump", cli::dump_help());
-        folder.file("doctor", cli::doctor_help());
-        folder.file("offsets", cli::offsets_help());
+        folder.file("watch", cli::kWatch.help());
+        folder.file("dump", cli::kDump.help());
+        folder.file("doctor", cli::kDoctor.help());
+        folder.file("offsets", cli::kOffsets.help());
         folder.file("events", cli::event_list());
         folder.file("script",
                     "source " + in_source("packaging/completion/fmon").string() +
@@ -68,8 +68,8 @@ protected:
 TEST_F(Completion, Verbs)
 {
     std::string all;
-    for (const cli::Verb &verb : cli::kVerbTable)
-        all += std::string(verb.name) + " ";
+    for (const cli::Verb *verb : cli::verbs())
+        all += std::string(verb->text().name) + " ";
     EXPECT_EQ(replies("fmon ''"), all + "help");
     EXPECT_EQ("watch", replies("fmon wat"));
     EXPECT_EQ("watch", replies("fmon help wat"));
@@ -79,7 +79,7 @@ TEST_F(Completion, Verbs)
 TEST_F(Completion, EveryOptionOfWatch)
 {
     std::string all;
-    for (const cli::OptionRow &row : cli::kOptionTable)
+    for (const cli::Option &row : cli::kWatch.options())
         all += (all.empty() ? "--" : " --") + std::string(row.name);
     EXPECT_EQ(replies("fmon watch --"), all);
     EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));
@@ -137,7 +137,7 @@ TEST_F(Completion, Files)
 TEST(CliManual, NamesEveryOptionAndEvent)
 {
     const std::string page = content(in_source("docs/fmon-watch.1"));
-    for (const cli::OptionRow &row : cli::kOptionTable) {
+    for (const cli::Option &row : cli::kWatch.options()) {
         EXPECT_NE(page.find(std::string("Fl Fl ") + row.name), std::string::npos) << row.name;
         if (row.letter) {
             EXPECT_NE(page.find(std::string(".It Fl ") + row.letter + " ,"), std::string::npos) << row.name;
@@ -170,6 +170,6 @@ TEST(CliManual, OfDoctorAndOffsetsNamesEveryOption)
 TEST(CliManual, NamesEveryVerb)
 {
     const std::string page = content(in_source("docs/fmon.1"));
-    for (const cli::Verb &verb : cli::kVerbTable)
-        EXPECT_NE(page.find(std::string(".It Cm ") + verb.name + "\n"), std::string::npos) << verb.name;
+    for (const cli::Verb *verb : cli::verbs())
+        EXPECT_NE(page.find(std::string(".It Cm ") + verb->text().name + "\n"), std::string::npos) << verb->text().name;
 }

@@ -9,7 +9,9 @@
 #include "agent/marks.h"
 #include "agent/message.h"
 #include "cli/doctor/doctor.h"
+#include "cli/doctor/doctor_options.h"
 #include "unit/agent/agent_testing.h"
+#include "unit/cli/parse.h"
 
 using namespace agent;
 using namespace cli;
@@ -476,15 +478,10 @@ TEST(CliDoctorReport, Status)
 TEST(CliDoctorReport, Arguments)
 {
     const auto parse = [](std::vector<std::string> arguments, DoctorOptions &options) {
-        arguments.insert(arguments.begin(), "doctor");
-        std::vector<char *> argv;
-        for (std::string &argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
-        std::string error;
-        const bool ok = parse_doctor(static_cast<int>(arguments.size()), argv.data(), options, error);
-        EXPECT_EQ(ok, error.empty());
-        return error;
+        const auto parsed = cli_testing::parse(kDoctor, std::move(arguments), options);
+        EXPECT_EQ(parsed.ok, parsed.error.empty());
+        options = parsed.options;
+        return parsed.error;
     };
     DoctorOptions options;
     EXPECT_EQ("", parse({}, options));

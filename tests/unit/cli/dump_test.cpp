@@ -20,6 +20,7 @@
 #include "orx_fmon.h"
 #include "testlib/count.h"
 #include "unit/agent/agent_testing.h"
+#include "unit/cli/parse.h"
 
 using namespace agent;
 using namespace cli;
@@ -29,18 +30,13 @@ namespace
 
 DumpOptions given(std::vector<std::string> arguments, bool ok, std::string *error = nullptr)
 {
-    DumpOptions options;
-    std::string complaint;
-    std::vector<char *> argv = {const_cast<char *>("dump")};
-    for (std::string &argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    EXPECT_EQ(parse_dump(static_cast<int>(argv.size()) - 1, argv.data(), options, complaint), ok) << complaint;
-    EXPECT_EQ(complaint.empty(), ok);
-    EXPECT_EQ(complaint.find('\n'), std::string::npos);
+    const auto parsed = cli_testing::parse(kDump, std::move(arguments));
+    EXPECT_EQ(parsed.ok, ok) << parsed.error;
+    EXPECT_EQ(parsed.error.empty(), ok);
+    EXPECT_EQ(parsed.error.find('\n'), std::string::npos);
     if (error)
-        *error = complaint;
-    return options;
+        *error = parsed.error;
+    return parsed.options;
 }
 
 std::string complaint(const std::vector<std::string> &arguments)
@@ -144,7 +140,7 @@ TEST(CliDumpOptions, TypesByNameAndNumber)
     for (uint32_t i = 0; i < kDumpTypes; i++) {
         EXPECT_EQ(given({"-t", names[i]}, true).request.type, i);
         EXPECT_EQ(given({"--type=" + std::to_string(i)}, true).request.type, i);
-        EXPECT_NE(dump_help().find("  " + std::to_string(i) + "  " + names[i] + " "), std::string::npos);
+        EXPECT_NE(kDump.help().find("  " + std::to_string(i) + "  " + names[i] + " "), std::string::npos);
     }
     for (const char *bad : {"8", "", "Events", "-1", "0x1", "01", "4294967296"})
         EXPECT_NE(complaint({"-t", bad})

@@ -11,6 +11,7 @@
 #include "cli/offsets/offsets_options.h"
 #include "kernel_blobs.h"
 #include "unit/agent/agent_testing.h"
+#include "unit/cli/parse.h"
 
 using namespace agent;
 using namespace cli;
@@ -61,21 +62,9 @@ bool offsets_of(const std::string &btf, Offsets &out, std::string &machine)
     return found;
 }
 
-struct Parsed {
-    bool ok;
-    OffsetsOptions options;
-    std::string error;
-};
-Parsed parse_arguments(std::vector<std::string> arguments)
+cli_testing::Parsed<OffsetsOptions> parse_arguments(std::vector<std::string> arguments)
 {
-    Parsed parsed = {};
-    arguments.insert(arguments.begin(), "offsets");
-    std::vector<char *> argv;
-    for (std::string &argument : arguments)
-        argv.push_back(argument.data());
-    argv.push_back(nullptr);
-    parsed.ok = parse_offsets(static_cast<int>(arguments.size()), argv.data(), parsed.options, parsed.error);
-    return parsed;
+    return cli_testing::parse(kOffsets, std::move(arguments));
 }
 
 }  // namespace
@@ -356,7 +345,7 @@ TEST(CliOffsets, Arguments)
 {
     EXPECT_TRUE(parse_arguments({}).ok);
     EXPECT_EQ("", parse_arguments({}).options.file);
-    const Parsed all = parse_arguments({"--release", "6.1.0-1", "-f", "json", "kernel"});
+    const auto all = parse_arguments({"--release", "6.1.0-1", "-f", "json", "kernel"});
     EXPECT_TRUE(all.ok);
     EXPECT_EQ("6.1.0-1", all.options.release);
     EXPECT_EQ("kernel", all.options.file);

@@ -6,7 +6,6 @@
 
 #include "agent/event_names.h"
 #include "cli/front/verbs.h"
-#include "cli/watch/option_table.h"
 #include "orx_fmon.h"
 #include "unit/cli/parse.h"
 
@@ -181,14 +180,15 @@ TEST(CliOptions, APercentSignMakesATemplate)
 
 TEST(CliOptions, HelpWantsNoPath)
 {
-    EXPECT_EQ(cli::Answer::kHelp, parse({"--help"}).options.answer);
-    EXPECT_EQ(cli::Answer::kEventList, parse({"-e", "help"}).options.answer);
+    const auto help = parse({"--help"}), events = parse({"-e", "help"});
+    EXPECT_TRUE(help.ok && help.options.help && !help.options.list_events);
+    EXPECT_TRUE(events.ok && events.options.list_events && !events.options.help);
 }
 
 TEST(CliOptions, HelpNamesEveryOptionAndFitsTheScreen)
 {
-    const std::string help = cli::watch_help();
-    for (const cli::OptionRow &row : cli::kOptionTable)
+    const std::string help = cli::kWatch.help();
+    for (const cli::Option &row : cli::kWatch.options())
         EXPECT_NE(help.find(std::string("--") + row.name), std::string::npos) << row.name;
     std::istringstream lines(help);
     for (std::string line; std::getline(lines, line);)
@@ -199,8 +199,9 @@ TEST(CliOptions, HelpNamesEveryOptionAndFitsTheScreen)
 
 TEST(CliOptions, LettersAndNamesAreUnique)
 {
-    for (const cli::OptionRow &a : cli::kOptionTable)
-        for (const cli::OptionRow &b : cli::kOptionTable) {
+    const std::vector<cli::Option> options = cli::kWatch.options();
+    for (const cli::Option &a : options)
+        for (const cli::Option &b : options) {
             EXPECT_TRUE(&a == &b || a.letter == 0 || a.letter != b.letter) << a.name;
             EXPECT_TRUE(&a == &b || std::string(a.name) != b.name) << a.name;
         }
@@ -208,9 +209,9 @@ TEST(CliOptions, LettersAndNamesAreUnique)
 
 TEST(CliVerbs, TableIsFoundBothWays)
 {
-    for (const cli::Verb &verb : cli::kVerbTable) {
-        EXPECT_EQ(cli::find_verb(verb.name), &verb);
-        EXPECT_NE(cli::main_help().find(verb.name), std::string::npos);
+    for (const cli::Verb *verb : cli::verbs()) {
+        EXPECT_EQ(cli::find_verb(verb->text().name), verb);
+        EXPECT_NE(cli::main_help().find(verb->text().name), std::string::npos);
     }
     EXPECT_EQ(nullptr, cli::find_verb(""));
     EXPECT_EQ(nullptr, cli::find_verb("watc"));

@@ -1,8 +1,10 @@
 /*
- * parse.h: arguments of `fmon watch`, read as the command reads them.
+ * parse.h: command lines of verbs, read as the program reads them.
  */
-#ifndef UNIT_CLI_PARSE_H
-#define UNIT_CLI_PARSE_H
+#ifndef PARSE_H
+#define PARSE_H
+
+#include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
@@ -12,23 +14,47 @@
 namespace cli_testing
 {
 
+/* Strings as main gets them. */
+class Argv
+{
+public:
+    Argv(const char *verb, std::vector<std::string> arguments) : words_(std::move(arguments))
+    {
+        words_.insert(words_.begin(), verb);
+        for (std::string &word : words_)
+            pointers_.push_back(word.data());
+        pointers_.push_back(nullptr);
+    }
+
+    int count() const { return static_cast<int>(words_.size()); }
+    char **words() { return pointers_.data(); }
+
+private:
+    std::vector<std::string> words_;
+    std::vector<char *> pointers_;
+};
+
+template <typename O>
 struct Parsed {
     bool ok;
-    cli::WatchOptions options;
+    O options;
     std::string error;
 };
 
-/* `fmon watch` with these arguments. */
-inline Parsed parse(std::vector<std::string> arguments)
+/* `options` is what they are before. */
+template <typename O>
+Parsed<O> parse(const cli::VerbOf<O> &verb, std::vector<std::string> arguments, const O &options = {})
 {
-    Parsed parsed = {};
-    std::vector<char *> argv = {const_cast<char *>("watch")};
-    for (std::string &argument : arguments)
-        argv.push_back(argument.data());
-    const int argc = static_cast<int>(argv.size());
-    argv.push_back(nullptr);
-    parsed.ok = cli::parse_watch(argc, argv.data(), parsed.options, parsed.error);
+    Parsed<O> parsed = {false, options, ""};
+    Argv argv(verb.text().name, std::move(arguments));
+    parsed.ok = verb.parse(argv.count(), argv.words(), parsed.options, parsed.error);
     return parsed;
+}
+
+/* `fmon watch` with these arguments. */
+inline Parsed<cli::WatchOptions> parse(std::vector<std::string> arguments)
+{
+    return parse(cli::kWatch, std::move(arguments));
 }
 
 }  // namespace cli_testing

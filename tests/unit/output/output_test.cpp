@@ -66,7 +66,7 @@ protected:
     }
 
     Folder folder;
-    cli_testing::Parsed parsed;
+    cli_testing::Parsed<cli::WatchOptions> parsed;
     std::unique_ptr<Reporter> reporter;
 };
 
