@@ -1,0 +1,156 @@
+/* Each row of each verb's table: what it sets, that it is found by both its names, and that `--help` shows it. */
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <sstream>
+
+#include "cli/doctor/doctor_options.h"
+#include "cli/dump/dump_options.h"
+#include "cli/front/verbs.h"
+#include "cli/offsets/offsets_options.h"
+#include "orx_fmon.h"
+#include "parse.h"
+
+namespace
+{
+
+using cli_testing::parse;
+using Strings = std::vector<std::string>;
+
+template <typename O>
+struct Row {
+    const char *name, *value; /* null: takes none */
+    bool (*is_set)(const O &);
+};
+
+/* `rows` are all of the verb's, in the table's order. */
+template <typename O>
+void expect_rows(const cli::VerbOf<O> &verb, const std::vector<Row<O>> &rows)
+{
+    const std::vector<cli::Option> options = verb.options();
+    ASSERT_EQ(options.size(), rows.size());
+    for (size_t i = 0; i < rows.size(); i++) {
+        const auto &[name, value, is_set] = rows[i];
+        EXPECT_STREQ(options[i].name, name);
+        EXPECT_FALSE(is_set(parse(verb, {}).options)) << name;
+        std::vector<Strings> ways = {{std::string("--") + name}};
+        if (options[i].letter)
+            ways.push_back({std::string("-") + options[i].letter});
+        for (Strings &way : ways) {
+            if (value)
+                way.emplace_back(value);
+            EXPECT_TRUE(is_set(parse(verb, way).options)) << way[0];
+        }
+    }
+}
+
+}  // namespace
+
+TEST(CliTables, OfWatch)
+{
+    using O = cli::WatchOptions;
+    using Texts = std::vector<std::string>;
+    expect_rows<O>(cli::kWatch, {{"recursive", nullptr, [](const O &o) { return o.recursive; }},
+                                 {"events", "create", [](const O &o) { return o.events == FMON_CREATE; }},
+                                 {"pid", nullptr, [](const O &o) { return o.pid; }},
+                                 {"mount", nullptr, [](const O &o) { return o.mount; }},
+                                 {"delay", nullptr, [](const O &o) { return o.delay; }},
+                                 {"sync", nullptr, [](const O &o) { return o.sync; }},
+                                 {"wait", nullptr, [](const O &o) { return o.wait; }},
+                                 {"max-depth", "3", [](const O &o) { return o.max_depth == 3; }},
+                                 {"max-subdirs", "9", [](const O &o) { return o.max_subdirs == 9; }},
+                                 {"system", nullptr, [](const O &o) { return o.system; }},
+                                 {"include", "a", [](const O &o) { return o.include == Texts{"a"}; }},
+                                 {"exclude", "a", [](const O &o) { return o.exclude == Texts{"a"}; }},
+                                 {"format", "csv", [](const O &o) { return o.form == output::Form::kCsv; }},
+                                 {"null", nullptr, [](const O &o) { return o.null_end; }},
+                                 {"output", "/out", [](const O &o) { return o.output == "/out"; }},
+                                 {"append", nullptr, [](const O &o) { return o.append; }},
+                                 {"quiet", nullptr, [](const O &o) { return o.quiet; }},
+                                 {"exec", "true", [](const O &o) { return o.exec == "true"; }},
+                                 {"count", "5", [](const O &o) { return o.count == 5; }},
+                                 {"timeout", "1.5", [](const O &o) { return o.timeout_ms == 1500; }},
+                                 {"keep-going", nullptr, [](const O &o) { return o.keep_going; }},
+                                 {"set", "rate_limit=7",
+                                  [](const O &o) {
+                                      return o.settings.size() == 1 &&
+                                             o.settings[0].first + o.settings[0].second == "rate_limit7";
+                                  }},
+                                 {"probes", "off", [](const O &o) { return o.probes == agent::Probes::kOff; }},
+                                 {"log", "stderr", [](const O &o) { return o.log_to_stderr && o.log_level == -1; }},
+                                 {"log-level", "3", [](const O &o) { return o.log_level == 3 && !o.log_to_stderr; }},
+                                 {"verbose", nullptr, [](const O &o) { return o.log_level == 4 && o.log_to_stderr; }},
+                                 {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, OfDump)
+{
+    using O = cli::DumpOptions;
+    expect_rows<O>(cli::kDump, {{"type", "events", [](const O &o) { return o.request.type == 4; }},
+                                {"hold", "0.25", [](const O &o) { return o.request.hold_ms == 250; }},
+                                {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, OfDoctor)
+{
+    using O = cli::DoctorOptions;
+    expect_rows<O>(cli::kDoctor, {{"format", "json", [](const O &o) { return o.json; }},
+                                  {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, OfOffsets)
+{
+    using O = cli::OffsetsOptions;
+    expect_rows<O>(cli::kOffsets, {{"release", "6.1.0-1", [](const O &o) { return o.release == "6.1.0-1"; }},
+                                   {"format", "json", [](const O &o) { return o.json; }},
+                                   {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, ChoicesReachEachOfTheirValues)
+{
+    using cli::kWatch;
+    EXPECT_EQ(agent::Probes::kAuto, parse(kWatch, {"--probes=off", "--probes=auto"}).options.probes);
+    EXPECT_EQ(agent::Probes::kOn, parse(kWatch, {"--probes=on"}).options.probes);
+    EXPECT_FALSE(parse(kWatch, {"--log=stderr", "--log=file"}).options.log_to_stderr);
+    EXPECT_EQ(output::Form::kText, parse(kWatch, {"-fcsv", "-ftext"}).options.form);
+    EXPECT_EQ(output::Form::kJson, parse(kWatch, {"-fjson"}).options.form);
+    EXPECT_FALSE(parse(cli::kDoctor, {"-fjson", "-ftext"}).options.json);
+    EXPECT_FALSE(parse(cli::kOffsets, {"-fjson", "-ftext"}).options.json);
+}
+
+TEST(CliTables, LettersAndNamesAreUnique)
+{
+    for (const cli::Verb *verb : cli::verbs()) {
+        std::set<std::string> names;
+        for (const cli::Option &option : verb->options()) {
+            EXPECT_TRUE(names.insert(option.name).second) << option.name;
+            EXPECT_TRUE(!option.letter || names.insert(std::string(1, option.letter)).second) << option.letter;
+        }
+    }
+}
+
+TEST(CliTables, HelpShowsEachRow)
+{
+    for (const cli::Verb *verb : cli::verbs())
+        for (const cli::Option &option : verb->options()) {
+            const std::string help = verb->help(),
+                              first = std::string(option.help).substr(0, strcspn(option.help, "\n")),
+                              names = (option.letter ? std::string("  -") + option.letter + ", --" : "      --") +
+                                      option.name + (option.argument ? std::string(" ") + option.argument : "") + "  ";
+            const size_t row = help.find("\n" + names);
+            ASSERT_NE(row, std::string::npos) << names;
+            EXPECT_EQ(first, help.substr(row + 27, first.size()));
+        }
+}
+
+TEST(CliTables, HelpFitsTheScreen)
+{
+    for (const cli::Verb *verb : cli::verbs()) {
+        std::istringstream lines(verb->help());
+        for (std::string line; std::getline(lines, line);)
+            EXPECT_LE(line.size(), 127u) << line;
+        EXPECT_NE(verb->help().find("\nExamples:\n"), std::string::npos);
+        EXPECT_NE(verb->help().find("\nStatus: "), std::string::npos);
+    }
+}
