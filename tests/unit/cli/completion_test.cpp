@@ -1,102 +1,126 @@
-/* Tests of completion and manual pages against the tables of options. */
-
-#include <sstream>
+/* The completion of each shell: what its tables say, and where the shell is installed, what it makes of them. */
+#include "cli/front/completion.h"
 
 #include "agent/event_names.h"
 #include "agent/settings.h"
-#include "cli/doctor/doctor_options.h"
-#include "cli/dump/dump_options.h"
-#include "cli/offsets/offsets_options.h"
 #include "cli/front/verbs.h"
-#include "cli/watch/options.h"
+#include "source_tree.h"
 #include "unit/agent/agent_testing.h"
 
 namespace
 {
 
-std::filesystem::path in_source(const char *path) { return std::filesystem::path(FMON_TEST_SOURCE) / path; }
-
-std::string content(const std::filesystem::path &path)
+std::string script(const std::string &shell)
 {
-    std::ostringstream text;
-    text << std::ifstream(path).rdbuf();
-    return text.str();
+    return cli::completion_script(shell, cli_testing::text_of("packaging/completion/fmon." + shell));
 }
 
-/* bash with the completion, and in place of the program a function that prints its texts. */
+bool is_installed(const std::string &shell)
+{
+    return system(("command -v " + shell + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+/* What a command writes, its lines joined by blanks. */
+std::string output_of(const std::string &command)
+{
+    FILE *pipe = popen((command + " 2>&1").c_str(), "r");
+    std::string text;
+    for (int c; pipe && (c = fgetc(pipe)) != EOF;)
+        text += c == '\n' ? ' ' : static_cast<char>(c);
+    EXPECT_TRUE(pipe && pclose(pipe) == 0) << command << ": " << text;
+    text.resize(text.find_last_not_of(' ') + 1);
+    return text;
+}
+
+std::string long_names(const std::vector<cli::Option> &options)
+{
+    std::string names;
+    for (const cli::Option &option : options)
+        names += (names.empty() ? "--" : " --") + std::string(option.name);
+    return names;
+}
+
 class Completion : public testing::Test
 {
 protected:
-    Completion()
+    agent_testing::Folder folder;
+};
+
+/* bash with the completion. */
+class BashCompletion : public Completion
+{
+protected:
+    BashCompletion()
     {
-        folder.file("main", cli::main_help());
-        folder.file("watch", cli::kWatch.help());
-        folder.file("dump", cli::kDump.help());
-        folder.file("doctor", cli::kDoctor.help());
-        folder.file("offsets", cli::kOffsets.help());
-        folder.file("events", cli::event_list());
-        folder.file("script",
-                    "source " + in_source("packaging/completion/fmon").string() +
-                        "\n"
-                        "cd " +
-                        folder.root() +
-                        "\n"
-                        "fmon() { case \"$*\" in --help) cat main ;; 'watch --help') cat watch ;;\n"
-                        "'watch -e help') cat events ;; 'dump --help') cat dump ;;\n"
-                        "'doctor --help') cat doctor ;; 'offsets --help') cat offsets ;; *) return 2 ;; esac; }\n"
-                        "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon; echo \"${COMPREPLY[*]}\"\n");
+        folder.file("bash.script", script("bash") +
+                                       "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon\n"
+                                       "echo \"${COMPREPLY[*]}\"\n");
     }
 
     /* What the words, the last of them unfinished, are completed to. */
     std::string replies(const std::string &words) const
     {
-        const std::string command = "bash " + folder.path("script") + " " + words + " 2>&1";
-        FILE *pipe = popen(command.c_str(), "r");
-        char line[4096] = {};
-        const bool got = pipe && fgets(line, sizeof line, pipe);
-        EXPECT_TRUE(pipe && pclose(pipe) == 0 && got) << words << ": " << line;
-        std::string text = line;
-        text.resize(text.find_last_not_of('\n') + 1);
-        return text;
+        return output_of("bash " + folder.path("bash.script") + " " + words);
+    }
+};
+
+/* fish with the completion; the words are one text. */
+class FishCompletion : public Completion
+{
+protected:
+    FishCompletion()
+    {
+        folder.file("fish.script", script("fish") + "complete -C \"$argv\" | string replace -r '\\t.*' ''; or true\n");
     }
 
-    agent_testing::Folder folder;
+    std::string replies(const std::string &words) const
+    {
+        return output_of("HOME=" + folder.root() + " fish --no-config " + folder.path("fish.script") + " '" + words +
+                         "'");
+    }
+};
+
+/* zsh, where what _arguments gets is shown instead of completed. */
+class ZshCompletion : public Completion
+{
+protected:
+    std::string specs(const std::string &verb) const
+    {
+        folder.file("zsh.script",
+                    "_arguments() { :; }\n" + script("zsh") + "_fmon_verb_table " + verb + "\nprint -rl -- $specs\n");
+        return output_of("zsh -f " + folder.path("zsh.script"));
+    }
 };
 
 }  // namespace
 
-TEST_F(Completion, Verbs)
+TEST_F(BashCompletion, Verbs)
 {
     std::string all;
     for (const cli::Verb *verb : cli::verbs())
         all += std::string(verb->text().name) + " ";
-    EXPECT_EQ(replies("fmon ''"), all + "help");
+    EXPECT_EQ(all + "help", replies("fmon ''"));
     EXPECT_EQ("watch", replies("fmon wat"));
     EXPECT_EQ("watch", replies("fmon help wat"));
     EXPECT_EQ("--version", replies("fmon --v"));
 }
 
-TEST_F(Completion, EveryOptionOfWatch)
+TEST_F(BashCompletion, EveryOptionOfEachVerb)
 {
-    std::string all;
-    for (const cli::Option &row : cli::kWatch.options())
-        all += (all.empty() ? "--" : " --") + std::string(row.name);
-    EXPECT_EQ(replies("fmon watch --"), all);
+    for (const cli::Verb *verb : cli::verbs())
+        EXPECT_EQ(long_names(verb->options()), replies(std::string("fmon ") + verb->text().name + " --"));
     EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));
 }
 
-TEST_F(Completion, EveryEvent)
+TEST_F(BashCompletion, EveryEvent)
 {
-    std::string all;
-    for (const agent::EventName &row : agent::kEventTable)
-        all += (all.empty() ? "" : " ") + std::string(row.name);
-    EXPECT_EQ(replies("fmon watch -e ''"), all);
+    EXPECT_EQ(cli::names_of(agent::kEventTable), replies("fmon watch -e ''"));
     EXPECT_EQ("moved_from moved_to", replies("fmon watch --events moved_"));
     EXPECT_EQ("moved_from moved_to", replies("fmon watch --events = moved_"));
     EXPECT_EQ("create,attrib", replies("fmon watch -e create,att"));
 }
 
-TEST_F(Completion, Values)
+TEST_F(BashCompletion, Values)
 {
     EXPECT_EQ("text json csv", replies("fmon watch --format ''"));
     EXPECT_EQ("on off", replies("fmon watch --probes o"));
@@ -104,10 +128,10 @@ TEST_F(Completion, Values)
     std::string all;
     for (const agent::Setting &setting : agent::kSettingTable)
         all += (all.empty() ? "" : " ") + std::string(setting.name) + "=";
-    EXPECT_EQ(replies("fmon watch --set ''"), all);
+    EXPECT_EQ(all, replies("fmon watch --set ''"));
 }
 
-TEST_F(Completion, Dump)
+TEST_F(BashCompletion, Dump)
 {
     EXPECT_EQ("--type --hold --help", replies("fmon dump --"));
     EXPECT_EQ("all instances waiting dentries events backend files losses", replies("fmon dump -t ''"));
@@ -116,20 +140,93 @@ TEST_F(Completion, Dump)
     EXPECT_EQ("", replies("fmon dump nothing"));
 }
 
-TEST_F(Completion, DoctorAndOffsets)
+TEST_F(BashCompletion, DoctorAndOffsets)
 {
     EXPECT_EQ("--format --help", replies("fmon doctor --"));
     EXPECT_EQ("text json", replies("fmon doctor -f ''"));
-    EXPECT_EQ("", replies("fmon doctor scr"));
+    EXPECT_EQ("", replies("fmon doctor bas"));
     EXPECT_EQ("--release --format --help", replies("fmon offsets --"));
     EXPECT_EQ("json", replies("fmon offsets --format = j"));
     EXPECT_EQ("", replies("fmon offsets --release ''"));
-    EXPECT_EQ(replies("fmon offsets " + folder.path("scr")), folder.path("script"));
+    EXPECT_EQ(folder.path("bash.script"), replies("fmon offsets " + folder.path("bas")));
 }
 
-TEST_F(Completion, Files)
+TEST_F(BashCompletion, Files)
 {
-    EXPECT_EQ(replies("fmon watch " + folder.path("scr")), folder.path("script"));
-    EXPECT_EQ(replies("fmon watch -o " + folder.path("scr")), folder.path("script"));
+    EXPECT_EQ(folder.path("bash.script"), replies("fmon watch " + folder.path("bas")));
+    EXPECT_EQ(folder.path("bash.script"), replies("fmon watch -o " + folder.path("bas")));
     EXPECT_EQ("", replies("fmon watch -n ''"));
+}
+
+TEST_F(FishCompletion, CompletesAsBashDoes)
+{
+    if (!is_installed("fish"))
+        GTEST_SKIP() << "fish is not installed";
+    EXPECT_EQ("doctor dump help offsets watch", replies("fmon "));
+    EXPECT_EQ("watch", replies("fmon help wat"));
+    EXPECT_EQ("--version", replies("fmon --v"));
+    EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));
+    EXPECT_EQ("--help --hold --type", replies("fmon dump --"));
+    EXPECT_EQ("create,attrib", replies("fmon watch -e create,att"));
+    EXPECT_EQ("--events=create,attrib", replies("fmon watch --events=create,att"));
+    EXPECT_EQ("off on", replies("fmon watch --probes o"));
+    EXPECT_EQ("max_events=", replies("fmon watch --set max_e"));
+    EXPECT_EQ("json text", replies("fmon doctor -f "));
+    EXPECT_EQ("", replies("fmon doctor "));
+    EXPECT_EQ(folder.path("fish.script"), replies("fmon offsets " + folder.path("fis")));
+    EXPECT_EQ(folder.path("fish.script"), replies("fmon watch -o " + folder.path("fis")));
+}
+
+TEST_F(ZshCompletion, HandsTheTablesOn)
+{
+    if (!is_installed("zsh"))
+        GTEST_SKIP() << "zsh is not installed";
+    EXPECT_EQ(
+        "*-f+[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
+        "*--format=[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
+        "(-h --help)-h[this text] (-h --help)--help[this text]",
+        specs("doctor"));
+    EXPECT_NE(specs("watch").find("*:argument: _fmon_files"), std::string::npos);
+    EXPECT_NE(specs("dump").find("*--hold=[let events gather in the monitor for S seconds first (at most 60)]:S: "),
+              std::string::npos);
+}
+
+/* Whatever shells the machine has. */
+TEST(CompletionTables, HaveEachOptionOfEachVerb)
+{
+    const std::string fish = cli::fish_tables(), zsh = cli::zsh_tables();
+    for (const cli::Verb *verb : cli::verbs()) {
+        const std::string name = verb->text().name;
+        const size_t begin = zsh.find("    " + name + ")\n"), end = zsh.find(";;", begin);
+        for (const cli::Option &option : verb->options()) {
+            const std::string letter = option.letter ? std::string(" -s ") + option.letter : "";
+            EXPECT_NE(fish.find("-n '__fmon_has_verb " + name + "'" + letter + " -l " + option.name + " "),
+                      std::string::npos)
+                << option.name;
+            const size_t place = zsh.find(std::string("--") + option.name + (option.argument ? "=" : ""), begin);
+            EXPECT_LT(place, end) << option.name;
+        }
+    }
+}
+
+TEST(CompletionTables, DescribeOptionsInOneLine)
+{
+    EXPECT_EQ("in two lines", cli::summary("in\ntwo lines; and more"));
+    EXPECT_EQ("a sentence", cli::summary("a sentence. Another"));
+    EXPECT_EQ("short: with a list, of words", cli::summary("short: with a list, of words"));
+    EXPECT_EQ("a list", cli::summary("a list: " + std::string(80, 'x')));
+    EXPECT_EQ("clauses, " + std::string(60, 'x'),
+              cli::summary("clauses, " + std::string(60, 'x') + ", " + std::string(60, 'x')));
+    for (const cli::Verb *verb : cli::verbs())
+        for (const cli::Option &option : verb->options()) {
+            EXPECT_LE(cli::summary(option.help).size(), 90u) << option.name;
+            EXPECT_EQ(std::string::npos, cli::summary(option.help).find('\n'));
+        }
+}
+
+TEST(CompletionTables, NeedAPlaceInTheScript)
+{
+    EXPECT_EQ("a\n" + cli::bash_tables() + "b\n", cli::completion_script("bash", "a\n@TABLES@\nb\n"));
+    EXPECT_EQ("", cli::completion_script("bash", "a\nb\n"));
+    EXPECT_EQ("", cli::completion_script("csh", "@TABLES@\n"));
 }
