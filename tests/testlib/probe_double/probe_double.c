@@ -4,7 +4,6 @@
  * Everything lies in the directory that FMON_PROBE_DOUBLE names:
  *   calls        a line for every call, in order
  *   losses       "DELIVERED RING QUEUE CLEANED UNREADABLE MISSED"; without the file nothing is lost
- *   unavailable  why os_info fails; without the file "" is said
  *   os_info      "MAJOR MINOR PATCH ARCH COUNT PID"; without the file a 6.1.0 kernel
  *   behave       lines that change the answers, read at each call:
  *                  fail SYMBOL [NAME]    a negative status (no instance) for that event or instance, or for any
@@ -13,8 +12,7 @@
  *                  descriptors N         an instance with N of them
  *   NAME.INDEX   the FIFOs of an instance, made with it; a frame is char event[8], u32 pid, u32 size, size bytes
  *
- * Of a frame whose event is registered and switched on, the bytes go to the event's callback, in a block of exactly
- * their size, so that a sanitizer sees whoever reads past it.
+ * Of a frame whose event is switched on, the bytes go to its callback, in a block of just their size: for sanitizers.
  */
 #include <errno.h>
 #include <fcntl.h>
@@ -450,16 +448,3 @@ EXPORT int32_t kp_losses_total(struct kp_losses *out)
     return 0;
 }
 #endif
-
-/* Without the file the library has no words for it. */
-EXPORT const char *kp_unavailable(void)
-{
-    static char text[256];
-    text[0] = '\0';
-    FILE *file = open_text("unavailable");
-    if (file && !fgets(text, sizeof text, file))
-        text[0] = '\0';
-    if (file)
-        fclose(file);
-    return text;
-}
