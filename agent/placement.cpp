@@ -108,7 +108,7 @@ void Placement::marked(const char *path)
 void Placement::refused(const struct fmon_refusal &refusal)
 {
     if (refusal.reason == FMON_LEFT_DENIED) {
-        const std::lock_guard<std::mutex> hold(lock_);
+        const common::Lock hold(lock_);
         if (first_denied_.empty())
             first_denied_ = refusal.path;
     }
@@ -137,7 +137,7 @@ Findings Placement::take()
         found.last = now.last_refusal;
     seen_ = now.left_out;
     refusals_ = now.refusals;
-    const std::lock_guard<std::mutex> hold(lock_);
+    const common::Lock hold(lock_);
     found.first_denied = std::exchange(first_denied_, {});
     return found;
 }

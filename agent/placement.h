@@ -7,11 +7,11 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <thread>
 
+#include "common/mutex.h"
 #include "module.h"
 
 namespace agent
@@ -74,8 +74,8 @@ private:
     std::atomic<bool> any_ = false;
     struct fmon_left_out seen_ = {};
     uint64_t refusals_ = 0; /* seen */
-    std::mutex lock_;
-    std::string first_denied_; /* under lock_ */
+    common::Mutex lock_;
+    std::string first_denied_ GUARDED_BY(lock_);
 };
 
 }  // namespace agent

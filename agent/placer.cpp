@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
+#include "common/mutex.h"
 #include "marks.h"
 #include "message.h"
 #include "monitor.h"
@@ -169,15 +168,15 @@ uint64_t Placer::directories() const
 
 struct Progress::State {
     const Placement &placement;
-    std::mutex lock = {};
-    std::condition_variable changed = {};
-    bool over = false; /* under lock */
+    common::Mutex lock = {};
+    common::Condition changed = {};
+    bool over GUARDED_BY(lock) = false;
     std::thread thread = {};
 
     void run()
     {
-        std::unique_lock<std::mutex> hold(lock);
-        while (!changed.wait_for(hold, std::chrono::milliseconds(400), [this] { return over; }))
+        const common::Lock hold(lock);
+        while (!changed.wait_for(lock, std::chrono::milliseconds(400), [this]() REQUIRES(lock) { return over; }))
             say("\r" + counted(placement.placed(), "directory") + " ...\033[K");
         say("\r\033[K");
     }
@@ -196,7 +195,7 @@ Progress::~Progress()
     if (!state_)
         return;
     {
-        const std::lock_guard<std::mutex> hold(state_->lock);
+        const common::Lock hold(state_->lock);
         state_->over = true;
     }
     state_->changed.notify_one();

@@ -279,8 +279,8 @@ FMON_API int _orx_fmon_losses(struct fmon_losses *out);
  * not run; after a start that failed, or when it had to end, what it was is filled all the same: `monitor` says why. */
 FMON_API int _orx_fmon_status(struct fmon_status *out);
 
-/* From now on `cb` is told of every directory and file that is marked or refused, of whatever instance. One for the
- * whole process; null: nobody is told. FMON_ENOTINIT before the start. */
+/* From now on `cb` is called for every directory and file that is marked or refused, of whatever instance. One for the
+ * whole process, kept by a restart; null: none. FMON_ENOTINIT before the start. */
 FMON_API int _orx_fmon_on_mark(fmon_mark_cb cb);
 
 /* Writes the monitor's state to the log at level 4. `type`: 0 all, 1 instances, 2 waiting watches, 3 directories,

@@ -86,8 +86,8 @@ TEST_F(CliPlacement, CountsEachReason)
         (g_status.left_out.*row.counter)++;
         const Findings found = placement.take();
         EXPECT_EQ(1u, found.counts.*row.counter);
-        EXPECT_EQ(found.left_out(), row.left_out);
-        EXPECT_EQ(found.limit_reached(), row.limit);
+        EXPECT_EQ(row.left_out, found.left_out());
+        EXPECT_EQ(row.limit, found.limit_reached());
     }
 }
 
