@@ -10,6 +10,7 @@
 #include "linux/fmon_linux.h"
 #include "linux/probe/clt_file.h"
 #include "linux/probe/clt_inotify.h"
+#include "linux/seq.h"
 
 struct fmon_account fmon_account;
 
@@ -77,7 +78,7 @@ void fill_sources(struct fmon_status *out)
 void fill_counts(struct fmon_status *out)
 {
     out->watches = fmon_account.watches;
-    out->inotify_watches = static_cast<uint64_t>(fmlnx.seq.live);
+    out->inotify_watches = seq_live(&fmlnx.seq);
     out->directories = fmlnx.marked_directories;
     out->records = static_cast<uint64_t>(fmon.event_count);
     out->max_records = static_cast<uint64_t>(fmon.max_events);

@@ -18,14 +18,6 @@ struct place {
     bool found;
 };
 
-bool is_live(uint64_t value) { return value != 0 && value != SEQ_POISON; }
-
-void put(struct seq_table *table, struct seq_entry *entry, uint64_t value)
-{
-    table->live += is_live(value) - is_live(entry->value);
-    entry->value = value;
-}
-
 struct place bisect(const struct seq_table *table, int32_t wd)
 {
     int lo = 0;
@@ -79,8 +71,7 @@ bool insert(struct seq_table *table, int index, int32_t wd, uint64_t value)
     struct seq_entry *at = table->entries + index;
     if (index < table->count)
         memmove(at + 1, at, static_cast<size_t>(checked_sub(table->count, index)) * sizeof(*at));
-    *at = {wd, 0};
-    put(table, at, value);
+    *at = {wd, value};
     table->count = checked_add(table->count, 1);
     return true;
 }
@@ -136,7 +127,7 @@ int seq_set(struct seq_table *table, int32_t wd, uint64_t value)
     const struct place at = find(table, wd);
     if (!at.found)
         return insert(table, at.index, wd, value) ? 0 : -1;
-    put(table, &table->entries[at.index], value);
+    table->entries[at.index].value = value;
     return 0;
 }
 
@@ -145,9 +136,17 @@ int seq_del(struct seq_table *table, int32_t wd)
     const struct place at = bisect(table, wd);
     if (!at.found)
         return -1;
-    put(table, &table->entries[at.index], 0);
+    table->entries[at.index].value = 0;
     table->deleted = checked_add(table->deleted, 1);
     if (table->deleted >= SEQ_SWEEP)
         sweep(table);
     return 0;
+}
+
+uint64_t seq_live(const struct seq_table *table)
+{
+    uint64_t live = 0;
+    for (int32_t i = 0; i < table->count; i++)
+        live += table->entries[i].value != 0 && table->entries[i].value != SEQ_POISON;
+    return live;
 }

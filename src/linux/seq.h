@@ -26,12 +26,15 @@ struct seq_table {
     int32_t count; /* holes included */
     struct seq_entry *entries;
     int32_t deleted; /* since the last sweep */
-    int32_t live;    /* entries that are neither holes nor poisoned */
 };
 
 FMON_API uint64_t seq_get(struct seq_table *, int32_t wd);            /* 0: absent */
 FMON_API int seq_set(struct seq_table *, int32_t wd, uint64_t value); /* -1: the array could not grow */
 FMON_API int seq_del(struct seq_table *, int32_t wd);                 /* -1: absent */
+
+/* (Hidden.) Entries that are neither holes nor poisoned: counted when somebody asks, since agents may keep tables of
+ * their own, whose structure has no room for a counter. */
+uint64_t seq_live(const struct seq_table *);
 
 } /* extern "C" */
 

@@ -119,12 +119,12 @@ TEST_F(Status, CountsStayTrueWhateverFails)
                 hit = fault.hit();
             }
             EXPECT_EQ(marked_directories(), fmlnx.marked_directories) << name;
-            EXPECT_EQ(kernel_watches().size(), static_cast<size_t>(fmlnx.seq.live)) << name;
+            EXPECT_EQ(kernel_watches().size(), seq_live(&fmlnx.seq)) << name;
             tree.remove("t/" + name);
             m.del(t);
             EXPECT_EQ(0u, fmon_account.watches) << name;
             EXPECT_EQ(0u, fmlnx.marked_directories) << name;
-            EXPECT_EQ(0, fmlnx.seq.live) << name;
+            EXPECT_EQ(0u, seq_live(&fmlnx.seq)) << name;
         }
         pump_all();
     }
