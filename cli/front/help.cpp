@@ -1,3 +1,5 @@
+/* The help text of a verb, made from its table. */
+
 #include <string_view>
 
 #include "verb.h"

@@ -1,3 +1,5 @@
+/* The table of `fmon watch`: each option is one row here. */
+
 #include "agent/event_names.h"
 #include "option_values.h"
 #include "options.h"

@@ -1,3 +1,5 @@
+/* Tests of option_parser.h: the edges of command lines, for each verb alike. */
+
 #include "cli/front/option_parser.h"
 
 #include <gtest/gtest.h>
