@@ -4,6 +4,9 @@
 
 #include <gtest/gtest.h>
 
+#include <iterator>
+#include <sstream>
+
 #include "agent/event_names.h"
 #include "cli/front/verbs.h"
 #include "orx_fmon.h"
@@ -29,41 +32,24 @@ TEST(CliOptions, EveryFlag)
                 o.options.null_end && o.options.quiet && o.options.keep_going);
 }
 
+namespace
+{
+
+/* As parse, with blanks between the arguments. */
+cli_testing::Parsed<cli::WatchOptions> parse_words(const std::string &line)
+{
+    std::istringstream words(line);
+    return parse({std::istream_iterator<std::string>(words), {}});
+}
+
+}  // namespace
+
 TEST(CliOptions, EveryValue)
 {
-    const auto o = parse({"-r",
-                          "-e",
-                          "create,delete",
-                          "--events=attrib",
-                          "--max-depth",
-                          "3",
-                          "--max-subdirs",
-                          "9",
-                          "--include",
-                          "a",
-                          "--include",
-                          "b",
-                          "--exclude",
-                          "c",
-                          "-o",
-                          "/out",
-                          "-n",
-                          "5",
-                          "-t",
-                          "1.5",
-                          "--exec",
-                          "true",
-                          "--set",
-                          "rate_limit=7",
-                          "--probes",
-                          "off",
-                          "--log",
-                          "stderr",
-                          "--log-level",
-                          "3",
-                          "-f",
-                          "csv",
-                          "/a"});
+    const auto o = parse_words(
+        "-r -e create,delete --events=attrib --max-depth 3 --max-subdirs 9 --include a --include b --exclude c -o /out "
+        "-n 5 "
+        "-t 1.5 --exec true --set rate_limit=7 --probes off --log stderr --log-level 3 -f csv /a");
     ASSERT_TRUE(o.ok) << o.error;
     EXPECT_EQ(uint32_t{FMON_CREATE | FMON_DELETE | FMON_ATTRIB}, o.options.events);
     EXPECT_EQ(3u, o.options.max_depth);
@@ -96,65 +82,70 @@ TEST(CliOptions, LongNamesMayBeCutShort)
     EXPECT_NE(parse({"--m", "/a"}).error.find("ambiguous option '--m'"), std::string::npos);
 }
 
+namespace
+{
+
 struct Bad {
     std::vector<std::string> arguments;
     std::string complaint; /* part of it */
 };
 
+const Bad kBad[] = {
+    {{}, "no PATH to watch"},
+    {{"-Z", "/a"}, "unknown option '-Z'"},
+    {{"--foo", "/a"}, "option '--foo'"},
+    {{"-e"}, "--events needs a value: LIST"},
+    {{"--count"}, "--count needs a value"},
+    {{"--recursive=1", "/a"}, "--recursive takes no value"},
+    {{"-e", "create,bogus", "/a"}, "unknown event 'bogus'"},
+    {{"-e", "Create", "/a"}, "unknown event 'Create'"},
+    {{"-e", " create", "/a"}, "unknown event ' create'"},
+    {{"-e", ",", "/a"}, "--events takes"},
+    {{"-e", "", "/a"}, "--events takes"},
+    {{"-r", "--max-depth", "0", "/a"}, "--max-depth takes"},
+    {{"-r", "--max-depth", "65536", "/a"}, "--max-depth takes"},
+    {{"-r", "--max-depth", "x", "/a"}, "--max-depth takes"},
+    {{"-r", "--max-depth", "1x", "/a"}, "--max-depth takes"},
+    {{"-r", "--max-depth", "-1", "/a"}, "--max-depth takes"},
+    {{"--max-depth", "1", "/a"}, "need --recursive"},
+    {{"-r", "--max-subdirs", "2147483648", "/a"}, "--max-subdirs takes"},
+    {{"--format", "xml", "/a"}, "--format takes"},
+    {{"--format", "", "/a"}, "--format takes"},
+    {{"-n", "0", "/a"}, "--count takes"},
+    {{"-n", "18446744073709551616", "/a"}, "--count takes"},
+    {{"-t", "0", "/a"}, "--timeout takes"},
+    {{"-t", "-1", "/a"}, "--timeout takes"},
+    {{"-t", "nan", "/a"}, "--timeout takes"},
+    {{"-t", "inf", "/a"}, "--timeout takes"},
+    {{"-t", "1s", "/a"}, "--timeout takes"},
+    {{"-t", "", "/a"}, "--timeout takes"},
+    {{"--set", "foo=1", "/a"}, "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened"},
+    {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
+    {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
+    {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},
+    {{"--set", "tbd_interval=999", "/a"}, "1000 to"},
+    {{"--set", "rate_interval=9", "/a"}, "10 to 1000"},
+    {{"--set", "rate_log=2", "/a"}, "0 to 1"},
+    {{"--probes", "maybe", "/a"}, "auto, on or off"},
+    {{"--log", "disk", "/a"}, "file or stderr"},
+    {{"--log-level", "5", "/a"}, "--log-level takes"},
+    {{"-o", "", "/a"}, "--output takes"},
+    {{"--exec", "", "/a"}, "--exec takes"},
+    {{"--mount", "-e", "create", "/a"}, "--mount sees"},
+    {{"--mount", "--sync", "/a"}, "leave out --sync"},
+    {{"--mount", "--wait", "/a"}, "leave out --sync"},
+    {{"--pid", "-e", "create", "/a"}, "--pid is about"},
+    {{"--system", "/a"}, "leave out the PATH"},
+    {{"--system", "-r"}, "--system goes with none"},
+    {{"--system", "-e", "create,open"}, "--system knows create, delete"},
+    {{"--system", "--probes", "off"}, "leave out --probes off"},
+};
+
+}  // namespace
+
 TEST(CliOptions, EachBadInputIsNamed)
 {
-    const Bad cases[] = {
-        {{}, "no PATH to watch"},
-        {{"-Z", "/a"}, "unknown option '-Z'"},
-        {{"--foo", "/a"}, "option '--foo'"},
-        {{"-e"}, "--events needs a value: LIST"},
-        {{"--count"}, "--count needs a value"},
-        {{"--recursive=1", "/a"}, "--recursive takes no value"},
-        {{"-e", "create,bogus", "/a"}, "unknown event 'bogus'"},
-        {{"-e", "Create", "/a"}, "unknown event 'Create'"},
-        {{"-e", " create", "/a"}, "unknown event ' create'"},
-        {{"-e", ",", "/a"}, "--events takes"},
-        {{"-e", "", "/a"}, "--events takes"},
-        {{"-r", "--max-depth", "0", "/a"}, "--max-depth takes"},
-        {{"-r", "--max-depth", "65536", "/a"}, "--max-depth takes"},
-        {{"-r", "--max-depth", "x", "/a"}, "--max-depth takes"},
-        {{"-r", "--max-depth", "1x", "/a"}, "--max-depth takes"},
-        {{"-r", "--max-depth", "-1", "/a"}, "--max-depth takes"},
-        {{"--max-depth", "1", "/a"}, "need --recursive"},
-        {{"-r", "--max-subdirs", "2147483648", "/a"}, "--max-subdirs takes"},
-        {{"--format", "xml", "/a"}, "--format takes"},
-        {{"--format", "", "/a"}, "--format takes"},
-        {{"-n", "0", "/a"}, "--count takes"},
-        {{"-n", "18446744073709551616", "/a"}, "--count takes"},
-        {{"-t", "0", "/a"}, "--timeout takes"},
-        {{"-t", "-1", "/a"}, "--timeout takes"},
-        {{"-t", "nan", "/a"}, "--timeout takes"},
-        {{"-t", "inf", "/a"}, "--timeout takes"},
-        {{"-t", "1s", "/a"}, "--timeout takes"},
-        {{"-t", "", "/a"}, "--timeout takes"},
-        {{"--set", "foo=1", "/a"},
-         "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened"},
-        {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
-        {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
-        {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},
-        {{"--set", "tbd_interval=999", "/a"}, "1000 to"},
-        {{"--set", "rate_interval=9", "/a"}, "10 to 1000"},
-        {{"--set", "rate_log=2", "/a"}, "0 to 1"},
-        {{"--probes", "maybe", "/a"}, "auto, on or off"},
-        {{"--log", "disk", "/a"}, "file or stderr"},
-        {{"--log-level", "5", "/a"}, "--log-level takes"},
-        {{"-o", "", "/a"}, "--output takes"},
-        {{"--exec", "", "/a"}, "--exec takes"},
-        {{"--mount", "-e", "create", "/a"}, "--mount sees"},
-        {{"--mount", "--sync", "/a"}, "leave out --sync"},
-        {{"--mount", "--wait", "/a"}, "leave out --sync"},
-        {{"--pid", "-e", "create", "/a"}, "--pid is about"},
-        {{"--system", "/a"}, "leave out the PATH"},
-        {{"--system", "-r"}, "--system goes with none"},
-        {{"--system", "-e", "create,open"}, "--system knows create, delete"},
-        {{"--system", "--probes", "off"}, "leave out --probes off"},
-    };
-    for (const Bad &bad : cases) {
+    for (const Bad &bad : kBad) {
         const auto parsed = parse(bad.arguments);
         EXPECT_FALSE(parsed.ok) << bad.complaint;
         EXPECT_NE(parsed.error.find(bad.complaint), std::string::npos) << parsed.error;
