@@ -184,11 +184,11 @@ private:
         put_bytes(writer, text);
     }
 
-    // The mount's, as the monitor tells it inside a container; elsewhere that of the process.
+    // The mount's, as the monitor reports it inside a container; elsewhere that of the process.
     void put_container(Writer &writer, const agent::Event &event) const
     {
-        const bool told = !event.container.empty() || !event.process;
-        const std::string_view id = told ? event.container : std::string_view(event.process->container);
+        const bool reported = !event.container.empty() || !event.process;
+        const std::string_view id = reported ? event.container : std::string_view(event.process->container);
         put_known(writer, "container", id);
         if (id.empty() || !container_name_)
             return;

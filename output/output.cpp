@@ -44,7 +44,7 @@ Output::~Output()
         close(fd_);
 }
 
-// Who may not write a file, or make one in its folder, is told so before anything is done.
+// A user who may not write the file, or not make it in its directory, hears so before anything is done.
 bool Output::check(const std::string &path, std::string &error)
 {
     if (path.empty()) {
@@ -57,9 +57,10 @@ bool Output::check(const std::string &path, std::string &error)
     if (stat(path.c_str(), &st) == 0)
         return (!S_ISDIR(st.st_mode) && faccessat(AT_FDCWD, path.c_str(), W_OK, AT_EACCESS) == 0) ||
                cannot_write(path, S_ISDIR(st.st_mode) ? EISDIR : errno, error);
-    const std::string folder = path.substr(0, path.rfind('/') + 1);
-    const bool may_make = errno == ENOENT && path.back() != '/' &&
-                          faccessat(AT_FDCWD, folder.empty() ? "." : folder.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
+    const std::string directory = path.substr(0, path.rfind('/') + 1);
+    const bool may_make =
+        errno == ENOENT && path.back() != '/' &&
+        faccessat(AT_FDCWD, directory.empty() ? "." : directory.c_str(), W_OK | X_OK, AT_EACCESS) == 0;
     return may_make || cannot_write(path, errno, error);
 }
 

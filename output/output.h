@@ -38,9 +38,9 @@ public:
      * has taken something. */
     using Patience = std::function<int(bool taken)>;
 
-    /* Writes what the buffer holds and empties it. False: nothing more can be written; closed() tells a reader that has
-     * gone from an error, which error() names. When the patience with a reader that does not read ends, the rest and
-     * all that comes later is given up. */
+    /* Writes what the buffer holds and empties it. False: nothing more can be written; closed() separates a reader that
+     * has gone from an error, which error() names. When the patience with a reader that does not read ends, the rest
+     * and all that comes later is given up. */
     bool flush(const Patience &patience);
     /* Flushes when enough has gathered for a write of its own. */
     bool flush_if_large(const Patience &patience) { return buffer_.size() < kLarge || flush(patience); }

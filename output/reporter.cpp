@@ -156,13 +156,14 @@ void Reporter::execute(const agent::Event &event)
 void Reporter::tell_failure(const std::string &line)
 {
     const uint64_t now = agent::steady_ms();
-    failures_++;
-    if (told_ms_ != 0 && now < told_ms_ + kFailurePauseMs && !agent::stop_requested())
+    failures_.count++;
+    if (failures_.reported_ms != 0 && now < failures_.reported_ms + kFailurePauseMs && !agent::stop_requested())
         return;
-    agent::complain(failures_ == 1 ? line
-                                   : line + "; " + agent::with_commas(failures_ - 1) + " before that failed, too");
-    failures_ = 0;
-    told_ms_ = now;
+    agent::complain(failures_.count == 1
+                        ? line
+                        : line + "; " + agent::with_commas(failures_.count - 1) + " before that failed, too");
+    failures_.count = 0;
+    failures_.reported_ms = now;
 }
 
 void Reporter::established(const Established &all)
@@ -196,8 +197,8 @@ void Reporter::flush() { check_output(output_.flush(agent::patience_ms)); }
 
 void Reporter::tell_dropped() const
 {
-    if (failures_)
-        agent::complain("the command of --exec failed " + agent::counted(failures_, "more time"));
+    if (failures_.count)
+        agent::complain("the command of --exec failed " + agent::counted(failures_.count, "more time"));
     const uint64_t records = dropped_ + output_.given_up();
     if (records && executor_)
         agent::complain("told to end: " + agent::counted(records, "event") +

@@ -46,7 +46,7 @@ public:
     void ended(const std::string &path, const char *reason);
     void note(const std::string &text) const; /* on stderr, unless quiet */
     void flush();
-    /* At the end, on stderr: what was not shown, or not run, because the command was told to end. */
+    /* At the end, on stderr: what was not shown, or not run, because a signal ended the command. */
     void tell_dropped() const;
 
     /* Nothing more is to be shown; the status to end with. */
@@ -76,7 +76,9 @@ private:
     std::vector<uint32_t> shown_kinds_; /* by instance */
     std::vector<std::string> roots_;
     uint64_t shown_ = 0, dropped_ = 0;
-    uint64_t failures_ = 0, told_ms_ = 0; /* commands that failed since one was told of, and when that was */
+    struct {
+        uint64_t count = 0, reported_ms = 0; /* since a report, and when that was */
+    } failures_;                             /* of commands */
     bool finished_ = false;
     int status_ = 0;
 };

@@ -98,7 +98,7 @@ Checks judge_rights(const RightsFacts &facts);
 
 struct EventFacts {
     uint64_t max_watches = 0, max_instances = 0, max_events = 0; /* of inotify; 0: not known */
-    uint64_t max_groups = 0, max_marks = 0, max_fanotify = 0;    /* of fanotify; 0: not told by older kernels */
+    uint64_t max_groups = 0, max_marks = 0, max_fanotify = 0;    /* of fanotify; 0: not reported by older kernels */
     std::map<uid_t, agent::Marks> users;
     int group_error = 0, mark_error = 0; /* errno of a trial */
     bool root = false;

@@ -20,7 +20,7 @@ constexpr char kContainers[] = "containers";
 /* What the kernel calls the numbering of processes that is the machine's own. */
 constexpr char kHostNumbering[] = "pid:[4026531836]";
 
-// Whether processes are seen under the machine's own numbers; also where that cannot be told.
+// Whether processes are seen under the machine's own numbers; also where that cannot be known.
 bool sees_host_processes()
 {
     char target[64] = "";

@@ -33,8 +33,8 @@ Listener listener_of_line(std::string_view line)
     return {agent::pid_of_name(line.substr(slash + 1)), std::string(line.substr(path + 1, slash - path - 1))};
 }
 
-// To the process, in whichever folder. Anybody may claim to be it in a folder of one's own: that ends no search. 0, or
-// the errno of this user's own folder, or of another where nothing is there.
+// Connects to the process, in whichever directory. Any user may claim that process in a directory of that user: that
+// ends no search. 0, or the errno of this user's own directory, or of another where nothing is there.
 int connect_to(pid_t pid, common::Fd &socket)
 {
     const std::string own = agent::dump_folder();
@@ -42,7 +42,7 @@ int connect_to(pid_t pid, common::Fd &socket)
     for (const Listener &listener : error ? listeners() : std::vector<Listener>()) {
         if (listener.pid != pid)
             continue;
-        const int other = agent::connect_in(listener.folder, pid, socket);
+        const int other = agent::connect_in(listener.directory, pid, socket);
         if (other == 0 || error == ENOENT)
             error = other;
         if (error == 0)
@@ -118,7 +118,7 @@ std::vector<Listener> listeners(const char *table)
 bool is_watch(const Listener &listener)
 {
     common::Fd socket;
-    return agent::connect_in(listener.folder, listener.pid, socket) == 0 &&
+    return agent::connect_in(listener.directory, listener.pid, socket) == 0 &&
            (geteuid() == 0 || agent::peer_of(socket.get()).uid == geteuid());
 }
 

@@ -14,17 +14,20 @@
 namespace cli
 {
 
-/* A process that seems to be a watch, and the folder in which it listens. */
+/* A process that seems to be a watch, and the directory in which it listens. */
 struct Listener {
     pid_t pid = 0;
-    std::string folder;
+    std::string directory;
 
     bool operator==(const Listener &) const = default;
-    bool operator<(const Listener &other) const { return pid != other.pid ? pid < other.pid : folder < other.folder; }
+    bool operator<(const Listener &other) const
+    {
+        return pid != other.pid ? pid < other.pid : directory < other.directory;
+    }
 };
 
-/* By the names of the kernel's table of sockets, and of what is in this user's own folder, in order. Anybody can choose
- * such a name: is_watch() tells. */
+/* By the names of the kernel's table of sockets, and of what is in this user's own directory, in order. Anybody can
+ * choose such a name: is_watch() says which is a watch. */
 std::vector<Listener> listeners(const char *table = "/proc/net/unix");
 
 /* Whether the process itself listens under its name, and this user may ask it. */

@@ -210,7 +210,7 @@ bool read_kernel_image(std::string bytes, KernelImage &out, std::string &error)
     return true;
 }
 
-// Files of /sys and /proc tell no length, or one that is not theirs: what counts is where they end.
+// Files of /sys and /proc report no length, or a wrong one: what counts is where they end.
 bool read_whole_file(const std::string &path, size_t limit, std::string &out, std::string &error)
 {
     const Descriptor file = {open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY)};

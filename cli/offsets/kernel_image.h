@@ -17,8 +17,8 @@ inline constexpr size_t kMaxKernelImage = size_t{1} << 30; /* as a file, and aga
 
 struct KernelImage {
     std::string btf;     /* empty: built without */
-    std::string release; /* as uname -r would tell it; empty: it does not say */
-    std::string machine; /* as uname -m would tell it; empty: it does not say */
+    std::string release; /* as uname -r would report it; empty: it does not say */
+    std::string machine; /* as uname -m would report it; empty: it does not say */
 };
 
 /* From a vmlinuz of a PC (bzImage), a vmlinux (ELF) or bare BTF, the latter two also compressed. False: `error` is a

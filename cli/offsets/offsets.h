@@ -1,5 +1,5 @@
 /*
- * offsets.h: the section of fmon.ini that tells the monitor where a kernel's structures keep its mounts.
+ * offsets.h: the section of fmon.ini from which the monitor knows where a kernel's structures keep its mounts.
  */
 #ifndef CLI_OFFSETS_H
 #define CLI_OFFSETS_H

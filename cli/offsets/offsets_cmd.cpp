@@ -54,7 +54,7 @@ bool load(const OffsetsOptions &options, KernelImage &image, std::string &error)
     return error.empty();
 }
 
-// The offsets are told even where the monitor takes no section, for those who want to know them.
+// The offsets are reported even where the monitor takes no section, for people who want to know them.
 std::string release_error(const std::string &what, const std::string &release, const Offsets &offsets)
 {
     return what + "the monitor takes no section for a release like '" + release +

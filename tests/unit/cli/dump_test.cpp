@@ -225,7 +225,7 @@ TEST(CliDumpClient, FindsListenersInTheTable)
         "short\n");
     std::vector<Listener> found = listeners(table.c_str());
     std::erase_if(found,
-                  [](const Listener &listener) { return listener.folder == dump_folder() && listener.pid != 77; });
+                  [](const Listener &listener) { return listener.directory == dump_folder() && listener.pid != 77; });
     EXPECT_EQ((std::vector<Listener>{{5, "/run/user/1 2"}, {77, "/run/fmon"}}), found);
 }
 
