@@ -21,7 +21,7 @@ constexpr char kFile[] = "event.c";
 /* What a delayed watch holds back or completes with. */
 constexpr uint32_t kDelayMask = FMON_ACCESS | FMON_MODIFY | FMON_CLOSE;
 
-enum class Verdict { no_match, hold, deliver };
+enum class Verdict { kNoMatch, kHold, kDeliver };
 
 /* Whether the watch's path agrees with the record's up to the record's last "/". So a watch on /a/b takes /a/b itself
  * and what lies directly in it. */
@@ -36,16 +36,16 @@ Verdict match(const struct watch *w, const struct event *ev)
 {
     uint32_t wanted = w->mask & ev->mask;
     if (!wanted)
-        return Verdict::no_match;
+        return Verdict::kNoMatch;
     if ((w->flags & FMON_DIR) && !(w->flags & FMON_RECURSIVE) && !in_directory(w, ev->path))
-        return Verdict::no_match;
+        return Verdict::kNoMatch;
     if (!(w->flags & FMON_DELAY) || (wanted & ~kDelayMask))
-        return Verdict::deliver;
+        return Verdict::kDeliver;
     if ((wanted & FMON_ACCESS) && (wanted & FMON_CLOSE))
-        return Verdict::deliver;
+        return Verdict::kDeliver;
     if ((wanted & FMON_MODIFY) && (ev->mask & FMON_CLOSE_WRITE))
-        return Verdict::deliver;
-    return (wanted & (FMON_ACCESS | FMON_MODIFY)) ? Verdict::hold : Verdict::no_match;
+        return Verdict::kDeliver;
+    return (wanted & (FMON_ACCESS | FMON_MODIFY)) ? Verdict::kHold : Verdict::kNoMatch;
 }
 
 /* Null, with a log line and counted: out of memory. */
@@ -77,9 +77,9 @@ void offer_to_watch(struct fmon *monitor, struct event *ev, const struct watch *
     if (ev->ref & bit)
         return;
     Verdict verdict = match(w, ev);
-    if (verdict == Verdict::no_match)
+    if (verdict == Verdict::kNoMatch)
         return;
-    if (verdict == Verdict::hold) {
+    if (verdict == Verdict::kHold) {
         ev->pending |= bit;
         return;
     }

@@ -138,23 +138,23 @@ int open_mark(const struct roots *roots, struct listed_mark *mark)
     return -1;
 }
 
-enum class Swept { kept, removed, out_of_reach };
+enum class Swept { kKept, kRemoved, kOutOfReach };
 
 /* What was opened is looked up once more: only stat's own numbers are those of the index. */
 Swept sweep_mark(const struct roots *roots, struct listed_mark *mark)
 {
     if (inode_index_find(mark->dev, mark->ino))
-        return Swept::kept;
+        return Swept::kKept;
     int fd = open_mark(roots, mark);
     if (fd < 0)
-        return Swept::out_of_reach;
+        return Swept::kOutOfReach;
     struct stat st;
-    Swept result = Swept::out_of_reach;
+    Swept result = Swept::kOutOfReach;
     if (fstatat(fd, "", &st, AT_EMPTY_PATH) == 0) {
         if (inode_index_find(st.st_dev, st.st_ino))
-            result = Swept::kept;
+            result = Swept::kKept;
         else if (fmon_linux_take_mark(fd, S_ISDIR(st.st_mode) ? FMON_DIR : FMON_FILE) >= 0)
-            result = Swept::removed;
+            result = Swept::kRemoved;
     }
     close(fd);
     return result;
@@ -173,9 +173,9 @@ uint64_t sweep(void)
     char line[DCACHE_PATH_MAX];
     uint64_t lines = 0, removed = 0, left = 0;
     for (struct listed_mark mark; fgets(line, sizeof(line), list); lines++) {
-        Swept swept = parse_mark(line, &mark) ? sweep_mark(&roots, &mark) : Swept::kept;
-        removed += swept == Swept::removed;
-        left += swept == Swept::out_of_reach;
+        Swept swept = parse_mark(line, &mark) ? sweep_mark(&roots, &mark) : Swept::kKept;
+        removed += swept == Swept::kRemoved;
+        left += swept == Swept::kOutOfReach;
     }
     close_roots(&roots);
     fclose(list);

@@ -145,7 +145,7 @@ TEST_F(Blinding, AStrangersNamespaceTakesNoMark)
     EXPECT_EQ(Lines(), wrong_marks(directory.process().pid(), w));
     append_file(w + "/d/f");
     event = directory.next();
-    ASSERT_TRUE(event) << "the watched folder is deaf";
+    ASSERT_TRUE(event) << "the watched directory is deaf";
     EXPECT_EQ(0, file.stop()) << file.process().errors();
     EXPECT_EQ(0, directory.stop()) << directory.process().errors();
 }

@@ -2,12 +2,12 @@
  * The monitor in a container that sees its host's files below /rootfs.
  *
  * The test is the container: it moves into a mount namespace of its own whose root is a new, empty file system, with
- * the machine's root bound to /rootfs and the machine's directories bound to their usual names, so that programs and
+ * the machine's root bound to /rootfs and the machine's directories bound to their ordinary names, so that programs and
  * temporary trees are found under one path inside and outside. "On the host" is the namespace that it came from. The
  * machine itself is not changed, and the last process of the namespace takes everything along.
  *
- * What happens on the host is told twice: by the directory's inotify watch, under its path below /rootfs and without a
- * container, and by fanotify, under the host's own path and with the container that the mount belongs to.
+ * What happens on the host is reported twice: by the directory's inotify watch, under its path below /rootfs and
+ * without a container, and by fanotify, under the host's own path and with the container that the mount belongs to.
  */
 #include <fcntl.h>
 #include <gtest/gtest.h>
@@ -82,7 +82,7 @@ std::string enter_container()
     if (!bind_tree("/", root + "/rootfs"))
         return "/rootfs";
     if (!bind_directories(root))
-        return "the machine's folders";
+        return "the machine's directories";
     return chroot(root.c_str()) == 0 && chdir("/") == 0 ? "" : "chroot";
 }
 

@@ -136,7 +136,7 @@ INSTANTIATE_TEST_SUITE_P(System, HighDescriptors, testing::Values(1020, 1023, 10
 
 /* ---- few ---- */
 
-/* Kernel probes on many processors need more than the usual limit, which is the command's own to raise. */
+/* Kernel probes on many processors need more than the default limit, which is the command's own to raise. */
 TEST(FewDescriptors, TheCommandRaisesItsLimit)
 {
     struct rlimit files = {}, raised = {};

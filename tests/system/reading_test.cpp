@@ -17,7 +17,7 @@ using testlib::TempTree;
 namespace
 {
 
-constexpr char kNeedsStranger[] = "needs root, and a folder of temporary files that others may enter";
+constexpr char kNeedsStranger[] = "needs root, and a directory of temporary files that others may enter";
 
 /* Reads what is printed until `enough` is satisfied by one of the objects. */
 bool read_until(Watch &watch, const std::function<bool(const Json &)> &enough, int ms = kPatienceMs)

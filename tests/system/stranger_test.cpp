@@ -19,7 +19,7 @@ using testlib::TempTree;
 namespace
 {
 
-constexpr char kNeedsStranger[] = "needs root, and a folder of temporary files that others may enter";
+constexpr char kNeedsStranger[] = "needs root, and a directory of temporary files that others may enter";
 constexpr char kNeedsNamespace[] = "needs user namespaces that anybody may make";
 
 /* ---- he is what he is said to be ---- */

@@ -379,7 +379,7 @@ TEST_F(System, OnAKernelWithAnotherFormOfRelease)
     expect_refused(installation.launch(command("create"), "5.4.0"), "'5.4.0' is not understood");
 }
 
-/* The command has values of its own; the structure offsets are then the usual ones. */
+/* The command has values of its own; the structure offsets are then the default ones. */
 TEST_F(System, WithoutTheConfigurationItStillWorks)
 {
     fs::remove(installation.config());

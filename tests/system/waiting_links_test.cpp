@@ -96,7 +96,7 @@ protected:
     void SetUp() override
     {
         if (!can_be_stranger())
-            GTEST_SKIP() << "needs root, and a folder of temporary files that others may enter";
+            GTEST_SKIP() << "needs root, and a directory of temporary files that others may enter";
         home = strangers_dir(tree, "home");
         secret = tree.dir("secret");
         tree.dir("secret/log");

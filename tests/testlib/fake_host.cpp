@@ -34,7 +34,7 @@ struct Host {
     bool has_matches = false;
     std::vector<std::string> matches;
     std::string program_dir = "/agent/bin";
-    testlib::ThreadMode thread_mode = testlib::ThreadMode::record;
+    testlib::ThreadMode thread_mode = testlib::ThreadMode::kRecord;
     int (*thread_fn)(void *) = nullptr;
     std::vector<std::thread> threads;
     std::vector<std::pair<std::string, int>> autolog_inits;
@@ -211,7 +211,7 @@ void reset_host()
     clear_ini();
     clear_wildcard_matches();
     set_program_dir("/agent/bin");
-    set_thread_mode(ThreadMode::record);
+    set_thread_mode(ThreadMode::kRecord);
     std::lock_guard<std::mutex> guard(host().mutex);
     host().ini_loads.clear();
     host().autolog_inits.clear();
@@ -398,12 +398,12 @@ int orx_dll_close(void *handle)
 int cl_ev_create_isolated_thread(void **handle, void *, int (*fn)(void *), void *arg)
 {
     std::lock_guard<std::mutex> guard(host().mutex);
-    if (host().thread_mode == testlib::ThreadMode::fail)
+    if (host().thread_mode == testlib::ThreadMode::kFail)
         return -1;
     threads_made++;
     host().thread_fn = fn;
     *handle = &host().threads;
-    if (host().thread_mode == testlib::ThreadMode::start)
+    if (host().thread_mode == testlib::ThreadMode::kStart)
         host().threads.emplace_back(fn, arg);
     return 0;
 }

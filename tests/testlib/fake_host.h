@@ -54,7 +54,7 @@ int mutex_lock_calls();
 void fail_mutex_init(bool on);
 
 /* ---- event loop and thread: by default cl_ev_create_isolated_thread records and does not start ---- */
-enum class ThreadMode { record, start, fail };
+enum class ThreadMode { kRecord, kStart, kFail };
 void set_thread_mode(ThreadMode mode);
 int threads_created();
 int (*last_thread_fn())(void *);

@@ -88,7 +88,7 @@ bool counts_and_fails(Slot &slot, Call call)
 {
     if (!slot.armed || slot.call != call)
         return false;
-    if (slot.scope == ThreadScope::mine && !pthread_equal(slot.owner, pthread_self()))
+    if (slot.scope == ThreadScope::kMine && !pthread_equal(slot.owner, pthread_self()))
         return false;
     int n = ++slot.calls;
     if (slot.nth == 0 || n < slot.nth || n - slot.nth >= slot.count)
@@ -118,7 +118,7 @@ Fault::~Fault() { disarm(slot_); }
 bool Fault::hit() const { return slots[slot_].hit; }
 int Fault::calls() const { return slots[slot_].calls; }
 
-CallCount::CallCount(const char *name) : slot_(arm(name, 0, 0, 0, ThreadScope::mine)) {}
+CallCount::CallCount(const char *name) : slot_(arm(name, 0, 0, 0, ThreadScope::kMine)) {}
 CallCount::~CallCount() { disarm(slot_); }
 int CallCount::calls() const { return slots[slot_].calls; }
 

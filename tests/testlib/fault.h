@@ -2,7 +2,7 @@
  * fault.h: makes a named system or allocation call fail.
  *
  * Test programs are linked with --wrap for each name in fault_names.txt, so that the module's own calls come here
- * first. Calls are counted from the moment a Fault is armed, on the thread that armed it only (ThreadScope::all for
+ * first. Calls are counted from the moment a Fault is armed, on the thread that armed it only (ThreadScope::kAll for
  * others). Names: malloc calloc realloc, inotify_init inotify_add_watch inotify_rm_watch, fanotify_init fanotify_mark
  * (found through dlsym), select read readlink realpath stat lstat fstat statx opendir readdir closedir uname prctl
  * dlopen dlsym close fopen fgets open fcntl poll openat fstatat open_by_handle_at. Tests of the kernel-probe library
@@ -21,14 +21,14 @@
 namespace testlib
 {
 
-enum class ThreadScope { mine, all };
+enum class ThreadScope { kMine, kAll };
 
 /* While it lives, the nth (1-based) call of `name` fails with `err`; with `count` > 1 the ones after it too. */
 class Fault
 {
 public:
     explicit Fault(const char *name, int nth = 1, int err = ENOMEM, int count = 1,
-                   ThreadScope scope = ThreadScope::mine);
+                   ThreadScope scope = ThreadScope::kMine);
     ~Fault();
     Fault(const Fault &) = delete;
     Fault &operator=(const Fault &) = delete;

@@ -29,7 +29,7 @@ bool bind_to(const std::string &from, const std::string &to)
 class OtherMounts : public Attack
 {
 public:
-    OtherMounts() : Attack(Who::root)
+    OtherMounts() : Attack(Who::kRoot)
     {
         own_dirs = {"own"};
         has_files = true;
@@ -76,7 +76,7 @@ private:
 class StrangersAlias : public Attack
 {
 public:
-    StrangersAlias() : Attack(Who::stranger_in_namespace) { has_files = true; }
+    StrangersAlias() : Attack(Who::kStrangerInNamespace) { has_files = true; }
 
     void prepare(Ground &g) override
     {
@@ -105,7 +105,7 @@ public:
 class MountsOver : public Attack
 {
 public:
-    MountsOver() : Attack(Who::stranger_in_namespace) { never_told = {"passwd", "etc/passwd"}; }
+    MountsOver() : Attack(Who::kStrangerInNamespace) { never_told = {"passwd", "etc/passwd"}; }
 
     void prepare(Ground &g) override
     {
@@ -134,7 +134,7 @@ public:
 class Leases : public Attack
 {
 public:
-    Leases() : Attack(Who::stranger)
+    Leases() : Attack(Who::kStranger)
     {
         has_files = true;
         burst = 1;
@@ -182,7 +182,7 @@ private:
 class InotifyUsers : public Attack
 {
 public:
-    InotifyUsers() : Attack(Who::stranger_in_namespace) {}
+    InotifyUsers() : Attack(Who::kStrangerInNamespace) {}
 
     void prepare(Ground &g) override
     {

@@ -19,7 +19,7 @@ std::string numbered(const char *prefix, uint64_t number) { return prefix + std:
 class LinksForDirs : public Attack
 {
 public:
-    LinksForDirs() : Attack(Who::stranger) { burst = 20; }
+    LinksForDirs() : Attack(Who::kStranger) { burst = 20; }
 
     void prepare(Ground &g) override
     {
@@ -74,7 +74,7 @@ private:
 class Exchanges : public Attack
 {
 public:
-    Exchanges() : Attack(Who::root)
+    Exchanges() : Attack(Who::kRoot)
     {
         burst = 20;
         own_dirs = {"own0", "own1", "own2"};
@@ -141,7 +141,7 @@ private:
 class DeepTrees : public Attack
 {
 public:
-    DeepTrees() : Attack(Who::stranger) { burst = 2; }
+    DeepTrees() : Attack(Who::kStranger) { burst = 2; }
 
     void prepare(Ground &g) override
     {
@@ -183,7 +183,7 @@ private:
 class Pairs : public Attack
 {
 public:
-    Pairs() : Attack(Who::root) { burst = 60; }
+    Pairs() : Attack(Who::kRoot) { burst = 60; }
 
     void round(Ground &g, uint64_t number) override
     {
@@ -208,7 +208,7 @@ private:
 class MovedAway : public Attack
 {
 public:
-    MovedAway() : Attack(Who::root) { burst = 1; }
+    MovedAway() : Attack(Who::kRoot) { burst = 1; }
 
     void round(Ground &g, uint64_t number) override
     {
@@ -235,7 +235,7 @@ private:
 class Ancestors : public Attack
 {
 public:
-    Ancestors() : Attack(Who::stranger)
+    Ancestors() : Attack(Who::kStranger)
     {
         waits = true;
         burst = 1;

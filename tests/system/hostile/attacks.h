@@ -13,7 +13,7 @@
 namespace hostile
 {
 
-enum class Who { root, stranger, stranger_in_namespace };
+enum class Who { kRoot, kStranger, kStrangerInNamespace };
 
 class Attack
 {

@@ -48,9 +48,9 @@ void serve(Attack &attack, Ground &ground)
 systest::Body body_of(Attack &attack, Ground &ground)
 {
     const systest::Body body = [&] { serve(attack, ground); };
-    if (attack.who == Who::root)
+    if (attack.who == Who::kRoot)
         return body;
-    return attack.who == Who::stranger ? systest::as_stranger(body) : systest::in_own_namespace(body);
+    return attack.who == Who::kStranger ? systest::as_stranger(body) : systest::in_own_namespace(body);
 }
 
 }  // namespace

@@ -53,7 +53,7 @@ KernelDouble *KernelDouble::living() { return living_double; }
 
 /* ---- files ---- */
 
-void KernelDouble::usual_files()
+void KernelDouble::default_files()
 {
     file("/sys/devices/system/cpu/online", "0-1\n");
     file("/proc/self/mountinfo", kMounts);

@@ -60,7 +60,7 @@ public:
     std::string tracing(const std::string &below = "") const { return "/sys/kernel/tracing/" + below; }
 
     /* Two CPUs, one mount of device 0:20 with id 23, BTF of a 6.1 kernel, everything that a probe may be placed at. */
-    void usual_files();
+    void default_files();
 
     /* Definitions whose text has this word in it are refused with the kernel's words. */
     void refuse(const std::string &word, const std::string &why);

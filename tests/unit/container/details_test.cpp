@@ -167,7 +167,7 @@ TEST_F(ContainerLibHostileFiles, LinksAreNotFollowed)
     EXPECT_FALSE(container::read_details(tree.root(), kId).known) << "a file";
     tree.remove(kDirectory);
     tree.link(kDirectory, tree.path("elsewhere"));
-    EXPECT_FALSE(container::read_details(tree.root(), kId).known) << "a container's folder";
+    EXPECT_FALSE(container::read_details(tree.root(), kId).known) << "a container's directory";
 }
 
 TEST_F(ContainerLibHostileFiles, EnginesDirectoryMayBeALinkThatStaysInside)

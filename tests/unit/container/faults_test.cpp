@@ -132,10 +132,10 @@ TEST(ContainerLibFileFaults, FilesThatCannotBeReadAreNotThere)
 TEST(ContainerLibFileFaults, WithoutOpenat2TheSameIsFound)
 {
     for (const std::string &id : kKnown) {
-        const Details usual = container::read_details(kEngines, id);
+        const Details whole = container::read_details(kEngines, id);
         for (const int error : {ENOSYS, EPERM}) {
             const Fault fault("openat2", 1, error, 100'000);
-            EXPECT_TRUE(equal(container::read_details(kEngines, id), usual)) << id;
+            EXPECT_TRUE(equal(container::read_details(kEngines, id), whole)) << id;
             EXPECT_TRUE(fault.hit());
         }
     }

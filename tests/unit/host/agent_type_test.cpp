@@ -80,7 +80,7 @@ TEST(AgentType, IsHostWhereTheHostsFilesAreOutOfSight)
     half.root().dir("rootfs/etc");
     EXPECT_EQ("", half.has(".dockerenv").type());
     Machine files(false);
-    EXPECT_EQ("", files.has("rootfs/etc").has("rootfs/usr").has(".dockerenv").type()) << "not folders";
+    EXPECT_EQ("", files.has("rootfs/etc").has("rootfs/usr").has(".dockerenv").type()) << "not directories";
     Machine itself(false);
     itself.root().dir("etc");
     itself.root().dir("usr");

@@ -95,7 +95,7 @@ TEST(Path, OfOneDirectorysInstallationIsNotTheSystems)
     using host::system_place;
     const char *const config = "@/../config/fmon.ini";
     EXPECT_EQ(std::nullopt, system_place(config, "/opt/fmon/bin", "/opt/fmon/lib"));
-    EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/usr/lib")) << "installed below /usr as one folder";
+    EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/usr/lib")) << "installed below /usr as one directory";
     EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/opt/agent/lib")) << "an interpreter that loaded it";
     EXPECT_EQ(std::nullopt, system_place(config, "/opt/agent/bin", "/usr/lib/fmon")) << "an agent that borrows it";
     EXPECT_EQ(std::nullopt, system_place(config, "/a/usr/bin", "/b/usr/lib/fmon"));

@@ -26,7 +26,7 @@ struct Calibration {
     explicit Calibration(bool is_64) : kernel(is_64, "6.1.0-test"), subjects(prepared(&kernel)) {}
     static KernelDouble *prepared(KernelDouble *kernel)
     {
-        kernel->usual_files();
+        kernel->default_files();
         return kernel;
     }
     Facts gather()
@@ -84,7 +84,7 @@ TEST(KprobeCalibrate, BelievesNothingThatDoesNotFit)
 TEST(KprobeCalibrate, WatchesOfOtherNumbers)
 {
     KernelDouble kernel(false);
-    kernel.usual_files();
+    kernel.default_files();
     const Subjects subjects(&kernel, 7);
     Tracefs tracefs;
     Facts facts;

@@ -36,7 +36,7 @@ TEST(KprobeCpus, OneThatIsOfflineMakesNothingFail)
 TEST(KprobeCpus, OneThatWentSinceTheyWereCounted)
 {
     testlib::KernelDouble kernel;
-    kernel.usual_files();
+    kernel.default_files();
     kernel.perf.go_offline(1);
     kprobe::Tracefs tracefs;
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();

@@ -114,7 +114,7 @@ TEST(KprobeExport, WhereTheyWork)
 {
     in_child([] {
         KernelDouble kernel;
-        kernel.usual_files();
+        kernel.default_files();
         const kp_os_info *info = nullptr;
         ASSERT_EQ(0, _os_info_get(&info));
         EXPECT_EQ(1, info->count);
@@ -130,7 +130,7 @@ TEST(KprobeExport, switches)
 {
     in_child([] {
         KernelDouble kernel;
-        kernel.usual_files();
+        kernel.default_files();
         const Started started;
         void *handle = started.handle;
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc", "mnt==23");
@@ -152,7 +152,7 @@ TEST(KprobeExport, a_record_and_its_count)
 {
     in_child([] {
         KernelDouble kernel;
-        kernel.usual_files();
+        kernel.default_files();
         testlib::KernelObjects objects(&kernel.memory);
         const Started started;
         void *handle = started.handle;
@@ -187,7 +187,7 @@ TEST(KprobeExport, InAForkedProcess)
 {
     in_child([] {
         KernelDouble kernel;
-        kernel.usual_files();
+        kernel.default_files();
         testlib::KernelObjects objects(&kernel.memory);
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc");
         kp_probe_def def = probe.record();
@@ -223,7 +223,7 @@ TEST(KprobeExport, AForkWhileTheLibraryTriesThingsOut)
 {
     in_child([] {
         KernelDouble kernel(false);
-        kernel.usual_files();
+        kernel.default_files();
         Subjects subjects(&kernel);
         std::thread forking;
         int status = -1;
@@ -257,7 +257,7 @@ TEST(KprobeExport, ManyForksWhileRecordsCome)
 {
     in_child([] {
         KernelDouble kernel;
-        kernel.usual_files();
+        kernel.default_files();
         testlib::KernelObjects objects(&kernel.memory);
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc");
         kp_probe_def def = probe.record();

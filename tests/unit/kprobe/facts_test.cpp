@@ -123,7 +123,7 @@ TEST(KprobeFacts, FromTypesOfOtherKernels)
 TEST(KprobeFacts, GatheredWithTypeInformation)
 {
     KernelDouble kernel(true, "6.1.176-test");
-    kernel.usual_files();
+    kernel.default_files();
     Facts facts;
     std::string why;
     ASSERT_TRUE(gathered(kernel, &facts, &why)) << why;
@@ -141,7 +141,7 @@ TEST(KprobeFacts, GatheredWithTypeInformation)
 TEST(KprobeFacts, GatheredFromSymbols)
 {
     KernelDouble kernel(false, "5.10.0-32-686");
-    kernel.usual_files();
+    kernel.default_files();
     kernel.no_file("/sys/kernel/btf/vmlinux");
     kernel.file("/proc/kallsyms", "c1 T vfs_link\nc2 T inotify_handle_inode_event\n");
     kernel.refuse(" inotify_handle_inode_event", "no calibration here");
@@ -162,7 +162,7 @@ TEST(KprobeFacts, GatheredFromSymbols)
 TEST(KprobeFacts, MachinesWithoutProbes)
 {
     KernelDouble kernel;
-    kernel.usual_files();
+    kernel.default_files();
     Facts facts;
     std::string why;
     for (const char *machine : {"aarch64", "i86", "x86", "ia64", "", "i686x"}) {

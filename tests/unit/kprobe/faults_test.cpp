@@ -49,7 +49,7 @@ TEST(KprobeFaults, NothingIsLeftWhateverFails)
                 {"access", ENOENT, 1},
                 {"read", EIO, 30}};
     KernelDouble kernel;
-    kernel.usual_files();
+    kernel.default_files();
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     const int before = open_descriptors();
     for (const auto &row : rows) {
@@ -90,7 +90,7 @@ TEST(KprobeFaults, DefinitionsThatCannotBeWritten)
 TEST(KprobeFaults, ADefinitionThatStays)
 {
     KernelDouble kernel;
-    kernel.usual_files();
+    kernel.default_files();
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     kprobe::Tracefs tracefs;
     std::string why;

@@ -169,7 +169,7 @@ TEST(KprobeInstanceProbes, Defined)
 TEST(KprobeInstanceProbes, AnEndThatLeavesNothing)
 {
     testlib::KernelDouble kernel;
-    kernel.usual_files();
+    kernel.default_files();
     kprobe::Tracefs tracefs;
     std::string why;
     ASSERT_TRUE(tracefs.find(&why));

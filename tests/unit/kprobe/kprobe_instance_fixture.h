@@ -108,7 +108,7 @@ struct Fixture {
           super(objects.super_block(kDevice))
     {
         std::string why;
-        kernel.usual_files();
+        kernel.default_files();
         received.clear();
         testlib::take_log();
         EXPECT_TRUE(tracefs.find(&why)) << why;

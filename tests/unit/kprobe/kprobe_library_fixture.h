@@ -69,7 +69,7 @@ struct Whole {
 
     explicit Whole(bool is_64 = true) : kernel(is_64), objects(&kernel.memory), super(objects.super_block(kDevice))
     {
-        kernel.usual_files();
+        kernel.default_files();
         if (!is_64)
             subjects.emplace(&kernel);
         received.clear();

@@ -67,7 +67,7 @@ struct Library {
     void *handle = nullptr;
     int32_t *fds = nullptr, count = 0;
 
-    Library() : objects(&kernel.memory), super(objects.super_block(kDevice)) { kernel.usual_files(); }
+    Library() : objects(&kernel.memory), super(objects.super_block(kDevice)) { kernel.default_files(); }
     ~Library()
     {
         kp_ins_del(handle);

@@ -273,7 +273,7 @@ TEST(Fault, CountsTheArmingThreadOnly)
 
 TEST(Fault, ReachesAllThreadsWhenAsked)
 {
-    Fault fault("stat", 1, EIO, 1, ThreadScope::all);
+    Fault fault("stat", 1, EIO, 1, ThreadScope::kAll);
     bool other = true;
     std::thread([&] { other = try_stat(); }).join();
     EXPECT_FALSE(other);

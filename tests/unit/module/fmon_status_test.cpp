@@ -40,7 +40,7 @@ TEST_F(MonitorStatus, OnFromItsStart)
 
 TEST_F(MonitorStatus, WithoutAThreadItCannotWork)
 {
-    testlib::set_thread_mode(testlib::ThreadMode::fail);
+    testlib::set_thread_mode(testlib::ThreadMode::kFail);
     start();
     expect_source(status_now().monitor, FMON_SOURCE_REFUSED, FMON_WHY_OTHER, -1, "create file monitor thread failed");
 }

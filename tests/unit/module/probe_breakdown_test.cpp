@@ -79,7 +79,7 @@ int32_t count_event(struct event *)
 void start_thread(ProbeMachine &m)
 {
     m.fanotify.has_init = false;
-    testlib::set_thread_mode(testlib::ThreadMode::start);
+    testlib::set_thread_mode(testlib::ThreadMode::kStart);
     ASSERT_EQ(0, orx_fmon_init(0, nullptr));
     ASSERT_TRUE(m.probes.await_calls("evt_reg Ki", 1));
     ASSERT_EQ(0, _orx_fmon_create_instance("first", count_event));
@@ -93,7 +93,7 @@ PROBE_CASE(ProbeThread, RecordsWakeIt)
         m.happens("Kc", "f" + std::to_string(i));
         EXPECT_TRUE(seen.becomes(i)) << seen.now();
     }
-    testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
+    testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::kAll);
     testlib::join_threads();
     EXPECT_EQ(0u, fmon.inited);
     EXPECT_EQ(nullptr, clt_file.instance.load());
@@ -121,7 +121,7 @@ PROBE_CASE(ProbeThread, AClosedDescriptorEndsItInOrder)
     seen.reset();
     m.happens("Kc", "again");
     EXPECT_TRUE(seen.becomes(1)) << seen.now();
-    testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
+    testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::kAll);
     testlib::join_threads();
 }
 

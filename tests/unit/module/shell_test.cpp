@@ -98,7 +98,7 @@ TEST_F(Entry, GoesOnWithoutRateControl)
 
 TEST_F(Entry, StaysRunningWithoutAThread)
 {
-    testlib::set_thread_mode(testlib::ThreadMode::fail);
+    testlib::set_thread_mode(testlib::ThreadMode::kFail);
     EXPECT_EQ(0, orx_fmon_init(0, nullptr));
     EXPECT_TRUE(logged(1, "create file monitor thread failed\n"));
     EXPECT_EQ(FMON_RUNNING, fmon_shell.run_state);
@@ -159,7 +159,7 @@ TEST_F(Entry, AsksForTheContainerOnEveryCall)
 class Config : public ShellTest
 {
 protected:
-    Config() { testlib::set_thread_mode(testlib::ThreadMode::record); }
+    Config() { testlib::set_thread_mode(testlib::ThreadMode::kRecord); }
 
     /* Reads fmon.ini without starting: an interval of 1 ms is refused before anything is made. */
     void read(testlib::Ini ini)

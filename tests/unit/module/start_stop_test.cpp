@@ -251,14 +251,14 @@ TEST_F(StartStop, WithTheThread)
 {
     m.fanotify.has_init = false; /* it would be ready all the time */
     rounds([this](int round) {
-        testlib::set_thread_mode(testlib::ThreadMode::start);
+        testlib::set_thread_mode(testlib::ThreadMode::kStart);
         ASSERT_EQ(0, orx_fmon_init(0, nullptr));
         if (round == 0) {
             ASSERT_EQ(0, _orx_fmon_create_instance("stays", [](struct event *) -> int32_t { return 0; }));
         }
         ASSERT_EQ(0, _orx_fmon_global_watch(0, FMON_CREATE, 1));
         EXPECT_TRUE(m.probes.await_calls("evt_reg Ki", 1));
-        testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
+        testlib::Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::kAll);
         m.happen(1); /* wakes it */
         testlib::join_threads();
         EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);

@@ -217,11 +217,11 @@ TEST_F(Agent, StartsThreadsAsTold)
     join_threads();
     EXPECT_EQ(0, ran);
     EXPECT_EQ(last_thread_fn(), thread_body);
-    set_thread_mode(ThreadMode::start);
+    set_thread_mode(ThreadMode::kStart);
     EXPECT_EQ(0, cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg));
     join_threads();
     EXPECT_EQ(5, ran);
-    set_thread_mode(ThreadMode::fail);
+    set_thread_mode(ThreadMode::kFail);
     EXPECT_LT(cl_ev_create_isolated_thread(&handle, nullptr, thread_body, &arg), 0);
     EXPECT_EQ(2, threads_created());
 }

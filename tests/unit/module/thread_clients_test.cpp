@@ -132,7 +132,7 @@ class RealThread : public ShellTest
 protected:
     RealThread()
     {
-        testlib::set_thread_mode(testlib::ThreadMode::start);
+        testlib::set_thread_mode(testlib::ThreadMode::kStart);
         backend.fds = {wake.read_fd()};
         backend.on_read = [this](struct fmon *, uint32_t, fmon_event_cb) {
             if (backend.fds[0] == -1) {
@@ -145,7 +145,7 @@ protected:
     }
     ~RealThread() override
     {
-        Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::all);
+        Fault broken("select", 1, EBADF, 1000, testlib::ThreadScope::kAll);
         wake.put("x");
         testlib::join_threads();
         EXPECT_EQ(FMON_STOPPED, fmon_shell.run_state);
