@@ -12,7 +12,7 @@ namespace
 
 constexpr std::string_view kSuffix = " (deleted)";
 
-/* Kinds that come with a file instead of a name in a folder, where the process is known. */
+/* Kinds that come with a file instead of a name in a directory, where the process is known. */
 constexpr uint32_t kOfFile = FMON_OPEN | FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE;
 
 }  // namespace

@@ -14,7 +14,7 @@ namespace agent
 namespace
 {
 
-rlim_t g_usual; /* before the limit was raised; 0: it was not */
+rlim_t g_given; /* before the limit was raised; 0: it was not */
 
 }  // namespace
 
@@ -55,12 +55,12 @@ void raise_descriptor_limit()
     struct rlimit limit = {};
     if (getrlimit(RLIMIT_NOFILE, &limit) != 0 || limit.rlim_cur >= limit.rlim_max)
         return;
-    const rlim_t usual = limit.rlim_cur;
+    const rlim_t given = limit.rlim_cur;
     limit.rlim_cur = limit.rlim_max;
     if (setrlimit(RLIMIT_NOFILE, &limit) == 0)
-        g_usual = usual;
+        g_given = given;
 }
 
-std::string usual_descriptors() { return g_usual ? "ulimit -S -n " + std::to_string(uint64_t{g_usual}) + "\n" : ""; }
+std::string usual_descriptors() { return g_given ? "ulimit -S -n " + std::to_string(uint64_t{g_given}) + "\n" : ""; }
 
 }  // namespace agent

@@ -52,7 +52,7 @@ void sweep(const std::string &path, int folder)
     }
 }
 
-// The folder's owner is who may have put it there.
+// The directory's owner is who may have put it there.
 int check_peer(int fd, pid_t pid, uid_t owner)
 {
     const Peer peer = peer_of(fd);

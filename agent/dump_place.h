@@ -1,5 +1,5 @@
 /*
- * dump_place.h: the folder in which watches have their sockets, one for each user, which nobody else can enter.
+ * dump_place.h: the directory in which watches have their sockets, one for each user, which nobody else can enter.
  */
 #ifndef AGENT_DUMP_PLACE_H
 #define AGENT_DUMP_PLACE_H
@@ -23,8 +23,8 @@ std::string socket_name(pid_t pid);                         /* "fmon-12.socket" 
 pid_t pid_of_name(std::string_view name);                   /* 0: no such name */
 std::vector<pid_t> pids_in_folder(const std::string &path); /* by the names of the files in it */
 
-/* The folder itself, for names below it, and whose it is. Null, with errno: it is not there, a link, or (EPERM) not a
- * folder that nobody but its owner can enter. */
+/* The directory itself, for names below it, and whose it is. Null, with errno: it is not there, a link, or (EPERM) not
+ * a directory that nobody but its owner can enter. */
 common::Fd open_private_folder(const std::string &path, uid_t &owner);
 
 /* Makes it first where it is missing; the caller's own. */
@@ -34,8 +34,8 @@ common::Fd make_private_folder(const std::string &path);
  * there is none to be had, or another listens under that name already. */
 common::Fd listen_in(const std::string &path, int backlog);
 
-/* 0 and `out` connected, or an errno: ENOENT and ECONNREFUSED nobody listens, EACCES the folder is another user's,
- * EPERM what listens is not that process, or not the user's whose folder it is. */
+/* 0 and `out` connected, or an errno: ENOENT and ECONNREFUSED nobody listens, EACCES the directory is another user's,
+ * EPERM what listens is not that process, or not the user's whose directory it is. */
 int connect_in(const std::string &path, pid_t pid, common::Fd &out);
 
 }  // namespace agent

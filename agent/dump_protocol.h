@@ -1,7 +1,7 @@
 /*
  * dump_protocol.h: what `fmon dump` and a running `fmon watch` say to each other.
  *
- * A watch listens on a socket named after its process, in a folder that only its user can enter (dump_place.h). The
+ * A watch listens on a socket named after its process, in a directory that only its user can enter (dump_place.h). The
  * asker sends one line, "dump TYPE HOLD\n", and reads records until the end of the stream: a kind, a text, a NUL. Texts
  * may hold any byte but NUL, so that names arrive whole; whoever shows them escapes them. Both sides ask the kernel who
  * the other one is.

@@ -37,7 +37,7 @@ public:
     DumpServer(const DumpServer &) = delete;
     DumpServer &operator=(const DumpServer &) = delete;
 
-    /* False: there is no socket or thread to be had, or the user has no folder for it; then nobody can ask. */
+    /* False: there is no socket or thread to be had, or the user has no directory for it; then nobody can ask. */
     bool start();
     /* Ends the thread, and a hold under way: true when there was one. The socket is gone then. */
     bool stop();

@@ -39,7 +39,8 @@ private:
     std::vector<std::string> hidden_;
 };
 
-/* How many folders below `root` the folder of `path` lies: 0 for root itself and its entries; -1 when not below it. */
+/* How many directories below `root` the directory of `path` lies: 0 for root itself and its entries; -1 when not below
+ * it. */
 int folder_depth(std::string_view root, std::string_view path);
 
 /* Whether `path` is `root` or lies below it. */

@@ -19,14 +19,14 @@ namespace
 constexpr char kFolder[] = "@/../var/log/agent/fmon"; /* as the monitor asks for it */
 constexpr int kEachEvent = ORX_LOG_INFO;              /* the level from which on events have lines */
 
-// Below the folder that a variable of the environment names; empty: it names none.
+// Below the directory that a variable of the environment names; empty: it names none.
 std::string below(const char *variable, const char *rest)
 {
     const char *folder = secure_getenv(variable);
     return folder && folder[0] == '/' ? std::string(folder) + rest : std::string();
 }
 
-// The folder below which all that matches lies.
+// The directory below which all that matches lies.
 std::string fixed_part(const std::string &path)
 {
     const size_t star = path.find('*');

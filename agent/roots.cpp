@@ -34,8 +34,8 @@ bool covers(const std::vector<Mount> &mounts, const std::string &path, uint64_t 
 
 }  // namespace
 
-// A rename of the path itself would have made an event, so a missing path whose folder is there was removed while it
-// was still open, and one without folder was moved with it.
+// A rename of the path itself would have made an event, so a missing path whose directory is there was removed while it
+// was still open, and one without directory was moved with it.
 const char *end_reason(const std::string &path, const Identity &then)
 {
     const Identity now = identify(path);

@@ -32,7 +32,7 @@ public:
     /* An event of a kind that ends a watch, on any path. */
     void event(std::string_view path, uint32_t mask);
 
-    /* Looks at the paths themselves: a mount that goes, and a folder above that is renamed, make no event. */
+    /* Looks at the paths themselves: a mount that goes, and a directory above that is renamed, make no event. */
     void look();
 
     bool all_ended() const;

@@ -55,7 +55,7 @@ private:
     std::vector<std::string> roots_;
     const uint32_t max_depth_;
     int instance_ = -1;
-    std::vector<std::string> again_; /* folders to be walked whatever they hold */
+    std::vector<std::string> again_; /* directories to be walked whatever they hold */
     common::Fd wake_;
     common::Mutex lock_;
     std::vector<std::string> made_ GUARDED_BY(lock_);

@@ -1,9 +1,9 @@
 /*
  * waiting.h: paths that may come and go (--wait), and patterns with what they match.
  *
- * The command looks for them itself: it knows what it watches by device, inode and mount, so that a path whose folders
- * were replaced, or that something was mounted over, is given up and taken up anew; and it chooses which links it
- * follows.
+ * The command looks for them itself: it knows what it watches by device, inode and mount, so that a path whose
+ * directories were replaced, or that something was mounted over, is given up and taken up anew; and it chooses which
+ * links it follows.
  */
 #ifndef AGENT_WAITING_H
 #define AGENT_WAITING_H

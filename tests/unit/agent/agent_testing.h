@@ -19,7 +19,7 @@
 namespace agent_testing
 {
 
-/* A fresh folder, by its real path, removed at the end. */
+/* A fresh directory, by its real path, removed at the end. */
 class Folder
 {
 public:

@@ -57,7 +57,7 @@ TEST(CliDumpPlace, OnlyAPrivateFolderIsUsed)
     EXPECT_FALSE(make_private_folder(folder.path("no/such")));
 }
 
-/* What is no socket of the folder's own is not connected to. */
+/* What is no socket of the directory's own is not connected to. */
 TEST(CliDumpPlace, LinksAreNotFollowed)
 {
     const agent_testing::Folder folder, elsewhere;

@@ -19,7 +19,7 @@ namespace
 
 constexpr uint32_t kPid = 77;
 
-/* A folder that looks like /proc to the reader. */
+/* A directory that looks like /proc to the reader. */
 class ProcFolder : public testing::Test
 {
 protected:

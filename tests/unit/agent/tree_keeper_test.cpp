@@ -174,7 +174,7 @@ TEST(CliTree, OrderOfPaths)
 namespace
 {
 
-/* Roots in a folder, and what was said of their end. */
+/* Roots in a directory, and what was said of their end. */
 class Guard : public testing::Test
 {
 protected:

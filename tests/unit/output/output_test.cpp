@@ -199,7 +199,7 @@ TEST(CliExec, ACommandHasTheLimitOfDescriptorsThatWas)
     struct rlimit limit = {};
     getrlimit(RLIMIT_NOFILE, &limit);
     ASSERT_GT(limit.rlim_max, 200u);
-    const rlim_t usual = limit.rlim_cur;
+    const rlim_t given = limit.rlim_cur;
     limit.rlim_cur = 200;
     ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &limit));
     raise_descriptor_limit();
@@ -212,7 +212,7 @@ TEST(CliExec, ACommandHasTheLimitOfDescriptorsThatWas)
                     .run(event_of("/a", FMON_CREATE), always, trouble));
     EXPECT_EQ("", trouble);
     EXPECT_EQ(content(folder.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
-    limit.rlim_cur = usual;
+    limit.rlim_cur = given;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
 
