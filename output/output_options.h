@@ -11,12 +11,9 @@
 namespace output
 {
 
-enum class Form { kText, kJson, kCsv, kTemplate };
-
 struct OutputOptions {
     std::vector<std::string> include, exclude; /* regular expressions on the path */
-    Form form = Form::kText;
-    std::string pattern; /* of kTemplate */
+    std::string format = "text";               /* a name of formats.h, or a template */
     bool null_end = false;
     std::string output; /* empty: stdout */
     bool append = false;

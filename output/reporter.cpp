@@ -6,6 +6,7 @@
 #include "agent/message.h"
 #include "agent/signals.h"
 #include "agent/time_format.h"
+#include "formats.h"
 #include "print.h"
 
 namespace output
@@ -15,21 +16,6 @@ namespace
 {
 
 constexpr uint64_t kFailurePauseMs = 1000;
-
-std::unique_ptr<Formatter> make_formatter(const OutputOptions &options, const FormatStyle &style, std::string &error)
-{
-    switch (options.form) {
-        case Form::kJson:
-            return make_json_formatter(style);
-        case Form::kCsv:
-            return make_csv_formatter(style);
-        case Form::kTemplate:
-            return make_template_formatter(style, options.pattern, error);
-        case Form::kText:
-            break;
-    }
-    return make_text_formatter(style);
-}
 
 }  // namespace
 
@@ -42,8 +28,10 @@ bool Reporter::prepare(std::string &error)
     for (const std::string &pattern : options_.exclude)
         if (!filter_.exclude(pattern, reason))
             error = "--exclude '" + pattern + "' is no regular expression: " + reason;
-    if (!error.empty() || (options_.form == Form::kTemplate && !make_formatter(options_, style_, error)))
+    if (!error.empty() || !make_formatter(options_.format, style_, error))
         return false;
+    const FormatRow *const form = find_format(options_.format);
+    has_records_ = form && form->has_records;
     if (!Output::check(options_.output, error))
         return false;
     if (!options_.exec.empty())
@@ -80,7 +68,7 @@ bool Reporter::begin(std::string &error)
     style_.terminal = output_.is_terminal();
     style_.colours = style_.terminal && wants_colours();
     output_.set_end(style_.end);
-    formatter_ = make_formatter(options_, style_, error);
+    formatter_ = make_formatter(options_.format, style_, error);
     if (own.empty() || output_.is_empty())
         formatter_->begin(output_.buffer());
     return true;

@@ -54,7 +54,7 @@ public:
     int status() const { return status_; }
     uint64_t shown() const { return shown_; } /* events */
     int output_fd() const { return output_.fd(); }
-    bool has_records() const { return options_.form == Form::kJson; } /* beside events */
+    bool has_records() const { return has_records_; } /* beside events */
 
 private:
     bool wants(const agent::Event &event) const;
@@ -79,6 +79,7 @@ private:
     struct {
         uint64_t count = 0, reported_ms = 0; /* since a report, and when that was */
     } failures_;                             /* of commands */
+    bool has_records_ = false;
     bool finished_ = false;
     int status_ = 0;
 };

@@ -3,6 +3,7 @@
 #include "agent/event_names.h"
 #include "option_values.h"
 #include "options.h"
+#include "output/formats.h"
 
 namespace cli
 {
@@ -82,7 +83,7 @@ constexpr OptionRow<O> kRows[] = {
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %t "
       "time, %% a percent\nsign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
-      one_of("text json csv")},
+      one_of([] { return output::format_names(" "); })},
      take::format},
     {{'0', "null", nullptr, "end records with a NUL instead of a newline"}, set_flag<O, &O::null_end>},
     {{'o', "output", "FILE", "write to FILE instead of stdout; what it held is replaced\nwhen all watches are in place",

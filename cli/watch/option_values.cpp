@@ -5,6 +5,7 @@
 
 #include "agent/event_names.h"
 #include "agent/settings.h"
+#include "output/formats.h"
 
 namespace cli
 {
@@ -54,15 +55,9 @@ bool events(WatchOptions &options, const Given &given, std::string &error)
 // Any "%" makes a template: a misspelt name of a form would otherwise be printed for every event.
 bool format(WatchOptions &options, const Given &given, std::string &error)
 {
-    const int form = find_word(given.option.words, given.value);
-    const bool is_template = form < 0 && strchr(given.value, '%');
-    if (form >= 0)
-        options.form = static_cast<output::Form>(form);
-    if (is_template) {
-        options.form = output::Form::kTemplate;
-        options.pattern = given.value;
-    }
-    return form >= 0 || is_template || bad_value(given, "text, json, csv or a template such as '%e %p'", error);
+    options.format = given.value;
+    return output::find_format(given.value) || strchr(given.value, '%') ||
+           bad_value(given, output::format_names() + " or a template such as '%e %p'", error);
 }
 
 bool count(WatchOptions &options, const Given &given, std::string &error)

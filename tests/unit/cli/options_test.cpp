@@ -20,7 +20,7 @@ TEST(CliOptions, Defaults)
     ASSERT_TRUE(parsed.ok) << parsed.error;
     EXPECT_EQ((std::vector<std::string>{"/a", "b"}), parsed.options.paths);
     EXPECT_EQ(0u, parsed.options.events);
-    EXPECT_EQ(output::Form::kText, parsed.options.form);
+    EXPECT_EQ("text", parsed.options.format);
     EXPECT_FALSE(parsed.options.recursive || parsed.options.pid || parsed.options.keep_going);
 }
 
@@ -65,7 +65,7 @@ TEST(CliOptions, EveryValue)
     EXPECT_EQ(agent::Probes::kOff, o.options.probes);
     EXPECT_TRUE(o.options.log_to_stderr);
     EXPECT_EQ(3, o.options.log_level);
-    EXPECT_EQ(output::Form::kCsv, o.options.form);
+    EXPECT_EQ("csv", o.options.format);
 }
 
 TEST(CliOptions, OptionsMayFollowPathsUntilTwoDashes)
@@ -165,8 +165,7 @@ TEST(CliOptions, LimitsAreAccepted)
 TEST(CliOptions, APercentSignMakesATemplate)
 {
     const auto o = parse({"--format", "%e %p", "/a"});
-    EXPECT_EQ(output::Form::kTemplate, o.options.form);
-    EXPECT_EQ("%e %p", o.options.pattern);
+    EXPECT_EQ("%e %p", o.options.format);
 }
 
 TEST(CliOptions, HelpWantsNoPath)

@@ -63,7 +63,7 @@ TEST(CliTables, OfWatch)
                                  {"system", nullptr, [](const O &o) { return o.system; }},
                                  {"include", "a", [](const O &o) { return o.include == Texts{"a"}; }},
                                  {"exclude", "a", [](const O &o) { return o.exclude == Texts{"a"}; }},
-                                 {"format", "csv", [](const O &o) { return o.form == output::Form::kCsv; }},
+                                 {"format", "csv", [](const O &o) { return o.format == "csv"; }},
                                  {"null", nullptr, [](const O &o) { return o.null_end; }},
                                  {"output", "/out", [](const O &o) { return o.output == "/out"; }},
                                  {"append", nullptr, [](const O &o) { return o.append; }},
@@ -113,8 +113,8 @@ TEST(CliTables, ChoicesReachEachOfTheirValues)
     EXPECT_EQ(agent::Probes::kAuto, parse(kWatch, {"--probes=off", "--probes=auto"}).options.probes);
     EXPECT_EQ(agent::Probes::kOn, parse(kWatch, {"--probes=on"}).options.probes);
     EXPECT_FALSE(parse(kWatch, {"--log=stderr", "--log=file"}).options.log_to_stderr);
-    EXPECT_EQ(output::Form::kText, parse(kWatch, {"-fcsv", "-ftext"}).options.form);
-    EXPECT_EQ(output::Form::kJson, parse(kWatch, {"-fjson"}).options.form);
+    EXPECT_EQ("text", parse(kWatch, {"-fcsv", "-ftext"}).options.format);
+    EXPECT_EQ("json", parse(kWatch, {"-fjson"}).options.format);
     EXPECT_FALSE(parse(cli::kDoctor, {"-fjson", "-ftext"}).options.json);
     EXPECT_FALSE(parse(cli::kOffsets, {"-fjson", "-ftext"}).options.json);
 }

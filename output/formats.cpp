@@ -1,0 +1,41 @@
+#include "formats.h"
+
+namespace output
+{
+
+namespace
+{
+
+constexpr FormatRow kFormats[] = {
+    {"text", false, make_text_formatter},
+    {"json", true, make_json_formatter},
+    {"csv", false, make_csv_formatter},
+};
+
+}  // namespace
+
+std::span<const FormatRow> formats() { return kFormats; }
+
+const FormatRow *find_format(std::string_view name)
+{
+    for (const FormatRow &row : kFormats)
+        if (name == row.name)
+            return &row;
+    return nullptr;
+}
+
+std::string format_names(const char *separator)
+{
+    std::string names;
+    for (const FormatRow &row : kFormats)
+        names += (names.empty() ? "" : separator) + std::string(row.name);
+    return names;
+}
+
+std::unique_ptr<Formatter> make_formatter(const std::string &format, const FormatStyle &style, std::string &error)
+{
+    const FormatRow *row = find_format(format);
+    return row ? row->make(style) : make_template_formatter(style, format, error);
+}
+
+}  // namespace output
