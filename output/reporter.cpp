@@ -1,7 +1,5 @@
 #include "reporter.h"
 
-#include <algorithm>
-
 #include "agent/deleted_path.h"
 #include "agent/message.h"
 #include "agent/signals.h"
@@ -12,48 +10,26 @@
 namespace output
 {
 
-namespace
-{
-
-constexpr uint64_t kFailurePauseMs = 1000;
-
-}  // namespace
-
 bool Reporter::prepare(std::string &error)
 {
-    std::string reason;
-    for (const std::string &pattern : options_.include)
-        if (!filter_.include(pattern, reason))
-            error = "--include '" + pattern + "' is no regular expression: " + reason;
-    for (const std::string &pattern : options_.exclude)
-        if (!filter_.exclude(pattern, reason))
-            error = "--exclude '" + pattern + "' is no regular expression: " + reason;
-    if (!error.empty() || !make_formatter(options_.format, style_, error))
-        return false;
     const FormatRow *const form = find_format(options_.format);
     has_records_ = form && form->has_records;
-    if (!Output::check(options_.output, error))
-        return false;
-    if (!options_.exec.empty())
-        executor_ = std::make_unique<Executor>(options_.exec);
-    return true;
-}
-
-void Reporter::set_plan(const agent::Plan &plan)
-{
-    style_.container_name = [this](std::string_view id) { return container_names_.find(id, agent::steady_ms()); };
-    for (const agent::PlannedInstance &instance : plan.instances) {
-        style_.sources.push_back(instance.name);
-        shown_kinds_.push_back(instance.shown);
-    }
-    for (const agent::Root &root : plan.roots)
-        roots_.push_back(root.path);
+    return selection_.set_patterns(options_, error) && make_formatter(options_.format, style_, error) &&
+           Output::check(options_.output, error);
 }
 
 void Reporter::hide(const std::vector<std::string> &paths)
 {
     for (const std::string &path : paths)
-        filter_.hide(path);
+        selection_.hide(path);
+}
+
+void Reporter::set_plan(const agent::Plan &plan)
+{
+    style_.container_name = [this](std::string_view id) { return container_names_.find(id, agent::steady_ms()); };
+    for (const agent::PlannedInstance &instance : plan.instances)
+        style_.sources.push_back(instance.name);
+    selection_.set_plan(plan);
 }
 
 // A file that grows has its heading already.
@@ -63,7 +39,7 @@ bool Reporter::begin(std::string &error)
         return false;
     const std::string own = output_.file_path();
     if (!own.empty())
-        filter_.hide(own);
+        selection_.hide(own);
     style_.end = options_.null_end ? '\0' : '\n';
     style_.terminal = output_.is_terminal();
     style_.colours = style_.terminal && wants_colours();
@@ -74,43 +50,21 @@ bool Reporter::begin(std::string &error)
     return true;
 }
 
-void Reporter::add_root(const std::string &path)
-{
-    if (std::find(roots_.begin(), roots_.end(), path) == roots_.end())
-        roots_.push_back(path);
-}
-
-bool Reporter::is_within_depth(std::string_view path) const
-{
-    if (request_.max_depth == 0)
-        return true;
-    // New directories are followed however deep they are; the limit is kept here.
-    return std::any_of(roots_.begin(), roots_.end(), [&](const std::string &root) {
-        const int depth = agent::folder_depth(root, path);
-        return depth >= 0 && static_cast<uint32_t>(depth) <= request_.max_depth;
-    });
-}
-
-bool Reporter::wants(const agent::Event &event) const
-{
-    return (event.mask & shown_kinds_[event.source]) && is_within_depth(event.path) && filter_.shows(event.path);
-}
-
 void Reporter::event(const agent::Event &event)
 {
     std::string path;
     agent::Event visible = event;
-    take_deleted(visible, path);
-    if (finished_ || !wants(visible))
+    agent::take_deleted(visible, path);
+    visible.mask = finished_ ? 0 : selection_.shown_kinds(visible);
+    if (visible.mask == 0)
         return;
     if (gives_up()) {
         dropped_++;
         return;
     }
-    visible.mask &= shown_kinds_[event.source];
     formatter_->event(visible, output_.buffer());
     shown_++;
-    if (executor_)
+    if (commands_)
         execute(visible);
     else
         check_output(output_.flush_if_large(agent::patience_ms));
@@ -120,38 +74,15 @@ void Reporter::event(const agent::Event &event)
 
 bool Reporter::gives_up() const
 {
-    return output_.gave_up() || (agent::stop_requested() && (executor_ || agent::patience_ms(true) == 0));
+    return output_.gave_up() || (agent::stop_requested() && (commands_ || agent::patience_ms(true) == 0));
 }
 
 // The record is out before its command runs, so that both appear in order on one terminal.
 void Reporter::execute(const agent::Event &event)
 {
     flush();
-    std::string trouble;
-    if (finished_)
-        return;
-    const bool started = executor_->run(
-        event, [] { return agent::patience_ms(); }, trouble);
-    if (!started) {
-        agent::complain(trouble);
+    if (!finished_ && !commands_.run(event))
         finish(agent::kError);
-    } else if (!trouble.empty()) {
-        tell_failure(trouble);
-    }
-}
-
-// One line a second: a command that always fails runs as often as there are events.
-void Reporter::tell_failure(const std::string &line)
-{
-    const uint64_t now = agent::steady_ms();
-    failures_.count++;
-    if (failures_.reported_ms != 0 && now < failures_.reported_ms + kFailurePauseMs && !agent::stop_requested())
-        return;
-    agent::complain(failures_.count == 1
-                        ? line
-                        : line + "; " + agent::with_commas(failures_.count - 1) + " before that failed, too");
-    failures_.count = 0;
-    failures_.reported_ms = now;
 }
 
 void Reporter::established(const Established &all)
@@ -185,10 +116,9 @@ void Reporter::flush() { check_output(output_.flush(agent::patience_ms)); }
 
 void Reporter::tell_dropped() const
 {
-    if (failures_.count)
-        agent::complain("the command of --exec failed " + agent::counted(failures_.count, "more time"));
+    commands_.report_failures();
     const uint64_t records = dropped_ + output_.given_up();
-    if (records && executor_)
+    if (records && commands_)
         agent::complain("told to end: " + agent::counted(records, "event") +
                         " dropped, for which the command of --exec was not run");
     else if (records)

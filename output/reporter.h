@@ -10,13 +10,14 @@
 #include <vector>
 
 #include "agent/containers.h"
-#include "agent/filter.h"
 #include "agent/plan.h"
+#include "agent/queue.h"
 #include "agent/request.h"
-#include "exec.h"
+#include "commands.h"
 #include "format.h"
 #include "output.h"
 #include "output_options.h"
+#include "selection.h"
 
 namespace output
 {
@@ -24,18 +25,18 @@ namespace output
 class Reporter
 {
 public:
-    Reporter(const agent::Request &request, const OutputOptions &options) : request_(request), options_(options) {}
+    Reporter(const agent::Request &request, const OutputOptions &options)
+        : request_(request), options_(options), selection_(request.max_depth), commands_(options.exec)
+    {
+    }
 
     /* Reads the filters, and looks whether the output can be had; nothing is opened. False: `error` is one line. */
     bool prepare(std::string &error);
-    void set_plan(const agent::Plan &plan);
-    /* One more path from which depths are counted. */
-    void add_root(const std::string &path);
-    /* Paths whose events are not shown. */
     void hide(const std::vector<std::string> &paths);
-    /* Opens the output, when all that is to be reported can be had, and writes the heading. Before everything else.
-     * False: `error` is one line. */
+    void set_plan(const agent::Plan &plan);
+    /* Opens the output, when all that is to be reported can be had, and writes the heading. */
     bool begin(std::string &error);
+    void add_root(const std::string &path) { selection_.add_root(path); }
 
     /* While the command ends, events are counted instead of shown when their commands would have to be run, and when
      * the output's reader does not read. */
@@ -44,42 +45,32 @@ public:
     void loss(const std::string &source, uint64_t count, const std::string &path = "");
     void appeared(const std::string &path);
     void ended(const std::string &path, const char *reason);
-    void note(const std::string &text) const; /* on stderr, unless quiet */
+    void note(const std::string &text) const;
     void flush();
-    /* At the end, on stderr: what was not shown, or not run, because a signal ended the command. */
     void tell_dropped() const;
 
-    /* Nothing more is to be shown; the status to end with. */
     bool finished() const { return finished_; }
     int status() const { return status_; }
-    uint64_t shown() const { return shown_; } /* events */
+    uint64_t shown() const { return shown_; }
     int output_fd() const { return output_.fd(); }
-    bool has_records() const { return has_records_; } /* beside events */
+    bool has_records() const { return has_records_; }
 
 private:
-    bool wants(const agent::Event &event) const;
-    bool is_within_depth(std::string_view path) const;
     bool gives_up() const;
     void execute(const agent::Event &event);
-    void tell_failure(const std::string &line);
     void check_output(bool written);
     void finish(int status);
 
     const agent::Request &request_;
     const OutputOptions &options_;
     Output output_;
-    agent::PathFilter filter_;
+    Selection selection_;
     std::unique_ptr<Formatter> formatter_;
-    std::unique_ptr<Executor> executor_;
+    Commands commands_;
     agent::ContainerNames container_names_;
     FormatStyle style_;
-    std::vector<uint32_t> shown_kinds_; /* by instance */
-    std::vector<std::string> roots_;
-    uint64_t shown_ = 0, dropped_ = 0;
-    struct {
-        uint64_t count = 0, reported_ms = 0; /* since a report, and when that was */
-    } failures_;                             /* of commands */
     bool has_records_ = false;
+    uint64_t shown_ = 0, dropped_ = 0;
     bool finished_ = false;
     int status_ = 0;
 };

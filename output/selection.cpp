@@ -1,0 +1,51 @@
+#include "selection.h"
+
+#include <algorithm>
+
+namespace output
+{
+
+bool Selection::set_patterns(const OutputOptions &options, std::string &error)
+{
+    std::string reason;
+    for (const std::string &pattern : options.include)
+        if (!filter_.include(pattern, reason))
+            error = "--include '" + pattern + "' is no regular expression: " + reason;
+    for (const std::string &pattern : options.exclude)
+        if (!filter_.exclude(pattern, reason))
+            error = "--exclude '" + pattern + "' is no regular expression: " + reason;
+    return error.empty();
+}
+
+void Selection::set_plan(const agent::Plan &plan)
+{
+    for (const agent::PlannedInstance &instance : plan.instances)
+        kinds_.push_back(instance.shown);
+    for (const agent::Root &root : plan.roots)
+        roots_.push_back(root.path);
+}
+
+void Selection::add_root(const std::string &path)
+{
+    if (std::find(roots_.begin(), roots_.end(), path) == roots_.end())
+        roots_.push_back(path);
+}
+
+// New directories are followed however deep they are; the limit is kept here.
+bool Selection::is_within_depth(std::string_view path) const
+{
+    if (max_depth_ == 0)
+        return true;
+    return std::any_of(roots_.begin(), roots_.end(), [&](const std::string &root) {
+        const int depth = agent::folder_depth(root, path);
+        return depth >= 0 && static_cast<uint32_t>(depth) <= max_depth_;
+    });
+}
+
+uint32_t Selection::shown_kinds(const agent::Event &event) const
+{
+    const uint32_t kinds = event.mask & kinds_[event.source];
+    return kinds && is_within_depth(event.path) && filter_.shows(event.path) ? kinds : 0;
+}
+
+}  // namespace output

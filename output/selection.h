@@ -1,0 +1,48 @@
+/*
+ * selection.h: which of the delivered events are shown: by kind, by depth, by path.
+ */
+#ifndef OUTPUT_SELECTION_H
+#define OUTPUT_SELECTION_H
+
+#include <cstdint>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "agent/filter.h"
+#include "agent/plan.h"
+#include "agent/queue.h"
+#include "output_options.h"
+
+namespace output
+{
+
+class Selection
+{
+public:
+    /* `max_depth`: levels below a root whose events are shown; 0: no limit. */
+    explicit Selection(uint32_t max_depth) : max_depth_(max_depth) {}
+
+    /* False: a pattern is no regular expression, `error` is one line. */
+    bool set_patterns(const OutputOptions &options, std::string &error);
+    void set_plan(const agent::Plan &plan);
+    /* One more path from which depths are counted. */
+    void add_root(const std::string &path);
+    /* Events of that very path are not shown. */
+    void hide(const std::string &path) { filter_.hide(path); }
+
+    /* The kinds of the event that are shown; 0: it is not. */
+    uint32_t shown_kinds(const agent::Event &event) const;
+
+private:
+    bool is_within_depth(std::string_view path) const;
+
+    const uint32_t max_depth_;
+    agent::PathFilter filter_;
+    std::vector<uint32_t> kinds_; /* by instance */
+    std::vector<std::string> roots_;
+};
+
+}  // namespace output
+
+#endif
