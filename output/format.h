@@ -15,6 +15,7 @@
 
 #include "agent/containers.h"
 #include "agent/queue.h"
+#include "agent/report.h"
 
 namespace output
 {
@@ -27,13 +28,6 @@ struct FormatStyle {
     std::function<agent::ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
 };
 
-/* What stands when watching begins. */
-struct Established {
-    std::vector<std::string> paths;   /* watched */
-    std::vector<std::string> missing; /* waited for */
-    uint64_t directories = 0;         /* marked */
-};
-
 class Formatter
 {
 public:
@@ -43,7 +37,7 @@ public:
     virtual void event(const agent::Event &event, std::string &out) = 0;
 
     /* Records beside events. A form that has none for one of them appends nothing. */
-    virtual void established(uint64_t, const Established &, std::string & /*out*/) {}
+    virtual void established(uint64_t, const agent::Established &, std::string & /*out*/) {}
     /* `path`: what was missed there; empty: not known. In JSON, text and CSV. */
     virtual void loss(uint64_t, std::string_view /*source*/, uint64_t /*count*/, std::string_view /*path*/,
                       std::string & /*out*/)

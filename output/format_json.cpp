@@ -78,7 +78,7 @@ public:
         });
     }
 
-    void established(uint64_t time_ns, const Established &all, std::string &out) override
+    void established(uint64_t time_ns, const agent::Established &all, std::string &out) override
     {
         record("established", time_ns, out, [&](Writer &writer) {
             put_paths(writer, "paths", all.paths);

@@ -85,7 +85,7 @@ void Reporter::execute(const agent::Event &event)
         finish(agent::kError);
 }
 
-void Reporter::established(const Established &all)
+void Reporter::established(const agent::Established &all)
 {
     formatter_->established(agent::wall_clock_ns(), all, output_.buffer());
     flush();
@@ -106,15 +106,17 @@ void Reporter::ended(const std::string &path, const char *reason)
     formatter_->ended(agent::wall_clock_ns(), path, reason, output_.buffer());
 }
 
-void Reporter::note(const std::string &text) const
+void Reporter::note(const std::string &text)
 {
     if (!request_.quiet)
         agent::complain(text);
 }
 
+void Reporter::warning(const std::string &text) { agent::complain(text); }
+
 void Reporter::flush() { check_output(output_.flush(agent::patience_ms)); }
 
-void Reporter::tell_dropped() const
+void Reporter::report_dropped()
 {
     commands_.report_failures();
     const uint64_t records = dropped_ + output_.given_up();

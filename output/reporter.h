@@ -10,8 +10,7 @@
 #include <vector>
 
 #include "agent/containers.h"
-#include "agent/plan.h"
-#include "agent/queue.h"
+#include "agent/report.h"
 #include "agent/request.h"
 #include "commands.h"
 #include "format.h"
@@ -22,7 +21,7 @@
 namespace output
 {
 
-class Reporter
+class Reporter : public agent::Report
 {
 public:
     Reporter(const agent::Request &request, const OutputOptions &options)
@@ -32,28 +31,29 @@ public:
 
     /* Reads the filters, and looks whether the output can be had; nothing is opened. False: `error` is one line. */
     bool prepare(std::string &error);
-    void hide(const std::vector<std::string> &paths);
-    void set_plan(const agent::Plan &plan);
+    void hide(const std::vector<std::string> &paths) override;
+    void set_plan(const agent::Plan &plan) override;
     /* Opens the output, when all that is to be reported can be had, and writes the heading. */
-    bool begin(std::string &error);
-    void add_root(const std::string &path) { selection_.add_root(path); }
+    bool begin(std::string &error) override;
+    void add_root(const std::string &path) override { selection_.add_root(path); }
 
     /* While the command ends, events are counted instead of shown when their commands would have to be run, and when
      * the output's reader does not read. */
-    void event(const agent::Event &event);
-    void established(const Established &all);
-    void loss(const std::string &source, uint64_t count, const std::string &path = "");
-    void appeared(const std::string &path);
-    void ended(const std::string &path, const char *reason);
-    void note(const std::string &text) const;
-    void flush();
-    void tell_dropped() const;
+    void event(const agent::Event &event) override;
+    void established(const agent::Established &all) override;
+    void loss(const std::string &source, uint64_t count, const std::string &path) override;
+    void appeared(const std::string &path) override;
+    void ended(const std::string &path, const char *reason) override;
+    void note(const std::string &text) override;
+    void warning(const std::string &text) override;
+    void flush() override;
+    void report_dropped() override;
 
-    bool finished() const { return finished_; }
-    int status() const { return status_; }
-    uint64_t shown() const { return shown_; }
-    int output_fd() const { return output_.fd(); }
-    bool has_records() const { return has_records_; }
+    bool finished() const override { return finished_; }
+    int status() const override { return status_; }
+    uint64_t shown() const override { return shown_; }
+    int output_fd() const override { return output_.fd(); }
+    bool has_records() const override { return has_records_; }
 
 private:
     bool gives_up() const;

@@ -330,7 +330,7 @@ void Session::close()
     }
     reporter_.flush();
     in_hand_ = 0;
-    reporter_.tell_dropped();
+    reporter_.report_dropped();
     check_losses();
     check_findings();
     reporter_.flush();

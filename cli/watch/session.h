@@ -51,8 +51,8 @@ private:
     bool place_system();
     void establish();
     bool keep_tree();
-    void note_container(const std::vector<std::string> &paths) const;
-    void note_start(const output::Established &all) const;
+    void note_container(const std::vector<std::string> &paths);
+    void note_start(const agent::Established &all);
     bool tell_start();
     void wait_for_paths();
     void follow_root(const std::string &path);

@@ -38,7 +38,7 @@ bool Session::place()
 
 bool Session::tell_start()
 {
-    output::Established all = {{}, {}, placer_->directories()};
+    agent::Established all = {{}, {}, placer_->directories()};
     for (const agent::Root &root : plan_.roots) {
         if (root.placed && !root.match)
             (root.pattern || !root.watched.empty() ? all.paths : all.missing).push_back(root.path);
@@ -90,7 +90,7 @@ void Session::report_absence(const std::string &path, const char *reason)
 
 // Of what a container sees, only the host's files are watched; other paths are accepted and stay silent. Marks on
 // mounts do not ask where they are.
-void Session::note_container(const std::vector<std::string> &paths) const
+void Session::note_container(const std::vector<std::string> &paths)
 {
     if (!module_.is_container() || options_.mount)
         return;
@@ -99,7 +99,7 @@ void Session::note_container(const std::vector<std::string> &paths) const
             reporter_.note(path + " stays silent: inside a container only what is below " + kHostFiles + " is seen");
 }
 
-void Session::note_start(const output::Established &all) const
+void Session::note_start(const agent::Established &all)
 {
     const auto names = [](const std::vector<std::string> &paths) {
         return paths.size() == 1 ? paths[0] : agent::counted(paths.size(), "path");
@@ -168,7 +168,7 @@ uint64_t Session::tell_left_out(uint64_t count, std::string &first)
     }
     const uint64_t rest = count - std::min(count, told + news.repeated);
     if (rest)
-        reporter_.loss("watches", rest);
+        reporter_.loss("watches", rest, "");
     return told + rest;
 }
 

@@ -222,7 +222,7 @@ TEST_F(Reporting, ACommandThatFailsIsToldOf)
     open({"--exec", "exit 3"});
     for (const char *path : {"/root/1", "/root/2", "/root/3"})
         reporter->event(event_of(path, FMON_CREATE));
-    reporter->tell_dropped();
+    reporter->report_dropped();
     const std::string said = testing::internal::GetCapturedStderr();
     EXPECT_EQ("fmon: the command of --exec for /root/1 ended with status 3", said.substr(0, said.find('\n')));
     EXPECT_EQ("fmon: the command of --exec failed 2 more times\n", said.substr(said.find('\n') + 1));
@@ -268,7 +268,7 @@ TEST_F(Reporting, RecordsBesideEventsAreForJsonOnly)
 {
     open({});
     reporter->established({{"/root"}, {}, 1});
-    reporter->loss("inotify", 1);
+    reporter->loss("inotify", 1, "");
     reporter->ended("/root", "deleted");
     EXPECT_EQ("", written());
 }
@@ -287,7 +287,7 @@ TEST(CliReporter, AFileIsOpenedLast)
         reporter.set_plan({});
         EXPECT_EQ(content(out).substr(0, 4), append ? "time" : "old\n");
         ASSERT_TRUE(reporter.begin(error)) << error;
-        reporter.loss("inotify", 1);
+        reporter.loss("inotify", 1, "");
         reporter.flush();
         const std::string text = content(out);
         EXPECT_EQ(std::count(text.begin(), text.end(), '\n'), append ? 3 : 2) << text;

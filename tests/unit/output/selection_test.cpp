@@ -1,8 +1,8 @@
 /* Which events are shown: by kind, by depth, by path. */
 #include "output/selection.h"
 
-#include "unit/agent/agent_testing.h"
 #include "orx_fmon.h"
+#include "unit/agent/agent_testing.h"
 
 using namespace output;
 using agent_testing::event_of;
