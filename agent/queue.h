@@ -53,11 +53,23 @@ private:
     std::string text_;
 };
 
-class EventQueue
+/* Where a session takes its events from. */
+class EventSource
+{
+public:
+    virtual ~EventSource() = default;
+
+    /* Replaces `batch` by everything that has come; false when that is nothing. */
+    virtual bool take(Batch &batch) = 0;
+    /* Before the session waits for more. False: an event has come, do not wait. */
+    virtual bool prepare_to_sleep() = 0;
+};
+
+class EventQueue : public EventSource
 {
 public:
     EventQueue(size_t max_events, size_t max_bytes);
-    ~EventQueue();
+    ~EventQueue() override;
     EventQueue(const EventQueue &) = delete;
     EventQueue &operator=(const EventQueue &) = delete;
 
@@ -69,10 +81,9 @@ public:
     /* Any thread, and signal handlers: makes wake_fd() readable, which stays so until clear_wake(). */
     void wake() const;
 
-    /* Consumer. Replaces `batch` by everything that has come; false when that is nothing. */
-    bool take(Batch &batch);
-    /* Consumer, before it waits for wake_fd(). False: an event has come, do not wait. */
-    bool prepare_to_sleep();
+    /* Consumer. After prepare_to_sleep() the next event makes wake_fd() readable. */
+    bool take(Batch &batch) override;
+    bool prepare_to_sleep() override;
     void clear_wake() const;
     int wake_fd() const { return wake_fd_; } /* -1: the kernel gave none */
 

@@ -1,0 +1,190 @@
+#include "session.h"
+
+#include <algorithm>
+
+#include "diagnose.h"
+#include "message.h"
+#include "monitor.h"
+
+namespace agent
+{
+
+void Session::start(Watched &watched, uint64_t now)
+{
+    watched_ = &watched;
+    pace_.start(now);
+    limit_.start(now);
+}
+
+Pause Session::step(uint64_t now, const Inputs &inputs)
+{
+    if (status_ < 0) {
+        const Pause pause = watch(now, inputs);
+        if (status_ < 0)
+            return pause;
+    }
+    if (!is_released(now, inputs.patience_ms))
+        return {kReleaseMs, Pause::For::kTime};
+    close();
+    over_ = true;
+    return {};
+}
+
+// What is shown may take long, so the time is looked at before, with that of this step, and after, with that of the
+// next.
+Pause Session::watch(uint64_t now, const Inputs &inputs)
+{
+    take_inputs(now, inputs);
+    check_time(now);
+    if (inputs.patience_ms >= 0)
+        end_with(kDone);
+    if (status_ >= 0)
+        return {};
+    if (!events_.take(batch_))
+        return sleep(now);
+    show_batch(now);
+    return {pace_.gather_ms(), Pause::For::kNewDirectories};
+}
+
+void Session::take_inputs(uint64_t now, const Inputs &inputs)
+{
+    pace_.wakes(now);
+    if (inputs.new_directories)
+        watched_->complete_trees();
+    if (inputs.mounts_changed) {
+        watched_->mounts_changed();
+        pace_.look_soon(now);
+    }
+    if (inputs.reader_gone)
+        end_with(kDone);
+}
+
+void Session::check_time(uint64_t now)
+{
+    if (monitor_.has_findings())  // what comes within a second is reported together
+        pace_.look_soon(now);
+    if (pace_.look_is_due(now))
+        look(now);
+    limit_.see(now, report_.shown());
+    if (now < limit_.end() || status_ >= 0)
+        return;
+    report_.note("nothing happened within the time that -t gives");
+    end_with(kNothing);
+}
+
+void Session::look(uint64_t now)
+{
+    check_losses();
+    check_findings();
+    watched_->look();
+    report_.flush();
+    pace_.looked(now, watched_->is_expecting());
+    if (watched_->all_ended())
+        end_with(kGone);
+}
+
+void Session::show_batch(uint64_t now)
+{
+    in_hand_ = batch_.size();
+    watched_->before(batch_);
+    for (size_t i = 0; i < batch_.size() && !report_.finished(); i++) {
+        const Event event = batch_.event(i);
+        report_.event(event);
+        watched_->shown(event);
+    }
+    watched_->after();
+    report_.flush();
+    in_hand_ = 0;
+    pace_.look_soon(now);
+    if (report_.finished())
+        end_with(report_.status());
+    else if (watched_->all_ended())
+        end_with(kGone);
+}
+
+Pause Session::sleep(uint64_t now)
+{
+    if (!events_.prepare_to_sleep())
+        return {};
+    pace_.sleeps(now);
+    const uint64_t until = std::min(pace_.next_look(), limit_.end());
+    return {until > now ? until - now : 0, Pause::For::kEverything};
+}
+
+// What each counter grew by since the last look is one record.
+void Session::check_losses()
+{
+    struct fmon_status now;
+    if (!monitor_.read_status(now))
+        return check_end(now.monitor);
+    for (const Loss &loss : losses_.since_last(now)) {
+        report_.loss(loss.source, loss.count, loss.path);
+        report_.warning(loss.text);
+    }
+}
+
+void Session::check_end(const struct fmon_source &monitor)
+{
+    if (monitor.state != FMON_SOURCE_REFUSED || status_ >= 0)
+        return;
+    report_.warning("the monitor has stopped: " + trouble_text(monitor));
+    end_with(kError);
+}
+
+// Many refusals within a look become one line: a tree that runs into a limit has one a directory.
+void Session::check_findings()
+{
+    if (!monitor_.has_findings())
+        return;
+    Findings findings = monitor_.take_findings();
+    const Watched::LeftOut left_out = watched_->report_left_out(findings.left_out());
+    if (left_out.reported == 0)
+        return;
+    if (findings.first_denied.empty())
+        findings.first_denied = left_out.first;
+    Facts facts = gather_facts();
+    facts.max_dentries = max_dentries(request_);
+    report_.warning(explain_left_out("", findings, left_out.reported, facts));
+}
+
+// Events that were held back for a dump are still delivered, as far as the time goes.
+bool Session::is_released(uint64_t now, int patience_ms)
+{
+    uint64_t waiting = 1;
+    if (release_end_ != 0) {
+        waiting = monitor_.release();
+    } else {
+        if (!monitor_.end_hold() || report_.finished())
+            return true;
+        release_end_ = now + kTurnMs;
+    }
+    if (waiting && now < release_end_ && patience_ms != 0)
+        return false;
+    if (waiting && patience_ms >= 0)
+        report_.warning("told to end: up to " + counted(waiting, "event") + " dropped, which a dump held back");
+    return true;
+}
+
+// What has come until now is still shown, before anything is asked of the monitor, which may be held up.
+void Session::close()
+{
+    if (!report_.finished() && events_.take(batch_)) {
+        in_hand_ = batch_.size();
+        for (size_t i = 0; i < batch_.size(); i++)
+            report_.event(batch_.event(i));
+    }
+    report_.flush();
+    in_hand_ = 0;
+    report_.report_dropped();
+    check_losses();
+    check_findings();
+    report_.flush();
+}
+
+void Session::end_with(int status)
+{
+    if (status_ < 0)
+        status_ = status;
+}
+
+}  // namespace agent

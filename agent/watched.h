@@ -1,0 +1,55 @@
+/*
+ * watched.h: what a session watches: paths (watched_paths.h) or the whole system (watched_system.h).
+ */
+#ifndef AGENT_WATCHED_H
+#define AGENT_WATCHED_H
+
+#include <cstdint>
+#include <string>
+
+#include "intake.h"
+#include "queue.h"
+
+namespace agent
+{
+
+/* Not for more than one thread at a time. */
+class Watched
+{
+public:
+    virtual ~Watched() = default;
+
+    /* Puts the watches in place, with callbacks of `intake`. Everything is in place before the first event is shown;
+     * what comes meanwhile waits in the queue. False: the reason was reported. */
+    virtual bool place(Intake &intake) = 0;
+    /* Reports that all is in place. */
+    virtual void report_start() = 0;
+
+    /* Around the events of a batch: before the first is shown, after each that was, after the last. */
+    virtual void before(const Batch &) {}
+    virtual void shown(const Event &) {}
+    virtual void after() {}
+
+    /* The regular look for what makes no event. */
+    virtual void look() = 0;
+    virtual void mounts_changed() = 0;
+    /* Marks what is new in the trees. */
+    virtual void complete_trees() {}
+    /* Readable while there is something to complete; -1: there never is. */
+    virtual int new_directories_fd() const { return -1; }
+
+    struct LeftOut {
+        uint64_t reported = 0; /* in loss records */
+        std::string first;     /* the first of them that is known by its path */
+    };
+    /* `count` directories could not be watched: a record for each that is known by name and was not reported before,
+     * and a single record for all others. */
+    virtual LeftOut report_left_out(uint64_t count) = 0;
+
+    virtual bool is_expecting() const { return false; } /* something that only look() finds */
+    virtual bool all_ended() const { return false; }    /* nothing can come any more */
+};
+
+}  // namespace agent
+
+#endif
