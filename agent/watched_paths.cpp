@@ -1,0 +1,244 @@
+#include "watched_paths.h"
+
+#include <unistd.h>
+
+#include <algorithm>
+
+#include "message.h"
+#include "mounts.h"
+#include "orx_fmon.h"
+#include "signals.h"
+
+namespace agent
+{
+
+namespace
+{
+
+/* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
+constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
+
+}  // namespace
+
+WatchedPaths::WatchedPaths(const Request &request, const Module &module, Placement &placement, Plan &plan,
+                           Report &report)
+    : request_(request),
+      module_(module),
+      placement_(placement),
+      plan_(plan),
+      report_(report),
+      placer_(request, module, placement, plan),
+      guard_(plan.roots, [this](Root &root, const char *reason) { report_end(root, reason); }),
+      mounts_([this](const std::string &point) { report_mount(point); })
+{
+    mounts_.look(read_mounts(), plan_.roots);
+}
+
+bool WatchedPaths::place(Intake &intake)
+{
+    if (request_.recursive && !request_.mount)
+        placement_.listen_to_denials([this](const std::string &path) { unreadable_.refused(path); });
+    {
+        const StopAtOnce at_once;
+        const Progress progress(!request_.quiet, placement_);
+        placer_.run(intake);
+    }
+    if (!placer_.any_placed() || (placer_.refused() && !request_.keep_going) || !keep_trees())
+        return false;
+    wait_for_paths();
+    return true;
+}
+
+// The trees in which new directories are to be completed.
+bool WatchedPaths::keep_trees()
+{
+    if (!request_.recursive || request_.mount)
+        return true;
+    std::vector<std::string> roots;
+    for (const Root &root : plan_.roots)
+        roots.push_back(root.path);
+    keeper_ = std::make_unique<TreeKeeper>(module_, roots, request_.max_depth);
+    if (keeper_->start() < 0) {
+        report_.warning("the monitor has no instance left");
+        return false;
+    }
+    placement_.listen([this](const std::string &path) { keeper_->made(path); });
+    return true;
+}
+
+void WatchedPaths::wait_for_paths()
+{
+    waiting_ = std::make_unique<Waiting>(
+        plan_, placer_, module_.is_container(),
+        Waiting::Reports{
+            [this](const std::string &watched) { follow_root(watched); },
+            [this](const std::string &path) { report_appearance(path); },
+            [this](const std::string &path, const char *reason) { report_absence(path, reason); },
+            [this](const std::string &line) { report_.warning(line); },
+        });
+    waiting_->start();
+}
+
+// Links and patterns lead to paths that nobody gave.
+void WatchedPaths::follow_root(const std::string &path)
+{
+    report_.add_root(path);
+    if (keeper_)
+        keeper_->add_root(path);
+}
+
+void WatchedPaths::report_appearance(const std::string &path)
+{
+    report_.appeared(path);
+    if (!report_.has_records())
+        report_.note(path + " is there, and watched");
+}
+
+void WatchedPaths::report_absence(const std::string &path, const char *reason)
+{
+    report_.ended(path, reason);
+    if (!report_.has_records())
+        report_.note(path + " was " + reason + "; it is waited for");
+}
+
+void WatchedPaths::report_end(Root &root, const char *reason)
+{
+    placer_.give_up(root);
+    report_.ended(root.path, reason);
+    report_.flush();
+    report_.warning(root.path + " is no longer watched: it was " + reason +
+                    " (with --wait its return would be waited for)");
+}
+
+void WatchedPaths::report_mount(const std::string &point)
+{
+    report_.loss("watches", 1, point);
+    report_.warning("a file system came or went at " + point + ": what happened below it until now was not seen");
+    keeper_->again(point);
+}
+
+Established WatchedPaths::established() const
+{
+    Established all = {{}, {}, placer_.directories()};
+    for (const Root &root : plan_.roots)
+        if (root.placed && !root.match)
+            (root.pattern || !root.watched.empty() ? all.paths : all.missing).push_back(root.path);
+    return all;
+}
+
+void WatchedPaths::report_start()
+{
+    const Established all = established();
+    report_.established(all);
+    report_left_out(placer_.left_out());
+    report_.flush();
+    if (!report_.has_records())
+        note_start(all);
+    note_container(all.paths);
+}
+
+void WatchedPaths::note_start(const Established &all) const
+{
+    const auto names = [](const std::vector<std::string> &paths) {
+        return paths.size() == 1 ? paths[0] : counted(paths.size(), "path");
+    };
+    std::string text = all.paths.empty() ? "" : "watching " + names(all.paths);
+    if (request_.recursive && all.directories)
+        text += " (" + counted(all.directories, "directory") + ")";
+    if (!all.missing.empty())
+        text += (text.empty() ? "waiting for " : ", waiting for ") + names(all.missing);
+    if (geteuid() != 0)
+        text += "; without root, events do not name their process";
+    report_.note(text);
+}
+
+// Of what a container sees, only the host's files are watched; other paths are accepted and stay silent. Marks on
+// mounts do not ask where they are.
+void WatchedPaths::note_container(const std::vector<std::string> &paths) const
+{
+    if (!module_.is_container() || request_.mount)
+        return;
+    for (const std::string &path : paths)
+        if (!path.starts_with(kHostFiles) && !path.starts_with(kOtherRoots))  // as the monitor tells them apart
+            report_.note(path + " stays silent: inside a container only what is below " + kHostFiles + " is seen");
+}
+
+// Trees first: what happens in a new directory is seen only once it is marked.
+void WatchedPaths::before(const Batch &) { complete_trees(); }
+
+void WatchedPaths::shown(const Event &event)
+{
+    guard_.event(event.path, event.mask);
+    waiting_->event(event.path, event.mask);
+    readable_ |= (event.mask & FMON_ATTRIB) && unreadable_.knows(event.path);
+}
+
+void WatchedPaths::after()
+{
+    if (std::exchange(readable_, false))
+        look_at_unreadable();
+}
+
+void WatchedPaths::look()
+{
+    look_at_paths();
+    look_at_unreadable();
+}
+
+void WatchedPaths::look_at_paths()
+{
+    guard_.look();
+    waiting_->look();
+}
+
+void WatchedPaths::look_at_unreadable()
+{
+    if (!keeper_ || !unreadable_.any())
+        return;
+    unreadable_.look([this](const std::string &path) { keeper_->again(path); });
+    keeper_->run();
+}
+
+void WatchedPaths::mounts_changed()
+{
+    if (keeper_) {
+        mounts_.look(read_mounts(), plan_.roots);
+        keeper_->run();
+    }
+    look_at_paths();
+}
+
+void WatchedPaths::complete_trees()
+{
+    if (keeper_)
+        keeper_->run();
+}
+
+bool WatchedPaths::is_expecting() const { return waiting_->any() || unreadable_.any(); }
+
+bool WatchedPaths::is_given(const std::string &path) const
+{
+    return std::any_of(plan_.roots.begin(), plan_.roots.end(),
+                       [&](const Root &root) { return root.path == path || root.watched == path; });
+}
+
+// A path that was given is refused as a whole, which is said elsewhere.
+Watched::LeftOut WatchedPaths::report_left_out(uint64_t count)
+{
+    const Unreadable::News news = unreadable_.take();
+    LeftOut left_out;
+    for (const std::string &path : news.paths) {
+        if (is_given(path))
+            continue;
+        report_.loss("watches", 1, path);
+        if (left_out.reported++ == 0)
+            left_out.first = path;
+    }
+    const uint64_t rest = count - std::min(count, left_out.reported + news.repeated);
+    if (rest)
+        report_.loss("watches", rest, "");
+    left_out.reported += rest;
+    return left_out;
+}
+
+}  // namespace agent
