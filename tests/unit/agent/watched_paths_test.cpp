@@ -1,0 +1,205 @@
+/* Paths that end, come and come again, below a session whose monitor is made up; the files are real, the clock is not.
+ */
+#include "agent/watched_paths.h"
+
+#include <set>
+#include <thread>
+
+#include "unit/agent/agent_testing.h"
+#include "unit/agent/session_fakes.h"
+
+using namespace agent;
+using namespace session_fakes;
+using agent_testing::Folder;
+
+namespace
+{
+
+/* The watches that the monitor has, and whether it takes more. */
+struct {
+    std::set<std::string> watches;
+    Lines taken_back;
+    int code = 0;
+    int instances = 0;
+    fmon_mark_cb on_mark = nullptr;
+} g_module;
+
+int make_instance(const char *, fmon_client_cb) { return g_module.instances++; }
+
+int add_watch(uint32_t, const char *path, uint32_t, uint32_t, uint32_t, uint32_t)
+{
+    if (g_module.code == 0)
+        g_module.watches.insert(path);
+    return g_module.code;
+}
+
+int del_watch(uint32_t, const char *path)
+{
+    g_module.watches.erase(path);
+    g_module.taken_back.push_back(path);
+    return 0;
+}
+
+int on_mark(fmon_mark_cb cb)
+{
+    g_module.on_mark = cb;
+    return 0;
+}
+
+int status(struct fmon_status *) { return 0; }
+
+int32_t g_no_container = 0;
+
+}  // namespace
+
+class PathsTest : public SessionTest
+{
+protected:
+    PathsTest()
+    {
+        g_module = {};
+        module.create_instance = make_instance;
+        module.add_watch = add_watch;
+        module.del_watch = del_watch;
+        module.on_mark = on_mark;
+        module.status = status;
+        module.container_flag = &g_no_container;
+        placement.start(module);
+        request.quiet = true;
+    }
+
+    void watch_paths(const Lines &given)
+    {
+        request.paths = given;
+        plan = make_plan(request, false);
+        ASSERT_TRUE(plan.refusals.empty()) << plan.refusals[0];
+        paths.emplace(request, module, placement, plan, report);
+        ASSERT_TRUE(paths->place(intake));
+        paths->report_start();
+        session.emplace(request, monitor, events, report);
+        session->start(*paths, now);
+    }
+
+    bool is_watched(const std::string &path) const { return g_module.watches.count(path) != 0; }
+
+    Folder folder;
+    Module module = {};
+    EventQueue queue{10, 1000};
+    Intake intake{queue};
+    Placement placement{[] {}};
+    Plan plan;
+    std::optional<WatchedPaths> paths;
+};
+
+TEST_F(PathsTest, TheLastThatEndsEndsTheSession)
+{
+    watch_paths({folder.dir("a"), folder.dir("b")});
+    EXPECT_EQ(Lines{"established 2 0"}, report.take());
+    EXPECT_TRUE(is_watched(folder.path("a")));
+    events.add({folder.path("a")}, FMON_DELETE_SELF);
+    pass(100);
+    EXPECT_EQ((Lines{folder.path("a"), "ended " + folder.path("a") + " deleted"}), report.take());
+    EXPECT_FALSE(is_watched(folder.path("a")));
+    EXPECT_FALSE(session->over());
+    events.add({folder.path("b")}, FMON_MOVE_SELF);
+    pass(100);
+    EXPECT_EQ((Lines{folder.path("b"), "ended " + folder.path("b") + " moved", "report_dropped"}), report.take());
+    EXPECT_EQ(kGone, session->status());
+}
+
+TEST_F(PathsTest, APathThatGoesWithoutAnEventIsSeenAtTheSecondLook)
+{
+    watch_paths({folder.dir("a")});
+    report.take();
+    std::filesystem::remove(folder.path("a"));
+    pass(1000);
+    EXPECT_FALSE(session->over());
+    pass(Pace::kIdleLookMs);
+    EXPECT_EQ(kGone, session->status());
+    EXPECT_EQ((Lines{"ended " + folder.path("a") + " deleted", "report_dropped"}), report.take());
+}
+
+TEST_F(PathsTest, AnEndIsToldOnce)
+{
+    watch_paths({folder.dir("a"), folder.dir("b")});
+    std::filesystem::remove(folder.path("a"));
+    events.add({folder.path("a"), folder.path("a")}, FMON_DELETE_SELF);
+    pass(20'000);
+    const Lines lines = report.take();
+    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "ended " + folder.path("a") + " deleted"));
+    EXPECT_FALSE(session->over());
+}
+
+TEST_F(PathsTest, WhatIsWaitedForComesGoesAndComesAgain)
+{
+    request.wait = true;
+    watch_paths({folder.path("a")});
+    EXPECT_EQ(Lines{"established 0 1"}, report.take());
+    pass(3000);
+    EXPECT_EQ(Lines{}, report.take());
+    for (int i = 0; i < 2; i++) {
+        folder.dir("a");
+        pass(1000);
+        EXPECT_EQ(Lines{"appeared " + folder.path("a")}, report.take());
+        EXPECT_TRUE(is_watched(folder.path("a")));
+        std::filesystem::remove(folder.path("a"));
+        events.add({folder.path("a")}, FMON_DELETE_SELF);
+        pass(1000);
+        EXPECT_EQ((Lines{folder.path("a"), "ended " + folder.path("a") + " deleted"}), report.take());
+        EXPECT_FALSE(is_watched(folder.path("a")));
+    }
+    EXPECT_FALSE(session->over());
+}
+
+TEST_F(PathsTest, WhatIsWaitedForIsTriedAgainEachSecondAndRefusedOnce)
+{
+    request.wait = true;
+    watch_paths({folder.path("a")});
+    g_module.code = FMON_ENOMEM;
+    folder.dir("a");
+    pass(10'000);
+    EXPECT_EQ(1u, report.warnings.size());
+    g_module.code = 0;
+    report.take();
+    pass(1000);
+    EXPECT_EQ(Lines{"appeared " + folder.path("a")}, report.take());
+}
+
+TEST_F(PathsTest, WhatAPatternMatchesAppears)
+{
+    folder.dir("x1");
+    watch_paths({folder.path("x*")});
+    EXPECT_EQ(Lines{"established 1 0"}, report.take());
+    EXPECT_TRUE(is_watched(folder.path("x1")));
+    folder.dir("x2");
+    pass(1000);
+    EXPECT_EQ(Lines{"appeared " + folder.path("x2")}, report.take());
+    std::filesystem::remove(folder.path("x1"));
+    pass(3000);
+    EXPECT_EQ(Lines{"ended " + folder.path("x1") + " deleted"}, report.take());
+    EXPECT_FALSE(session->over());
+}
+
+TEST_F(PathsTest, DirectoriesLeftOutAreNamedOnceAndCounted)
+{
+    watch_paths({folder.dir("a")});
+    report.take();
+    monitor.findings.emplace().counts.denied = 3;
+    pass(1000);
+    EXPECT_EQ(Lines{"loss watches 3"}, report.take());
+    ASSERT_EQ(1u, report.warnings.size());
+    EXPECT_NE(report.warnings[0].find("3 directories"), std::string::npos) << report.warnings[0];
+}
+
+TEST_F(PathsTest, NewDirectoriesAreCompletedBeforeTheirEventsAreShown)
+{
+    request.recursive = true;
+    watch_paths({folder.dir("a")});
+    ASSERT_GE(paths->new_directories_fd(), 0);
+    folder.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    events.add({folder.path("a/new")});
+    step();
+    EXPECT_EQ(folder.path("a/new"), report.take().back());
+    EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);  // its watch was for the walk only
+}
