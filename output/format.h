@@ -53,10 +53,6 @@ inline std::string loss_text(std::string_view source, uint64_t count)
     return std::string(source) + ": " + std::to_string(count);
 }
 
-std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
-std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);
-std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style);
-
 /* A template: %e events, %p path, %P pid, %n process name, %t time, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e
  * \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,

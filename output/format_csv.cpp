@@ -5,7 +5,7 @@
 #include "agent/escape.h"
 #include "agent/event_names.h"
 #include "agent/time_format.h"
-#include "format.h"
+#include "formats.h"
 
 namespace output
 {

@@ -3,19 +3,6 @@
 namespace output
 {
 
-namespace
-{
-
-constexpr FormatRow kFormats[] = {
-    {"text", false, make_text_formatter},
-    {"json", true, make_json_formatter},
-    {"csv", false, make_csv_formatter},
-};
-
-}  // namespace
-
-std::span<const FormatRow> formats() { return kFormats; }
-
 const FormatRow *find_format(std::string_view name)
 {
     for (const FormatRow &row : kFormats)

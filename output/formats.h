@@ -5,7 +5,6 @@
 #define OUTPUT_FORMATS_H
 
 #include <memory>
-#include <span>
 #include <string>
 #include <string_view>
 
@@ -14,13 +13,21 @@
 namespace output
 {
 
+std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style);
+
 struct FormatRow {
     const char *name;
     bool has_records; /* for everything that is reported, so that no note need say the same */
     std::unique_ptr<Formatter> (*make)(const FormatStyle &style);
 };
 
-std::span<const FormatRow> formats();
+inline constexpr FormatRow kFormats[] = {
+    {"text", false, make_text_formatter},
+    {"json", true, make_json_formatter},
+    {"csv", false, make_csv_formatter},
+};
 
 /* Null: a form of that name is not known. */
 const FormatRow *find_format(std::string_view name);

@@ -7,6 +7,7 @@
 #include "agent/escape.h"
 #include "agent/time_format.h"
 #include "orx_fmon.h"
+#include "output/formats.h"
 #include "unit/agent/agent_testing.h"
 
 using namespace agent;

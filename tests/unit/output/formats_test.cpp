@@ -7,7 +7,7 @@ using namespace output;
 
 TEST(Formats, EachIsFoundByItsNameAndMakesAFormatter)
 {
-    for (const FormatRow &row : formats()) {
+    for (const FormatRow &row : kFormats) {
         EXPECT_EQ(&row, find_format(row.name));
         std::string error;
         EXPECT_NE(make_formatter(row.name, {}, error), nullptr) << row.name;
