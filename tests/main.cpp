@@ -47,15 +47,17 @@ bool find_cases(Filters &filters)
     return true;
 }
 
-/* What is left out by --gtest_filter stays so. */
+/* A filter that was given says more: what is left out stays so, and a death test's own process is given its only case.
+ */
 bool choose(const Filters &filters, const std::string &source)
 {
     const auto found = filters.find(source);
     if (found == filters.end())
         return false;
     std::string &filter = testing::GTEST_FLAG(filter);
-    const size_t left_out = filter.find('-');
-    filter = found->second + (left_out == filter.npos ? "" : filter.substr(left_out));
+    const std::string given = filter.substr(0, filter.find('-'));
+    if (given.empty() || given == "*")
+        filter = found->second + filter.substr(given.size());
     return true;
 }
 
