@@ -227,8 +227,11 @@ TEST(CliProcess, ItselfOnTheRealProc)
     ASSERT_TRUE(info);
     EXPECT_EQ(info->ppid, static_cast<uint32_t>(getppid()));
     EXPECT_EQ(info->uid, geteuid());
-    EXPECT_NE(info->cmdline.find("unit_agent_process_info"), std::string::npos);
+    EXPECT_NE(info->cmdline.find("unit_agent"), std::string::npos);
 }
+
+namespace
+{
 
 /* A child that does `step` when it is told to, and then stays. */
 class Child
@@ -274,11 +277,13 @@ private:
     pid_t pid_;
 };
 
+}  // namespace
+
 TEST(CliProcess, AnotherProgramIsToldAtOnce)
 {
     const Child child([] { execlp("sleep", "one", "100", nullptr); });
     ProcessCache cache;
-    EXPECT_NE(cache.find(child.pid(), 1, 0)->cmdline.find("unit_agent_process_info"), std::string::npos);
+    EXPECT_NE(cache.find(child.pid(), 1, 0)->cmdline.find("unit_agent"), std::string::npos);
     child.step();
     EXPECT_EQ("one 100", cache.find(child.pid(), 2, 0)->cmdline);
 }
