@@ -249,7 +249,7 @@ TEST_F(Agent, BuildsJsonObjects)
 
 /* ---- trees ---- */
 
-TEST(Tree, IsMadeAndRemoved)
+TEST(TempTree, IsMadeAndRemoved)
 {
     std::string root;
     {
@@ -267,7 +267,7 @@ TEST(Tree, IsMadeAndRemoved)
     EXPECT_NE(0, stat(root.c_str(), &st));
 }
 
-TEST(Tree, CountsDescriptors)
+TEST(TempTree, CountsDescriptors)
 {
     int before = open_fds();
     int fd = dup(0);
