@@ -25,7 +25,7 @@ void seen_enable_filter(uint32_t event_bit) { calls.push_back("filter " + std::t
 
 #define enable_event seen_enable_event
 #define enable_filter seen_enable_filter
-#include "../../../src/linux/fmon_linux_global.cpp"
+#include "../../../../src/linux/fmon_linux_global.cpp"
 #undef enable_event
 #undef enable_filter
 
