@@ -10,7 +10,6 @@
 #include "linux/fmon_linux.h"
 #include "linux/probe/clt_file.h"
 #include "linux/probe/clt_inotify.h"
-#include "linux/seq.h"
 
 struct fmon_account fmon_account;
 

@@ -113,7 +113,7 @@ Names declared(const std::string &header, const std::string &mark = "")
 Names marked_for_export()
 {
     Names out;
-    for (const char *directory : {"/include", "/src", "/src/linux"})
+    for (const char *directory : {"/include", "/src", "/src/linux", "/src/linux/probe"})
         for (const auto &entry : std::filesystem::directory_iterator(std::string(FMON_TEST_SOURCE) + directory))
             if (entry.path().extension() == ".h")
                 out.merge(declared_in(entry.path(), "FMON_API"));

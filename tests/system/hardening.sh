@@ -31,12 +31,18 @@ check_layout() {
     ! echo "$segments" | grep -E 'LOAD|GNU_STACK' | grep -q ' RWE ' || wrong "$1: has memory that is writable and code"
 }
 
-# Each function that others may jump to begins with the mark that an indirect jump must land on.
+# Each function that others may jump to begins with the mark that an indirect jump must land on: what a library exports,
+# and main.
+exported_functions() {
+    [ "$1" != "$command" ] || echo main
+    nm -D --defined-only "$1" | awk '$2 ~ /[TW]/ { sub("@.*", "", $3); print $3 }'
+}
+
 check_landing_marks() {
     symbols "$1" --defined-only | sort >"$work/exported"
     objdump -d --no-show-raw-insn "$1" | awk 'name { if ($0 ~ /endbr/) print name; name = "" }
         /^[0-9a-f]+ <.*>:$/ { name = substr($2, 2, length($2) - 3) }' | sort >"$work/marked"
-    nm -D --defined-only "$1" | awk '$2 ~ /[TW]/ { sub("@.*", "", $3); print $3 }' | sort >"$work/functions"
+    exported_functions "$1" | sort >"$work/functions"
     [ -s "$work/functions" ] || wrong "$1: exports no function"
     unmarked=$(comm -23 "$work/functions" "$work/marked" | tr '\n' ' ')
     [ -z "$unmarked" ] || wrong "$1: no landing mark: $unmarked"
