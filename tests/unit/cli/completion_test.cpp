@@ -5,6 +5,7 @@
 #include "agent/settings.h"
 #include "cli/front/verbs.h"
 #include "source_tree.h"
+#include "testlib/tree.h"
 #include "unit/agent/agent_testing.h"
 
 namespace
@@ -160,8 +161,7 @@ TEST_F(BashCompletion, Files)
 
 TEST_F(FishCompletion, CompletesAsBashDoes)
 {
-    if (!is_installed("fish"))
-        GTEST_SKIP() << "fish is not installed";
+    NEED(is_installed("fish"), "fish is not installed");
     EXPECT_EQ("doctor dump help offsets watch", replies("fmon "));
     EXPECT_EQ("watch", replies("fmon help wat"));
     EXPECT_EQ("--version", replies("fmon --v"));
@@ -179,8 +179,7 @@ TEST_F(FishCompletion, CompletesAsBashDoes)
 
 TEST_F(ZshCompletion, HandsTheTablesOn)
 {
-    if (!is_installed("zsh"))
-        GTEST_SKIP() << "zsh is not installed";
+    NEED(is_installed("zsh"), "zsh is not installed");
     EXPECT_EQ(
         "*-f+[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
         "*--format=[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
