@@ -98,7 +98,7 @@ std::string bash_tables()
 namespace
 {
 
-// What stands between the brackets of a specification, or before a colon.
+// What stands between brackets in the words for _arguments, or before a colon.
 std::string zsh_text(std::string_view text)
 {
     std::string escaped;
@@ -110,7 +110,7 @@ std::string zsh_text(std::string_view text)
 // A call without the arguments that _arguments would add: that is what the blank is for. Alone it offers nothing.
 std::string zsh_action(const Words &words) { return words.kind == Words::kAny ? " " : call(" _fmon", words); }
 
-// The specification of an option for _arguments: '(-r --recursive)'{-r,--recursive}'[...]'. One with a value may be
+// The words that _arguments wants for an option: '(-r --recursive)'{-r,--recursive}'[...]'. One with a value may be
 // repeated.
 std::string zsh_option(const Option &option)
 {
