@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <iterator>
 
-#include "filter.h"
+#include "below.h"
 
 namespace agent
 {

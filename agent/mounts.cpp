@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "filter.h"
+#include "below.h"
 
 namespace agent
 {

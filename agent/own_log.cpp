@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cstdlib>
 
-#include "filter.h"
+#include "below.h"
 #include "message.h"
 #include "orx_autolog.h"
 #include "orx_base.h"

@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cerrno>
 
-#include "filter.h"
+#include "below.h"
 #include "mounts.h"
 #include "orx_fmon.h"
 

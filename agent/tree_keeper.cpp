@@ -6,7 +6,7 @@
 #include <algorithm>
 #include <utility>
 
-#include "filter.h"
+#include "below.h"
 #include "paths.h"
 
 namespace agent

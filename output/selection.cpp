@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+#include "agent/below.h"
+
 namespace output
 {
 

@@ -9,10 +9,10 @@
 #include <string_view>
 #include <vector>
 
-#include "agent/filter.h"
 #include "agent/plan.h"
 #include "agent/queue.h"
 #include "output_options.h"
+#include "path_filter.h"
 
 namespace output
 {
@@ -38,7 +38,7 @@ private:
     bool is_within_depth(std::string_view path) const;
 
     const uint32_t max_depth_;
-    agent::PathFilter filter_;
+    PathFilter filter_;
     std::vector<uint32_t> kinds_; /* by instance */
     std::vector<std::string> roots_;
 };

@@ -1,10 +1,10 @@
-/* Tests of filter.h: patterns and depths of what is shown. */
+/* Tests of path_filter.h: patterns of what is shown. */
 
-#include "agent/filter.h"
+#include "output/path_filter.h"
 
 #include "unit/agent/agent_testing.h"
 
-using namespace agent;
+using namespace output;
 
 namespace
 {
@@ -66,24 +66,4 @@ TEST(CliFilter, AHiddenPathIsNotShownButItsNeighboursAre)
     EXPECT_FALSE(filter.shows("/a/out"));
     EXPECT_TRUE(filter.shows("/a/out2"));
     EXPECT_TRUE(filter.shows("/a"));
-}
-
-TEST(CliFilter, DepthBelowARoot)
-{
-    EXPECT_EQ(0, folder_depth("/a", "/a"));
-    EXPECT_EQ(0, folder_depth("/a", "/a/b"));
-    EXPECT_EQ(1, folder_depth("/a", "/a/b/c"));
-    EXPECT_EQ(-1, folder_depth("/a", "/ab"));
-    EXPECT_EQ(0, folder_depth("/", "/a"));
-    EXPECT_EQ(1, folder_depth("/", "/a/b"));
-    EXPECT_EQ(-1, folder_depth("/a/b", "/a"));
-}
-
-TEST(CliFilter, Below)
-{
-    EXPECT_TRUE(is_below("/a", "/a"));
-    EXPECT_TRUE(is_below("/a", "/a/b"));
-    EXPECT_FALSE(is_below("/a", "/ab"));
-    EXPECT_TRUE(is_below("/", "/ab"));
-    EXPECT_FALSE(is_below("/", ""));
 }

@@ -1,8 +1,8 @@
 /*
- * filter.h: which of the delivered events are shown.
+ * path_filter.h: which of the delivered events are shown.
  */
-#ifndef AGENT_FILTER_H
-#define AGENT_FILTER_H
+#ifndef OUTPUT_PATH_FILTER_H
+#define OUTPUT_PATH_FILTER_H
 
 #include <regex.h>
 
@@ -10,7 +10,7 @@
 #include <string_view>
 #include <vector>
 
-namespace agent
+namespace output
 {
 
 /* A path is shown when it matches one of the patterns to include (or there are none) and none of those to exclude.
@@ -39,13 +39,6 @@ private:
     std::vector<std::string> hidden_;
 };
 
-/* How many directories below `root` the directory of `path` lies: 0 for root itself and its entries; -1 when not below
- * it. */
-int folder_depth(std::string_view root, std::string_view path);
-
-/* Whether `path` is `root` or lies below it. */
-bool is_below(std::string_view root, std::string_view path);
-
-}  // namespace agent
+}  // namespace output
 
 #endif

@@ -1,8 +1,8 @@
-#include "filter.h"
+#include "path_filter.h"
 
 #include <algorithm>
 
-namespace agent
+namespace output
 {
 
 namespace
@@ -51,21 +51,4 @@ bool PathFilter::shows(std::string_view path) const
     return std::find(hidden_.begin(), hidden_.end(), path) == hidden_.end();
 }
 
-bool is_below(std::string_view root, std::string_view path)
-{
-    if (root == "/")
-        return !path.empty() && path.front() == '/';
-    return path.substr(0, root.size()) == root && (path.size() == root.size() || path[root.size()] == '/');
-}
-
-int folder_depth(std::string_view root, std::string_view path)
-{
-    if (!is_below(root, path))
-        return -1;
-    if (path.size() == root.size())
-        return 0;
-    const std::string_view rest = path.substr(root == "/" ? 1 : root.size() + 1);
-    return static_cast<int>(std::count(rest.begin(), rest.end(), '/'));
-}
-
-}  // namespace agent
+}  // namespace output
