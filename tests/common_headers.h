@@ -1,6 +1,6 @@
 /*
- * common_headers.h: what most tests include, compiled once for a program of many sources. A source includes what it uses
- * all the same: without precompiled headers (CMAKE_DISABLE_PRECOMPILE_HEADERS) everything compiles, too.
+ * common_headers.h: what most tests include, compiled once for a program of many sources. A source includes what it
+ * uses all the same: without precompiled headers (CMAKE_DISABLE_PRECOMPILE_HEADERS) everything compiles, too.
  */
 #ifndef TESTS_COMMON_HEADERS_H
 #define TESTS_COMMON_HEADERS_H

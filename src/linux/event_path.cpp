@@ -8,8 +8,8 @@
 #include <cstring>
 
 #include "event.h"
-#include "linux/probe/clt_file.h"
 #include "linux/inode_index.h"
+#include "linux/probe/clt_file.h"
 
 namespace
 {

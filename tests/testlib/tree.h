@@ -32,8 +32,8 @@ private:
 int open_fds(); /* descriptors open in this process */
 std::vector<int> open_fd_list();
 
-/* Skips the test with the reason when the ability is missing, and then CTest shows its program as skipped (see main.cpp);
- * in CI (environment CI set) fails instead. Use as: NEED(can_fanotify(), "fanotify needs root"). */
+/* Skips the test with the reason when the ability is missing, and then CTest shows its program as skipped (see
+ * main.cpp); in CI (environment CI set) fails instead. Use as: NEED(can_fanotify(), "fanotify needs root"). */
 bool is_root();
 bool can_fanotify();
 bool can_mount(); /* in a mount namespace of its own */
