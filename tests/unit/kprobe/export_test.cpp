@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstring>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include "kp_thread_utils.h"
@@ -54,6 +55,20 @@ void expect_negative_for_all()
           reinterpret_cast<const void *>(uintptr_t{257})})
         expect_negative(const_cast<void *>(handle));
 }
+
+/* A made-up kernel under a library that goes on: it goes while the library's thread rests, and is in none of its calls.
+ */
+struct LeftKernel {
+    std::unique_ptr<KernelDouble> kernel = std::make_unique<KernelDouble>();
+
+    LeftKernel() { kernel->default_files(); }
+    LeftKernel(const LeftKernel &) = delete;
+    LeftKernel &operator=(const LeftKernel &) = delete;
+    ~LeftKernel()
+    {
+        EXPECT_TRUE(testlib::at_rest([this] { kernel.reset(); }));
+    }
+};
 
 /* An instance. */
 struct Started {
@@ -113,8 +128,7 @@ TEST(KprobeExport, OnThisMachine)
 TEST(KprobeExport, WhereTheyWork)
 {
     in_child([] {
-        KernelDouble kernel;
-        kernel.default_files();
+        const LeftKernel left;
         const kp_os_info *info = nullptr;
         ASSERT_EQ(0, _os_info_get(&info));
         EXPECT_EQ(1, info->count);
@@ -129,8 +143,8 @@ TEST(KprobeExport, WhereTheyWork)
 TEST(KprobeExport, switches)
 {
     in_child([] {
-        KernelDouble kernel;
-        kernel.default_files();
+        const LeftKernel left;
+        KernelDouble &kernel = *left.kernel;
         const Started started;
         void *handle = started.handle;
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc", "mnt==23");
@@ -151,8 +165,8 @@ TEST(KprobeExport, switches)
 TEST(KprobeExport, a_record_and_its_count)
 {
     in_child([] {
-        KernelDouble kernel;
-        kernel.default_files();
+        const LeftKernel left;
+        KernelDouble &kernel = *left.kernel;
         testlib::KernelObjects objects(&kernel.memory);
         const Started started;
         void *handle = started.handle;
@@ -186,8 +200,8 @@ TEST(KprobeExport, a_record_and_its_count)
 TEST(KprobeExport, InAForkedProcess)
 {
     in_child([] {
-        KernelDouble kernel;
-        kernel.default_files();
+        const LeftKernel left;
+        KernelDouble &kernel = *left.kernel;
         testlib::KernelObjects objects(&kernel.memory);
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc");
         kp_probe_def def = probe.record();
@@ -256,8 +270,8 @@ TEST(KprobeExport, AForkWhileTheLibraryTriesThingsOut)
 TEST(KprobeExport, ManyForksWhileRecordsCome)
 {
     in_child([] {
-        KernelDouble kernel;
-        kernel.default_files();
+        const LeftKernel left;
+        KernelDouble &kernel = *left.kernel;
         testlib::KernelObjects objects(&kernel.memory);
         const testlib::ModuleProbe probe = testlib::file_probe(true, "Kc");
         kp_probe_def def = probe.record();
