@@ -5,12 +5,12 @@
 # result NAME ok|FAIL|SKIP [WORDS]: one check's outcome.
 result() { echo "RESULT $*"; }
 
-# run_gtest NAME PROGRAM [ARGUMENTS]: all its cases as one result; what failed is shown before. They have 120 s, or
+# run_gtest NAME PROGRAM [ARGUMENTS]: all its cases as one result; what failed is shown before. They have 240 s, or
 # gtest_limit seconds.
 run_gtest() {
     label=$1
     shift
-    seconds=${gtest_limit:-120}
+    seconds=${gtest_limit:-240}
     timeout -s KILL "$seconds" "$@" >/run/gtest.out 2>&1
     status=$?
     passed=$(grep -c '^\[       OK \]' /run/gtest.out)
