@@ -5,9 +5,9 @@
 #include <cstddef>
 
 #include "fmon.h"
+#include "linux/fmon_linux.h"
 #include "linux/probe/clt_file.h"
 #include "linux/probe/clt_inotify.h"
-#include "linux/fmon_linux.h"
 #include "orx_base.h"
 
 namespace

@@ -11,10 +11,10 @@
 
 #include "checked.h"
 #include "event.h"
-#include "linux/probe/clt_file.h"
-#include "linux/probe/clt_inotify.h"
 #include "linux/event_path.h"
 #include "linux/fmon_linux.h"
+#include "linux/probe/clt_file.h"
+#include "linux/probe/clt_inotify.h"
 #include "linux/rate_ctrl.h"
 #include "linux/record.h"
 #include "list.h"

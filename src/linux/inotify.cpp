@@ -3,8 +3,8 @@
 #include <sys/inotify.h>
 #include <unistd.h>
 
-#include "linux/probe/clt_inotify.h"
 #include "linux/descriptor.h"
+#include "linux/probe/clt_inotify.h"
 #include "log.h"
 
 namespace

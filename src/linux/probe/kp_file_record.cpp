@@ -2,8 +2,8 @@
 #include <cstring>
 
 #include "event.h"
-#include "linux/probe/clt_file.h"
 #include "linux/mount.h"
+#include "linux/probe/clt_file.h"
 #include "log.h"
 
 namespace

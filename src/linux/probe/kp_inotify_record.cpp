@@ -4,8 +4,8 @@
 #include <cstring>
 
 #include "event.h"
-#include "linux/probe/clt_inotify.h"
 #include "linux/fmon_linux.h"
+#include "linux/probe/clt_inotify.h"
 #include "linux/probe/inotify_probe.h"
 #include "log.h"
 
