@@ -27,6 +27,7 @@ void set_values(const Request &options)
             orx_host_ini_override("fmon", setting.name, setting.preset);
     for (const auto &[name, value] : options.settings)
         orx_host_ini_override("fmon", name.c_str(), value.c_str());
+    orx_host_ini_override("fmon", "fs_events", options.source == Source::kMarks ? "0" : "1");
 }
 
 void set_log(const Request &options, OwnLog &own)

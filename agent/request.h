@@ -14,6 +14,10 @@ namespace agent
 
 enum class Probes { kAuto, kOn, kOff };
 
+/* How directories are watched: each by marks of its own, or by one mark for the whole file system. kAuto: the latter
+ * where it works. */
+enum class Source { kAuto, kMarks, kFilesystem };
+
 struct Request {
     std::vector<std::string> paths;
     uint32_t events = 0; /* 0: the default of the kind of watch */
@@ -25,6 +29,7 @@ struct Request {
     bool keep_going = false;
     std::vector<std::pair<std::string, std::string>> settings; /* keys of fmon.ini */
     Probes probes = Probes::kAuto;
+    Source source = Source::kAuto;
     int log_level = -1; /* -1: as it is */
     bool log_to_stderr = false;
 };

@@ -11,6 +11,10 @@ const Setting kSettingTable[kSettings] = {
     {"rate_interval", 10, 1000, nullptr},
     {"rate_log", 0, 1, nullptr},
     {"hardened", 0, 1, "1"},
+    {"fs_directories", 1, 0x7fffffff, nullptr},
+    {"fs_memory", 1, 2048, nullptr},
+    {"fs_memory_kib", 0, 2097152, nullptr},
+    {"fs_queue", 0, 1, nullptr},
 };
 
 }  // namespace agent

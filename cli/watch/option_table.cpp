@@ -74,8 +74,7 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "max-subdirs", "N", "with -r: refuse a PATH with more than N directories below it"},
      set_number<O, &O::max_subdirs, 1, 0x7fffffff>},
     {{0, "system", nullptr,
-      "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (kernel-probe "
-      "library; root)"},
+      "events of the whole system, without PATH: create, delete,\nmoved_from, moved_to, close_write (root)"},
      set_flag<O, &O::system>},
     {{0, "include", "REGEX", "show only paths that match (extended, may be repeated)", {}, "What is shown"},
      add_text<O, &O::include>},
@@ -106,9 +105,14 @@ constexpr OptionRow<O> kRows[] = {
      set_flag<O, &O::keep_going>},
     {{0, "set", "KEY=N",
       "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, "
-      "rate_log,\nhardened",
+      "rate_log,\nhardened, fs_directories, fs_memory, fs_memory_kib, fs_queue",
       one_of(take::setting_words), "The monitor"},
      take::setting},
+    {{0, "source", "HOW",
+      "how directories are watched: marks (each has its own),\nfilesystem (one mark for a whole file system; root), or "
+      "auto,\nfilesystem where it works",
+      one_of("auto marks filesystem")},
+     set_choice<O, &O::source>},
     {{0, "probes", "WHEN", "use kernel probes: auto, on or off", one_of("auto on off")}, set_choice<O, &O::probes>},
     {{0, "log", "WHERE", "the monitor's own log: file (usual) or stderr", one_of("file stderr")},
      set_choice<O, &O::log_to_stderr>},

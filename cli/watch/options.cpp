@@ -23,6 +23,13 @@ bool says_how(const WatchOptions &o)
     return o.recursive || o.mount || o.pid || o.delay || o.sync || o.wait || o.max_depth;
 }
 
+bool uses_probes(const WatchOptions &o) { return o.probes != agent::Probes::kOff; }
+
+bool is_filesystem(const WatchOptions &o) { return o.source == agent::Source::kFilesystem; }
+
+// Marks of directories name the process of some kinds only.
+bool may_name_all(const WatchOptions &o) { return o.source != agent::Source::kMarks && !o.mount && !o.max_depth; }
+
 constexpr Contradiction kContradictions[] = {
     {[](const WatchOptions &o) { return !o.system && o.paths.empty(); }, "no PATH to watch: see fmon watch --help"},
     {[](const WatchOptions &o) { return o.system && !o.paths.empty(); },
@@ -31,14 +38,19 @@ constexpr Contradiction kContradictions[] = {
      "--system goes with none of the options that say how a path is watched"},
     {[](const WatchOptions &o) { return o.system && asks_beyond(o, agent::kSystemEvents); },
      "--system knows create, delete, moved_from, moved_to and close_write only: leave out the others"},
-    {[](const WatchOptions &o) { return o.system && o.probes == agent::Probes::kOff; },
-     "--system needs kernel probes: leave out --probes off"},
+    {[](const WatchOptions &o) { return o.system && !uses_probes(o) && o.source == agent::Source::kMarks; },
+     "--system needs kernel probes, or marks of whole file systems: leave out --probes off, or --source marks"},
+    {[](const WatchOptions &o) { return o.system && o.probes == agent::Probes::kOn && is_filesystem(o); },
+     "--system takes its events from one of both: leave out --probes on, or --source filesystem"},
+    {[](const WatchOptions &o) { return is_filesystem(o) && (o.mount || o.max_depth); },
+     "--source filesystem watches whole trees: leave out --mount and --max-depth"},
     {[](const WatchOptions &o) { return o.mount && asks_beyond(o, agent::kProcessEvents); },
      "--mount sees open, access, modify, close_write and close_nowrite only: leave out the other events"},
     {[](const WatchOptions &o) { return o.mount && (o.sync || o.wait || o.max_depth || o.max_subdirs); },
      "--mount watches a whole mount: leave out --sync, --wait, --max-depth and --max-subdirs"},
-    {[](const WatchOptions &o) { return o.pid && o.events && !(o.events & agent::kProcessEvents); },
-     "--pid is about open, access, modify, close_write and close_nowrite: ask for one of them"},
+    {[](const WatchOptions &o) { return o.pid && !may_name_all(o) && o.events && !(o.events & agent::kProcessEvents); },
+     "--pid with --source marks, --mount or --max-depth is about open, access, modify, close_write and close_nowrite: "
+     "ask for one of them"},
     {[](const WatchOptions &o) { return o.append && o.output.empty(); },
      "--append is about a file: say which with -o FILE"},
     {[](const WatchOptions &o) { return !o.recursive && (o.max_depth || o.max_subdirs); },

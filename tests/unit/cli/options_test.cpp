@@ -119,13 +119,18 @@ const Bad kBad[] = {
     {{"-t", "inf", "/a"}, "--timeout takes"},
     {{"-t", "1s", "/a"}, "--timeout takes"},
     {{"-t", "", "/a"}, "--timeout takes"},
-    {{"--set", "foo=1", "/a"}, "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened"},
+    {{"--set", "foo=1", "/a"},
+     "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened, "
+     "fs_directories, fs_memory, fs_memory_kib, fs_queue"},
     {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
     {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
     {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},
     {{"--set", "tbd_interval=999", "/a"}, "1000 to"},
     {{"--set", "rate_interval=9", "/a"}, "10 to 1000"},
     {{"--set", "rate_log=2", "/a"}, "0 to 1"},
+    {{"--set", "fs_directories=0", "/a"}, "1 to 2147483647"},
+    {{"--set", "fs_memory=2049", "/a"}, "1 to 2048"},
+    {{"--set", "fs_events=1", "/a"}, "unknown key 'fs_events'"},
     {{"--probes", "maybe", "/a"}, "auto, on or off"},
     {{"--log", "disk", "/a"}, "file or stderr"},
     {{"--log-level", "5", "/a"}, "--log-level takes"},
@@ -134,11 +139,16 @@ const Bad kBad[] = {
     {{"--mount", "-e", "create", "/a"}, "--mount sees"},
     {{"--mount", "--sync", "/a"}, "leave out --sync"},
     {{"--mount", "--wait", "/a"}, "leave out --sync"},
-    {{"--pid", "-e", "create", "/a"}, "--pid is about"},
+    {{"--pid", "-e", "create", "--source", "marks", "/a"}, "is about open, access"},
+    {{"--pid", "-e", "create", "-r", "--max-depth=2", "/a"}, "is about open, access"},
+    {{"--source", "both", "/a"}, "auto, marks or filesystem"},
+    {{"--source=filesystem", "--mount", "/a"}, "leave out --mount"},
+    {{"--source=filesystem", "-r", "--max-depth=2", "/a"}, "leave out --mount and --max-depth"},
     {{"--system", "/a"}, "leave out the PATH"},
     {{"--system", "-r"}, "--system goes with none"},
     {{"--system", "-e", "create,open"}, "--system knows create, delete"},
-    {{"--system", "--probes", "off"}, "leave out --probes off"},
+    {{"--system", "--probes", "off", "--source", "marks"}, "leave out --probes off"},
+    {{"--system", "--probes", "on", "--source", "filesystem"}, "leave out --probes on"},
 };
 
 }  // namespace
@@ -160,6 +170,7 @@ TEST(CliOptions, LimitsAreAccepted)
     EXPECT_EQ(1u, parse({"-t", "0.001", "/a"}).options.timeout_ms);
     EXPECT_TRUE(parse({"--mount", "-e", "all", "/a"}).ok);
     EXPECT_TRUE(parse({"--mount", "-e", "close,open", "/a"}).ok);
+    EXPECT_TRUE(parse({"--set", "fs_memory=2048", "--set", "fs_memory_kib=64", "--set", "fs_queue=1", "/a"}).ok);
 }
 
 TEST(CliOptions, APercentSignMakesATemplate)
@@ -245,4 +256,19 @@ TEST(CliOptions, SystemWithAllEventsMeansAllThatItCan)
     EXPECT_TRUE(parse({"--system"}).ok);
     EXPECT_TRUE(parse({"--system", "-e", "all"}).ok);
     EXPECT_TRUE(parse({"--system", "-e", "create,delete,moved_from,moved_to,close_write"}).ok);
+}
+
+// Marks of file systems name the process of every kind.
+TEST(CliOptions, PidWithEveryKindUnlessOnlyMarksOfDirectoriesCanServe)
+{
+    EXPECT_TRUE(parse({"--pid", "-e", "create", "/a"}).ok);
+    EXPECT_TRUE(parse({"--pid", "-e", "create", "--source=filesystem", "/a"}).ok);
+    EXPECT_TRUE(parse({"--pid", "-e", "create,open", "--source=marks", "/a"}).ok);
+}
+
+TEST(CliOptions, SystemWithoutProbesIsServedByMarksOfFileSystems)
+{
+    EXPECT_TRUE(parse({"--system", "--probes", "off"}).ok);
+    EXPECT_TRUE(parse({"--system", "--source=filesystem"}).ok);
+    EXPECT_TRUE(parse({"--system", "--source=marks"}).ok);
 }

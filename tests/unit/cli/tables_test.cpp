@@ -77,6 +77,7 @@ TEST(CliTables, OfWatch)
                                       return o.settings.size() == 1 &&
                                              o.settings[0].first + o.settings[0].second == "rate_limit7";
                                   }},
+                                 {"source", "marks", [](const O &o) { return o.source == agent::Source::kMarks; }},
                                  {"probes", "off", [](const O &o) { return o.probes == agent::Probes::kOff; }},
                                  {"log", "stderr", [](const O &o) { return o.log_to_stderr && o.log_level == -1; }},
                                  {"log-level", "3", [](const O &o) { return o.log_level == 3 && !o.log_to_stderr; }},
@@ -112,6 +113,8 @@ TEST(CliTables, ChoicesReachEachOfTheirValues)
     using cli::kWatch;
     EXPECT_EQ(agent::Probes::kAuto, parse(kWatch, {"--probes=off", "--probes=auto"}).options.probes);
     EXPECT_EQ(agent::Probes::kOn, parse(kWatch, {"--probes=on"}).options.probes);
+    EXPECT_EQ(agent::Source::kAuto, parse(kWatch, {"--source=marks", "--source=auto"}).options.source);
+    EXPECT_EQ(agent::Source::kFilesystem, parse(kWatch, {"--source=filesystem"}).options.source);
     EXPECT_FALSE(parse(kWatch, {"--log=stderr", "--log=file"}).options.log_to_stderr);
     EXPECT_EQ("text", parse(kWatch, {"-fcsv", "-ftext"}).options.format);
     EXPECT_EQ("json", parse(kWatch, {"-fjson"}).options.format);
