@@ -35,8 +35,11 @@ int fs_ask(int mount_fd, const struct fs_key *key, struct fs_place *out);
 /* Whether the directory has that entry, with that handle: 1, 0, or -1 and errno. */
 int fs_ask_entry(int mount_fd, const struct fs_key *directory, const char *name, const struct fs_key *entry);
 
-/* The key of an open file or directory (O_PATH will do). `*mount_id` may be null. 0, or -1 and errno: EOPNOTSUPP where
- * the file system has no handles, EOVERFLOW where they are too long. */
-int fs_ask_key(int fd, struct fs_stored_key *out, int *mount_id);
+/*
+ * The key of an open file or directory (O_PATH will do), as records have it. `*mount_id` may be null, and so may be
+ * `*opens`: false if the file system has handles that only name and cannot be opened. 0, or -1 and errno: EOPNOTSUPP
+ * where it has none, EOVERFLOW where they are too long.
+ */
+int fs_ask_key(int fd, struct fs_stored_key *out, int *mount_id, bool *opens);
 
 #endif

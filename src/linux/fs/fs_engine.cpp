@@ -50,6 +50,10 @@ void fs_engine_free(struct fs_engine *engine) { free(engine); }
 
 int fs_engine_add(struct fs_engine *, const struct fs_anchor *) { return FMON_ENOTSUP; }
 
+int fs_engine_join(struct fs_engine *, const struct fs_joint *) { return FMON_ENOTSUP; }
+
+void fs_engine_forget(struct fs_engine *, const int32_t[2]) {}
+
 unsigned fs_engine_remove(struct fs_engine *, uint64_t) { return 0; }
 
 bool fs_engine_take(struct fs_engine *, const char *, size_t, bool) { return false; }

@@ -4,8 +4,9 @@
  * the kernel for what neither the table nor the records that wait can say, and hands on what lies below an anchor with
  * the path of the moment of the event. What it cannot say for certain it counts, and never guesses.
  *
- * An anchor is a directory with a path: a watch's root, or the root of a file system mounted below one. Several anchors
- * may stand on one directory (bind mounts) or lie inside each other: an event is handed on once for each distinct path.
+ * An anchor is a directory with a path: a watch's root. A joint is what leads from the root of a mount to the directory
+ * that it is mounted in. Several of both may stand on one directory (bind mounts), anchors may lie inside each other:
+ * an event is handed on once for each distinct path.
  *
  * Not safe to be used by two threads at once: its owner has a lock. None of its functions waits for anything but the
  * disk. The callbacks are called from inside of its functions and must not call the engine.
@@ -56,7 +57,8 @@ struct fs_world {
     void *arg;
 
     /* An open directory (not O_PATH) on the n-th (0, 1, ...) mount through which a file system is looked at, no two of
-     * them on one mount; the engine closes it before its function returns. -1: there are no more. */
+     * them on one mount; it stays open until the engine's function returns, and is the owner's to close. -1: there are
+     * no more. */
     int (*open_mount)(void *arg, const int32_t fsid[2], unsigned n);
 
     /* Reads what waits in the group, behind all that was read so far, until EAGAIN; false: nothing could be read (no
@@ -68,9 +70,9 @@ struct fs_world {
     void (*deliver)(void *arg, const struct fs_event *event);
     void (*lost)(void *arg, enum fs_loss kind, uint64_t count);
 
-    /* The anchor's directory has no longer the anchor's path: it, or a directory above it, was moved, or nobody knows
-     * (records were lost). From this record on nothing below it is handed on through this anchor, until it is removed
-     * and added anew. The directory's own MOVE_SELF is still to come. */
+    /* The anchor's directory has no longer the anchor's path: it was removed, it or a directory above it was moved, or
+     * nobody knows (records were lost). From this record on nothing below it is handed on through this anchor, until it
+     * is removed and added anew. The directory's own MOVE_SELF is still to come. */
     void (*displaced)(void *arg, uint64_t id);
 
     /* What is asked of the kernel; null: fs_ask() and fs_ask_entry() of fs_ask.h. */
@@ -105,13 +107,26 @@ struct fs_anchor {
 /*
  * Adds an anchor. The file system must have been marked, and what waited must have been taken, before the anchor's path
  * was opened: what was read later but happened before is found out. Records that are read meanwhile are handed on.
- * 0; FMON_ENOMEM; FMON_ENOENT: the directory is not at that path any more; FMON_ENOTSUP: the kernel does not say
- * where it lies; -EAGAIN: directories above it were moved meanwhile: open the path again.
+ * 0; FMON_ENOMEM; FMON_ENOENT: the directory is not at that path any more; FMON_ENOTSUP: it is to be recursive, and the
+ * kernel does not say where it lies; -EAGAIN: directories above it were moved meanwhile: open the path again.
  */
 int fs_engine_add(struct fs_engine *engine, const struct fs_anchor *anchor);
 
-/* Removes all anchors with that id; how many there were. */
+struct fs_joint {
+    struct fs_key root; /* the root of the mount */
+    struct fs_key in;   /* the directory that it is mounted in, on any file system */
+    const char *name;   /* the mount point's, 1..NAME_MAX bytes; copied */
+    uint64_t id;
+};
+
+/* Adds a joint. 0; FMON_ENOMEM. */
+int fs_engine_join(struct fs_engine *engine, const struct fs_joint *joint);
+
+/* Removes all anchors and joints with that id; how many there were. */
 unsigned fs_engine_remove(struct fs_engine *engine, uint64_t id);
+
+/* Forgets the directories of a file system that was unmounted. Its anchors stay, until they are removed. */
+void fs_engine_forget(struct fs_engine *engine, const int32_t fsid[2]);
 
 /*
  * Takes a batch of records. They are copied nowhere and may be overwritten after the call. With `drained`, the group
