@@ -106,6 +106,36 @@ struct EventFacts {
 EventFacts gather_events(std::map<uid_t, agent::Marks> users);
 Checks judge_events(const EventFacts &facts);
 
+/* ---- which source serves what is mounted ---- */
+
+/* What a recursive watch on a mount would be met with. */
+struct SourceTrial {
+    enum Step {
+        kServed,  /* nothing: a mark of the file system serves it */
+        kHidden,  /* another file system is mounted over it: no line */
+        kKernels, /* the kernel's own, without files of anybody: not tried */
+        kRemote,  /* the answer of another machine or program would have to be waited for: not tried */
+        kFile,    /* a file is mounted, and no directory */
+        kReach,   /* it could not be opened */
+        kMark,    /* the mark was refused */
+        kHandle,  /* it has no file handles */
+        kOpen,    /* a file handle could not be opened */
+        kTwin,    /* its id is that of another file system */
+    };
+    agent::Mount mount;
+    Step step = kServed;
+    int error = 0;         /* errno of what was refused */
+    std::string twin = {}; /* where the other file system is mounted */
+};
+struct SourceFacts {
+    int init_error = 0;        /* errno of the fanotify group */
+    bool names_object = false; /* each event says what it happened to, not only where */
+    bool container = false, root = false;
+    std::vector<SourceTrial> mounts;
+};
+SourceFacts gather_sources(const Machine &machine);
+Checks judge_sources(const SourceFacts &facts);
+
 /* ---- kernel probes ---- */
 
 struct DoctorProbes {

@@ -15,32 +15,13 @@
 
 using namespace agent;
 using namespace cli;
+using cli_testing::expect;
+using cli_testing::find;
+using cli_testing::has;
 using cli_testing::mount_of;
 
 namespace
 {
-
-/* The one check of that name. */
-Check find(const Checks &checks, const std::string &name)
-{
-    const auto is_it = [&](const Check &check) { return check.name == name; };
-    EXPECT_EQ(1, std::count_if(checks.begin(), checks.end(), is_it)) << name;
-    const auto found = std::find_if(checks.begin(), checks.end(), is_it);
-    return found == checks.end() ? Check{"", "", State::kOk, "", "", true} : *found;
-}
-
-bool has(const Checks &checks, const std::string &name)
-{
-    return std::any_of(checks.begin(), checks.end(), [&](const Check &check) { return check.name == name; });
-}
-
-void expect(const Check &check, State state, std::initializer_list<const char *> parts)
-{
-    EXPECT_STREQ(state_name(check.state), state_name(state)) << check.name << ": " << check.text;
-    for (const char *part : parts)
-        EXPECT_NE((check.text + ": " + check.remedy).find(part), std::string::npos)
-            << "no '" << part << "' in: " << check.text << ": " << check.remedy;
-}
 
 SetupFacts good_setup()
 {
