@@ -24,8 +24,8 @@ constexpr char kHead[] =
 
 Tells what of fmon works on this machine and what does not, with a remedy: the installation, the kernel, rights,
 inotify and fanotify with their limits and how much of them is used, which source watches what is mounted, kernel
-probes, containers, and mounted file systems that do not report everything. One line each: "ok", "warn" (it works, with this limit) or "no". Changes nothing on the machine.
-Other users' watches are counted as root only.
+probes, containers, and mounted file systems that do not report everything. One line each: "ok", "warn" (it works, with
+this limit) or "no". Changes nothing on the machine. Other users' watches are counted as root only.
 )";
 
 constexpr char kTail[] = R"(
