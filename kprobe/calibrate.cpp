@@ -74,10 +74,10 @@ public:
             stat(kSubjects[i].path, &stats_[i]);
     }
 
-    void find(DentryLayout *at)
+    void find(DentryLayout &at)
     {
         find_names(at);
-        if (at->name < 0)
+        if (at.name < 0)
             return;
         const std::vector<Values> words = look(each(kDentrySize, word_, [&](int o) { return deref(o, entry_); }), "");
         if (words.empty())
@@ -112,71 +112,71 @@ private:
     }
 
     // The name stands in the entry, as short as it is, and the pointer to it beside.
-    void find_names(DentryLayout *at)
+    void find_names(DentryLayout &at)
     {
         const auto wanted = [](uint64_t value, size_t i) { return value == beginning(kSubjects[i].name); };
         const auto direct = look(each(kDentrySize, 4, [&](int o) { return deref(o, entry_); }), "u32");
         const auto pointed = look(each(kDentrySize, word_, [&](int o) { return deref(0, deref(o, entry_)); }), "u32");
-        for (size_t i = 0; !direct.empty() && i < direct[0].size() && at->inline_name < 0; i++)
+        for (size_t i = 0; !direct.empty() && i < direct[0].size() && at.inline_name < 0; i++)
             if (matches(direct, i, wanted))
-                at->inline_name = static_cast<int>(i) * 4;
-        for (size_t i = 0; !pointed.empty() && i < pointed[0].size() && at->name < 0; i++)
+                at.inline_name = static_cast<int>(i) * 4;
+        for (size_t i = 0; !pointed.empty() && i < pointed[0].size() && at.name < 0; i++)
             if (matches(pointed, i, wanted))
-                at->name = static_cast<int>(i) * word_;
+                at.name = static_cast<int>(i) * word_;
     }
 
-    void find_parent(DentryLayout *at)
+    void find_parent(DentryLayout &at)
     {
         const auto found =
-            look(each(kDentrySize, word_, [&](int o) { return deref(0, deref(at->name, deref(o, entry_))); }), "u32");
+            look(each(kDentrySize, word_, [&](int o) { return deref(0, deref(at.name, deref(o, entry_))); }), "u32");
         const auto wanted = [](uint64_t value, size_t i) {
             return cut(value, kSubjects[i].parent) == cut(beginning(kSubjects[i].parent), kSubjects[i].parent);
         };
-        for (size_t i = 0; !found.empty() && i < found[0].size() && at->parent < 0; i++)
+        for (size_t i = 0; !found.empty() && i < found[0].size() && at.parent < 0; i++)
             if (matches(found, i, wanted))
-                at->parent = static_cast<int>(i) * word_;
+                at.parent = static_cast<int>(i) * word_;
     }
 
     // Looks behind each pointer of the entry that `likely` takes for a number that `wanted` knows.
     template <typename Likely, typename Wanted>
-    void find_behind(const std::vector<Values> &words, int size, Likely &&likely, Wanted &&wanted, int *pointer,
-                     int *inner)
+    void find_behind(const std::vector<Values> &words, int size, Likely &&likely, Wanted &&wanted, int &pointer,
+                     int &inner)
     {
-        for (size_t i = 0; i < words[0].size() && *pointer < 0; i++) {
+        for (size_t i = 0; i < words[0].size() && pointer < 0; i++) {
             if (!is_pointer(words[0][i], facts_) || !is_pointer(words[1][i], facts_) ||
                 !likely(words[0][i] == words[1][i]))
                 continue;
             const int offset = static_cast<int>(i) * word_;
             const auto found = look(each(size, 4, [&](int o) { return deref(o, deref(offset, entry_)); }), "u32");
-            for (size_t j = 0; !found.empty() && j < found[0].size() && *pointer < 0; j++)
+            for (size_t j = 0; !found.empty() && j < found[0].size() && pointer < 0; j++)
                 if (matches(found, j, wanted)) {
-                    *pointer = offset;
-                    *inner = static_cast<int>(j) * 4;
+                    pointer = offset;
+                    inner = static_cast<int>(j) * 4;
                 }
         }
     }
 
-    void find_inode(const std::vector<Values> &words, DentryLayout *at)
+    void find_inode(const std::vector<Values> &words, DentryLayout &at)
     {
         find_behind(
             words, kInodeSize, [](bool same) { return !same; },
-            [&](uint64_t value, size_t i) { return value == static_cast<uint32_t>(stats_[i].st_ino); }, &at->inode,
-            &at->i_ino);
-        if (at->inode < 0)
+            [&](uint64_t value, size_t i) { return value == static_cast<uint32_t>(stats_[i].st_ino); }, at.inode,
+            at.i_ino);
+        if (at.inode < 0)
             return;
         // The first field of all: what kind of file it is.
-        const auto found = look({deref(0, deref(at->inode, entry_))}, "u16");
+        const auto found = look({deref(0, deref(at.inode, entry_))}, "u16");
         if (!found.empty() && matches(found, 0, [&](uint64_t value, size_t i) { return value == stats_[i].st_mode; }))
-            at->i_mode = 0;
+            at.i_mode = 0;
     }
 
     // Both subjects are on one file system.
-    void find_super(const std::vector<Values> &words, DentryLayout *at)
+    void find_super(const std::vector<Values> &words, DentryLayout &at)
     {
         const uint64_t device = uint64_t{major(stats_[0].st_dev)} << 20 | minor(stats_[0].st_dev);
         find_behind(
             words, kSuperSize, [](bool same) { return same; }, [&](uint64_t value, size_t) { return value == device; },
-            &at->super, &at->s_dev);
+            at.super, at.s_dev);
     }
 
     const Tracefs &tracefs_;
@@ -215,16 +215,16 @@ public:
     {
     }
 
-    void find(MarkLayout *at)
+    void find(MarkLayout &at)
     {
         std::vector<std::string> places;
         for (int offset = 0; offset < kMarkSize; offset += 4)
             places.push_back(deref(offset, mark_));
         const auto words = look(places, "u32");
-        for (size_t i = 0; !words.empty() && i < words[0].size() && at->wd < 0; i++)
+        for (size_t i = 0; !words.empty() && i < words[0].size() && at.wd < 0; i++)
             if (matches(words, i, [&](uint64_t value, size_t n) { return static_cast<int>(value) == watches_.wd[n]; }))
-                at->wd = static_cast<int>(i) * 4;
-        for (int from = 0; from < kMarkSize && at->object < 0; from += word_ * kAtOnce)
+                at.wd = static_cast<int>(i) * 4;
+        for (int from = 0; from < kMarkSize && at.object < 0; from += word_ * kAtOnce)
             find_object(from, at);
         find_group(at);
     }
@@ -244,7 +244,7 @@ private:
     }
 
     // The third argument is the inode; the connector's object points to it or into it, as far in both subjects.
-    void find_object(int from, MarkLayout *at)
+    void find_object(int from, MarkLayout &at)
     {
         const int inner = kConnectorSize / word_;
         std::vector<std::string> places = {argument_place(facts_, 3)};
@@ -252,13 +252,13 @@ private:
             for (int j = 0; j < inner; j++)
                 places.push_back(deref(j * word_, deref(from + i * word_, mark_)));
         const auto found = look(places, "");
-        for (size_t i = 1; !found.empty() && i < found[0].size() && at->object < 0; i++) {
+        for (size_t i = 1; !found.empty() && i < found[0].size() && at.object < 0; i++) {
             const uint64_t back = found[0][i] - found[0][0];
             if (!is_pointer(found[0][0], facts_) || back >= kInodeRoom || found[1][i] - found[1][0] != back)
                 continue;
-            at->connector = from + static_cast<int>(i - 1) / inner * word_;
-            at->object = static_cast<int>(i - 1) % inner * word_;
-            at->inode_back = static_cast<int>(back);
+            at.connector = from + static_cast<int>(i - 1) / inner * word_;
+            at.object = static_cast<int>(i - 1) % inner * word_;
+            at.inode_back = static_cast<int>(back);
         }
     }
 
@@ -272,7 +272,7 @@ private:
 
     // What both marks and the descriptor's open file point to is the inotify instance. The first place counts: behind a
     // small kernel's mark lies another one of the same instance.
-    void find_group(MarkLayout *at)
+    void find_group(MarkLayout &at)
     {
         const auto marks = look(words_behind(mark_, kMarkSize), "");
         const auto file = experiment(tracefs_, kFilePoint, words_behind(argument_place(facts_, 1), kFileSize), "",
@@ -281,8 +281,8 @@ private:
             for (size_t j = 0; j < file[0].size(); j++) {
                 if (!is_pointer(marks[0][i], facts_) || marks[1][i] != marks[0][i] || file[0][j] != marks[0][i])
                     continue;
-                at->group = static_cast<int>(i) * word_;
-                at->file_group = static_cast<int>(j) * word_;
+                at.group = static_cast<int>(i) * word_;
+                at.file_group = static_cast<int>(j) * word_;
                 return;
             }
     }
@@ -296,14 +296,14 @@ private:
 
 }  // namespace
 
-void calibrate(const Tracefs &tracefs, Facts *out)
+void calibrate(const Tracefs &tracefs, Facts &out)
 {
-    if (out->has("security_inode_getattr"))
-        EntryCalibration(tracefs, *out).find(&out->dentry);
-    if (out->has("inotify_handle_inode_event"))
-        MarkCalibration(tracefs, *out).find(&out->mark);
-    const DentryLayout &d = out->dentry;
-    const MarkLayout &m = out->mark;
+    if (out.has("security_inode_getattr"))
+        EntryCalibration(tracefs, out).find(out.dentry);
+    if (out.has("inotify_handle_inode_event"))
+        MarkCalibration(tracefs, out).find(out.mark);
+    const DentryLayout &d = out.dentry;
+    const MarkLayout &m = out.mark;
     KP_LOG(
         3,
         "calibrated: parent %d, name %d, inode %d, super %d, inline %d, dev %d, mode %d, ino %d; wd %d, connector %d, "

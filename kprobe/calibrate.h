@@ -13,7 +13,7 @@ namespace kprobe
 {
 
 // Fills what it can find; the rest stays unknown.
-void calibrate(const Tracefs &tracefs, Facts *out);
+void calibrate(const Tracefs &tracefs, Facts &out);
 
 }  // namespace kprobe
 

@@ -37,20 +37,20 @@ size_t count_fields(const std::vector<FetchArg> &args, size_t first, char letter
 }
 
 // "mnt", then the ancestors from "l" to "b" and the own name "a". False: another kind of record.
-bool take_file_shape(Definition *def)
+bool take_file_shape(Definition &def)
 {
-    if (def->args.empty() || def->args[0].name != "mnt")
+    if (def.args.empty() || def.args[0].name != "mnt")
         return false;
     size_t next = 1;
     for (int level = kLevels; level >= 0; level--) {
-        const size_t fields = count_fields(def->args, next, static_cast<char>('a' + level));
+        const size_t fields = count_fields(def.args, next, static_cast<char>('a' + level));
         if (fields != 4 && fields != 8)
             return false;
         next += fields;
     }
-    def->dentry = inner_place(def->args[0].place, 3);
-    def->more.assign(def->args.begin() + static_cast<std::ptrdiff_t>(next), def->args.end());
-    return !def->dentry.empty();
+    def.dentry = inner_place(def.args[0].place, 3);
+    def.more.assign(def.args.begin() + static_cast<std::ptrdiff_t>(next), def.args.end());
+    return !def.dentry.empty();
 }
 
 bool is_inotify_shape(const Definition &def)
@@ -59,21 +59,21 @@ bool is_inotify_shape(const Definition &def)
            def.args[3].name == "f0";
 }
 
-bool parse_arg(std::string_view text, FetchArg *out)
+bool parse_arg(std::string_view text, FetchArg &out)
 {
     const size_t equals = text.find('=');
     if (equals == std::string_view::npos || !is_identifier(text.substr(0, equals)))
         return false;
-    out->name = text.substr(0, equals);
+    out.name = text.substr(0, equals);
     std::string_view place = text.substr(equals + 1);
     const size_t colon = place.rfind(':');
     if (colon != std::string_view::npos) {
-        out->type = place.substr(colon + 1);
+        out.type = place.substr(colon + 1);
         place = place.substr(0, colon);
-        if (out->type.empty())
+        if (out.type.empty())
             return false;
     }
-    out->place = place;
+    out.place = place;
     return !place.empty();
 }
 
@@ -99,14 +99,14 @@ size_t type_size(std::string_view type, size_t word)
     return bits == "8" ? 1 : bits == "16" ? 2 : bits == "32" ? 4 : bits == "64" ? 8 : 0;
 }
 
-bool parse_fetch(std::string_view text, std::vector<FetchArg> *out)
+bool parse_fetch(std::string_view text, std::vector<FetchArg> &out)
 {
-    out->clear();
+    out.clear();
     while (!text.empty()) {
         const size_t end = std::min(text.find(' '), text.size());
         if (end > 0) {
-            out->emplace_back();
-            if (!parse_arg(text.substr(0, end), &out->back()))
+            out.emplace_back();
+            if (!parse_arg(text.substr(0, end), out.back()))
                 return false;
         }
         text.remove_prefix(std::min(end + 1, text.size()));
@@ -114,25 +114,25 @@ bool parse_fetch(std::string_view text, std::vector<FetchArg> *out)
     return true;
 }
 
-bool parse_definition(const kp_probe_def &record, Definition *out)
+bool parse_definition(const kp_probe_def &record, Definition &out)
 {
-    *out = {};
-    out->kind = record.kind;
-    out->on = record.c0 == '1';
-    out->point = field(record.point, sizeof(record.point));
-    out->name = field(record.name, sizeof(record.name));
+    out = {};
+    out.kind = record.kind;
+    out.on = record.c0 == '1';
+    out.point = field(record.point, sizeof(record.point));
+    out.name = field(record.name, sizeof(record.name));
     const char *fetch = pointed(record.fetch.u), *filter = pointed(record.filter.u);
-    if (out->kind != 'p' || !is_identifier(out->point) || !is_identifier(out->name) || !fetch)
+    if (out.kind != 'p' || !is_identifier(out.point) || !is_identifier(out.name) || !fetch)
         return false;
     if (strnlen(fetch, kMaxFetch + 1) > kMaxFetch || (filter && strnlen(filter, kMaxFilter + 1) > kMaxFilter))
         return false;
-    if (!parse_fetch(fetch, &out->args))
+    if (!parse_fetch(fetch, out.args))
         return false;
-    out->filter = filter ? filter : "";
+    out.filter = filter ? filter : "";
     if (take_file_shape(out))
-        out->shape = Shape::kFile;
-    else if (is_inotify_shape(*out))
-        out->shape = Shape::kInotify;
+        out.shape = Shape::kFile;
+    else if (is_inotify_shape(out))
+        out.shape = Shape::kInotify;
     return true;
 }
 

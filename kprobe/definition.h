@@ -42,9 +42,9 @@ struct Definition {
 inline constexpr size_t kMaxFetch = 4000, kMaxFilter = 4000;
 
 // False: the record is no definition that can be understood.
-bool parse_definition(const kp_probe_def &record, Definition *out);
+bool parse_definition(const kp_probe_def &record, Definition &out);
 
-bool parse_fetch(std::string_view text, std::vector<FetchArg> *out);
+bool parse_fetch(std::string_view text, std::vector<FetchArg> &out);
 
 // Bytes of one value; 0: a type that the monitor's records cannot hold. `word` is the kernel's word.
 size_t type_size(std::string_view type, size_t word);

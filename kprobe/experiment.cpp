@@ -69,7 +69,7 @@ std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const 
     for (size_t i = 0; i < places.size(); i++)
         plan.args.push_back({"v" + std::to_string(i), places[i], type});
     std::string why;
-    if (tracefs.define(plan.command(group, "one"), &why) < 0) {
+    if (tracefs.define(plan.command(group, "one"), why) < 0) {
         KP_LOG(2, "calibration at %s refused: %s", point, why.c_str());
         return {};
     }

@@ -95,63 +95,63 @@ std::string DentryLayout::lacking() const
     return text;
 }
 
-bool parse_release(const char *release, Facts *out)
+bool parse_release(const char *release, Facts &out)
 {
     char *end;
-    out->major = clamp(strtoul(release, &end, 10));
+    out.major = clamp(strtoul(release, &end, 10));
     if (end == release || *end != '.')
         return false;
     const char *minor = end + 1;
-    out->minor = clamp(strtoul(minor, &end, 10));
+    out.minor = clamp(strtoul(minor, &end, 10));
     if (end == minor)
         return false;
-    out->patch = *end == '.' ? clamp(strtoul(end + 1, nullptr, 10)) : 0;
+    out.patch = *end == '.' ? clamp(strtoul(end + 1, nullptr, 10)) : 0;
     return true;
 }
 
-void facts_from_btf(const Btf &btf, Facts *out)
+void facts_from_btf(const Btf &btf, Facts &out)
 {
     btf.each_function([&](std::string_view name) {
         if (matters(name))
-            out->functions.emplace(name);
+            out.functions.emplace(name);
     });
-    out->dentry = dentry_layout(btf);
-    out->mark = mark_layout(btf);
-    out->new_parent = btf.argument_of_type("__fsnotify_parent", "dentry") == 1;
+    out.dentry = dentry_layout(btf);
+    out.mark = mark_layout(btf);
+    out.new_parent = btf.argument_of_type("__fsnotify_parent", "dentry") == 1;
 }
 
-void functions_from_symbols(std::string_view lines, Facts *out)
+void functions_from_symbols(std::string_view lines, Facts &out)
 {
     while (!lines.empty()) {
         const size_t end = std::min(lines.find('\n'), lines.size());
         const std::string_view line = lines.substr(0, end), name = line.substr(line.rfind(' ') + 1);
         if (matters(name))  // a module's line ends with the module's name
-            out->functions.emplace(name);
+            out.functions.emplace(name);
         lines.remove_prefix(std::min(end + 1, lines.size()));
     }
 }
 
-bool gather_facts(const Tracefs &tracefs, Facts *out, std::string *why)
+bool gather_facts(const Tracefs &tracefs, Facts &out, std::string &why)
 {
     utsname name;
     if (uname(&name) < 0 || !parse_release(name.release, out)) {
-        *why = "the kernel's release cannot be read";
+        why = "the kernel's release cannot be read";
         return false;
     }
-    out->is_64 = strcmp(name.machine, "x86_64") == 0;
+    out.is_64 = strcmp(name.machine, "x86_64") == 0;
     const bool is_32 = name.machine[0] == 'i' && strcmp(name.machine + 2, "86") == 0;
-    if (!out->is_64 && !is_32) {
-        *why = std::string("kernel probes are known for x86 only, not for ") + name.machine;
+    if (!out.is_64 && !is_32) {
+        why = std::string("kernel probes are known for x86 only, not for ") + name.machine;
         return false;
     }
-    out->arrays = tracefs.knows_arrays();
+    out.arrays = tracefs.knows_arrays();
     const Btf btf(read_file("/sys/kernel/btf/vmlinux"));
     if (btf.valid()) {
         facts_from_btf(btf, out);
         return true;
     }
     functions_from_symbols(read_file("/proc/kallsyms"), out);
-    out->new_parent = out->has("inotify_handle_inode_event");  // both came with the same kernel
+    out.new_parent = out.has("inotify_handle_inode_event");  // both came with the same kernel
     calibrate(tracefs, out);
     return true;
 }

@@ -54,16 +54,16 @@ struct Facts {
 };
 
 // MAJOR.MINOR[.PATCH] and anything behind it. False: another text. Numbers beyond a byte become 255.
-bool parse_release(const char *release, Facts *out);
+bool parse_release(const char *release, Facts &out);
 
 // Offsets and functions from the kernel's type information.
-void facts_from_btf(const Btf &btf, Facts *out);
+void facts_from_btf(const Btf &btf, Facts &out);
 
 // The functions that matter, from lines "ADDRESS TYPE NAME[ MODULE]"; a module's do not count.
-void functions_from_symbols(std::string_view lines, Facts *out);
+void functions_from_symbols(std::string_view lines, Facts &out);
 
 // All of it. False with a reason in words for a person.
-bool gather_facts(const Tracefs &tracefs, Facts *out, std::string *why);
+bool gather_facts(const Tracefs &tracefs, Facts &out, std::string &why);
 
 }  // namespace kprobe
 

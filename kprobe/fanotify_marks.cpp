@@ -14,13 +14,13 @@ namespace
 {
 
 // The hexadecimal number behind " KEY" in a line. False: it is not there.
-bool take_hex(std::string_view line, std::string_view key, uint32_t *out)
+bool take_hex(std::string_view line, std::string_view key, uint32_t &out)
 {
     const size_t at = line.find(key);
     if (at == std::string_view::npos)
         return false;
     const char *begin = line.data() + at + key.size();
-    return std::from_chars(begin, line.data() + line.size(), *out, 16).ec == std::errc();
+    return std::from_chars(begin, line.data() + line.size(), out, 16).ec == std::errc();
 }
 
 }  // namespace
@@ -33,9 +33,9 @@ bool has_fanotify_mark(std::string_view fdinfo, const FileSystem &where)
         uint32_t number;
         if (line.substr(0, 9) != "fanotify ")
             continue;
-        if (take_hex(line, " sdev:", &number) && number == where.device)
+        if (take_hex(line, " sdev:", number) && number == where.device)
             return true;
-        if (take_hex(line, " mnt_id:", &number) &&
+        if (take_hex(line, " mnt_id:", number) &&
             std::find(where.mounts.begin(), where.mounts.end(), static_cast<int32_t>(number)) != where.mounts.end())
             return true;
     }

@@ -124,14 +124,14 @@ Library &Library::get()
 // ---- start ----
 
 // Only a probe that was made and read proves that the kernel lets us: a kernel may be locked down in several ways.
-bool Library::prove(std::string *why)
+bool Library::prove(std::string &why)
 {
     const std::string group = group_name(owner_, serial_++, "proof"), event = "proof_" + std::to_string(owner_.pid);
     const int status = tracefs_.define(
         "p:" + group + "/" + event + " " + (facts_.has("security_inode_create") ? "security_inode_create" : "do_exit"),
         why);
     if (status < 0) {
-        *why = "the kernel refuses probes: " + *why;
+        why = "the kernel refuses probes: " + why;
         return false;
     }
     const Temporary temporary = {tracefs_, group, event};
@@ -142,7 +142,7 @@ bool Library::prove(std::string *why)
     if (error == 0)
         error = events.open(tracefs_.event_id(group, event), {&ring}, "", &bad_filter);
     if (error < 0)
-        *why = std::string("perf events cannot be opened: ") + strerror(-error);
+        why = std::string("perf events cannot be opened: ") + strerror(-error);
     return error == 0;
 }
 
@@ -161,26 +161,26 @@ const char *Library::why_not()
     return why_;
 }
 
-bool Library::look_around(std::string *why)
+bool Library::look_around(std::string &why)
 {
     // Before anything else: who forks meanwhile waits, and gets a child in which the library is not in the middle.
     if (handle_forks() != 0) {
-        *why = "out of memory";
+        why = "out of memory";
         return false;
     }
     if (online_cpus().empty()) {
-        *why = "the online CPUs cannot be read (/sys/devices/system/cpu/online)";
+        why = "the online CPUs cannot be read (/sys/devices/system/cpu/online)";
         return false;
     }
-    if (!tracefs_.find(why) || tracefs_.remove_orphans() < 0 || !gather_facts(tracefs_, &facts_, why))
+    if (!tracefs_.find(why) || tracefs_.remove_orphans() < 0 || !gather_facts(tracefs_, facts_, why))
         return false;
     if (const std::string lacking = facts_.dentry.lacking(); !lacking.empty()) {
-        *why = "this kernel does not describe its types (BTF), and to try them out has not shown where it keeps " +
-               lacking;
+        why = "this kernel does not describe its types (BTF), and to try them out has not shown where it keeps " +
+              lacking;
         return false;
     }
-    *why = lacking_descriptors(online_cpus().size());
-    return why->empty() && prove(why);
+    why = lacking_descriptors(online_cpus().size());
+    return why.empty() && prove(why);
 }
 
 bool Library::start()
@@ -190,7 +190,7 @@ bool Library::start()
     owner_ = current_owner();
     slots_.reserve(kSlots);  // slots never move
     std::string why;
-    const bool works = look_around(&why);
+    const bool works = look_around(why);
     say(works ? "" : why);
     state_ = works ? kWorking : kUnavailable;
     if (!works)

@@ -55,9 +55,9 @@ private:
     };
 
     bool start() REQUIRES(lock_);
-    bool look_around(std::string *why) REQUIRES(lock_);
+    bool look_around(std::string &why) REQUIRES(lock_);
     void say(const std::string &why) REQUIRES(lock_);
-    bool prove(std::string *why) REQUIRES(lock_);
+    bool prove(std::string &why) REQUIRES(lock_);
     Slot *slot_of(void *handle) REQUIRES(lock_);
     void *handle_of(const Slot &slot) const REQUIRES(lock_);
     Slot *free_slot(const std::string &name) REQUIRES(lock_);

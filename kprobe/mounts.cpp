@@ -31,30 +31,30 @@ std::string unescape(std::string_view text)
     return out;
 }
 
-std::string_view take_word(std::string_view *line)
+std::string_view take_word(std::string_view &line)
 {
-    const size_t end = std::min(line->find(' '), line->size());
-    const std::string_view word = line->substr(0, end);
-    line->remove_prefix(std::min(end + 1, line->size()));
+    const size_t end = std::min(line.find(' '), line.size());
+    const std::string_view word = line.substr(0, end);
+    line.remove_prefix(std::min(end + 1, line.size()));
     return word;
 }
 
-bool parse_line(std::string_view line, Mount *out)
+bool parse_line(std::string_view line, Mount &out)
 {
     unsigned major, minor;
     int id;
     if (sscanf(std::string(line).c_str(), "%d %*d %u:%u", &id, &major, &minor) != 3)
         return false;
     for (int i = 0; i < 3; i++)
-        take_word(&line);
-    out->id = id;
-    out->device = major << 20 | minor;
-    out->whole = take_word(&line) == "/";
-    out->point = unescape(take_word(&line));
-    return !out->point.empty();
+        take_word(line);
+    out.id = id;
+    out.device = major << 20 | minor;
+    out.whole = take_word(line) == "/";
+    out.point = unescape(take_word(line));
+    return !out.point.empty();
 }
 
-void lower(int32_t *best, int32_t id) { *best = *best == 0 ? id : std::min(*best, id); }
+void lower(int32_t &best, int32_t id) { best = best == 0 ? id : std::min(best, id); }
 
 }  // namespace
 
@@ -64,7 +64,7 @@ std::vector<Mount> parse_mounts(std::string_view text)
     while (!text.empty()) {
         const size_t end = std::min(text.find('\n'), text.size());
         Mount mount;
-        if (parse_line(text.substr(0, end), &mount))
+        if (parse_line(text.substr(0, end), mount))
             mounts.push_back(std::move(mount));
         text.remove_prefix(std::min(end + 1, text.size()));
     }
@@ -82,9 +82,9 @@ void MountMap::refresh(const std::vector<Mount> &mounts)
         Device &device = next.devices[mount.device];
         if (device.any == 0)
             device.point = mount.point;
-        lower(&device.any, mount.id);
+        lower(device.any, mount.id);
         if (mount.whole)
-            lower(&device.whole, mount.id);
+            lower(device.whole, mount.id);
     }
     remember(next);
     now_ = std::move(next);
@@ -127,7 +127,7 @@ void MountMap::want(const std::vector<int32_t> &ids)
     wanted_of_.clear();
     for (const int32_t id : ids)
         if (const uint32_t device = id == 0 ? 0 : device_of(id); device != 0)  // 0: the wanted mount is not there
-            lower(&wanted_of_[device], id);
+            lower(wanted_of_[device], id);
 }
 
 const char *MountMap::point_of(uint32_t device) const

@@ -54,19 +54,19 @@ bool fits(const FetchArg &arg)
 }
 
 bool fetch_bytes(const Facts &facts, Grain grain, const std::string &name, int offset, const std::string &inner,
-                 uint32_t size, std::vector<FetchArg> *args)
+                 uint32_t size, std::vector<FetchArg> &args)
 {
     if (grain == Grain::kArray) {
         if (!facts.arrays)
             return false;
-        args->push_back({name, deref(offset, inner), "x64[" + std::to_string(size / 8) + "]"});
-        return fits(args->back());
+        args.push_back({name, deref(offset, inner), "x64[" + std::to_string(size / 8) + "]"});
+        return fits(args.back());
     }
     const uint32_t step = grain == Grain::kEight ? 8 : static_cast<uint32_t>(facts.word());
     for (uint32_t at = 0; at < size; at += step) {
-        args->push_back({name + "_" + std::to_string(at / step), deref(offset + static_cast<int>(at), inner),
-                         step == facts.word() ? "" : "x64"});
-        if (!fits(args->back()))
+        args.push_back({name + "_" + std::to_string(at / step), deref(offset + static_cast<int>(at), inner),
+                        step == facts.word() ? "" : "x64"});
+        if (!fits(args.back()))
             return false;
     }
     return true;

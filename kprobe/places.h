@@ -31,7 +31,7 @@ enum class Grain { kArray, kEight, kWord };
 // Fetches `size` bytes behind `inner`, from `offset` on. False: some expression is too long, or the kernel has no
 // arrays.
 bool fetch_bytes(const Facts &facts, Grain grain, const std::string &name, int offset, const std::string &inner,
-                 uint32_t size, std::vector<FetchArg> *args);
+                 uint32_t size, std::vector<FetchArg> &args);
 
 // The function to probe and which of its arguments (from 1) is the entry.
 struct Target {

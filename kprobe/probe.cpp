@@ -22,7 +22,7 @@ constexpr size_t kMaxName = 40;  // of an event; the kernel takes 63 bytes with 
 int Probe::place()
 {
     std::string why;
-    if (translate(def, kernel_.facts, &plan, &why))
+    if (translate(def, kernel_.facts, plan, why))
         return 0;
     KP_LOG(1, "probe %s cannot be placed: %s", def.name.c_str(), why.c_str());
     return -EINVAL;
@@ -33,7 +33,7 @@ int Probe::define(unsigned serial, Layout *layout)
     // Never a name again: an earlier definition may have been busy when it was to be deleted.
     event_ = def.name.substr(0, kMaxName) + "_" + std::to_string(getpid()) + "_" + std::to_string(serial);
     std::string why;
-    const int status = kernel_.tracefs.define(plan.command(kernel_.group, event_), &why);
+    const int status = kernel_.tracefs.define(plan.command(kernel_.group, event_), why);
     if (status < 0) {
         KP_LOG(1, "probe %s at %s refused: %s", def.name.c_str(), plan.point.c_str(), why.c_str());
         return status;

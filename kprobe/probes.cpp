@@ -111,7 +111,7 @@ void Probes::expect(const Probe &probe, kp_record_cb callback)
 int Probes::add(const kp_probe_def &record, kp_record_cb callback)
 {
     auto probe = std::make_unique<Probe>(kernel_);
-    if (!callback || !parse_definition(record, &probe->def)) {
+    if (!callback || !parse_definition(record, probe->def)) {
         KP_LOG(1, "a probe definition cannot be understood");
         return -EINVAL;
     }

@@ -28,15 +28,15 @@ constexpr char kPrefix[] = "orx_";
 constexpr const char *kRoots[] = {"/sys/kernel/tracing", "/sys/kernel/debug/tracing"};
 
 // Takes a number and the '_' behind it.
-bool take_number(std::string_view *text, uint64_t *out)
+bool take_number(std::string_view &text, uint64_t &out)
 {
     size_t digits = 0;
-    *out = 0;
-    while (digits < text->size() && isdigit(static_cast<unsigned char>((*text)[digits])))
-        *out = *out * 10 + static_cast<uint64_t>((*text)[digits++] - '0');
-    if (digits == 0 || digits > 19 || digits >= text->size() || (*text)[digits] != '_')
+    out = 0;
+    while (digits < text.size() && isdigit(static_cast<unsigned char>(text[digits])))
+        out = out * 10 + static_cast<uint64_t>(text[digits++] - '0');
+    if (digits == 0 || digits > 19 || digits >= text.size() || text[digits] != '_')
         return false;
-    text->remove_prefix(digits + 1);
+    text.remove_prefix(digits + 1);
     return true;
 }
 
@@ -124,15 +124,15 @@ std::string group_name(const Owner &owner, unsigned serial, std::string_view nam
     return group;
 }
 
-bool owner_of_group(std::string_view group, Owner *out)
+bool owner_of_group(std::string_view group, Owner &out)
 {
     uint64_t pid, started, serial;
     if (group.substr(0, strlen(kPrefix)) != kPrefix)
         return false;
     group.remove_prefix(strlen(kPrefix));
-    if (!take_number(&group, &pid) || !take_number(&group, &started) || !take_number(&group, &serial))
+    if (!take_number(group, pid) || !take_number(group, started) || !take_number(group, serial))
         return false;
-    *out = {static_cast<int>(pid), started};
+    out = {static_cast<int>(pid), started};
     return true;
 }
 
@@ -171,32 +171,32 @@ std::string Tracefs::event_file(const std::string &group, const std::string &eve
     return file("events/" + group + "/" + event + "/" + name);
 }
 
-bool Tracefs::find(std::string *why)
+bool Tracefs::find(std::string &why)
 {
-    *why = "tracefs is not mounted: mount -t tracefs tracefs /sys/kernel/tracing";
+    why = "tracefs is not mounted: mount -t tracefs tracefs /sys/kernel/tracing";
     for (const char *root : kRoots) {
         root_ = root;
         if (access(file("README").c_str(), F_OK) != 0 && access(file("trace").c_str(), F_OK) != 0) {
             if (errno == EACCES || errno == EPERM)
-                *why = reason_for(errno);
+                why = reason_for(errno);
             continue;
         }
         const Fd fd(open(file("kprobe_events").c_str(), O_WRONLY | O_APPEND | O_CLOEXEC));
         if (fd)
             return true;
-        *why = errno == ENOENT ? "this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)" : reason_for(errno);
+        why = errno == ENOENT ? "this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)" : reason_for(errno);
     }
     return false;
 }
 
-int Tracefs::define(const std::string &command, std::string *why) const
+int Tracefs::define(const std::string &command, std::string &why) const
 {
     const int status = write_file(file("kprobe_events"), command, true);
     if (status == 0)
         return 0;
-    *why = last_error(read_file(file("error_log")));
-    if (why->empty())
-        *why = strerror(-status);
+    why = last_error(read_file(file("error_log")));
+    if (why.empty())
+        why = strerror(-status);
     return status;
 }
 
@@ -259,7 +259,7 @@ int Tracefs::remove_orphans() const
             return;
         const std::string group(line.substr(colon + 1, slash - colon - 1));
         // What a living process holds could not be deleted anyway: it is busy.
-        if (owner_of_group(group, &owner) && !is_alive(owner) &&
+        if (owner_of_group(group, owner) && !is_alive(owner) &&
             remove(group, std::string(line.substr(slash + 1, end - slash - 1))) == 0)
             removed++;
     });

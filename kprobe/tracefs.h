@@ -27,7 +27,7 @@ bool is_alive(const Owner &owner);
 // "orx_PID_START_SERIAL_NAME", with what is no letter or digit of the name replaced.
 std::string group_name(const Owner &owner, unsigned serial, std::string_view name);
 // False: not one of our groups.
-bool owner_of_group(std::string_view group, Owner *out);
+bool owner_of_group(std::string_view group, Owner &out);
 
 // One argument's bytes in the raw record.
 struct RawField {
@@ -44,10 +44,10 @@ class Tracefs
 {
 public:
     // False with a reason in words for a person.
-    bool find(std::string *why);
+    bool find(std::string &why);
 
     // Adds or deletes definitions; 0 or a negative errno with the kernel's own words.
-    int define(const std::string &command, std::string *why) const;
+    int define(const std::string &command, std::string &why) const;
     int remove(const std::string &group, const std::string &event) const;
 
     // Negative: there is no such event.

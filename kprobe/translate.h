@@ -18,7 +18,7 @@ namespace kprobe
 {
 
 // False: it cannot be placed on this kernel, or nobody knows what it would record there, and why.
-bool translate(const Definition &def, const Facts &facts, Plan *out, std::string *why);
+bool translate(const Definition &def, const Facts &facts, Plan &out, std::string &why);
 
 // Whether the inotify source can work here at all.
 bool can_watch_inotify(const Facts &facts);

@@ -32,7 +32,7 @@ struct Calibration {
     Facts gather()
     {
         Facts facts;
-        EXPECT_TRUE(tracefs.find(&why) && gather_facts(tracefs, &facts, &why)) << why;
+        EXPECT_TRUE(tracefs.find(why) && gather_facts(tracefs, facts, why)) << why;
         EXPECT_TRUE(kernel.definitions().empty()) << "experiments leave nothing";
         EXPECT_EQ(0u, kernel.perf.open_events());
         return facts;
@@ -89,7 +89,7 @@ TEST(KprobeCalibrate, WatchesOfOtherNumbers)
     Tracefs tracefs;
     Facts facts;
     std::string why;
-    ASSERT_TRUE(tracefs.find(&why) && gather_facts(tracefs, &facts, &why));
+    ASSERT_TRUE(tracefs.find(why) && gather_facts(tracefs, facts, why));
     EXPECT_EQ(kUnknown, facts.mark.wd);
 }
 
@@ -119,7 +119,7 @@ TEST(KprobeCalibrate, CallsThatFail)
             Calibration c(false);
             const Fault fault(row.call, nth, EIO, row.in_a_row);
             Facts facts;
-            if (!c.tracefs.find(&c.why) || !gather_facts(c.tracefs, &facts, &c.why))
+            if (!c.tracefs.find(c.why) || !gather_facts(c.tracefs, facts, c.why))
                 continue;
             if (!fault.hit())
                 break;

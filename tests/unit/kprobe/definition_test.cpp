@@ -19,7 +19,7 @@ namespace
 bool accepts(const ModuleProbe &probe)
 {
     Definition def;
-    return parse_definition(probe.record(), &def);
+    return parse_definition(probe.record(), def);
 }
 
 std::string with(std::string text, const std::string &old, const std::string &instead)
@@ -120,7 +120,7 @@ TEST(KprobeDefinition, TextsThatAreNone)
 {
     for (const char *text : {"a", "=", "=%di", "a=", "a=:u32", "a=%di:", "1a=%di", "a-b=%di", "a=%di b", "a b=%di"}) {
         std::vector<FetchArg> args;
-        EXPECT_FALSE(parse_fetch(text, &args)) << text;
+        EXPECT_FALSE(parse_fetch(text, args)) << text;
         EXPECT_FALSE(accepts({"vfs_link", "K", text, ""})) << text;
     }
 }
@@ -128,13 +128,13 @@ TEST(KprobeDefinition, TextsThatAreNone)
 TEST(KprobeDefinition, BlanksDoNotMatter)
 {
     std::vector<FetchArg> args;
-    ASSERT_TRUE(parse_fetch("  a=%di   b=+8(%si):u16 ", &args));
+    ASSERT_TRUE(parse_fetch("  a=%di   b=+8(%si):u16 ", args));
     ASSERT_EQ(2u, args.size());
     EXPECT_EQ("+8(%si)", args[1].place);
     EXPECT_EQ("u16", args[1].type);
-    EXPECT_TRUE(parse_fetch("", &args));
+    EXPECT_TRUE(parse_fetch("", args));
     EXPECT_TRUE(args.empty());
-    EXPECT_TRUE(parse_fetch("   ", &args));
+    EXPECT_TRUE(parse_fetch("   ", args));
 }
 
 TEST(KprobeDefinition, NamesAndPoints)
@@ -155,7 +155,7 @@ TEST(KprobeDefinition, NamesThatFillTheirFields)
     memset(record.name, 'n', sizeof(record.name));
     record.fetch.u = reinterpret_cast<uintptr_t>(fetch.c_str());
     Definition def;
-    ASSERT_TRUE(parse_definition(record, &def));
+    ASSERT_TRUE(parse_definition(record, def));
     EXPECT_EQ(std::string(64, 'p'), def.point);
     EXPECT_EQ(std::string(64, 'n'), def.name);
     EXPECT_EQ("", def.filter);
@@ -167,11 +167,11 @@ TEST(KprobeDefinition, RecordsWithoutWhatIsNeeded)
     Definition def;
     kp_probe_def record = probe.record();
     record.fetch.u = 0;
-    EXPECT_FALSE(parse_definition(record, &def));
+    EXPECT_FALSE(parse_definition(record, def));
     for (const char kind : {'r', 'P', '\0'}) {
         record = probe.record();
         record.kind = kind;
-        EXPECT_FALSE(parse_definition(record, &def)) << kind;
+        EXPECT_FALSE(parse_definition(record, def)) << kind;
     }
 }
 

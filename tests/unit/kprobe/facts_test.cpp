@@ -25,11 +25,11 @@ using Names = std::set<std::string, std::less<>>;
 Names functions_in(std::string_view lines)
 {
     Facts facts;
-    functions_from_symbols(lines, &facts);
+    functions_from_symbols(lines, facts);
     return facts.functions;
 }
 
-bool gathered(KernelDouble &, Facts *facts, std::string *why)
+bool gathered(KernelDouble &, Facts &facts, std::string &why)
 {
     Tracefs tracefs;
     return tracefs.find(why) && gather_facts(tracefs, facts, why);
@@ -54,14 +54,14 @@ TEST(KprobeFacts, Releases)
                 {"5.99999999999999999999.3", 5, 255, 3}};
     for (const auto &row : rows) {
         Facts facts;
-        ASSERT_TRUE(parse_release(row.text, &facts)) << row.text;
+        ASSERT_TRUE(parse_release(row.text, facts)) << row.text;
         EXPECT_EQ(row.major, facts.major) << row.text;
         EXPECT_EQ(row.minor, facts.minor) << row.text;
         EXPECT_EQ(row.patch, facts.patch) << row.text;
     }
     for (const char *text : {"", ".", "6", "6.", "6.x", "x.1", ".1.2", "v6.1", "6-1", "linux"}) {
         Facts facts;
-        EXPECT_FALSE(parse_release(text, &facts)) << text;
+        EXPECT_FALSE(parse_release(text, facts)) << text;
     }
 }
 
@@ -79,7 +79,7 @@ TEST(KprobeFacts, Symbols)
 TEST(KprobeFacts, FromTypes)
 {
     Facts facts;
-    facts_from_btf(Btf(kernel_types(KernelTypes())), &facts);
+    facts_from_btf(Btf(kernel_types(KernelTypes())), facts);
     const Facts wanted = kprobe_facts::amd64_6_1();
     EXPECT_TRUE(facts.dentry.complete());
     EXPECT_EQ(wanted.dentry.parent, facts.dentry.parent);
@@ -109,14 +109,14 @@ TEST(KprobeFacts, FromTypesOfOtherKernels)
     kernel.new_parent = false;
     kernel.functions = {};
     Facts facts;
-    facts_from_btf(Btf(kernel_types(kernel)), &facts);
+    facts_from_btf(Btf(kernel_types(kernel)), facts);
     EXPECT_EQ(56, facts.dentry.inline_name);
     EXPECT_EQ(8, facts.mark.object);
     EXPECT_EQ(0, facts.mark.inode_back);
     EXPECT_FALSE(facts.new_parent);
     EXPECT_EQ(Names{"__fsnotify_parent"}, facts.functions);
     kernel.inline_name = "d_other";
-    facts_from_btf(Btf(kernel_types(kernel)), &facts);
+    facts_from_btf(Btf(kernel_types(kernel)), facts);
     EXPECT_FALSE(facts.dentry.complete());
 }
 
@@ -126,7 +126,7 @@ TEST(KprobeFacts, GatheredWithTypeInformation)
     kernel.default_files();
     Facts facts;
     std::string why;
-    ASSERT_TRUE(gathered(kernel, &facts, &why)) << why;
+    ASSERT_TRUE(gathered(kernel, facts, why)) << why;
     EXPECT_TRUE(facts.is_64);
     EXPECT_TRUE(facts.arrays);
     EXPECT_EQ(6, facts.major);
@@ -134,7 +134,7 @@ TEST(KprobeFacts, GatheredWithTypeInformation)
     EXPECT_TRUE(facts.has("vfs_link"));
     kernel.file(kernel.tracing("README"), "tracing mini-HOWTO:\n  type: s8/16/32/64\n");
     Facts old;
-    ASSERT_TRUE(gathered(kernel, &old, &why)) << why;
+    ASSERT_TRUE(gathered(kernel, old, why)) << why;
     EXPECT_FALSE(old.arrays);
 }
 
@@ -147,7 +147,7 @@ TEST(KprobeFacts, GatheredFromSymbols)
     kernel.refuse(" inotify_handle_inode_event", "no calibration here");
     Facts facts;
     std::string why;
-    ASSERT_TRUE(gathered(kernel, &facts, &why)) << why;
+    ASSERT_TRUE(gathered(kernel, facts, why)) << why;
     EXPECT_FALSE(facts.is_64);
     EXPECT_EQ((Names{"inotify_handle_inode_event", "vfs_link"}), facts.functions);
     EXPECT_TRUE(facts.new_parent) << "both came with the same kernel";
@@ -155,7 +155,7 @@ TEST(KprobeFacts, GatheredFromSymbols)
     EXPECT_FALSE(facts.mark.complete());
     kernel.file("/proc/kallsyms", "c1 T vfs_link\n");
     Facts old;
-    ASSERT_TRUE(gathered(kernel, &old, &why)) << why;
+    ASSERT_TRUE(gathered(kernel, old, why)) << why;
     EXPECT_FALSE(old.new_parent);
 }
 
@@ -167,13 +167,13 @@ TEST(KprobeFacts, MachinesWithoutProbes)
     std::string why;
     for (const char *machine : {"aarch64", "i86", "x86", "ia64", "", "i686x"}) {
         kernel.machine = machine;
-        EXPECT_FALSE(gathered(kernel, &facts, &why)) << machine;
+        EXPECT_FALSE(gathered(kernel, facts, why)) << machine;
         EXPECT_NE(std::string::npos, why.find("x86 only")) << why;
     }
     kernel.machine = "x86_64";
     kernel.release = "unknown";
-    EXPECT_FALSE(gathered(kernel, &facts, &why));
+    EXPECT_FALSE(gathered(kernel, facts, why));
     EXPECT_EQ("the kernel's release cannot be read", why);
     const Fault fault("uname", 1, EFAULT);
-    EXPECT_FALSE(gathered(kernel, &facts, &why));
+    EXPECT_FALSE(gathered(kernel, facts, why));
 }

@@ -20,7 +20,7 @@ bool use_instance(KernelDouble &kernel, const kprobe::Facts &facts)
 {
     kprobe::Tracefs tracefs;
     std::string why;
-    if (!tracefs.find(&why))
+    if (!tracefs.find(why))
         return false;
     kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
     bool good = instance.open({0, 1}, {65536, 65536}) == 0;
@@ -94,7 +94,7 @@ TEST(KprobeFaults, ADefinitionThatStays)
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     kprobe::Tracefs tracefs;
     std::string why;
-    ASSERT_TRUE(tracefs.find(&why));
+    ASSERT_TRUE(tracefs.find(why));
     {
         kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");
         ASSERT_EQ(0, instance.open({0}, {65536, 65536}));

@@ -172,7 +172,7 @@ TEST(KprobeInstanceProbes, AnEndThatLeavesNothing)
     kernel.default_files();
     kprobe::Tracefs tracefs;
     std::string why;
-    ASSERT_TRUE(tracefs.find(&why));
+    ASSERT_TRUE(tracefs.find(why));
     const kprobe::Facts facts = kprobe_facts::amd64_6_1();
     {
         kprobe::Instance instance(tracefs, facts, "orx_1_2_3_x");

@@ -55,7 +55,7 @@ inline kprobe::Facts without(kprobe::Facts facts, const std::string &prefix)
 inline kprobe::Definition parsed(const testlib::ModuleProbe &probe)
 {
     kprobe::Definition def;
-    if (!parse_definition(probe.record(), &def))
+    if (!parse_definition(probe.record(), def))
         def = {};
     return def;
 }
@@ -64,7 +64,7 @@ inline kprobe::Plan plan_of(const testlib::ModuleProbe &probe, const kprobe::Fac
 {
     kprobe::Plan plan;
     std::string why;
-    EXPECT_TRUE(translate(parsed(probe), facts, &plan, &why)) << probe.name << ": " << why;
+    EXPECT_TRUE(translate(parsed(probe), facts, plan, why)) << probe.name << ": " << why;
     return plan;
 }
 

@@ -111,7 +111,7 @@ struct Fixture {
         kernel.default_files();
         received.clear();
         testlib::take_log();
-        EXPECT_TRUE(tracefs.find(&why)) << why;
+        EXPECT_TRUE(tracefs.find(why)) << why;
         EXPECT_EQ(0, instance.open(cpus, sizes));
     }
 

@@ -90,9 +90,9 @@ TEST(KprobeLibrary, DefinitionsOfTheDeadGoAtStart)
     Whole w;
     kprobe::Tracefs tracefs;
     std::string why;
-    ASSERT_TRUE(tracefs.find(&why));
-    ASSERT_EQ(0, tracefs.define("p:orx_4194305_5_0_clt_file/Kc_4194305 vfs_link", &why));
-    ASSERT_EQ(0, tracefs.define("p:others/Kc vfs_link", &why));
+    ASSERT_TRUE(tracefs.find(why));
+    ASSERT_EQ(0, tracefs.define("p:orx_4194305_5_0_clt_file/Kc_4194305 vfs_link", why));
+    ASSERT_EQ(0, tracefs.define("p:others/Kc vfs_link", why));
     ASSERT_TRUE(w.works());
     EXPECT_EQ(Paths{"p:others/Kc vfs_link"}, w.kernel.definitions());
 }

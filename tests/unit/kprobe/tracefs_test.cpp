@@ -35,8 +35,8 @@ struct Found {
     KernelDouble kernel;
     Tracefs tracefs;
     std::string why;
-    Found() { EXPECT_TRUE(tracefs.find(&why)) << why; }
-    void define(const std::string &text) { EXPECT_EQ(0, tracefs.define(text, &why)) << text << ": " << why; }
+    Found() { EXPECT_TRUE(tracefs.find(why)) << why; }
+    void define(const std::string &text) { EXPECT_EQ(0, tracefs.define(text, why)) << text << ": " << why; }
 };
 
 }  // namespace
@@ -91,7 +91,7 @@ TEST(KprobeTracefs, GroupsTellTheirOwner)
 {
     for (const Owner &owner : {Owner{1, 1}, Owner{77, 123456789}, Owner{INT_MAX, 9223372036854775807u}}) {
         Owner found;
-        ASSERT_TRUE(owner_of_group(group_of(owner), &found));
+        ASSERT_TRUE(owner_of_group(group_of(owner), found));
         EXPECT_EQ(owner.pid, found.pid);
         EXPECT_EQ(owner.started, found.started);
         EXPECT_LE(group_name(owner, UINT_MAX, std::string(100, 'x')).size(), 63u);
@@ -106,7 +106,7 @@ TEST(KprobeTracefs, HostileNamesOfInstances)
         const std::string group = group_of({77, 5}, name);
         EXPECT_EQ(std::string::npos, group.find_first_not_of("abcdefghijklmnopqrstuvwxyz_0123456789")) << group;
         Owner owner;
-        ASSERT_TRUE(owner_of_group(group, &owner)) << group;
+        ASSERT_TRUE(owner_of_group(group, owner)) << group;
         EXPECT_EQ(77, owner.pid);
     }
 }
@@ -117,7 +117,7 @@ TEST(KprobeTracefs, GroupsThatAreNotOurs)
                               "kprobes", "orx_clt_file", "orx_a_2_3_x", "orx_1_2_x_3", "xorx_1_2_3_x", "orx_-1_2_3_x",
                               "orx_ 1_2_3_x", "orx_99999999999999999999_2_3_x"}) {
         Owner owner;
-        EXPECT_FALSE(owner_of_group(group, &owner)) << group;
+        EXPECT_FALSE(owner_of_group(group, owner)) << group;
     }
 }
 
@@ -157,21 +157,21 @@ TEST(KprobeTracefs, WhereItCannotBeFound)
     std::string why;
     {
         const Fault fault("access", 1, EACCES, 100);
-        EXPECT_FALSE(tracefs.find(&why));
+        EXPECT_FALSE(tracefs.find(why));
         EXPECT_EQ("no permission for kernel probes: they need root, and a kernel that is not locked down", why);
     }
     {
         const Fault fault("access", 1, ENOENT, 100);
-        EXPECT_FALSE(tracefs.find(&why));
+        EXPECT_FALSE(tracefs.find(why));
         EXPECT_NE(std::string::npos, why.find("mount -t tracefs")) << why;
     }
     for (const int error : {EPERM, EACCES}) {
         const Fault fault("open", 1, error, 100);
-        EXPECT_FALSE(tracefs.find(&why));
+        EXPECT_FALSE(tracefs.find(why));
         EXPECT_NE(std::string::npos, why.find("no permission")) << why;
     }
     const Fault fault("open", 1, EBUSY, 100);
-    EXPECT_FALSE(tracefs.find(&why));
+    EXPECT_FALSE(tracefs.find(why));
     EXPECT_NE(std::string::npos, why.find("Device or resource busy")) << why;
 }
 
@@ -179,7 +179,7 @@ TEST(KprobeTracefs, AKernelWithoutProbes)
 {
     Found found;
     found.kernel.no_file(found.kernel.tracing("kprobe_events"));
-    EXPECT_FALSE(found.tracefs.find(&found.why));
+    EXPECT_FALSE(found.tracefs.find(found.why));
     EXPECT_EQ("this kernel has no kernel probes (CONFIG_KPROBE_EVENTS)", found.why);
 }
 
@@ -204,11 +204,11 @@ TEST(KprobeTracefs, RefusalsInTheKernelsWords)
 {
     Found found;
     found.kernel.refuse("nowhere", "Invalid probed address or symbol");
-    EXPECT_EQ(-EINVAL, found.tracefs.define("p:g/one nowhere", &found.why));
+    EXPECT_EQ(-EINVAL, found.tracefs.define("p:g/one nowhere", found.why));
     EXPECT_EQ("Invalid probed address or symbol", found.why);
     found.kernel.no_file(found.kernel.tracing("error_log")); /* older kernels have none */
     const Fault fault("write", 1, ENOSPC);
-    EXPECT_EQ(-ENOSPC, found.tracefs.define("p:g/one vfs_link", &found.why));
+    EXPECT_EQ(-ENOSPC, found.tracefs.define("p:g/one vfs_link", found.why));
     EXPECT_EQ("No space left on device", found.why);
 }
 

@@ -57,7 +57,7 @@ bool is_refused(const testlib::ModuleProbe &probe, const Facts &facts)
 {
     Plan plan;
     std::string why;
-    const bool refused = !translate(parsed(probe), facts, &plan, &why);
+    const bool refused = !translate(parsed(probe), facts, plan, why);
     EXPECT_EQ(refused, why.find("not known") != std::string::npos) << why;
     return refused;
 }
@@ -245,7 +245,7 @@ TEST(KprobeTranslate, OtherDefinitionsAsWritten)
 
     Plan none;
     std::string why;
-    EXPECT_FALSE(translate(parsed({"do_exit", "Kx", "a=+0(%di):string", ""}), i386_6_1(), &none, &why));
+    EXPECT_FALSE(translate(parsed({"do_exit", "Kx", "a=+0(%di):string", ""}), i386_6_1(), none, why));
     EXPECT_NE(std::string::npos, why.find("string")) << why;
 }
 
