@@ -36,7 +36,7 @@ public:
     // Hands on at most `budget` records, the oldest of all CPUs first. Returns how many; 0 also from inside a callback.
     int parse(size_t budget) EXCLUDES(parsing_, lock_);
 
-    void add_counts(kp_losses *out) EXCLUDES(lock_);
+    void add_counts(kp_losses &out) EXCLUDES(lock_);
 
 private:
     enum class Outcome { kDelivered, kUnreadable, kLeftOut };
@@ -46,8 +46,8 @@ private:
         uint64_t group;
     };
 
-    Outcome hand_on(const QueuedRecord &record, std::vector<unsigned char> *out) REQUIRES(parsing_) EXCLUDES(lock_);
-    bool make(const QueuedRecord &record, std::vector<unsigned char> *out, Made *made) EXCLUDES(lock_);
+    Outcome hand_on(const QueuedRecord &record, std::vector<unsigned char> &out) REQUIRES(parsing_) EXCLUDES(lock_);
+    bool make(const QueuedRecord &record, std::vector<unsigned char> &out, Made &made) EXCLUDES(lock_);
 
     Records &records_;
     Groups &groups_;

@@ -34,7 +34,7 @@ uint64_t value_at(const std::vector<unsigned char> &raw, const RawField &field)
 }
 
 // Reads a probe while this thread does something. False: it cannot be read.
-bool observe(int event_id, const std::function<void()> &act, Hits *hits)
+bool observe(int event_id, const std::function<void()> &act, Hits &hits)
 {
     const std::vector<int> cpus = online_cpus();
     std::vector<Ring> rings(cpus.size());
@@ -46,14 +46,14 @@ bool observe(int event_id, const std::function<void()> &act, Hits *hits)
             return false;
         list.push_back(&rings[i]);
     }
-    if (events.open(event_id, list, "common_pid==" + std::to_string(gettid()), &bad_filter) < 0)
+    if (events.open(event_id, list, "common_pid==" + std::to_string(gettid()), bad_filter) < 0)
         return false;
     events.enable(true);
     act();
     events.enable(false);
     for (Ring &ring : rings)
-        ring.drain(*hits);
-    std::sort(hits->raw.begin(), hits->raw.end());
+        ring.drain(hits);
+    std::sort(hits.raw.begin(), hits.raw.end());
     return true;
 }
 
@@ -76,7 +76,7 @@ std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const 
     const std::vector<RawField> fields = tracefs.format(group, "one");
     Hits hits;
     std::vector<Values> found;
-    if (fields.size() == places.size() && observe(tracefs.event_id(group, "one"), act, &hits))
+    if (fields.size() == places.size() && observe(tracefs.event_id(group, "one"), act, hits))
         for (const auto &[time, raw] : hits.raw) {
             found.emplace_back();
             for (const RawField &field : fields)

@@ -88,7 +88,7 @@ bool Groups::is_known(int fd) const
 }
 
 // One hit a descriptor, in their order.
-int Groups::ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds, std::vector<uint64_t> *groups)
+int Groups::ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds, std::vector<uint64_t> &groups)
 {
     const std::string group = deref(facts.mark.file_group, argument_place(facts, 1));
     const auto hits = experiment(tracefs, kFilePoint, {group}, "", [&] {
@@ -100,7 +100,7 @@ int Groups::ask(const Tracefs &tracefs, const Facts &facts, const std::vector<in
     for (const Values &values : hits) {
         if (!is_pointer(values[0], facts))
             return -ENOTSUP;
-        groups->push_back(values[0]);
+        groups.push_back(values[0]);
     }
     return 0;
 }
@@ -133,7 +133,7 @@ int Groups::learn(const Tracefs &tracefs, const Facts &facts)
     if (fds.empty() && !trial)
         return -errno;
     std::vector<uint64_t> groups;
-    const int status = ask(tracefs, facts, trial ? std::vector<int>{trial.get()} : fds, &groups);
+    const int status = ask(tracefs, facts, trial ? std::vector<int>{trial.get()} : fds, groups);
     return status < 0 ? status : remember(fds, groups);
 }
 

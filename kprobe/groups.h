@@ -56,7 +56,7 @@ private:
     };
     bool is_known(int fd) const REQUIRES(lock_);
     static int ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds,
-                   std::vector<uint64_t> *groups);
+                   std::vector<uint64_t> &groups);
     int remember(const std::vector<int> &fds, const std::vector<uint64_t> &groups) REQUIRES(lock_);
 
     common::Mutex lock_;

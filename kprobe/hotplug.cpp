@@ -40,7 +40,7 @@ bool Hotplug::open()
     return static_cast<bool>(socket_);
 }
 
-bool Hotplug::take(std::set<int> *cpus)
+bool Hotplug::take(std::set<int> &cpus)
 {
     bool changed = false;
     for (;;) {
@@ -58,7 +58,7 @@ bool Hotplug::take(std::set<int> *cpus)
         const int cpu = from.nl_pid == 0 ? parse_cpu_message({message, static_cast<size_t>(got)}) : -1;
         if (cpu < 0)
             continue;
-        cpus->insert(cpu);
+        cpus.insert(cpu);
         changed = true;
     }
 }

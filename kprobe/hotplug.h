@@ -27,7 +27,7 @@ public:
 
     // Takes what the kernel has reported, without waiting. True: processors came or went; which is in `cpus`, unless
     // the kernel reported more than it kept.
-    bool take(std::set<int> *cpus);
+    bool take(std::set<int> &cpus);
 
 private:
     Fd socket_;

@@ -37,7 +37,7 @@ bool Instance::losses(kp_losses *out)
 {
     const uint64_t missed = probes_.missed();
     *out = records_.counts();
-    delivery_.add_counts(out);
+    delivery_.add_counts(*out);
     out->missed = missed;
     return true;
 }

@@ -140,7 +140,7 @@ bool Library::prove(std::string &why)
     bool bad_filter;
     int error = ring.open(online_cpus().at(0), kRing);
     if (error == 0)
-        error = events.open(tracefs_.event_id(group, event), {&ring}, "", &bad_filter);
+        error = events.open(tracefs_.event_id(group, event), {&ring}, "", bad_filter);
     if (error < 0)
         why = std::string("perf events cannot be opened: ") + strerror(-error);
     return error == 0;

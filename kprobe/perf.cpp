@@ -62,14 +62,14 @@ perf_event_mmap_page *control(unsigned char *map) { return reinterpret_cast<perf
 
 }  // namespace
 
-Entry parse_entry(const unsigned char *bytes, size_t size, Sample *sample, uint64_t *lost)
+Entry parse_entry(const unsigned char *bytes, size_t size, Sample &sample, uint64_t &lost)
 {
     perf_event_header header;
     if (size < sizeof(header))
         return Entry::kMalformed;
     memcpy(&header, bytes, sizeof(header));
     if (header.type == PERF_RECORD_LOST && size >= sizeof(lost_entry)) {
-        memcpy(lost, bytes + offsetof(lost_entry, lost), sizeof(*lost));
+        memcpy(&lost, bytes + offsetof(lost_entry, lost), sizeof(lost));
         return Entry::kLost;
     }
     if (header.type != PERF_RECORD_SAMPLE)
@@ -80,7 +80,7 @@ Entry parse_entry(const unsigned char *bytes, size_t size, Sample *sample, uint6
     memcpy(&head, bytes, kRawOffset);
     if (head.raw_size > size - kRawOffset)
         return Entry::kMalformed;
-    *sample = {head.stream, head.pid, head.tid, head.time, bytes + kRawOffset, head.raw_size};
+    sample = {head.stream, head.pid, head.tid, head.time, bytes + kRawOffset, head.raw_size};
     return Entry::kSample;
 }
 
@@ -128,7 +128,7 @@ uint64_t Ring::begin()
     return control(map_)->data_tail;
 }
 
-const unsigned char *Ring::next(uint64_t tail, size_t *size)
+const unsigned char *Ring::next(uint64_t tail, size_t &size)
 {
     if (head_ - tail < sizeof(perf_event_header) || head_ - tail > data_size_)
         return nullptr;
@@ -136,15 +136,15 @@ const unsigned char *Ring::next(uint64_t tail, size_t *size)
     const size_t at = tail & (data_size_ - 1);
     perf_event_header header;  // never split: records begin at multiples of eight bytes
     memcpy(&header, data + at, sizeof(header));
-    *size = header.size;
-    if (*size < sizeof(header) || *size % sizeof(header) != 0 || *size > head_ - tail)
+    size = header.size;
+    if (size < sizeof(header) || size % sizeof(header) != 0 || size > head_ - tail)
         return nullptr;
-    if (at + *size <= data_size_)
+    if (at + size <= data_size_)
         return data + at;
     const size_t first = data_size_ - at;
-    joined_.resize(*size);
+    joined_.resize(size);
     memcpy(joined_.data(), data + at, first);
-    memcpy(joined_.data() + first, data, *size - first);
+    memcpy(joined_.data() + first, data, size - first);
     return joined_.data();
 }
 
@@ -159,9 +159,9 @@ void Ring::forget()
 
 // ---- a probe's events ----
 
-int EventSet::add(int event_id, const Ring &ring, const std::string &filter, bool *bad_filter)
+int EventSet::add(int event_id, const Ring &ring, const std::string &filter, bool &bad_filter)
 {
-    *bad_filter = false;
+    bad_filter = false;
     Fd fd(open_event(attributes(PERF_TYPE_TRACEPOINT, static_cast<uint64_t>(event_id), ring.use()), ring.cpu(),
                      ring.use() == Use::kWakeUp ? ring.fd() : -1));
     if (!fd)
@@ -169,17 +169,17 @@ int EventSet::add(int event_id, const Ring &ring, const std::string &filter, boo
     // The filter first: nothing may be written before it holds.
     const bool refused = !filter.empty() && ioctl(fd.get(), PERF_EVENT_IOC_SET_FILTER, filter.c_str()) < 0;
     if (refused || ioctl(fd.get(), PERF_EVENT_IOC_SET_OUTPUT, ring.fd()) < 0) {
-        *bad_filter = refused;
+        bad_filter = refused;
         return -errno;
     }
     events_.push_back({ring.cpu(), std::move(fd)});
     return 0;
 }
 
-int EventSet::open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool *bad_filter)
+int EventSet::open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool &bad_filter)
 {
     close();
-    *bad_filter = false;
+    bad_filter = false;
     for (const Ring *ring : rings) {
         const int status = add(event_id, *ring, filter, bad_filter);
         if (status == 0 || status == -ENODEV)

@@ -28,7 +28,7 @@ struct Sample {
 enum class Entry { kSample, kLost, kOther, kMalformed };
 
 // One record of a ring, `size` bytes from its header on. kLost: `lost` records had no room before this one.
-Entry parse_entry(const unsigned char *bytes, size_t size, Sample *sample, uint64_t *lost);
+Entry parse_entry(const unsigned char *bytes, size_t size, Sample &sample, uint64_t &lost);
 
 // What a ring is for: records, or just to wake whoever waits for the first one. To be woken by every record costs more
 // than the record itself, so that wake-ups are armed only while nothing happens.
@@ -64,8 +64,8 @@ public:
         uint64_t tail = begin(), lost = 0;
         Sample sample;
         size_t size;
-        while (const unsigned char *entry = next(tail, &size)) {
-            const Entry kind = parse_entry(entry, size, &sample, &lost);
+        while (const unsigned char *entry = next(tail, size)) {
+            const Entry kind = parse_entry(entry, size, sample, lost);
             if (kind == Entry::kSample)
                 sink.sample(sample);
             else if (kind == Entry::kLost)
@@ -77,7 +77,7 @@ public:
 
 private:
     uint64_t begin();
-    const unsigned char *next(uint64_t tail, size_t *size);
+    const unsigned char *next(uint64_t tail, size_t &size);
     void release(uint64_t tail);
 
     Fd leader_;
@@ -93,10 +93,10 @@ private:
 class EventSet
 {
 public:
-    // 0 or a negative errno; -EINVAL of the filter alone sets *bad_filter. CPUs that are offline are left out.
-    int open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool *bad_filter);
+    // 0 or a negative errno; -EINVAL of the filter alone sets `bad_filter`. CPUs that are offline are left out.
+    int open(int event_id, const std::vector<Ring *> &rings, const std::string &filter, bool &bad_filter);
     // On one more CPU. -ENODEV: it is offline.
-    int add(int event_id, const Ring &ring, const std::string &filter, bool *bad_filter);
+    int add(int event_id, const Ring &ring, const std::string &filter, bool &bad_filter);
     // On that CPU no more: one that goes offline takes its events with it for good.
     void drop(int cpu);
     void enable(bool on);

@@ -28,7 +28,7 @@ int Probe::place()
     return -EINVAL;
 }
 
-int Probe::define(unsigned serial, Layout *layout)
+int Probe::define(unsigned serial, Layout &layout)
 {
     // Never a name again: an earlier definition may have been busy when it was to be deleted.
     event_ = def.name.substr(0, kMaxName) + "_" + std::to_string(getpid()) + "_" + std::to_string(serial);
@@ -40,7 +40,7 @@ int Probe::define(unsigned serial, Layout *layout)
     }
     made_ = true;
     const int id = kernel_.tracefs.event_id(kernel_.group, event_);
-    if (id < 0 || !layout->resolve(plan, kernel_.tracefs.format(kernel_.group, event_))) {
+    if (id < 0 || !layout.resolve(plan, kernel_.tracefs.format(kernel_.group, event_))) {
         KP_LOG(1, "probe %s has another layout than was asked for", def.name.c_str());
         return -EINVAL;
     }
@@ -74,9 +74,9 @@ int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rin
                        ProbeEvents *out)
 {
     bool bad_filter;
-    int status = out->records.open(event_id_, rings, filter, &bad_filter);
+    int status = out->records.open(event_id_, rings, filter, bad_filter);
     if (status == 0)
-        status = out->wake_ups.open(event_id_, wake_ups, filter, &bad_filter);
+        status = out->wake_ups.open(event_id_, wake_ups, filter, bad_filter);
     if (status == 0)
         in_kernel_ = filter;
     else if (bad_filter)
@@ -89,9 +89,9 @@ int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rin
 int Probe::open_events_on(const Ring &ring, const Ring &wake_up)
 {
     bool bad_filter;
-    int status = events.records.add(event_id_, ring, in_kernel_, &bad_filter);
+    int status = events.records.add(event_id_, ring, in_kernel_, bad_filter);
     if (status == 0)
-        status = events.wake_ups.add(event_id_, wake_up, in_kernel_, &bad_filter);
+        status = events.wake_ups.add(event_id_, wake_up, in_kernel_, bad_filter);
     if (status == 0 && on) {
         events.wake_ups.enable(true, wake_up.cpu());
         events.records.enable(true, ring.cpu());

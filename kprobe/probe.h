@@ -34,7 +34,7 @@ public:
     int place();
 
     // Makes the definition under a name that is no other's, and learns how the kernel lays out its records.
-    int define(unsigned serial, Layout *layout);
+    int define(unsigned serial, Layout &layout);
     void remove() noexcept;
     bool is_defined() const { return made_; }
     int event_id() const { return event_id_; }

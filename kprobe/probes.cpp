@@ -54,7 +54,7 @@ int Probes::define(Probe *probe)
 int Probes::define_and_open(Probe *probe)
 {
     Layout layout;
-    if (const int status = probe->define(serial_++, &layout); status < 0)
+    if (const int status = probe->define(serial_++, layout); status < 0)
         return status;
     parts_.delivery.lay_out(probe->number, std::move(layout));
     parts_.records.belong(probe->event_id(), probe->number);

@@ -62,13 +62,13 @@ bool RecordQueue::push(const QueuedRecord &record)
     return true;
 }
 
-bool RecordQueue::peek(QueuedRecord *out) const
+bool RecordQueue::peek(QueuedRecord &out) const
 {
     if (count_ == 0)
         return false;
     Head head;
     memcpy(&head, bytes_ + first_, sizeof(head));
-    *out = {head.time, head.probe, head.pid, bytes_ + first_ + sizeof(head), head.raw_size};
+    out = {head.time, head.probe, head.pid, bytes_ + first_ + sizeof(head), head.raw_size};
     return true;
 }
 

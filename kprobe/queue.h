@@ -34,7 +34,7 @@ public:
     bool push(const QueuedRecord &record);
 
     // The oldest record; it stays valid until it is popped. False: none.
-    bool peek(QueuedRecord *out) const;
+    bool peek(QueuedRecord &out) const;
     void pop();
     uint64_t clear();  // returns how many there were
 

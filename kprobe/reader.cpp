@@ -189,7 +189,7 @@ bool Reader::follow(Instance *instance, const std::vector<int> &online)
 void Reader::follow_processors()
 {
     const common::Lock lock(lock_);
-    if (hotplug_.take(&renewed_))
+    if (hotplug_.take(renewed_))
         look_again_ = true;
     if (!look_again_)
         return;

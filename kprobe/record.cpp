@@ -47,16 +47,16 @@ bool Layout::resolve(const Plan &plan, const std::vector<RawField> &fields)
         copies_.push_back({field->offset, std::min(field->size, piece.size), piece.to, piece.size});
         raw_size_ = std::max(raw_size_, field->offset + field->size);
     }
-    return (!plan.name_pointer || look_at(fields, "z", &name_pointer_)) &&
-           (!plan.names_group || look_at(fields, "g", &group_));
+    return (!plan.name_pointer || look_at(fields, "z", name_pointer_)) &&
+           (!plan.names_group || look_at(fields, "g", group_));
 }
 
-bool Layout::look_at(const std::vector<RawField> &fields, const std::string &name, Copy *out)
+bool Layout::look_at(const std::vector<RawField> &fields, const std::string &name, Copy &out)
 {
     const RawField *field = find(fields, name);
     if (!field)
         return false;
-    *out = {field->offset, field->size, 0, 0};
+    out = {field->offset, field->size, 0, 0};
     raw_size_ = std::max(raw_size_, field->offset + field->size);
     return true;
 }

@@ -37,7 +37,7 @@ private:
     };
     std::vector<Copy> copies_;
     // A field that is looked at here and not handed on. False: the kernel lacks it.
-    bool look_at(const std::vector<RawField> &fields, const std::string &name, Copy *out);
+    bool look_at(const std::vector<RawField> &fields, const std::string &name, Copy &out);
     Copy name_pointer_ = {}, group_ = {};  // from_size 0: none
     Shape shape_ = Shape::kOther;
     bool by_device_ = false;

@@ -144,16 +144,16 @@ void Records::end_repeats(uint64_t time)
 
 // Called by Ring::drain() inside of sweep(), which holds the lock.
 struct Records::Sink {
-    Records *records;
-    Lane *lane;
+    Records &records;
+    Lane &lane;
     bool took = false;
 
     void sample(const Sample &sample) NO_THREAD_SAFETY_ANALYSIS
     {
         took = true;
-        records->take(lane, sample);
+        records.take(sample, lane);
     }
-    void lost(uint64_t count) NO_THREAD_SAFETY_ANALYSIS { records->counts_.ring += count; }
+    void lost(uint64_t count) NO_THREAD_SAFETY_ANALYSIS { records.counts_.ring += count; }
 };
 
 // The event's number is the first field of every raw record. -1: none of ours (any more).
@@ -169,14 +169,14 @@ int Records::index_of(const Sample &sample) const
     return -1;
 }
 
-void Records::take(Lane *lane, const Sample &sample)
+void Records::take(const Sample &sample, Lane &lane)
 {
     const int probe = index_of(sample);
-    if (probe < 0 || (sample.time < repeats_until_ && lane->latest.is_again(sample)))
+    if (probe < 0 || (sample.time < repeats_until_ && lane.latest.is_again(sample)))
         return;
     const std::vector<uint32_t> &left_out = sources_[static_cast<size_t>(probe)].left_out;
     const bool known = std::find(left_out.begin(), left_out.end(), sample.tid) == left_out.end();
-    if (!lane->queue->push(
+    if (!lane.queue->push(
             {sample.time, static_cast<uint32_t>(probe), known ? sample.pid : 0, sample.raw, sample.raw_size}))
         counts_.queue++;
 }
@@ -186,7 +186,7 @@ bool Records::sweep(uint64_t safe)
     const common::Lock lock(lock_);
     bool took = false;
     for (Lane &lane : lanes_) {
-        Sink sink = {this, &lane};
+        Sink sink = {*this, lane};
         lane.ring->drain(sink);
         took |= sink.took;
     }
@@ -201,7 +201,7 @@ bool Records::sweep(uint64_t safe)
 bool Records::is_ready(const RecordQueue &queue) const
 {
     QueuedRecord first;
-    return queue.peek(&first) && first.time <= safe_;
+    return queue.peek(first) && first.time <= safe_;
 }
 
 void Records::settle_signal()
@@ -229,7 +229,7 @@ RecordQueue *Records::oldest()
     uint64_t time = safe_;
     QueuedRecord first;
     for (const Lane &lane : lanes_) {
-        if (!lane.queue->peek(&first) || first.time > time)
+        if (!lane.queue->peek(first) || first.time > time)
             continue;
         time = first.time;
         best = lane.queue.get();
@@ -237,25 +237,25 @@ RecordQueue *Records::oldest()
     return best;
 }
 
-void Records::gather(size_t budget, Batch *out)
+void Records::gather(size_t budget, Batch &out)
 {
     const common::Lock lock(lock_);
-    out->bytes.clear();
-    out->records.clear();
-    for (RecordQueue *queue; out->records.size() < budget && (queue = oldest());) {
+    out.bytes.clear();
+    out.records.clear();
+    for (RecordQueue *queue; out.records.size() < budget && (queue = oldest());) {
         QueuedRecord record;
-        queue->peek(&record);
+        queue->peek(record);
         try {
-            out->bytes.insert(out->bytes.end(), record.raw, record.raw + record.raw_size);
-            out->records.push_back(record);
+            out.bytes.insert(out.bytes.end(), record.raw, record.raw + record.raw_size);
+            out.records.push_back(record);
         } catch (const std::exception &) {  // out of memory: the rest waits
             break;
         }
         queue->pop();
     }
     size_t at = 0;
-    for (QueuedRecord &record : out->records) {
-        record.raw = out->bytes.data() + at;
+    for (QueuedRecord &record : out.records) {
+        record.raw = out.bytes.data() + at;
         at += record.raw_size;
     }
     settle_signal();

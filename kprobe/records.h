@@ -71,7 +71,7 @@ public:
     bool is_waiting() EXCLUDES(lock_);
 
     // Takes at most `budget` records out, the oldest of all CPUs first; fewer where memory does not suffice.
-    void gather(size_t budget, Batch *out) EXCLUDES(lock_);
+    void gather(size_t budget, Batch &out) EXCLUDES(lock_);
 
     void clean() EXCLUDES(lock_);
     kp_losses counts() EXCLUDES(lock_);  // of rings and queues
@@ -95,7 +95,7 @@ private:
     size_t ring_size(const Sizes &sizes) EXCLUDES(lock_);
     Lane *lane_of(int cpu) REQUIRES(lock_);
     int index_of(const Sample &sample) const REQUIRES(lock_);
-    void take(Lane *lane, const Sample &sample) REQUIRES(lock_);
+    void take(const Sample &sample, Lane &lane) REQUIRES(lock_);
     bool is_ready(const RecordQueue &queue) const REQUIRES(lock_);
     void settle_signal() REQUIRES(lock_);
     RecordQueue *oldest() REQUIRES(lock_);

@@ -82,7 +82,7 @@ TEST(KprobePerf, ASample)
     const Bytes raw = {1, 2, 3, 4}, entry = testlib::sample_entry(0x123456789a, 77, 78, 99, raw);
     Sample sample;
     uint64_t lost = 0;
-    ASSERT_EQ(Entry::kSample, parse_entry(entry.data(), entry.size(), &sample, &lost));
+    ASSERT_EQ(Entry::kSample, parse_entry(entry.data(), entry.size(), sample, lost));
     EXPECT_EQ(0x123456789au, sample.stream);
     EXPECT_EQ(77u, sample.pid);
     EXPECT_EQ(78u, sample.tid);
@@ -96,11 +96,11 @@ TEST(KprobePerf, LossesAndOtherKinds)
     Sample sample;
     uint64_t lost = 0;
     const Bytes entry = testlib::lost_entry(183);
-    EXPECT_EQ(Entry::kLost, parse_entry(entry.data(), entry.size(), &sample, &lost));
+    EXPECT_EQ(Entry::kLost, parse_entry(entry.data(), entry.size(), sample, lost));
     EXPECT_EQ(183u, lost);
     for (const uint32_t type : {0u, 1u, 3u, 5u, 13u, 0xffffffffu}) {
         const Bytes other = header_only(type, 64);
-        EXPECT_EQ(Entry::kOther, parse_entry(other.data(), other.size(), &sample, &lost)) << type;
+        EXPECT_EQ(Entry::kOther, parse_entry(other.data(), other.size(), sample, lost)) << type;
     }
 }
 
@@ -112,11 +112,11 @@ TEST(KprobePerf, TruncatedRecords)
     uint64_t lost = 1;
     for (size_t size = 0; size < whole.size(); size++) {
         const Bytes cut(whole.begin(), whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_EQ(Entry::kMalformed, parse_entry(cut.data(), size, &sample, &lost)) << size;
+        EXPECT_EQ(Entry::kMalformed, parse_entry(cut.data(), size, sample, lost)) << size;
     }
     for (size_t size = 0; size < lost_whole.size(); size++) {
         const Bytes cut(lost_whole.begin(), lost_whole.begin() + static_cast<std::ptrdiff_t>(size));
-        EXPECT_EQ(size < 8 ? Entry::kMalformed : Entry::kOther, parse_entry(cut.data(), size, &sample, &lost)) << size;
+        EXPECT_EQ(size < 8 ? Entry::kMalformed : Entry::kOther, parse_entry(cut.data(), size, sample, lost)) << size;
     }
     EXPECT_EQ(1u, lost);
 }
@@ -128,10 +128,10 @@ TEST(KprobePerf, ASizeOfRawBytesThatCannotBe)
     uint64_t lost;
     for (const uint32_t size : {21u, 1000u, 0x7fffffffu, 0xffffffffu}) {
         memcpy(entry.data() + 32, &size, sizeof(size));
-        EXPECT_EQ(Entry::kMalformed, parse_entry(entry.data(), entry.size(), &sample, &lost)) << size;
+        EXPECT_EQ(Entry::kMalformed, parse_entry(entry.data(), entry.size(), sample, lost)) << size;
     }
     memset(entry.data() + 32, 0, 4);
-    ASSERT_EQ(Entry::kSample, parse_entry(entry.data(), entry.size(), &sample, &lost));
+    ASSERT_EQ(Entry::kSample, parse_entry(entry.data(), entry.size(), sample, lost));
     EXPECT_EQ(0u, sample.raw_size);
 }
 
@@ -232,20 +232,20 @@ TEST(KprobePerf, EventsThatCannotBeOpened)
     bool bad_filter = true;
     {
         const Fault fault("perf_event_open", 2, EMFILE);
-        EXPECT_EQ(-EMFILE, events.open(7, {&first, &second}, "", &bad_filter));
+        EXPECT_EQ(-EMFILE, events.open(7, {&first, &second}, "", bad_filter));
         EXPECT_FALSE(bad_filter);
         EXPECT_FALSE(events.is_open());
     }
     for (const int nth : {1, 2, 3, 4}) { /* filter and output of each */
         const Fault fault("ioctl", nth, ENOMEM);
-        EXPECT_EQ(-ENOMEM, events.open(7, {&first, &second}, "m==1", &bad_filter)) << nth;
+        EXPECT_EQ(-ENOMEM, events.open(7, {&first, &second}, "m==1", bad_filter)) << nth;
         EXPECT_EQ(nth % 2 == 1, bad_filter) << nth;
         EXPECT_FALSE(events.is_open());
         EXPECT_EQ(2u, kernel.perf.open_events()); /* the rings' */
     }
-    EXPECT_EQ(-EINVAL, events.open(7, {&first, &second}, "nofield==1", &bad_filter));
+    EXPECT_EQ(-EINVAL, events.open(7, {&first, &second}, "nofield==1", bad_filter));
     EXPECT_TRUE(bad_filter);
-    EXPECT_EQ(0, events.open(7, {&first, &second}, "m==1", &bad_filter));
+    EXPECT_EQ(0, events.open(7, {&first, &second}, "m==1", bad_filter));
     EXPECT_EQ((std::vector<std::string>{"m==1", "m==1"}), kernel.perf.filters(7));
     EXPECT_EQ(4u, kernel.perf.open_events());
 }
@@ -255,7 +255,7 @@ TEST(KprobePerf, SwitchedOnAndOff)
     Fixture f;
     EventSet events;
     bool bad_filter;
-    ASSERT_EQ(0, events.open(7, {&f.ring}, "m==1", &bad_filter));
+    ASSERT_EQ(0, events.open(7, {&f.ring}, "m==1", bad_filter));
     EXPECT_FALSE(f.kernel.perf.enabled(7));
     EXPECT_EQ(0, f.kernel.perf.hit(7, 0, 1, 2, 3, Bytes(12))); /* off at first */
     events.enable(true);

@@ -39,7 +39,7 @@ bool push(RecordQueue &queue, const Kept &kept)
 void expect_first(const RecordQueue &queue, const Kept &kept)
 {
     QueuedRecord first;
-    ASSERT_TRUE(queue.peek(&first));
+    ASSERT_TRUE(queue.peek(first));
     ASSERT_EQ(kept.time, first.time);
     ASSERT_EQ(kept.probe, first.probe);
     ASSERT_EQ(kept.pid, first.pid);
@@ -100,7 +100,7 @@ TEST(KprobeQueue, Empty)
     EXPECT_FALSE(queue.push({1, 2, 3, kByte, 0})); /* not opened */
     ASSERT_TRUE(queue.open(kPage));
     EXPECT_TRUE(queue.empty());
-    EXPECT_FALSE(queue.peek(&record));
+    EXPECT_FALSE(queue.peek(record));
     EXPECT_EQ(0u, queue.clear());
     EXPECT_TRUE(queue.push({1, 2, 3, kByte, 0}));
     EXPECT_EQ(1u, queue.count());

@@ -63,10 +63,10 @@ struct Raw {
     void put(const std::string &arg, uint64_t value) { put(arg, &value, sizeof(value)); }
     void put(const std::string &arg, const char *text) { put(arg, text, strlen(text) + 1); }
 
-    bool fill(Bytes *out) const
+    bool fill(Bytes &out) const
     {
-        out->assign(layout.size(), 0xee);
-        return layout.fill(bytes.data(), static_cast<uint32_t>(bytes.size()), out->data());
+        out.assign(layout.size(), 0xee);
+        return layout.fill(bytes.data(), static_cast<uint32_t>(bytes.size()), out.data());
     }
 };
 
@@ -120,7 +120,7 @@ TEST(KprobeRecord, FileRecordsOfBothWords)
             raw.put(second, "ho");
             raw.put(first, "abc");
             Bytes out;
-            ASSERT_TRUE(raw.fill(&out));
+            ASSERT_TRUE(raw.fill(out));
             ASSERT_EQ(420u, out.size());
             EXPECT_EQ(20u, word_at(out, 0));
             EXPECT_EQ("abc", name_at(out, 0));
@@ -137,7 +137,7 @@ TEST(KprobeRecord, CloseRecordsCarryMaskAndMode)
     raw.put("m", 8);
     raw.put("f", 0x81a4);
     Bytes out;
-    ASSERT_TRUE(raw.fill(&out));
+    ASSERT_TRUE(raw.fill(out));
     ASSERT_EQ(426u, out.size());
     EXPECT_EQ(8u, word_at(out, 420));
     EXPECT_EQ(0xa4, out[424]);
@@ -166,14 +166,14 @@ TEST(KprobeRecord, ANameThatCouldNotBeRead)
         Raw raw = file_record(amd64_6_1());
         raw.put("n3", "/");
         raw.put("n2", "dir");
-        ASSERT_TRUE(raw.fill(&out));
+        ASSERT_TRUE(raw.fill(out));
         raw.put(empty, "");
-        EXPECT_FALSE(raw.fill(&out)) << empty;
+        EXPECT_FALSE(raw.fill(out)) << empty;
     }
     /* what lies beyond the root is of no interest */
     Raw raw = file_record(amd64_6_1());
     raw.put("n4", "stale");
-    EXPECT_TRUE(raw.fill(&out));
+    EXPECT_TRUE(raw.fill(out));
 }
 
 TEST(KprobeRecord, TheRootOnEveryLevel)
@@ -201,7 +201,7 @@ TEST(KprobeRecord, InotifyRecordsOfBothWords)
     for (const Facts &facts : {amd64_5_10(), amd64_6_1(), i386_5_10(), i386_6_1()}) {
         const Raw raw = inotify_record(facts);
         Bytes out;
-        ASSERT_TRUE(raw.fill(&out));
+        ASSERT_TRUE(raw.fill(out));
         ASSERT_EQ(144u, out.size());
         EXPECT_EQ(0xfffffff1, word_at(out, 0));
         EXPECT_EQ(0u, word_at(out, 4)); /* widened */
@@ -217,7 +217,7 @@ TEST(KprobeRecord, WithoutANamePointerThereIsNoName)
         Raw raw = inotify_record(facts);
         raw.put("z", uint64_t{0});
         Bytes out;
-        ASSERT_TRUE(raw.fill(&out));
+        ASSERT_TRUE(raw.fill(out));
         EXPECT_EQ(Bytes(128, 0), Bytes(out.begin() + kInotifyHead, out.end()));
         EXPECT_EQ(7u, word_at(out, 8));
     }
@@ -228,7 +228,7 @@ TEST(KprobeRecord, TheMarkOfEventsOnChildrenGoes)
     Raw raw = inotify_record(amd64_6_1());
     raw.put("m", 0x48000100);
     Bytes out;
-    ASSERT_TRUE(raw.fill(&out));
+    ASSERT_TRUE(raw.fill(out));
     EXPECT_EQ(0x40000100u, word_at(out, 12));
 }
 
@@ -239,7 +239,7 @@ TEST(KprobeRecord, OtherRecordsAreHandedOnAsTheyAre)
     raw.put("b", 0x1234);
     raw.put("f", 0x1122334455667788);
     Bytes out;
-    ASSERT_TRUE(raw.fill(&out));
+    ASSERT_TRUE(raw.fill(out));
     EXPECT_EQ((Bytes{0, 0, 0, 8, 0, 0, 0, 0, 0x34, 0x12, 0x88, 0x77, 0x66, 0x55, 0x44, 0x33, 0x22, 0x11}), out);
 }
 
