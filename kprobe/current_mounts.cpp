@@ -35,14 +35,14 @@ bool CurrentMounts::name_mount(unsigned char *record)
     return put_mount_id(mounts_, record);
 }
 
-void CurrentMounts::mark(const std::string &filter, Marks *marks)
+void CurrentMounts::mark(const std::string &filter, Marks &marks)
 {
     const common::Lock lock(lock_);
     std::set<uint32_t> devices;
     for (const int32_t id : mount_ids(filter))
         if (const uint32_t device = mounts_.device_of(id))
             devices.insert(device);
-    marks->place(devices, mounts_);
+    marks.place(devices, mounts_);
 }
 
 }  // namespace kprobe

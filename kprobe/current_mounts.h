@@ -26,7 +26,7 @@ public:
     bool name_mount(unsigned char *record) EXCLUDES(lock_);
 
     // Marks the file systems of the mounts that a filter names.
-    void mark(const std::string &filter, Marks *marks) EXCLUDES(lock_);
+    void mark(const std::string &filter, Marks &marks) EXCLUDES(lock_);
 
 private:
     void read() REQUIRES(lock_);

@@ -91,14 +91,14 @@ int32_t kp_loss_counts(void *inst, struct kp_losses *out)
 {
     if (!out)
         return -EINVAL;
-    return with_instance(inst, [&](kprobe::Instance &instance) { return instance.losses(out) ? 0 : -EIO; });
+    return with_instance(inst, [&](kprobe::Instance &instance) { return instance.losses(*out) ? 0 : -EIO; });
 }
 
 int32_t kp_losses_total(struct kp_losses *out)
 {
     if (!out)
         return -EINVAL;
-    return without_exceptions<int32_t>(-ENOMEM, [&] { return Library::get().losses(out); });
+    return without_exceptions<int32_t>(-ENOMEM, [&] { return Library::get().losses(*out); });
 }
 
 int32_t kp_ins_del(void *inst)

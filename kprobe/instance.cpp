@@ -33,12 +33,12 @@ int Instance::open(const std::vector<int> &cpus, const Sizes &sizes)
     return records_.open();
 }
 
-bool Instance::losses(kp_losses *out)
+bool Instance::losses(kp_losses &out)
 {
     const uint64_t missed = probes_.missed();
-    *out = records_.counts();
-    delivery_.add_counts(*out);
-    out->missed = missed;
+    out = records_.counts();
+    delivery_.add_counts(out);
+    out.missed = missed;
     return true;
 }
 

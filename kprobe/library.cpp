@@ -79,14 +79,14 @@ std::string lacking_descriptors(size_t cpus)
            std::to_string(open) + " in use (ulimit -n)";
 }
 
-void add(kp_losses *sum, const kp_losses &more)
+void add(const kp_losses &more, kp_losses &sum)
 {
-    sum->delivered += more.delivered;
-    sum->ring += more.ring;
-    sum->queue += more.queue;
-    sum->cleaned += more.cleaned;
-    sum->unreadable += more.unreadable;
-    sum->missed += more.missed;
+    sum.delivered += more.delivered;
+    sum.ring += more.ring;
+    sum.queue += more.queue;
+    sum.cleaned += more.cleaned;
+    sum.unreadable += more.unreadable;
+    sum.missed += more.missed;
 }
 
 // Deletes a definition, whatever happens in between.
@@ -244,7 +244,7 @@ Library::Slot *Library::free_slot(const std::string &name)
 {
     for (Slot &slot : slots_)
         if (slot.instance && slot.name == name)
-            end(&slot);
+            end(slot);
     for (Slot &slot : slots_)
         if (!slot.instance)
             return &slot;
@@ -258,18 +258,18 @@ void Library::keep_losses(Instance &instance) noexcept
 {
     kp_losses last;
     try {
-        if (instance.losses(&last))
-            add(&ended_, last);
+        if (instance.losses(last))
+            add(last, ended_);
     } catch (const std::exception &) {  // out of memory: not reported
     }
 }
 
-void Library::end(Slot *slot)
+void Library::end(Slot &slot)
 {
-    reader_.remove(slot->instance);
-    keep_losses(*slot->instance);
-    slot->instance.reset();
-    slot->generation++;
+    reader_.remove(slot.instance);
+    keep_losses(*slot.instance);
+    slot.instance.reset();
+    slot.generation++;
 }
 
 // Null: it cannot be made, and the log says why.
@@ -323,7 +323,7 @@ int Library::remove(void *handle)
     Slot *slot = slot_of(handle);
     if (!slot)
         return -EINVAL;
-    end(slot);
+    end(*slot);
     return 0;
 }
 
@@ -374,7 +374,7 @@ std::vector<std::shared_ptr<Instance>> Library::instances()
 }
 
 // The instances are asked without the lock: that may wait for whoever is defining a probe.
-int Library::losses(kp_losses *out)
+int Library::losses(kp_losses &out)
 {
     std::vector<std::shared_ptr<Instance>> all;
     {
@@ -382,12 +382,12 @@ int Library::losses(kp_losses *out)
         if (state_ != kWorking)
             return -ENOTSUP;
         all = instances();
-        *out = ended_;
+        out = ended_;
     }
     for (const auto &instance : all) {
         kp_losses one;
-        if (instance->losses(&one))
-            add(out, one);
+        if (instance->losses(one))
+            add(one, out);
     }
     return 0;
 }
@@ -402,7 +402,7 @@ void Library::shut_down()
     reader_.stop();
     for (Slot &slot : slots_)
         if (slot.instance)
-            end(&slot);
+            end(slot);
     state_ = kUnavailable;
     say("the process is ending");
 }

@@ -39,7 +39,7 @@ public:
     int parse(int32_t index, void *handle) EXCLUDES(lock_);
 
     // Of all instances, with those that have ended. 0 or a negative errno.
-    int losses(kp_losses *out) EXCLUDES(lock_);
+    int losses(kp_losses &out) EXCLUDES(lock_);
 
     // The definitions go with the process.
     void shut_down() EXCLUDES(lock_);
@@ -62,7 +62,7 @@ private:
     void *handle_of(const Slot &slot) const REQUIRES(lock_);
     Slot *free_slot(const std::string &name) REQUIRES(lock_);
     std::shared_ptr<Instance> make_instance(const char *name) REQUIRES(lock_);
-    void end(Slot *slot) REQUIRES(lock_);
+    void end(Slot &slot) REQUIRES(lock_);
     void keep_losses(Instance &instance) noexcept REQUIRES(lock_);
     std::vector<std::shared_ptr<Instance>> instances() REQUIRES(lock_);
     size_t share(size_t order) REQUIRES(lock_);

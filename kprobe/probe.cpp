@@ -71,12 +71,12 @@ std::string Probe::why_refused(const std::string &filter) const
 }
 
 int Probe::open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &wake_ups,
-                       ProbeEvents *out)
+                       ProbeEvents &out)
 {
     bool bad_filter;
-    int status = out->records.open(event_id_, rings, filter, bad_filter);
+    int status = out.records.open(event_id_, rings, filter, bad_filter);
     if (status == 0)
-        status = out->wake_ups.open(event_id_, wake_ups, filter, bad_filter);
+        status = out.wake_ups.open(event_id_, wake_ups, filter, bad_filter);
     if (status == 0)
         in_kernel_ = filter;
     else if (bad_filter)

@@ -41,7 +41,7 @@ public:
 
     // Events that are switched off, with a filter in the kernel's words.
     int open_events(const std::string &filter, const std::vector<Ring *> &rings, const std::vector<Ring *> &wake_ups,
-                    ProbeEvents *out);
+                    ProbeEvents &out);
     // Of one more CPU, filtered and switched as the others are. -ENODEV: it is offline; nothing is logged.
     int open_events_on(const Ring &ring, const Ring &wake_up);
 

@@ -25,7 +25,7 @@ Probes::~Probes()
 {
     const common::Lock lock(lock_);
     for (const auto &probe : probes_)
-        undefine(probe.get());
+        undefine(*probe);
 }
 
 Probe *Probes::find(const std::string &name)
@@ -39,7 +39,7 @@ Probe *Probes::find(const std::string &name)
 // ---- definitions ----
 
 // From a plan to a probe in the kernel, switched off; nothing of it where that fails.
-int Probes::define(Probe *probe)
+int Probes::define(Probe &probe)
 {
     int status = -ENOMEM;
     try {
@@ -51,42 +51,42 @@ int Probes::define(Probe *probe)
     return status;
 }
 
-int Probes::define_and_open(Probe *probe)
+int Probes::define_and_open(Probe &probe)
 {
     Layout layout;
-    if (const int status = probe->define(serial_++, layout); status < 0)
+    if (const int status = probe.define(serial_++, layout); status < 0)
         return status;
-    parts_.delivery.lay_out(probe->number, std::move(layout));
-    parts_.records.belong(probe->event_id(), probe->number);
-    return probe->open_events(kernel_filter(*probe, probe->def.filter), parts_.records.rings(), parts_.wake_ups.list(),
-                              &probe->events);
+    parts_.delivery.lay_out(probe.number, std::move(layout));
+    parts_.records.belong(probe.event_id(), probe.number);
+    return probe.open_events(kernel_filter(probe, probe.def.filter), parts_.records.rings(), parts_.wake_ups.list(),
+                             probe.events);
 }
 
-void Probes::undefine(Probe *probe) noexcept
+void Probes::undefine(Probe &probe) noexcept
 {
-    if (!probe->is_defined())
+    if (!probe.is_defined())
         return;
-    probe->events.close();
-    parts_.replacement.drop(probe->number);
-    probe->remove();
+    probe.events.close();
+    parts_.replacement.drop(probe.number);
+    probe.remove();
     try {
         parts_.records.sweep(0);        // what it wrote still belongs to it
     } catch (const std::exception &) {  // out of memory
     }
-    parts_.records.belong(-1, probe->number);
+    parts_.records.belong(-1, probe.number);
 }
 
 // Probes at one function are run in the reverse order of their definition. The monitor defines in the order in which
 // it wants to hear (of a rename the old name first), so that every earlier one is made anew behind the latest.
-void Probes::restack(Probe *added)
+void Probes::restack(Probe &added)
 {
     for (size_t i = probes_.size(); i-- > 0;) {
-        Probe *probe = probes_[i].get();
-        if (probe == added || probe->gone || probe->plan.point != added->plan.point)
+        Probe &probe = *probes_[i];
+        if (&probe == &added || probe.gone || probe.plan.point != added.plan.point)
             continue;
         undefine(probe);
         if (define(probe) < 0)
-            probe->gone = true;
+            probe.gone = true;
         else
             switch_events(probe);
     }
@@ -125,18 +125,18 @@ int Probes::add(const kp_probe_def &record, kp_record_cb callback)
     probe->number = probes_.size();
     expect(*probe, callback);
     if (Probe *old = find(probe->def.name)) {
-        undefine(old);
+        undefine(*old);
         old->gone = true;
     }
     probe->on = probe->def.on;
-    if (status = define(probe.get()); status < 0)
+    if (status = define(*probe); status < 0)
         return status;
     KP_LOG(3, "probe %s at %s, %zu arguments", probe->def.name.c_str(), probe->plan.point.c_str(),
            probe->plan.args.size());
-    Probe *added = probe.get();
+    Probe &added = *probe;
     probes_.push_back(std::move(probe));
     restack(added);
-    mark_mounts(*added);
+    mark_mounts(added);
     switch_events(added);
     return 0;
 }
@@ -153,14 +153,14 @@ std::string Probes::kernel_filter(const Probe &probe, const std::string &text)
     return parts_.mounts.by_device(whole_filter(probe.def, text));
 }
 
-void Probes::switch_events(Probe *probe)
+void Probes::switch_events(Probe &probe)
 {
-    if (probe->on)
-        parts_.wake_ups.wake_from_now_on(&probe->events.wake_ups);
-    probe->events.records.enable(probe->on);
-    if (!probe->on) {
-        probe->events.wake_ups.enable(false);
-        parts_.replacement.drop(probe->number);
+    if (probe.on)
+        parts_.wake_ups.wake_from_now_on(probe.events.wake_ups);
+    probe.events.records.enable(probe.on);
+    if (!probe.on) {
+        probe.events.wake_ups.enable(false);
+        parts_.replacement.drop(probe.number);
     }
 }
 
@@ -169,7 +169,7 @@ void Probes::mark_mounts(const Probe &probe)
     if (!probe.plan.needs_marks)
         return;
     if (probe.on)
-        parts_.mounts.mark(probe.def.filter, &marks_);
+        parts_.mounts.mark(probe.def.filter, marks_);
     else
         marks_.remove();
 }
@@ -182,11 +182,11 @@ int Probes::enable(const std::string &name, bool on)
         return -ENOENT;
     // What is not to be told apart stays as it was.
     if (on && probe->plan.names_group && parts_.groups.learn(kernel_.tracefs, kernel_.facts) > 0)
-        if (const int status = set_filter(probe, probe->def.filter); status < 0)
+        if (const int status = set_filter(probe->def.filter, *probe); status < 0)
             return status;
     probe->on = on;
     mark_mounts(*probe);
-    switch_events(probe);
+    switch_events(*probe);
     return 0;
 }
 
@@ -201,28 +201,28 @@ int Probes::filter(const std::string &name, const std::string &text)
     if (probe->plan.names_group)
         if (const int status = learn_groups(); status < 0)
             return status;
-    return set_filter(probe, text);
+    return set_filter(text, *probe);
 }
 
 // A perf event takes a filter once, so that new events take the place of the old ones.
-int Probes::set_filter(Probe *probe, const std::string &text)
+int Probes::set_filter(const std::string &text, Probe &probe)
 {
     parts_.replacement.reserve();
     ProbeEvents events;
     std::string kept = text;
-    std::vector<uint32_t> left_out = left_out_by(*probe, text);
+    std::vector<uint32_t> left_out = left_out_by(probe, text);
     const int status =
-        probe->open_events(kernel_filter(*probe, text), parts_.records.rings(), parts_.wake_ups.list(), &events);
+        probe.open_events(kernel_filter(probe, text), parts_.records.rings(), parts_.wake_ups.list(), events);
     if (status < 0)
         return status;
     // Behind the change nothing may fail.
-    probe->def.filter.swap(kept);
-    parts_.records.leave_out(probe->number, std::move(left_out));
-    if (probe->on)
-        parts_.replacement.replace(probe->number, &probe->events, &events);
+    probe.def.filter.swap(kept);
+    parts_.records.leave_out(probe.number, std::move(left_out));
+    if (probe.on)
+        parts_.replacement.replace(probe.number, probe.events, events);
     else
-        probe->events = std::move(events);
-    mark_mounts(*probe);
+        probe.events = std::move(events);
+    mark_mounts(probe);
     return 0;
 }
 

@@ -65,12 +65,12 @@ private:
     Probe *find(const std::string &name) REQUIRES(lock_);
     std::string kernel_filter(const Probe &probe, const std::string &text);
     void expect(const Probe &probe, kp_record_cb callback);
-    int define(Probe *probe) REQUIRES(lock_);
-    int define_and_open(Probe *probe) REQUIRES(lock_);
-    void undefine(Probe *probe) noexcept REQUIRES(lock_);
-    void restack(Probe *added) REQUIRES(lock_);
-    void switch_events(Probe *probe) REQUIRES(lock_);
-    int set_filter(Probe *probe, const std::string &text) REQUIRES(lock_);
+    int define(Probe &probe) REQUIRES(lock_);
+    int define_and_open(Probe &probe) REQUIRES(lock_);
+    void undefine(Probe &probe) noexcept REQUIRES(lock_);
+    void restack(Probe &added) REQUIRES(lock_);
+    void switch_events(Probe &probe) REQUIRES(lock_);
+    int set_filter(const std::string &text, Probe &probe) REQUIRES(lock_);
     void mark_mounts(const Probe &probe) REQUIRES(lock_);
 
     const Kernel &kernel_;

@@ -106,9 +106,9 @@ int Reader::listen_to(int fd)
     return epoll_ctl(epoll_.get(), EPOLL_CTL_ADD, fd, &event) < 0 ? -errno : 0;
 }
 
-void Reader::ignore_wake_ups(Instance *instance)
+void Reader::ignore_wake_ups(Instance &instance)
 {
-    instance->wake_ups().each_descriptor([this](int fd) { epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr); });
+    instance.wake_ups().each_descriptor([this](int fd) { epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, fd, nullptr); });
 }
 
 int Reader::add(const std::shared_ptr<Instance> &instance)
@@ -130,7 +130,7 @@ void Reader::remove(const std::shared_ptr<Instance> &instance)
 {
     const common::Lock lock(lock_);
     std::erase(instances_, instance);
-    ignore_wake_ups(instance.get());
+    ignore_wake_ups(*instance);
 }
 
 void *Reader::run(void *self)
@@ -178,11 +178,11 @@ bool Reader::sweep_all()
 }
 
 // Rings that the instance has from now on ring here. False: it must be asked again.
-bool Reader::follow(Instance *instance, const std::vector<int> &online)
+bool Reader::follow(const std::vector<int> &online, Instance &instance)
 {
     ignore_wake_ups(instance);
-    const bool followed = instance->follow(online, renewed_);
-    instance->wake_ups().each_descriptor([this](int fd) { listen_to(fd); });
+    const bool followed = instance.follow(online, renewed_);
+    instance.wake_ups().each_descriptor([this](int fd) { listen_to(fd); });
     return followed;
 }
 
@@ -197,7 +197,7 @@ void Reader::follow_processors()
         const std::vector<int> online = online_cpus();
         bool all = !online.empty();
         for (const auto &instance : instances_)
-            all &= follow(instance.get(), online);
+            all &= follow(online, *instance);
         look_again_ = !all;
         if (all)
             renewed_.clear();

@@ -49,12 +49,12 @@ private:
     static void *run(void *self);
     void loop();
     int listen_to(int fd);
-    void ignore_wake_ups(Instance *instance);
+    void ignore_wake_ups(Instance &instance);
     void wait();
     void forget();
     bool sweep_all() EXCLUDES(lock_);
     void follow_processors() EXCLUDES(lock_);
-    bool follow(Instance *instance, const std::vector<int> &online) REQUIRES(lock_);
+    bool follow(const std::vector<int> &online, Instance &instance) REQUIRES(lock_);
     void arm_all(bool on) EXCLUDES(lock_);
 
     common::Mutex lock_;

@@ -13,15 +13,15 @@ void Replacement::reserve()
     old_.reserve(old_.size() + 1);
 }
 
-void Replacement::replace(size_t probe, ProbeEvents *now, ProbeEvents *next)
+void Replacement::replace(size_t probe, ProbeEvents &now, ProbeEvents &next)
 {
     drop(probe);
-    wake_ups_.wake_from_now_on(&next->wake_ups);
+    wake_ups_.wake_from_now_on(next.wake_ups);
     const common::Lock lock(lock_);
     records_.expect_repeats();
-    next->records.enable(true);
-    old_.push_back({probe, std::move(*now), now_ns()});
-    *now = std::move(*next);
+    next.records.enable(true);
+    old_.push_back({probe, std::move(now), now_ns()});
+    now = std::move(next);
     wake_ups_.wake();
 }
 

@@ -30,7 +30,7 @@ public:
     void reserve() EXCLUDES(lock_);
 
     // Switches the new events on, and keeps the old ones until close_old(). They change places.
-    void replace(size_t probe, ProbeEvents *now, ProbeEvents *next) EXCLUDES(lock_);
+    void replace(size_t probe, ProbeEvents &now, ProbeEvents &next) EXCLUDES(lock_);
 
     // The old events of a probe go at once.
     void drop(size_t probe) noexcept EXCLUDES(lock_);

@@ -62,9 +62,9 @@ void WakeUps::arm(bool on)
 
 // Some kernels run new events of an armed ring only when the ring is armed anew. Hits must not be recorded before that,
 // or nobody is woken by them.
-void WakeUps::wake_from_now_on(EventSet *events)
+void WakeUps::wake_from_now_on(EventSet &events)
 {
-    events->enable(true);
+    events.enable(true);
     const common::Lock lock(lock_);
     if (!armed_)
         return;

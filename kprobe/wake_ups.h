@@ -28,7 +28,7 @@ public:
     void arm(bool on) EXCLUDES(lock_);
 
     // Switches new events on.
-    void wake_from_now_on(EventSet *events) EXCLUDES(lock_);
+    void wake_from_now_on(EventSet &events) EXCLUDES(lock_);
 
     // An eventfd, by which the thread is asked to look.
     void wake_by(int fd) { wake_ = fd; }

@@ -147,7 +147,7 @@ struct Fixture {
     kp_losses losses()
     {
         kp_losses out;
-        EXPECT_TRUE(instance.losses(&out));
+        EXPECT_TRUE(instance.losses(out));
         return out;
     }
 };

@@ -168,7 +168,7 @@ TEST(KprobeLibraryTurns, HitsFromManyThreadsWhileItIsUsed)
         thread.join();
     w.wait_for(source, SIZE_MAX); /* until nothing comes */
     kp_losses losses;
-    ASSERT_TRUE(instance->losses(&losses));
+    ASSERT_TRUE(instance->losses(losses));
     EXPECT_GT(losses.delivered, 100u);
     EXPECT_EQ(hits, losses.delivered + losses.ring + losses.queue);
 }

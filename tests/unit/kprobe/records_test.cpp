@@ -199,7 +199,7 @@ TEST(KprobeRecords, CallbacksMayCallTheLibrary)
         answers[1] = current->instance.filter("Kc", "mnt==23");
         answers[2] = current->instance.enable("Kc", false);
         kp_losses losses;
-        answers[3] = current->instance.losses(&losses);
+        answers[3] = current->instance.losses(losses);
         current->instance.clean();
         keep(pid, record, size);
     };
