@@ -6,6 +6,8 @@
 #ifndef ORX_HOST_H
 #define ORX_HOST_H
 
+#include <stddef.h>
+
 #ifdef __cplusplus
 extern "C" {
 #endif
@@ -44,6 +46,22 @@ int orx_host_await_timers(int ms);
  * its clients within one hold of its lock, so callbacks that get the same number are about events that had all been
  * read when the first of them was called; the number may be another one within a hold, too. Any thread. */
 unsigned long long orx_host_lock_count(void);
+
+/* ---- the kernel's release ----
+ *
+ * The monitor takes its kernel probes only where the release is MAJOR.MINOR.PATCH-BUILD, and many are not. So the
+ * library exports uname, too, which then stands before the C library's for plug-ins and for the program that is linked
+ * with it: its release has that shape, with the kernel's own numbers, 0 for the build that a release does not name and
+ * the rest behind it ("6.12.107+deb13-cloud-amd64" becomes "6.12.107-0+deb13-cloud-amd64"). All else is the kernel's.
+ */
+
+/* What the kernel itself says. 0, or -1 and errno. Any thread. */
+struct utsname;
+int orx_host_uname(struct utsname *out);
+
+/* What uname() makes of a kernel's release; one that does not begin with MAJOR.MINOR stays as it is. Cut at size - 1
+ * bytes. The length of the whole, or -1 when memory runs out. Any thread. */
+int orx_host_release(const char *kernel, char *out, size_t size);
 
 #ifdef __cplusplus
 }

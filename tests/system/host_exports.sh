@@ -12,6 +12,7 @@ declared() {
     done | grep -oE '[A-Za-z_0-9]+\(' | tr -d '(' | grep -vxE '__.*|format|cJSON_AddItemToObject'
     echo error_output_level
     echo watch_map
+    echo uname # in the place of the C library's
 }
 listed() { sed -n 's/^ *\([A-Za-z_0-9]*\);$/\1/p' "$1"; }
 exported() { nm -D --defined-only "$1" | awk '{ print $NF }'; }
