@@ -65,6 +65,7 @@ Checks judge_setup(const SetupFacts &facts);
 
 struct KernelFacts {
     std::string release, machine;
+    std::string handed;               /* the release in the shape that the monitor takes */
     std::string section;              /* of fmon.ini; empty: the monitor does not understand the kernel */
     std::string s_mounts, mnt_id;     /* the section's values; empty: not there */
     std::optional<Offsets> described; /* by the kernel itself */

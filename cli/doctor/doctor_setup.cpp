@@ -14,6 +14,7 @@
 #include "cli/watch/options.h"
 #include "doctor.h"
 #include "orx_base.h"
+#include "orx_host.h"
 
 namespace cli
 {
@@ -155,10 +156,12 @@ KernelFacts gather_kernel(const std::string &config)
 {
     KernelFacts facts;
     struct utsname name = {};
-    uname(&name);
+    orx_host_uname(&name);
     facts.release = name.release;
     facts.machine = name.machine;
-    facts.section = section_name(facts.release, facts.machine);
+    uname(&name);
+    facts.handed = name.release;
+    facts.section = section_name(facts.handed, facts.machine);
     const Ini ini = load_ini(config);
     facts.s_mounts = ini_value(ini, facts.section.c_str(), "s_mounts_offset");
     facts.mnt_id = ini_value(ini, facts.section.c_str(), "mnt_id_offset");
@@ -177,6 +180,8 @@ Checks judge_kernel(const KernelFacts &facts)
 {
     Checks checks;
     Check release = {kKernel, "release", State::kOk, facts.release + " on " + facts.machine, "", true};
+    if (facts.handed != facts.release)
+        release.text += ", which the monitor is handed as " + facts.handed;
     if (!is_known_machine(facts.machine)) {
         release.state = State::kNo;
         release.text += ": the monitor has kernel probes for x86_64, i386 and i686 only";

@@ -12,6 +12,7 @@
 #include "kernel_image.h"
 #include "offsets.h"
 #include "offsets_options.h"
+#include "orx_host.h"
 #include "output/print.h"
 
 namespace cli
@@ -26,6 +27,13 @@ struct Answer {
     std::string section;
     Offsets offsets;
 };
+
+// As the monitor is handed it where that kernel runs.
+std::string handed_release(const std::string &release)
+{
+    char handed[256];
+    return orx_host_release(release.c_str(), handed, sizeof handed) < 0 ? release : handed;
+}
 
 bool load_running_kernel(KernelImage &image, std::string &error)
 {
@@ -77,7 +85,7 @@ bool find_answer(const OffsetsOptions &options, Answer &answer, std::string &err
     if (!image.machine.empty())
         machine = image.machine;
     const std::string release = options.release.empty() ? image.release : options.release;
-    answer.section = section_name(release, machine);
+    answer.section = section_name(handed_release(release), machine);
     if (!is_known_machine(machine))
         error = "the monitor has probes for x86_64, i386 and i686 only, not for " + machine;
     else if (release.empty())

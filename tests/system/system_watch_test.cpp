@@ -54,18 +54,30 @@ public:
     }
     std::string program() const { return tree_.path("bin/fmon"); }
     std::string config() const { return tree_.path("config/fmon.ini"); }
+    /* Of a host that hands on that release. */
     Launch launch(const std::vector<std::string> &arguments, const std::string &release = kRelease) const
+    {
+        return launch_with(arguments, FMON_TEST_UNAME, "FMON_TEST_RELEASE=" + release);
+    }
+    /* Of fmon's own host, on a kernel of that release. */
+    Launch launch_on(const std::string &kernel, const std::vector<std::string> &arguments) const
+    {
+        return launch_with(arguments, FMON_TEST_KERNEL_RELEASE, "FMON_TEST_KERNEL=" + kernel);
+    }
+
+private:
+    Launch launch_with(const std::vector<std::string> &arguments, const std::string &preload,
+                       const std::string &variable) const
     {
         std::vector<std::string> argv = {program()};
         argv.insert(argv.end(), arguments.begin(), arguments.end());
         const char *sanitizer = getenv("ASAN_OPTIONS");
         return {argv,
                 false,
-                {"FMON_HOME=" + tree_.root(), "LD_PRELOAD=" FMON_TEST_UNAME, "FMON_TEST_RELEASE=" + release,
+                {"FMON_HOME=" + tree_.root(), "LD_PRELOAD=" + preload, variable,
                  "ASAN_OPTIONS=verify_asan_link_order=0" + (sanitizer ? ":" + std::string(sanitizer) : "")}};
     }
 
-private:
     TempTree tree_;
 };
 
@@ -201,6 +213,24 @@ TEST_F(System, NamesAProcessThatLives)
     EXPECT_EQ((*event)["process"].value("exe", ""), fs::read_symlink("/proc/self/exe").string()) << *event;
     EXPECT_EQ((*event)["process"].value("ppid", 0), getppid());
     EXPECT_EQ(0, watch.process.interrupt());
+}
+
+TEST_F(System, ReleasesOfEveryShapeAreHandedOnAsTheMonitorTakesThem)
+{
+    for (const std::string kernel :
+         {"6.12.107+deb13-cloud-amd64", "6.11.5-arch1-1", "6.6.58", "5.15.167.4-microsoft-standard"}) {
+        SCOPED_TRACE(kernel);
+        Process doctor(installation.launch_on(kernel, {"doctor"}));
+        std::string said;
+        while (auto line = doctor.line())
+            said += line->find(" release ") == std::string::npos ? "" : *line;
+        EXPECT_NE(said.find(kernel + " on "), std::string::npos) << said;
+        EXPECT_NE(said.find(", which the monitor is handed as " + kernel.substr(0, 4)), std::string::npos) << said;
+        SystemWatch watch(installation.launch_on(kernel, command("create")));
+        happens("Kc", "made", 101);
+        EXPECT_EQ(watch.event(), path("made") + ":create 101");
+        EXPECT_EQ(0, watch.process.interrupt());
+    }
 }
 
 TEST_F(System, SwitchesOnWhatIsAskedForOnly)

@@ -35,7 +35,7 @@ SetupFacts good_setup()
 KernelFacts good_kernel()
 {
     KernelFacts facts;
-    facts.release = "6.1.0-37-amd64";
+    facts.release = facts.handed = "6.1.0-37-amd64";
     facts.machine = "x86_64";
     facts.section = "6.1.0-37-x86_64";
     facts.s_mounts = "224";
@@ -112,6 +112,11 @@ TEST(CliDoctor, Kernel)
     facts.section = "";
     expect(find(judge_kernel(facts), "release"), State::kNo, {"6.18.44-fc-v669 on x86_64", "MAJOR.MINOR.PATCH-BUILD"});
     EXPECT_EQ(kDone, doctor_status(judge_kernel(facts))) << "nobody could change that";
+    facts.handed = "6.18.44-0-fc-v669";
+    facts.section = "6.18.44-0-x86_64";
+    expect(find(judge_kernel(facts), "release"), State::kOk,
+           {"6.18.44-fc-v669 on x86_64, which the monitor is handed as 6.18.44-0-fc-v669"});
+    facts.section = "";
     EXPECT_FALSE(has(judge_kernel(facts), "offsets"));
     facts.machine = "aarch64";
     expect(find(judge_kernel(facts), "release"), State::kNo, {"x86_64, i386 and i686 only"});
