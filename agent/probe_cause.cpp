@@ -12,7 +12,6 @@
 #include "mounts.h"
 #include "orx_base.h"
 #include "orx_fmon.h"
-#include "orx_host.h"
 
 namespace agent
 {
@@ -136,7 +135,7 @@ ProbeFacts gather_probe_facts(bool container, bool ask)
             facts.library_reason = library_reason(handle);
     }
     struct utsname name;
-    if (orx_host_uname(&name) == 0) {
+    if (uname(&name) == 0) {
         facts.release = name.release;
         facts.machine = name.machine;
     }
