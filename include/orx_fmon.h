@@ -181,6 +181,51 @@ struct fmon_source {
     char why[240];   /* cut at 239 bytes, may be empty */
 };
 
+/* Why a watch, or a file system that is mounted below a recursive watch, has marks of inotify and fanotify although
+ * fmon.ini's fs_events asks for the source of whole file systems. */
+enum {
+    FMON_FALLBACK_NONE = 0,
+    FMON_FALLBACK_INIT = 1,   /* the system refused the source's fanotify group */
+    FMON_FALLBACK_KIND = 2,   /* the source serves no such watch: a file, a mount, a tree with a limit */
+    FMON_FALLBACK_MARK = 3,   /* the mark on the file system was refused */
+    FMON_FALLBACK_HANDLE = 4, /* the file system has no file handles */
+    FMON_FALLBACK_OPEN = 5,   /* a file handle cannot be opened: CAP_DAC_READ_SEARCH is missing */
+    FMON_FALLBACK_FSID = 6,   /* another device has the same file system id */
+    FMON_FALLBACK_ROOT = 7,   /* the mark, or inotify watch, on the watched directory itself was refused */
+    FMON_FALLBACK_MEMORY = 8,
+    FMON_FALLBACK_CONTAINER = 9 /* the module runs inside a container */
+};
+
+/* The latest such case. */
+struct fmon_fallback {
+    uint32_t reason; /* FMON_FALLBACK_* */
+    int32_t error;   /* errno; 0: the system was not asked */
+    char path[1024]; /* of the watch, or of the mount point; cut at 1023 bytes */
+};
+
+/* What the source of whole file systems missed since the start. */
+struct fmon_fs_losses {
+    uint64_t overflows;  /* of the kernel's queue: how many events each lost is not known */
+    uint64_t dropped;    /* records and events thrown away at the limit of memory */
+    uint64_t unresolved; /* records whose directory could not be found out any more */
+};
+
+/* The source of whole file systems (fmon.ini's fs_events). Everything is 0 while the key is. */
+struct fmon_fs_status {
+    struct fmon_source source;   /* on: the group stands; what it cannot serve is in `last_fallback` */
+    uint64_t watches;            /* of all instances that it serves now; among fmon_status.watches */
+    uint64_t file_systems;       /* marked now */
+    uint64_t directories;        /* in its table now */
+    uint64_t max_directories;    /* what the table holds: fmon.ini's fs_directories */
+    uint64_t memory, max_memory; /* bytes of records and events that wait now, and their limit */
+    uint64_t records;            /* read from the kernel */
+    uint64_t asked;              /* look-ups that the table could not answer and the kernel was asked */
+    uint64_t fallbacks;          /* watches and mounts that have other marks instead */
+    uint64_t left_out;           /* mounts below a recursive watch that could not be marked by any source */
+    struct fmon_fs_losses lost;
+    struct fmon_fallback last_fallback;
+};
+
 /* The monitor's state in numbers. It grows at its end: `size` says how much of it both sides know. All counts are since
  * the start, unless they say "now". */
 struct fmon_status {
@@ -203,6 +248,7 @@ struct fmon_status {
     /* inotify; fanotify on files and directories; fanotify on mounts; who caused inotify's events; system-wide events
      */
     struct fmon_source inotify, fanotify, mounts, inotify_probe, file_probes;
+    struct fmon_fs_status fs;
 };
 
 /* The structures are the same in 32-bit and 64-bit builds. */
@@ -219,7 +265,13 @@ static_assert(offsetof(struct fmon_status, last_refusal) == 1240, "status");
 static_assert(offsetof(struct fmon_status, monitor) == 2280, "status");
 static_assert(offsetof(struct fmon_status, inotify) == 2536, "status");
 static_assert(offsetof(struct fmon_status, file_probes) == 3560, "status");
-static_assert(sizeof(struct fmon_status) == 3816, "status");
+static_assert(sizeof(struct fmon_fallback) == 1032, "fallback");
+static_assert(sizeof(struct fmon_fs_losses) == 24, "losses of the source of file systems");
+static_assert(offsetof(struct fmon_fs_status, lost) == 336, "state of the source of file systems");
+static_assert(offsetof(struct fmon_fs_status, last_fallback) == 360, "state of the source of file systems");
+static_assert(sizeof(struct fmon_fs_status) == 1392, "state of the source of file systems");
+static_assert(offsetof(struct fmon_status, fs) == 3816, "status");
+static_assert(sizeof(struct fmon_status) == 5208, "status");
 
 /* What became of a directory, or single file, that is to be watched: `refusal` null: it carries an inotify watch from
  * now on, which nothing carried before. Else it was refused; a second refusal of the same attempt may follow. On the

@@ -70,6 +70,14 @@ enum {
     DENTRY_COUNTED = 0x8   /* is among the marked directories */
 };
 
+/* The keys of the source of whole file systems (linux/fs/fs_source.h). */
+struct fmon_fs_keys {
+    uint32_t events;      /* 0: the source is not used */
+    uint32_t directories; /* in its table */
+    uint32_t memory_kib;  /* of what waits */
+    uint32_t queue;       /* not 0: the kernel's queue has its limit */
+};
+
 struct fmon {
     uint32_t inited;
     uint32_t inst_mask; /* live instances */
@@ -85,6 +93,7 @@ struct fmon {
     /* Not 0: where the established behaviour lets others blind, freeze or deceive the monitor, it does otherwise. Set
      * before the start and by nobody else. */
     uint32_t hardened;
+    struct fmon_fs_keys fs_keys; /* set before the start, too */
     struct fmon_loss_counts
         lost;             /* since the start; what the backend and the probe library count is added on request */
     list_head records;    /* those of the event table, of struct event_record, oldest first */

@@ -20,6 +20,11 @@ struct fmon_shell fmon_shell = {
     .rate_interval = 200, /* ms */
     .rate_log = 0,
     .hardened = 0,
+    .fs_events = 0,
+    .fs_memory_kib = 0,
+    .fs_queue = 0,
+    .fs_directories = 65536,
+    .fs_memory = 64, /* MiB */
     .lock = nullptr,
     .closed = false,
     .inside = 0,
@@ -36,6 +41,9 @@ constexpr char kSection[] = "fmon";
 
 /* Twice this, which rate control may compute, still is a signed 32-bit number. */
 constexpr uint32_t kCountMax = 1000000000;
+
+/* MiB; in bytes still a 32-bit number. */
+constexpr int32_t kFsMemoryMax = 2048;
 
 /* A missing key, and a value of 0 or below, leave the current value. */
 void read_positive(void *ini, const char *key, int32_t *value)
@@ -55,6 +63,15 @@ void read_count(void *ini, const char *key, uint32_t *value)
         *value = number;
 }
 
+void read_fs_keys(void *ini)
+{
+    read_count(ini, "fs_events", &fmon_shell.fs_events);
+    read_positive(ini, "fs_directories", &fmon_shell.fs_directories);
+    read_positive(ini, "fs_memory", &fmon_shell.fs_memory);
+    read_count(ini, "fs_memory_kib", &fmon_shell.fs_memory_kib);
+    read_count(ini, "fs_queue", &fmon_shell.fs_queue);
+}
+
 void load_config()
 {
     char path[260] = "";
@@ -69,6 +86,7 @@ void load_config()
     read_count(ini, "rate_interval", &fmon_shell.rate_interval);
     read_count(ini, "rate_log", &fmon_shell.rate_log);
     read_count(ini, "hardened", &fmon_shell.hardened);
+    read_fs_keys(ini);
     orx_ini_file_free(ini);
 }
 
@@ -104,9 +122,17 @@ void destroy_rowless()
             fmon_destroy_instance(id);
 }
 
+uint32_t fs_memory_kib()
+{
+    const int32_t mib = fmon_shell.fs_memory < kFsMemoryMax ? fmon_shell.fs_memory : kFsMemoryMax;
+    return fmon_shell.fs_memory_kib > 0 ? fmon_shell.fs_memory_kib : static_cast<uint32_t>(mib) * 1024;
+}
+
 int start_core()
 {
     fmon.hardened = fmon_shell.hardened;
+    fmon.fs_keys = {fmon_shell.fs_events, static_cast<uint32_t>(fmon_shell.fs_directories), fs_memory_kib(),
+                    fmon_shell.fs_queue};
     if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
         disable();
         FMON_LOG(1, kFile, "fmon init failed\n");

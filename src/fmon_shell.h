@@ -29,10 +29,12 @@ struct fmon_shell {
     std::atomic<int32_t> run_state;
     int32_t max_events, max_dentries, tbd_interval;
     uint32_t rate_limit, rate_interval, rate_log;
-    uint32_t hardened;            /* handed to the core at the start */
-    std::atomic<void *> lock;     /* null: none yet, or no more */
-    std::atomic<bool> closed;     /* calls are turned away */
-    std::atomic<uint32_t> inside; /* calls under way */
+    uint32_t hardened; /* handed to the core at the start, with the next four */
+    uint32_t fs_events, fs_memory_kib, fs_queue;
+    int32_t fs_directories, fs_memory; /* entries, MiB */
+    std::atomic<void *> lock;          /* null: none yet, or no more */
+    std::atomic<bool> closed;          /* calls are turned away */
+    std::atomic<uint32_t> inside;      /* calls under way */
     int32_t row_count;
     struct shell_row rows[FMON_MAX_INSTANCES];
 };

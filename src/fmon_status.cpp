@@ -72,6 +72,7 @@ void fill_sources(struct fmon_status *out)
     out->inotify_probe = fmon_account.inotify_probe;
     clt_inotify_look(&out->inotify_probe);
     out->file_probes = fmon_account.file_probes;
+    out->fs = fmon_account.fs;
 }
 
 void fill_counts(struct fmon_status *out)
@@ -115,6 +116,15 @@ void account_marked(const char *path)
         fmon_account.mark_cb(path, nullptr);
 }
 
+void account_fallback(uint32_t reason, int32_t error, const char *path)
+{
+    struct fmon_fallback *last = &fmon_account.fs.last_fallback;
+    last->reason = reason;
+    last->error = error;
+    copy_text(last->path, sizeof last->path, path);
+    fmon_account.fs.fallbacks++;
+}
+
 void account_begin(void)
 {
     const fmon_mark_cb listener = fmon_account.mark_cb;
@@ -152,8 +162,9 @@ void account_monitor_ended(const char *what, int32_t code, int32_t error)
 
 void account_sources_off(void)
 {
-    for (struct fmon_source *source : {&fmon_account.monitor, &fmon_account.inotify, &fmon_account.fanotify,
-                                       &fmon_account.mounts, &fmon_account.inotify_probe, &fmon_account.file_probes})
+    for (struct fmon_source *source :
+         {&fmon_account.monitor, &fmon_account.inotify, &fmon_account.fanotify, &fmon_account.mounts,
+          &fmon_account.inotify_probe, &fmon_account.file_probes, &fmon_account.fs.source})
         if (source->state == FMON_SOURCE_ON)
             *source = {};
 }

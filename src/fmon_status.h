@@ -15,8 +15,9 @@ struct fmon_account {
     struct fmon_left_out left_out;
     struct fmon_refusal last_refusal;
     struct fmon_source monitor, inotify, fanotify, mounts, inotify_probe, file_probes;
-    fmon_mark_cb mark_cb; /* null: nobody is told */
-    bool counted;         /* the attempt under way is among those left out */
+    struct fmon_fs_status fs; /* source, watches, fallbacks, left_out, last_fallback: the rest is asked of the source */
+    fmon_mark_cb mark_cb;     /* null: nobody is told */
+    bool counted;             /* the attempt under way is among those left out */
 };
 extern struct fmon_account fmon_account; /* hidden */
 
@@ -35,6 +36,9 @@ void account_system_refused(uint32_t step, int32_t code, int32_t error, const ch
 void account_marked(const char *path);
 
 /* ---- sources ---- */
+
+/* Other marks are used for what is at `path`: FMON_FALLBACK_*. */
+void account_fallback(uint32_t reason, int32_t error, const char *path);
 
 /* A new start: nothing is known. */
 void account_begin(void);

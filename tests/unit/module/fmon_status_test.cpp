@@ -73,6 +73,20 @@ TEST_F(MonitorStatus, AThreadThatEnds)
     expect_source(status_now().monitor, FMON_SOURCE_ON, FMON_WHY_NONE);
 }
 
+TEST_F(MonitorStatus, TheLatestFallbackOfTheSourceOfFileSystems)
+{
+    start();
+    EXPECT_EQ(uint32_t{FMON_FALLBACK_NONE}, status_now().fs.last_fallback.reason);
+    account_fallback(FMON_FALLBACK_FSID, 0, "/a");
+    account_fallback(FMON_FALLBACK_MARK, ENODEV, "/tmp");
+    const struct fmon_fs_status fs = status_now().fs;
+    EXPECT_EQ(2u, fs.fallbacks);
+    EXPECT_EQ(uint32_t{FMON_FALLBACK_MARK}, fs.last_fallback.reason);
+    EXPECT_EQ(ENODEV, fs.last_fallback.error);
+    EXPECT_STREQ("/tmp", fs.last_fallback.path);
+    EXPECT_EQ(uint32_t{FMON_SOURCE_OFF}, fs.source.state);
+}
+
 /* ---- probes ---- */
 
 void start(ProbeMachine &m) { ASSERT_EQ(0, m.start()) << testlib::log_text(); }

@@ -285,6 +285,43 @@ TEST_F(Config, NotHardenedWithoutTheKey)
     EXPECT_EQ(0u, fmon.hardened);
 }
 
+TEST_F(Config, KeysOfTheSourceOfFileSystems)
+{
+    testlib::set_ini({{{"fmon", "fs_events"}, "1"},
+                      {{"fmon", "fs_directories"}, "500"},
+                      {{"fmon", "fs_memory"}, "3"},
+                      {{"fmon", "fs_queue"}, "1"}});
+    start();
+    EXPECT_EQ(1u, fmon.fs_keys.events);
+    EXPECT_EQ(500u, fmon.fs_keys.directories);
+    EXPECT_EQ(3072u, fmon.fs_keys.memory_kib);
+    EXPECT_EQ(1u, fmon.fs_keys.queue);
+}
+
+TEST_F(Config, TheSourceOfFileSystemsIsNotUsedWithoutItsKey)
+{
+    fmon.fs_keys = {1, 1, 1, 1};
+    start();
+    EXPECT_EQ(0u, fmon.fs_keys.events);
+    EXPECT_EQ(65536u, fmon.fs_keys.directories);
+    EXPECT_EQ(65536u, fmon.fs_keys.memory_kib);
+    EXPECT_EQ(0u, fmon.fs_keys.queue);
+}
+
+TEST_F(Config, MemoryOfTheSourceInKibGoesBeforeThatInMib)
+{
+    testlib::set_ini({{{"fmon", "fs_memory"}, "3"}, {{"fmon", "fs_memory_kib"}, "64"}});
+    start();
+    EXPECT_EQ(64u, fmon.fs_keys.memory_kib);
+}
+
+TEST_F(Config, MemoryOfTheSourceHasALimit)
+{
+    testlib::set_ini({{{"fmon", "fs_memory"}, "1000000000"}});
+    start();
+    EXPECT_EQ(2048u * 1024, fmon.fs_keys.memory_kib);
+}
+
 /* Zero switches throttling off, so it must be meant. */
 TEST_F(Config, ARateThatIsNoNumberKeepsTheCurrentOne)
 {
