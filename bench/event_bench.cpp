@@ -138,7 +138,7 @@ public:
         reader_ = Monitor::instance();
         Monitor::watch(reader_, top, FMON_OPEN, kTree);
         for (int i = 0; i < kDirectories; i++)
-            directories_.push_back(Monitor::directory(std::string(kTop) + "/folder" + std::to_string(i)));
+            directories_.push_back(Monitor::directory(std::string(kTop) + "/branch" + std::to_string(i)));
         order_.resize(static_cast<size_t>(records));
         std::iota(order_.begin(), order_.end(), 0);
         std::shuffle(order_.begin(), order_.end(), std::mt19937(1));

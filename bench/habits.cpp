@@ -61,7 +61,7 @@ void make_source(const std::string &top)
 {
     for (int i = 0; i < kDirectories * kSubdirectories; i++) {
         const std::string directory =
-            top + "/folder" + std::to_string(i / kSubdirectories) + "/sub" + std::to_string(i % kSubdirectories);
+            top + "/branch" + std::to_string(i / kSubdirectories) + "/sub" + std::to_string(i % kSubdirectories);
         fs::create_directories(directory);
         for (int k = 0; k < kFiles; k++)
             std::ofstream(directory + "/file" + std::to_string(k)) << "content " << i << " " << k << "\n";

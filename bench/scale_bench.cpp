@@ -84,7 +84,7 @@ private:
     }
     static struct dentry *child(struct dentry *parent, int number)
     {
-        return dcache_add_sub(&fmon.dcache, parent, ("folder" + std::to_string(number)).c_str());
+        return dcache_add_sub(&fmon.dcache, parent, ("branch" + std::to_string(number)).c_str());
     }
 
     struct fmon_method_t saved_;

@@ -41,7 +41,7 @@ BenchTree::BenchTree(int directories, const char *base) : root_(make_root(base))
     std::deque<std::string> open = {root_};
     for (int made = 1; made < directories; open.pop_front()) {
         for (int i = 0; i < kFanOut && made < directories; i++, made++) {
-            open.push_back(open.front() + "/folder" + std::to_string(i));
+            open.push_back(open.front() + "/branch" + std::to_string(i));
             make_directory(open.back());
         }
     }

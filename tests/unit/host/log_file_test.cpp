@@ -61,7 +61,7 @@ TEST(LogFile, RefusesWhatIsNoDirectory)
     LogFile log;
     EXPECT_FALSE(log.open(dir.path("plain").c_str(), 5));
     EXPECT_FALSE(log.is_open());
-    EXPECT_FALSE(LogFile().open("/proc/no/such/folder", 5));
+    EXPECT_FALSE(LogFile().open("/proc/no/such/directory", 5));
     EXPECT_FALSE(LogFile().open("", 5));
 }
 

@@ -1,4 +1,4 @@
-// inotify_user FOLDER...: watches each for everything, says "ready", and reads until it is killed: any program that
+// inotify_user DIRECTORY...: watches each for everything, says "ready", and reads until it is killed: any program that
 // uses inotify.
 #include <sys/inotify.h>
 #include <unistd.h>
