@@ -1,5 +1,5 @@
 /*
- * docker.h: what Docker's own files tell of a container.
+ * docker.h: what Docker's own files say of a container.
  */
 #ifndef CONTAINER_DOCKER_H
 #define CONTAINER_DOCKER_H

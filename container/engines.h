@@ -1,5 +1,5 @@
 /*
- * engines.h: what the files of the engines beside Docker, and those of the runtimes, tell of a container.
+ * engines.h: what the files of the engines beside Docker, and those of the runtimes, say of a container.
  */
 #ifndef CONTAINER_ENGINES_H
 #define CONTAINER_ENGINES_H

@@ -1,5 +1,5 @@
 /*
- * oci.h: what the bundle tells of a container that an OCI runtime was started with.
+ * oci.h: what the bundle says of a container that an OCI runtime was started with.
  */
 #ifndef CONTAINER_OCI_H
 #define CONTAINER_OCI_H

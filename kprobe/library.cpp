@@ -59,7 +59,7 @@ Sizes sizes_for(size_t cpus)
 }
 
 // What the monitor's instances take of the process's descriptors on each CPU: a ring and a wake-up ring each, and for
-// each of their seven probes one event that records and one that rings; another two while a filter is replaced.
+// each of their seven probes one event that records and one that wakes; another two while a filter is replaced.
 constexpr size_t kDescriptorsACpu = 2 * 2 + 7 * 2 + 2, kOtherDescriptors = 16;
 
 // Empty: there are enough of them. To begin and end half-way would leave some kinds of events out.
@@ -281,8 +281,8 @@ std::shared_ptr<Instance> Library::make_instance(const char *name)
         KP_LOG(1, "instance %s cannot be made: %s", name, strerror(-status));
         return nullptr;
     }
-    const bool can_tell = strcmp(name, kInotifyName) != 0 || instance->learn_groups() == 0;
-    return can_tell ? instance : nullptr;
+    const bool can_distinguish = strcmp(name, kInotifyName) != 0 || instance->learn_groups() == 0;
+    return can_distinguish ? instance : nullptr;
 }
 
 void *Library::create(const char *name, int32_t **fds, int32_t *count)

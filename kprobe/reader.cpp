@@ -155,7 +155,8 @@ void Reader::wait()
         else if (events[i].events & (EPOLLHUP | EPOLLERR))  // its CPU went offline; it would be ready for ever
             epoll_ctl(epoll_.get(), EPOLL_CTL_DEL, events[i].data.fd, nullptr);
     }
-    // Somebody closed a descriptor of ours, as daemons do with all: nothing rings any more, but records must not stay.
+    // Somebody closed a descriptor of ours, as daemons do with all: nothing wakes this thread, but records must not
+    // stay.
     if (n < 0 && errno != EINTR)
         pause_a_little();
 }
@@ -177,7 +178,7 @@ bool Reader::sweep_all()
     return busy;
 }
 
-// Rings that the instance has from now on ring here. False: it must be asked again.
+// Wake-ups that the instance has from now on come here. False: it must be asked again.
 bool Reader::follow(const std::vector<int> &online, Instance &instance)
 {
     ignore_wake_ups(instance);

@@ -69,7 +69,7 @@ start_watch() {
     done
 }
 
-# losses: what the watch told of losses. That a kernel before 6.1 could not run a probe now and then is none of these: it
+# losses: what the watch reported of losses. That a kernel before 6.1 could not run a probe now and then is none of these: it
 # counts for all files of the system, and does not know which the filter would have taken.
 # shellcheck disable=SC2154 # $err, as above
 losses() { grep -E ' (was|were) lost|no longer known|overflow' "$err" | grep -v 'could not run the probe'; }

@@ -121,7 +121,7 @@ TEST_F(ContainerLibCensus, AUsersGroupClaimsNoContainerOfRoots)
     EXPECT_EQ(1u, take().containers.size()) << "and lends it no process";
 }
 
-TEST_F(ContainerLibCensus, AUsersGroupAloneIsToldWithItsMaker)
+TEST_F(ContainerLibCensus, AUsersGroupAloneIsReportedWithItsMaker)
 {
     world.add({15, 109, kOfUser, {35}});
     world.add({16, 110, kOfUser + "/docker-" + kA + ".scope", {36}});

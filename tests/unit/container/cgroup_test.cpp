@@ -87,7 +87,7 @@ TEST(ContainerLibCgroup, FirstHierarchyThatNamesOneCounts)
         << "a colon in a name";
 }
 
-TEST(ContainerLibCgroup, PlacesEndWithTheNameThatTells)
+TEST(ContainerLibCgroup, PlacesEndWithTheNameThatCounts)
 {
     const std::string path = "/a/docker-" + kA + ".scope/b/" + kB;
     const container::Group group = container::parse_cgroup("3:cpu:/\n1:name=systemd:" + path + "/c (deleted)\n");
@@ -98,7 +98,7 @@ TEST(ContainerLibCgroup, PlacesEndWithTheNameThatTells)
     EXPECT_EQ(container::parse_cgroup("0::" + path + " (deleted)\n").place(1), path);
 }
 
-TEST(ContainerLibCgroup, LabelsTellTheMaker)
+TEST(ContainerLibCgroup, LabelsNameTheMaker)
 {
     EXPECT_EQ(kA, container::label_of(kA, 0));
     EXPECT_EQ(kA + "@1000", container::label_of(kA, 1000));

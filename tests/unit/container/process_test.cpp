@@ -77,7 +77,7 @@ TEST_F(ContainerLibProcess, IsRead)
     EXPECT_EQ((Ids{10, 11}), ids);
 }
 
-TEST_F(ContainerLibProcess, OneThatIsGoneTellsNothing)
+TEST_F(ContainerLibProcess, OneThatIsGoneShowsNothing)
 {
     world.remove(5);
     EXPECT_EQ(0u, container::mount_namespace(proc.get(), 5));

@@ -54,7 +54,7 @@ TEST(AgentType, IsHostWithoutEvidence)
                       .type());
 }
 
-TEST(AgentType, TellsTheKindOfContainer)
+TEST(AgentType, SaysWhichKindOfContainer)
 {
     EXPECT_EQ("docker", Machine().has(".dockerenv").type());
     EXPECT_EQ("podman", Machine().has("run/.containerenv").type());

@@ -117,7 +117,7 @@ TEST_F(EventLoop, LetsIsolatedThreadsTakeNoSignals)
     EXPECT_EQ(0, sigismember(&inside, SIGSEGV));
 }
 
-TEST_F(EventLoop, TellsWhenAThreadCannotBeMade)
+TEST_F(EventLoop, ReportsAThreadThatCannotBeMade)
 {
     EXPECT_EQ(-EINVAL, cl_ev_create_isolated_thread(nullptr, nullptr, nullptr, nullptr));
     pthread_attr_t before, huge; /* a stack that no address space holds */
@@ -216,7 +216,7 @@ TEST_F(EventLoop, EndsWithItsThread)
     EXPECT_EQ(host_test::open_descriptors(), before);
 }
 
-TEST_F(EventLoop, TellsWhenALoopCannotBeMade)
+TEST_F(EventLoop, ReportsALoopThatCannotBeMade)
 {
     CapturedStderr err;
     struct rlimit before, tight;

@@ -42,7 +42,7 @@ TEST(Mutex, LetsOneThreadInAtATime)
     EXPECT_EQ(40000, counter);
 }
 
-TEST(Mutex, TellsOfASecondLockByItsOwner)
+TEST(Mutex, ReportsASecondLockByItsOwner)
 {
     CapturedStderr err;
     Mutex mutex;
@@ -54,7 +54,7 @@ TEST(Mutex, TellsOfASecondLockByItsOwner)
     EXPECT_EQ(0, th_mutex_unlock(mutex.handle));
 }
 
-TEST(Mutex, TellsOfAnUnlockByAnother)
+TEST(Mutex, ReportsAnUnlockByAnother)
 {
     CapturedStderr err;
     Mutex mutex;

@@ -99,12 +99,12 @@ TEST(Path, OfOneDirectorysInstallationIsNotTheSystems)
     EXPECT_EQ(std::nullopt, system_place(config, "/usr/bin", "/opt/agent/lib")) << "an interpreter that loaded it";
     EXPECT_EQ(std::nullopt, system_place(config, "/opt/agent/bin", "/usr/lib/fmon")) << "an agent that borrows it";
     EXPECT_EQ(std::nullopt, system_place(config, "/a/usr/bin", "/b/usr/lib/fmon"));
-    EXPECT_EQ(std::nullopt, system_place(config, "", "")) << "nobody told where the program is";
+    EXPECT_EQ(std::nullopt, system_place(config, "", "")) << "nobody said where the program is";
 }
 
 TEST(Path, KnowsWhereTheLibraryLies) { EXPECT_EQ(host::library_directory(), program_directory()); }
 
-TEST(Path, TellsWhenItDoesNotFit)
+TEST(Path, SaysWhenItDoesNotFit)
 {
     Environment home("FMON_HOME", "/h");
     char out[12];

@@ -1,4 +1,4 @@
-/* Every call that may fail, at every place: what fails is told, and nothing is left. */
+/* Every call that may fail, at every place: what fails is reported, and nothing is left. */
 #include <gtest/gtest.h>
 #include <sys/epoll.h>
 #include <unistd.h>

@@ -32,7 +32,7 @@ struct GroupsFixture : Fixture {
         kernel.hit({"inotify_handle_inode_event", {mark, mask, 0, 0, 0, 0}});
     }
     /* The masks of what is handed on. */
-    std::vector<uint32_t> told()
+    std::vector<uint32_t> reported()
     {
         sweep();
         instance.parse(100);
@@ -73,13 +73,13 @@ TEST_P(KprobeGroups, OnlyDeliveriesToThisProcessAreHandedOn)
     f.deliver(stranger, IN_IGNORED);
     f.deliver(f.kernel.group_of(another.get()), IN_OPEN);
     f.deliver(0, IN_CREATE);
-    EXPECT_EQ((Masks{IN_MODIFY, IN_OPEN}), f.told());
+    EXPECT_EQ((Masks{IN_MODIFY, IN_OPEN}), f.reported());
     const kp_losses losses = f.losses();
     EXPECT_EQ(2u, losses.delivered);
     EXPECT_EQ(0u, losses.unreadable) << "what is somebody else's is no loss";
 }
 
-TEST_P(KprobeGroups, TheKernelIsTold)
+TEST_P(KprobeGroups, TheKernelIsGivenTheFilter)
 {
     GroupsFixture f(GetParam());
     const Fd own = inotify();
@@ -98,7 +98,7 @@ TEST(KprobeGroups, AProcessWithoutInotifyHearsNothing)
     EXPECT_EQ("g==0", f.filter());
     f.deliver(f.kernel.memory.allocate(512));
     f.deliver(0);
-    EXPECT_EQ(Masks{}, f.told());
+    EXPECT_EQ(Masks{}, f.reported());
 }
 
 TEST(KprobeGroups, ADescriptorThatIsMadeLater)
@@ -108,12 +108,12 @@ TEST(KprobeGroups, ADescriptorThatIsMadeLater)
     const Fd own = inotify();
     ASSERT_EQ(0, f.instance.enable("Ki", true));
     f.deliver(f.kernel.group_of(own.get()), IN_MODIFY);
-    EXPECT_EQ(Masks{IN_MODIFY}, f.told());
+    EXPECT_EQ(Masks{IN_MODIFY}, f.reported());
     const Fd later = inotify();
     ASSERT_EQ(0, f.instance.filter("Ki", "w!=0&&m!=0"));
     EXPECT_NE(std::string::npos, f.filter().find("g==" + hex(f.kernel.group_of(later.get()))));
     f.deliver(f.kernel.group_of(later.get()), IN_OPEN);
-    EXPECT_EQ(Masks{IN_OPEN}, f.told());
+    EXPECT_EQ(Masks{IN_OPEN}, f.reported());
 }
 
 TEST(KprobeGroups, NothingIsAskedTwice)
@@ -140,13 +140,13 @@ TEST(KprobeGroups, AClosedDescriptorCountsNoMore)
     ASSERT_EQ(0, f.add_inotify());
     ASSERT_EQ(0, f.instance.enable("Ki", true));
     f.deliver(group, IN_MODIFY);
-    EXPECT_EQ(Masks{IN_MODIFY}, f.told());
+    EXPECT_EQ(Masks{IN_MODIFY}, f.reported());
     const int number = own.get();
     own.reset();
     const Fd same_number(open("/dev/null", O_RDONLY | O_CLOEXEC));
     ASSERT_EQ(number, same_number.get());
     f.deliver(group, IN_IGNORED);
-    EXPECT_EQ(Masks{}, f.told());
+    EXPECT_EQ(Masks{}, f.reported());
 }
 
 TEST(KprobeGroups, ACopyOfADescriptorKeepsItsInstance)
@@ -175,7 +175,7 @@ TEST(KprobeGroups, MoreDescriptorsThanTheKernelsFilterTakes)
     ASSERT_EQ(0, f.instance.enable("Ki", true));
     f.deliver(f.kernel.group_of(many.back().get()), IN_MODIFY);
     f.deliver(f.kernel.memory.allocate(512), IN_OPEN);
-    EXPECT_EQ(Masks{IN_MODIFY}, f.told());
+    EXPECT_EQ(Masks{IN_MODIFY}, f.reported());
 }
 
 TEST(KprobeGroups, TheLibrarysOwnWatchesAreNobodys)
@@ -192,7 +192,7 @@ TEST(KprobeGroups, TheLibrarysOwnWatchesAreNobodys)
     EXPECT_EQ("(g==" + hex(f.kernel.group_of(own.get())) + ")", f.filter());
 }
 
-TEST(KprobeGroups, InstancesThatCannotBeTold)
+TEST(KprobeGroups, InstancesThatCannotBeToldApart)
 {
     GroupsFixture f;
     Fd own = inotify();

@@ -36,7 +36,7 @@ TEST_P(KprobeInstance, PathsOfEveryDepth)
         EXPECT_EQ(Paths{path + "/leaf"}, f.parse()) << depth;
         path += "/dir" + std::to_string(depth);
     }
-    f.create(path + "/leaf"); /* the root is the twelfth: for the monitor to tell */
+    f.create(path + "/leaf"); /* the root is the twelfth: for the monitor to find out */
     EXPECT_EQ("no root:", f.parse()[0].substr(0, 8));
 }
 
@@ -126,10 +126,10 @@ TEST_P(KprobeInstance, InotifyRecordsOfTheMonitorItself)
         f.kernel.hit({"inotify_handle_inode_event", {mark, mask, 0, 0, 0, 0}, 498, tid});
     f.sweep();
     f.instance.parse(10);
-    std::vector<std::pair<uint32_t, uint32_t>> told;
+    std::vector<std::pair<uint32_t, uint32_t>> reported;
     for (const Received &record : received)
-        told.emplace_back(record.word(12), record.pid);
-    EXPECT_EQ((decltype(told){{IN_DELETE_SELF, 0}, {IN_IGNORED, 0}, {IN_CREATE, 498}}), told);
+        reported.emplace_back(record.word(12), record.pid);
+    EXPECT_EQ((decltype(reported){{IN_DELETE_SELF, 0}, {IN_IGNORED, 0}, {IN_CREATE, 498}}), reported);
     const kp_losses losses = f.losses();
     EXPECT_EQ(3u, losses.delivered);
     EXPECT_EQ(0u, losses.unreadable) << "what is left out is no loss";
@@ -296,7 +296,7 @@ TEST(KprobeInstanceFilter, AHitThatBothFiltersSeeCountsOnce)
 }
 
 /* The kernel drops what comes to an event that was just switched off. */
-TEST(KprobeInstanceFilter, AHitOnItsWayIsToldByTheOldOne)
+TEST(KprobeInstanceFilter, AHitOnItsWayIsRecordedByTheOldOne)
 {
     Fixture f;
     f.add_on("Kc");

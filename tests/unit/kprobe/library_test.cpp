@@ -19,7 +19,7 @@ using testlib::take_log;
 
 /* ---- start ---- */
 
-TEST(KprobeLibrary, TellsOfTheKernel)
+TEST(KprobeLibrary, SaysWhatTheKernelIs)
 {
     for (const bool is_64 : {true, false}) {
         Whole w(is_64);
@@ -213,7 +213,7 @@ TEST(KprobeLibrary, AsManyInstancesAsThereIsRoomFor)
     EXPECT_TRUE(sources[64].open(w.probes, "one more"));
 }
 
-TEST(KprobeLibrary, NoInotifyInstanceWhereNoProbeCanTell)
+TEST(KprobeLibrary, NoInotifyInstanceWhereNoProbeReports)
 {
     Whole w;
     testlib::KernelTypes types;

@@ -145,7 +145,7 @@ TEST(KprobeLibraryTurns, HitsFromManyThreadsWhileItIsUsed)
     std::vector<std::thread> threads;
     for (const int cpu : {0, 1})
         threads.emplace_back([&, cpu] {
-            for (uint32_t tid = 0; tid < kRounds * kHits; tid++) { /* equal ones of a thread may be told as one */
+            for (uint32_t tid = 0; tid < kRounds * kHits; tid++) { /* equal ones of a thread may be reported as one */
                 if (tid % kHits == 0)
                     round.arrive_and_wait();
                 hits += w.kernel.hit({"security_inode_create", {0, entry, 0}, 1, tid + 1, cpu}) > 0 ? 1 : 0;

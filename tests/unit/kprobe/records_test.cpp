@@ -95,7 +95,7 @@ TEST(KprobeRecords, LostInTheRing)
         f.create("/x");
     const size_t kept = f.parse().size();
     EXPECT_LT(kept, 20u);
-    EXPECT_EQ(0u, f.losses().ring) << "the kernel tells with the next record";
+    EXPECT_EQ(0u, f.losses().ring) << "the kernel reports them with the next record";
     f.create("/y");
     EXPECT_EQ(Paths{"/y"}, f.parse());
     EXPECT_EQ(100 - kept, f.losses().ring);
@@ -157,7 +157,7 @@ TEST(KprobeRecords, EveryHitIsAccountedFor)
             f.instance.clean();
         handed += f.parse(random() % 30).size();
     }
-    for (const int cpu : {0, 1}) { /* so that the kernel tells of the last losses */
+    for (const int cpu : {0, 1}) { /* so that the kernel reports the last losses */
         f.sweep();
         hits += static_cast<size_t>(f.create("/last", 0, cpu));
     }

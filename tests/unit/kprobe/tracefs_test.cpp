@@ -87,7 +87,7 @@ TEST(KprobeTracefs, TheLastErrorCounts)
 
 /* ---- groups ---- */
 
-TEST(KprobeTracefs, GroupsTellTheirOwner)
+TEST(KprobeTracefs, GroupsNameTheirOwner)
 {
     for (const Owner &owner : {Owner{1, 1}, Owner{77, 123456789}, Owner{INT_MAX, 9223372036854775807u}}) {
         Owner found;

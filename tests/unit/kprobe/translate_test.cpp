@@ -22,7 +22,7 @@ std::string up(int times, const std::string &step, std::string inner)
     return inner;
 }
 
-/* Names of a 64-bit kernel: the outermost ancestor is told by its first word; then short names in words and in an
+/* Names of a 64-bit kernel: the outermost ancestor is recognised by its first word; then short names in words and in an
  * array, where the way through the name pointer is too long, and from the eighth ancestor on through it. */
 std::string names64(const std::string &entry)
 {

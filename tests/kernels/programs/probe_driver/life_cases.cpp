@@ -184,8 +184,8 @@ void case_watched_tracefs()
         error_output_level = 0;
         Source source("clt_file");
         const bool refused = add_create_probe(source.handle, "nofield==1") < 0;
-        const bool told = last_line.find("watches tracefs with fanotify") != std::string::npos;
-        result("watched.refused", refused && told != safe, last_line);
+        const bool named = last_line.find("watches tracefs with fanotify") != std::string::npos;
+        result("watched.refused", refused && named != safe, last_line);
         result("watched.defined", add_create_probe(source.handle, "mnt==1") >= 0);
         error_output_level = 2;
         alignas(8) char buffer[65536];

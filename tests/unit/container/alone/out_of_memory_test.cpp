@@ -72,7 +72,7 @@ protected:
         return record ? record->label : "host";
     }
 
-    const std::string id = std::string(64, 'a'); /* of one that Docker's files tell of */
+    const std::string id = std::string(64, 'a'); /* of one that Docker's files describe */
     testlib::TempTree tree;
     testlib::ContainerWorld world;
 };

@@ -40,7 +40,7 @@ namespace
 
 /* Fails the 1st, 2nd, ... allocation of `call`, until it is not reached. Returns how many were. */
 template <typename Call, typename Check>
-int fail_each_allocation(Call &&call, Check &&failed_as_told)
+int fail_each_allocation(Call &&call, Check &&failed_as_it_should)
 {
     for (int n = 0; n < 5000; n++) {
         failed = false;
@@ -49,7 +49,7 @@ int fail_each_allocation(Call &&call, Check &&failed_as_told)
         left = -1;
         if (!failed)
             return n;
-        EXPECT_TRUE(failed_as_told(result)) << "allocation " << n;
+        EXPECT_TRUE(failed_as_it_should(result)) << "allocation " << n;
         testlib::take_log();
     }
     ADD_FAILURE() << "it never succeeded";
