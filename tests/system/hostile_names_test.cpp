@@ -42,30 +42,6 @@ const std::vector<std::string> &hostile()
     return list;
 }
 
-std::string from_base64(const std::string &text)
-{
-    const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
-    std::string out;
-    unsigned bits = 0;
-    int have = 0;
-    for (char c : text) {
-        size_t value = digits.find(c);
-        if (value == std::string::npos)
-            break;
-        bits = bits << 6 | static_cast<unsigned>(value);
-        have += 6;
-        if (have >= 8)
-            out += static_cast<char>(bits >> (have -= 8) & 0xff);
-    }
-    return out;
-}
-
-/* The path's bytes, from whichever field holds them. */
-std::string path_of(const Json &event)
-{
-    return event.contains("path_bytes") ? from_base64(event["path_bytes"]) : event["path"].text();
-}
-
 TEST(HostileNames, AreWholeInCallbacks)
 {
     TempTree tree;

@@ -101,6 +101,34 @@ Json Json::with(const std::string &pointer, const std::string &json) const
     return Reader::read(changed);
 }
 
+namespace
+{
+
+std::string from_base64(const std::string &text)
+{
+    const std::string digits = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string out;
+    unsigned bits = 0;
+    int have = 0;
+    for (char c : text) {
+        size_t value = digits.find(c);
+        if (value == std::string::npos)
+            break;
+        bits = bits << 6 | static_cast<unsigned>(value);
+        have += 6;
+        if (have >= 8)
+            out += static_cast<char>(bits >> (have -= 8) & 0xff);
+    }
+    return out;
+}
+
+}  // namespace
+
+std::string path_of(const Json &event)
+{
+    return event.contains("path_bytes") ? from_base64(event["path_bytes"]) : event["path"].text();
+}
+
 std::ostream &operator<<(std::ostream &out, const Json &json) { return out << json.dump(); }
 
 }  // namespace systest

@@ -75,6 +75,9 @@ private:
     std::vector<std::string> keys_; /* of these members */
 };
 
+/* The bytes of an event's path, from whichever member holds them. */
+std::string path_of(const Json &event);
+
 std::ostream &operator<<(std::ostream &out, const Json &json);
 
 }  // namespace systest
