@@ -1,6 +1,6 @@
 /*
  * fs_ask.h: what the kernel is asked about directories of whole file systems: which handle a path has, and where the
- * directory with a handle lies now.
+ * directory with a handle lies now. Needs CAP_DAC_READ_SEARCH. Descriptors are the caller's to close.
  */
 #ifndef FMON_FS_ASK_H
 #define FMON_FS_ASK_H
@@ -19,21 +19,41 @@ struct fs_place {
 
 enum fs_asked {
     FS_ASKED_PLACE, /* *out is filled */
-    FS_ASKED_TOP,   /* it is the root of the mount: nothing above can be seen through that mount */
-    FS_ASKED_OUT,   /* it exists, and lies outside of the mount */
+    FS_ASKED_TOP,   /* it is the root of the mount, or lies outside: nothing above can be seen through that mount */
     FS_ASKED_GONE,  /* there is no such directory */
     FS_ASKED_ERROR  /* errno */
 };
 
-/*
- * Where the directory lies, seen through an open directory of a mount (not O_PATH). The answer is of some moment during
- * the call, and what was moved to this place before has its record in the kernel's queue when the call returns.
- * One of enum fs_asked. Needs CAP_DAC_READ_SEARCH.
- */
-int fs_ask(int mount_fd, const struct fs_key *key, struct fs_place *out);
+/* What an entry of a directory is. */
+enum fs_entry_kind {
+    FS_ENTRY_THIS,     /* it has the handle that was asked for */
+    FS_ENTRY_WHITEOUT, /* an overlay's sign that a lower file is deleted: a character device 0:0 */
+    FS_ENTRY_OTHER,
+    FS_ENTRY_NONE,
+    FS_ENTRY_ERROR /* errno */
+};
 
-/* Whether the directory has that entry, with that handle: 1, 0, or -1 and errno. */
-int fs_ask_entry(int mount_fd, const struct fs_key *directory, const char *name, const struct fs_key *entry);
+/* The questions, so that tests can answer them. `arg` is that of struct fs_world. */
+struct fs_asks {
+    /*
+     * Where the directory lies, seen through an open directory of a mount (not O_PATH). The answer is of some moment
+     * during the call, and what was moved to this place before has its record in the kernel's queue when the call
+     * returns.
+     */
+    enum fs_asked (*place)(void *arg, int mount_fd, const struct fs_key *key, struct fs_place *out);
+
+    int (*open)(void *arg, int mount_fd, const struct fs_key *directory); /* -1 and errno */
+
+    /* `key` null: no handle is asked for. */
+    enum fs_entry_kind (*entry)(void *arg, int directory_fd, const char *name, const struct fs_key *key);
+
+    /* Opens the directory at the path, if it has that key: -1 and errno, ENOENT if it has another. */
+    int (*open_path)(void *arg, const char *path, const struct fs_key *key);
+
+    void (*close)(void *arg, int fd);
+};
+
+extern const struct fs_asks fs_kernel; /* the kernel's answers */
 
 /*
  * The key of an open file or directory (O_PATH will do), as records have it. `*mount_id` may be null, and so may be

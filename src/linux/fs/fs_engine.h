@@ -20,7 +20,7 @@
 #include "linux/fs/fs_key.h"
 
 struct fs_engine;
-struct fs_place;
+struct fs_asks;
 
 enum { FS_PATH_MAX = 1022 }; /* bytes of the longest path that is handed on */
 
@@ -75,10 +75,8 @@ struct fs_world {
      * is removed and added anew. The directory's own MOVE_SELF is still to come. */
     void (*displaced)(void *arg, uint64_t id);
 
-    /* What is asked of the kernel; null: fs_ask() and fs_ask_entry() of fs_ask.h. */
-    int (*ask)(void *arg, int mount_fd, const struct fs_key *key, struct fs_place *out);
-    int (*ask_entry)(void *arg, int mount_fd, const struct fs_key *directory, const char *name,
-                     const struct fs_key *entry);
+    /* Where the kernel is asked; null: fs_kernel of fs_ask.h. */
+    const struct fs_asks *asks;
 };
 
 struct fs_counts {
