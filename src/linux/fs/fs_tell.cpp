@@ -1,0 +1,163 @@
+/*
+ * What is handed on: one event for each path of an entry, with all kinds of the record at once.
+ */
+#include <cctype>
+
+#include "linux/fs/fs_state.h"
+#include "orx_fmon.h"
+
+namespace
+{
+
+/* The directory, opened through the first mount that shows it; -1: it cannot be opened. */
+int open_through_mounts(struct fs_engine *engine, const struct fs_node *node)
+{
+    const struct fs_world *world = &engine->world;
+    const struct fs_key key = fs_node_key(&engine->table, node);
+    for (unsigned n = 0;; n++) {
+        const int mount_fd = world->open_mount(world->arg, key.fsid, n);
+        const int fd = mount_fd < 0 ? -1 : world->asks->open(world->arg, mount_fd, &key);
+        if (mount_fd < 0 || fd >= 0)
+            return fd;
+    }
+}
+
+void close_directory(struct fs_engine *engine, struct fs_open_directory *directory)
+{
+    if (!directory->node)
+        return;
+    if (directory->fd >= 0)
+        engine->world.asks->close(engine->world.arg, directory->fd);
+    fs_node_unpin(directory->node);
+    directory->node = nullptr;
+}
+
+/* Stays open until the engine's function returns. */
+int open_directory(struct fs_engine *engine, struct fs_node *node)
+{
+    struct fs_open_directory *directory = &engine->open[node->hash % FS_OPEN_DIRECTORIES];
+    if (directory->node == node)
+        return directory->fd;
+    close_directory(engine, directory);
+    *directory = {node, open_through_mounts(engine, node)};
+    fs_node_pin(node);
+    return directory->fd;
+}
+
+enum fs_entry_kind ask_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_entry *entry,
+                             const struct fs_key *key)
+{
+    const int fd = open_directory(engine, node);
+    if (fd < 0)
+        return FS_ENTRY_NONE;
+    char name[NAME_MAX + 1];
+    memcpy(name, entry->name, entry->name_len);
+    name[entry->name_len] = '\0';
+    engine->counts.asked_files++;
+    return engine->world.asks->entry(engine->world.arg, fd, name, key);
+}
+
+/* An unlink and a link of one file by one name are joined whatever their order was. */
+bool is_delete_first(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, uint32_t kinds)
+{
+    constexpr uint32_t kBoth = FMON_CREATE | FMON_DELETE;
+    if ((kinds & kBoth) != kBoth || (record->mask & FS_MASK_ONDIR) || !record->object.len || !record->entry.name_len)
+        return false;
+    return ask_entry(engine, node, &record->entry, &record->object) == FS_ENTRY_THIS;
+}
+
+/* What an overlay calls files in its work directory, whiteouts among them: "#" and a number. */
+bool is_work_name(const struct fs_entry *entry)
+{
+    if (entry->name_len < 2 || entry->name[0] != '#')
+        return false;
+    for (uint32_t i = 1; i < entry->name_len; i++)
+        if (!isxdigit(static_cast<unsigned char>(entry->name[i])))
+            return false;
+    return true;
+}
+
+/* An overlay deletes a lower file by moving a whiteout onto its name. */
+bool is_whiteout(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record)
+{
+    return !(record->mask & FS_MASK_ONDIR) && is_work_name(&record->entry) && record->to.name_len &&
+           ask_entry(engine, node, &record->to, nullptr) == FS_ENTRY_WHITEOUT;
+}
+
+void deliver(struct fs_engine *engine, struct fs_event *event)
+{
+    const struct fs_paths *paths = &engine->paths;
+    for (size_t at = 0; at < paths->used; at += event->path_len + size_t{1}) {
+        event->path = paths->bytes + at;
+        event->path_len = static_cast<uint32_t>(strlen(event->path));
+        engine->world.deliver(engine->world.arg, event);
+    }
+}
+
+void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, uint32_t kinds)
+{
+    const struct fs_paths *paths = &engine->paths;
+    if (record->pid == engine->own_pid)
+        return;
+    if (paths->failed)
+        fs_engine_lost(engine, FS_LOST_UNRESOLVED);
+    if (paths->too_long)
+        fs_engine_lost(engine, FS_LOST_TOO_LONG);
+    if (!paths->used)
+        return;
+    if (kinds == FMON_MOVED_TO && is_whiteout(engine, node, record))
+        kinds = FMON_DELETE;
+    struct fs_event event = {};
+    event.kinds = kinds;
+    event.pid = record->pid;
+    event.is_dir = record->mask & FS_MASK_ONDIR;
+    event.delete_first = is_delete_first(engine, node, record, kinds);
+    deliver(engine, &event);
+}
+
+enum fs_side side_of(const struct fs_paths *paths)
+{
+    if (paths->failed)
+        return FS_SIDE_UNKNOWN;
+    return paths->inside ? FS_SIDE_INSIDE : FS_SIDE_OUTSIDE;
+}
+
+enum fs_side tell_entry(struct fs_engine *engine, const struct fs_record *record, const struct fs_entry *entry,
+                        uint32_t kinds)
+{
+    const int system = entry->dir.len ? fs_table_system(&engine->table, entry->dir.fsid) : -1;
+    if (system < 0)
+        return FS_SIDE_NONE;
+    struct fs_node *node = fs_table_enter(&engine->table, system, &entry->dir);
+    if (!node) {
+        fs_engine_lost(engine, FS_LOST_UNRESOLVED);
+        return FS_SIDE_UNKNOWN;
+    }
+    if (node->outside == engine->generation && (entry->name_len || !engine->shallow))
+        return FS_SIDE_OUTSIDE;
+    fs_node_pin(node);
+    fs_find_paths(engine, node, entry->name, entry->name_len, kinds & (FMON_DELETE_SELF | FMON_MOVE_SELF));
+    const enum fs_side side = side_of(&engine->paths);
+    deliver_entry(engine, node, record, kinds);
+    fs_node_unpin(node);
+    return side;
+}
+
+}  // namespace
+
+void fs_tell(struct fs_engine *engine, const struct fs_record *record, enum fs_side *from, enum fs_side *to)
+{
+    if (record->mask & FS_MASK_RENAME) {
+        *from = tell_entry(engine, record, &record->entry, FMON_MOVED_FROM);
+        *to = tell_entry(engine, record, &record->to, FMON_MOVED_TO);
+        return;
+    }
+    const auto kinds = static_cast<uint32_t>(record->mask & FMON_ALL_EVENTS);
+    *from = *to = kinds ? tell_entry(engine, record, &record->entry, kinds) : FS_SIDE_NONE;
+}
+
+void fs_close_directories(struct fs_engine *engine)
+{
+    for (auto &directory : engine->open)
+        close_directory(engine, &directory);
+}
