@@ -1,5 +1,8 @@
 #include "losses.h"
 
+#include <iterator>
+#include <utility>
+
 #include "message.h"
 
 namespace agent
@@ -23,44 +26,83 @@ std::string probe_text(uint64_t count, const char *reason)
     return counted(count, "event") + " of kernel probes " + (count == 1 ? "was" : "were") + " lost: " + reason;
 }
 
-// One row a counter: the name in loss records, and what a person is told.
+using Status = struct fmon_status;
+
+template <uint64_t fmon_loss_counts::*kCounter>
+uint64_t lost(const Status &now)
+{
+    return now.lost.*kCounter;
+}
+
+template <uint64_t fmon_fs_losses::*kCounter>
+uint64_t lost(const Status &now)
+{
+    return now.fs.lost.*kCounter;
+}
+
+// One row a counter: the name in loss records, where the counter is, what a person is told, and what the latest of it
+// was about.
 struct Row {
     const char *source;
-    uint64_t fmon_loss_counts::*counter;
+    uint64_t (*count)(const Status &now);
     Explain explain;
+    const char *(*path)(const Status &now) = [](const Status &) { return ""; };
 };
 
 constexpr Row kRows[] = {
-    {"inotify", &fmon_loss_counts::inotify, [](uint64_t n, const std::string &) { return queue_text("inotify", n); }},
-    {"fanotify", &fmon_loss_counts::fanotify,
+    {"inotify", lost<&fmon_loss_counts::inotify>,
+     [](uint64_t n, const std::string &) { return queue_text("inotify", n); }},
+    {"fanotify", lost<&fmon_loss_counts::fanotify>,
      [](uint64_t n, const std::string &) { return queue_text("fanotify", n); }},
-    {"fanotify", &fmon_loss_counts::unopened,
+    {"fanotify", lost<&fmon_loss_counts::unopened>,
      [](uint64_t n, const std::string &) {
          return counted(n, "event") +
                 " had no file that could be opened: descriptors may be short (ulimit -n), or the " +
                 "file's owner holds a lease on it";
      }},
-    {"table", &fmon_loss_counts::unknown_wd,
+    {"table", lost<&fmon_loss_counts::unknown_wd>,
      [](uint64_t n, const std::string &) {
          return counted(n, "event") + " came for a directory that is no longer known";
      }},
-    {"path", &fmon_loss_counts::path,
+    {"path", lost<&fmon_loss_counts::path>,
      [](uint64_t n, const std::string &path) {
          return counted(n, "event") + " had no path that can be told" + at(path) +
                 ": it is longer than 1,022 bytes, or another file is there by now";
-     }},
-    {"table", &fmon_loss_counts::memory,
+     },
+     [](const Status &now) -> const char * { return now.lost_path; }},
+    {"table", lost<&fmon_loss_counts::memory>,
      [](uint64_t n, const std::string &) { return counted(n, "event") + " found no memory"; }},
-    {"probes", &fmon_loss_counts::probes_ring,
+    {"probes", lost<&fmon_loss_counts::probes_ring>,
      [](uint64_t n, const std::string &) { return probe_text(n, "the kernel's buffer was full"); }},
-    {"probes", &fmon_loss_counts::probes_queue,
+    {"probes", lost<&fmon_loss_counts::probes_queue>,
      [](uint64_t n, const std::string &) { return probe_text(n, "the probe library's queue was full"); }},
-    {"probes", &fmon_loss_counts::probes_cleaned,
+    {"probes", lost<&fmon_loss_counts::probes_cleaned>,
      [](uint64_t n, const std::string &) { return probe_text(n, "more came at once than the monitor takes"); }},
-    {"probes", &fmon_loss_counts::probes_unreadable,
+    {"probes", lost<&fmon_loss_counts::probes_unreadable>,
      [](uint64_t n, const std::string &) { return probe_text(n, "their names could not be read"); }},
-    {"probes", &fmon_loss_counts::probes_missed,
+    {"probes", lost<&fmon_loss_counts::probes_missed>,
      [](uint64_t n, const std::string &) { return probe_text(n, "the kernel could not run the probe"); }},
+    {"filesystem", lost<&fmon_fs_losses::overflows>,
+     [](uint64_t n, const std::string &) {
+         return "events were lost: the kernel's queue of file systems overflowed " + counted(n, "time") +
+                "; leave out --set fs_queue=1, or raise sysctl fs.fanotify.max_queued_events";
+     }},
+    {"filesystem", lost<&fmon_fs_losses::dropped>,
+     [](uint64_t n, const std::string &) {
+         return counted(n, "event") + " of file systems " + (n == 1 ? "was" : "were") +
+                " thrown away, since too many waited: give them room with --set fs_memory=256 (MiB), or read the "
+                "output " +
+                "quicker";
+     }},
+    {"table", lost<&fmon_fs_losses::unresolved>,
+     [](uint64_t n, const std::string &) {
+         return counted(n, "event") + " came for a directory whose path could not be found out any more";
+     }},
+    {"watches", [](const Status &now) { return now.fs.left_out; },
+     [](uint64_t n, const std::string &path) {
+         return counted(n, "file system") + " below a watched directory cannot be watched" + at(path);
+     },
+     [](const Status &now) -> const char * { return now.fs.last_fallback.path; }},
 };
 
 }  // namespace
@@ -68,14 +110,15 @@ constexpr Row kRows[] = {
 std::vector<Loss> Losses::since_last(const struct fmon_status &now)
 {
     std::vector<Loss> losses;
-    for (const Row &row : kRows) {
-        const uint64_t count = now.lost.*row.counter - seen_.*row.counter;
+    seen_.resize(std::size(kRows));
+    for (size_t i = 0; i < std::size(kRows); i++) {
+        const Row &row = kRows[i];
+        const uint64_t total = row.count(now), count = total - std::exchange(seen_[i], total);
         if (count == 0)
             continue;
-        const std::string path = row.counter == &fmon_loss_counts::path ? now.lost_path : "";
+        const std::string path = row.path(now);
         losses.push_back({row.source, count, path, row.explain(count, path)});
     }
-    seen_ = now.lost;
     return losses;
 }
 

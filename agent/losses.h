@@ -28,7 +28,7 @@ public:
     std::vector<Loss> since_last(const struct fmon_status &now);
 
 private:
-    struct fmon_loss_counts seen_ = {};
+    std::vector<uint64_t> seen_; /* of each counter; empty: none was looked at */
 };
 
 /* What was missed since the start, a line for a person each. */

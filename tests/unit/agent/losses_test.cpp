@@ -8,12 +8,12 @@ namespace
 
 using agent::Losses;
 
-struct fmon_status counters() { return {}; }
+struct fmon_status counters_of() { return {}; }
 
 TEST(CliLosses, EachLookTellsWhatIsNew)
 {
     Losses losses;
-    struct fmon_status now = counters();
+    struct fmon_status now = counters_of();
     EXPECT_TRUE(losses.since_last(now).empty());
     now.lost.inotify = 2;
     const auto first = losses.since_last(now);
@@ -32,7 +32,7 @@ TEST(CliLosses, EveryCounterIsTold)
     constexpr size_t kCounters = sizeof(struct fmon_loss_counts) / sizeof(uint64_t);
     for (size_t i = 0; i < kCounters; i++) {
         Losses losses;
-        struct fmon_status now = counters();
+        struct fmon_status now = counters_of();
         reinterpret_cast<uint64_t *>(&now.lost)[i] = 1;
         const auto found = losses.since_last(now);
         ASSERT_EQ(1u, found.size()) << "counter " << i;
@@ -40,10 +40,42 @@ TEST(CliLosses, EveryCounterIsTold)
     }
 }
 
+TEST(CliLosses, EveryCounterOfFileSystemsIsTold)
+{
+    const std::pair<uint64_t fmon_fs_losses::*, const char *> counters[] = {{&fmon_fs_losses::overflows, "filesystem"},
+                                                                            {&fmon_fs_losses::dropped, "filesystem"},
+                                                                            {&fmon_fs_losses::unresolved, "table"}};
+    static_assert(std::size(counters) * sizeof(uint64_t) == sizeof(struct fmon_fs_losses));
+    for (const auto &[counter, source] : counters) {
+        Losses losses;
+        struct fmon_status now = counters_of();
+        now.fs.lost.*counter = 3;
+        const auto found = losses.since_last(now);
+        ASSERT_EQ(1u, found.size());
+        EXPECT_STREQ(source, found[0].source);
+        EXPECT_EQ(3u, found[0].count);
+        EXPECT_NE(std::string::npos, found[0].text.find("3 ")) << found[0].text;
+        EXPECT_TRUE(losses.since_last(now).empty());
+    }
+}
+
+TEST(CliLosses, AFileSystemBelowAWatchThatCannotBeMarked)
+{
+    Losses losses;
+    struct fmon_status now = counters_of();
+    now.fs.left_out = 1;
+    snprintf(now.fs.last_fallback.path, sizeof now.fs.last_fallback.path, "/a/b");
+    const auto found = losses.since_last(now);
+    ASSERT_EQ(1u, found.size());
+    EXPECT_STREQ("watches", found[0].source);
+    EXPECT_EQ("/a/b", found[0].path);
+    EXPECT_NE(std::string::npos, found[0].text.find("1 file system below")) << found[0].text;
+}
+
 TEST(CliLosses, APathIsToldWhereItIsKnown)
 {
     Losses losses;
-    struct fmon_status now = counters();
+    struct fmon_status now = counters_of();
     now.lost.path = 1;
     now.lost.fanotify = 1;
     snprintf(now.lost_path, sizeof now.lost_path, "/a/b");
