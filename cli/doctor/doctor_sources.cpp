@@ -15,6 +15,7 @@
 #include <cstring>
 #include <utility>
 
+#include "agent/fallback.h"
 #include "agent/paths.h"
 #include "common/fd.h"
 #include "doctor.h"
@@ -150,60 +151,27 @@ common::Fd make_group(SourceFacts &facts)
 
 /* ---- what it means ---- */
 
-struct Words {
-    std::string text, remedy;
-};
-
 std::string refused(const std::string &what, int error) { return what + " (" + strerror(error) + ")"; }
 
-// Where root is refused, it is not the machine's.
-const char *admin_remedy(bool root)
-{
-    return root ? "run fmon on the host itself, or give it CAP_SYS_ADMIN" : "run as root";
-}
-
-Words mark_words(const SourceTrial &trial, bool root)
+agent::FallbackWords words_of(const SourceTrial &trial, bool root)
 {
     const std::string &type = trial.mount.type;
-    switch (trial.error) {
-        case EPERM:
-        case EACCES:
-            return {refused("a whole file system may not be marked", trial.error), admin_remedy(root)};
-        case EXDEV:
-            return {refused("a sub-volume takes no mark of its own", EXDEV),
-                    "watch the mount of the file system's top, which reports sub-volumes, too"};
-        case ENODEV:
-            return {refused(type + " has no id that events could name it by", ENODEV),
-                    type == "tmpfs" ? "later kernels, such as 6.1, give it one" : ""};
-        case EOPNOTSUPP:
-            return {refused(type + " has no file handles that could be opened", EOPNOTSUPP),
-                    type == "overlay" ? "mount it with nfs_export=on,index=on, where its layers allow that" : ""};
-        default:
-            return {refused("the kernel refuses the mark", trial.error), ""};
-    }
-}
-
-Words words_of(const SourceTrial &trial, bool root)
-{
     switch (trial.step) {
         case Step::kFile:
-            return {"marks: a single file is mounted there", ""};
+            return {"a single file is mounted there", ""};
         case Step::kReach:
-            return {"marks: " + refused("it cannot be opened", trial.error), root ? "" : "run as root"};
+            return {refused("it cannot be opened", trial.error), root ? "" : "run as root"};
         case Step::kHandle:
-            return {"marks: " + refused(trial.mount.type + " has no file handles", trial.error), ""};
+            return agent::explain_fallback(FMON_FALLBACK_HANDLE, trial.error, type, root);
         case Step::kOpen:
-            return {"marks: " + refused("a file handle cannot be opened", trial.error),
-                    root ? "give fmon CAP_DAC_READ_SEARCH on the host" : "run as root"};
-        case Step::kTwin:
-            return {"marks: its file system has the id of the one on " + trial.twin + ", as copied images have",
-                    "give one of both a new id, such as with tune2fs -U random"};
+            return agent::explain_fallback(FMON_FALLBACK_OPEN, trial.error, type, root);
+        case Step::kTwin: {
+            const std::string remedy = agent::explain_fallback(FMON_FALLBACK_FSID, 0, type, root).remedy;
+            return {"its file system has the id of the one on " + trial.twin + ", as copied images have", remedy};
+        }
         default:
-            break;
+            return agent::explain_fallback(FMON_FALLBACK_MARK, trial.error, type, root);
     }
-    Words words = mark_words(trial, root);
-    words.text = "marks: " + words.text;
-    return words;
 }
 
 // A single file has no directories that could have one mark less.
@@ -217,9 +185,9 @@ Check judge_mount(const SourceTrial &trial, const SourceFacts &facts)
     if (facts.container || facts.init_error) {
         check.text = "marks";
     } else if (trial.step != Step::kServed) {
-        const Words words = words_of(trial, facts.root);
+        const agent::FallbackWords words = words_of(trial, facts.root);
         check.state = state_of(trial.step);
-        check.text = words.text;
+        check.text = "marks: " + words.text;
         check.remedy = words.remedy;
     }
     return check;
@@ -234,8 +202,10 @@ Check judge_group(const SourceFacts &facts)
         check.remedy = "run fmon on the host itself";
     } else if (facts.init_error) {
         check.state = State::kWarn;
-        check.text = refused("the kernel does not report directories and names", facts.init_error);
-        check.remedy = facts.root || facts.init_error == EINVAL ? "" : "run as root";
+        const agent::FallbackWords words =
+            agent::explain_fallback(FMON_FALLBACK_INIT, facts.init_error, "", facts.root);
+        check.text = words.text;
+        check.remedy = words.remedy;
         check.reachable = facts.init_error != EINVAL && facts.init_error != ENOSYS;
     } else {
         check.text = facts.names_object ? "reports directory, name and object"
