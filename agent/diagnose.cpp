@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "descriptors.h"
+#include "fallback.h"
 #include "marks.h"
 #include "message.h"
 #include "orx_fmon.h"
@@ -21,8 +22,6 @@ constexpr uint64_t kDescriptorsToStart = 16; /* of the monitor and what it stand
 
 /* Codes that the backend passes through. */
 enum : int {
-    kNoFanotify = -103,
-    kFanotifyRefused = -104,
     kInotifyRefused = -108,
     kMarkRefused = -109,
     kTableFull = -110,
@@ -71,7 +70,17 @@ std::string unsupported_text(const Refusal &refusal, const Facts &facts)
         return " cannot be watched with " + option + ": it needs fanotify, which " +
                (facts.root ? "this kernel or container does not offer" : "only root may use") + "; without " + option +
                " it can be watched, but events do not name their process";
-    return " cannot be watched with " + option + ": only open, access, modify, close_write and close_nowrite can";
+    const std::string text =
+        " cannot be watched with " + option + ": only open, access, modify, close_write and close_nowrite can";
+    if (refusal.mount || refusal.fallback.reason == FMON_FALLBACK_NONE)
+        return text;
+    return text + ", since no mark of its file system serves: " + explain_fallback(refusal.fallback, facts.root).line();
+}
+
+std::string not_served_text(const Refusal &refusal, const Facts &facts)
+{
+    return " cannot be watched with --source filesystem: " + explain_fallback(refusal.fallback, facts.root).line() +
+           "; --source auto watches it by marks on directories";
 }
 
 std::string refused_by_kernel(const Refusal &refusal, const Facts &facts)
@@ -100,6 +109,8 @@ std::string reason_by_code(const Refusal &refusal, const Facts &facts)
             return " cannot be watched: out of memory, or " + cache_text(facts, 1);
         case FMON_EEXIST:
             return " is watched already";
+        case kNotServed:
+            return not_served_text(refusal, facts);
         case kInotifyRefused:
         case kMarkRefused:
             return refused_by_kernel(refusal, facts);
@@ -177,10 +188,10 @@ std::string explain_left_out(const std::string &path, const Findings &findings, 
     return head + (reason.empty() ? "the monitor's log tells why" : reason);
 }
 
-std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts)
+std::string explain_retry(const Refusal &refusal, const Facts &facts)
 {
-    const Refusal refusal = {path, kInotifyRefused, false, false, findings};
-    return refusal.path + " is there, but" + refused_by_kernel(refusal, facts);
+    return refusal.path + " is there, but" +
+           (refusal.code == kNotServed ? not_served_text(refusal, facts) : refused_by_kernel(refusal, facts));
 }
 
 }  // namespace agent

@@ -28,12 +28,20 @@ struct Facts {
 
 Facts gather_facts();
 
-/* A request that the monitor refused: `code` is its result, `findings` what was refused meanwhile. */
+/* Codes that the monitor's backend passes through: no fanotify in this process, and a fanotify that is refused. */
+inline constexpr int kNoFanotify = -103, kFanotifyRefused = -104;
+
+/* Instead of a code of the monitor's, which are negative: --source filesystem, and marks on directories would serve. */
+inline constexpr int kNotServed = 1;
+
+/* A request that the monitor refused: `code` is its result, `findings` what was refused meanwhile, `fallback` why a
+ * mark of the whole file system does not serve. */
 struct Refusal {
     std::string path;
     int code = 0;
     bool mount = false, pid = false;
-    Findings findings;
+    Findings findings = {};
+    struct fmon_fallback fallback = {};
 };
 std::string explain_refusal(const Refusal &refusal, const Facts &facts);
 
@@ -43,8 +51,8 @@ std::string explain_start_failure(const struct fmon_source &monitor, const Facts
 /* Directories that were left out; `left_out` is their number. `path` is empty when it happened after the start. */
 std::string explain_left_out(const std::string &path, const Findings &findings, uint64_t left_out, const Facts &facts);
 
-/* A path that has appeared and cannot be watched. */
-std::string explain_retry(const std::string &path, const Findings &findings, const Facts &facts);
+/* A path that has appeared and cannot be watched: refusal.path is there. */
+std::string explain_retry(const Refusal &refusal, const Facts &facts);
 
 /* The next power of two that leaves room to double what is needed. */
 uint64_t roomy_limit(uint64_t needed);

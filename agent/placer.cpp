@@ -1,10 +1,13 @@
 #include "placer.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <chrono>
 #include <thread>
 
 #include "common/mutex.h"
+#include "fallback.h"
 #include "marks.h"
 #include "message.h"
 #include "monitor.h"
@@ -50,25 +53,81 @@ bool Placer::create_instances(Intake &intake)
     return true;
 }
 
-int Placer::request(const PlannedWatch &watch) const
+struct fmon_fs_status Placer::file_systems() const
 {
-    return module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(), watch.mask,
-                             watch.flags, options_.max_depth, options_.max_subdirs);
+    struct fmon_status now = {};
+    return module_.read_status(now) ? now.fs : fmon_fs_status{};
+}
+
+// Whether it is served by a mark of its file system the status tells: nobody else adds watches meanwhile.
+Placer::Answer Placer::request(const PlannedWatch &watch) const
+{
+    const struct fmon_fs_status before = file_systems();
+    Answer answer;
+    answer.code = module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(), watch.mask,
+                                    watch.flags, options_.max_depth, options_.max_subdirs);
+    const struct fmon_fs_status now = file_systems();
+    answer.served = answer.code == 0 && now.watches > before.watches;
+    if (!answer.served && now.fallbacks > before.fallbacks)
+        answer.fallback = now.last_fallback;
+    if (answer.code == 0 && !answer.served && options_.source == Source::kFilesystem) {
+        take_back(watch);
+        answer.code = kNotServed;
+    }
+    return answer;
+}
+
+// What cannot be had in one watch is asked for in two.
+Placer::Answer Placer::request_all(const PlannedWatch &watch) const
+{
+    const Answer answer = request(watch);
+    const bool is_apart = answer.code == FMON_ENOTSUP || answer.code == kNoFanotify || answer.code == kFanotifyRefused;
+    if (!is_apart || options_.source == Source::kFilesystem)
+        return answer;
+    const std::vector<PlannedWatch> parts = watches_apart(options_, watch);
+    Answer last = answer;
+    for (size_t i = 0; i < parts.size(); i++) {
+        last.code = request(parts[i]).code;
+        if (last.code == 0)
+            continue;
+        if (i > 0)
+            take_back(parts[0]);
+        break;
+    }
+    return last;
+}
+
+void Placer::take_back(const PlannedWatch &watch) const
+{
+    module_.del_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str());
 }
 
 void Placer::add(const PlannedWatch &watch)
 {
     Root &root = plan_.roots[watch.root];
-    const int code = request(watch);
+    const Answer answer = request_all(watch);
     const Findings findings = placement_.take();
-    if (code == FMON_ENOENT && root.waits)
+    if (answer.code == FMON_ENOENT && root.waits)
         return;
-    if (code != 0)
-        return refuse(watch, code, findings);
+    if (answer.code != 0)
+        return refuse(watch, answer, findings);
     root.placed = true;
+    root.served = answer.served;
     root.watched = root.path;
+    note_fallback(watch, answer);
     if (findings.left_out())
         report_left_out(watch, findings);
+}
+
+// Where a tree costs a mark for each directory although it need not, as root could help.
+void Placer::note_fallback(const PlannedWatch &watch, const Answer &answer)
+{
+    const uint32_t reason = answer.fallback.reason;
+    const bool is_chosen = reason == FMON_FALLBACK_NONE || reason == FMON_FALLBACK_KIND;
+    if (is_chosen || reason == FMON_FALLBACK_CONTAINER || !is_tree(watch) || geteuid() != 0)
+        return;
+    fallbacks_.push_back(watch.path +
+                         " has marks on each directory: " + explain_fallback(answer.fallback, true).line());
 }
 
 int Placer::take_up(size_t index, const std::string &path)
@@ -77,18 +136,19 @@ int Placer::take_up(size_t index, const std::string &path)
     for (PlannedWatch &watch : watches_of(options_, root, index)) {
         watch.path = path;
         watch.flags |= FMON_NO_LINKS;
-        const int code = request(watch);
-        if (code != 0) {
-            failure_ = placement_.take();
+        const Answer answer = request_all(watch);
+        if (answer.code != 0) {
+            failure_ = refusal_of(watch, answer, placement_.take());
             give_up(root);
-            return code;
+            return answer.code;
         }
+        root.served = answer.served;
         root.watched = path;
     }
     return 0;
 }
 
-std::string Placer::why(const std::string &path) const { return explain_retry(path, failure_, facts()); }
+std::string Placer::why() const { return explain_retry(failure_, facts()); }
 
 void Placer::give_up(Root &root)
 {
@@ -96,6 +156,7 @@ void Placer::give_up(Root &root)
         if (!root.watched.empty())
             module_.del_watch(static_cast<uint32_t>(instance), root.watched.c_str());
     root.watched.clear();
+    root.served = false;
 }
 
 Facts Placer::facts() const
@@ -105,10 +166,15 @@ Facts Placer::facts() const
     return facts;
 }
 
-void Placer::refuse(const PlannedWatch &watch, int code, const Findings &findings)
+Refusal Placer::refusal_of(const PlannedWatch &watch, const Answer &answer, const Findings &findings)
 {
-    Refusal refusal = {watch.path, code, (watch.flags & FMON_MOUNT) != 0, (watch.flags & FMON_PID) != 0, findings};
-    complain(explain_refusal(refusal, facts()));
+    return {watch.path, answer.code,    (watch.flags & FMON_MOUNT) != 0, (watch.flags & FMON_PID) != 0,
+            findings,   answer.fallback};
+}
+
+void Placer::refuse(const PlannedWatch &watch, const Answer &answer, const Findings &findings)
+{
+    complain(explain_refusal(refusal_of(watch, answer, findings), facts()));
     refused_ = true;
 }
 
@@ -128,7 +194,7 @@ uint64_t Placer::count_left_out(const Findings &findings) const
         return findings.left_out();
     uint64_t wanted = 0;
     for (const PlannedWatch &watch : plan_.watches)
-        if (is_tree(watch) && plan_.roots[watch.root].placed)
+        if (is_tree(watch) && plan_.roots[watch.root].placed && !plan_.roots[watch.root].served)
             wanted += 1 + count_directories(watch.path, options_.max_depth, UINT64_MAX);
     const uint64_t watched = inotify_watches();
     return std::max(findings.left_out(), wanted - std::min(wanted, watched));
@@ -156,14 +222,25 @@ uint64_t Placer::inotify_watches() const
     return module_.read_status(now) ? now.inotify_watches : 0;
 }
 
-// Each watched file has an inotify watch, too.
+// Each watched file has an inotify watch, too, and so has, for its own end, each directory that a mark of its file
+// system serves.
 uint64_t Placer::directories() const
 {
-    uint64_t files = 0;
+    uint64_t others = 0;
     for (const Root &root : plan_.roots)
-        files += !root.watched.empty() && root.identity.is_file();
+        others += !root.watched.empty() && (root.served || root.identity.is_file());
     const uint64_t watches = inotify_watches();
-    return watches - std::min(watches, files);
+    return watches - std::min(watches, others);
+}
+
+const char *Placer::source() const
+{
+    bool served = false, marked = directories() > 0;
+    for (const Root &root : plan_.roots) {
+        served |= root.served;
+        marked |= !root.watched.empty() && !root.served;
+    }
+    return served && marked ? "both" : served ? "filesystem" : "marks";
 }
 
 struct Progress::State {

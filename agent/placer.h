@@ -32,19 +32,35 @@ public:
     /* For a path that has appeared: all its watches, on `path`, which no link may take elsewhere. 0, or the monitor's
      * code, and then none of them stands; why() has the reason. */
     int take_up(size_t index, const std::string &path);
-    std::string why(const std::string &path) const;
+    std::string why() const;
     void give_up(Root &root);
+
+    /* Why marks are on the directories of trees, where a mark of their file system was to serve: a line for each, in
+     * the order of the plan. */
+    std::vector<std::string> fallback_lines() const { return fallbacks_; }
 
     bool refused() const { return refused_; }       /* a watch, or a part of one because of a limit */
     bool any_placed() const { return any_placed_; } /* there is something to watch */
     uint64_t left_out() const { return left_out_; } /* directories */
-    uint64_t directories() const;                   /* watched now */
+    uint64_t directories() const;                   /* that have marks of their own now */
+    const char *source() const;                     /* of what is watched now: see Established::source */
 
 private:
+    struct Answer {
+        int code = 0;
+        bool served = false;                /* by a mark of the whole file system */
+        struct fmon_fallback fallback = {}; /* why not; reason 0: it is, or that was not asked for */
+    };
+
     bool create_instances(Intake &intake);
-    int request(const PlannedWatch &watch) const;
+    struct fmon_fs_status file_systems() const;
+    Answer request(const PlannedWatch &watch) const;
+    Answer request_all(const PlannedWatch &watch) const;
     void add(const PlannedWatch &watch);
-    void refuse(const PlannedWatch &watch, int code, const Findings &findings);
+    void refuse(const PlannedWatch &watch, const Answer &answer, const Findings &findings);
+    void note_fallback(const PlannedWatch &watch, const Answer &answer);
+    void take_back(const PlannedWatch &watch) const;
+    static Refusal refusal_of(const PlannedWatch &watch, const Answer &answer, const Findings &findings);
     void report_left_out(const PlannedWatch &watch, const Findings &findings);
     uint64_t count_left_out(const Findings &findings) const;
     uint64_t inotify_watches() const;
@@ -56,7 +72,8 @@ private:
     Placement &placement_;
     Plan &plan_;
     std::vector<int> instances_; /* ids */
-    Findings failure_;           /* of the last take_up() that failed */
+    Refusal failure_;            /* of the last take_up() that failed */
+    std::vector<std::string> fallbacks_;
     bool refused_ = false, any_placed_ = false;
     uint64_t left_out_ = 0;
 };

@@ -19,6 +19,15 @@ constexpr uint32_t kUsual = FMON_CREATE | FMON_DELETE | FMON_MODIFY | FMON_CLOSE
                             FMON_MOVED_TO | FMON_ATTRIB | FMON_DELETE_SELF | FMON_MOVE_SELF;
 constexpr uint32_t kUsualMount = FMON_MODIFY | FMON_CLOSE_WRITE;
 
+/* The instances with --pid, in the plan's order. */
+enum : size_t { kNamed, kOthers, kAll };
+
+// Whether one watch may insist on the process of all kinds.
+bool names_all(const Request &options)
+{
+    return options.pid && options.source != Source::kMarks && !options.mount && options.max_depth == 0;
+}
+
 // "all" with --mount means all that a mount can tell.
 uint32_t asked_events(const Request &options)
 {
@@ -40,6 +49,8 @@ public:
         if (masks_.pid_mask)
             plan_.instances.push_back({"watch-pid", masks_.pid_shown});
         plan_.instances.push_back({"watch", masks_.shown});
+        if (masks_.pid_mask && names_all(options_))
+            plan_.instances.push_back({"watch-all", masks_.shown | masks_.pid_shown});
         for (const std::string &given : options_.paths)
             add_path(given);
         return std::move(plan_);
@@ -182,8 +193,19 @@ std::vector<PlannedWatch> watches_of(const Request &options, const Root &root, s
         flags = FMON_DIR | (options.recursive ? uint32_t{FMON_RECURSIVE | FMON_SYNC} : 0u) |
                 (options.sync ? uint32_t{FMON_SYNC} : 0u);
     if (!masks.pid_mask)
-        return {{index, 0, root.path, masks.mask, flags | delay}};
-    return {{index, 0, root.path, masks.pid_mask, flags | delay | FMON_PID}, {index, 1, root.path, masks.mask, flags}};
+        return {{index, 0, root.path, masks.mask, flags | delay | (options.pid ? uint32_t{FMON_PID} : 0u)}};
+    const PlannedWatch all = {index, kAll, root.path, masks.mask | masks.pid_mask, flags | delay | FMON_PID};
+    return names_all(options) && root.identity.is_dir() ? std::vector{all} : watches_apart(options, all);
+}
+
+std::vector<PlannedWatch> watches_apart(const Request &options, const PlannedWatch &watch)
+{
+    const Masks masks = plan_masks(options);
+    if (!masks.pid_mask || !(watch.flags & FMON_PID) || options.mount)
+        return {};
+    const uint32_t rest = watch.flags & ~uint32_t{FMON_PID | FMON_DELAY};
+    return {{watch.root, kNamed, watch.path, masks.pid_mask, watch.flags},
+            {watch.root, kOthers, watch.path, masks.mask, rest}};
 }
 
 Plan make_plan(const Request &options, bool container) { return Planner(options, container).run(); }

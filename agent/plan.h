@@ -2,8 +2,9 @@
  * plan.h: from what was asked for to the monitor's instances and watches.
  *
  * A path becomes one watch in most cases. A second instance is used where the monitor cannot have all in one watch:
- *  - --pid: the kinds whose process is to be named go into an instance of their own, since a watch that insists on the
- *    process takes no others.
+ *  - --pid where directories have marks of their own: the kinds whose process is to be named go into an instance of
+ *    their own, since a watch that insists on the process takes no others. One that a mark of the whole file system
+ *    serves takes all kinds, so that is asked for first.
  * A path that is missing, and a pattern, have no watch yet: see waiting.h.
  */
 #ifndef AGENT_PLAN_H
@@ -39,6 +40,7 @@ struct Root {
     bool match = false;  /* of a pattern: it is no root of its own */
     bool waits = false;  /* it may come and go: never ended */
     bool placed = false; /* set by whoever places the watches */
+    bool served = false; /* by a mark of its whole file system; set likewise */
     bool ended = false;
     bool suspected = false; /* the last look found it gone */
 };
@@ -56,6 +58,10 @@ Plan make_plan(const Request &options, bool container);
 /* The watches of one path, by what its identity says it is. The instances are those of every plan with these options.
  */
 std::vector<PlannedWatch> watches_of(const Request &options, const Root &root, size_t index);
+
+/* What stands for a watch that insists on the process of kinds which marks on directories cannot name; empty: nothing.
+ */
+std::vector<PlannedWatch> watches_apart(const Request &options, const PlannedWatch &watch);
 
 /* The masks of a watch, apart from make_plan() so that the rules can be read and tested. */
 struct Masks {

@@ -18,7 +18,10 @@ namespace agent
 struct Established {
     std::vector<std::string> paths;   /* watched */
     std::vector<std::string> missing; /* waited for */
-    uint64_t directories = 0;         /* marked */
+    uint64_t directories = 0;         /* that have marks of their own */
+    /* Where events come from: "marks" on directories, mounts and files, marks of whole file systems ("filesystem"),
+     * "both", or kernel "probes". */
+    std::string source = "marks";
 };
 
 /* One thread's. What is reported may gather until flush(). */

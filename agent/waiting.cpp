@@ -117,7 +117,7 @@ void Waiting::take_up(size_t index, const std::string &path)
     if (code != 0) {
         // It is gone again, or another path leads there, too.
         if (code != FMON_ENOENT && code != FMON_EEXIST && told_.count(name) == 0)
-            refuse(name, placer_.why(name));
+            refuse(name, placer_.why());
         return;
     }
     Root &root = plan_.roots[index];

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 
+#include "below.h"
 #include "message.h"
 #include "mounts.h"
 #include "orx_fmon.h"
@@ -14,6 +15,8 @@ namespace agent
 
 namespace
 {
+
+constexpr uint32_t kDeepest = 65535; /* levels below a watch, as the monitor keeps them */
 
 /* Where a container has the host's file system, and, as PID/root, those of other containers (fanotify only). */
 constexpr char kHostFiles[] = "/rootfs", kOtherRoots[] = "/proc/";
@@ -57,7 +60,9 @@ bool WatchedPaths::keep_trees()
     std::vector<std::string> roots;
     for (const Root &root : plan_.roots)
         roots.push_back(root.path);
-    keeper_ = std::make_unique<TreeKeeper>(module_, roots, request_.max_depth);
+    // A limit of depth has the monitor walk: a mark of a whole file system has none.
+    const uint32_t depth = request_.max_depth || request_.source == Source::kMarks ? request_.max_depth : kDeepest;
+    keeper_ = std::make_unique<TreeKeeper>(module_, roots, depth);
     if (keeper_->start() < 0) {
         report_.warning("the monitor has no instance left");
         return false;
@@ -114,12 +119,21 @@ void WatchedPaths::report_mount(const std::string &point)
 {
     report_.loss("watches", 1, point);
     report_.warning("a file system came or went at " + point + ": what happened below it until now was not seen");
-    keeper_->again(point);
+    if (has_marks_above(point))
+        keeper_->again(point);
+}
+
+// Whether a tree whose directories have marks of their own reaches there.
+bool WatchedPaths::has_marks_above(const std::string &point) const
+{
+    return std::any_of(plan_.roots.begin(), plan_.roots.end(), [&](const Root &root) {
+        return !root.watched.empty() && !root.served && is_below(root.watched, point);
+    });
 }
 
 Established WatchedPaths::established() const
 {
-    Established all = {{}, {}, placer_.directories()};
+    Established all = {{}, {}, placer_.directories(), placer_.source()};
     for (const Root &root : plan_.roots)
         if (root.placed && !root.match)
             (root.pattern || !root.watched.empty() ? all.paths : all.missing).push_back(root.path);
@@ -134,7 +148,19 @@ void WatchedPaths::report_start()
     report_.flush();
     if (!report_.has_records())
         note_start(all);
+    for (const std::string &line : placer_.fallback_lines())
+        report_.note(line);
     note_container(all.paths);
+}
+
+std::string WatchedPaths::how_watched(const Established &all) const
+{
+    std::string marks;
+    if (request_.recursive && all.directories)
+        marks = counted(all.directories, "directory");
+    if (all.source != "marks")
+        marks += marks.empty() ? "marks of file systems" : " and marks of file systems";
+    return marks.empty() ? "" : " (" + marks + ")";
 }
 
 void WatchedPaths::note_start(const Established &all) const
@@ -143,8 +169,7 @@ void WatchedPaths::note_start(const Established &all) const
         return paths.size() == 1 ? paths[0] : counted(paths.size(), "path");
     };
     std::string text = all.paths.empty() ? "" : "watching " + names(all.paths);
-    if (request_.recursive && all.directories)
-        text += " (" + counted(all.directories, "directory") + ")";
+    text += how_watched(all);
     if (!all.missing.empty())
         text += (text.empty() ? "waiting for " : ", waiting for ") + names(all.missing);
     if (geteuid() != 0)

@@ -53,10 +53,12 @@ private:
     void report_absence(const std::string &path, const char *reason);
     void report_end(Root &root, const char *reason);
     void report_mount(const std::string &point);
+    bool has_marks_above(const std::string &point) const;
     void look_at_paths();
     void look_at_unreadable();
     bool is_given(const std::string &path) const;
     Established established() const;
+    std::string how_watched(const Established &all) const;
     void note_start(const Established &all) const;
     void note_container(const std::vector<std::string> &paths) const;
 

@@ -86,6 +86,8 @@ public:
                 put_paths(writer, "missing", all.missing);
             put_key(writer, "directories");
             writer.Uint64(all.directories);
+            put_key(writer, "source");
+            put(writer, all.source);
         });
     }
 

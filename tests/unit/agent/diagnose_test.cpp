@@ -74,8 +74,9 @@ std::string refusal(int code, const Findings &findings = {}, bool mount = false,
 
 TEST(CliDiagnose, APathThatAppearedAndMayNotBeWatched)
 {
-    expect_has(explain_retry("/a", kDenied, machine()), {"/a is there, but", "Permission denied"});
-    expect_has(explain_retry("/a", {}, machine()), {"/a is there, but cannot be watched: the kernel refused it"});
+    expect_has(explain_retry({"/a", 0, false, false, kDenied}, machine()), {"/a is there, but", "Permission denied"});
+    expect_has(explain_retry({"/a", 0, false, false, {}}, machine()),
+               {"/a is there, but cannot be watched: the kernel refused it"});
 }
 
 /* As the monitor's log words it. */
@@ -230,4 +231,18 @@ TEST(CliMarks, CountsOfAMadeUpProc)
     EXPECT_EQ(3000u, user_marks(geteuid(), proc.root().c_str()).inotify_watches);
     EXPECT_EQ(0u, user_marks(geteuid() + 1, proc.root().c_str()).inotify_watches);
     EXPECT_EQ(0u, process_marks("13", proc.root().c_str()).inotify_instances);
+}
+
+TEST(CliDiagnose, WhatNoMarkOfAFileSystemServes)
+{
+    const struct fmon_fallback refused_mark = {FMON_FALLBACK_MARK, EPERM, "/x"}, file = {FMON_FALLBACK_KIND, 0, "/x"};
+    expect_has(explain_refusal({"/x", kNotServed, false, false, {}, refused_mark}, machine()),
+               {"/x cannot be watched with --source filesystem: a whole file system may not be marked", "CAP_SYS_ADMIN",
+                "; --source auto"});
+    expect_has(explain_refusal({"/x", kNotServed, false, false, {}, file}, machine()), {"only directories are"});
+    expect_has(explain_retry({"/x", kNotServed, false, false, {}, file}, machine()),
+               {"/x is there, but cannot be watched with --source filesystem"});
+    expect_has(explain_refusal({"/x", FMON_ENOTSUP, false, true, {}, refused_mark}, machine()),
+               {"cannot be watched with --pid: only open, access", "since no mark of its file system serves: a whole"});
+    expect_has(explain_refusal({"/x", FMON_ENOTSUP, false, true, {}}, machine()), {"modify, close_write"});
 }

@@ -132,13 +132,62 @@ TEST(CliPlan, SyncWithoutRecursion)
 TEST(CliPlan, PidMakesTwoWatches)
 {
     const Folder folder;
-    const Plan plan = plan_of({"--pid", folder.root()});
+    const Plan plan = plan_of({"--pid", "--source=marks", folder.root()});
     ASSERT_EQ(2u, plan.watches.size());
+    EXPECT_EQ(2u, plan.instances.size());
     EXPECT_EQ("watch-pid", plan.instances[plan.watches[0].instance].name);
     EXPECT_EQ(uint32_t{FMON_DIR | FMON_PID}, plan.watches[0].flags);
     EXPECT_EQ(0u, plan.watches[0].mask & ~0x3bu);
     EXPECT_EQ(uint32_t{FMON_DIR}, plan.watches[1].flags);
     EXPECT_EQ(0u, plan.watches[1].mask & 0x3bu);
+}
+
+// A mark of a whole file system names the process of all kinds; what stands for the watch where there is none is the
+// two.
+TEST(CliPlan, PidAsksForOneWatchOfAllKindsFirst)
+{
+    const Folder folder;
+    const auto parsed = parse({"--pid", "--delay", folder.root()});
+    const Plan plan = make_plan(parsed.options, false);
+    ASSERT_EQ(1u, plan.watches.size());
+    const PlannedWatch &watch = plan.watches[0];
+    EXPECT_EQ("watch-all", plan.instances[watch.instance].name);
+    EXPECT_EQ(uint32_t{FMON_DIR | FMON_DELAY | FMON_PID}, watch.flags);
+    const Masks masks = plan_masks(parsed.options);
+    EXPECT_EQ(watch.mask, masks.mask | masks.pid_mask);
+    EXPECT_EQ(plan.instances[watch.instance].shown, masks.shown | masks.pid_shown);
+    const std::vector<PlannedWatch> apart = watches_apart(parsed.options, watch);
+    ASSERT_EQ(2u, apart.size());
+    EXPECT_EQ("watch-pid", plan.instances[apart[0].instance].name);
+    EXPECT_EQ(apart[0].mask, masks.pid_mask);
+    EXPECT_EQ(apart[0].flags, watch.flags);
+    EXPECT_EQ("watch", plan.instances[apart[1].instance].name);
+    EXPECT_EQ(apart[1].mask, masks.mask);
+    EXPECT_EQ(uint32_t{FMON_DIR}, apart[1].flags);
+}
+
+// Nothing stands for a watch that marks on directories could serve in no part.
+TEST(CliPlan, PidWithKindsThatOnlyMarksOfFileSystemsName)
+{
+    const Folder folder;
+    const auto parsed = parse({"--pid", "-e", "create", folder.root(), folder.file("f")});
+    const Plan plan = make_plan(parsed.options, false);
+    ASSERT_EQ(2u, plan.watches.size());
+    EXPECT_EQ(1u, plan.instances.size());
+    for (const PlannedWatch &watch : plan.watches) {
+        EXPECT_EQ(FMON_CREATE | kSelf, watch.mask);
+        EXPECT_TRUE(watch.flags & FMON_PID);
+        EXPECT_TRUE(watches_apart(parsed.options, watch).empty());
+    }
+}
+
+TEST(CliPlan, PidOfAFileAndWithALimitOfDepthIsAskedForInTwo)
+{
+    const Folder folder;
+    EXPECT_EQ(2u, plan_of({"--pid", folder.file("f")}).watches.size());
+    EXPECT_EQ(2u, plan_of({"--pid", "-r", "--max-depth=2", folder.root()}).watches.size());
+    const auto mount = parse({"--pid", "--mount", "/"});
+    EXPECT_TRUE(watches_apart(mount.options, {0, 0, "/", 8, FMON_MOUNT | FMON_PID}).empty());
 }
 
 TEST(CliPlan, AMissingPathAndAPatternHaveNoWatchYet)
@@ -174,7 +223,7 @@ TEST(CliPlan, WatchesAreByWhatIsThere)
 TEST(CliPlan, NamesFitIntoAnInstance)
 {
     const Folder folder;
-    for (const PlannedInstance &instance : plan_of({"--pid", "--wait", folder.path("x")}).instances)
+    for (const PlannedInstance &instance : plan_of({"--pid", "-r", "--wait", folder.path("x")}).instances)
         EXPECT_LE(instance.name.size(), 15u);
 }
 

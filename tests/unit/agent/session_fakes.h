@@ -81,7 +81,8 @@ public:
     Lines lines;    /* records, in order */
     Lines warnings; /* and notes */
     std::vector<std::string> hidden_events;
-    uint64_t count = 0; /* -n; 0: no limit */
+    agent::Established start; /* what was established last */
+    uint64_t count = 0;       /* -n; 0: no limit */
     int end_status = 0;
     bool ended_by_itself = false;
 
@@ -103,6 +104,7 @@ public:
     void established(const agent::Established &all) override
     {
         lines.push_back("established " + std::to_string(all.paths.size()) + " " + std::to_string(all.missing.size()));
+        start = all;
     }
     void loss(const std::string &source, uint64_t number, const std::string &path) override
     {

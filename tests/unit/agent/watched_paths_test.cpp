@@ -22,12 +22,36 @@ struct {
     int code = 0;
     int instances = 0;
     fmon_mark_cb on_mark = nullptr;
+    std::set<std::string> served;  /* by marks of file systems, where the watch is of a directory without a limit */
+    struct fmon_fs_status fs = {}; /* what the status says of them */
+    std::vector<uint32_t> flags;   /* of each watch that was asked for */
+    uint64_t inotify_watches = 0;  /* in the status */
+    uint32_t depth = 0;            /* of the last watch */
 } g_module;
+
+/* What a watch of these flags meets; false: marks on directories. */
+bool serve(const std::string &path, uint32_t flags, uint32_t depth)
+{
+    if ((flags & FMON_DIR) && depth == 0 && g_module.served.count(path)) {
+        g_module.fs.watches++;
+        return true;
+    }
+    g_module.fs.fallbacks++;
+    g_module.fs.last_fallback.reason = (flags & FMON_DIR) && depth == 0 ? FMON_FALLBACK_MARK : FMON_FALLBACK_KIND;
+    g_module.fs.last_fallback.error = EOPNOTSUPP;
+    snprintf(g_module.fs.last_fallback.path, sizeof g_module.fs.last_fallback.path, "%s", path.c_str());
+    return false;
+}
 
 int make_instance(const char *, fmon_client_cb) { return g_module.instances++; }
 
-int add_watch(uint32_t, const char *path, uint32_t, uint32_t, uint32_t, uint32_t)
+int add_watch(uint32_t, const char *path, uint32_t mask, uint32_t flags, uint32_t depth, uint32_t)
 {
+    g_module.flags.push_back(flags);
+    g_module.depth = depth;
+    const bool served = serve(path, flags, depth);
+    if (!served && (flags & FMON_PID) && (mask & FMON_CREATE))
+        return FMON_ENOTSUP;
     if (g_module.code == 0)
         g_module.watches.insert(path);
     return g_module.code;
@@ -46,7 +70,12 @@ int on_mark(fmon_mark_cb cb)
     return 0;
 }
 
-int status(struct fmon_status *) { return 0; }
+int status(struct fmon_status *out)
+{
+    out->fs = g_module.fs;
+    out->inotify_watches = g_module.inotify_watches;
+    return 0;
+}
 
 int32_t g_no_container = 0;
 
@@ -78,6 +107,15 @@ protected:
         paths->report_start();
         session.emplace(request, monitor, events, report);
         session->start(*paths, now);
+    }
+
+    /* The same where it fails. */
+    bool is_refused(const Lines &given)
+    {
+        request.paths = given;
+        plan = make_plan(request, false);
+        paths.emplace(request, module, placement, plan, report);
+        return !paths->place(intake);
     }
 
     bool is_watched(const std::string &path) const { return g_module.watches.count(path) != 0; }
@@ -202,4 +240,98 @@ TEST_F(PathsTest, NewDirectoriesAreCompletedBeforeTheirEventsAreShown)
     step();
     EXPECT_EQ(folder.path("a/new"), report.take().back());
     EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);  // its watch was for the walk only
+}
+
+/* ---- which source serves ---- */
+
+TEST_F(PathsTest, ATreeThatAMarkOfItsFileSystemServesHasNoDirectories)
+{
+    request.recursive = true;
+    g_module.served = {folder.dir("a")};
+    g_module.inotify_watches = 1;  // for its own end
+    watch_paths({folder.path("a")});
+    EXPECT_EQ("filesystem", report.start.source);
+    EXPECT_EQ(0u, report.start.directories);
+    EXPECT_TRUE(plan.roots[0].served);
+    EXPECT_TRUE(report.warnings.empty());
+}
+
+TEST_F(PathsTest, WhatHasMarksBesideWhatAMarkOfItsFileSystemServes)
+{
+    request.recursive = true;
+    g_module.served = {folder.dir("a")};
+    g_module.inotify_watches = 8;
+    watch_paths({folder.path("a"), folder.dir("b"), folder.file("f")});
+    EXPECT_EQ("both", report.start.source);
+    EXPECT_EQ(6u, report.start.directories);
+    if (geteuid() == 0) {
+        ASSERT_EQ(1u, report.warnings.size());
+        EXPECT_EQ(0u, report.warnings[0].find(folder.path("b") + " has marks on each directory: "));
+        EXPECT_NE(std::string::npos, report.warnings[0].find("no file handles that could be opened"));
+    }
+}
+
+TEST_F(PathsTest, MarksThatWereAskedForAreNotExplained)
+{
+    request.recursive = true;
+    request.source = Source::kMarks;
+    request.max_depth = 2;
+    watch_paths({folder.dir("a")});
+    EXPECT_EQ("marks", report.start.source);
+    EXPECT_TRUE(report.warnings.empty());
+}
+
+TEST_F(PathsTest, SourceFilesystemRefusesWhatHasMarks)
+{
+    request.source = Source::kFilesystem;
+    g_module.served = {folder.dir("a")};
+    EXPECT_TRUE(is_refused({folder.path("a"), folder.dir("b")}));
+    EXPECT_EQ(Lines{folder.path("b")}, g_module.taken_back);
+    EXPECT_TRUE(is_refused({folder.file("f")}));
+}
+
+TEST_F(PathsTest, SourceFilesystemRefusesWhatAppearsAndHasMarks)
+{
+    request.source = Source::kFilesystem;
+    request.wait = true;
+    watch_paths({folder.path("a")});
+    folder.dir("a");
+    pass(3000);
+    ASSERT_EQ(1u, report.warnings.size());
+    EXPECT_NE(std::string::npos, report.warnings[0].find("is there, but cannot be watched with --source filesystem"));
+    g_module.served = {folder.path("a")};
+    pass(1000);
+    EXPECT_TRUE(is_watched(folder.path("a")));
+    EXPECT_TRUE(plan.roots[0].served);
+}
+
+TEST_F(PathsTest, PidIsOneWatchWhereAMarkOfTheFileSystemServesElseTwo)
+{
+    request.pid = true;
+    g_module.served = {folder.dir("a")};
+    watch_paths({folder.path("a")});
+    EXPECT_EQ((std::vector<uint32_t>{FMON_DIR | FMON_PID}), g_module.flags);
+    g_module.flags.clear();
+    watch_paths({folder.dir("b")});
+    EXPECT_EQ((std::vector<uint32_t>{FMON_DIR | FMON_PID, FMON_DIR | FMON_PID, FMON_DIR}), g_module.flags);
+    EXPECT_TRUE(is_watched(folder.path("b")));
+}
+
+TEST_F(PathsTest, PidWithKindsThatNobodyCanName)
+{
+    request.pid = true;
+    request.events = FMON_CREATE;
+    EXPECT_TRUE(is_refused({folder.dir("b")}));
+}
+
+// Another file system inside a tree is walked only where directories have marks of their own.
+TEST_F(PathsTest, AWalkOfANewDirectoryAsksForMarks)
+{
+    request.recursive = true;
+    watch_paths({folder.dir("a")});
+    folder.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    paths->complete_trees();
+    EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);
+    EXPECT_EQ(65534u, g_module.depth);
 }

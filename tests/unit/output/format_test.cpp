@@ -130,7 +130,7 @@ TEST(CliJson, OtherRecords)
     formatter->ended(kTime, "/a", "deleted", out);
     EXPECT_EQ(
         "{\"type\":\"established\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"paths\":[\"/a\",\"/b\xef\xbf\xbd"
-        "\"],\"directories\":12}\n"
+        "\"],\"directories\":12,\"source\":\"marks\"}\n"
         "{\"type\":\"loss\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"source\":\"inotify\",\"count\":3}\n"
         "{\"type\":\"ended\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"path\":\"/a\",\"reason\":\"deleted\"}"
         "\n",
@@ -141,8 +141,9 @@ TEST(CliJson, OtherRecordsWithPaths)
 {
     const auto formatter = make_json_formatter(plain());
     std::string out;
-    formatter->established(kTime, {{"/a"}, {"/c"}, 1}, out);
+    formatter->established(kTime, {{"/a"}, {"/c"}, 1, "both"}, out);
     EXPECT_STREQ("/c", json_of(out)["missing"][0].GetString());
+    EXPECT_STREQ("both", json_of(out)["source"].GetString());
     out.clear();
     formatter->loss(kTime, "path", 1, "/d", out);
     EXPECT_STREQ("/d", json_of(out)["path"].GetString());
