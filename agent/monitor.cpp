@@ -43,6 +43,11 @@ void set_log(const Request &options, OwnLog &own)
 // The monitor loads the library by itself wherever it finds it.
 void hide_probe_library() { orx_host_path_override(kProbeLibrary, "/dev/null/hidden-by---probes-off"); }
 
+bool hides_probes(const Request &options)
+{
+    return options.probes == Probes::kOff || (options.system && options.source == Source::kFilesystem);
+}
+
 bool has_probes(const Module &module, std::string &error)
 {
     const struct fmon_source probes = file_probes(module);
@@ -61,7 +66,7 @@ bool start_monitor(const Request &options, Placement &placement, Module &module,
     const std::string folder = library_folder();
     if (!load_module(folder, module, error))
         return false;
-    if (options.probes == Probes::kOff)
+    if (hides_probes(options))
         hide_probe_library();
     set_values(options);
     set_log(options, own);

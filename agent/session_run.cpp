@@ -76,7 +76,7 @@ bool SessionRun::plan()
         return false;
     report_.set_plan(plan_);
     if (request_.system)
-        watched_ = std::make_unique<WatchedSystem>(monitor_.module(), plan_, report_);
+        watched_ = std::make_unique<WatchedSystem>(request_, monitor_.module(), plan_, report_);
     else
         watched_ = std::make_unique<WatchedPaths>(request_, monitor_.module(), monitor_.placement(), plan_, report_);
     return true;

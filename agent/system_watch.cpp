@@ -1,5 +1,6 @@
 #include "system_watch.h"
 
+#include "fallback.h"
 #include "message.h"
 #include "mounts.h"
 #include "probe_cause.h"
@@ -34,11 +35,28 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
     }
     instance_ = static_cast<uint32_t>(id);
     const bool accepted = module_.global_watch(instance_, kinds, 1) == 0;
-    const ProbeFacts facts = gather_probe_facts(module_.is_container(), false);
-    if (accepted && facts.missing_entry.empty())
+    struct fmon_status now = {};
+    module_.read_status(now);
+    by_file_systems_ = accepted && now.file_probes.state != FMON_SOURCE_ON && now.fs.source.state == FMON_SOURCE_ON;
+    if (by_file_systems_ || (accepted && gather_probe_facts(module_.is_container(), false).missing_entry.empty()))
         return true;
-    error = explain_no_system(file_probes(module_), facts, kinds);
+    error = why_not(now);
     return false;
+}
+
+std::string SystemWatch::why_not(const struct fmon_status &now) const
+{
+    const ProbeFacts facts = gather_probe_facts(module_.is_container(), false);
+    const std::string probes = explain_no_system(now.file_probes, facts, kinds_);
+    const std::string marks = explain_fallback(now.fs.last_fallback, facts.root).line();
+    if (source_ == Source::kMarks)
+        return probes;
+    if (source_ == Source::kFilesystem)
+        return "--system with --source filesystem needs a file system that can be marked: " + marks;
+    // The monitor takes probes for usable that give no events.
+    const bool can_mark = now.fs.source.state == FMON_SOURCE_ON && !facts.missing_entry.empty();
+    return probes +
+           (can_mark ? "; --source filesystem needs no probes" : "; and no file system could be marked: " + marks);
 }
 
 // The monitor renews one filter, that of creations. A file system that is mounted where another was before is a new one
@@ -54,7 +72,7 @@ void SystemWatch::watch_closes(const std::string &point) const
 void SystemWatch::follow_mounts()
 {
     MountPoints now = device_mounts();
-    if (now == known_)
+    if (now == known_ || by_file_systems_)  // the source of file systems follows mounts by itself
         return;
     const bool updated = module_.global_update(instance_) == 0;
     const bool full = file_probes(module_).reason == FMON_WHY_MOUNTS;

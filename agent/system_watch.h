@@ -11,6 +11,7 @@
 
 #include "module.h"
 #include "orx_fmon.h"
+#include "request.h"
 
 namespace agent
 {
@@ -18,10 +19,13 @@ namespace agent
 class SystemWatch
 {
 public:
-    explicit SystemWatch(const Module &module) : module_(module) {}
+    SystemWatch(const Module &module, Source source) : module_(module), source_(source) {}
 
     /* False: `error` is one line for the user. To be called once. */
     bool place(uint32_t kinds, fmon_client_cb callback, std::string &error);
+
+    /* Whether marks of file systems serve it, and not kernel probes. */
+    bool by_file_systems() const { return by_file_systems_; }
 
     /* Takes the mounts in that have come since. What could not be taken in is told on stderr. */
     void follow_mounts();
@@ -31,8 +35,11 @@ private:
 
     static MountPoints device_mounts();
     void watch_closes(const std::string &point) const;
+    std::string why_not(const struct fmon_status &now) const;
 
     const Module &module_;
+    const Source source_;
+    bool by_file_systems_ = false;
     uint32_t instance_ = 0, kinds_ = 0;
     MountPoints known_;
     bool told_full_ = false;

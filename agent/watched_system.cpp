@@ -18,10 +18,12 @@ bool WatchedSystem::place(Intake &intake)
 
 void WatchedSystem::report_start()
 {
-    report_.established({});
+    const bool marks = watch_.by_file_systems();
+    report_.established({{}, {}, 0, marks ? "filesystem" : "probes"});
     report_.flush();
     if (!report_.has_records())
-        report_.note("watching the whole system for " + events_text(kinds_));
+        report_.note("watching the whole system for " + events_text(kinds_) +
+                     (marks ? " (marks of file systems)" : ""));
     watch_.follow_mounts();
 }
 

@@ -7,6 +7,7 @@
 #include "module.h"
 #include "plan.h"
 #include "report.h"
+#include "request.h"
 #include "system_watch.h"
 #include "watched.h"
 
@@ -17,8 +18,8 @@ class WatchedSystem : public Watched
 {
 public:
     /* The plan's one instance has the kinds. */
-    WatchedSystem(const Module &module, const Plan &plan, Report &report)
-        : kinds_(plan.instances[0].shown), watch_(module), report_(report)
+    WatchedSystem(const Request &request, const Module &module, const Plan &plan, Report &report)
+        : kinds_(plan.instances[0].shown), watch_(module, request.source), report_(report)
     {
     }
 
