@@ -30,6 +30,7 @@ struct Event {
     std::string_view container; /* empty where there is none */
     const ProcessInfo *process; /* null where not known */
     bool deleted = false;       /* the path's name was gone already */
+    bool found = false;         /* no record said so: it was there when its directory was looked into */
 };
 
 class Batch

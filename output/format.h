@@ -53,8 +53,8 @@ inline std::string loss_text(std::string_view source, uint64_t count)
     return std::string(source) + ": " + std::to_string(count);
 }
 
-/* A template: %e events, %p path, %P pid, %n process name, %t time, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e
- * \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
+/* A template: %e events, %p path, %P pid, %n process name, %t time, %f "found" or nothing, %% and the escapes \n \t \0
+ * \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
                                                    std::string &error);
 

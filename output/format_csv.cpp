@@ -37,6 +37,8 @@ public:
         out.push_back(',');
         if (event.process)
             append_field(event.process->name, out);
+        else if (event.found)
+            out.append("(found)");
         out.push_back(end_);
     }
 

@@ -69,6 +69,10 @@ public:
                 put_key(writer, "deleted");
                 writer.Bool(true);
             }
+            if (event.found) {
+                put_key(writer, "found");
+                writer.Bool(true);
+            }
             put_key(writer, "pid");
             writer.Uint(event.pid);
             put_process(writer, event.process);

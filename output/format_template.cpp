@@ -14,7 +14,7 @@ namespace output
 namespace
 {
 
-enum class Part : char { kText = 0, kEvents = 'e', kPath = 'p', kPid = 'P', kName = 'n', kTime = 't' };
+enum class Part : char { kText = 0, kEvents = 'e', kPath = 'p', kPid = 'P', kName = 'n', kTime = 't', kFound = 'f' };
 
 struct Piece {
     Part part;
@@ -71,7 +71,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epPnt").find(c) == std::string_view::npos)
+        if (std::string_view("epPntf").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -159,6 +159,9 @@ private:
                 break;
             case Part::kTime:
                 time_.append(event.time_ns, out);
+                break;
+            case Part::kFound:
+                out.append(event.found ? "found" : "");
                 break;
         }
     }

@@ -101,6 +101,8 @@ private:
         agent::append_escaped(event.path, out);
         if (event.deleted)
             out.append(" (deleted)");
+        if (event.found)
+            out.append(" (found)");
         if (event.pid == 0)
             return;
         const size_t width = columns(std::string_view(out).substr(start));

@@ -203,6 +203,20 @@ TEST(CliJson, ANameThatWasGone)
     EXPECT_NE(line_of(*make_text_formatter(plain()), event).find(" /a/b (deleted)  ?[42]"), std::string::npos);
 }
 
+TEST(CliFormat, WhatWasFoundSaysSo)
+{
+    Event event = event_of("/a/b", FMON_CREATE);
+    std::string error;
+    const auto pattern = make_template_formatter(plain(), "%e %p [%f]", error);
+    EXPECT_FALSE(json_of(line_of(*make_json_formatter(plain()), event)).HasMember("found"));
+    EXPECT_EQ("create /a/b []\n", line_of(*pattern, event));
+    event.found = true;
+    EXPECT_TRUE(json_of(line_of(*make_json_formatter(plain()), event))["found"].IsTrue());
+    EXPECT_NE(line_of(*make_text_formatter(plain()), event).find(" /a/b (found)\n"), std::string::npos);
+    EXPECT_NE(line_of(*make_csv_formatter(plain()), event).find(",create,/a/b,0,(found)\n"), std::string::npos);
+    EXPECT_EQ("create /a/b [found]\n", line_of(*pattern, event));
+}
+
 /* The same JSON, in which nothing drives the terminal or turns its lines. */
 TEST(CliJson, AtATerminal)
 {
