@@ -60,9 +60,11 @@ size_t literal_length(const std::string &path)
     return star == std::string::npos ? path.size() : path.rfind('/', star);
 }
 
+bool is_itself_or_above(const char *name) { return strcmp(name, ".") == 0 || strcmp(name, "..") == 0; }
+
 bool entry_is_dir(int dir, const struct dirent *entry)
 {
-    if (strcmp(entry->d_name, ".") == 0 || strcmp(entry->d_name, "..") == 0)
+    if (is_itself_or_above(entry->d_name))
         return false;
     if (entry->d_type != DT_UNKNOWN)
         return entry->d_type == DT_DIR;
@@ -163,6 +165,16 @@ uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t
                               });
     }
     return count;
+}
+
+void for_each_entry(const std::string &path, const std::function<void(const char *name, bool is_directory)> &fn)
+{
+    const common::Dir dir = common::list_of(open_directory(path));
+    if (!dir)
+        return;
+    while (const struct dirent *entry = readdir(dir.get()))
+        if (!is_itself_or_above(entry->d_name))
+            fn(entry->d_name, entry_is_dir(dirfd(dir.get()), entry));
 }
 
 bool has_subdirectory(const std::string &path)

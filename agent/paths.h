@@ -7,6 +7,7 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
 #include <string>
 
 #include "common/fd.h"
@@ -50,6 +51,9 @@ const char *kind_name(mode_t mode);
 /* Directories below `path`, not counting itself, down to `max_depth` levels (0: all); links below it are not followed
  * and what cannot be read is not entered. Stops at `limit`. */
 uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t limit);
+
+/* Calls fn for each entry of a directory that can be read; no link of the path is followed. */
+void for_each_entry(const std::string &path, const std::function<void(const char *name, bool is_directory)> &fn);
 
 /* Whether a directory has a directory in it; no link of the path is followed. */
 bool has_subdirectory(const std::string &path);

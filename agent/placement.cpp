@@ -73,10 +73,11 @@ void Placement::stop()
     module_ = nullptr;
 }
 
-void Placement::listen(Listener placed)
+void Placement::listen(Listener placed, Listener own)
 {
     listener_ = std::this_thread::get_id();
     placed_ = std::move(placed);
+    own_ = std::move(own);
     to_placed_.store(&placed_, std::memory_order_release);
 }
 
@@ -101,8 +102,8 @@ void Placement::marked(const char *path)
 {
     count_.fetch_add(1, std::memory_order_relaxed);
     const Listener *const placed = to_placed_.load(std::memory_order_acquire);
-    if (placed && std::this_thread::get_id() != listener_)
-        (*placed)(path);
+    if (placed)
+        (std::this_thread::get_id() == listener_ ? own_ : *placed)(path);
 }
 
 void Placement::refused(const struct fmon_refusal &refusal)

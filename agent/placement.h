@@ -51,9 +51,11 @@ public:
     void start(const Module &module);
     void stop();
 
-    /* `placed` hears of each inotify watch that is new, but for those that the calling thread places; `denied` of each
-     * directory whose inotify watch was refused for want of a right. Once each; both must stay valid until stop(). */
-    void listen(Listener placed);
+    /* `placed` hears of each inotify watch that is new, but for those that the calling thread places, of which `own`
+     * hears; `denied` of each directory whose inotify watch was refused for want of a right. Once each; all must stay
+     * valid until stop(). */
+    void listen(
+        Listener placed, Listener own = [](const std::string &) {});
     void listen_to_denials(Listener denied);
 
     Findings take();
@@ -67,7 +69,7 @@ private:
 
     const Module *module_ = nullptr; /* null: nothing is listened to */
     std::function<void()> changed_;
-    Listener placed_, denied_;
+    Listener placed_, own_, denied_;
     std::thread::id listener_;                            /* the thread whose own watches are no news */
     std::atomic<const Listener *> to_placed_, to_denied_; /* null: not set yet */
     std::atomic<uint64_t> count_ = 0;

@@ -89,7 +89,7 @@ void Session::show_batch(uint64_t now)
     watched_->before(batch_);
     for (size_t i = 0; i < batch_.size() && !report_.finished(); i++) {
         const Event event = batch_.event(i);
-        report_.event(event);
+        show(event);
         watched_->shown(event);
     }
     watched_->after();
@@ -100,6 +100,13 @@ void Session::show_batch(uint64_t now)
         end_with(report_.status());
     else if (watched_->all_ended())
         end_with(kGone);
+}
+
+void Session::show(Event event)
+{
+    event.mask = watched_->news(event);
+    if (event.mask)
+        report_.event(event);
 }
 
 Pause Session::sleep(uint64_t now)
@@ -171,7 +178,7 @@ void Session::close()
     if (!report_.finished() && events_.take(batch_)) {
         in_hand_ = batch_.size();
         for (size_t i = 0; i < batch_.size(); i++)
-            report_.event(batch_.event(i));
+            show(batch_.event(i));
     }
     report_.flush();
     in_hand_ = 0;

@@ -78,6 +78,7 @@ private:
     void check_time(uint64_t now);
     void look(uint64_t now);
     void show_batch(uint64_t now);
+    void show(Event event);
     Pause sleep(uint64_t now);
     void check_losses();
     void check_end(const struct fmon_source &monitor);

@@ -90,7 +90,9 @@ void TreeKeeper::run()
         if (seen || !has_subdirectory(path))
             continue;
         walked = path;
+        walks_made_ = true;
         complete(path);
+        walks_made_ = false;
     }
 }
 

@@ -45,6 +45,9 @@ public:
     /* Looks at what was made since the last run. */
     void run();
 
+    /* Whether run() walks below what was made: what is marked then was made, too. */
+    bool walks_made() const { return walks_made_; }
+
     /* Readable while there is something to look at. */
     int wake_fd() const { return wake_.get(); }
 
@@ -56,6 +59,7 @@ private:
     const uint32_t max_depth_;
     int instance_ = -1;
     std::vector<std::string> again_; /* directories to be walked whatever they hold */
+    bool walks_made_ = false;
     common::Fd wake_;
     common::Mutex lock_;
     std::vector<std::string> made_ GUARDED_BY(lock_);

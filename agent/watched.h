@@ -25,8 +25,10 @@ public:
     /* Reports that all is in place. */
     virtual void report_start() = 0;
 
-    /* Around the events of a batch: before the first is shown, after each that was, after the last. */
+    /* Around the events of a batch: before the first is shown; what of an event is still to be shown, 0: nothing;
+     * after each, after the last. */
     virtual void before(const Batch &) {}
+    virtual uint32_t news(const Event &event) { return event.mask; }
     virtual void shown(const Event &) {}
     virtual void after() {}
 

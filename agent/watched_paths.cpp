@@ -67,7 +67,18 @@ bool WatchedPaths::keep_trees()
         report_.warning("the monitor has no instance left");
         return false;
     }
-    placement_.listen([this](const std::string &path) { keeper_->made(path); });
+    if (!request_.no_found)
+        found_ = std::make_unique<Found>();
+    placement_.listen(
+        [this](const std::string &path) {
+            if (found_)
+                found_->marked(path);
+            keeper_->made(path);
+        },
+        [this](const std::string &path) {
+            if (found_ && keeper_->walks_made())
+                found_->marked(path);
+        });
     return true;
 }
 
@@ -189,10 +200,24 @@ void WatchedPaths::note_container(const std::vector<std::string> &paths) const
 }
 
 // Trees first: what happens in a new directory is seen only once it is marked.
-void WatchedPaths::before(const Batch &) { complete_trees(); }
+void WatchedPaths::before(const Batch &batch)
+{
+    complete_trees();
+    if (found_)
+        found_->begin(batch);
+}
+
+// Where creations are not shown, none is looked for.
+void WatchedPaths::report_found(const Event &event)
+{
+    if (plan_.instances[event.source].shown & FMON_CREATE)
+        found_->shown(event, [this](const Event &found) { report_.event(found); });
+}
 
 void WatchedPaths::shown(const Event &event)
 {
+    if (found_)
+        report_found(event);
     guard_.event(event.path, event.mask);
     waiting_->event(event.path, event.mask);
     readable_ |= (event.mask & FMON_ATTRIB) && unreadable_.knows(event.path);
@@ -208,6 +233,8 @@ void WatchedPaths::look()
 {
     look_at_paths();
     look_at_unreadable();
+    if (found_)
+        found_->look();
 }
 
 void WatchedPaths::look_at_paths()

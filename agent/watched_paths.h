@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "found.h"
 #include "module.h"
 #include "mount_guard.h"
 #include "placement.h"
@@ -35,6 +36,7 @@ public:
     bool place(Intake &intake) override;
     void report_start() override;
     void before(const Batch &batch) override;
+    uint32_t news(const Event &event) override { return found_ ? found_->news(event) : event.mask; }
     void shown(const Event &event) override;
     void after() override;
     void look() override;
@@ -56,6 +58,7 @@ private:
     bool has_marks_above(const std::string &point) const;
     void look_at_paths();
     void look_at_unreadable();
+    void report_found(const Event &event);
     bool is_given(const std::string &path) const;
     Established established() const;
     std::string how_watched(const Established &all) const;
@@ -70,6 +73,7 @@ private:
     Placer placer_;
     std::unique_ptr<Waiting> waiting_;   /* null: nothing is placed yet */
     std::unique_ptr<TreeKeeper> keeper_; /* null: nothing is watched recursively */
+    std::unique_ptr<Found> found_;       /* null: what is found is not told */
     RootGuard guard_;
     MountGuard mounts_;
     Unreadable unreadable_;

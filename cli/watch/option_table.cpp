@@ -67,6 +67,9 @@ constexpr OptionRow<O> kRows[] = {
       "hold access and modify back until the file is closed and show\neach once; a close is shown only after one of "
       "them"},
      set_flag<O, &O::delay>},
+    {{0, "no-found", nullptr,
+      "with -r: do not show what is found in a new directory, made\nbefore the directory could be watched"},
+     set_flag<O, &O::no_found>},
     {{0, "sync", nullptr, "follow renamed and new directories (part of -r)"}, set_flag<O, &O::sync>},
     {{0, "wait", nullptr, "PATH may be missing: wait for it, and again when it goes"}, set_flag<O, &O::wait>},
     {{0, "max-depth", "N", "with -r: directories down to N levels below PATH"},
@@ -81,7 +84,7 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %t "
-      "time, %% a percent\nsign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
+      "time, %f whether\nfound, %% a percent sign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
     {{'0', "null", nullptr, "end records with a NUL instead of a newline"}, set_flag<O, &O::null_end>},

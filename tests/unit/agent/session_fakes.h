@@ -98,7 +98,7 @@ public:
         const std::string path(event.path);
         if (finished() || std::count(hidden_events.begin(), hidden_events.end(), path))
             return;
-        lines.push_back(path);
+        lines.push_back((event.found ? "found " : "") + path);
         ended_by_itself |= ++shown_ == count;
     }
     void established(const agent::Established &all) override

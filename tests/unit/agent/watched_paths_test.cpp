@@ -236,9 +236,10 @@ TEST_F(PathsTest, NewDirectoriesAreCompletedBeforeTheirEventsAreShown)
     ASSERT_GE(paths->new_directories_fd(), 0);
     folder.dir("a/new/below");
     std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    report.take();
     events.add({folder.path("a/new")});
     step();
-    EXPECT_EQ(folder.path("a/new"), report.take().back());
+    EXPECT_EQ((Lines{folder.path("a/new"), "found " + folder.path("a/new/below")}), report.take());
     EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);  // its watch was for the walk only
 }
 
@@ -334,4 +335,38 @@ TEST_F(PathsTest, AWalkOfANewDirectoryAsksForMarks)
     paths->complete_trees();
     EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);
     EXPECT_EQ(65534u, g_module.depth);
+}
+
+TEST_F(PathsTest, WhatIsFoundIsToldWhereCreationsAreShown)
+{
+    request.recursive = true;
+    for (const uint32_t kinds : {uint32_t{FMON_DELETE}, uint32_t{FMON_CREATE}}) {
+        request.events = kinds;
+        const std::string root = folder.dir("k" + std::to_string(kinds)), fresh = root + "/new";
+        watch_paths({root});
+        std::filesystem::create_directories(fresh);
+        std::thread([&] { g_module.on_mark(fresh.c_str(), nullptr); }).join();
+        folder.file("k" + std::to_string(kinds) + "/new/f");
+        report.take();
+        events.add({fresh});
+        step();
+        EXPECT_EQ((kinds == FMON_CREATE ? Lines{fresh, "found " + fresh + "/f"} : Lines{fresh}), report.take());
+        paths.reset();
+        placement.stop();
+        placement.start(module);
+    }
+}
+
+TEST_F(PathsTest, WhatIsFoundIsNotToldWhereThatIsNotWanted)
+{
+    request.recursive = request.no_found = true;
+    watch_paths({folder.dir("a")});
+    folder.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    report.take();
+    events.add({folder.path("a/new")});
+    step();
+    events.add({folder.path("a/new/below")});
+    step();
+    EXPECT_EQ((Lines{folder.path("a/new"), folder.path("a/new/below")}), report.take());
 }

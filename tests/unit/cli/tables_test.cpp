@@ -56,6 +56,7 @@ TEST(CliTables, OfWatch)
                                  {"pid", nullptr, [](const O &o) { return o.pid; }},
                                  {"mount", nullptr, [](const O &o) { return o.mount; }},
                                  {"delay", nullptr, [](const O &o) { return o.delay; }},
+                                 {"no-found", nullptr, [](const O &o) { return o.no_found; }},
                                  {"sync", nullptr, [](const O &o) { return o.sync; }},
                                  {"wait", nullptr, [](const O &o) { return o.wait; }},
                                  {"max-depth", "3", [](const O &o) { return o.max_depth == 3; }},

@@ -1,0 +1,148 @@
+#include "found.h"
+
+#include <utility>
+#include <vector>
+
+#include "orx_fmon.h"
+#include "paths.h"
+
+namespace agent
+{
+
+namespace
+{
+
+// FNV-1a: on a 32-bit machine the library's hash has 32 bits, too few for so many paths.
+uint64_t hash_of(std::string_view path)
+{
+    uint64_t hash = 0xcbf29ce484222325;
+    for (const char c : path)
+        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
+    return hash;
+}
+
+Event found_at(const std::string &path, const Event &creation)
+{
+    Event event = creation;
+    event.mask = FMON_CREATE;
+    event.pid = 0;
+    event.process = nullptr;
+    event.path = path;
+    event.found = true;
+    return event;
+}
+
+}  // namespace
+
+void RecentPaths::add(std::string_view path)
+{
+    if (now_.size() >= kMost)
+        age();
+    now_.insert(hash_of(path));
+}
+
+bool RecentPaths::has(std::string_view path) const
+{
+    const uint64_t hash = hash_of(path);
+    return now_.count(hash) || before_.count(hash);
+}
+
+bool RecentPaths::take(std::string_view path)
+{
+    if (now_.empty() && before_.empty())
+        return false;
+    const uint64_t hash = hash_of(path);
+    const size_t taken = now_.erase(hash) + before_.erase(hash);
+    return taken > 0;
+}
+
+void RecentPaths::age() { before_ = std::exchange(now_, {}); }
+
+void RecentPaths::clear()
+{
+    now_ = {};
+    before_ = {};
+}
+
+void Found::marked(std::string_view path)
+{
+    const common::Lock hold(lock_);
+    marked_.add(path);
+}
+
+bool Found::take_marked(std::string_view path)
+{
+    const common::Lock hold(lock_);
+    return marked_.take(path);
+}
+
+void Found::begin(const Batch &batch)
+{
+    batch_ = &batch;
+    indexed_ = false;
+}
+
+// A name that went, too, may have come again: what was told of it does not say which creation that was.
+uint32_t Found::news(const Event &event)
+{
+    constexpr uint32_t kWent = FMON_DELETE | FMON_MOVED_FROM;
+    if (!(event.mask & (FMON_CREATE | FMON_MOVED_TO | kWent)) || !told_.take(event.path))
+        return event.mask;
+    return event.mask & kWent ? event.mask : event.mask & ~uint32_t{FMON_CREATE};
+}
+
+void Found::shown(const Event &event, const Tell &tell)
+{
+    if (event.mask & FMON_CREATE && take_marked(event.path))
+        look_into(std::string(event.path), event, tell);
+}
+
+// A directory that is not marked yet has a record of its own on its way, and is looked into then.
+void Found::look_into(const std::string &directory, const Event &creation, const Tell &tell)
+{
+    std::vector<std::string> open = {directory};
+    while (!open.empty()) {
+        const std::string folder = std::move(open.back());
+        open.pop_back();
+        for_each_entry(folder, [&](const char *name, bool is_directory) {
+            const std::string path = folder + "/" + name;
+            if (has_record(path) || told_.has(path))
+                return;
+            told_.add(path);
+            tell(found_at(path, creation));
+            if (is_directory && take_marked(path))
+                open.push_back(path);
+        });
+    }
+}
+
+bool Found::has_record(std::string_view path)
+{
+    if (!std::exchange(indexed_, true)) {
+        in_batch_.clear();
+        for (size_t i = 0; batch_ && i < batch_->size(); i++) {
+            const Event event = batch_->event(i);
+            if (event.mask & (FMON_CREATE | FMON_MOVED_TO))
+                in_batch_.insert(hash_of(event.path));
+        }
+    }
+    return in_batch_.count(hash_of(path)) != 0;
+}
+
+void Found::look()
+{
+    if (++looks_ % kLooks != 0)
+        return;
+    told_.age();
+    const common::Lock hold(lock_);
+    marked_.age();
+}
+
+void Found::clear()
+{
+    told_.clear();
+    const common::Lock hold(lock_);
+    marked_.clear();
+}
+
+}  // namespace agent

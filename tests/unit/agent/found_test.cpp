@@ -1,0 +1,188 @@
+/* Tests of found.h: what is in a new directory is told once, by its record or as found. */
+#include "agent/found.h"
+
+#include <map>
+
+#include "orx_fmon.h"
+#include "unit/agent/agent_testing.h"
+
+using namespace agent;
+using agent_testing::Folder;
+
+namespace
+{
+
+using Lines = std::vector<std::string>;
+
+class FoundTest : public testing::Test
+{
+protected:
+    /* Shows records of these paths and kinds in one batch. */
+    void show(const std::vector<std::pair<std::string, uint32_t>> &records)
+    {
+        Batch batch;
+        for (const auto &[path, mask] : records)
+            batch.append({5, mask, 42, 1, path, "", nullptr}, nullptr);
+        found.begin(batch);
+        for (size_t i = 0; i < batch.size(); i++) {
+            const Event event = batch.event(i);
+            if (const uint32_t news = found.news(event))
+                lines.push_back(name(event) + (news == event.mask ? "" : " in part"));
+            found.shown(event, [this](const Event &made) { tell(made); });
+        }
+    }
+    void create(const std::string &below) { show({{folder.path(below), FMON_CREATE}}); }
+    void marked(const std::string &below) { found.marked(folder.path(below)); }
+    Lines take() { return std::exchange(lines, {}); }
+
+    Folder folder;
+    Found found;
+    Lines lines;
+
+private:
+    std::string name(const Event &event) const { return std::string(event.path.substr(folder.root().size() + 1)); }
+    void tell(const Event &made)
+    {
+        EXPECT_TRUE(made.found);
+        EXPECT_EQ(uint32_t{FMON_CREATE}, made.mask);
+        EXPECT_EQ(0u, made.pid) << "who made it is not known";
+        EXPECT_EQ(1u, made.source) << "the instance of the directory's creation";
+        EXPECT_EQ(5u, made.time_ns);
+        lines.push_back("found " + name(made));
+    }
+};
+
+TEST_F(FoundTest, IsToldBehindTheCreationOfItsDirectory)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    marked("a");
+    create("a");
+    EXPECT_EQ((Lines{"a", "found a/f"}), take());
+    create("a");
+    EXPECT_EQ(Lines{"a"}, take()) << "looked into once a mark";
+}
+
+TEST_F(FoundTest, WhatWasMovedInOrIsNotMarkedIsNotLookedInto)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    create("a");
+    marked("a");
+    show({{folder.path("a"), FMON_MOVED_TO}});
+    EXPECT_EQ((Lines{"a", "a"}), take());
+}
+
+TEST_F(FoundTest, WholeTreesAreFoundWithParentsFirst)
+{
+    folder.dir("a/b/c");
+    folder.file("a/b/c/f");
+    for (const char *path : {"a", "a/b", "a/b/c"})
+        marked(path);
+    create("a");
+    EXPECT_EQ((Lines{"a", "found a/b", "found a/b/c", "found a/b/c/f"}), take());
+}
+
+TEST_F(FoundTest, ADirectoryThatIsNotMarkedYetIsLookedIntoWithItsOwnRecord)
+{
+    folder.dir("a/b");
+    folder.file("a/b/f");
+    marked("a");
+    create("a");
+    EXPECT_EQ((Lines{"a", "found a/b"}), take());
+    marked("a/b");
+    create("a/b");
+    EXPECT_EQ(Lines{"found a/b/f"}, take()) << "the directory itself was told";
+}
+
+TEST_F(FoundTest, WhatHasARecordInTheBatchIsLeftToIt)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    folder.file("a/g");
+    marked("a");
+    show({{folder.path("a"), FMON_CREATE}, {folder.path("a/f"), FMON_CREATE}, {folder.path("a/g"), FMON_MOVED_TO}});
+    EXPECT_EQ((Lines{"a", "a/f", "a/g"}), take());
+}
+
+TEST_F(FoundTest, ARecordThatComesLaterSaysWhatWasNotTold)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    folder.file("a/g");
+    marked("a");
+    create("a");
+    take();
+    create("a/f");
+    show({{folder.path("a/g"), FMON_CREATE | FMON_CLOSE_WRITE}});
+    EXPECT_EQ(Lines{"a/g in part"}, take());
+    create("a/f");
+    EXPECT_EQ(Lines{"a/f"}, take()) << "another creation";
+}
+
+TEST_F(FoundTest, ANameThatWentAndCameAgainIsToldAgain)
+{
+    folder.dir("a");
+    for (const char *file : {"a/f", "a/g", "a/h"})
+        folder.file(file);
+    marked("a");
+    create("a");
+    take();
+    show({{folder.path("a/f"), FMON_DELETE}, {folder.path("a/f"), FMON_CREATE}});
+    show({{folder.path("a/g"), FMON_CREATE | FMON_DELETE}});
+    show({{folder.path("a/h"), FMON_MOVED_TO}, {folder.path("a/h"), FMON_CREATE}});
+    EXPECT_EQ((Lines{"a/f", "a/f", "a/g", "a/h", "a/h"}), take());
+}
+
+TEST_F(FoundTest, NoLinkIsFollowed)
+{
+    folder.file("elsewhere");
+    folder.dir("there");
+    folder.file("there/f");
+    std::filesystem::create_symlink(folder.path("there"), folder.path("a"));
+    marked("a");
+    create("a");
+    EXPECT_EQ(Lines{"a"}, take());
+}
+
+TEST_F(FoundTest, IsForgottenAfterSomeTimeAndWithALoss)
+{
+    folder.dir("a");
+    folder.file("a/f");
+    marked("a");
+    create("a");
+    take();
+    for (int i = 0; i < 31; i++)
+        found.look();
+    create("a/f");
+    EXPECT_EQ(Lines{}, take()) << "still known";
+    marked("a");
+    create("a");
+    take();
+    for (int i = 0; i < 33; i++)
+        found.look();
+    create("a/f");
+    EXPECT_EQ(Lines{"a/f"}, take());
+    marked("a");
+    found.clear();
+    create("a");
+    EXPECT_EQ(Lines{"a"}, take());
+}
+
+TEST(RecentPaths, KeepsAsManyAsItSays)
+{
+    RecentPaths paths;
+    paths.add("first");
+    for (size_t i = 0; i < RecentPaths::kMost - 1; i++)
+        paths.add(std::to_string(i));
+    EXPECT_TRUE(paths.has("first"));
+    for (size_t i = 0; i < RecentPaths::kMost; i++)
+        paths.add("x" + std::to_string(i));
+    EXPECT_TRUE(paths.has("x0"));
+    paths.add("last");
+    EXPECT_FALSE(paths.has("first"));
+    EXPECT_TRUE(paths.take("last"));
+    EXPECT_FALSE(paths.take("last"));
+}
+
+}  // namespace
