@@ -120,6 +120,20 @@ void record_at(const struct fs_batch *batch, uint64_t position, struct fs_record
     fs_record_at(chunk->bytes, chunk->size, static_cast<uint32_t>(position), out);
 }
 
+/* The position of the first that is about the directory. */
+uint64_t find_ahead(struct fs_batch *batch, const struct fs_key *key, struct fs_record *out)
+{
+    const auto hash = static_cast<uint32_t>(fs_key_hash(key) >> 16);
+    for (uint32_t at = first_of_bucket(batch, hash % FS_AHEAD_BUCKETS); at; at = batch->ahead.entries[at - 1].next) {
+        if (batch->ahead.entries[at - 1].hash != hash)
+            continue;
+        record_at(batch, batch->ahead.entries[at - 1].position, out);
+        if (fs_key_equal(&out->object, key))
+            return batch->ahead.entries[at - 1].position;
+    }
+    return FS_NEVER;
+}
+
 }  // namespace
 
 void fs_batch_init(struct fs_batch *batch) { *batch = {}; }
@@ -160,20 +174,19 @@ struct fs_batch_chunk fs_batch_pop(struct fs_batch *batch)
     return first;
 }
 
+uint64_t fs_batch_next_move(struct fs_batch *batch, const struct fs_key *key)
+{
+    struct fs_record record;
+    scan(batch);
+    return batch->ahead.broken ? FS_AT_ONCE : find_ahead(batch, key, &record);
+}
+
 enum fs_ahead_result fs_batch_ahead(struct fs_batch *batch, const struct fs_key *key, struct fs_record *out)
 {
     scan(batch);
     if (batch->ahead.broken)
         return FS_AHEAD_BROKEN;
-    const auto hash = static_cast<uint32_t>(fs_key_hash(key) >> 16);
-    for (uint32_t at = first_of_bucket(batch, hash % FS_AHEAD_BUCKETS); at; at = batch->ahead.entries[at - 1].next) {
-        if (batch->ahead.entries[at - 1].hash != hash)
-            continue;
-        record_at(batch, batch->ahead.entries[at - 1].position, out);
-        if (fs_key_equal(&out->object, key))
-            return FS_AHEAD_FOUND;
-    }
-    return FS_AHEAD_NONE;
+    return find_ahead(batch, key, out) == FS_NEVER ? FS_AHEAD_NONE : FS_AHEAD_FOUND;
 }
 
 bool fs_batch_anonymous(const struct fs_batch *batch) { return batch->ahead.anonymous > current(batch); }

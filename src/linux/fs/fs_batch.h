@@ -57,6 +57,11 @@ enum fs_ahead_result {
 /* The first record, from the current one on, that moves, makes or removes the directory. */
 enum fs_ahead_result fs_batch_ahead(struct fs_batch *batch, const struct fs_key *key, struct fs_record *out);
 
+/* The position of that record; FS_NEVER: there is none, FS_AT_ONCE: there was no memory for looking. */
+constexpr uint64_t FS_NEVER = UINT64_MAX;
+constexpr uint64_t FS_AT_ONCE = 0;
+uint64_t fs_batch_next_move(struct fs_batch *batch, const struct fs_key *key);
+
 /* Whether a record from the current one on moves or removes a directory and does not say which. To be called after
  * fs_batch_ahead(). */
 bool fs_batch_anonymous(const struct fs_batch *batch);

@@ -74,7 +74,11 @@ bool process_next(struct fs_engine *engine)
 }
 
 /* Nothing is joined any more to what was read before. */
-void end_epoch(struct fs_engine *engine) { fs_moves_clear(&engine->moves); }
+void end_epoch(struct fs_engine *engine)
+{
+    fs_moves_clear(&engine->moves);
+    engine->epoch++;
+}
 
 /* The first chunk. True: it was the caller's. */
 bool process_chunk(struct fs_engine *engine)
@@ -145,7 +149,7 @@ struct fs_engine *fs_engine_new(uint32_t limit, int32_t own_pid, const struct fs
     if (!engine->world.asks)
         engine->world.asks = &fs_kernel;
     engine->own_pid = own_pid;
-    engine->generation = engine->mount_generation = 1;
+    engine->generation = engine->mount_generation = engine->epoch = 1;
     return engine;
 }
 

@@ -21,6 +21,20 @@ void came_inside(struct fs_engine *engine, struct fs_node *node, enum fs_side fr
         engine->generation++;
 }
 
+/* A rename that cannot be seen may have followed. It equals one that was seen: it crosses the border only if one did.
+ */
+void doubt(struct fs_engine *engine, struct fs_node *node)
+{
+    if (!(node->flags & FS_NODE_DEAD)) /* which cannot be asked for */
+        fs_node_forget_place(node);
+    node->motion.unsure = engine->epoch;
+    if (!engine->moves.crossed)
+        return;
+    node->outside = 0;
+    node->flags &= static_cast<uint8_t>(~FS_NODE_MISSED);
+    engine->generation++;
+}
+
 /* A directory that nobody knew lies where its parent lies. */
 void share_side(const struct fs_engine *engine, struct fs_node *node)
 {
@@ -28,16 +42,18 @@ void share_side(const struct fs_engine *engine, struct fs_node *node)
         node->outside = engine->generation;
 }
 
-/* Where a rename brought it. It stays in doubt where one that cannot be seen may have followed. */
+/* Where a rename brought it. */
 void arrive(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, const struct fs_entry *at)
 {
     const bool was_new = node->outside != engine->generation;
+    node->motion.unsure = 0;
+    node->motion.moved = ++engine->moves.number;
     if (!fs_place_at(engine, node, at))
         return;
     if (was_new)
         share_side(engine, node);
-    if (!(node->flags & FS_NODE_DEAD) && fs_moves_has(&engine->moves, &record->object, at))
-        fs_node_forget_place(node);
+    if (fs_moves_has(&engine->moves, &record->object, at))
+        doubt(engine, node);
 }
 
 void learn_rename(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, enum fs_side from,
@@ -45,6 +61,7 @@ void learn_rename(struct fs_engine *engine, struct fs_node *node, const struct f
 {
     if (record->entry.dir.len)
         fs_moves_add(&engine->moves, &record->object, &record->entry);
+    engine->moves.crossed |= from != to || to == FS_SIDE_UNKNOWN;
     fs_displace_above(engine, node);
     came_inside(engine, node, from, to);
     if (record->to.dir.len)
@@ -59,6 +76,7 @@ void learn_halves(struct fs_engine *engine, struct fs_node *node, const struct f
     const bool went = record->mask & FMON_MOVED_FROM;
     const bool came = record->mask & FMON_MOVED_TO;
     fs_displace_above(engine, node);
+    engine->moves.crossed = true; /* whether it did cannot be told from one half */
     if (came)
         came_inside(engine, node, FS_SIDE_UNKNOWN, side);
     if (went) {
@@ -75,8 +93,10 @@ void learn_entry(struct fs_engine *engine, struct fs_node *node, const struct fs
 {
     if (record->mask & kHalves)
         learn_halves(engine, node, record, side);
-    else if (is_new && fs_place_at(engine, node, &record->entry))
+    else if (is_new && fs_place_at(engine, node, &record->entry)) {
+        node->motion.moved = ++engine->moves.number;
         share_side(engine, node);
+    }
     if (!(record->mask & FMON_DELETE))
         return;
     if (!(record->mask & kHalves))

@@ -56,7 +56,7 @@ void fs_moves_clear(struct fs_moves *moves)
     if (moves->used)
         memset(moves->slots, 0, kSlots * sizeof(uint64_t));
     moves->used = 0;
-    moves->full = false;
+    moves->full = moves->crossed = false;
 }
 
 void fs_moves_release(struct fs_moves *moves)

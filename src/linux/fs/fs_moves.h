@@ -11,7 +11,9 @@
 struct fs_moves {
     uint64_t *slots; /* hashes of (directory, parent, name); 0: free */
     uint32_t used;
-    bool full; /* or without memory: all is in doubt */
+    uint32_t number; /* of the last move, never set back */
+    bool full;       /* or without memory: all is in doubt */
+    bool crossed;    /* a directory was moved between inside and outside */
 };
 
 void fs_moves_add(struct fs_moves *moves, const struct fs_key *directory, const struct fs_entry *from);

@@ -126,6 +126,13 @@ void mark_outside(const struct fs_engine *engine, struct fs_node *node)
             node->outside = engine->generation;
 }
 
+void note_unsure(struct fs_engine *engine, struct fs_node *node)
+{
+    engine->paths.unsure = true;
+    engine->paths.missed |= engine->moves.crossed && !(node->flags & FS_NODE_MISSED);
+    node->flags |= FS_NODE_MISSED;
+}
+
 /* Up by one name. False: there is nothing above, or it cannot be found out. */
 bool step_up(struct climb *c, struct step *step)
 {
@@ -135,6 +142,8 @@ bool step_up(struct climb *c, struct step *step)
         return false;
     }
     struct fs_node *node = step->node;
+    if (node->motion.unsure == engine->epoch)
+        note_unsure(engine, node);
     if (!(node->flags & FS_NODE_KNOWN))
         return false;
     if (step->names++ > engine->table.count) { /* a circle: not what the disk looks like */
@@ -184,7 +193,7 @@ void fs_find_paths(struct fs_engine *engine, struct fs_node *directory, const ch
 {
     struct fs_paths *paths = &engine->paths;
     paths->used = 0;
-    paths->inside = paths->failed = paths->too_long = false;
+    paths->inside = paths->failed = paths->unsure = paths->missed = paths->too_long = false;
     struct climb c;
     c.engine = engine;
     c.ways = 0;

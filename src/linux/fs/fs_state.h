@@ -34,6 +34,8 @@ struct fs_paths {
     size_t used, room;
     bool inside;   /* a recursive anchor lies at the entry's directory or above */
     bool failed;   /* not all could be found out */
+    bool unsure;   /* moves may be hidden: it may have been elsewhere */
+    bool missed;   /* ... and inside, where it seems to be outside; said once for each directory that was moved */
     bool too_long; /* one that was found is longer than FS_PATH_MAX, and left out */
 };
 
@@ -54,6 +56,7 @@ struct fs_engine {
     struct fs_counts counts;
     struct fs_open_directory open[FS_OPEN_DIRECTORIES];
     uint32_t generation;       /* of what is said to lie outside; from 1 */
+    uint32_t epoch;            /* from 1; nothing is joined to records of an earlier one */
     uint32_t mount_generation; /* of what is said to be a mount's root; from 1 */
     uint32_t shallow;          /* anchors that are not recursive */
     uint32_t displacements;    /* directories at and above anchors that were moved or removed */

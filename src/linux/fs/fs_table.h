@@ -12,11 +12,17 @@
 struct fs_tie;
 
 enum {
-    FS_NODE_KNOWN = 1, /* parent and name say where it lies */
-    FS_NODE_DEAD = 2,  /* it was removed; parent and name say where it was */
-    FS_NODE_USED = 4,  /* since the sweep passed it */
-    FS_NODE_ABOVE = 8, /* an anchor lies, or lay, below it */
-    FS_NODE_AWAY = 16  /* the first half of a rename was read, the second not yet */
+    FS_NODE_KNOWN = 1,  /* parent and name say where it lies */
+    FS_NODE_DEAD = 2,   /* it was removed; parent and name say where it was */
+    FS_NODE_USED = 4,   /* since the sweep passed it */
+    FS_NODE_ABOVE = 8,  /* an anchor lies, or lay, below it */
+    FS_NODE_AWAY = 16,  /* the first half of a rename was read, the second not yet */
+    FS_NODE_MISSED = 32 /* what a hidden move kept from being told is counted */
+};
+
+struct fs_motion {
+    uint32_t unsure; /* the epoch in which a record that moved the directory may have been hidden */
+    uint32_t moved;  /* the number of its last move, among all that records told of; 0: none */
 };
 
 struct fs_node {
@@ -25,8 +31,9 @@ struct fs_node {
     char *name; /* name_len bytes */
     struct fs_tie *ties;
     uint32_t hash;
-    uint32_t outside;  /* the generation in which it was found to lie below no recursive anchor */
-    uint32_t top;      /* the generation of mounts in which no parent of it could be seen */
+    uint32_t outside; /* the generation in which it was found to lie below no recursive anchor */
+    uint32_t top;     /* the generation of mounts in which no parent of it could be seen */
+    struct fs_motion motion;
     uint32_t children; /* directories with this one as parent */
     uint32_t pins;
     int32_t type;

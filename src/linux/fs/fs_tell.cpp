@@ -84,6 +84,70 @@ bool is_whiteout(struct fs_engine *engine, struct fs_node *node, const struct fs
            ask_entry(engine, node, &record->to, nullptr) == FS_ENTRY_WHITEOUT;
 }
 
+/* For what was not told of an entry that came while its directory may have been elsewhere: nothing is told of it. */
+struct fs_entry untold(const struct fs_record *record) { return {record->object, "", 0}; }
+
+/*
+ * Where moves of a directory may be hidden, it lies where it seems to just before the next move that is seen, or now.
+ * Whether all others on the way up lie where they do until that moment.
+ */
+bool meet_in_one_moment(struct fs_engine *engine, const struct fs_node *node)
+{
+    uint64_t moment = FS_AT_ONCE, next = FS_NEVER;
+    for (; node && (node->flags & FS_NODE_KNOWN); node = node->parent) {
+        const struct fs_key key = fs_node_key(&engine->table, node);
+        const uint64_t moved = fs_batch_next_move(&engine->batch, &key);
+        if (moved == FS_AT_ONCE || (node->motion.unsure == engine->epoch && moment != FS_AT_ONCE && moment != moved))
+            return false;
+        if (node->motion.unsure == engine->epoch)
+            moment = moved;
+        else
+            next = moved < next ? moved : next;
+    }
+    return moment <= next;
+}
+
+/* The same of the moment when the move was seen after which others may be hidden. */
+bool met_in_one_moment(const struct fs_engine *engine, const struct fs_node *node)
+{
+    uint32_t moment = 0, last = 0;
+    for (; node && (node->flags & FS_NODE_KNOWN); node = node->parent)
+        if (node->motion.unsure != engine->epoch)
+            last = node->motion.moved > last ? node->motion.moved : last;
+        else if (moment == 0)
+            moment = node->motion.moved;
+        else
+            return false;
+    return last < moment;
+}
+
+/*
+ * Where moves may be hidden, the directory was at the path that is told at some moment, but maybe not at that of the
+ * event. What is in it now, or was before, had that path; what came and went meanwhile may never have had it.
+ */
+bool had_path(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record,
+              const struct fs_entry *entry, uint32_t kinds)
+{
+    const struct fs_entry mark = untold(record);
+    if (!engine->paths.unsure || !record->object.len || !entry->name_len)
+        return true;
+    if (!(kinds & (FMON_CREATE | FMON_MOVED_TO)))
+        return !fs_moves_has(&engine->moves, &record->object, &mark) && met_in_one_moment(engine, node);
+    if (meet_in_one_moment(engine, node) && ask_entry(engine, node, entry, &record->object) == FS_ENTRY_THIS)
+        return true;
+    fs_moves_add(&engine->moves, &record->object, &mark);
+    return false;
+}
+
+void count_losses(struct fs_engine *engine, bool told)
+{
+    const struct fs_paths *paths = &engine->paths;
+    if (paths->failed || !told || (paths->missed && !paths->used))
+        fs_engine_lost(engine, FS_LOST_UNRESOLVED);
+    if (paths->too_long)
+        fs_engine_lost(engine, FS_LOST_TOO_LONG);
+}
+
 void deliver(struct fs_engine *engine, struct fs_event *event)
 {
     const struct fs_paths *paths = &engine->paths;
@@ -94,16 +158,14 @@ void deliver(struct fs_engine *engine, struct fs_event *event)
     }
 }
 
-void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, uint32_t kinds)
+void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record,
+                   const struct fs_entry *entry, uint32_t kinds)
 {
-    const struct fs_paths *paths = &engine->paths;
     if (record->pid == engine->own_pid)
         return;
-    if (paths->failed)
-        fs_engine_lost(engine, FS_LOST_UNRESOLVED);
-    if (paths->too_long)
-        fs_engine_lost(engine, FS_LOST_TOO_LONG);
-    if (!paths->used)
+    const bool told = engine->paths.used == 0 || had_path(engine, node, record, entry, kinds);
+    count_losses(engine, told);
+    if (!told || !engine->paths.used)
         return;
     if (kinds == FMON_MOVED_TO && is_whiteout(engine, node, record))
         kinds = FMON_DELETE;
@@ -117,7 +179,7 @@ void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct 
 
 enum fs_side side_of(const struct fs_paths *paths)
 {
-    if (paths->failed)
+    if (paths->failed || paths->unsure)
         return FS_SIDE_UNKNOWN;
     return paths->inside ? FS_SIDE_INSIDE : FS_SIDE_OUTSIDE;
 }
@@ -138,7 +200,7 @@ enum fs_side tell_entry(struct fs_engine *engine, const struct fs_record *record
     fs_node_pin(node);
     fs_find_paths(engine, node, entry->name, entry->name_len, kinds & (FMON_DELETE_SELF | FMON_MOVE_SELF));
     const enum fs_side side = side_of(&engine->paths);
-    deliver_entry(engine, node, record, kinds);
+    deliver_entry(engine, node, record, entry, kinds);
     fs_node_unpin(node);
     return side;
 }
