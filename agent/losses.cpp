@@ -99,10 +99,10 @@ constexpr Row kRows[] = {
          return counted(n, "event") + " came for a directory whose path could not be found out any more";
      }},
     {"watches", [](const Status &now) { return now.fs.left_out; },
-     [](uint64_t n, const std::string &path) {
-         return counted(n, "file system") + " below a watched directory cannot be watched" + at(path);
-     },
-     [](const Status &now) -> const char * { return now.fs.last_fallback.path; }},
+     [](uint64_t n, const std::string &) {
+         return counted(n, "file system") + " below a watched directory cannot be watched: fmon dump -t backend says " +
+                (n == 1 ? "which" : "which ones");
+     }},
 };
 
 }  // namespace

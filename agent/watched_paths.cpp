@@ -170,7 +170,8 @@ std::string WatchedPaths::how_watched(const Established &all) const
     if (request_.recursive && all.directories)
         marks = counted(all.directories, "directory");
     if (all.source != "marks")
-        marks += marks.empty() ? "marks of file systems" : " and marks of file systems";
+        marks += std::string(marks.empty() ? "" : " and ") +
+                 (all.paths.size() == 1 ? "a mark of its file system" : "marks of file systems");
     return marks.empty() ? "" : " (" + marks + ")";
 }
 
