@@ -56,8 +56,8 @@ public:
 
     void fill(const uint8_t *data, size_t size) const
     {
-        FUZZ_CHECK(ftruncate(fd_, 0) == 0);
         FUZZ_CHECK(pwrite(fd_, data, size, 0) == static_cast<ssize_t>(size));
+        FUZZ_CHECK(ftruncate(fd_, static_cast<off_t>(size)) == 0); /* afterwards: its blocks are used again */
     }
     Tree files() const { return Tree(root_); }
 
