@@ -2,9 +2,7 @@
 #include <grp.h>
 #include <gtest/gtest.h>
 #include <sched.h>
-#include <signal.h>
 #include <sys/mount.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <cstring>
@@ -135,39 +133,6 @@ TEST(Containers, WithHiddenProcessesEverythingIsTheHosts)
     });
 }
 
-/* Ten thousand processes, a few hundred at a time. */
-class Churn
-{
-public:
-    Churn() : pid_(fork())
-    {
-        if (pid_ != 0)
-            return;
-        for (int i = 0; i < 10'000; i++) {
-            if (fork() == 0) {
-                pause_ms(50);
-                _exit(0);
-            }
-            while (waitpid(-1, nullptr, WNOHANG) > 0) {
-            }
-        }
-        while (wait(nullptr) > 0) {
-        }
-        _exit(0);
-    }
-    ~Churn() { waitpid(pid_, nullptr, 0); }
-    Churn(const Churn &) = delete;
-    Churn &operator=(const Churn &) = delete;
-    bool goes_on() const
-    {
-        siginfo_t info = {};
-        return waitid(P_PID, static_cast<id_t>(pid_), &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
-    }
-
-private:
-    const pid_t pid_;
-};
-
 /* What it costs is a benchmark's; here nothing gets lost, and nobody waits for long on a machine that has other work.
  */
 TEST(Containers, EventsArriveWhileProcessesComeAndGo)
@@ -183,19 +148,20 @@ TEST(Containers, EventsArriveWhileProcessesComeAndGo)
     ASSERT_TRUE(watch.line()) << watch.errors();
     Tellings expected;
     int64_t longest = 0;
-    {
-        const Churn churn;
-        for (int i = 0; churn.goes_on(); i++) {
-            if (i % 10 == 0) {
-                container.write(std::to_string(i));
-                expected.emplace("/data/" + std::to_string(i), container.owner());
-            }
-            const int64_t begin = now_ms();
-            EXPECT_EQ("host", library.owner(std::to_string(1'000'000'000 + i)));
-            longest = std::max(longest, now_ms() - begin);
-            pause_ms(5);
+    constexpr int kRuns = -1; /* what wait() says of a process that still runs */
+    Process churn({{FMON_TEST_CHURN}});
+    int churned;
+    for (int i = 0; (churned = churn.wait(0)) == kRuns; i++) {
+        if (i % 10 == 0) {
+            container.write(std::to_string(i));
+            expected.emplace("/data/" + std::to_string(i), container.owner());
         }
+        const int64_t begin = now_ms();
+        EXPECT_EQ("host", library.owner(std::to_string(1'000'000'000 + i)));
+        longest = std::max(longest, now_ms() - begin);
+        pause_ms(5);
     }
+    EXPECT_EQ(0, churned);
     EXPECT_GT(expected.size(), 10u);
     EXPECT_LT(longest, 1000);
     EXPECT_EQ(expected, tellings(watch, expected.size())) << watch.errors();
