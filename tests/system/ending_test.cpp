@@ -201,7 +201,7 @@ TEST(OutputFile, KeepsItsContentWhenNothingIsWatched)
     Process wrong({watch({"-o", out, tree.path("missing")})});
     EXPECT_EQ(2, wrong.wait());
     EXPECT_EQ("precious\n", content(out));
-    Process refused({watch({"-o", out, "--pid", "-e", "create", tree.root()})});
+    Process refused({watch({"-o", out, "--source", "marks", "--pid", "-e", "create", tree.root()})});
     EXPECT_EQ(2, refused.wait());
     EXPECT_EQ("precious\n", content(out));
     Process unwritable({watch({"-o", tree.path("none/out"), tree.root()})});
