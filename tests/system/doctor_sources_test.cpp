@@ -35,7 +35,7 @@ protected:
     }
     void TearDown() override
     {
-        for (const char *dir : {"overlay", "nested", "tmpfs"})
+        for (const char *dir : {"overlay", "nested", "tmpfs", "one", "two"})
             while (umount2(tree.path(dir).c_str(), MNT_DETACH) == 0) {
             }
     }
@@ -102,6 +102,21 @@ TEST_F(DoctorSources, ABindMountIsServedAsItsFileSystem)
     make_dir(base + "/a");
     bind_mount(base + "/a", point);
     EXPECT_EQ(text_of(point), text_of(base));
+}
+
+// An image and its copy: their events could not be told apart.
+TEST_F(DoctorSources, OfTwoFileSystemsWithOneIdOneIsServed)
+{
+    const std::string one = tree.dir("one"), two = tree.dir("two"), image = tree.path("image");
+    const std::string command = "exec 2>&1 >/dev/null; truncate -s 8M " + image + " && mkfs.ext4 -q " + image +
+                                " && cp " + image + " " + image + "2 && mount -o loop " + image + " " + one +
+                                " && mount -o loop " + image + "2 " + two;
+    NEED(system(command.c_str()) == 0, "needs mkfs.ext4 and loop devices");
+    EXPECT_EQ("filesystem", text_of(one));
+    const Json check = check_of(two);
+    EXPECT_EQ("marks: its file system has the id of the one on " + one + ", as copied images have",
+              check.value("text", ""));
+    EXPECT_NE(std::string::npos, check.value("remedy", "").find("tune2fs -U random"));
 }
 
 TEST_F(DoctorSources, WithoutTheRights)
