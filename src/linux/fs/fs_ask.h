@@ -44,6 +44,9 @@ struct fs_asks {
 
     int (*open)(void *arg, int mount_fd, const struct fs_key *directory); /* -1 and errno */
 
+    /* Calls each(to, ...) for each entry of an open directory. False: there are too many, or an error. */
+    bool (*list)(void *arg, int directory_fd, void (*each)(void *to, const char *name, uint32_t len), void *to);
+
     /* `key` null: no handle is asked for. */
     enum fs_entry_kind (*entry)(void *arg, int directory_fd, const char *name, const struct fs_key *key);
 

@@ -1,7 +1,8 @@
 /*
  * fs_state.h: the engine's inside, shared by its sources: fs_engine.cpp (its life, the turn over the records),
  * fs_anchor.cpp (anchors and joints), fs_resolve.cpp (where a directory lies), fs_path.cpp (the paths of an entry),
- * fs_tell.cpp (what is handed on), fs_learn.cpp (what records say of directories).
+ * fs_tell.cpp (what is handed on), fs_entries.cpp (what entries are on the disk), fs_learn.cpp (what records say of
+ * directories).
  */
 #ifndef FMON_FS_STATE_H
 #define FMON_FS_STATE_H
@@ -40,10 +41,12 @@ struct fs_paths {
 };
 
 /* Directories that are open for questions about their entries, until the engine's function returns. */
-enum { FS_OPEN_DIRECTORIES = 16 };
+enum { FS_OPEN_DIRECTORIES = 16, FS_NAME_BITS = 8192 };
 struct fs_open_directory {
     struct fs_node *node; /* pinned; null: free */
     int fd;
+    uint32_t listed;                   /* the number of the first chunk that was read after it was; 0: it was not */
+    uint64_t names[FS_NAME_BITS / 64]; /* a bit for each name's hash */
 };
 
 struct fs_engine {
@@ -93,6 +96,11 @@ enum fs_side { FS_SIDE_NONE, FS_SIDE_INSIDE, FS_SIDE_OUTSIDE, FS_SIDE_UNKNOWN };
 
 /* fs_tell.cpp: hands on what a record says; the sides of its entries. */
 void fs_tell(struct fs_engine *engine, const struct fs_record *record, enum fs_side *from, enum fs_side *to);
+
+/* fs_entries.cpp: whether the entry is there and has that key, on the disk; with key null, whether it is a whiteout.
+ * The directory is pinned. */
+bool fs_entry_is(struct fs_engine *engine, struct fs_node *node, const struct fs_entry *entry,
+                 const struct fs_key *key);
 void fs_close_directories(struct fs_engine *engine);
 
 /* fs_learn.cpp: what a record says of directories. */

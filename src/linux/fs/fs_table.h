@@ -12,12 +12,13 @@
 struct fs_tie;
 
 enum {
-    FS_NODE_KNOWN = 1,  /* parent and name say where it lies */
-    FS_NODE_DEAD = 2,   /* it was removed; parent and name say where it was */
-    FS_NODE_USED = 4,   /* since the sweep passed it */
-    FS_NODE_ABOVE = 8,  /* an anchor lies, or lay, below it */
-    FS_NODE_AWAY = 16,  /* the first half of a rename was read, the second not yet */
-    FS_NODE_MISSED = 32 /* what a hidden move kept from being told is counted */
+    FS_NODE_KNOWN = 1,   /* parent and name say where it lies */
+    FS_NODE_DEAD = 2,    /* it was removed; parent and name say where it was */
+    FS_NODE_USED = 4,    /* since the sweep passed it */
+    FS_NODE_ABOVE = 8,   /* an anchor lies, or lay, below it */
+    FS_NODE_AWAY = 16,   /* the first half of a rename was read, the second not yet */
+    FS_NODE_MISSED = 32, /* what a hidden move kept from being told is counted */
+    FS_NODE_BIG = 64     /* it has too many entries to be read as a whole */
 };
 
 struct fs_motion {

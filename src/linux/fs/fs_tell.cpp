@@ -9,61 +9,13 @@
 namespace
 {
 
-/* The directory, opened through the first mount that shows it; -1: it cannot be opened. */
-int open_through_mounts(struct fs_engine *engine, const struct fs_node *node)
-{
-    const struct fs_world *world = &engine->world;
-    const struct fs_key key = fs_node_key(&engine->table, node);
-    for (unsigned n = 0;; n++) {
-        const int mount_fd = world->open_mount(world->arg, key.fsid, n);
-        const int fd = mount_fd < 0 ? -1 : world->asks->open(world->arg, mount_fd, &key);
-        if (mount_fd < 0 || fd >= 0)
-            return fd;
-    }
-}
-
-void close_directory(struct fs_engine *engine, struct fs_open_directory *directory)
-{
-    if (!directory->node)
-        return;
-    if (directory->fd >= 0)
-        engine->world.asks->close(engine->world.arg, directory->fd);
-    fs_node_unpin(directory->node);
-    directory->node = nullptr;
-}
-
-/* Stays open until the engine's function returns. */
-int open_directory(struct fs_engine *engine, struct fs_node *node)
-{
-    struct fs_open_directory *directory = &engine->open[node->hash % FS_OPEN_DIRECTORIES];
-    if (directory->node == node)
-        return directory->fd;
-    close_directory(engine, directory);
-    *directory = {node, open_through_mounts(engine, node)};
-    fs_node_pin(node);
-    return directory->fd;
-}
-
-enum fs_entry_kind ask_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_entry *entry,
-                             const struct fs_key *key)
-{
-    const int fd = open_directory(engine, node);
-    if (fd < 0)
-        return FS_ENTRY_NONE;
-    char name[NAME_MAX + 1];
-    memcpy(name, entry->name, entry->name_len);
-    name[entry->name_len] = '\0';
-    engine->counts.asked_files++;
-    return engine->world.asks->entry(engine->world.arg, fd, name, key);
-}
-
 /* An unlink and a link of one file by one name are joined whatever their order was. */
 bool is_delete_first(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, uint32_t kinds)
 {
     constexpr uint32_t kBoth = FMON_CREATE | FMON_DELETE;
     if ((kinds & kBoth) != kBoth || (record->mask & FS_MASK_ONDIR) || !record->object.len || !record->entry.name_len)
         return false;
-    return ask_entry(engine, node, &record->entry, &record->object) == FS_ENTRY_THIS;
+    return fs_entry_is(engine, node, &record->entry, &record->object);
 }
 
 /* What an overlay calls files in its work directory, whiteouts among them: "#" and a number. */
@@ -81,7 +33,7 @@ bool is_work_name(const struct fs_entry *entry)
 bool is_whiteout(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record)
 {
     return !(record->mask & FS_MASK_ONDIR) && is_work_name(&record->entry) && record->to.name_len &&
-           ask_entry(engine, node, &record->to, nullptr) == FS_ENTRY_WHITEOUT;
+           fs_entry_is(engine, node, &record->to, nullptr);
 }
 
 /* For what was not told of an entry that came while its directory may have been elsewhere: nothing is told of it. */
@@ -133,7 +85,7 @@ bool had_path(struct fs_engine *engine, struct fs_node *node, const struct fs_re
         return true;
     if (!(kinds & (FMON_CREATE | FMON_MOVED_TO)))
         return !fs_moves_has(&engine->moves, &record->object, &mark) && met_in_one_moment(engine, node);
-    if (meet_in_one_moment(engine, node) && ask_entry(engine, node, entry, &record->object) == FS_ENTRY_THIS)
+    if (meet_in_one_moment(engine, node) && fs_entry_is(engine, node, entry, &record->object))
         return true;
     fs_moves_add(&engine->moves, &record->object, &mark);
     return false;
@@ -216,10 +168,4 @@ void fs_tell(struct fs_engine *engine, const struct fs_record *record, enum fs_s
     }
     const auto kinds = static_cast<uint32_t>(record->mask & FMON_ALL_EVENTS);
     *from = *to = kinds ? tell_entry(engine, record, &record->entry, kinds) : FS_SIDE_NONE;
-}
-
-void fs_close_directories(struct fs_engine *engine)
-{
-    for (auto &directory : engine->open)
-        close_directory(engine, &directory);
 }
