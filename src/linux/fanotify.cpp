@@ -62,6 +62,20 @@ int init_fanotify(void)
     return fd < 0 ? FMON_LINUX_EFANINIT : fd;
 }
 
+int fanotify_call_init(unsigned flags, unsigned event_flags)
+{
+    if (!fanotify_init_ptr) {
+        errno = ENOSYS;
+        return -1;
+    }
+    return fanotify_init_ptr(flags, event_flags);
+}
+
+int fanotify_call_mark(int fd, unsigned operation, uint64_t mask, int dirfd)
+{
+    return mark(fd, operation, mask, dirfd, nullptr);
+}
+
 int fanotify_add(int fd, const char *path, uint32_t mask, uint32_t flags)
 {
     uint64_t bits = mask;

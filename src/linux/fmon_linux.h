@@ -124,6 +124,10 @@ FMON_API int fanotify_del(int fd, const char *path, uint32_t mask, uint32_t flag
 int fanotify_flush(int fd); /* every mark on files and directories */
 FMON_API int fanotify_ignore(int fd, int dirfd, uint32_t mask, int add);
 
+/* The system's calls, as init_fanotify found them; a mark is on what `dirfd` is open on. -1 and errno. */
+int fanotify_call_init(unsigned flags, unsigned event_flags);
+int fanotify_call_mark(int fd, unsigned operation, uint64_t mask, int dirfd);
+
 /* ---- watches ---- */
 
 FMON_API int fmon_check_watch(struct watch *);

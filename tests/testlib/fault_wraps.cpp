@@ -5,6 +5,8 @@
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <poll.h>
+#include <pthread.h>
+#include <sys/eventfd.h>
 #include <sys/fanotify.h>
 #include <sys/inotify.h>
 #include <sys/prctl.h>
@@ -135,6 +137,9 @@ WRAP_AS(-1, int, fstat, fstat64, (int fd, struct stat64 *st), (fd, st))
 WRAP(-1, int, fstatat, (int fd, const char *path, struct stat *st, int flags), (fd, path, st, flags))
 WRAP_AS(-1, int, fstatat, fstatat64, (int fd, const char *path, struct stat64 *st, int flags), (fd, path, st, flags))
 WRAP(-1, int, open_by_handle_at, (int fd, struct file_handle *handle, int flags), (fd, handle, flags))
+WRAP(-1, int, name_to_handle_at, (int fd, const char *path, struct file_handle *handle, int *mount, int flags),
+     (fd, path, handle, mount, flags))
+WRAP(-1, int, eventfd, (unsigned value, int flags), (value, flags))
 WRAP(-1, int, poll, (struct pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 WRAP(nullptr, DIR *, opendir, (const char *path), (redirected(path)))
 WRAP(nullptr, FILE *, fopen, (const char *path, const char *mode), (redirected(path), mode))
@@ -159,6 +164,16 @@ WRAP(nullptr, char *, fgets, (char *buf, int size, FILE *file), (buf, size, file
     }
 WRAP_READDIR(readdir, struct dirent)
 WRAP_READDIR(readdir64, struct dirent64)
+
+/* ---- threads: the result is the error ---- */
+
+int __real_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *arg);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *arg);
+int __wrap_pthread_create(pthread_t *thread, const pthread_attr_t *attributes, void *(*body)(void *), void *arg)
+{
+    const int err = injected_error(Call::pthread_create);
+    return err ? err : __real_pthread_create(thread, attributes, body, arg);
+}
 
 /* ---- closing: Linux gives the descriptor back whatever close() answers, so the failing one does too ---- */
 
