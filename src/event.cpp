@@ -26,7 +26,7 @@ constexpr int32_t kChainLength = 12, kMinBuckets = 32;
 /* One raw event on its way through the table. */
 struct raw_event {
     char *path; /* owned until a record takes it */
-    uint32_t mask, pid;
+    uint32_t mask, pid, from_fs;
     int source_fd;
     const char *walk;      /* the path to look directories up by */
     const char *container; /* null: none */
@@ -104,16 +104,22 @@ struct event_record *new_record(const struct raw_event *raw)
     record->ev.path = raw->path;
     record->ev.mask = raw->mask;
     record->ev.pid = raw->pid;
+    record->from_fs = raw->from_fs;
     return record;
 }
 
-/* Returns whether any watch was met. Without a dentry only a kernel probe's event is for the whole system. */
+/* Returns whether any watch was met. Without a dentry only a kernel probe's event is for the whole system, and one of
+ * the source of whole file systems where that stands in for probes. */
 bool offer(struct fmon *monitor, struct event *ev, struct dentry *d, const char *name, const struct raw_event *raw)
 {
     if (d)
         return event_offer_dentry(monitor, ev, d, name);
-    if (raw->source_fd != 0)
-        return event_offer_path(monitor, ev, raw->walk);
+    if (raw->source_fd != 0) {
+        const bool watched = event_offer_path(monitor, ev, raw->walk);
+        if (raw->from_fs && monitor->fs_global)
+            event_dispatch_global(monitor, ev);
+        return watched;
+    }
     event_dispatch_global(monitor, ev);
     return false;
 }
@@ -185,10 +191,11 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
     raw.mask = mask;
     raw.pid = pid;
     raw.source_fd = source_fd;
+    raw.from_fs = monitor->fs_fd > 0 && source_fd == monitor->fs_fd;
     translate_path(&raw, mount_id);
 
     uint64_t key = event_key(raw.path, pid);
-    struct event *ev = event_index_find(monitor, key, raw.path, pid);
+    struct event *ev = event_index_find(monitor, key, raw.path, pid, raw.from_fs);
     if (ev) {
         merge(monitor, ev, mask);
         offer(monitor, ev, d, name, &raw);

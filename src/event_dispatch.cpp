@@ -69,12 +69,16 @@ void queue_entry(struct fmon *monitor, struct event_entry *entry, int id)
     monitor->event_mask |= instance_bit(id);
 }
 
+/* Each watch has its events of one source only, each of which reports everything that it is asked for. */
+bool is_served(const struct watch *w) { return (w->flags & FMON_LINUX_FS) != 0; }
+bool is_from_fs(struct event *ev) { return FMON_RECORD(ev, struct event_record, ev)->from_fs != 0; }
+
 /* An instance that is short of memory for the delivery misses the event, unless another of its watches comes by. It no
  * longer holds the record back either: what it waited for has come. */
 void offer_to_watch(struct fmon *monitor, struct event *ev, const struct watch *w)
 {
     uint32_t bit = instance_bit(w->instance);
-    if (ev->ref & bit)
+    if ((ev->ref & bit) || is_served(w) != is_from_fs(ev))
         return;
     Verdict verdict = match(w, ev);
     if (verdict == Verdict::kNoMatch)

@@ -105,11 +105,13 @@ uint64_t event_key(const char *path, uint32_t pid)
     return sip_finish(&s);
 }
 
-struct event *event_index_find(const struct fmon *monitor, uint64_t key, const char *path, uint32_t pid)
+struct event *event_index_find(const struct fmon *monitor, uint64_t key, const char *path, uint32_t pid,
+                               uint32_t from_fs)
 {
     for (hlink *node = *index_head(monitor, key); node; node = node->next) {
         struct event_record *record = FMON_RECORD(node, struct event_record, index_link);
-        if (record->tag == tag_of(key) && record->ev.pid == pid && strcmp(record->ev.path, path) == 0)
+        if (record->tag == tag_of(key) && record->ev.pid == pid && record->from_fs == from_fs &&
+            strcmp(record->ev.path, path) == 0)
             return &record->ev;
     }
     return nullptr;

@@ -18,6 +18,7 @@
 struct event_record {
     struct event ev;
     uint32_t tag;     /* upper half of the key: tells strangers apart without touching their path */
+    uint32_t from_fs; /* 1: of the source of whole file systems, whose records are its watches' alone */
     hlink index_link; /* linked exactly while ev.link is */
     list_head age;    /* so is this, in fmon.records */
 };
@@ -28,7 +29,7 @@ hlink **event_table_new(int32_t hash_size);
 
 uint64_t event_key(const char *path, uint32_t pid);
 
-struct event *event_index_find(const struct fmon *, uint64_t key, const char *path, uint32_t pid);
+struct event *event_index_find(const struct fmon *, uint64_t key, const char *path, uint32_t pid, uint32_t from_fs = 0);
 void event_index_add(const struct fmon *, struct event_record *, uint64_t key);
 
 /* For a record whose ev.link is linked. */

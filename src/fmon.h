@@ -23,6 +23,10 @@ struct dentry;
 struct event;
 struct fmon;
 struct watch;
+struct fs_root;
+
+/* Internal watch flag: served by the source of whole file systems, and offered no event of another one. */
+#define FMON_LINUX_FS 0x200000u
 
 /* A delivery entry: one event record in one instance's queue. */
 struct event_entry {
@@ -52,6 +56,7 @@ struct watch {
     list_head inst_link, link;
     struct watch *parent;        /* the pattern that made a dynamic watch */
     uint32_t fan_mask, ino_mask; /* the backend's split of `mask` */
+    struct fs_root *fs;          /* the backend's; null: not served by the source of whole file systems */
 };
 
 /* What the core and the backend keep in a dentry's owner area. */
@@ -94,6 +99,8 @@ struct fmon {
      * before the start and by nobody else. */
     uint32_t hardened;
     struct fmon_fs_keys fs_keys; /* set before the start, too */
+    int32_t fs_fd;               /* the source_fd of its events; 0: none */
+    uint32_t fs_global;          /* not 0: its events are for the whole system, too */
     struct fmon_loss_counts
         lost;             /* since the start; what the backend and the probe library count is added on request */
     list_head records;    /* those of the event table, of struct event_record, oldest first */
