@@ -58,7 +58,8 @@ int fmon_add_global_watch(int id, uint32_t mask)
     int result = fmon_check_instance(id);
     if (result < 0)
         return result;
-    result = fmon_method.add_global(mask & FMON_CLOSE_WRITE ? mask_beside_mounts(id, mask) : mask);
+    const bool by_mounts = (mask & FMON_CLOSE_WRITE) && !fmon_linux_global_has_contents();
+    result = fmon_method.add_global(by_mounts ? mask_beside_mounts(id, mask) : mask);
     if (result != 0) {
         /* Only this one mount watch is taken back, whoever added it; the others go on reporting. */
         fmon_del_watch(id, "/");

@@ -8,6 +8,7 @@
 #include "fmon.h"
 #include "fmon_shell.h"
 #include "linux/fmon_linux.h"
+#include "linux/fs/fs_source.h"
 #include "linux/probe/clt_file.h"
 #include "linux/probe/clt_inotify.h"
 
@@ -72,7 +73,14 @@ void fill_sources(struct fmon_status *out)
     out->inotify_probe = fmon_account.inotify_probe;
     clt_inotify_look(&out->inotify_probe);
     out->file_probes = fmon_account.file_probes;
-    out->fs = fmon_account.fs;
+}
+
+void note_fallback(uint32_t reason, int32_t error, const char *path)
+{
+    struct fmon_fallback *last = &fmon_account.fs.last_fallback;
+    last->reason = reason;
+    last->error = error;
+    copy_text(last->path, sizeof last->path, path);
 }
 
 void fill_counts(struct fmon_status *out)
@@ -118,11 +126,14 @@ void account_marked(const char *path)
 
 void account_fallback(uint32_t reason, int32_t error, const char *path)
 {
-    struct fmon_fallback *last = &fmon_account.fs.last_fallback;
-    last->reason = reason;
-    last->error = error;
-    copy_text(last->path, sizeof last->path, path);
+    note_fallback(reason, error, path);
     fmon_account.fs.fallbacks++;
+}
+
+void account_left_out(uint32_t reason, int32_t error, const char *path)
+{
+    note_fallback(reason, error, path);
+    fmon_account.fs.left_out++;
 }
 
 void account_begin(void)
@@ -185,6 +196,7 @@ int _orx_fmon_status(struct fmon_status *out)
     fill_losses(&now);
     fill_counts(&now);
     fill_sources(&now);
+    fs_source_status(&now);
     memcpy(out, &now, now.size);
     return fmon.inited ? 0 : FMON_ENOTINIT;
 }

@@ -40,6 +40,9 @@ void account_marked(const char *path);
 /* Other marks are used for what is at `path`: FMON_FALLBACK_*. */
 void account_fallback(uint32_t reason, int32_t error, const char *path);
 
+/* No source serves the mount. */
+void account_left_out(uint32_t reason, int32_t error, const char *path);
+
 /* A new start: nothing is known. */
 void account_begin(void);
 

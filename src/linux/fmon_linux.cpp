@@ -8,6 +8,7 @@
 
 #include "checked.h"
 #include "fmon_status.h"
+#include "linux/fs/fs_source.h"
 #include "linux/inode_index.h"
 #include "linux/inotify.h"
 #include "linux/mount.h"
@@ -48,6 +49,9 @@ constexpr int32_t kPlainFds = 3;
 
 /* Positions beyond the computed number: the fanotify pair behind a full set of probe sources. */
 constexpr int32_t kSlack = 2;
+
+/* And one for the source of whole file systems, which probe sources must not get. */
+int32_t fs_slack() { return fmon.fs_keys.events ? 1 : 0; }
 
 /* The reader without probes looks at the first three positions only: whatever the library offers is then left alone, so
  * that these are inotify and the fanotify pair. */
@@ -98,7 +102,7 @@ void release_earlier_run()
 /* The five arrays, zeroed. The text of the probe library decides fd_num, so its sources are given their room. */
 int make_arrays(int32_t capacity)
 {
-    size_t n = static_cast<size_t>(capacity);
+    size_t n = static_cast<size_t>(checked_add(capacity, fs_slack()));
     fmlnx.fds = static_cast<int32_t *>(calloc(n, sizeof(int32_t)));
     fmlnx.period_start = static_cast<uint32_t *>(calloc(n, sizeof(uint32_t)));
     fmlnx.delay = static_cast<uint32_t *>(calloc(n, sizeof(uint32_t)));
@@ -186,6 +190,29 @@ void open_global()
         fmlnx.fds[first + i] = i < fmlnx.inotify_num ? -1 : 0;
 }
 
+/* Behind all others, whose positions stay what they are. */
+void open_file_systems()
+{
+    const int fd = fs_source_start();
+    fmon.fs_fd = 0;
+    fmon.fs_global = 0;
+    if (fd < 0)
+        return;
+    fmlnx.fs_position = fmlnx.fd_num++;
+    fmlnx.fds[fmlnx.fs_position] = fd;
+    fmon.fs_fd = fd;
+}
+
+/* Its descriptor is closed by its owner. */
+void close_file_systems()
+{
+    fs_source_stop();
+    if (fmlnx.fs_position)
+        fmlnx.fds[fmlnx.fs_position] = -1;
+    fmon.fs_fd = 0;
+    fmon.fs_global = 0;
+}
+
 }  // namespace
 
 int fmon_linux_pre_init(void) { return 0; }
@@ -211,6 +238,7 @@ int fmon_linux_init(struct fmon *)
         return result;
     open_fanotify();
     open_global();
+    open_file_systems();
 
     FMON_LOG(3, kFile, "fmon watct these fds");
     for (int32_t i = 0; i < fmlnx.fd_num; i++)
@@ -224,6 +252,7 @@ void fmon_linux_deinit(void)
 {
     if (!fmlnx.initialised)
         return;
+    close_file_systems();
     /* 0 is an unfilled position, never a descriptor of ours; the inotify one is closed by its owner, once. */
     for (int32_t i = 0; i < fmlnx.fd_num; i++) {
         if (fmlnx.fds[i] > 0 && fmlnx.fds[i] != inotify_descriptor())

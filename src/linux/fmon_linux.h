@@ -33,6 +33,9 @@ constexpr int FMON_LINUX_EPATH = -117;
 #define FMON_LINUX_LAST_MARK 0x40000u
 #define FMON_LINUX_OPENED 0x100000u
 
+/* The same: what of a watch the source of whole file systems cannot serve (linux/fs/fs_below.cpp). */
+#define FMON_LINUX_PART 0x400000u
+
 /* What fanotify can report. */
 constexpr uint32_t FMON_LINUX_FANOTIFY_KINDS =
     FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE | FMON_OPEN;
@@ -102,7 +105,8 @@ struct fmlnx_t {
     uint32_t *period_start, *delay, *io_count; /* per position */
     int32_t *selectable;
     int32_t events_this_pass, max_events_per_pass;
-    int32_t next_first; /* where the next pass begins: behind the position that used a hardened monitor's pass up */
+    int32_t fs_position; /* of the source of whole file systems in `fds`, the last one; 0: none */
+    int32_t next_first;  /* where the next pass begins: behind the position that used a hardened monitor's pass up */
 };
 extern struct fmlnx_t fmlnx; /* hidden */
 
@@ -134,6 +138,9 @@ FMON_API int fmon_check_watch(struct watch *);
 FMON_API int fmon_linux_add_watch(struct fmon *, struct watch *);
 FMON_API int fmon_linux_del_watch(struct fmon *, struct watch *);
 FMON_API int fmon_linux_punish_unexpected_watch(int fd, char *path);
+
+/* Whether the watch is a client's, and counted: 1 or 0. */
+inline unsigned fmon_linux_counts(const struct watch *w) { return (w->flags & FMON_LINUX_PART) == 0; }
 
 /* Marks of mount watches (fmon_linux_mount.cpp). */
 int fmon_linux_add_mount_watch(struct watch *);
@@ -242,6 +249,10 @@ void fmon_linux_on_delete(struct dentry *, const char *name, int is_dir);
 void fmon_linux_on_attrib(struct dentry *, const char *name, int is_dir);
 
 /* ---- system-wide events ---- */
+
+/* Whether the system-wide source reports what happens to contents as cheaply as mount watches: these must not report it
+ * a second time. */
+bool fmon_linux_global_has_contents(void);
 
 FMON_API int fmon_linux_add_global(uint32_t mask);
 FMON_API int fmon_linux_del_global(uint32_t mask); /* mask: what is still wanted */

@@ -1,6 +1,7 @@
 /* System-wide kinds, switched at the probe sources. */
 
 #include "linux/fmon_linux.h"
+#include "linux/fs/fs_source.h"
 #include "linux/probe/clt_file.h"
 #include "log.h"
 
@@ -11,6 +12,9 @@ constexpr char kFile[] = "linux/fmon_linux.c";
 
 /* The kinds that a probe can report from the whole system, in the order in which they are switched. */
 constexpr uint32_t kGlobalKinds[] = {FMON_CLOSE_WRITE, FMON_MOVED_FROM, FMON_MOVED_TO, FMON_DELETE, FMON_CREATE};
+
+/* Where probes cannot be used, events of whole file systems can. `kinds`: all that are wanted. */
+bool served(uint32_t kinds) { return fmlnx.kp_global != 1 && fs_source_global(kinds) == 0; }
 
 /* Not in a container, nor where the probe library is missing or did not start. */
 bool supported()
@@ -32,8 +36,12 @@ void switch_kinds(uint32_t mask, int on)
 
 }  // namespace
 
+bool fmon_linux_global_has_contents(void) { return fmlnx.kp_global != 1 && fs_source_ready(); }
+
 int fmon_linux_add_global(uint32_t mask)
 {
+    if (served(fmon.global_event_mask | mask))
+        return 0;
     if (!supported())
         return -1;
     switch_kinds(mask, '1');
@@ -42,6 +50,8 @@ int fmon_linux_add_global(uint32_t mask)
 
 int fmon_linux_del_global(uint32_t mask)
 {
+    if (served(mask))
+        return 0;
     if (!supported())
         return -1;
     switch_kinds(~mask, '0');
@@ -51,6 +61,10 @@ int fmon_linux_del_global(uint32_t mask)
 /* Only the create probe filters by mount and by watched place. */
 int fmon_linux_update_global(int)
 {
+    if (fmon.fs_global) {
+        fs_source_look_at_mounts();
+        return 0;
+    }
     if (!supported())
         return -1;
     enable_filter(FMON_CREATE);

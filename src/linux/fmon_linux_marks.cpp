@@ -25,6 +25,8 @@ struct fmon_masks masks_with(struct dentry *d, uint32_t flags)
         const struct watch *w = FMON_RECORD(node, struct watch, link);
         if ((w->flags & FMON_MOUNT) || (w->flags & flags) != flags)
             continue;
+        if ((w->flags & FMON_LINUX_FS) && (flags & FMON_RECURSIVE))
+            continue; /* inotify is on its root alone */
         masks.fan |= w->fan_mask;
         masks.ino |= w->ino_mask;
     }

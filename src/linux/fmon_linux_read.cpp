@@ -13,6 +13,7 @@
 #include "event.h"
 #include "linux/event_path.h"
 #include "linux/fmon_linux.h"
+#include "linux/fs/fs_source.h"
 #include "linux/probe/clt_file.h"
 #include "linux/probe/clt_inotify.h"
 #include "linux/rate_ctrl.h"
@@ -241,6 +242,7 @@ void end_pass(struct fmon *monitor, uint32_t now_ms)
     }
     fmlnx.events_this_pass = 0;
     container_pass(false);
+    fs_source_heed_news(monitor);
     fmon_linux_check_places(now_ms);
     fmon_linux_sweep_marks(now_ms);
     rate_ctrl(monitor, now_ms);
@@ -261,6 +263,10 @@ int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback
     if (position < k)
         return read_inotify_source(monitor, position, callback);
     fmlnx.io_count[position]++;
+    if (position == fmlnx.fs_position) {
+        fs_source_read(monitor, callback); /* has a limit of its own */
+        return 0;
+    }
     return position > k + 1 ? kpnotify_parse(position - k - 2) : read_fanotify(monitor, fmlnx.fds[position], callback);
 }
 
@@ -399,6 +405,8 @@ int fmon_linux_read_event2(struct fmon *monitor, uint32_t now_ms, fmon_event_cb 
         read_fanotify(monitor, fmlnx.fds[1], callback);
     if (ready(2))
         read_fanotify(monitor, fmlnx.fds[2], callback);
+    if (fmlnx.fs_position && ready(fmlnx.fs_position))
+        fs_source_read(monitor, callback);
     end_pass(monitor, now_ms);
     return 0;
 }

@@ -9,6 +9,7 @@
 #include "fmon_status.h"
 #include "linux/dcache_iterate.h"
 #include "linux/fmon_linux.h"
+#include "linux/fs/fs_source.h"
 #include "linux/inode_index.h"
 #include "linux/inotify.h"
 #include "list.h"
@@ -74,7 +75,7 @@ bool covered_by_recursive(struct dentry *d, struct dentry **watched)
     for (; d; d = d->parent) {
         FMON_LIST_EACH (node, &owner_of(d)->watches) {
             constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE;
-            if ((FMON_RECORD(node, struct watch, link)->flags & kTree) == kTree)
+            if ((FMON_RECORD(node, struct watch, link)->flags & (kTree | FMON_LINUX_FS)) == kTree)
                 return true;
             if (!*watched)
                 *watched = d;
@@ -90,6 +91,14 @@ void let_go_below(struct dentry *d, struct fmon_masks rec)
         log_dentry(below, masks);
         fmon_linux_punish(below, masks.fan, masks.ino);
     });
+}
+
+bool has_served_watch(struct dentry *d)
+{
+    FMON_LIST_EACH (node, &owner_of(d)->watches)
+        if (FMON_RECORD(node, struct watch, link)->flags & FMON_LINUX_FS)
+            return true;
+    return false;
 }
 
 bool is_bare(struct dentry *d) { return no_watches(d) && no_children(d) && !fmon_linux_marked(d); }
@@ -207,13 +216,16 @@ void fmon_linux_collect(struct dentry *d)
 
 void fmon_linux_punish(struct dentry *d, uint32_t fe, uint32_t ie)
 {
+    if (has_served_watch(d))
+        fs_source_catch_up(&fmon); /* what is there to be read was before this end */
     FMON_LIST_EACH_SAFE (node, &owner_of(d)->watches) {
         struct watch *w = FMON_RECORD(node, struct watch, link);
         if (w->flags & FMON_MOUNT)
             continue;
+        fs_source_remove(w); /* first: what goes with it leaves dentries with a watch alone */
         list_unlink(&w->link);
         w->dentry = nullptr;
-        fmon_account.watches--;
+        fmon_account.watches -= fmon_linux_counts(w);
         watch_out_service(&fmon, w); /* may free it */
     }
     if (fe != 0)

@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstring>
 
 #include "event.h"
 #include "fmon_status.h"
 #include "linux/fmon_linux.h"
+#include "linux/fs/fs_source.h"
 #include "linux/inode_index.h"
 #include "list.h"
 #include "log.h"
@@ -58,7 +60,7 @@ int mark_watched(struct watch *w, const struct fmon_place *at, bool made, struct
     if (result < 0)
         return result;
     result = fmon_linux_ino_up(d, at, others.ino, w->ino_mask);
-    if (result >= 0 && (w->flags & FMON_RECURSIVE)) {
+    if (result >= 0 && (w->flags & (FMON_RECURSIVE | FMON_LINUX_FS)) == FMON_RECURSIVE) {
         struct fmon_masks base = masks_or(rec, {w->fan_mask, w->ino_mask});
         result = fmon_linux_mark_subtree(d, w->max_depth, w->max_subdirs, base);
         if (result < 0)
@@ -69,6 +71,40 @@ int mark_watched(struct watch *w, const struct fmon_place *at, bool made, struct
     return result;
 }
 
+/* The kinds that inotify reports of a served watch's root, so that its end is noticed. */
+constexpr uint32_t kRootMask = FMON_DELETE_SELF | FMON_MOVE_SELF;
+
+/* True: the source of whole file systems serves the watch, whose root has inotify's marks for its own end. */
+bool serve(struct watch *w, const struct fmon_place *at, bool made)
+{
+    if (!fs_source_add(w, at->fd >= 0 ? at->link : w->path))
+        return false;
+    w->fan_mask = 0;
+    w->ino_mask = kRootMask;
+    if (mark_watched(w, at, made, fmon_linux_recursive_masks(w->dentry)) == 0)
+        return true;
+    account_fallback(FMON_FALLBACK_ROOT, errno, w->path);
+    fs_source_remove(w);
+    split_mask(w);
+    return false;
+}
+
+/* Whether marks of inotify and fanotify can do what the watch asks. */
+bool marks_will_do(const struct watch *w)
+{
+    return !(w->flags & (FMON_MOUNT | FMON_PID)) ||
+           (fmlnx.fan_fd[FAN_FD_MOUNT] >= 1 && !(w->mask & ~FMON_LINUX_FANOTIFY_KINDS));
+}
+
+int place_watched(struct watch *w, const struct fmon_place *at, bool made)
+{
+    if (serve(w, at, made))
+        return 0;
+    if (!marks_will_do(w))
+        return FMON_ENOTSUP;
+    return mark_watched(w, at, made, fmon_linux_recursive_masks(w->dentry));
+}
+
 int add_tree_watch(struct watch *w, bool made)
 {
     struct fmon_place at;
@@ -76,7 +112,7 @@ int add_tree_watch(struct watch *w, bool made)
     int result = fmon_linux_place_open(&at, w->dentry, w->flags);
     if (result < 0)
         return result;
-    result = mark_watched(w, &at, made, fmon_linux_recursive_masks(w->dentry));
+    result = place_watched(w, &at, made);
     fmon_linux_place_close(&at);
     if (result < 0)
         fmon_linux_forget_bare(w->dentry);
@@ -95,12 +131,20 @@ int fmon_check_watch(struct watch *w)
         if ((w->mask & FMON_MODIFY) && !(w->mask & FMON_CLOSE_WRITE))
             return FMON_EINVAL;
     }
-    if (!(w->flags & (FMON_MOUNT | FMON_PID)))
-        return 0;
-    if (fmlnx.fan_fd[FAN_FD_MOUNT] < 1 || (w->mask & ~FMON_LINUX_FANOTIFY_KINDS))
-        return FMON_ENOTSUP;
-    return 0;
+    return marks_will_do(w) || fs_source_takes(w) ? 0 : FMON_ENOTSUP;
 }
+
+namespace
+{
+
+/* Which the source of whole file systems never serves: it says so. */
+int add_mount_watch(struct watch *w)
+{
+    fs_source_add(w, w->path);
+    return fmon_linux_add_mount_watch(w);
+}
+
+}  // namespace
 
 int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
 {
@@ -114,7 +158,7 @@ int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
     }
     w->dentry = d;
 
-    int result = (w->flags & FMON_MOUNT) ? fmon_linux_add_mount_watch(w) : add_tree_watch(w, made);
+    int result = (w->flags & FMON_MOUNT) ? add_mount_watch(w) : add_tree_watch(w, made);
     if (result < 0) {
         FMON_LOG(4, kFile, "watch failed, roll back dentry\n");
         fmon_linux_collect(d);
@@ -123,13 +167,16 @@ int fmon_linux_add_watch(struct fmon *monitor, struct watch *w)
     }
     /* The node may still hold its neighbours in the list of waiting watches, whose owner splices them: overwrite it. */
     list_add_tail(&w->link, &owner_of(d)->watches);
-    fmon_account.watches++;
+    fmon_account.watches += fmon_linux_counts(w);
+    fs_source_add_below(w);
     fmlnx.marks_out_of_reach = 0; /* its file system may be that of marks which no handle could reach */
     return 0;
 }
 
 int fmon_linux_del_watch(struct fmon *, struct watch *w)
 {
+    const bool walked = (w->flags & (FMON_RECURSIVE | FMON_LINUX_FS)) == FMON_RECURSIVE;
+    fs_source_remove(w); /* first: what goes with it leaves dentries with a watch alone */
     list_unlink(&w->link);
     if (w->flags & FMON_MOUNT) {
         /* The dentry stays in the cache and in the watch, which its owner frees. */
@@ -141,9 +188,9 @@ int fmon_linux_del_watch(struct fmon *, struct watch *w)
     if (!d)
         return 0;
 
-    fmon_account.watches--;
+    fmon_account.watches -= fmon_linux_counts(w);
     struct fmon_masks rec = fmon_linux_recursive_masks(d);
-    if (w->flags & FMON_RECURSIVE)
+    if (walked)
         fmon_linux_unwatch_subtree(d, rec, {w->fan_mask, w->ino_mask});
     struct fmon_masks remain = masks_or(fmon_linux_own_masks(d), rec);
     int fan_result = fmon_linux_fan_down(d, nullptr, remain.fan, w->fan_mask, w->flags);

@@ -27,8 +27,49 @@ namespace
 
 PaperFanotify *paper;
 
-int paper_init(unsigned, unsigned event_flags)
+constexpr unsigned kReportDirectory = 0x400;
+
+/* The reader's end belongs to whoever asked for it. */
+int paper_group()
 {
+    int ends[2];
+    if (paper->fs_feed >= 0)
+        close(paper->fs_feed);
+    paper->fs_feed = -1;
+    if (paper->fs_init_error) {
+        errno = paper->fs_init_error;
+        return -1;
+    }
+    if (pipe2(ends, O_NONBLOCK | O_CLOEXEC) != 0)
+        return -1;
+    paper->fs_feed = ends[1];
+    return paper->fs_group = ends[0];
+}
+
+std::string name_of(int fd)
+{
+    char name[4096];
+    const ssize_t length = readlink(("/proc/self/fd/" + std::to_string(fd)).c_str(), name, sizeof(name));
+    return std::string(name, length > 0 ? static_cast<size_t>(length) : 0);
+}
+
+int paper_fs_mark(int fd, unsigned flags, uint64_t mask, int dirfd)
+{
+    int error = (flags & FAN_MARK_ADD) && (mask & paper->fs_refused_bits) ? EINVAL : 0;
+    if ((flags & FAN_MARK_ADD) && paper->fs_mark_error)
+        error = paper->fs_mark_error;
+    if (error) {
+        errno = error;
+        return -1;
+    }
+    paper->marks.push_back({fd, flags, mask, dirfd, name_of(dirfd)});
+    return 0;
+}
+
+int paper_init(unsigned flags, unsigned event_flags)
+{
+    if (flags & kReportDirectory)
+        return paper_group();
     paper->event_flags = event_flags;
     int error = paper->init_errors[paper->init_calls++ & 1];
     if (error) {
@@ -50,6 +91,8 @@ MarkCall as_named(int fd, unsigned flags, uint64_t mask, int dirfd, const char *
 
 int paper_mark(int fd, unsigned flags, uint64_t mask, int dirfd, const char *path)
 {
+    if (fd == paper->fs_group && !path)
+        return paper_fs_mark(fd, flags, mask, dirfd);
     paper->marks.push_back(as_named(fd, flags, mask, dirfd, path ? path : ""));
     int nth = static_cast<int>(paper->marks.size());
     if (paper->mark_error && (paper->fail_mark_at == 0 || paper->fail_mark_at == nth)) {
@@ -87,7 +130,20 @@ PaperFanotify::~PaperFanotify()
 {
     replace_dlsym(nullptr);
     replace_dlopen(nullptr);
+    if (fs_feed >= 0)
+        close(fs_feed);
     paper = nullptr;
+}
+
+uint64_t PaperFanotify::fs_mask_of(const std::string &path, bool system) const
+{
+    uint64_t mask = 0;
+    for (const auto &call : marks) {
+        if (call.fd != fs_group || call.path != path || ((call.flags & FAN_MARK_FILESYSTEM) != 0) != system)
+            continue;
+        mask = (call.flags & FAN_MARK_ADD) ? mask | call.mask : mask & ~call.mask;
+    }
+    return mask;
 }
 
 uint64_t PaperFanotify::mask_of(int fd, const std::string &path) const

@@ -42,6 +42,14 @@ public:
     int fail_mark_at = 0;                  /* only the nth (1-based) fails with mark_error; 0: all */
     std::vector<MarkCall> marks;           /* accepted and refused ones */
     int init_calls = 0;
+    /* The group of whole file systems is the read end of a pipe; its marks are noted under the names of what they are
+     * on.
+     */
+    int fs_init_error = 0, fs_mark_error = 0; /* errno of it, 0: success */
+    uint64_t fs_refused_bits = 0;             /* of a mark: EINVAL */
+    int fs_group = -1, fs_feed = -1;          /* the pipe, until the next such group */
+    uint64_t fs_mask_of(const std::string &path, bool system) const;
+
     unsigned event_flags = ~0U; /* how the latest fanotify_init was told to open events' files */
 
     /* The kernel-probe library: null, it cannot be loaded; else it answers for each of its symbols (null: missing). */

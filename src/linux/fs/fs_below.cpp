@@ -1,0 +1,323 @@
+/*
+ * Mounts below a recursive root. One whose file system can be marked is joined to the directory that it is mounted in,
+ * so that its paths follow when directories above it are renamed; one that cannot has marks on its directories, by a
+ * watch that only the source knows.
+ */
+#include <sys/sysmacros.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+
+#include "fmon_status.h"
+#include "fmon_watch.h"
+#include "linux/fmon_linux.h"
+#include "linux/fs/fs_served.h"
+#include "list.h"
+#include "log.h"
+
+namespace
+{
+
+constexpr char kFile[] = "linux/fs/fs_below.cpp";
+
+struct fs_below *below_of(list_head *node) { return FMON_RECORD(node, struct fs_below, link); }
+
+bool is_served(const struct fs_below *below)
+{
+    return below->how == FS_BELOW_JOINED || below->how == FS_BELOW_ANCHORED;
+}
+
+struct fs_below *find(struct fs_root *root, int mount_id)
+{
+    FMON_LIST_EACH (node, &root->below)
+        if (below_of(node)->mount_id == mount_id)
+            return below_of(node);
+    return nullptr;
+}
+
+/* A mount id is given again at once when it is free. */
+bool is_still(const struct fs_below *below, const struct fs_mount *mount)
+{
+    return below->major == mount->major && below->minor == mount->minor && strcmp(below->point, mount->point) == 0 &&
+           !below->displaced && (below->how != FS_BELOW_PART || below->part->dentry);
+}
+
+/* ---- serving ---- */
+
+/* The directory that a mount point lies in. */
+uint32_t look_above(const struct fs_mount *mount, struct fs_look *out, int *error)
+{
+    const size_t length = static_cast<size_t>(strrchr(mount->point, '/') - mount->point);
+    char directory[DCACHE_PATH_MAX];
+    if (length >= sizeof directory) {
+        *error = ENAMETOOLONG;
+        return FMON_FALLBACK_ROOT;
+    }
+    memcpy(directory, mount->point, length);
+    directory[length] = '\0';
+    return fs_look_at(length ? directory : "/", false, out, error);
+}
+
+bool is_known(struct fs_root *root, int mount_id)
+{
+    const struct fs_below *above = mount_id == root->mount_id ? nullptr : find(root, mount_id);
+    return mount_id == root->mount_id || (above && is_served(above));
+}
+
+/* 0 or the engine's code. */
+int join(struct fs_root *root, struct fs_below *below, const struct fs_mount *mount, const struct fs_look *look)
+{
+    struct fs_look above;
+    int error;
+    if (look_above(mount, &above, &error))
+        return FMON_ENOENT;
+    close(above.fd);
+    if (!is_known(root, above.mount_id)) {
+        struct fs_anchor anchor = {look->key.key, below->point, below->id, -1, true};
+        below->how = FS_BELOW_ANCHORED;
+        return fs_anchor_at(&anchor, below->point, false);
+    }
+    below->how = FS_BELOW_JOINED;
+    fs_pass_all();
+    const struct fs_joint joint = {look->key.key, above.key.key, strrchr(below->point, '/') + 1, below->id};
+    return fs_engine_join(fs_source.engine, &joint);
+}
+
+void let_system_go(struct fs_below *below)
+{
+    struct fs_system *system = below->system;
+    fs_engine_remove(fs_source.engine, below->id);
+    below->system = nullptr;
+    if (system)
+        fs_system_put(system);
+}
+
+/* 0 or FMON_FALLBACK_*. With the source's lock. */
+uint32_t serve(struct fs_root *root, struct fs_below *below, const struct fs_mount *mount, const struct fs_look *look,
+               int *error)
+{
+    if (fs_look_opens(look) < 0) {
+        *error = errno;
+        return look->opens ? FMON_FALLBACK_OPEN : FMON_FALLBACK_HANDLE;
+    }
+    below->system = fs_system_get(look);
+    *error = errno;
+    if (!below->system)
+        return *error ? FMON_FALLBACK_MEMORY : FMON_FALLBACK_FSID;
+    fs_system_renew(below->system, look->fd);
+    if (fs_system_mark(below->system, look->fd, root->kinds) < 0) {
+        *error = errno;
+        let_system_go(below);
+        return FMON_FALLBACK_MARK;
+    }
+    if (join(root, below, mount, look) == 0)
+        return FMON_FALLBACK_NONE;
+    *error = 0;
+    let_system_go(below);
+    return FMON_FALLBACK_ROOT;
+}
+
+/* ---- marks on directories instead ---- */
+
+void place_part(struct fs_root *root, struct fs_below *below)
+{
+    const struct watch *w = root->watch;
+    struct watch *part = w ? watch_new(w->instance, below->point, {w->mask, w->flags, 0, 0}) : nullptr;
+    if (!part)
+        return;
+    part->flags = (w->flags & ~(FMON_LINUX_FS | FMON_DELETED | FMON_ASTERISK | FMON_DYNAMIC)) | FMON_LINUX_PART;
+    if (fmon_check_watch(part) < 0 || fmon_linux_add_watch(&fmon, part) < 0) {
+        watch_free(part);
+        return;
+    }
+    below->part = part;
+}
+
+/* The watch is in no instance's list. */
+void take_part(struct fs_below *below)
+{
+    if (!below->part)
+        return;
+    if (below->part->dentry)
+        fmon_linux_del_watch(&fmon, below->part);
+    watch_free(below->part);
+    below->part = nullptr;
+}
+
+void fall_back(struct fs_root *root, struct fs_below *below, uint32_t reason, int error)
+{
+    if (reason != FMON_FALLBACK_NONE)
+        place_part(root, below);
+    below->how = below->part ? FS_BELOW_PART : FS_BELOW_LEFT_OUT;
+    FMON_LOG(2, kFile, "mount %s is not served by events of its file system (%u, %s), %s\n", below->point, reason,
+             strerror(error), below->part ? "its directories are marked" : "left out");
+    if (below->part)
+        account_fallback(reason, error, below->point);
+    else
+        account_left_out(reason, error, below->point);
+}
+
+/* ---- a look at the table ---- */
+
+/* Not one that another one hides. */
+bool look_at_mount(const struct fs_mount *mount, struct fs_look *look, uint32_t *reason, int *error)
+{
+    *reason = fs_look_at(mount->point, false, look, error);
+    if (*reason)
+        return *reason == FMON_FALLBACK_HANDLE;
+    if (look->mount_id == mount->id)
+        return true;
+    close(look->fd);
+    return false;
+}
+
+struct fs_below *new_below(const struct fs_mount *mount)
+{
+    auto *below = static_cast<struct fs_below *>(calloc(1, sizeof(struct fs_below)));
+    const size_t size = strlen(mount->point) + 1;
+    char *point = below ? static_cast<char *>(malloc(size)) : nullptr;
+    if (!point) {
+        free(below);
+        return nullptr;
+    }
+    memcpy(point, mount->point, size);
+    below->point = point;
+    below->how = FS_BELOW_LEFT_OUT;
+    below->seen = true;
+    below->id = ++fs_source.next_id;
+    below->mount_id = mount->id;
+    below->major = mount->major;
+    below->minor = mount->minor;
+    return below;
+}
+
+/* Whether directories of the mount above are marked, and so those of this one. */
+bool is_in_part(struct fs_root *root, const struct fs_mount *mount)
+{
+    const struct fs_below *above = find(root, mount->parent);
+    return above && above->how == FS_BELOW_PART;
+}
+
+void add(struct fs_root *root, const struct fs_mount *mount)
+{
+    struct fs_below *below = is_in_part(root, mount) ? nullptr : new_below(mount);
+    if (!below)
+        return;
+    uint32_t reason = FMON_FALLBACK_MARK;
+    int error = ENODEV;
+    if (fs_mount_is_pseudo(mount)) {
+        account_left_out(reason, error, below->point);
+        const FsLock lock;
+        list_add_tail(&below->link, &root->below);
+        return;
+    }
+    {
+        const FsLock lock;
+        struct fs_look look;
+        if (!look_at_mount(mount, &look, &reason, &error)) {
+            free(below->point);
+            free(below);
+            return;
+        }
+        list_add_tail(&below->link, &root->below);
+        if (!reason) {
+            reason = serve(root, below, mount, &look, &error);
+            close(look.fd);
+        }
+    }
+    if (reason)
+        fall_back(root, below, reason, error);
+}
+
+void drop(struct fs_below *below)
+{
+    {
+        const FsLock lock;
+        list_unlink(&below->link);
+        if (is_served(below))
+            let_system_go(below);
+    }
+    take_part(below);
+    free(below->point);
+    free(below);
+}
+
+/* Its mark may have gone, if what is mounted there now was mounted anew. */
+void renew(struct fs_below *below)
+{
+    const FsLock lock;
+    const int fd = fs_mount_open(below->mount_id, below->system->fsid, below->point);
+    if (fd < 0)
+        return;
+    fs_system_renew(below->system, fd);
+    close(fd);
+}
+
+/* System-wide, what is mounted several times is told once. */
+bool is_repeated(struct fs_root *root, const struct fs_mount *mount)
+{
+    if (root->watch)
+        return false;
+    FMON_LIST_EACH (node, &root->below) {
+        const struct fs_below *below = below_of(node);
+        if (below->mount_id != mount->id && below->major == mount->major && below->minor == mount->minor)
+            return true;
+    }
+    return root->system->dev == makedev(mount->major, mount->minor);
+}
+
+bool is_wanted(struct fs_root *root, const struct fs_mount *mount)
+{
+    return mount->id != root->mount_id && fs_path_is_below(mount->point, root->path) &&
+           (root->watch || !fs_mount_is_remote(mount)) && !is_repeated(root, mount);
+}
+
+void look(struct fs_root *root, const struct fs_mount *mount)
+{
+    struct fs_below *known = find(root, mount->id);
+    if (known && !is_still(known, mount)) {
+        drop(known);
+        known = nullptr;
+    }
+    if (!known) {
+        add(root, mount);
+        return;
+    }
+    known->seen = true;
+    if (is_served(known))
+        renew(known);
+}
+
+}  // namespace
+
+void fs_below_update(struct fs_root *root)
+{
+    FMON_LIST_EACH (node, &root->below)
+        below_of(node)->seen = false;
+    for (size_t i = 0; i < fs_source.mounts.count; i++)
+        if (is_wanted(root, &fs_source.mounts.all[i]))
+            look(root, &fs_source.mounts.all[i]);
+    FMON_LIST_EACH_SAFE (node, &root->below)
+        if (!below_of(node)->seen)
+            drop(below_of(node));
+}
+
+void fs_below_forget(struct fs_root *root)
+{
+    FMON_LIST_EACH_SAFE (node, &root->below) {
+        struct fs_below *below = below_of(node);
+        list_unlink(&below->link);
+        if (below->part)
+            watch_free(below->part);
+        free(below->point);
+        free(below);
+    }
+}
+
+void fs_below_release(struct fs_root *root)
+{
+    FMON_LIST_EACH_SAFE (node, &root->below)
+        drop(below_of(node));
+}
