@@ -97,6 +97,7 @@ static int (*create_instance)(const char *, fmon_client_cb);
 static int (*add_watch)(uint32_t, const char *, uint32_t, uint32_t, uint32_t, uint32_t);
 static int (*del_instance)(uint32_t);
 static int (*await_timers)(int);
+static int (*override_key)(const char *, const char *, const char *);
 
 static int start(const char *libdir)
 {
@@ -108,6 +109,10 @@ static int start(const char *libdir)
     *(void **)&add_watch = dlsym(module, "_orx_fmon_add_watch");
     *(void **)&del_instance = dlsym(module, "_orx_fmon_del_instance");
     *(void **)&await_timers = dlsym(base, "orx_host_await_timers");
+    *(void **)&override_key = dlsym(base, "orx_host_ini_override");
+    const char *source = getenv("FMON_TEST_EVENTS"); /* as for the command (harness.cpp) */
+    if (source && strcmp(source, "marks") != 0)
+        override_key("fmon", "fs_events", "1");
     if (!orx_fmon_init_ || !create_instance || !add_watch || !del_instance || !await_timers || orx_fmon_init_(0, NULL))
         return -1;
     return await_timers(10000); /* where there are kernel probes, they are in place then */

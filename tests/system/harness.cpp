@@ -27,6 +27,17 @@ namespace
 
 constexpr char kMarker[] = ".marker-";
 
+/* The command with the source of events that this run of the tests is for (tests/README.md). */
+std::vector<std::string> with_source(std::vector<std::string> argv)
+{
+    const char *source = getenv("FMON_TEST_EVENTS");
+    const bool watches = argv.size() > 1 && argv[0].ends_with("/fmon") && argv[1] == "watch";
+    const bool says = std::find(argv.begin(), argv.end(), "--source") != argv.end();
+    if (source && watches && !says)
+        argv.insert(argv.begin() + 2, std::string("--source=") + source);
+    return argv;
+}
+
 [[noreturn]] void exec_program(const Launch &launch, int in, int out, const std::string &errors)
 {
     prctl(PR_SET_PDEATHSIG, SIGKILL); /* a crashed test leaves nothing running */
@@ -37,9 +48,10 @@ constexpr char kMarker[] = ".marker-";
     for (const std::string &setting : launch.env)
         putenv(strdup(setting.c_str()));
     close_range(launch.close_standard ? 0 : 3, ~0U, 0);
+    std::vector<std::string> arguments = with_source(launch.argv);
     std::vector<char *> argv;
-    for (const std::string &argument : launch.argv)
-        argv.push_back(const_cast<char *>(argument.c_str()));
+    for (std::string &argument : arguments)
+        argv.push_back(argument.data());
     argv.push_back(nullptr);
     execv(argv[0], argv.data());
     _exit(127);
