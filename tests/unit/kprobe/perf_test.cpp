@@ -11,6 +11,7 @@
 #include "testlib/fault.h"
 #include "testlib/kernel_double/fake_perf.h"
 #include "testlib/kernel_double/kernel_double.h"
+#include "testlib/random_bytes.h"
 
 using namespace kprobe;
 using testlib::Fault;
@@ -22,14 +23,6 @@ namespace
 {
 
 constexpr size_t kRing = 8192;
-
-Bytes some_bytes(std::mt19937 &random, size_t size)
-{
-    Bytes bytes(size);
-    for (unsigned char &byte : bytes)
-        byte = static_cast<unsigned char>(random());
-    return bytes;
-}
 
 struct Sink {
     std::vector<Bytes> raw;
@@ -146,7 +139,7 @@ TEST(KprobePerf, RecordsOverTheRingsEnd)
         std::vector<Bytes> put;
         for (size_t i = random() % 6; i-- > 0;) {
             const size_t size = (random() % 150) * 8 + 4;
-            put.push_back(some_bytes(random, size));
+            put.push_back(testlib::random_bytes(random, size));
             ASSERT_TRUE(f.put_raw(++time, put.back()));
         }
         const Sink sink = f.drain();
@@ -181,7 +174,7 @@ TEST(KprobePerf, RingsFullOfRubbish)
     std::mt19937 random(6);
     Fixture f(4096);
     for (int round = 0; round < 20000; round++) {
-        const Bytes rubbish = some_bytes(random, 4096);
+        const Bytes rubbish = testlib::random_bytes(random, 4096);
         const auto page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
         memcpy(f.map + page, rubbish.data(), rubbish.size());
         auto *control = reinterpret_cast<perf_event_mmap_page *>(f.map);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "testlib/fault.h"
+#include "testlib/random_bytes.h"
 
 using namespace kprobe;
 
@@ -24,10 +25,8 @@ struct Kept {
 
 Kept some_record(std::mt19937 &random, size_t size)
 {
-    Kept kept = {random(), static_cast<uint32_t>(random()), static_cast<uint32_t>(random()), {}};
-    for (size_t i = 0; i < size; i++)
-        kept.raw.push_back(static_cast<unsigned char>(random()));
-    return kept;
+    return {random(), static_cast<uint32_t>(random()), static_cast<uint32_t>(random()),
+            testlib::random_bytes(random, size)};
 }
 
 bool push(RecordQueue &queue, const Kept &kept)
