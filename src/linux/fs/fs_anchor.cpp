@@ -133,15 +133,18 @@ int find_way_up(struct fs_engine *engine, struct fs_tie *tie, int fd)
 {
     engine->mount_generation++; /* the anchor's mount may show more than the others */
     int code = ask_above(engine, tie, fd);
-    if (!tie->recursive && code != FMON_ENOMEM && code != -EAGAIN)
-        code = 0; /* nothing but the directory itself is looked up */
+    if (code != 0 && !tie->recursive && code != FMON_ENOMEM && code != -EAGAIN) {
+        tie->depth = 1; /* nothing but the directory itself is looked up, which has a name */
+        code = 0;
+    }
     return code == 0 ? settle(engine, tie) : code;
 }
 
+/* The root of the mount itself gives the path no name. */
 bool lies_above(const struct fs_node *node, const struct fs_tie *anchor)
 {
     const struct fs_node *above = anchor->node;
-    for (uint32_t i = 0; i < anchor->depth && above; i++) {
+    for (uint32_t i = 1; i < anchor->depth && above; i++) {
         above = above->parent;
         if (above == node)
             return true;
@@ -156,7 +159,7 @@ bool will_move(struct fs_engine *engine, const struct fs_tie *anchor)
 {
     struct fs_record record;
     const struct fs_node *node = anchor->node;
-    for (uint32_t i = 0; i <= anchor->depth && node; i++) {
+    for (uint32_t i = 0; i < anchor->depth && node; i++) {
         const struct fs_key key = fs_node_key(&engine->table, node);
         if (fs_batch_ahead(&engine->batch, &key, &record) != FS_AHEAD_NONE)
             return true;
@@ -254,13 +257,13 @@ void fs_displace(struct fs_engine *engine, struct fs_tie *anchor, bool by_itself
     engine->world.displaced(engine->world.arg, anchor->id);
 }
 
-void fs_displace_above(struct fs_engine *engine, struct fs_node *moved)
+void fs_displace_above(struct fs_engine *engine, struct fs_node *moved, bool removed)
 {
     if (!(moved->flags & FS_NODE_ABOVE))
         return;
     engine->displacements++;
     for (struct fs_tie *tie = moved->ties; tie; tie = tie->next)
-        if (is_live(tie))
+        if (is_live(tie) && (removed || tie->depth))
             fs_displace(engine, tie, true);
     for (struct fs_tie *tie = engine->ties; tie; tie = tie->next_of_all)
         if (is_live(tie) && lies_above(moved, tie))

@@ -62,7 +62,7 @@ void learn_rename(struct fs_engine *engine, struct fs_node *node, const struct f
     if (record->entry.dir.len)
         fs_moves_add(&engine->moves, &record->object, &record->entry);
     engine->moves.crossed |= from != to || to == FS_SIDE_UNKNOWN;
-    fs_displace_above(engine, node);
+    fs_displace_above(engine, node, false);
     came_inside(engine, node, from, to);
     if (record->to.dir.len)
         arrive(engine, node, record, &record->to);
@@ -75,7 +75,7 @@ void learn_halves(struct fs_engine *engine, struct fs_node *node, const struct f
 {
     const bool went = record->mask & FMON_MOVED_FROM;
     const bool came = record->mask & FMON_MOVED_TO;
-    fs_displace_above(engine, node);
+    fs_displace_above(engine, node, false);
     engine->moves.crossed = true; /* whether it did cannot be told from one half */
     if (came)
         came_inside(engine, node, FS_SIDE_UNKNOWN, side);
@@ -101,7 +101,7 @@ void learn_entry(struct fs_engine *engine, struct fs_node *node, const struct fs
         return;
     if (!(record->mask & kHalves))
         fs_place_at(engine, node, &record->entry);
-    fs_displace_above(engine, node);
+    fs_displace_above(engine, node, true);
     node->flags |= FS_NODE_DEAD;
     node->flags &= static_cast<uint8_t>(~FS_NODE_USED);
 }

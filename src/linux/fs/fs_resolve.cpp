@@ -99,5 +99,7 @@ bool fs_resolve(struct fs_engine *engine, struct fs_node *node)
     ahead = look_ahead(engine, node);
     if (ahead != FS_AHEAD_NONE)
         return ahead == FS_AHEAD_FOUND;
-    return !fs_batch_anonymous(&engine->batch) && believe(engine, node, answer, &place);
+    if (answer == FS_ASKED_PLACE && fs_batch_anonymous(&engine->batch))
+        return false;
+    return believe(engine, node, answer, &place);
 }

@@ -73,7 +73,7 @@ void fs_engine_process_all(struct fs_engine *engine); /* what waits, all of it *
 bool fs_engine_read_more(struct fs_engine *engine);   /* false: it is not certain that nothing waits in the group */
 
 /* fs_anchor.cpp */
-void fs_displace_above(struct fs_engine *engine, struct fs_node *moved); /* a directory was moved or removed */
+void fs_displace_above(struct fs_engine *engine, struct fs_node *moved, bool removed);
 void fs_displace(struct fs_engine *engine, struct fs_tie *anchor, bool by_itself);
 
 /* fs_resolve.cpp: finds out where a directory lay at the current record, or that nothing can be seen above it. False:
