@@ -9,6 +9,7 @@
 #include <functional>
 
 #include "fs_group.h"
+#include "fs_model.h"
 #include "orx_fmon.h"
 
 using namespace systest;
@@ -79,6 +80,25 @@ TEST_P(FsEngine, NewDirectoriesAreKnownFromTheirFirstMoment)
                      "delete w/z/b/f", "delete w/z/b", "delete w/z"}),
               lines(group));
     EXPECT_EQ(0u, group.counts().asked_files);
+}
+
+/* A rename of e to c that cannot be seen may have come before the file and another one after. */
+TEST_P(FsEngine, WhatCameAndWentWhileADirectoryMayHaveBeenElsewhereIsCounted)
+{
+    run("mkdir " + at("w/e"));
+    FsGroup group(at(""), kEntries);
+    ASSERT_EQ(0, group.anchor(at("w")));
+    Worker one;
+    EXPECT_TRUE(one.run('m', at("w/e"), at("w/c")));
+    EXPECT_TRUE(one.run('m', at("w/c"), at("w/e")));
+    EXPECT_TRUE(one.run('f', at("w/e/n")));
+    EXPECT_TRUE(one.run('m', at("w/e/n"), at("w/e/m")));
+    EXPECT_TRUE(one.run('m', at("w/e"), at("w/x")));
+    EXPECT_TRUE(one.run('m', at("w/x"), at("w/e")));
+    group.take();
+    EXPECT_EQ((Lines{"from w/e", "to w/c", "from w/c", "to w/e", "to w/e/m", "from w/e", "to w/x", "from w/x", "to w/e"}),
+              lines(group));
+    EXPECT_EQ(2u, group.counts().lost[FS_LOST_UNRESOLVED]);
 }
 
 INSTANTIATE_TEST_SUITE_P(On, FsEngine, testing::Values("tmpfs", "ext4"), [](const auto &param) { return param.param; });
