@@ -15,7 +15,7 @@ const DumpType kDumpTypeTable[kDumpTypes] = {
     {"waiting", "watches whose path is missing, and patterns"},
     {"dentries", "directories and files that are known, with their watches"},
     {"events", "event records that wait"},
-    {"backend", "the backend's own state, where it tells any"},
+    {"backend", "the source of each watch, and marked file systems, where any is"},
     {"files", "the backend's watched files, where it tells any"},
     {"losses", "what was missed since the watch began, and why"},
 };

@@ -283,6 +283,6 @@ int fmon_linux_get_selectable_fds(int32_t **out_fds, uint32_t *out_timeout_ms)
     return result;
 }
 
-void fmon_linux_dump(uint32_t, void *) {}
+void fmon_linux_dump(uint32_t, void *) { fs_source_dump(); }
 
 void _dump_file_list(void) {}

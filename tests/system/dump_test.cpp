@@ -99,6 +99,8 @@ protected:
 
 TEST_F(Dump, EveryPart)
 {
+    watch_.emplace(tree_.root(), std::vector<std::string>{"-r", "--source", "marks"});
+    watch_->established();
     const std::string watch = "    [W] " + tree_.root() + " (dentry), event ";
     expect_has(dump({"-t", "instances", pid()}).text,
                {"Instance:\n  watch id 0\n", watch.c_str(), "flags dir,recursive,sync, maxdepth 0, maxsubdirs 0"});

@@ -57,6 +57,10 @@ int fs_source_global(uint32_t kinds);
 /* Looks at the mounts anew. */
 void fs_source_look_at_mounts(void);
 
+/* Writes the source of each watch, marked file systems, the table and what waits to the log, at level 4; nothing where
+ * the source is not asked for. */
+void fs_source_dump(void);
+
 /* What the status tells of the source now, beside what is counted in fmon_account. */
 void fs_source_status(struct fmon_status *out);
 
