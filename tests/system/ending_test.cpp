@@ -97,7 +97,8 @@ TEST_P(Ending, AMonitorThatIsHeldUp)
     for (int i = 0; i < kTries && best >= kSoonMs; i++) {
         TempTree tree;
         const std::string file = tree.file("leased");
-        Process fmon({watch({"-e", "modify", "--set", "hardened=0", "--format", "json", tree.root()})});
+        Process fmon(
+            {watch({"-e", "modify", "--source", "marks", "--set", "hardened=0", "--format", "json", tree.root()})});
         fmon.line();
         const Child owner([&] {
             signal(SIGIO, SIG_IGN);
