@@ -89,8 +89,10 @@ int settle(struct fmon_place *at, struct dentry *d, int fd)
         account_system_refused(FMON_STEP_OPEN, result, result == FMON_ENOENT ? ENOENT : ENOMEM, dentry_path_null(d));
         return result;
     }
-    if (at->replaced)
+    if (at->replaced) {
         fmon_linux_lost_mark(d);
+        fmon_linux_serve_anew(d);
+    }
     name_link(at, fd);
     return 0;
 }

@@ -121,6 +121,19 @@ int add_tree_watch(struct watch *w, bool made)
 
 }  // namespace
 
+void fmon_linux_serve_anew(struct dentry *d)
+{
+    FMON_LIST_EACH (node, &owner_of(d)->watches) {
+        struct watch *w = FMON_RECORD(node, struct watch, link);
+        if (!(w->flags & FMON_LINUX_FS))
+            continue;
+        fs_source_remove(w);
+        if (!fs_source_add(w, w->path))
+            split_mask(w);
+        fs_source_add_below(w);
+    }
+}
+
 int fmon_check_watch(struct watch *w)
 {
     if ((w->mask & FMON_ALL_EVENTS) == 0 || w->mask > FMON_ALL_EVENTS)

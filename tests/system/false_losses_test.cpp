@@ -44,7 +44,7 @@ TEST(FalseLosses, ADirectoryMovedOntoAnEmptyOne)
 TEST(FalseLosses, ManyAtOnceAreToldTogether)
 {
     TempTree tree;
-    Watch watch(tree.root(), {"-r", "--set", "max_dentries=16", "-e", "delete"});
+    Watch watch(tree.root(), {"-r", "--source", "marks", "--set", "max_dentries=16", "-e", "delete"});
     watch.established();
     for (int i = 0; i < 40; i++) {
         make_dir(tree.path("d" + std::to_string(i)));

@@ -17,6 +17,7 @@
 #include <sstream>
 #include <thread>
 
+#include "events_source.h"
 #include "kp_thread_utils.h"
 
 namespace systest
@@ -26,17 +27,6 @@ namespace
 {
 
 constexpr char kMarker[] = ".marker-";
-
-/* The command with the source of events that this run of the tests is for (tests/README.md). */
-std::vector<std::string> with_source(std::vector<std::string> argv)
-{
-    const char *source = getenv("FMON_TEST_EVENTS");
-    const bool watches = argv.size() > 1 && argv[0].ends_with("/fmon") && argv[1] == "watch";
-    const bool says = std::find(argv.begin(), argv.end(), "--source") != argv.end();
-    if (source && watches && !says)
-        argv.insert(argv.begin() + 2, std::string("--source=") + source);
-    return argv;
-}
 
 [[noreturn]] void exec_program(const Launch &launch, int in, int out, const std::string &errors)
 {
@@ -48,7 +38,8 @@ std::vector<std::string> with_source(std::vector<std::string> argv)
     for (const std::string &setting : launch.env)
         putenv(strdup(setting.c_str()));
     close_range(launch.close_standard ? 0 : 3, ~0U, 0);
-    std::vector<std::string> arguments = with_source(launch.argv);
+    std::vector<std::string> arguments = launch.argv;
+    add_source(arguments);
     std::vector<char *> argv;
     for (std::string &argument : arguments)
         argv.push_back(argument.data());

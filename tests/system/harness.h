@@ -13,6 +13,7 @@
 #include <string>
 #include <vector>
 
+#include "events_source.h"
 #include "json.h"
 #include "testlib/tree.h"
 

@@ -64,7 +64,9 @@ TEST(Reading, LeasesHoldNothingUpAndAreTold)
                            [&](const Json &object) {
                                other |= object.value("path", "") == tree.path("other") &&
                                         object.dump().find("close_write") != std::string::npos;
-                               loss |= is_loss(object, "fanotify");
+                               /* What opens no file has the event instead of the loss. */
+                               loss |= by_filesystem() ? object.value("path", "") == home + "/leased2"
+                                                       : is_loss(object, "fanotify");
                                return other && loss;
                            }))
         << "other " << other << ", loss " << loss;
@@ -140,14 +142,16 @@ TEST(Reading, PathsThatAreTooLongAreLosses)
     EXPECT_TRUE(read_until(watch, [&](const Json &object) {
         const std::string path = object.value("path", "");
         if (is_loss(object, "path")) {
-            EXPECT_EQ(file.substr(0, 1023), path);
+            EXPECT_EQ(by_filesystem() ? "" : file.substr(0, 1023), path);
             lost += object.value("count", 0u);
         } else {
             EXPECT_NE(file.substr(0, dir.size()), path.substr(0, dir.size()));
         }
         last |= path == tree.path("last");
-        return lost >= 2 && last;
+        return lost >= (by_filesystem() ? 1 : 2) && last;
     })) << lost;
+    if (by_filesystem()) /* what waits together of one process and entry is one record of the kernel's */
+        return;
     EXPECT_EQ(2u, lost);
     Process dump({{FMON_TEST_BIN "/fmon", "dump", "-t", "losses", std::to_string(watch.process().pid())}});
     const std::string line = dump.line().value_or("");
@@ -176,7 +180,9 @@ TEST(Reading, WritesUnderForgedNamesAreLossesNotEvents)
     EXPECT_TRUE(read_until(watch,
                            [&](const Json &object) {
                                forged |= object.value("type", "") == "event" && object.value("path", "") == secret;
-                               loss |= is_loss(object, "path") && object.value("path", "") == secret;
+                               /* By its handle the file that was written to is found, whatever its name there. */
+                               loss |= by_filesystem() ? object.value("path", "") == home + "/mine"
+                                                       : is_loss(object, "path") && object.value("path", "") == secret;
                                last |= object.value("path", "") == tree.path("last");
                                return loss && last;
                            }))
@@ -208,6 +214,8 @@ TEST(Reading, WritesOfANamespaceThatIsGoneAreLosses)
             EXPECT_EQ(secret, object.value("path", secret)) << "if any";
             return true;
         }
+        if (by_filesystem() && object.value("path", "") == home + "/mine")
+            return true; /* found by its handle */
         EXPECT_NE(secret, object.value("path", ""));
         return false;
     }));

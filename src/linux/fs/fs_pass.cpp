@@ -167,9 +167,27 @@ void done(void *, const struct fs_chunk *chunk)
     free(const_cast<char *>(chunk->bytes));
 }
 
+/* Whether a recursive root that asks for these kinds lies above. */
+bool is_asked_below(const char *path, uint32_t kinds)
+{
+    FMON_LIST_EACH (node, &fs_source.roots) {
+        const struct fs_root *root = FMON_RECORD(node, struct fs_root, link);
+        if (root->recursive && (root->kinds & kinds) && fs_path_is_below(path, root->path))
+            return true;
+    }
+    return false;
+}
+
+/* A tree's directories report their own removal, as those that have a mark each. */
+uint32_t kinds_of(const struct fs_event *event)
+{
+    const bool removal = event->is_dir && (event->kinds & FMON_DELETE);
+    return removal && is_asked_below(event->path, FMON_DELETE_SELF) ? event->kinds | FMON_DELETE_SELF : event->kinds;
+}
+
 void deliver(void *, const struct fs_event *event)
 {
-    const uint32_t kinds = event->kinds & fs_source.wanted;
+    const uint32_t kinds = kinds_of(event) & fs_source.wanted;
     if (kinds == 0)
         return;
     const auto pid = static_cast<uint32_t>(event->pid);
