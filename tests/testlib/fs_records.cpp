@@ -1,7 +1,5 @@
 #include "testlib/fs_records.h"
 
-#include "testlib/records.h"
-
 namespace testlib
 {
 
@@ -47,7 +45,8 @@ std::string named_record(uint64_t mask, int32_t pid, const std::vector<std::stri
     std::string all;
     for (const std::string &one : parts)
         all += one;
-    return fanotify_record_raw(static_cast<uint32_t>(24 + all.size()), 3, 24, mask, -1, pid, all);
+    return bytes_of(static_cast<uint32_t>(24 + all.size())) + bytes_of(uint16_t{3}) + bytes_of(uint16_t{24}) +
+           bytes_of(mask) + bytes_of(int32_t{-1}) + bytes_of(pid) + all;
 }
 
 std::string entry_record(uint64_t mask, int32_t pid, const Handle &directory, const std::string &name,
