@@ -48,7 +48,12 @@ std::string SystemWatch::why_not(const struct fmon_status &now) const
 {
     const ProbeFacts facts = gather_probe_facts(module_.is_container(), false);
     const std::string probes = explain_no_system(now.file_probes, facts, kinds_);
-    const std::string marks = explain_fallback(now.fs.last_fallback, facts.root).line();
+    struct fmon_fallback met = now.fs.last_fallback;
+    if (now.fs.source.state == FMON_SOURCE_REFUSED)  // nothing was tried
+        met = {FMON_FALLBACK_INIT, now.fs.source.error, ""};
+    if (module_.is_container())
+        met = {FMON_FALLBACK_CONTAINER, 0, ""};
+    const std::string marks = explain_fallback(met, facts.root).line();
     if (source_ == Source::kMarks)
         return probes;
     if (source_ == Source::kFilesystem)

@@ -107,3 +107,14 @@ TEST_F(CliSystemWatch, ARefusalSaysWhatWasTried)
     EXPECT_NE(std::string::npos, both.find("no file system could be marked: the kernel does not report directories"));
     EXPECT_EQ(0u, marks.find("--system with --source filesystem needs a file system that can be marked: the kernel"));
 }
+
+TEST_F(CliSystemWatch, ASourceThatCouldNotStartSaysWhy)
+{
+    g_module.status.fs.source = {FMON_SOURCE_REFUSED, FMON_WHY_SYSTEM, -104, EPERM, ""};
+    const std::string text = refusal(Source::kFilesystem);
+    EXPECT_NE(std::string::npos,
+              text.find("the kernel does not report directories and names (Operation not permitted)"));
+    g_container = 1;
+    EXPECT_NE(std::string::npos, refusal(Source::kFilesystem).find("inside a container only directories are marked"));
+    g_container = 0;
+}
