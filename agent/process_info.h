@@ -13,7 +13,10 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
+
+#include "ancestors.h"
 
 namespace agent
 {
@@ -26,8 +29,18 @@ struct ProcessInfo {
     uint32_t ppid = 0;
     uint64_t start = 0;      /* clock ticks after boot: tells two processes of one pid apart */
     std::string container{}; /* the outermost one that it is in, as the container library tells it; empty: none */
+    std::optional<uint32_t> loginuid{}; /* the user who logged in, whatever became of it since */
+    uint64_t start_ns = 0;              /* since 1970, to a clock tick; 0: not known */
+    AncestorPtr parent{};               /* what made it, and so on; null: not known, or not asked for */
 
-    bool operator==(const ProcessInfo &) const = default;
+    /* But for `start_ns`, which is another form of `start`, and for who its ancestors are. */
+    bool operator==(const ProcessInfo &other) const
+    {
+        const auto all = [](const ProcessInfo &i) {
+            return std::tie(i.name, i.exe, i.cmdline, i.uid, i.ppid, i.start, i.container, i.loginuid);
+        };
+        return all(*this) == all(other);
+    }
 };
 
 using ProcessPtr = std::shared_ptr<const ProcessInfo>;
@@ -50,6 +63,9 @@ bool read_print(const std::string &proc, uint32_t pid, ProcessPrint &out);
  * program meanwhile has a name, a parent and a start only, which come in one piece. False when it is gone. */
 bool read_process(const std::string &proc, uint32_t pid, ProcessPrint &print, ProcessInfo &out);
 
+/* The ancestors of a process, as /proc says at the moment. */
+AncestorPtr read_ancestors(const std::string &proc, uint32_t ppid);
+
 /* Not for more than one thread at a time; what it returns may be handed to any. */
 class ProcessCache
 {
@@ -61,6 +77,9 @@ public:
      * that does not run backwards: what a process may change without a trace (its group, its command line) is read
      * again after kRefreshMs. */
     ProcessPtr find(uint32_t pid, uint64_t turn, uint64_t now_ms);
+
+    /* From now on those that are read have their ancestors, which costs a reading each. */
+    void want_ancestors(bool wanted) { ancestors_ = wanted; }
 
     static constexpr uint64_t kRefreshMs = 1000;
     static constexpr uint32_t kSlots = 4096; /* a power of two */
@@ -79,6 +98,7 @@ private:
     void read(Slot &slot, uint64_t now_ms) const;
 
     std::string proc_;
+    bool ancestors_ = false;
     std::vector<Slot> slots_; /* by the low bits of the pid: pids are given out in sequence */
 };
 
