@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "orx_fmon.h"
-#include "process_info.h"
+#include "processes.h"
 #include "queue.h"
 
 namespace agent
@@ -25,6 +25,8 @@ class Intake
 {
 public:
     explicit Intake(EventQueue &queue) : queue_(queue) {}
+
+    Processes &processes() { return processes_; }
 
     /* To be called before the instance exists. `wanted`: kinds that the main thread wants to see of it. Returns its
      * callback; there are kMaxSources of them. */
@@ -42,7 +44,7 @@ public:
 
 private:
     EventQueue &queue_;
-    ProcessCache processes_;
+    Processes processes_;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
     std::atomic<bool> held_ = false;

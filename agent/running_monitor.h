@@ -34,6 +34,7 @@ public:
     Placement &placement() { return placement_; }
 
     bool read_status(struct fmon_status &out) const override { return module_.read_status(out); }
+    uint64_t process_losses() const override { return intake_.processes().losses(); }
     bool has_findings() const override { return placement_.any(); }
     Findings take_findings() override { return placement_.take(); }
     bool end_hold() override { return dump_server_ && dump_server_->stop(); }

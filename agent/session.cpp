@@ -124,10 +124,22 @@ void Session::check_losses()
     struct fmon_status now;
     if (!monitor_.read_status(now))
         return check_end(now.monitor);
+    check_processes();
     for (const Loss &loss : losses_.since_last(now)) {
         report_.loss(loss.source, loss.count, loss.path);
         report_.warning(loss.text);
     }
+}
+
+void Session::check_processes()
+{
+    const uint64_t lost = monitor_.process_losses(), count = lost - process_losses_;
+    if (count == 0)
+        return;
+    process_losses_ = lost;
+    report_.loss("processes", count, "");
+    report_.warning("the kernel's queue of processes overflowed " + counted(count, "time") +
+                    ": events of processes that were short-lived then may lack a program, or a process");
 }
 
 void Session::check_end(const struct fmon_source &monitor)

@@ -45,6 +45,7 @@ public:
     virtual ~Monitor() = default;
 
     virtual bool read_status(struct fmon_status &out) const = 0; /* false: it does not run; out.monitor says why */
+    virtual uint64_t process_losses() const = 0; /* overflows of the kernel's queue of processes, since the start */
     virtual bool has_findings() const = 0;
     virtual Findings take_findings() = 0; /* since the last time */
     virtual bool end_hold() = 0;          /* true: until now events were held back, for a dump */
@@ -81,6 +82,7 @@ private:
     void show(Event event);
     Pause sleep(uint64_t now);
     void check_losses();
+    void check_processes();
     void check_end(const struct fmon_source &monitor);
     void check_findings();
     bool is_released(uint64_t now, int patience_ms);
@@ -95,6 +97,7 @@ private:
     Pace pace_;
     TimeLimit limit_;
     Losses losses_;
+    uint64_t process_losses_ = 0; /* reported */
     Batch batch_;
     std::atomic<uint64_t> in_hand_ = 0;
     int status_ = -1;

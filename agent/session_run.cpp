@@ -1,5 +1,7 @@
 #include "session_run.h"
 
+#include <unistd.h>
+
 #include <cerrno>
 
 #include "descriptors.h"
@@ -47,6 +49,7 @@ int SessionRun::run()
     waiter.listen(watched_->new_directories_fd(), report_.output_fd());
     loop(waiter);
     monitor_.stop();
+    intake_.processes().stop();
     return session_.status();
 }
 
@@ -64,7 +67,16 @@ bool SessionRun::start()
     report_.hide(own.files);
     if (!own.note.empty())
         report_.note(own.note);
+    start_processes();
     return true;
+}
+
+// Without root no event names a process.
+void SessionRun::start_processes()
+{
+    std::string error;
+    if (geteuid() == 0)
+        intake_.processes().start(request_.ancestors, error); /* fmon doctor says why not */
 }
 
 // What a path stands for depends on where the monitor found itself.

@@ -33,6 +33,7 @@ public:
 private:
     bool fail(const std::string &line);
     bool start();
+    void start_processes();
     bool plan();
     bool plan_paths();
     bool begin();

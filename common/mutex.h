@@ -13,6 +13,8 @@
 #ifndef COMMON_MUTEX_H
 #define COMMON_MUTEX_H
 
+#include <pthread.h>
+
 #include <chrono>
 #include <condition_variable>
 #include <mutex>
@@ -69,6 +71,29 @@ private:
     std::mutex mutex_;
 };
 
+/* Whoever holds it runs as soon as the most urgent of those that wait for it would, and it goes to that one next. */
+class CAPABILITY("mutex") UrgentMutex
+{
+public:
+    UrgentMutex()
+    {
+        pthread_mutexattr_t kind;
+        pthread_mutexattr_init(&kind);
+        pthread_mutexattr_setprotocol(&kind, PTHREAD_PRIO_INHERIT);
+        pthread_mutex_init(&mutex_, &kind);
+        pthread_mutexattr_destroy(&kind);
+    }
+    ~UrgentMutex() { pthread_mutex_destroy(&mutex_); }
+    UrgentMutex(const UrgentMutex &) = delete;
+    UrgentMutex &operator=(const UrgentMutex &) = delete;
+
+    void lock() ACQUIRE() { pthread_mutex_lock(&mutex_); }
+    void unlock() RELEASE() { pthread_mutex_unlock(&mutex_); }
+
+private:
+    pthread_mutex_t mutex_;
+};
+
 /* Held by one thread alone, or shared by any number. */
 class CAPABILITY("mutex") SharedMutex
 {
@@ -123,6 +148,7 @@ private:
 };
 
 using Lock = BasicLock<Mutex>;
+using UrgentLock = BasicLock<UrgentMutex>;
 using ExclusiveLock = BasicLock<SharedMutex>;
 
 /* Holds a mutex together with others to the end of the block. */

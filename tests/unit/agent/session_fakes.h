@@ -28,6 +28,7 @@ public:
     bool has_status = true;
     std::optional<agent::Findings> findings;
     uint64_t held = 0;     /* records that a dump holds back */
+    uint64_t lost_processes = 0;
     uint64_t per_turn = 1; /* of these go with each release */
     bool holds = false;
     int looks = 0, releases = 0;
@@ -38,6 +39,7 @@ public:
         out = status;
         return has_status;
     }
+    uint64_t process_losses() const override { return lost_processes; }
     bool has_findings() const override { return findings.has_value(); }
     agent::Findings take_findings() override { return *std::exchange(findings, {}); }
     bool end_hold() override { return std::exchange(holds, false); }

@@ -167,6 +167,18 @@ TEST_F(SessionTest, WhatACounterGrewByIsToldOnce)
     EXPECT_GE(monitor.looks, 7);
 }
 
+TEST_F(SessionTest, OverflowsOfTheQueueOfProcessesAreTold)
+{
+    begin();
+    monitor.lost_processes = 2;
+    pass(12'000);
+    EXPECT_EQ(Lines{"loss processes 2"}, report.take());
+    monitor.lost_processes = 3;
+    pass(12'000);
+    EXPECT_EQ(Lines{"loss processes 1"}, report.take());
+    EXPECT_EQ(2u, report.warnings.size());
+}
+
 TEST_F(SessionTest, ALossNamesWhatItIsAbout)
 {
     begin();
