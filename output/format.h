@@ -23,7 +23,8 @@ namespace output
 struct FormatStyle {
     char end = '\n';
     bool colours = false;
-    bool terminal = false; /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
+    bool terminal = false;  /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
+    bool ancestors = false; /* what made a process is shown with it */
     std::vector<std::string> sources;                                          /* the instances' names, by index */
     std::function<agent::ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
 };
@@ -53,8 +54,9 @@ inline std::string loss_text(std::string_view source, uint64_t count)
     return std::string(source) + ": " + std::to_string(count);
 }
 
-/* A template: %e events, %p path, %P pid, %n process name, %t time, %f "found" or nothing, %% and the escapes \n \t \0
- * \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after "%" or "\". */
+/* A template: %e events, %p path, %P pid, %n process name, %a its ancestors, %t time, %f "found" or nothing, %% and the
+ * escapes \n \t \0 \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after
+ * "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
                                                    std::string &error);
 

@@ -56,7 +56,11 @@ class JsonFormatter : public Formatter
 {
 public:
     explicit JsonFormatter(const FormatStyle &style)
-        : end_(style.end), terminal_(style.terminal), sources_(style.sources), container_name_(style.container_name)
+        : end_(style.end),
+          terminal_(style.terminal),
+          ancestors_(style.ancestors),
+          sources_(style.sources),
+          container_name_(style.container_name)
     {
     }
 
@@ -163,23 +167,56 @@ private:
         writer.EndArray();
     }
 
-    static void put_process(Writer &writer, const agent::ProcessInfo *process)
+    void put_process(Writer &writer, const agent::ProcessInfo *process)
     {
         if (!process)
             return;
         put_key(writer, "process");
         writer.StartObject();
-        put_key(writer, "name");
-        put_bytes(writer, process->name);
+        put_known(writer, "name", process->name);
         put_known(writer, "exe", process->exe);
         put_known(writer, "cmdline", process->cmdline);
-        if (process->uid) {
-            put_key(writer, "uid");
-            writer.Uint(*process->uid);
-        }
+        put_user(writer, "uid", process->uid);
+        put_user(writer, "loginuid", process->loginuid);
         put_key(writer, "ppid");
         writer.Uint(process->ppid);
+        put_start(writer, process->start_ns);
+        if (ancestors_)
+            put_ancestors(writer, process->parent.get());
         writer.EndObject();
+    }
+
+    static void put_user(Writer &writer, std::string_view key, const std::optional<uint32_t> &user)
+    {
+        if (!user)
+            return;
+        put_key(writer, key);
+        writer.Uint(*user);
+    }
+
+    void put_start(Writer &writer, uint64_t start_ns)
+    {
+        if (start_ns == 0)
+            return;
+        put_key(writer, "start");
+        time_text_.clear();
+        start_time_.append(start_ns, time_text_);
+        put(writer, time_text_);
+    }
+
+    void put_ancestors(Writer &writer, const agent::Ancestor *each)
+    {
+        put_key(writer, "ancestors");
+        writer.StartArray();
+        for (; each; each = each->parent.get()) {
+            writer.StartObject();
+            put_key(writer, "pid");
+            writer.Uint(each->pid);
+            put_known(writer, "name", each->name);
+            put_start(writer, each->start_ns);
+            writer.EndObject();
+        }
+        writer.EndArray();
     }
 
     static void put_known(Writer &writer, std::string_view key, std::string_view text)
@@ -204,10 +241,10 @@ private:
     }
 
     const char end_;
-    const bool terminal_;
+    const bool terminal_, ancestors_;
     const std::vector<std::string> sources_;
     const std::function<agent::ContainerName(std::string_view)> container_name_;
-    agent::UtcTime time_;
+    agent::UtcTime time_, start_time_;
     std::string time_text_;
     rapidjson::StringBuffer line_;
     Writer writer_;

@@ -14,7 +14,16 @@ namespace output
 namespace
 {
 
-enum class Part : char { kText = 0, kEvents = 'e', kPath = 'p', kPid = 'P', kName = 'n', kTime = 't', kFound = 'f' };
+enum class Part : char {
+    kText = 0,
+    kEvents = 'e',
+    kPath = 'p',
+    kPid = 'P',
+    kName = 'n',
+    kAncestors = 'a',
+    kTime = 't',
+    kFound = 'f'
+};
 
 struct Piece {
     Part part;
@@ -71,7 +80,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epPntf").find(c) == std::string_view::npos)
+        if (std::string_view("epPnatf").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -156,6 +165,11 @@ private:
             case Part::kName:
                 if (event.process)
                     append_bytes(event.process->name, out);
+                break;
+            case Part::kAncestors:
+                if (event.process)
+                    agent::append_ancestors(
+                        event.process->parent, [this](const auto &name, auto &to) { append_bytes(name, to); }, out);
                 break;
             case Part::kTime:
                 time_.append(event.time_ns, out);

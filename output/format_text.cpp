@@ -42,7 +42,10 @@ size_t columns(std::string_view text)
 class TextFormatter : public Formatter
 {
 public:
-    explicit TextFormatter(const FormatStyle &style) : end_(style.end), colours_(style.colours) {}
+    explicit TextFormatter(const FormatStyle &style)
+        : end_(style.end), colours_(style.colours), ancestors_(style.ancestors)
+    {
+    }
 
     void event(const agent::Event &event, std::string &out) override
     {
@@ -116,7 +119,7 @@ private:
     void append_process(const agent::Event &event, std::string &out) const
     {
         colour("\033[36m", out);
-        if (event.process)
+        if (event.process && !event.process->name.empty())
             agent::append_escaped(event.process->name, out);
         else
             out.push_back('?');
@@ -125,10 +128,14 @@ private:
         out.append(pid, std::to_chars(pid, pid + sizeof pid, event.pid).ptr);
         out.push_back(']');
         colour("\033[0m", out);
+        if (ancestors_ && event.process && event.process->parent) {
+            out.append(" < ");
+            agent::append_ancestors(event.process->parent, agent::append_escaped, out);
+        }
     }
 
     const char end_;
-    const bool colours_;
+    const bool colours_, ancestors_;
     agent::LocalTime time_;
     size_t path_width_ = 0; /* the widest so far, so that processes stand below each other */
 };

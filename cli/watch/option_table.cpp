@@ -83,10 +83,14 @@ constexpr OptionRow<O> kRows[] = {
      add_text<O, &O::include>},
     {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
     {{'f', "format", "FORM",
-      "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %t "
-      "time, %f whether\nfound, %% a percent sign, and the escapes \\n \\t \\\\ \\ooo \\xhh",
+      "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %a "
+      "ancestors,\n%t time, %f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
+    {{0, "ancestors", nullptr,
+      "show with each process what made it, and so on up to the first\none that is known (text, json; %a in a "
+      "template)"},
+     set_flag<O, &O::ancestors>},
     {{'0', "null", nullptr, "end records with a NUL instead of a newline"}, set_flag<O, &O::null_end>},
     {{'o', "output", "FILE", "write to FILE instead of stdout; what it held is replaced\nwhen all watches are in place",
       kFiles},

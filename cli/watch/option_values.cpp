@@ -56,6 +56,7 @@ bool events(WatchOptions &options, const Given &given, std::string &error)
 bool format(WatchOptions &options, const Given &given, std::string &error)
 {
     options.format = given.value;
+    options.ancestors = options.ancestors || strstr(given.value, "%a");
     return output::find_format(given.value) || strchr(given.value, '%') ||
            bad_value(given, output::format_names() + " or a template such as '%e %p'", error);
 }

@@ -179,6 +179,13 @@ TEST(CliOptions, APercentSignMakesATemplate)
     EXPECT_EQ("%e %p", o.options.format);
 }
 
+TEST(CliOptions, ATemplateWithAncestorsAsksForThem)
+{
+    EXPECT_TRUE(parse({"--ancestors", "/a"}).options.ancestors);
+    EXPECT_TRUE(parse({"--format", "%p %a", "/a"}).options.ancestors);
+    EXPECT_FALSE(parse({"--format", "%p", "/a"}).options.ancestors);
+}
+
 TEST(CliOptions, HelpWantsNoPath)
 {
     const auto help = parse({"--help"}), events = parse({"-e", "help"});

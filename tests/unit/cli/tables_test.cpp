@@ -65,6 +65,7 @@ TEST(CliTables, OfWatch)
                                  {"include", "a", [](const O &o) { return o.include == Texts{"a"}; }},
                                  {"exclude", "a", [](const O &o) { return o.exclude == Texts{"a"}; }},
                                  {"format", "csv", [](const O &o) { return o.format == "csv"; }},
+                                 {"ancestors", nullptr, [](const O &o) { return o.ancestors; }},
                                  {"null", nullptr, [](const O &o) { return o.null_end; }},
                                  {"output", "/out", [](const O &o) { return o.output == "/out"; }},
                                  {"append", nullptr, [](const O &o) { return o.append; }},
