@@ -137,6 +137,15 @@ struct SourceFacts {
 SourceFacts gather_sources(const Machine &machine);
 Checks judge_sources(const SourceFacts &facts);
 
+/* ---- processes ---- */
+
+struct ProcessFacts {
+    std::string connector_error; /* why the kernel does not report them; empty: it does */
+    bool root = false;
+};
+ProcessFacts gather_processes();
+Checks judge_processes(const ProcessFacts &facts);
+
 /* ---- kernel probes ---- */
 
 struct DoctorProbes {

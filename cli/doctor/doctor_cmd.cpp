@@ -23,9 +23,10 @@ constexpr char kHead[] =
     R"(Usage: fmon doctor [OPTION]...
 
 Tells what of fmon works on this machine and what does not, with a remedy: the installation, the kernel, rights,
-inotify and fanotify with their limits and how much of them is used, which source watches what is mounted, kernel
-probes, containers, and mounted file systems that do not report everything. One line each: "ok", "warn" (it works, with
-this limit) or "no". Changes nothing on the machine. Other users' watches are counted as root only.
+inotify and fanotify with their limits and how much of them is used, which source watches what is mounted,
+processes, kernel probes, containers, and mounted file systems that do not report everything. One line each: "ok",
+"warn" (it works, with this limit) or "no". Changes nothing on the machine. Other users' watches are counted as root
+only.
 )";
 
 constexpr char kTail[] = R"(
@@ -57,6 +58,7 @@ constexpr Checks (*kSections[])(const Machine &) = {
     [](const Machine &) { return judge_rights(gather_rights()); },
     [](const Machine &machine) { return judge_events(gather_events(machine.users)); },
     [](const Machine &machine) { return judge_sources(gather_sources(machine)); },
+    [](const Machine &) { return judge_processes(gather_processes()); },
     [](const Machine &machine) { return judge_probes(gather_probes(machine)); },
     [](const Machine &machine) { return judge_containers(gather_containers(machine.setup.container)); },
     [](const Machine &machine) { return judge_mounts(machine.mounts); },

@@ -190,6 +190,15 @@ TEST(CliDoctor, Queues)
            {"100 events", "sysctl fs.inotify.max_queued_events=16384"});
 }
 
+TEST(CliDoctor, Processes)
+{
+    expect(find(judge_processes({"", true}), "connector"), State::kOk, {"that have ended are known"});
+    const Checks refused = judge_processes({"the kernel refuses", true});
+    expect(find(refused, "connector"), State::kWarn, {"the kernel refuses", "on the host"});
+    EXPECT_EQ(kDone, doctor_status(refused)) << "fmon works without";
+    expect(find(judge_processes({"the kernel refuses", false}), "connector"), State::kWarn, {"run as root"});
+}
+
 TEST(CliDoctor, Fanotify)
 {
     EventFacts facts = good_events();
