@@ -16,14 +16,30 @@
 namespace model
 {
 
+/* The kernel joins a record into an earlier one that waits when directory, name, object and process are the same, and
+ * whether it is a rename. */
+struct Identity {
+    const Node *dir, *node;
+    std::string name;
+    bool rename;
+    pid_t pid;
+    auto operator<=>(const Identity &) const = default;
+};
+
 /* Kinds by the names of the JSON records. */
 struct Happening {
     std::string path, kind;
     pid_t pid;
-    bool truncation = false;                   /* by path or descriptor, not by writing */
-    bool gone = false;                         /* of an open file whose name was removed */
-    std::vector<const Node *> way = {};        /* the entry's node and the directories above it */
-    std::vector<std::string> same_object = {}; /* the other ways to the same entry */
+    bool outside = false;    /* of the watched tree: nothing is due */
+    bool truncation = false; /* by path or descriptor, not by writing */
+    bool gone = false;       /* of an open file whose name was removed */
+    bool may_miss = false;   /* on every source */
+    bool itself = false;     /* to a directory itself: known by its own handle, not by its parent's */
+    /* The entry's node and the directories above it, and the name of each. */
+    std::vector<const Node *> way = {};
+    std::vector<std::string> names = {};
+    std::vector<std::string> same_object = {}; /* all paths of the entry, by mounts too */
+    Identity identity = {};
 };
 
 struct Report {
@@ -35,20 +51,36 @@ struct Report {
 
 using Complaints = std::vector<std::string>;
 
-/* Each thing that happened is to be reported by each of its paths at that moment, with its process; a path may come
- * with a kind less often than that happened, since records of one path and process are joined, and never more often. */
+/*
+ * Each thing that happened is to be reported by each of its paths at that moment, with its process. A path may come
+ * with a kind less often than that happened, since records of one path and process are joined, and never more often.
+ * What the kernel's joining hides, nobody can know:
+ *
+ * 1. What was joined into an earlier record comes by the path of that record's moment; the directory may have been
+ * renamed since.
+ * 2. When a directory was renamed in the same way by the same process twice, the second time is not seen, nor when it
+ * was. What happens below it in this round may come by any place that the directory had in this round, and is not
+ * reported when one of these is outside.
+ * 3. Whether that was so can be known of no directory that came back to a place that it had before in this round. What
+ * happens below may be a loss that is counted instead.
+ */
 class Ledger
 {
 public:
     virtual ~Ledger() = default;
     void happened(const Happening &what) { happened_.push_back(what); }
-    /* Outside of the watched tree: nothing is due. */
-    void happened_outside(const Happening &what) { outside_.push_back(what); }
-    void was(const std::string &path) { were_.insert(path); } /* a path that something had in this round */
+    void renamed(const Identity &from, const Identity &to);
+    void replaced(const Node &dir) { moves_.lossy.insert(&dir); }
+    /* A directory has, or had, this path in this round; empty: it was outside. */
+    void was_at(const Node &dir, const std::string &path) { moves_.places[&dir].insert(path); }
+    void was(const std::string &path) { were_.insert(path); } /* something had this path in this round */
     void reported(const Report &what) { reported_.push_back(what); }
+    /* Whether something is missing that a loss would excuse: losses are reported a little later than events. */
+    bool awaits_loss();
     /* What is wrong with the round that ends here. */
     Complaints settle(int round);
-    virtual bool may_lose(const std::string &) const { return false; }
+    /* A loss was reported; whether losses of that kind may be. There are never more of them than things in doubt. */
+    virtual bool may_lose(const std::string &source, size_t count);
     size_t records() const { return records_; }
 
 protected:
@@ -56,23 +88,45 @@ protected:
     virtual pid_t pid_of(const Happening &what) const { return what.pid; }
     virtual bool may_miss(const Happening &, int) const { return false; }
     virtual bool may_report(const Key &, bool, int) const { return false; }
-    virtual bool keeps_order() const { return true; }
+    virtual bool is_exact() const { return true; }
     bool came(const Key &key) const { return came_.count(key) > 0; }
 
-    std::vector<Happening> happened_, outside_;
+    std::vector<Happening> happened_;
     std::vector<Report> reported_;
     std::set<std::string> were_, were_before_;
 
 private:
+    struct Due {
+        std::set<std::string> paths; /* by which it may come; "": not at all */
+        bool in_doubt = false;       /* a loss may stand for it */
+    };
+    Key key_of(const Happening &what, const std::string &path) const { return {path, {pid_of(what), what.kind}}; }
+    void expect();
+    bool is_doubtful(const Happening &what) const;
+    void add_doubtful(const Happening &what, std::set<std::string> &paths) const;
     void count();
+    bool is_missing(const Happening &what, const Due &due) const;
     void compare(int round, Complaints &out) const;
     void check_order(Complaints &out) const;
     void check_order_of(const std::vector<const Happening *> &all, Complaints &out) const;
     std::string describe(const Key &key) const;
 
-    std::map<Key, int> due_, came_;
+    /* Of directories, in this round. */
+    struct Moves {
+        std::map<const Node *, std::set<std::string>> places; /* paths; "": outside */
+        std::map<std::pair<Identity, Identity>, int> renames;
+        std::set<std::pair<const Node *, std::pair<const Node *, std::string>>> left; /* places that they left */
+        std::set<const Node *> repeated, lossy; /* may be elsewhere; a loss may stand for what happens below */
+    } moves_;
+    struct Losses {
+        bool now = false;
+        size_t all = 0, things_in_doubt = 0; /* of all rounds */
+    } losses_;
+    std::vector<Due> due_;
+    std::map<Key, int> most_, came_;
     std::map<Key, size_t> first_; /* the first record */
     std::set<Key> found_;
+    std::set<std::pair<std::string, pid_t>> blurred_; /* what may be another path's is there too */
     size_t records_ = 0;
 };
 

@@ -40,10 +40,9 @@ bool MarksLedger::may_report(const Key &key, bool found, int round) const
         return what.kind == who.second && pid_of(what) == who.first && is_unsettled(what, round) &&
                (were_.count(path) || name_of(what.path) == name_of(path));
     };
-    return std::any_of(happened_.begin(), happened_.end(), explains) ||
-           std::any_of(outside_.begin(), outside_.end(), explains);
+    return std::any_of(happened_.begin(), happened_.end(), explains);
 }
 
-bool MarksLedger::may_lose(const std::string &source) const { return source == "path" || source == "watches"; }
+bool MarksLedger::may_lose(const std::string &source, size_t) { return source == "path" || source == "watches"; }
 
 }  // namespace model

@@ -31,10 +31,10 @@ protected:
     pid_t pid_of(const Happening &what) const override;
     bool may_miss(const Happening &what, int round) const override;
     bool may_report(const Key &key, bool found, int round) const override;
-    bool keeps_order() const override { return false; }
+    bool is_exact() const override { return false; }
 
 public:
-    bool may_lose(const std::string &source) const override;
+    bool may_lose(const std::string &source, size_t count) override;
 };
 
 }  // namespace model

@@ -28,7 +28,12 @@ unsigned long number(const char *variable, unsigned long otherwise)
 
 constexpr char kKinds[] = "create,delete,moved_from,moved_to,attrib,modify,close_write";
 
-const Setting kMarks = {{"-r", "--probes", "off", "-e", kKinds}, false};
+const Setting kMarks = {{"-r", "--probes", "off", "--source", "marks", "-e", kKinds}, false};
+
+/* The two ways of the source's table: all directories in it, and few, so that the kernel is asked. */
+const Setting kFileSystem = {{"-r", "--probes", "off", "--source", "filesystem", "-e", kKinds}, true};
+const Setting kSmallTable = {
+    {"-r", "--probes", "off", "--source", "filesystem", "--set", "fs_directories=64", "-e", kKinds}, true};
 
 class Model : public testing::Test
 {
@@ -76,6 +81,24 @@ TEST_F(Model, MarksOnExt4)
 {
     NEED(on_ext4(), "needs mkfs.ext4 and a loop device");
     follows(kMarks);
+}
+
+TEST_F(Model, FileSystemOnTmpfs)
+{
+    on_tmpfs();
+    follows(kFileSystem);
+}
+
+TEST_F(Model, FileSystemOnExt4)
+{
+    NEED(on_ext4(), "needs mkfs.ext4 and a loop device");
+    follows(kFileSystem);
+}
+
+TEST_F(Model, SmallTableOnExt4)
+{
+    NEED(on_ext4(), "needs mkfs.ext4 and a loop device");
+    follows(kSmallTable);
 }
 
 }  // namespace

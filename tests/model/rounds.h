@@ -63,6 +63,7 @@ private:
     bool read(int ms);
     void take(const systest::Json &record);
     bool is_marker_reported() const;
+    bool is_of_mount(const systest::Json &record) const;
 
     Setting setting_;
     std::string ground_;

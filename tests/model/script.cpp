@@ -20,33 +20,50 @@ void Script::step(Verb verb, const std::string &one, const std::string &other)
     operations_++;
 }
 
-void Script::happened(const std::string &kind, const Entry &entry, bool truncation)
+void Script::happened(const std::string &kind, const Entry &entry, bool truncation, bool may_miss)
 {
-    /* What changes in a directory itself is seen where it is mounted, too. */
+    /* A directory's own changes are seen where it is mounted, too. */
     const bool itself = kind == "attrib" && entry.node->kind == 'd';
     const std::vector<std::string> paths = itself ? world_.seen(*entry.node) : world_.seen(entry);
-    Happening what = {"", kind, pid_, truncation, entry.gone, {entry.node}, {}};
-    for (const Node *at = entry.dir; at; at = at->self ? at->self->dir : nullptr)
+    Happening what = {"", kind, pid_, paths.empty(), truncation, entry.gone, may_miss, itself};
+    what.identity = {itself ? entry.node : entry.dir, entry.node, itself ? "" : entry.name, kind.starts_with("moved"),
+                     pid_};
+    what.way = {entry.node};
+    what.names = {entry.name};
+    for (const Node *at = entry.dir; at; at = at->self ? at->self->dir : nullptr) {
         what.way.push_back(at);
+        what.names.push_back(at->self ? at->self->name : "");
+    }
     for (const std::string &path : paths)
         what.same_object.push_back(ground_ + "/" + path);
+    what.path = ground_ + "/" + world_.reach(*entry.dir) + "/" + entry.name;
+    if (paths.empty())
+        ledger_.happened(what);
     for (const std::string &path : what.same_object) {
         what.path = path;
         ledger_.happened(what);
     }
-    what.path = ground_ + "/" + world_.reach(*entry.dir) + "/" + entry.name;
+}
+
+void Script::note_place(const Node &dir)
+{
+    const std::vector<std::string> paths = world_.seen(dir);
+    for (const std::string &path : paths)
+        ledger_.was_at(dir, ground_ + "/" + path);
     if (paths.empty())
-        ledger_.happened_outside(what);
+        ledger_.was_at(dir, "");
 }
 
 void Script::note_paths_below(Node &node)
 {
     if (node.kind != 'd')
         return;
-    for (const Node *dir : world_.directories(node))
+    for (const Node *dir : world_.directories(node)) {
+        note_place(*dir);
         for (const auto &[name, entry] : dir->entries)
             for (const std::string &path : world_.seen(*entry))
                 ledger_.was(ground_ + "/" + path);
+    }
 }
 
 void Script::note_paths()
@@ -75,6 +92,7 @@ Entry *Script::make(Node &dir, const std::string &name, Verb verb)
     Entry *entry = world_.add(dir, name, kind);
     step(verb, reach(*entry, choose_way(dir, dir)));
     happened("create", *entry);
+    note_paths_below(*entry->node);
     if (file) {
         happened("modify", *entry);
         happened("close_write", *entry);
@@ -103,7 +121,14 @@ void Script::move(Entry &entry, Node &dir, const std::string &name)
     const Mount *way = choose_way(*entry.dir, dir);
     step(kRename, reach(entry, way), world_.reach(dir, way) + "/" + name);
     happened("moved_from", entry);
+    /* A directory that is replaced has its number of links changed, and its path for the last time. */
+    if (const auto there = dir.entries.find(name); there != dir.entries.end() && there->second->node->kind == 'd') {
+        ledger_.replaced(*there->second->node);
+        happened("attrib", *there->second, false, true);
+    }
+    const Identity from = {entry.dir, entry.node, entry.name, true, pid_};
     world_.move(entry, dir, name);
+    ledger_.renamed(from, {entry.dir, entry.node, entry.name, true, pid_});
     happened("moved_to", entry);
     note_paths_below(*entry.node);
 }
@@ -114,7 +139,11 @@ void Script::exchange(Entry &one, Entry &other)
     step(kExchange, reach(one, way), reach(other, way));
     happened("moved_from", one);
     happened("moved_from", other);
+    const Identity here = {one.dir, one.node, one.name, true, pid_},
+                   there = {other.dir, one.node, other.name, true, pid_};
     world_.exchange(one, other);
+    ledger_.renamed(here, there);
+    ledger_.renamed({there.dir, other.node, there.name, true, pid_}, {here.dir, other.node, here.name, true, pid_});
     happened("moved_to", one);
     happened("moved_to", other);
     note_paths_below(*one.node);

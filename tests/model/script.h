@@ -65,8 +65,9 @@ public:
 
 private:
     void step(Verb verb, const std::string &one, const std::string &other = "");
-    void happened(const std::string &kind, const Entry &entry, bool truncation = false);
+    void happened(const std::string &kind, const Entry &entry, bool truncation = false, bool may_miss = false);
     void note_paths_below(Node &node);
+    void note_place(const Node &dir);
     /* By which mount an operation on these directories goes; null: by none. */
     const Mount *choose_way(const Node &one, const Node &other);
     std::string reach(const Entry &entry, const Mount *way) const;

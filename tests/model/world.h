@@ -47,6 +47,7 @@ public:
     World &operator=(const World &) = delete;
 
     Node &tree() { return *tree_; }
+    const Node &tree() const { return *tree_; }
     Node &outer() { return *outer_; }
     int round = 0;
 
