@@ -208,7 +208,8 @@ void add(struct fs_root *root, const struct fs_mount *mount)
     uint32_t reason = FMON_FALLBACK_MARK;
     int error = ENODEV;
     if (fs_mount_is_pseudo(mount)) {
-        account_left_out(reason, error, below->point);
+        if (root->watch) /* system-wide, these are not meant */
+            account_left_out(reason, error, below->point);
         const FsLock lock;
         list_add_tail(&below->link, &root->below);
         return;
@@ -244,15 +245,16 @@ void drop(struct fs_below *below)
     free(below);
 }
 
-/* Its mark may have gone, if what is mounted there now was mounted anew. */
-void renew(struct fs_below *below)
+/* Its mark may have gone, if what is mounted there now was mounted anew. False: that is another file system. */
+bool renew(struct fs_below *below)
 {
     const FsLock lock;
     const int fd = fs_mount_open(below->mount_id, below->system->fsid, below->point);
     if (fd < 0)
-        return;
+        return false;
     fs_system_renew(below->system, fd);
     close(fd);
+    return true;
 }
 
 /* System-wide, what is mounted several times is told once. */
@@ -277,17 +279,13 @@ bool is_wanted(struct fs_root *root, const struct fs_mount *mount)
 void look(struct fs_root *root, const struct fs_mount *mount)
 {
     struct fs_below *known = find(root, mount->id);
-    if (known && !is_still(known, mount)) {
-        drop(known);
-        known = nullptr;
-    }
-    if (!known) {
-        add(root, mount);
+    if (known && is_still(known, mount) && (!is_served(known) || renew(known))) {
+        known->seen = true;
         return;
     }
-    known->seen = true;
-    if (is_served(known))
-        renew(known);
+    if (known)
+        drop(known);
+    add(root, mount);
 }
 
 }  // namespace

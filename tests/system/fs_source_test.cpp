@@ -1,0 +1,366 @@
+/*
+ * Directories that are watched by events of whole file systems: what is reported from the first moment on, mounts below
+ * a watch, its end, and what is lost. Mounts are in a mount namespace of its own.
+ */
+#include <gtest/gtest.h>
+#include <sched.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <csignal>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+
+#include "harness.h"
+#include "stranger.h"
+
+using namespace systest;
+using testlib::TempTree;
+
+namespace
+{
+
+const std::vector<std::string> kByFileSystem = {"-r", "--source", "filesystem"};
+
+std::vector<std::string> with(std::vector<std::string> arguments)
+{
+    arguments.insert(arguments.begin(), kByFileSystem.begin(), kByFileSystem.end());
+    return arguments;
+}
+
+bool can_watch_file_systems()
+{
+    TempTree tree;
+    Watch watch(tree.root(), kByFileSystem);
+    const auto first = watch.next();
+    watch.stop();
+    return first && first->value("type", "") == "established";
+}
+
+class FileSystems : public testing::Test
+{
+protected:
+    static void SetUpTestSuite()
+    {
+        own_mounts = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
+        can_watch = own_mounts && can_watch_file_systems();
+    }
+    void SetUp() override
+    {
+        NEED(testlib::is_root(), "marks of file systems need root");
+        if (!can_watch)
+            GTEST_SKIP() << "this kernel, or the file system of temporary files, has no such events";
+    }
+    void TearDown() override
+    {
+        while (umount2(mounted.c_str(), MNT_DETACH) == 0) {
+        }
+    }
+
+    void mount_new()
+    {
+        std::filesystem::create_directories(mounted);
+        ASSERT_EQ(0, mount("fmon-test", mounted.c_str(), "tmpfs", 0, nullptr)) << strerror(errno);
+    }
+    /* Makes files in a directory until one is reported: what was mounted a moment ago is known a moment later. */
+    bool is_watched(Watch &watch, const std::string &directory)
+    {
+        return !watch.until_reported([&](int round) { make_file(directory + "/file" + std::to_string(round)); })
+                    .empty();
+    }
+    /* Whether the last barrier's events all have a process. */
+    static void expect_processes(const Watch &watch)
+    {
+        for (const Json &event : watch.events())
+            EXPECT_NE(0u, event.value("pid", 0u)) << event;
+    }
+
+    static inline bool own_mounts = false, can_watch = false;
+    TempTree tree;
+    const std::string mounted = tree.path("mounted");
+};
+
+TEST_F(FileSystems, TreesAreSeenFromTheFirstMoment)
+{
+    Watch watch(tree.root(), with({"-e", "create,delete,moved_from,moved_to,close_write"}));
+    const Json first = watch.established();
+    EXPECT_EQ("filesystem", first["source"]) << first;
+    EXPECT_EQ(0, first["directories"]) << first;
+    /* By several processes: what one of them does to one entry may be one record. */
+    const std::string script = "cd '" + tree.root() + "'; mkdir -p a/b/c/d; echo > a/b/c/d/f; mv a z; rm -r z";
+    ASSERT_EQ(0, system(script.c_str()));
+    EXPECT_EQ(paths({{"a", "create,moved_from"},
+                     {"a/b", "create"},
+                     {"a/b/c", "create"},
+                     {"a/b/c/d", "create"},
+                     {"a/b/c/d/f", "create,close_write"},
+                     {"z", "moved_to,delete"},
+                     {"z/b", "delete"},
+                     {"z/b/c", "delete"},
+                     {"z/b/c/d", "delete"},
+                     {"z/b/c/d/f", "delete"}}),
+              watch.barrier(tree.root()));
+    expect_processes(watch);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, EveryKindHasItsProcess)
+{
+    tree.dir("d");
+    Watch watch(tree.root(), with({"--pid", "-e", "create,delete,attrib,moved_from,moved_to,modify"}));
+    watch.established();
+    make_file(tree.path("d/f"));
+    change_mode(tree.path("d/f"), 0600);
+    move(tree.path("d/f"), tree.path("d/g"));
+    append_file(tree.path("d/g"));
+    remove_file(tree.path("d/g"));
+    EXPECT_EQ(paths({{"d/f", "create,modify,attrib,moved_from"}, {"d/g", "moved_to,modify,delete"}}),
+              watch.barrier(tree.root(), {"create"}));
+    expect_processes(watch);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, ADirectoryAloneReportsItsEntriesOnly)
+{
+    tree.dir("d");
+    Watch watch(tree.root(), {"--source", "filesystem", "-e", "create,close_write"});
+    watch.established();
+    make_file(tree.path("d/deep"));
+    make_file(tree.path("f"));
+    EXPECT_EQ(paths({{"f", "create,close_write"}}), watch.barrier(tree.root()));
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* ---- mounts below ---- */
+
+TEST_F(FileSystems, AMountThatComesLaterIsWatched)
+{
+    Watch watch(tree.root(), with({"-e", "create,close_write"}));
+    watch.losses_are_due(); /* what was mounted a moment ago */
+    watch.established();
+    mount_new();
+    EXPECT_TRUE(is_watched(watch, mounted));
+    make_dir(mounted + "/d");
+    make_file(mounted + "/d/f");
+    EXPECT_EQ(paths({{"mounted/d", "create"}, {"mounted/d/f", "create,close_write"}}), watch.barrier(tree.root()));
+    expect_processes(watch);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, NothingKeepsAFileSystemBusyAndItsMarkComesBack)
+{
+    mount_new();
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    for (int round = 0; round < 3; round++) {
+        EXPECT_TRUE(is_watched(watch, mounted)) << round;
+        int error = EBUSY;
+        for (int i = 0; i < 100 && error == EBUSY; i++) { /* a question of the monitor takes less than that */
+            error = umount(mounted.c_str()) == 0 ? 0 : errno;
+            pause_ms(error == EBUSY ? 1 : 0);
+        }
+        EXPECT_EQ(0, error) << round;
+        mount_new();
+    }
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, WhatIsMountedTwiceHasBothPaths)
+{
+    const std::string data = tree.dir("data"), other = tree.dir("other");
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    bind_mount(data, other);
+    bool both = false;
+    watch.until_reported([&](int round) { make_file(data + "/f" + std::to_string(round)); });
+    for (int round = 0; round < 100 && !both; round++) {
+        const std::string name = "g" + std::to_string(round);
+        make_file(other + "/" + name);
+        const Paths seen = watch.barrier(tree.root(), {"create"});
+        both = seen.count("data/" + name) && seen.count("other/" + name);
+    }
+    EXPECT_TRUE(both);
+    unmount(other);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, WhatIsDoneThroughAnotherMountHasTheWatchedPath)
+{
+    const std::string data = tree.dir("watched/data"), elsewhere = tree.dir("elsewhere");
+    bind_mount(data, elsewhere);
+    Watch watch(tree.path("watched"), with({"-e", "create,close_write"}));
+    watch.established();
+    make_file(elsewhere + "/f");
+    EXPECT_EQ(paths({{"data/f", "create,close_write"}}), watch.barrier(tree.path("watched")));
+    unmount(elsewhere);
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* A directory above a mount point is renamed: the mount goes with it. */
+TEST_F(FileSystems, PathsOfAMountFollowTheDirectoriesAbove)
+{
+    tree.dir("a/b");
+    ASSERT_EQ(0, mount("fmon-test", tree.path("a/b").c_str(), "tmpfs", 0, nullptr));
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.established();
+    make_file(tree.path("a/b/f"));
+    move(tree.path("a"), tree.path("z"));
+    make_file(tree.path("z/b/g"));
+    EXPECT_EQ(paths({{"a/b/f", "create"}, {"z/b/g", "create"}}), watch.barrier(tree.root(), {"create"}));
+    unmount(tree.path("z/b"));
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* An overlay has no mark as a whole; below a watch its directories have one each. */
+TEST_F(FileSystems, AnOverlayBelowIsMarkedByDirectories)
+{
+    mount_new();
+    const std::string m = mounted + "/";
+    for (const char *name : {"lower", "upper", "work", "seen"})
+        make_dir(m + name);
+    make_dir(m + "lower/d");
+    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
+    const std::string seen = tree.dir("tree/overlay");
+    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    Watch watch(tree.path("tree"), {"-r", "--source", "auto", "-e", "create"});
+    const Json first = watch.established();
+    EXPECT_EQ("both", first["source"]) << first;
+    make_file(seen + "/d/f");
+    make_file(tree.path("tree/g"));
+    EXPECT_TRUE(is_watched(watch, seen + "/d"));
+    unmount(seen);
+    watch.stop();
+}
+
+TEST_F(FileSystems, AnOverlayItselfFallsBackToMarks)
+{
+    mount_new();
+    const std::string m = mounted + "/";
+    for (const char *name : {"lower", "upper", "work"})
+        make_dir(m + name);
+    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
+    const std::string seen = tree.dir("overlay");
+    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    Watch watch(seen, {"-r", "--source", "auto", "-e", "create"});
+    const Json first = watch.established();
+    EXPECT_EQ("marks", first["source"]) << first;
+    EXPECT_TRUE(is_watched(watch, seen));
+    watch.stop();
+    unmount(seen);
+}
+
+/* ---- the root's end ---- */
+
+TEST_F(FileSystems, ADirectoryAboveTheRootIsMoved)
+{
+    const std::string root = tree.dir("a/b/root");
+    Watch watch(root, with({"--wait", "-e", "create,move_self", "--set", "tbd_interval=1000"}));
+    watch.established();
+    move(tree.path("a"), tree.path("z"));
+    EXPECT_EQ(root, watch.next_of("ended")["path"]);
+    make_file(tree.path("z/b/root/elsewhere"));
+    move(tree.path("z"), tree.path("a"));
+    EXPECT_EQ(root, watch.next_of("appeared")["path"]);
+    EXPECT_TRUE(is_watched(watch, root));
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, WhatHappensBeforeTheRootsEndIsReported)
+{
+    const std::string root = tree.dir("root");
+    Watch watch(root, with({"-e", "create,delete,delete_self"}));
+    watch.established();
+    make_dir(root + "/d");
+    make_file(root + "/d/f");
+    std::filesystem::remove_all(root);
+    std::vector<std::string> seen;
+    while (const auto object = watch.next())
+        if (object->value("type", "") == "event")
+            seen.push_back(object->value("path", "").substr(root.size()));
+    EXPECT_NE(seen.end(), std::find(seen.begin(), seen.end(), "/d/f"));
+    ASSERT_FALSE(seen.empty());
+    EXPECT_EQ("", seen.back());
+}
+
+/* ---- losses ---- */
+
+bool told_of_loss(Watch &watch)
+{
+    watch.losses_are_due();
+    return watch.next_of("loss", 2 * kPatienceMs)["source"] == "filesystem";
+}
+
+/* While somebody holds the monitor up, events are taken from the kernel, and beyond the limit thrown away. */
+TEST_F(FileSystems, BeyondTheLimitOfMemoryEventsAreLossesThatAreTold)
+{
+    Watch watch(tree.root(), with({"-e", "create", "--set", "fs_memory_kib=64"}));
+    watch.established();
+    Process held(
+        {{FMON_TEST_BIN "/fmon", "dump", "-t", "events", "--hold", "2", std::to_string(watch.process().pid())}});
+    const int64_t end = now_ms() + 4000;
+    for (int i = 0; now_ms() < end; i++) {
+        const std::string name = tree.path(std::string(200, 'n') + std::to_string(i));
+        make_file(name);
+        remove_file(name);
+    }
+    EXPECT_TRUE(told_of_loss(watch));
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, OverflowsOfTheKernelsQueueAreLossesThatAreTold)
+{
+    mount_new();
+    Watch watch(mounted, with({"-e", "create", "--set", "fs_queue=1"}));
+    watch.established();
+    watch.process().send(SIGSTOP);
+    for (int i = 0; i < 20000; i++) { /* the limit is 16,384 */
+        const std::string name = mounted + "/f" + std::to_string(i);
+        make_dir(name);
+        remove_dir(name);
+    }
+    watch.process().send(SIGCONT);
+    EXPECT_TRUE(told_of_loss(watch));
+    make_dir(mounted + "/new");
+    EXPECT_TRUE(is_watched(watch, mounted + "/new"));
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* ---- the whole system ---- */
+
+TEST_F(FileSystems, TheWholeSystemWithoutProbes)
+{
+    mount_new();
+    Process watch({{FMON_TEST_BIN "/fmon", "watch", "--system", "--probes", "off", "--source", "filesystem", "-e",
+                    "create", "--format", "text"}});
+    const std::string deep = tree.path("s/y/s/t/e/m"), name(250, 'n');
+    pause_ms(300);
+    std::filesystem::create_directories(deep);
+    make_file(deep + "/" + name);
+    make_file(mounted + "/other");
+    bool directory = false, file = false, other = false;
+    for (const int64_t end = now_ms() + kPatienceMs; now_ms() < end && !(directory && file && other);) {
+        const std::string line = watch.line(1000).value_or("");
+        directory |= line.find(deep) != std::string::npos && line.find(name) == std::string::npos;
+        file |= line.find(deep + "/" + name) != std::string::npos;
+        other |= line.find(mounted + "/other") != std::string::npos;
+        if (line.empty()) { /* it was not ready */
+            std::filesystem::remove_all(tree.path("s"));
+            std::filesystem::create_directories(deep);
+            make_file(deep + "/" + name);
+            make_file(mounted + "/other");
+        }
+    }
+    EXPECT_TRUE(directory);
+    EXPECT_TRUE(file);
+    EXPECT_TRUE(other);
+    EXPECT_EQ(0, watch.interrupt()) << watch.errors();
+}
+
+}  // namespace
