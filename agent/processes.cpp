@@ -104,7 +104,7 @@ bool Processes::take_all()
     using Result = ProcessConnector::Result;
     Result result = Result::kMore;
     for (int i = 0; i < kBatches && (result == Result::kMore || result == Result::kLoss); i++) {
-        result = connector_.receive([this](const ProcessEvent &event) { table_.apply(event); });
+        result = connector_.receive([this](const ProcessEvent &event) REQUIRES(lock_) { table_.apply(event); });
         if (result != Result::kLoss)
             continue;
         losses_.fetch_add(1, std::memory_order_relaxed);
