@@ -6,7 +6,7 @@
  * others). Names: malloc calloc realloc, inotify_init inotify_add_watch inotify_rm_watch, fanotify_init fanotify_mark
  * (found through dlsym), select read readlink realpath stat lstat fstat statx opendir readdir closedir uname prctl
  * dlopen dlsym close fopen fgets open fcntl poll openat fstatat open_by_handle_at name_to_handle_at eventfd
- * pthread_create. Tests of the kernel-probe library
+ * fstatfs fdopendir pthread_create. Tests of the kernel-probe library
  * (see kernel_double/) have instead:
  * malloc read close open fcntl uname stat inotify_add_watch, and access write mmap ioctl perf_event_open eventfd
  * epoll_create1 epoll_ctl pthread_create inotify_init1. Tests of the container library (container_world/): calloc read

@@ -12,6 +12,7 @@
 #include <sys/prctl.h>
 #include <sys/select.h>
 #include <sys/stat.h>
+#include <sys/statfs.h>
 #include <sys/utsname.h>
 #include <unistd.h>
 
@@ -139,6 +140,9 @@ WRAP_AS(-1, int, fstatat, fstatat64, (int fd, const char *path, struct stat64 *s
 WRAP(-1, int, open_by_handle_at, (int fd, struct file_handle *handle, int flags), (fd, handle, flags))
 WRAP(-1, int, name_to_handle_at, (int fd, const char *path, struct file_handle *handle, int *mount, int flags),
      (fd, path, handle, mount, flags))
+WRAP(-1, int, fstatfs, (int fd, struct statfs *st), (fd, st))
+WRAP_AS(-1, int, fstatfs, fstatfs64, (int fd, struct statfs64 *st), (fd, st))
+WRAP(nullptr, DIR *, fdopendir, (int fd), (fd))
 WRAP(-1, int, eventfd, (unsigned value, int flags), (value, flags))
 WRAP(-1, int, poll, (struct pollfd * fds, nfds_t count, int timeout), (fds, count, timeout))
 WRAP(nullptr, DIR *, opendir, (const char *path), (redirected(path)))
