@@ -30,6 +30,11 @@ FallbackWords group_words(int error, bool root)
     return {text, too_old ? "" : error == EMFILE ? "raise fs.fanotify.max_user_groups" : admin_remedy(root)};
 }
 
+const char *handle_remedy(const std::string &type)
+{
+    return type == "overlay" ? "mount it with nfs_export=on,index=on, where its layers allow that" : "";
+}
+
 FallbackWords mark_words(int error, const std::string &type, bool root)
 {
     switch (error) {
@@ -43,8 +48,7 @@ FallbackWords mark_words(int error, const std::string &type, bool root)
             return {with_error(type + " has no id that events could name it by", error),
                     type == "tmpfs" ? "later kernels, such as 6.1, give it one" : ""};
         case EOPNOTSUPP:
-            return {with_error(type + " has no file handles that could be opened", error),
-                    type == "overlay" ? "mount it with nfs_export=on,index=on, where its layers allow that" : ""};
+            return {with_error(type + " has no file handles that could be opened", error), handle_remedy(type)};
         case ENOSPC:
             return {with_error("no mark is left", error), "raise fs.fanotify.max_user_marks"};
         default:
@@ -81,7 +85,7 @@ FallbackWords explain_fallback(uint32_t reason, int error, const std::string &ty
         case FMON_FALLBACK_MARK:
             return mark_words(error, system, root);
         case FMON_FALLBACK_HANDLE:
-            return {with_error(system + " has no file handles", error), ""};
+            return {with_error(system + " has no file handles", error), handle_remedy(system)};
         case FMON_FALLBACK_OPEN:
             return open_words(error, root);
         case FMON_FALLBACK_FSID:

@@ -32,6 +32,7 @@ TEST(CliFallback, EachReason)
     EXPECT_EQ("", explain_fallback(FMON_FALLBACK_INIT, EINVAL, "", true).remedy);
     expect_has(line(FMON_FALLBACK_KIND), {"only directories are", "--mount and --max-depth"});
     expect_has(line(FMON_FALLBACK_HANDLE, EOPNOTSUPP, "vfat"), {"vfat has no file handles (Operation not supported)"});
+    expect_has(line(FMON_FALLBACK_HANDLE, EOPNOTSUPP, "overlay"), {"overlay has no file handles", "nfs_export=on"});
     expect_has(line(FMON_FALLBACK_OPEN, EPERM), {"handle cannot be opened", "CAP_DAC_READ_SEARCH"});
     EXPECT_EQ("", explain_fallback(FMON_FALLBACK_OPEN, ESTALE, "", true).remedy);
     expect_has(line(FMON_FALLBACK_FSID), {"has the same id", "tune2fs -U random"});
