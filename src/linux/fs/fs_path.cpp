@@ -193,7 +193,7 @@ void fs_find_paths(struct fs_engine *engine, struct fs_node *directory, const ch
 {
     struct fs_paths *paths = &engine->paths;
     paths->used = 0;
-    paths->inside = paths->failed = paths->unsure = paths->missed = paths->too_long = false;
+    paths->inside = paths->failed = paths->gone = paths->unsure = paths->missed = paths->too_long = false;
     struct climb c;
     c.engine = engine;
     c.ways = 0;

@@ -55,6 +55,7 @@ enum fs_asked ask(struct fs_engine *engine, struct fs_node *node, struct fs_plac
 
 bool believe(struct fs_engine *engine, struct fs_node *node, enum fs_asked answer, const struct fs_place *place)
 {
+    engine->paths.gone |= answer == FS_ASKED_GONE;
     if (answer == FS_ASKED_TOP)
         node->top = engine->mount_generation;
     return answer == FS_ASKED_TOP || (answer == FS_ASKED_PLACE && fs_place_asked(engine, node, place));

@@ -35,6 +35,7 @@ struct fs_paths {
     size_t used, room;
     bool inside;   /* a recursive anchor lies at the entry's directory or above */
     bool failed;   /* not all could be found out */
+    bool gone;     /* ... since the directory is removed */
     bool unsure;   /* moves may be hidden: it may have been elsewhere */
     bool missed;   /* ... and inside, where it seems to be outside; said once for each directory that was moved */
     bool too_long; /* one that was found is longer than FS_PATH_MAX, and left out */

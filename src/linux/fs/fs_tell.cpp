@@ -91,6 +91,12 @@ bool had_path(struct fs_engine *engine, struct fs_node *node, const struct fs_re
     return false;
 }
 
+/* A directory that a rename replaces has no record of its removal but changes of itself, on its way out. */
+bool is_own_end(const struct fs_paths *paths, const struct fs_entry *entry, uint32_t kinds)
+{
+    return paths->gone && !entry->name_len && !(kinds & ~uint32_t{FMON_ATTRIB | FMON_DELETE_SELF});
+}
+
 void count_losses(struct fs_engine *engine, bool told)
 {
     const struct fs_paths *paths = &engine->paths;
@@ -113,7 +119,7 @@ void deliver(struct fs_engine *engine, struct fs_event *event)
 void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record,
                    const struct fs_entry *entry, uint32_t kinds)
 {
-    if (record->pid == engine->own_pid)
+    if (record->pid == engine->own_pid || is_own_end(&engine->paths, entry, kinds))
         return;
     const bool told = engine->paths.used == 0 || had_path(engine, node, record, entry, kinds);
     count_losses(engine, told);

@@ -240,6 +240,14 @@ TEST_F(FsEngine, ADirectorysOwnEventsHaveItsPath)
     EXPECT_EQ((Lines{"create /m/w/a", "attrib /m/w/a", "attrib /m/w"}), told());
 }
 
+TEST_F(FsEngine, AReplacedDirectorysOwnEndIsNoLoss)
+{
+    take(named_record(FMON_ATTRIB | FMON_DELETE_SELF | kDir, 7, {info(2, handle(99), ".")}));
+    EXPECT_EQ(0u, world.lost[FS_LOST_UNRESOLVED]);
+    take(named_record(FMON_OPEN | kDir, 7, {info(2, handle(99), ".")}));
+    EXPECT_EQ(1u, world.lost[FS_LOST_UNRESOLVED]);
+}
+
 TEST_F(FsEngine, AWhiteoutIsADeletion)
 {
     world.files[{10, "lower"}] = -1;
