@@ -19,7 +19,7 @@ void add_source(std::vector<std::string> &argv)
 {
     const bool watches = argv.size() > 1 && argv[0].ends_with("/fmon") && argv[1] == "watch";
     if (asked() && watches && std::find(argv.begin(), argv.end(), "--source") == argv.end())
-        argv.insert(argv.begin() + 2, std::string("--source=") + asked());
+        argv.push_back(std::string("--source=") + asked());
 }
 
 }  // namespace systest

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <ctime>
 
 #include "linux/fs/fs_served.h"
 #include "list.h"
@@ -15,7 +16,18 @@ constexpr char kFile[] = "linux/fs/fs_pass.cpp";
 /* Records that are taken at once: between the first, which is kept for the next pass, and the last. */
 constexpr size_t kFirst = size_t{64} * 1024, kMost = size_t{8} * 1024 * 1024, kLeast = size_t{4} * FS_GROUP_ROOM;
 
-enum { TURNS_MAX = 1000 };
+/*
+ * Whoever writes for each record that is read (a log on the same file system, a tracer of the monitor) makes new ones
+ * without end: reading until nothing waits has its time. What waited at the beginning is read by then.
+ */
+enum { TURN_MS = 50, ALL_MS = 200 };
+
+int64_t now_ms()
+{
+    struct timespec now;
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return int64_t{now.tv_sec} * 1000 + now.tv_nsec / 1000000;
+}
 
 /* A quarter of the limit may be records; and what is put into the queue meanwhile has to have room. */
 size_t most()
@@ -61,7 +73,7 @@ void note_error(int error)
     fs_source.counters.read_error = error;
 }
 
-/* Reads behind what is there until nothing waits or there is no room. Returns whether nothing waits. */
+/* Reads behind what is there until nothing waits, there is no room, or time is up. Returns whether nothing waits. */
 bool fill(struct fs_arena *arena)
 {
     bool drained = false;
@@ -70,7 +82,7 @@ bool fill(struct fs_arena *arena)
         arena->used +=
             fs_group_read(&fs_source.group, arena->bytes + arena->used, arena->size - arena->used, &drained, &error);
         note_error(error);
-    } while (!drained && make_room(arena));
+    } while (!drained && now_ms() < fs_source.read_until && make_room(arena));
     return drained;
 }
 
@@ -145,7 +157,7 @@ bool read_more(void *, struct fs_chunk *out)
 {
     struct fs_arena arena = {};
     *out = {nullptr, 0, false};
-    if (fs_queue_room(&fs_source.queue) < kLeast || !make_room(&arena))
+    if (now_ms() >= fs_source.read_until || fs_queue_room(&fs_source.queue) < kLeast || !make_room(&arena))
         return false;
     out->drained = fill(&arena);
     out->size = arena.used;
@@ -246,8 +258,11 @@ struct fs_world fs_pass_world(void)
     return world;
 }
 
+void fs_pass_begin(void) { fs_source.read_until = now_ms() + TURN_MS; }
+
 bool fs_pass(void)
 {
+    fs_pass_begin();
     if (fs_source.again) {
         fs_source.again = take(nullptr, 0, false);
         return true;
@@ -267,9 +282,9 @@ bool fs_pass(void)
 
 void fs_pass_all(void)
 {
-    for (int turns = 0; turns < TURNS_MAX; turns++)
-        if (!fs_pass() || (fs_source.drained && !fs_source.again))
-            break;
+    const int64_t end = now_ms() + ALL_MS;
+    while (fs_pass() && (!fs_source.drained || fs_source.again) && now_ms() < end) {
+    }
 }
 
 void fs_pass_close_mounts(void)

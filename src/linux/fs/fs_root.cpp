@@ -277,6 +277,7 @@ int fs_anchor_at(struct fs_anchor *anchor, const char *open_path, bool follow)
         if (fs_look_at(open_path, follow, &look, &error))
             return FMON_ENOENT;
         anchor->fd = look.fd;
+        fs_pass_begin();
         result = fs_key_equal(&look.key.key, &anchor->key) ? fs_engine_add(fs_source.engine, anchor) : int{FMON_ENOENT};
         close(look.fd);
         fs_pass_close_mounts();

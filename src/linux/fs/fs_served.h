@@ -94,6 +94,7 @@ struct fs_source {
         drained;   /* the engine has records that it read itself; nothing waited behind the latest that were read */
     int error;     /* errno of a start that failed */
     int mounts_fd; /* says that mounts came or went; -1: nobody says so */
+    int64_t read_until; /* ms: from then on nothing more is read before the lock was free */
     pthread_mutex_t lock;
     struct fs_group group;
     struct fs_engine *engine;
@@ -128,10 +129,13 @@ public:
 /* What the engine calls. */
 struct fs_world fs_pass_world(void);
 
+/* The engine is called: it may have records read for some time. */
+void fs_pass_begin(void);
+
 /* Takes what waits in the group, as much as memory allows at once. False: there was nothing. */
 bool fs_pass(void);
 
-/* Takes everything that waits. */
+/* Takes everything that waits, within a time. */
 void fs_pass_all(void);
 
 /* Closes what was opened for the engine. */

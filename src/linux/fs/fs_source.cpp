@@ -36,13 +36,8 @@ void mounts_changed(void *)
 
 bool pass(void *)
 {
-    bool again = true, some = false;
-    while (again) {
-        const FsLock lock;
-        some |= fs_pass();
-        again = fs_source.again;
-    }
-    return some;
+    const FsLock lock;
+    return fs_pass();
 }
 
 int refuse(int error)
