@@ -67,10 +67,16 @@ using Complaints = std::vector<std::string>;
 class Ledger
 {
 public:
+    explicit Ledger(bool small_table = false) : small_table_(small_table) {}
     virtual ~Ledger() = default;
     void happened(const Happening &what) { happened_.push_back(what); }
     void renamed(const Identity &from, const Identity &to);
     void replaced(const Node &dir) { moves_.lossy.insert(&dir); }
+    void removed(const Node &dir)
+    {
+        if (small_table_)
+            moves_.lossy.insert(&dir);
+    }
     /* A directory has, or had, this path in this round; empty: it was outside. */
     void was_at(const Node &dir, const std::string &path) { moves_.places[&dir].insert(path); }
     void was(const std::string &path) { were_.insert(path); } /* something had this path in this round */
@@ -122,6 +128,7 @@ private:
         bool now = false;
         size_t all = 0, things_in_doubt = 0; /* of all rounds */
     } losses_;
+    const bool small_table_;
     std::vector<Due> due_;
     std::map<Key, int> most_, came_;
     std::map<Key, size_t> first_; /* the first record */

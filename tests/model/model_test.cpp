@@ -28,12 +28,12 @@ unsigned long number(const char *variable, unsigned long otherwise)
 
 constexpr char kKinds[] = "create,delete,moved_from,moved_to,attrib,modify,close_write";
 
-const Setting kMarks = {{"-r", "--probes", "off", "--source", "marks", "-e", kKinds}, false};
+const Setting kMarks = {{"-r", "--probes", "off", "--source", "marks", "-e", kKinds}, false, false};
 
 /* The two ways of the source's table: all directories in it, and few, so that the kernel is asked. */
-const Setting kFileSystem = {{"-r", "--probes", "off", "--source", "filesystem", "-e", kKinds}, true};
+const Setting kFileSystem = {{"-r", "--probes", "off", "--source", "filesystem", "-e", kKinds}, false, true};
 const Setting kSmallTable = {
-    {"-r", "--probes", "off", "--source", "filesystem", "--set", "fs_directories=64", "-e", kKinds}, true};
+    {"-r", "--probes", "off", "--source", "filesystem", "--set", "fs_directories=64", "-e", kKinds}, true, true};
 
 class Model : public testing::Test
 {

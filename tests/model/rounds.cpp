@@ -25,10 +25,10 @@ constexpr int kAreas = 3, kPoints = 2, kRoundsOfOneWatcher = 25, kRoundsOfMounts
               kLossMs = 3000;
 constexpr size_t kFirstEntries = 150;
 
-std::unique_ptr<Ledger> make_ledger(bool exact)
+std::unique_ptr<Ledger> make_ledger(const Setting &setting)
 {
-    if (exact)
-        return std::make_unique<Ledger>();
+    if (setting.exact)
+        return std::make_unique<Ledger>(setting.small_table);
     return std::make_unique<MarksLedger>();
 }
 
@@ -37,7 +37,7 @@ std::unique_ptr<Ledger> make_ledger(bool exact)
 Rounds::Rounds(Setting setting, const std::string &ground, unsigned long seed)
     : setting_(std::move(setting)),
       ground_(ground),
-      ledger_(make_ledger(setting_.exact)),
+      ledger_(make_ledger(setting_)),
       dice_(seed),
       script_(world_, *ledger_, dice_, ground_),
       player_(world_, script_, dice_)

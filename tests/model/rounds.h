@@ -21,6 +21,7 @@ namespace model
 
 struct Setting {
     std::vector<std::string> options; /* of fmon watch */
+    bool small_table;                 /* directories are forgotten */
     bool exact;                       /* no exceptions: what happens is reported by the file system's one mark */
 };
 

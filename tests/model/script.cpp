@@ -113,6 +113,7 @@ void Script::remove(Entry &entry)
 {
     step(entry.node->kind == 'd' ? kRemoveDir : kUnlink, reach(entry, choose_way(*entry.dir, *entry.dir)));
     happened("delete", entry);
+    ledger_.removed(*entry.node);
     world_.remove(entry);
 }
 
