@@ -77,7 +77,7 @@ bool process_next(struct fs_engine *engine)
 void end_epoch(struct fs_engine *engine)
 {
     fs_moves_clear(&engine->moves);
-    engine->epoch++;
+    engine->table.epoch = ++engine->epoch;
 }
 
 /* The first chunk. True: it was the caller's. */

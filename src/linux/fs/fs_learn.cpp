@@ -103,6 +103,7 @@ void learn_entry(struct fs_engine *engine, struct fs_node *node, const struct fs
         fs_place_at(engine, node, &record->entry);
     fs_displace_above(engine, node, true);
     node->flags |= FS_NODE_DEAD;
+    node->motion.died = engine->epoch;
     node->flags &= static_cast<uint8_t>(~FS_NODE_USED);
 }
 

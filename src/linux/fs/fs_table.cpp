@@ -7,6 +7,7 @@ namespace
 
 constexpr uint32_t kLeastBuckets = 64;
 constexpr uint32_t kMostBuckets = 1u << 20;
+constexpr uint32_t kMostSpared = 32; /* after so many in one sweep the table grows instead */
 constexpr uint32_t kMostSystems = UINT16_MAX;
 
 char *node_bytes(struct fs_node *node) { return reinterpret_cast<char *>(node + 1); }
@@ -54,12 +55,22 @@ void remove_at(struct fs_table *table, struct fs_node **link)
 
 bool may_go(const struct fs_node *node) { return !node->pins && !node->ties && !node->children; }
 
+/* Where it was cannot be asked for any more. As many again as the table has room for are kept so. */
+bool is_spared(const struct fs_table *table, const struct fs_node *node)
+{
+    return node->motion.died == table->epoch && table->count / 2 < table->limit;
+}
+
 /* Removes one of the bucket that was not used since the last sweep. */
-bool sweep_bucket(struct fs_table *table, struct fs_node **link)
+bool sweep_bucket(struct fs_table *table, struct fs_node **link, uint32_t &spared)
 {
     for (; *link; link = &(*link)->next) {
         if (!may_go(*link))
             continue;
+        if (is_spared(table, *link)) {
+            spared++;
+            continue;
+        }
         if (!((*link)->flags & FS_NODE_USED)) {
             remove_at(table, link);
             return true;
@@ -72,8 +83,9 @@ bool sweep_bucket(struct fs_table *table, struct fs_node **link)
 /* Two rounds: the first may find all of them used. When all are parents or pinned, the table grows past its limit. */
 void make_room(struct fs_table *table)
 {
-    for (uint32_t i = 0; i <= table->mask * 2 + 1; i++) {
-        if (sweep_bucket(table, &table->buckets[table->hand]))
+    uint32_t spared = 0;
+    for (uint32_t i = 0; i <= table->mask * 2 + 1 && spared < kMostSpared; i++) {
+        if (sweep_bucket(table, &table->buckets[table->hand], spared))
             return;
         table->hand = (table->hand + 1) & table->mask;
     }
@@ -106,6 +118,7 @@ bool fs_table_init(struct fs_table *table, uint32_t limit)
 {
     *table = {};
     table->limit = limit;
+    table->epoch = 1;
     table->mask = bucket_count(limit) - 1;
     table->buckets = static_cast<struct fs_node **>(calloc(table->mask + size_t{1}, sizeof(struct fs_node *)));
     return table->buckets != nullptr;

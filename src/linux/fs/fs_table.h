@@ -23,6 +23,7 @@ enum {
 
 struct fs_motion {
     uint32_t unsure; /* the epoch in which a record that moved the directory may have been hidden */
+    uint32_t died;   /* the epoch in which it was removed: records from inside may be behind; 0: not */
     uint32_t moved;  /* the number of its last move, among all that records told of; 0: none */
 };
 
@@ -54,7 +55,8 @@ struct fs_table {
     uint32_t mask;  /* number of buckets - 1 */
     uint32_t count; /* directories */
     uint32_t limit;
-    uint32_t hand; /* the bucket where the next sweep begins */
+    uint32_t epoch; /* the current one, from 1 */
+    uint32_t hand;  /* the bucket where the next sweep begins */
     struct fs_system *systems;
     uint32_t system_count;
 };

@@ -304,6 +304,23 @@ TEST_F(FsEngine, TheTableKeepsToItsLimit)
     EXPECT_EQ(0u, world.lost[FS_LOST_UNRESOLVED]);
 }
 
+TEST_F(FsEngine, RemovedDirectoriesStayUntilWhatHappenedInsideIsRead)
+{
+    restart(64);
+    ASSERT_EQ(0, anchor(10, "/m/w"));
+    std::string records;
+    for (int i = 0; i < 100; i++)
+        records += made(10, "d" + std::to_string(i), 100 + i, kDir | FMON_DELETE);
+    for (int i = 0; i < 100; i++)
+        records += made(100 + i, "f", 5000 + i);
+    take(records);
+    EXPECT_EQ(300u, told().size());
+    EXPECT_EQ(0u, world.lost[FS_LOST_UNRESOLVED]);
+    for (int i = 0; i < 1000; i++)
+        take(made(10, "d" + std::to_string(i), 10000 + i, kDir | FMON_DELETE));
+    EXPECT_LE(counts().directories, 128u);
+}
+
 TEST_F(FsEngine, CutRecordsAreCounted)
 {
     const std::string good = made(10, "f", 50);
