@@ -55,11 +55,14 @@ bool Processes::start(bool ancestors, std::string &error)
         return false;
     }
     fd_ = connector_.fd();
-    lost_ns_ = monotonic_ns(); /* those that run by now are not known */
+    lost_ns_ = monotonic_ns();
+    take_all(); /* those that run by now are not known, and to look at them is long: not while events come */
     listens_ = true;
     const SignalsBlocked blocked;
     try {
         reader_ = std::thread([this] { listen(); });
+        const struct sched_param least = {1};
+        pthread_setschedparam(reader_.native_handle(), SCHED_RR, &least); /* from its first moment, see be_first() */
         return true;
     } catch (const std::system_error &) {
         error = "no thread could be made: see ulimit -u";
@@ -82,11 +85,7 @@ void Processes::stop()
 void Processes::listen()
 {
     prctl(PR_SET_NAME, "fmon-processes");
-    {
-        const common::UrgentLock hold(lock_);
-        take_all();
-    }
-    be_first(); /* the first survey was long */
+    be_first();
     struct pollfd waits[] = {{fd_, POLLIN, 0}, {stop_.get(), POLLIN, 0}};
     int patience = 0;
     while (poll(waits, 2, patience) >= 0 || errno == EINTR) {
