@@ -313,6 +313,19 @@ FMON_API int _orx_fmon_add_watch(uint32_t id, const char *path, uint32_t mask, u
 /* Removes the watch whose stored (resolved) path is exactly `path`. FMON_ENOENT: there is none. */
 FMON_API int _orx_fmon_del_watch(uint32_t id, const char *path);
 
+enum {
+    FMON_RESYNC_MARK = 1,  /* the directory is marked as the recursive watches above it want */
+    FMON_RESYNC_FORGET = 2 /* what is known of directories in it, which are not there any more, is forgotten */
+};
+
+/* Brings what is known of one directory in line with the disk, after records were lost or marks refused. `path`: as
+ * events report it. A whole tree is brought in line from its top down, each directory before those that are in it; what
+ * is made in one after its call is reported by the kernel. The lock is held for one directory at a time. Result: 1: it
+ * carries a mark that nothing carried before; 0: it carried its marks, or is a watch of its own, whose marks are left
+ * to its upkeep; FMON_ENOENT: nothing is there, or no recursive watch marks directories there; FMON_EINVAL: a bad path;
+ * FMON_ENOTINIT; FMON_ENOMEM or a code of the backend: it was refused, and counted so. */
+FMON_API int _orx_fmon_resync(const char *path, uint32_t what);
+
 /* Adds (add != 0) or removes system-wide events of these kinds for the instance. -1: no source for them. */
 FMON_API int _orx_fmon_global_watch(uint32_t id, uint32_t mask, uint32_t add);
 

@@ -110,6 +110,14 @@ int _orx_fmon_del_watch(uint32_t id, const char *path)
     return fmon_del_watch(static_cast<int>(id), path);
 }
 
+int _orx_fmon_resync(const char *path, uint32_t what)
+{
+    const ShellLock lock;
+    if (!lock || !fmon.inited)
+        return FMON_ENOTINIT;
+    return path[0] == '/' ? fmon_linux_resync(path, what) : int{FMON_EINVAL};
+}
+
 int _orx_fmon_global_watch(uint32_t id, uint32_t mask, uint32_t add)
 {
     const ShellLock lock;

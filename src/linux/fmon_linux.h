@@ -235,6 +235,9 @@ void fmon_linux_punish(struct dentry *, uint32_t fe, uint32_t ie);
 void fmon_linux_moved_away(struct dentry *);                                   /* may free it and its parents */
 int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved); /* 0 or -1 */
 
+/* One directory in line with the disk: as _orx_fmon_resync (fmon_linux_resync.cpp). */
+int fmon_linux_resync(const char *path, uint32_t what);
+
 /* ---- reading ---- */
 
 FMON_API int fmon_linux_read_event(struct fmon *, uint32_t now_ms, fmon_event_cb);  /* with kernel probes */
