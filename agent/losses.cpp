@@ -40,13 +40,21 @@ uint64_t lost(const Status &now)
     return now.fs.lost.*kCounter;
 }
 
+const char *nothing(const Status &) { return ""; }
+
+bool always(const Status &) { return true; }
+bool never(const Status &) { return false; }
+// Of the probes one reports what happens in watched directories.
+bool by_probe(const Status &now) { return now.inotify_probe.state == FMON_SOURCE_ON; }
+
 // One row a counter: the name in loss records, where the counter is, what a person is told, and what the latest of it
 // was about.
 struct Row {
     const char *source;
     uint64_t (*count)(const Status &now);
     Explain explain;
-    const char *(*path)(const Status &now) = [](const Status &) { return ""; };
+    const char *(*path)(const Status &now) = nothing;
+    bool (*blinds)(const Status &now) = always; /* what is known of watched trees may be wrong */
 };
 
 constexpr Row kRows[] = {
@@ -59,7 +67,8 @@ constexpr Row kRows[] = {
          return counted(n, "event") +
                 " had no file that could be opened: descriptors may be short (ulimit -n), or the " +
                 "file's owner holds a lease on it";
-     }},
+     },
+     nothing, never},
     {"table", lost<&fmon_loss_counts::unknown_wd>,
      [](uint64_t n, const std::string &) {
          return counted(n, "event") + " came for a directory that is no longer known";
@@ -69,19 +78,22 @@ constexpr Row kRows[] = {
          return counted(n, "event") + " had no path that can be told" + at(path) +
                 ": it is longer than 1,022 bytes, or another file is there by now";
      },
-     [](const Status &now) -> const char * { return now.lost_path; }},
+     [](const Status &now) -> const char * { return now.lost_path; }, never},
     {"table", lost<&fmon_loss_counts::memory>,
      [](uint64_t n, const std::string &) { return counted(n, "event") + " found no memory"; }},
     {"probes", lost<&fmon_loss_counts::probes_ring>,
-     [](uint64_t n, const std::string &) { return probe_text(n, "the kernel's buffer was full"); }},
+     [](uint64_t n, const std::string &) { return probe_text(n, "the kernel's buffer was full"); }, nothing, by_probe},
     {"probes", lost<&fmon_loss_counts::probes_queue>,
-     [](uint64_t n, const std::string &) { return probe_text(n, "the probe library's queue was full"); }},
+     [](uint64_t n, const std::string &) { return probe_text(n, "the probe library's queue was full"); }, nothing,
+     by_probe},
     {"probes", lost<&fmon_loss_counts::probes_cleaned>,
-     [](uint64_t n, const std::string &) { return probe_text(n, "more came at once than the monitor takes"); }},
+     [](uint64_t n, const std::string &) { return probe_text(n, "more came at once than the monitor takes"); }, nothing,
+     by_probe},
     {"probes", lost<&fmon_loss_counts::probes_unreadable>,
-     [](uint64_t n, const std::string &) { return probe_text(n, "their names could not be read"); }},
+     [](uint64_t n, const std::string &) { return probe_text(n, "their names could not be read"); }, nothing, by_probe},
     {"probes", lost<&fmon_loss_counts::probes_missed>,
-     [](uint64_t n, const std::string &) { return probe_text(n, "the kernel could not run the probe"); }},
+     [](uint64_t n, const std::string &) { return probe_text(n, "the kernel could not run the probe"); }, nothing,
+     by_probe},
     {"filesystem", lost<&fmon_fs_losses::overflows>,
      [](uint64_t n, const std::string &) {
          return "events were lost: the kernel's queue of file systems overflowed " + counted(n, "time") +
@@ -102,7 +114,8 @@ constexpr Row kRows[] = {
      [](uint64_t n, const std::string &) {
          return counted(n, "file system") + " below a watched directory cannot be watched: fmon dump -t backend says " +
                 (n == 1 ? "which" : "which ones");
-     }},
+     },
+     nothing, never},
 };
 
 }  // namespace
@@ -117,7 +130,7 @@ std::vector<Loss> Losses::since_last(const struct fmon_status &now)
         if (count == 0)
             continue;
         const std::string path = row.path(now);
-        losses.push_back({row.source, count, path, row.explain(count, path)});
+        losses.push_back({row.source, count, path, row.explain(count, path), row.blinds(now)});
     }
     return losses;
 }

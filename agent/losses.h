@@ -19,6 +19,7 @@ struct Loss {
     uint64_t count;
     std::string path; /* what it was about; empty: not known */
     std::string text; /* one line for a person: what was missed, and what to do about it */
+    bool blinds;      /* what is known of watched trees may be wrong */
 };
 
 /* Compares each look at the counters with the one before. */

@@ -27,6 +27,23 @@ TEST(CliLosses, EachLookTellsWhatIsNew)
     EXPECT_EQ(1u, losses.since_last(now).at(0).count);
 }
 
+TEST(CliLosses, WhatMayBlindAWatchSaysSo)
+{
+    struct fmon_status now = counters_of();
+    now.lost = {1, 1, 1, 1, 1, 1, 1, 0, 0, 0, 0};
+    now.fs.lost = {1, 1, 1};
+    now.fs.left_out = 1;
+    std::string blinding;
+    for (const agent::Loss &loss : Losses().since_last(now))
+        blinding += loss.blinds ? std::string(loss.source) + " " : "";
+    EXPECT_EQ("inotify fanotify table table filesystem filesystem table ", blinding);
+    now = counters_of();
+    now.lost.probes_queue = 1;
+    EXPECT_FALSE(Losses().since_last(now).at(0).blinds) << "of the whole system, of which nothing is marked";
+    now.inotify_probe.state = FMON_SOURCE_ON;
+    EXPECT_TRUE(Losses().since_last(now).at(0).blinds);
+}
+
 TEST(CliLosses, EveryCounterIsTold)
 {
     constexpr size_t kCounters = sizeof(struct fmon_loss_counts) / sizeof(uint64_t);
