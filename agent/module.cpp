@@ -48,6 +48,7 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
            bind(library, "_orx_fmon_create_instance", module.create_instance, error) &&
            bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
            bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
+           bind(library, "_orx_fmon_resync", module.resync, error) &&
            bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
            bind(library, "_orx_fmon_global_update", module.global_update, error) &&
            bind(library, "_orx_fmon_status", module.status, error) &&

@@ -17,6 +17,7 @@ struct Module {
     decltype(&_orx_fmon_create_instance) create_instance;
     decltype(&_orx_fmon_add_watch) add_watch;
     decltype(&_orx_fmon_del_watch) del_watch;
+    decltype(&_orx_fmon_resync) resync;
     decltype(&_orx_fmon_global_watch) global_watch;
     decltype(&_orx_fmon_global_update) global_update;
     decltype(&_orx_fmon_status) status;

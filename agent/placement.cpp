@@ -1,5 +1,6 @@
 #include "placement.h"
 
+#include <algorithm>
 #include <cstring>
 #include <utility>
 
@@ -16,6 +17,8 @@ constexpr uint64_t fmon_left_out::*kCounters[] = {
 
 std::atomic<Placement *> g_placement; /* the one that listens; null: none */
 
+bool is_own_thread(std::thread::id listener) { return std::this_thread::get_id() == listener; }
+
 std::string with_error(const std::string &what, int error) { return error ? what + ": " + strerror(error) : what; }
 
 }  // namespace
@@ -27,6 +30,12 @@ uint64_t Findings::left_out() const
     for (const auto counter : kCounters)
         sum += counts.*counter;
     return sum - counts.gone;
+}
+
+bool is_want_of_room(uint32_t reason)
+{
+    return reason == FMON_LEFT_INOTIFY_LIMIT || reason == FMON_LEFT_FANOTIFY_LIMIT || reason == FMON_LEFT_CACHE_FULL ||
+           reason == FMON_LEFT_DESCRIPTORS;
 }
 
 bool Findings::limit_reached() const
@@ -103,21 +112,41 @@ void Placement::marked(const char *path)
     count_.fetch_add(1, std::memory_order_relaxed);
     const Listener *const placed = to_placed_.load(std::memory_order_acquire);
     if (placed)
-        (std::this_thread::get_id() == listener_ ? own_ : *placed)(path);
+        (is_own_thread(listener_) ? own_ : *placed)(path);
 }
 
 void Placement::refused(const struct fmon_refusal &refusal)
 {
     if (refusal.reason == FMON_LEFT_DENIED) {
         const common::Lock hold(lock_);
-        if (first_denied_.empty())
-            first_denied_ = refusal.path;
+        if (paths_.first_denied.empty())
+            paths_.first_denied = refusal.path;
     }
+    if (is_want_of_room(refusal.reason)) {
+        const common::Lock hold(lock_);
+        paths_.without_room = refusal.path;
+    }
+    if (to_placed_.load(std::memory_order_acquire) && is_own_thread(listener_) && own_refusal_ == 0)
+        own_refusal_ = refusal.reason;
     const Listener *const denied = to_denied_.load(std::memory_order_acquire);
     if (denied && refusal.reason == FMON_LEFT_DENIED && refusal.step == FMON_STEP_INOTIFY)
         (*denied)(refusal.path);
     if (refusal.reason != FMON_LEFT_GONE && !any_.exchange(true, std::memory_order_relaxed))
         changed_();
+}
+
+void Placement::told_before(uint32_t reason) { seen_.told_before.*kCounters[reason - 1] += 1; }
+
+std::string Placement::without_room() const
+{
+    const common::Lock hold(lock_);
+    return paths_.without_room;
+}
+
+void Placement::found_room()
+{
+    const common::Lock hold(lock_);
+    paths_.without_room.clear();
 }
 
 // A monitor that could not start, or had to end, tells of that alone.
@@ -132,14 +161,17 @@ Findings Placement::take()
         found.monitor = now.monitor;
     if (!runs)
         return found;
-    for (const auto counter : kCounters)
-        found.counts.*counter = now.left_out.*counter - seen_.*counter;
-    if (now.refusals != refusals_)
+    for (const auto counter : kCounters) {
+        const uint64_t more = now.left_out.*counter - seen_.counts.*counter;
+        found.counts.*counter = more - std::min(more, seen_.told_before.*counter);
+    }
+    seen_.told_before = {};
+    if (now.refusals != seen_.refusals)
         found.last = now.last_refusal;
-    seen_ = now.left_out;
-    refusals_ = now.refusals;
+    seen_.counts = now.left_out;
+    seen_.refusals = now.refusals;
     const common::Lock hold(lock_);
-    found.first_denied = std::exchange(first_denied_, {});
+    found.first_denied = std::exchange(paths_.first_denied, {});
     return found;
 }
 

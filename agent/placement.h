@@ -10,6 +10,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <utility>
 
 #include "common/mutex.h"
 #include "module.h"
@@ -28,6 +29,9 @@ struct Findings {
     uint64_t left_out() const; /* directories that are not watched, or not in full */
     bool limit_reached() const;
 };
+
+/* Whether that reason (FMON_LEFT_*) is a limit, or a cache, that may have room later. */
+bool is_want_of_room(uint32_t reason);
 
 /* A part of a sentence: what failed at the last refusal, as the monitor's log has it; empty: nothing did. */
 std::string refusal_text(const struct fmon_refusal &last);
@@ -59,6 +63,16 @@ public:
     void listen_to_denials(Listener denied);
 
     Findings take();
+    /* One refusal for that reason is left out of what take() returns next: it is of a directory that was told. */
+    void told_before(uint32_t reason);
+
+    /* Of the thread that listens: the reason of the first refusal since the last call, 0: there was none. */
+    uint32_t take_own_refusal() { return std::exchange(own_refusal_, 0); }
+
+    /* The latest directory for which there was no room (a limit, a full cache), until found_room(); else empty. */
+    std::string without_room() const;
+    void found_room();
+
     bool any() const { return any_.load(std::memory_order_relaxed); }
     uint64_t placed() const { return count_.load(std::memory_order_relaxed); } /* new inotify watches until now */
 
@@ -74,10 +88,15 @@ private:
     std::atomic<const Listener *> to_placed_, to_denied_; /* null: not set yet */
     std::atomic<uint64_t> count_ = 0;
     std::atomic<bool> any_ = false;
-    struct fmon_left_out seen_ = {};
-    uint64_t refusals_ = 0; /* seen */
-    common::Mutex lock_;
-    std::string first_denied_ GUARDED_BY(lock_);
+    struct {
+        struct fmon_left_out counts = {}, told_before = {};
+        uint64_t refusals = 0;
+    } seen_;
+    uint32_t own_refusal_ = 0;
+    mutable common::Mutex lock_;
+    struct {
+        std::string first_denied, without_room;
+    } paths_ GUARDED_BY(lock_);
 };
 
 }  // namespace agent
