@@ -42,6 +42,8 @@ public:
     virtual void event(const Event &event) = 0;
     virtual void established(const Established &all) = 0;
     virtual void loss(const std::string &source, uint64_t count, const std::string &path) = 0; /* path: may be empty */
+    /* What is watched at these paths is whole again; `directories` of it were not watched. */
+    virtual void resynced(const std::vector<std::string> &paths, uint64_t directories) = 0;
     virtual void appeared(const std::string &path) = 0;
     virtual void ended(const std::string &path, const char *reason) = 0;
     virtual void note(const std::string &text) = 0;    /* for a person, who may have asked for quiet */

@@ -40,6 +40,7 @@ Pause Session::watch(uint64_t now, const Inputs &inputs)
         end_with(kDone);
     if (status_ >= 0)
         return {};
+    recover(now);
     if (!events_.take(batch_))
         return sleep(now);
     show_batch(now);
@@ -76,6 +77,8 @@ void Session::look(uint64_t now)
 {
     check_losses();
     check_findings();
+    if (watched_->lacks_room())
+        recovery_.found_no_room(now);
     watched_->look();
     report_.flush();
     pace_.looked(now, watched_->is_expecting());
@@ -114,20 +117,40 @@ Pause Session::sleep(uint64_t now)
     if (!events_.prepare_to_sleep())
         return {};
     pace_.sleeps(now);
-    const uint64_t until = std::min(pace_.next_look(), limit_.end());
+    const uint64_t until = std::min({pace_.next_look(), limit_.end(), recovery_.next(now)});
     return {until > now ? until - now : 0, Pause::For::kEverything};
+}
+
+// What was lost during a walk is reported before what the walk found.
+void Session::recover(uint64_t now)
+{
+    if (recovery_.trial_is_due(now))
+        recovery_.tried(now, watched_->has_room());
+    if (recovery_.walk_is_due(now)) {
+        recovery_.started(now);
+        watched_->start_walk();
+    }
+    if (!recovery_.is_walking() || watched_->walk())
+        return;
+    check_losses();
+    check_findings();
+    if (recovery_.ended(now, watched_->lacks_room()))
+        watched_->report_resynced();
+    report_.flush();
 }
 
 // What each counter grew by since the last look is one record.
 void Session::check_losses()
 {
-    struct fmon_status now;
-    if (!monitor_.read_status(now))
-        return check_end(now.monitor);
+    struct fmon_status status;
+    if (!monitor_.read_status(status))
+        return check_end(status.monitor);
     check_processes();
-    for (const Loss &loss : losses_.since_last(now)) {
+    for (const Loss &loss : losses_.since_last(status)) {
         report_.loss(loss.source, loss.count, loss.path);
         report_.warning(loss.text);
+        if (loss.blinds)
+            recovery_.lost();
     }
 }
 

@@ -16,6 +16,7 @@
 #include "pace.h"
 #include "placement.h"
 #include "queue.h"
+#include "recovery.h"
 #include "report.h"
 #include "request.h"
 #include "watched.h"
@@ -81,6 +82,7 @@ private:
     void show_batch(uint64_t now);
     void show(Event event);
     Pause sleep(uint64_t now);
+    void recover(uint64_t now);
     void check_losses();
     void check_processes();
     void check_end(const struct fmon_source &monitor);
@@ -98,6 +100,7 @@ private:
     TimeLimit limit_;
     Losses losses_;
     uint64_t process_losses_ = 0; /* reported */
+    Recovery recovery_;
     Batch batch_;
     std::atomic<uint64_t> in_hand_ = 0;
     int status_ = -1;

@@ -68,7 +68,7 @@ void TreeKeeper::add_root(const std::string &path)
 
 // A walk marks what it finds with all that the watches above want, but where it starts it adds its own kinds only: so
 // it starts one above.
-void TreeKeeper::again(const std::string &path) { again_.push_back(parent_of(path)); }
+void TreeKeeper::again(const std::string &path) { again_.push_back(path); }
 
 // A walk from a directory covers all that is below it now, so those need no walk of their own; what is made later makes
 // an event, since its parent is marked by then.
@@ -82,7 +82,7 @@ void TreeKeeper::run()
         [[maybe_unused]] const ssize_t n = read(wake_.get(), &count, sizeof count);
     }
     for (const std::string &path : std::exchange(again_, {}))
-        complete(path);
+        walk_again(path);
     sort_as_tree(made);
     std::string walked;
     for (const std::string &path : made) {
@@ -94,6 +94,14 @@ void TreeKeeper::run()
         complete(path);
         walks_made_ = false;
     }
+}
+
+void TreeKeeper::walk_again(const std::string &path)
+{
+    const uint64_t before = marked_;
+    complete(parent_of(path));
+    walked_again_.paths.push_back(path);
+    walked_again_.directories += marked_ - before;
 }
 
 void TreeKeeper::complete(const std::string &path)

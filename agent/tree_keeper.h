@@ -15,6 +15,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 #include "common/fd.h"
@@ -48,10 +49,20 @@ public:
     /* Whether run() walks below what was made: what is marked then was made, too. */
     bool walks_made() const { return walks_made_; }
 
+    /* A walk has marked a directory. From the thread of run(). */
+    void walk_marked() { marked_++; }
+    /* What was walked because of again(), since the last call: those paths, and how many directories were marked. */
+    struct Again {
+        std::vector<std::string> paths;
+        uint64_t directories = 0;
+    };
+    Again take_again() { return std::exchange(walked_again_, {}); }
+
     /* Readable while there is something to look at. */
     int wake_fd() const { return wake_.get(); }
 
 private:
+    void walk_again(const std::string &path);
     void complete(const std::string &path);
 
     const Module &module_;
@@ -60,6 +71,8 @@ private:
     int instance_ = -1;
     std::vector<std::string> again_; /* directories to be walked whatever they hold */
     bool walks_made_ = false;
+    uint64_t marked_ = 0; /* by walks */
+    Again walked_again_;
     common::Fd wake_;
     common::Mutex lock_;
     std::vector<std::string> made_ GUARDED_BY(lock_);

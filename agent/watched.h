@@ -48,6 +48,14 @@ public:
      * and a single record for all others. */
     virtual LeftOut report_left_out(uint64_t count) = 0;
 
+    /* After a loss: whether a directory found no room, and whether that one finds room by now; a walk that brings
+     * everything in line with the disk, in steps (true: there is more); and that all is as it should be from now on. */
+    virtual bool lacks_room() const { return false; }
+    virtual bool has_room() { return true; }
+    virtual void start_walk() {}
+    virtual bool walk() { return false; }
+    virtual void report_resynced() {}
+
     virtual bool is_expecting() const { return false; } /* something that only look() finds */
     virtual bool all_ended() const { return false; }    /* nothing can come any more */
 };

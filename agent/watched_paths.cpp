@@ -32,7 +32,8 @@ WatchedPaths::WatchedPaths(const Request &request, const Module &module, Placeme
       report_(report),
       placer_(request, module, placement, plan),
       guard_(plan.roots, [this](Root &root, const char *reason) { report_end(root, reason); }),
-      mounts_([this](const std::string &point) { report_mount(point); })
+      mounts_([this](const std::string &point) { report_mount(point); }),
+      walk_(module, placement)
 {
     mounts_.look(read_mounts(), plan_.roots);
 }
@@ -76,6 +77,7 @@ bool WatchedPaths::keep_trees()
             keeper_->made(path);
         },
         [this](const std::string &path) {
+            keeper_->walk_marked();
             if (found_ && keeper_->walks_made())
                 found_->marked(path);
         });
@@ -249,14 +251,52 @@ void WatchedPaths::look_at_unreadable()
     if (!keeper_ || !unreadable_.any())
         return;
     unreadable_.look([this](const std::string &path) { keeper_->again(path); });
+    walk_again();
+}
+
+void WatchedPaths::walk_again()
+{
     keeper_->run();
+    const TreeKeeper::Again again = keeper_->take_again();
+    if (!again.paths.empty())
+        report_whole(again.paths, again.directories);
+}
+
+void WatchedPaths::report_whole(const std::vector<std::string> &paths, uint64_t directories)
+{
+    report_.resynced(paths, directories);
+    if (!report_.has_records())
+        report_.note("after the loss all is watched again: " + counted(directories, "directory") + " that " +
+                     (directories == 1 ? "was" : "were") + " not");
+}
+
+// What a mark of its file system serves needs no walk.
+void WatchedPaths::start_walk()
+{
+    if (found_)
+        found_->clear();
+    std::vector<std::string> roots;
+    for (const Root &root : plan_.roots)
+        if (request_.recursive && !request_.mount && !root.watched.empty() && !root.served && !root.identity.is_file())
+            roots.push_back(root.watched);
+    walk_.start(roots, request_.max_depth);
+}
+
+void WatchedPaths::report_resynced()
+{
+    std::vector<std::string> paths;
+    for (const Root &root : plan_.roots)
+        if (!root.watched.empty())
+            paths.push_back(root.watched);
+    if (!paths.empty())
+        report_whole(paths, walk_.take_new());
 }
 
 void WatchedPaths::mounts_changed()
 {
     if (keeper_) {
         mounts_.look(read_mounts(), plan_.roots);
-        keeper_->run();
+        walk_again();
     }
     look_at_paths();
 }
@@ -267,7 +307,7 @@ void WatchedPaths::complete_trees()
         keeper_->run();
 }
 
-bool WatchedPaths::is_expecting() const { return waiting_->any() || unreadable_.any(); }
+bool WatchedPaths::is_expecting() const { return waiting_->any() || unreadable_.any() || lacks_room(); }
 
 bool WatchedPaths::is_given(const std::string &path) const
 {
@@ -287,7 +327,10 @@ Watched::LeftOut WatchedPaths::report_left_out(uint64_t count)
         if (left_out.reported++ == 0)
             left_out.first = path;
     }
-    const uint64_t rest = count - std::min(count, left_out.reported + news.repeated);
+    // A refusal that comes between the look at the counters and this one is named now and counted later.
+    const uint64_t known = left_out.reported + news.repeated, due = std::exchange(ahead_, 0) + known;
+    const uint64_t rest = count - std::min(count, due);
+    ahead_ = std::min(known, due - std::min(count, due));
     if (rest)
         report_.loss("watches", rest, "");
     left_out.reported += rest;

@@ -18,6 +18,7 @@
 #include "request.h"
 #include "roots.h"
 #include "tree_keeper.h"
+#include "tree_walk.h"
 #include "unreadable.h"
 #include "waiting.h"
 #include "watched.h"
@@ -44,6 +45,11 @@ public:
     void complete_trees() override;
     int new_directories_fd() const override { return keeper_ ? keeper_->wake_fd() : -1; }
     LeftOut report_left_out(uint64_t count) override;
+    bool lacks_room() const override { return !placement_.without_room().empty(); }
+    bool has_room() override { return walk_.has_room(); }
+    void start_walk() override;
+    bool walk() override { return walk_.step(); }
+    void report_resynced() override;
     bool is_expecting() const override;
     bool all_ended() const override { return guard_.all_ended(); }
 
@@ -58,6 +64,8 @@ private:
     bool has_marks_above(const std::string &point) const;
     void look_at_paths();
     void look_at_unreadable();
+    void walk_again();
+    void report_whole(const std::vector<std::string> &paths, uint64_t directories);
     void report_found(const Event &event);
     bool is_given(const std::string &path) const;
     Established established() const;
@@ -76,7 +84,9 @@ private:
     std::unique_ptr<Found> found_;       /* null: what is found is not told */
     RootGuard guard_;
     MountGuard mounts_;
+    TreeWalk walk_;
     Unreadable unreadable_;
+    uint64_t ahead_ = 0;    /* directories that were named, and are counted from the next look on */
     bool readable_ = false; /* a path of the batch that could not be read may be readable by now */
 };
 

@@ -44,6 +44,11 @@ public:
                       std::string & /*out*/)
     {
     }
+    /* In JSON, text and CSV, too. */
+    virtual void resynced(uint64_t, const std::vector<std::string> & /*paths*/, uint64_t /*directories*/,
+                          std::string & /*out*/)
+    {
+    }
     virtual void appeared(uint64_t, std::string_view /*path*/, std::string & /*out*/) {}
     virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
 };
@@ -52,6 +57,15 @@ public:
 inline std::string loss_text(std::string_view source, uint64_t count)
 {
     return std::string(source) + ": " + std::to_string(count);
+}
+
+/* And of a tree that is watched as a whole again: "directories: 3". */
+inline std::string resynced_text(uint64_t directories) { return "directories: " + std::to_string(directories); }
+
+/* The path where there is one, and nothing where there are several. */
+inline std::string_view single_path(const std::vector<std::string> &paths)
+{
+    return paths.size() == 1 ? std::string_view(paths[0]) : std::string_view();
 }
 
 /* A template: %e events, %p path, %P pid, %n process name, %a its ancestors, %t time, %f "found" or nothing, %% and the

@@ -42,19 +42,31 @@ public:
         out.push_back(end_);
     }
 
-    // The columns of an event that nobody caused: what was missed stands where the process would.
     void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string_view path,
               std::string &out) override
     {
-        time_.append(time_ns, out);
-        out.append(",loss,");
-        append_field(path, out);
-        out.append(",0,");
-        append_field(loss_text(source, count), out);
-        out.push_back(end_);
+        append_record(time_ns, "loss", path, loss_text(source, count), out);
+    }
+
+    void resynced(uint64_t time_ns, const std::vector<std::string> &paths, uint64_t directories,
+                  std::string &out) override
+    {
+        append_record(time_ns, "resynced", single_path(paths), resynced_text(directories), out);
     }
 
 private:
+    // The columns of an event that nobody caused: what there is to say stands where the process would.
+    void append_record(uint64_t time_ns, std::string_view kind, std::string_view path, const std::string &text,
+                       std::string &out)
+    {
+        time_.append(time_ns, out);
+        out.append(",").append(kind).append(",");
+        append_field(path, out);
+        out.append(",0,");
+        append_field(text, out);
+        out.push_back(end_);
+    }
+
     void append_field(std::string_view bytes, std::string &out) const
     {
         if (terminal_)

@@ -112,6 +112,16 @@ public:
         });
     }
 
+    void resynced(uint64_t time_ns, const std::vector<std::string> &paths, uint64_t directories,
+                  std::string &out) override
+    {
+        record("resynced", time_ns, out, [&](Writer &writer) {
+            put_paths(writer, "paths", paths);
+            put_key(writer, "directories");
+            writer.Uint64(directories);
+        });
+    }
+
     void appeared(uint64_t time_ns, std::string_view path, std::string &out) override
     {
         record("appeared", time_ns, out, [&](Writer &writer) { put_path(writer, path); });

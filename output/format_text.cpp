@@ -56,22 +56,34 @@ public:
         out.push_back(end_);
     }
 
-    // What was missed stands where the process would, and alone where the path is not known.
     void loss(uint64_t time_ns, std::string_view source, uint64_t count, std::string_view path,
               std::string &out) override
     {
+        append_record(time_ns, "\033[31m", "loss", path, loss_text(source, count), out);
+    }
+
+    void resynced(uint64_t time_ns, const std::vector<std::string> &paths, uint64_t directories,
+                  std::string &out) override
+    {
+        append_record(time_ns, "\033[32m", "resynced", single_path(paths), resynced_text(directories), out);
+    }
+
+private:
+    // What there is to say stands where the process would, and alone where there is no path.
+    void append_record(uint64_t time_ns, const char *sequence, std::string_view kind, std::string_view path,
+                       const std::string &text, std::string &out)
+    {
         append_time(time_ns, out);
         append_kinds(
-            "\033[31m", [&] { out.append("loss"); }, out);
+            sequence, [&] { out.append(kind); }, out);
         if (!path.empty()) {
             agent::append_escaped(path, out);
             out.append("  ");
         }
-        agent::append_escaped(loss_text(source, count), out);
+        agent::append_escaped(text, out);
         out.push_back(end_);
     }
 
-private:
     void colour(const char *sequence, std::string &out) const
     {
         if (colours_)

@@ -97,6 +97,11 @@ void Reporter::loss(const std::string &source, uint64_t count, const std::string
     formatter_->loss(agent::wall_clock_ns(), source, count, path, output_.buffer());
 }
 
+void Reporter::resynced(const std::vector<std::string> &paths, uint64_t directories)
+{
+    formatter_->resynced(agent::wall_clock_ns(), paths, directories, output_.buffer());
+}
+
 void Reporter::appeared(const std::string &path)
 {
     formatter_->appeared(agent::wall_clock_ns(), path, output_.buffer());

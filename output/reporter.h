@@ -42,6 +42,7 @@ public:
     void event(const agent::Event &event) override;
     void established(const agent::Established &all) override;
     void loss(const std::string &source, uint64_t count, const std::string &path) override;
+    void resynced(const std::vector<std::string> &paths, uint64_t directories) override;
     void appeared(const std::string &path) override;
     void ended(const std::string &path, const char *reason) override;
     void note(const std::string &text) override;

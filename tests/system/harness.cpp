@@ -298,7 +298,8 @@ bool Watch::is_own_reading(const Json &event) const
 
 void Watch::take(const Json &event, Paths &seen)
 {
-    if (event["type"] == "appeared" || event["type"] == "ended" || (event["type"] == "loss" && losses_are_due_))
+    if (event["type"] == "appeared" || event["type"] == "ended" || event["type"] == "resynced" ||
+        (event["type"] == "loss" && losses_are_due_))
         return;
     EXPECT_EQ("event", event["type"]) << event;
     if (event["type"] != "event" || is_own_reading(event))

@@ -112,6 +112,10 @@ public:
     {
         lines.push_back("loss " + source + " " + std::to_string(number) + (path.empty() ? "" : " " + path));
     }
+    void resynced(const std::vector<std::string> &paths, uint64_t directories) override
+    {
+        lines.push_back("resynced " + std::to_string(paths.size()) + " " + std::to_string(directories));
+    }
     void appeared(const std::string &path) override { lines.push_back("appeared " + path); }
     void ended(const std::string &path, const char *reason) override
     {
@@ -138,6 +142,8 @@ public:
     Lines calls;
     std::string first_left_out;
     bool expecting = false, gone = false;
+    bool without_room = false, room = false;
+    int slices = 0, slices_of_a_walk = 1;
     std::string last_path; /* after its event nothing is left */
 
     long count(const std::string &call) const { return std::count(calls.begin(), calls.end(), call); }
@@ -159,6 +165,27 @@ public:
         calls.push_back("left out " + std::to_string(left_out));
         return {left_out, first_left_out};
     }
+    bool lacks_room() const override { return without_room; }
+    bool has_room() override
+    {
+        calls.push_back("has_room");
+        return room;
+    }
+    void start_walk() override
+    {
+        calls.push_back("start_walk");
+        slices = slices_of_a_walk;
+    }
+    bool walk() override
+    {
+        calls.push_back("walk");
+        if (slices > 1)
+            return --slices > 0;
+        if (room)
+            without_room = false;
+        return false;
+    }
+    void report_resynced() override { calls.push_back("report_resynced"); }
     bool is_expecting() const override { return expecting; }
     bool all_ended() const override { return gone; }
 };

@@ -301,3 +301,84 @@ TEST_F(SessionTest, WhatIsInHandIsKnown)
     EXPECT_EQ(3u, looker.in_hand);
     EXPECT_EQ(0u, own.in_hand());
 }
+
+/* ---- after a loss ---- */
+
+TEST_F(SessionTest, ALossIsFollowedByAWalkAndItsRecord)
+{
+    begin();
+    watched.slices_of_a_walk = 3;
+    monitor.status.lost.inotify = 1;
+    pass(1000);
+    pass(100);
+    EXPECT_EQ(1, watched.count("start_walk"));
+    EXPECT_EQ(3, watched.count("walk"));
+    EXPECT_EQ("report_resynced", watched.calls.back());
+    pass(60'000);
+    EXPECT_EQ(1, watched.count("start_walk"));
+}
+
+TEST_F(SessionTest, EventsAreShownDuringAWalk)
+{
+    begin();
+    watched.slices_of_a_walk = 1000;
+    monitor.status.lost.inotify = 1;
+    pass(1000);
+    report.take();
+    events.add({"/a"});
+    pass(10);
+    EXPECT_EQ(Lines{"/a"}, report.take());
+    EXPECT_EQ(0, watched.count("report_resynced"));
+}
+
+TEST_F(SessionTest, ALossDuringAWalkIsToldAndMendedByAnother)
+{
+    begin();
+    watched.slices_of_a_walk = 5;
+    monitor.status.lost.inotify = 1;
+    pass(1001);
+    monitor.status.lost.inotify = 2;
+    pass(500);
+    EXPECT_EQ((Lines{"loss inotify 1", "loss inotify 1"}), report.take());
+    EXPECT_EQ(1, watched.count("start_walk"));
+    EXPECT_EQ(0, watched.count("report_resynced"));
+    pass(2000);
+    EXPECT_EQ(2, watched.count("start_walk"));
+    EXPECT_EQ(1, watched.count("report_resynced"));
+}
+
+TEST_F(SessionTest, LossesThatGoOnHaveWalksRarely)
+{
+    begin();
+    for (int i = 0; i < 120; i++) {
+        monitor.status.lost.inotify++;
+        pass(1000);
+    }
+    EXPECT_LE(watched.count("start_walk"), 9);
+    EXPECT_GE(watched.count("start_walk"), 7);
+}
+
+TEST_F(SessionTest, LossesThatBlindNobodyAreFollowedByNoWalk)
+{
+    begin();
+    monitor.status.lost.path = 1;
+    pass(10'000);
+    EXPECT_EQ(0, watched.count("start_walk"));
+}
+
+TEST_F(SessionTest, WantOfRoomIsTriedEachSecondAndWalkedWhenThereIsSome)
+{
+    begin();
+    watched.without_room = watched.expecting = true;
+    pass(5000);
+    EXPECT_GE(watched.count("has_room"), 3);
+    EXPECT_LE(watched.count("has_room"), 5);
+    EXPECT_EQ(0, watched.count("start_walk"));
+    watched.room = true;
+    pass(2000);
+    EXPECT_EQ(1, watched.count("report_resynced"));
+    const long trials = watched.count("has_room");
+    watched.expecting = false;
+    pass(20'000);
+    EXPECT_EQ(trials, watched.count("has_room"));
+}

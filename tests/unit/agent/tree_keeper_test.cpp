@@ -87,6 +87,18 @@ TEST_F(Keeper, FollowsNoLink)
     EXPECT_TRUE(completed({folder.path("a"), folder.path("a/b")}).empty());
 }
 
+TEST_F(Keeper, WhatIsWalkedAgainIsWalkedFromAboveAndSaid)
+{
+    TreeKeeper keeper(module, {folder.root()}, 0);
+    ASSERT_EQ(3, keeper.start());
+    keeper.again(folder.dir("a/b"));
+    keeper.run();
+    ASSERT_EQ(1u, g_added.size());
+    EXPECT_EQ(folder.path("a"), g_added[0].path) << "where a walk starts it adds its own kinds only";
+    EXPECT_EQ((std::vector<std::string>{folder.path("a/b")}), keeper.take_again().paths);
+    EXPECT_TRUE(keeper.take_again().paths.empty());
+}
+
 TEST_F(Keeper, TellsThatThereIsSomethingToLookAt)
 {
     TreeKeeper keeper(module, {folder.root()}, 0);

@@ -27,6 +27,8 @@ struct {
     std::vector<uint32_t> flags;   /* of each watch that was asked for */
     uint64_t inotify_watches = 0;  /* in the status */
     uint32_t depth = 0;            /* of the last watch */
+    Lines looked_at;               /* after a loss */
+    std::set<std::string> newly;   /* those of them that were not marked */
 } g_module;
 
 /* What a watch of these flags meets; false: marks on directories. */
@@ -64,6 +66,12 @@ int del_watch(uint32_t, const char *path)
     return 0;
 }
 
+int resync(const char *path, uint32_t)
+{
+    g_module.looked_at.push_back(path);
+    return static_cast<int>(g_module.newly.erase(path));
+}
+
 int on_mark(fmon_mark_cb cb)
 {
     g_module.on_mark = cb;
@@ -90,6 +98,7 @@ protected:
         module.create_instance = make_instance;
         module.add_watch = add_watch;
         module.del_watch = del_watch;
+        module.resync = resync;
         module.on_mark = on_mark;
         module.status = status;
         module.container_flag = &g_no_container;
@@ -335,6 +344,47 @@ TEST_F(PathsTest, AWalkOfANewDirectoryAsksForMarks)
     paths->complete_trees();
     EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);
     EXPECT_EQ(65534u, g_module.depth);
+}
+
+TEST_F(PathsTest, ADirectoryThatIsNamedBeforeItIsCountedIsToldOnce)
+{
+    request.recursive = true;
+    watch_paths({folder.dir("a")});
+    report.take();
+    const std::string closed = folder.path("a/closed");
+    struct fmon_refusal refusal = {-108, EACCES, FMON_LEFT_DENIED, FMON_STEP_INOTIFY, ""};
+    snprintf(refusal.path, sizeof refusal.path, "%s", closed.c_str());
+    g_module.on_mark(closed.c_str(), &refusal);
+    EXPECT_EQ(1u, paths->report_left_out(0).reported);
+    EXPECT_EQ(Lines{"loss watches 1 " + closed}, report.take());
+    EXPECT_EQ(0u, paths->report_left_out(1).reported);
+    EXPECT_EQ(1u, paths->report_left_out(1).reported);
+    EXPECT_EQ(Lines{"loss watches 1"}, report.take());
+}
+
+TEST_F(PathsTest, AfterALossEachDirectoryIsLookedAtAgain)
+{
+    request.recursive = true;
+    folder.dir("a/new");
+    watch_paths({folder.path("a"), folder.dir("b")});
+    report.take();
+    g_module.newly = {folder.path("a/new")};
+    monitor.status.lost.inotify = 1;
+    pass(1100);
+    EXPECT_EQ((Lines{"loss inotify 1", "resynced 2 1"}), report.take());
+    std::sort(g_module.looked_at.begin(), g_module.looked_at.end());
+    EXPECT_EQ((Lines{folder.path("a"), folder.path("a/new"), folder.path("b")}), g_module.looked_at);
+}
+
+TEST_F(PathsTest, WhatIsNotMarkedOneByOneIsWholeAfterALossWithoutAWalk)
+{
+    folder.dir("a/below");
+    watch_paths({folder.path("a")});
+    report.take();
+    monitor.status.lost.inotify = 1;
+    pass(1100);
+    EXPECT_EQ((Lines{"loss inotify 1", "resynced 1 0"}), report.take());
+    EXPECT_EQ(Lines{}, g_module.looked_at);
 }
 
 TEST_F(PathsTest, WhatIsFoundIsToldWhereCreationsAreShown)

@@ -217,6 +217,26 @@ TEST(CliFormat, WhatWasFoundSaysSo)
     EXPECT_EQ("create /a/b [found]\n", line_of(*pattern, event));
 }
 
+TEST(CliFormat, ATreeThatIsWholeAgain)
+{
+    const std::vector<std::string> one = {"/a b"}, two = {"/a", "/b"};
+    std::string out;
+    make_json_formatter(plain())->resynced(kTime, two, 3, out);
+    EXPECT_EQ(
+        "{\"type\":\"resynced\",\"time\":\"2024-02-29T12:34:56.789012345Z\",\"paths\":[\"/a\",\"/b\"],"
+        "\"directories\":3}\n",
+        out);
+    out.clear();
+    make_text_formatter(plain())->resynced(kTime, one, 0, out);
+    EXPECT_NE(out.find(" resynced                 /a b  directories: 0\n"), std::string::npos) << out;
+    out.clear();
+    make_text_formatter(plain())->resynced(kTime, two, 3, out);
+    EXPECT_NE(out.find(" resynced                 directories: 3\n"), std::string::npos) << out;
+    out.clear();
+    make_csv_formatter(plain())->resynced(kTime, one, 1, out);
+    EXPECT_NE(out.find(",resynced,/a b,0,directories: 1\n"), std::string::npos) << out;
+}
+
 /* The same JSON, in which nothing drives the terminal or turns its lines. */
 TEST(CliJson, AtATerminal)
 {
