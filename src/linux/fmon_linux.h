@@ -163,8 +163,8 @@ int fmon_linux_place_open_child(struct fmon_place *, struct dentry *);
 int fmon_linux_place_reopen(struct fmon_place *, struct dentry *);
 void fmon_linux_place_close(struct fmon_place *);
 
-/* The dentry stands for another directory: its watches that the source of whole file systems serves are placed there, or
- * get marks. */
+/* The dentry stands for another directory: its watches that the source of whole file systems serves are placed there,
+ * or get marks. */
 void fmon_linux_serve_anew(struct dentry *);
 
 /* What is at the dentry's path now. */

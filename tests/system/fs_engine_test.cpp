@@ -96,8 +96,9 @@ TEST_P(FsEngine, WhatCameAndWentWhileADirectoryMayHaveBeenElsewhereIsCounted)
     EXPECT_TRUE(one.run('m', at("w/e"), at("w/x")));
     EXPECT_TRUE(one.run('m', at("w/x"), at("w/e")));
     group.take();
-    EXPECT_EQ((Lines{"from w/e", "to w/c", "from w/c", "to w/e", "to w/e/m", "from w/e", "to w/x", "from w/x", "to w/e"}),
-              lines(group));
+    EXPECT_EQ(
+        (Lines{"from w/e", "to w/c", "from w/c", "to w/e", "to w/e/m", "from w/e", "to w/x", "from w/x", "to w/e"}),
+        lines(group));
     EXPECT_EQ(2u, group.counts().lost[FS_LOST_UNRESOLVED]);
 }
 

@@ -27,7 +27,7 @@ public:
     struct fmon_status status = {};
     bool has_status = true;
     std::optional<agent::Findings> findings;
-    uint64_t held = 0;     /* records that a dump holds back */
+    uint64_t held = 0; /* records that a dump holds back */
     uint64_t lost_processes = 0;
     uint64_t per_turn = 1; /* of these go with each release */
     bool holds = false;

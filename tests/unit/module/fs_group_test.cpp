@@ -1,3 +1,4 @@
+/* The fanotify group of whole file systems: which flags it gets by trying, and its marks; calls that fail. */
 #include "linux/fs/fs_group.h"
 
 #include <fcntl.h>

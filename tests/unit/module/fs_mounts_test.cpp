@@ -1,3 +1,4 @@
+/* File systems mounted below a watch: how they are found, joined to their directory, and lost. */
 #include "linux/fs/fs_mounts.h"
 
 #include <gtest/gtest.h>

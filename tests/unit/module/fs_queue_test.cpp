@@ -1,3 +1,4 @@
+/* The queue of resolved events: its order, its limit in bytes, and what is thrown away beyond. */
 #include "linux/fs/fs_queue.h"
 
 #include <gtest/gtest.h>

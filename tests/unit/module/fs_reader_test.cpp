@@ -1,3 +1,4 @@
+/* The thread that reads the group: its start and its end, and descriptors that fail. */
 #include "linux/fs/fs_reader.h"
 
 #include <fcntl.h>

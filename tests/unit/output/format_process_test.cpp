@@ -20,7 +20,8 @@ protected:
     {
         cat.loginuid = 1000;
         cat.start_ns = kTime;
-        cat.parent = make_ancestor("sh\033", 7, kTime, make_ancestor("", 3, 0, make_ancestor("init", 1, kTime, nullptr)));
+        cat.parent =
+            make_ancestor("sh\033", 7, kTime, make_ancestor("", 3, 0, make_ancestor("init", 1, kTime, nullptr)));
         style.sources = {"watch"};
         style.ancestors = true;
     }
