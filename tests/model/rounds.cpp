@@ -290,28 +290,32 @@ void Rounds::change_mounts()
     const auto &mounts = world_.mounts();
     const auto old =
         std::find_if(mounts.begin(), mounts.end(), [&](const Mount &mount) { return mount.point == &point; });
+    std::vector<Node *> gone;
     if (old == mounts.end()) {
         bind(point);
     } else {
         EXPECT_EQ(0, umount2((ground_ + "/" + world_.reach(point)).c_str(), 0)) << strerror(errno);
         old->root->kept = false;
+        gone.push_back(old->root);
         world_.unmount(point);
         note("-- " + world_.reach(point) + " is unmounted");
     }
-    settle_mounts();
+    settle_mounts(gone);
 }
 
 /* The watcher hears of mounts a little later. Until then what is seen through them may be missing. */
-void Rounds::settle_mounts()
+void Rounds::settle_mounts(std::vector<Node *> roots)
 {
+    for (const Mount &mount : world_.mounts())
+        roots.push_back(mount.root);
     const int64_t deadline = systest::now_ms() + kSettleMs;
     const Dice before = dice_; /* how often this goes round is no part of the seed's course */
     lenient_ = true;
     for (bool settled = false; !settled; settled = complaints_.empty() || systest::now_ms() > deadline) {
         complaints_.clear();
-        for (const Mount &mount : world_.mounts()) {
+        for (Node *root : roots) {
             script_.by(0, operators_[0]->pid());
-            script_.remove(*script_.make(*mount.root, ".probe", kMakeFile));
+            script_.remove(*script_.make(*root, ".probe", kMakeFile));
             perform(0);
         }
         script_.note_paths();

@@ -58,7 +58,7 @@ private:
     void set_stopped(bool stopped);
     void change_mounts();
     void bind(Node &point);
-    void settle_mounts();
+    void settle_mounts(std::vector<Node *> roots);
     void finish_round();
     void barrier();
     bool read(int ms);
