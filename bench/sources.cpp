@@ -154,7 +154,7 @@ void compare(const comparison &what, const char *place, int files)
             const BenchTree tree(1, place), beside(1, place);
             prepare_churn(tree.root(), kDirectories);
             if (!churn_beside(what.all[i], tree.root(), what.kinds ? tree.root() : beside.root(), files,
-                              what.kinds ? what.kinds : kCreated, results[i]))
+                              what.kinds ? what.kinds : unsigned{kCreated}, results[i]))
                 return;
         }
     for (size_t i = 0; i < what.all.size(); i++)
