@@ -182,6 +182,10 @@ void fmon_linux_forget_bare(struct dentry *);
 void fmon_linux_set_wd(struct dentry *, int32_t wd);
 void fmon_linux_set_fan_mark(struct dentry *, bool carries);
 
+/* The dentry is going to stand for another inode: its watch stays with another one that stands for the same, if that
+ * has a use for it. */
+void fmon_linux_pass_watch_on(struct dentry *);
+
 /* Notes that the dentry stands for a file, or for a directory. */
 void fmon_linux_set_file(struct dentry *, bool is_file);
 

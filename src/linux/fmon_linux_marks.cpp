@@ -204,6 +204,15 @@ void fmon_linux_set_wd(struct dentry *d, int32_t wd)
     count_directory(d);
 }
 
+void fmon_linux_pass_watch_on(struct dentry *d)
+{
+    if (owner_of(d)->wd < 0 || lent_wd(d))
+        return;
+    struct dentry *heir = shared_masks(d).ino != 0 ? heir_of(d) : nullptr;
+    if (heir)
+        leave_watch(d, heir);
+}
+
 void fmon_linux_set_fan_mark(struct dentry *d, bool carries)
 {
     set_bit(d, DENTRY_FAN_MARK, carries);

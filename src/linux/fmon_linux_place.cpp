@@ -82,6 +82,8 @@ int settle(struct fmon_place *at, struct dentry *d, int fd)
     }
     at->fresh = !(d->owner_bits & DENTRY_FAN_MARK);
     at->replaced = (d->owner_bits & DENTRY_INDEXED) && !inode_index_is(d, st.st_dev, st.st_ino);
+    if (at->replaced)
+        fmon_linux_pass_watch_on(d);
     /* One that was removed can still be opened through its descriptor's name, and would never be heard of again. */
     int result = st.st_nlink == 0 ? FMON_ENOENT : inode_index_set(d, st.st_dev, st.st_ino);
     if (result < 0) {

@@ -5,6 +5,9 @@
 #include <gtest/gtest.h>
 #include <sched.h>
 #include <sys/mount.h>
+#include <sys/stat.h>
+
+#include <algorithm>
 
 #include "harness.h"
 #include "stranger.h"
@@ -40,7 +43,21 @@ protected:
                     .empty();
     }
 
+    /* Makes files in an entry of the watched directory until one is told by the entry's own path. */
+    bool comes_by(Watch &watch, const std::string &name)
+    {
+        const auto is_own = [&](const auto &entry) { return entry.first.starts_with(name + "/"); };
+        const auto act = [&](int) { make_file(dir + "/" + name + "/new" + std::to_string(made++)); };
+        for (const int64_t deadline = now_ms() + kPatienceMs; now_ms() < deadline;) {
+            const Paths seen = watch.until_reported(act);
+            if (std::any_of(seen.begin(), seen.end(), is_own))
+                return true;
+        }
+        return false;
+    }
+
     static inline bool own_mounts = false;
+    int made = 0;
     TempTree tree;
     std::string dir = tree.dir("dir");
 };
@@ -87,6 +104,29 @@ TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
     EXPECT_EQ(loss["path"], sub);
     EXPECT_TRUE(is_watched(watch, sub));
     watch.barrier(sub);
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* By marks a directory that is bound inside its tree has one inotify watch for both paths. Whichever a walk comes to
+ * first, the directory keeps that watch when the bind mount goes. */
+TEST_F(MountChanges, ADirectoryOutlivesItsBindMount)
+{
+    mount_tmpfs(dir); /* lists what was made last first */
+    const std::string both_orders[][2] = {{"one", "point of one"}, {"two", "point of two"}};
+    for (const char *name : {"one", "point of one", "point of two", "two"})
+        tree.dir(std::string("dir/") + name);
+    Watch watch(dir, {"-r", "-e", "create"});
+    watch.established();
+    watch.losses_are_due(); /* mounts come and go */
+    for (const auto &[bound, point] : both_orders) {
+        bind_mount(dir + "/" + bound, dir + "/" + point);
+        EXPECT_TRUE(comes_by(watch, point));
+    }
+    for (const auto &[bound, point] : both_orders) {
+        unmount(dir + "/" + point);
+        EXPECT_TRUE(comes_by(watch, point)) << "the walk has been there";
+        EXPECT_TRUE(comes_by(watch, bound));
+    }
     EXPECT_EQ(0, watch.stop());
 }
 

@@ -359,6 +359,32 @@ TEST_F(Place, AWalkThatFindsAnotherDirectoryForgetsWhatWasBelowTheFormer)
     EXPECT_EQ(0U, fmlnx.unknown_wd_count);
 }
 
+/* Two dentries stand for one directory while the departure of one is still to be read; when that one comes to stand for
+ * another directory, the kernel's watch is left to the other. */
+TEST_F(Place, AWatchStaysWithWhoStandsForTheSameDirectory)
+{
+    tree.dir("t/a/of_a");
+    watch(FMON_CREATE | FMON_MODIFY);
+    const int wd = wd_of(t + "/a");
+    move("t/a", "t/b");
+    EXPECT_EQ(1, fmon_linux_resync((t + "/b").c_str(), FMON_RESYNC_MARK));
+    ASSERT_EQ(wd, wd_of(t + "/b"));
+    move("t/b", "t/a");
+    tree.dir("t/b");
+    EXPECT_EQ(0, fmon_linux_resync((t + "/a").c_str(), FMON_RESYNC_MARK));
+    EXPECT_EQ(1, fmon_linux_resync((t + "/b").c_str(), FMON_RESYNC_MARK));
+    EXPECT_EQ(wd, wd_of(t + "/a"));
+    for (bool is_read : {false, true}) {
+        for (const char *below : {"t", "t/a", "t/b", "t/a/of_a"})
+            EXPECT_NE(0U, heard(below)) << below << is_read;
+        for (const char *below : {"t", "t/a", "t/b", "t/a/of_a"})
+            EXPECT_EQ(uint64_t{FMON_MODIFY}, fan(below) & 0xfff) << below << is_read;
+        pump_all();
+    }
+    EXPECT_EQ(4U, kernel_watches().size());
+    EXPECT_EQ(0U, fmlnx.unknown_wd_count);
+}
+
 /* ---- nothing stays in the cache that nobody frees ---- */
 
 TEST_F(Place, AShortLivedDirectoryUnderFanotifyIsDropped)
