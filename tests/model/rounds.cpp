@@ -208,6 +208,8 @@ bool Rounds::is_of_mount(const Json &record) const
 
 void Rounds::take(const Json &record)
 {
+    if (record["type"] == "resynced") /* follows a loss, which is judged */
+        return;
     if (record["type"] != "event") {
         if (!lenient_ && !is_of_mount(record) &&
             !ledger_->may_lose(record.value("source", ""), record.value("count", size_t{0})))

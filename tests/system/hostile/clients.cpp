@@ -180,7 +180,8 @@ namespace
 
 std::vector<std::string> watch_command(const std::vector<std::string> &arguments)
 {
-    std::vector<std::string> argv = {FMON_TEST_BIN "/fmon", "watch", "--format", "json", "--probes", "off"};
+    std::vector<std::string> argv = {
+        FMON_TEST_BIN "/fmon", "watch", "--format", "json", "--probes", "off", "--source", "marks"};
     argv.insert(argv.end(), arguments.begin(), arguments.end());
     return argv;
 }
