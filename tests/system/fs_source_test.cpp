@@ -1,10 +1,8 @@
 /*
- * Directories that are watched by events of whole file systems: what is reported from the first moment on, mounts below
- * a watch, its end, and what is lost. Mounts are in a mount namespace of its own.
+ * Directories that are watched by events of whole file systems: what is reported from the first moment on, a watch's
+ * end, and what is lost.
  */
 #include <gtest/gtest.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -14,74 +12,13 @@
 #include <cstring>
 #include <filesystem>
 
-#include "harness.h"
-#include "stranger.h"
+#include "file_systems.h"
 
 using namespace systest;
 using testlib::TempTree;
 
 namespace
 {
-
-const std::vector<std::string> kByFileSystem = {"-r", "--source", "filesystem"};
-
-std::vector<std::string> with(std::vector<std::string> arguments)
-{
-    arguments.insert(arguments.begin(), kByFileSystem.begin(), kByFileSystem.end());
-    return arguments;
-}
-
-bool can_watch_file_systems()
-{
-    TempTree tree;
-    Watch watch(tree.root(), kByFileSystem);
-    const auto first = watch.next();
-    watch.stop();
-    return first && first->value("type", "") == "established";
-}
-
-class FileSystems : public testing::Test
-{
-protected:
-    static void SetUpTestSuite()
-    {
-        own_mounts = unshare(CLONE_NEWNS) == 0 && mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0;
-        can_watch = own_mounts && can_watch_file_systems();
-    }
-    void SetUp() override
-    {
-        NEED(testlib::is_root(), "marks of file systems need root");
-        if (!can_watch)
-            GTEST_SKIP() << "this kernel, or the file system of temporary files, has no such events";
-    }
-    void TearDown() override
-    {
-        while (umount2(mounted.c_str(), MNT_DETACH) == 0) {
-        }
-    }
-
-    void mount_new()
-    {
-        std::filesystem::create_directories(mounted);
-        ASSERT_EQ(0, mount("fmon-test", mounted.c_str(), "tmpfs", 0, nullptr)) << strerror(errno);
-    }
-    /* Makes files in a directory until one is reported: what was mounted a moment ago is known a moment later. */
-    bool is_watched(Watch &watch, const std::string &directory)
-    {
-        return !watch.until_reported([&](int round) { make_file(directory + "/file" + std::to_string(round)); })
-                    .empty();
-    }
-    /* Whether the last barrier's events all have a process. */
-    static void expect_processes(const Watch &watch)
-    {
-        for (const Json &event : watch.events())
-            EXPECT_NE(0u, event.value("pid", 0u)) << event;
-    }
-
-    static inline bool own_mounts = false, can_watch = false;
-    TempTree tree;
-    const std::string mounted = tree.path("mounted");
-};
 
 TEST_F(FileSystems, TreesAreSeenFromTheFirstMoment)
 {
@@ -132,128 +69,6 @@ TEST_F(FileSystems, ADirectoryAloneReportsItsEntriesOnly)
     make_file(tree.path("f"));
     EXPECT_EQ(paths({{"f", "create,close_write"}}), watch.barrier(tree.root()));
     EXPECT_EQ(0, watch.stop());
-}
-
-/* ---- mounts below ---- */
-
-TEST_F(FileSystems, AMountThatComesLaterIsWatched)
-{
-    Watch watch(tree.root(), with({"-e", "create,close_write"}));
-    watch.losses_are_due(); /* what was mounted a moment ago */
-    watch.established();
-    mount_new();
-    EXPECT_TRUE(is_watched(watch, mounted));
-    make_dir(mounted + "/d");
-    make_file(mounted + "/d/f");
-    EXPECT_EQ(paths({{"mounted/d", "create"}, {"mounted/d/f", "create,close_write"}}), watch.barrier(tree.root()));
-    expect_processes(watch);
-    EXPECT_EQ(0, watch.stop());
-}
-
-TEST_F(FileSystems, NothingKeepsAFileSystemBusyAndItsMarkComesBack)
-{
-    mount_new();
-    Watch watch(tree.root(), with({"-e", "create"}));
-    watch.losses_are_due();
-    watch.established();
-    for (int round = 0; round < 3; round++) {
-        EXPECT_TRUE(is_watched(watch, mounted)) << round;
-        int error = EBUSY;
-        for (int i = 0; i < 100 && error == EBUSY; i++) { /* a question of the monitor takes less than that */
-            error = umount(mounted.c_str()) == 0 ? 0 : errno;
-            pause_ms(error == EBUSY ? 1 : 0);
-        }
-        EXPECT_EQ(0, error) << round;
-        mount_new();
-    }
-    EXPECT_EQ(0, watch.stop());
-}
-
-TEST_F(FileSystems, WhatIsMountedTwiceHasBothPaths)
-{
-    const std::string data = tree.dir("data"), other = tree.dir("other");
-    Watch watch(tree.root(), with({"-e", "create"}));
-    watch.losses_are_due();
-    watch.established();
-    bind_mount(data, other);
-    bool both = false;
-    watch.until_reported([&](int round) { make_file(data + "/f" + std::to_string(round)); });
-    for (int round = 0; round < 100 && !both; round++) {
-        const std::string name = "g" + std::to_string(round);
-        make_file(other + "/" + name);
-        const Paths seen = watch.barrier(tree.root(), {"create"});
-        both = seen.count("data/" + name) && seen.count("other/" + name);
-    }
-    EXPECT_TRUE(both);
-    unmount(other);
-    EXPECT_EQ(0, watch.stop());
-}
-
-TEST_F(FileSystems, WhatIsDoneThroughAnotherMountHasTheWatchedPath)
-{
-    const std::string data = tree.dir("watched/data"), elsewhere = tree.dir("elsewhere");
-    bind_mount(data, elsewhere);
-    Watch watch(tree.path("watched"), with({"-e", "create,close_write"}));
-    watch.established();
-    make_file(elsewhere + "/f");
-    EXPECT_EQ(paths({{"data/f", "create,close_write"}}), watch.barrier(tree.path("watched")));
-    unmount(elsewhere);
-    EXPECT_EQ(0, watch.stop());
-}
-
-/* A directory above a mount point is renamed: the mount goes with it. */
-TEST_F(FileSystems, PathsOfAMountFollowTheDirectoriesAbove)
-{
-    tree.dir("a/b");
-    ASSERT_EQ(0, mount("fmon-test", tree.path("a/b").c_str(), "tmpfs", 0, nullptr));
-    Watch watch(tree.root(), with({"-e", "create"}));
-    watch.established();
-    make_file(tree.path("a/b/f"));
-    move(tree.path("a"), tree.path("z"));
-    make_file(tree.path("z/b/g"));
-    EXPECT_EQ(paths({{"a/b/f", "create"}, {"z/b/g", "create"}}), watch.barrier(tree.root(), {"create"}));
-    unmount(tree.path("z/b"));
-    EXPECT_EQ(0, watch.stop());
-}
-
-/* An overlay has no mark as a whole; below a watch its directories have one each. */
-TEST_F(FileSystems, AnOverlayBelowIsMarkedByDirectories)
-{
-    mount_new();
-    const std::string m = mounted + "/";
-    for (const char *name : {"lower", "upper", "work", "seen"})
-        make_dir(m + name);
-    make_dir(m + "lower/d");
-    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
-    const std::string seen = tree.dir("tree/overlay");
-    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
-        GTEST_SKIP() << "no overlays here";
-    Watch watch(tree.path("tree"), {"-r", "--source", "auto", "-e", "create"});
-    const Json first = watch.established();
-    EXPECT_EQ("both", first["source"]) << first;
-    make_file(seen + "/d/f");
-    make_file(tree.path("tree/g"));
-    EXPECT_TRUE(is_watched(watch, seen + "/d"));
-    unmount(seen);
-    watch.stop();
-}
-
-TEST_F(FileSystems, AnOverlayItselfFallsBackToMarks)
-{
-    mount_new();
-    const std::string m = mounted + "/";
-    for (const char *name : {"lower", "upper", "work"})
-        make_dir(m + name);
-    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
-    const std::string seen = tree.dir("overlay");
-    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
-        GTEST_SKIP() << "no overlays here";
-    Watch watch(seen, {"-r", "--source", "auto", "-e", "create"});
-    const Json first = watch.established();
-    EXPECT_EQ("marks", first["source"]) << first;
-    EXPECT_TRUE(is_watched(watch, seen));
-    watch.stop();
-    unmount(seen);
 }
 
 /* ---- the root's end ---- */

@@ -77,7 +77,7 @@ int join(struct fs_root *root, struct fs_below *below, const struct fs_mount *mo
     if (!is_known(root, above.mount_id)) {
         struct fs_anchor anchor = {look->key.key, below->point, below->id, -1, true};
         below->how = FS_BELOW_ANCHORED;
-        return fs_anchor_at(&anchor, below->point, false);
+        return fs_anchor_at(&anchor, below->point, FS_OPEN_MOUNT);
     }
     below->how = FS_BELOW_JOINED;
     fs_pass_all();
@@ -102,6 +102,7 @@ uint32_t serve(struct fs_root *root, struct fs_below *below, const struct fs_mou
         *error = errno;
         return look->opens ? FMON_FALLBACK_OPEN : FMON_FALLBACK_HANDLE;
     }
+    fs_key_store(&below->key, &look->key.key);
     below->system = fs_system_get(look);
     *error = errno;
     if (!below->system)
@@ -164,7 +165,7 @@ void fall_back(struct fs_root *root, struct fs_below *below, uint32_t reason, in
 /* Not one that another one hides. */
 bool look_at_mount(const struct fs_mount *mount, struct fs_look *look, uint32_t *reason, int *error)
 {
-    *reason = fs_look_at(mount->point, false, look, error);
+    *reason = fs_look_at_mount(mount->point, look, error);
     if (*reason)
         return *reason == FMON_FALLBACK_HANDLE;
     if (look->mount_id == mount->id)
@@ -245,10 +246,14 @@ void drop(struct fs_below *below)
     free(below);
 }
 
-/* Its mark may have gone, if what is mounted there now was mounted anew. False: that is another file system. */
+/* Its mark may have gone, if what is mounted there now was mounted anew. False: that is something else. */
 bool renew(struct fs_below *below)
 {
     const FsLock lock;
+    if (!fs_is_mounted(below->point, below->mount_id, &below->key.key))
+        return false;
+    if (below->system->renewed)
+        return true;
     const int fd = fs_mount_open(below->mount_id, below->system->fsid, below->point);
     if (fd < 0)
         return false;

@@ -2,6 +2,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 
 #include "linux/fs/fs_served.h"
@@ -129,9 +130,23 @@ bool try_mount(const struct fs_system *system, int mount_id, const char *path)
 
 bool is_of(const struct fs_system *system, const int32_t fsid[2]) { return system && fs_same_fsid(system->fsid, fsid); }
 
+/* Whether the file system is open as a whole: other mounts show nothing more, and are spared a look. */
+bool is_whole_open(const int32_t fsid[2])
+{
+    for (unsigned i = 0; i < fs_source.open.count; i++) {
+        const struct fs_open_mount *open = &fs_source.open.all[i];
+        const struct fs_mount *mount = fs_mounts_find(&fs_source.mounts, open->mount_id);
+        if (open->fd >= 0 && fs_same_fsid(open->fsid, fsid) && mount && strcmp(mount->root, "/") == 0)
+            return true;
+    }
+    return false;
+}
+
 /* Opens one more mount of that file system, of those that are served. */
 bool open_another(const int32_t fsid[2])
 {
+    if (is_whole_open(fsid))
+        return false;
     FMON_LIST_EACH (node, &fs_source.roots) {
         struct fs_root *root = FMON_RECORD(node, struct fs_root, link);
         if (is_of(root->system, fsid) && try_mount(root->system, root->mount_id, root->path))

@@ -120,7 +120,7 @@ uint32_t reason_of(int result)
 int anchor_root(struct fs_root *root, const char *open_path)
 {
     struct fs_anchor anchor = {root->key.key, root->path, root->id, -1, root->recursive};
-    return fs_anchor_at(&anchor, open_path, open_path != root->path);
+    return fs_anchor_at(&anchor, open_path, open_path != root->path ? FS_OPEN_FOLLOW : FS_OPEN_PATH);
 }
 
 /* The marks and the anchor of a root in the list. */
@@ -267,14 +267,15 @@ bool fs_root_is_removed(const struct fs_root *root)
     return removed;
 }
 
-int fs_anchor_at(struct fs_anchor *anchor, const char *open_path, bool follow)
+int fs_anchor_at(struct fs_anchor *anchor, const char *open_path, enum fs_opening how)
 {
     int result = -EAGAIN;
     for (int i = 0; i < TRIES && result == -EAGAIN; i++) {
         struct fs_look look;
         int error;
         fs_pass_all();
-        if (fs_look_at(open_path, follow, &look, &error))
+        if (how == FS_OPEN_MOUNT ? fs_look_at_mount(open_path, &look, &error)
+                                 : fs_look_at(open_path, how == FS_OPEN_FOLLOW, &look, &error))
             return FMON_ENOENT;
         anchor->fd = look.fd;
         fs_pass_begin();

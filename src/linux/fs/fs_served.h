@@ -26,6 +26,7 @@ struct fs_system {
     dev_t dev;
     uint32_t users; /* roots and mounts on it */
     uint64_t bits;  /* of its mark; 0: it has none */
+    bool renewed;   /* its mark was looked at, by the look at the mounts under way */
 };
 
 /* A directory that is served: of a watch, or "/" for system-wide events. */
@@ -61,6 +62,7 @@ struct fs_below {
     int mount_id;
     unsigned major, minor;
     char *point;
+    struct fs_stored_key key; /* of the mount's root, where it is served */
     struct fs_system *system; /* null: neither joined nor anchored */
     struct watch *part;       /* null when its directory went */
 };
@@ -143,7 +145,7 @@ void fs_pass_close_mounts(void);
 
 void fs_pass_free(void);
 
-/* ---- fs_system.cpp; with the source's lock ---- */
+/* ---- fs_view.cpp ---- */
 
 /* What is at a path. */
 struct fs_look {
@@ -157,6 +159,15 @@ struct fs_look {
 /* Opens a directory; `follow`: the path is a descriptor's, below /proc. 0, or FMON_FALLBACK_* and *error; nothing is
  * open then. */
 uint32_t fs_look_at(const char *path, bool follow, struct fs_look *out, int *error);
+
+/* The same of what is mounted at a path. What is open does not keep it from being unmounted, and shows nothing that is
+ * mounted below; but where the kernel makes no copies of mounts. */
+uint32_t fs_look_at_mount(const char *point, struct fs_look *out, int *error);
+
+/* Whether that mount is there, and has that root: nothing is opened. */
+bool fs_is_mounted(const char *point, int mount_id, const struct fs_key *root);
+
+/* ---- fs_system.cpp; with the source's lock ---- */
 
 /* As open_by_handle_at. */
 int fs_open_handle(int mount_fd, const struct fs_stored_key *key, int flags);
@@ -221,7 +232,8 @@ void fs_root_forget(struct fs_root *root);
 
 /* Adds the anchor of a directory whose file system is marked, `anchor` but for its descriptor: what waits is taken
  * first, and the directory is opened by `open_path` again. With the source's lock. 0 or the engine's code. */
-int fs_anchor_at(struct fs_anchor *anchor, const char *open_path, bool follow);
+enum fs_opening { FS_OPEN_PATH, FS_OPEN_FOLLOW, FS_OPEN_MOUNT };
+int fs_anchor_at(struct fs_anchor *anchor, const char *open_path, enum fs_opening how);
 
 /* What all roots together want: to be called when one came or went. With the source's lock. */
 void fs_count_kinds(void);

@@ -90,8 +90,8 @@ int open_parts(const struct fmon_fs_keys *keys)
     fs_source.engine = fs_engine_new(keys->directories, getpid(), &world);
     if (!fs_source.engine)
         return ENOMEM;
-    fs_mounts_read(&fs_source.mounts);
     fs_source.mounts_fd = descriptor_settle(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
+    fs_mounts_read(&fs_source.mounts); /* what changes from the opening on is said */
     const struct fs_reader_work work = {nullptr, fs_source.group.fd, fs_source.mounts_fd, pass, mounts_changed};
     return fs_reader_start(&fs_source.reader, &work) < 0 ? errno : 0;
 }
@@ -166,6 +166,16 @@ void settle_displaced(struct fmon *monitor)
         settle(monitor, root);
     }
     fs_source_look_at_mounts();
+}
+
+/* What happened in a mount that is gone has its path still: all that waits is taken before that is forgotten. */
+void read_mounts()
+{
+    const FsLock lock;
+    fs_mounts_read(&fs_source.mounts);
+    FMON_LIST_EACH (node, &fs_source.systems)
+        FMON_RECORD(node, struct fs_system, link)->renewed = false;
+    fs_pass_all();
 }
 
 /* A tree with a limit is walked; who asks for events of the monitor's mounts wants fanotify's. */
@@ -320,10 +330,7 @@ void fs_source_look_at_mounts(void)
 {
     if (!fs_source.on)
         return;
-    {
-        const FsLock lock;
-        fs_mounts_read(&fs_source.mounts);
-    }
+    read_mounts();
     FMON_LIST_EACH (node, &fs_source.roots)
         if (root_of(node)->recursive)
             fs_below_update(root_of(node));

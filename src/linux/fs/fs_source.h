@@ -10,7 +10,8 @@
  * Everything is called under the monitor lock, which is taken before the lock of the source.
  *
  * Sources: fs_source.cpp (start, stop, what the monitor thread does), fs_pass.cpp (records on their way into the
- * queue), fs_root.cpp (watches), fs_system.cpp (marked file systems), fs_below.cpp (mounts below watches).
+ * queue), fs_root.cpp (watches), fs_system.cpp (marked file systems), fs_view.cpp
+ * (looks at mounts), fs_below.cpp (mounts below watches).
  */
 #ifndef FMON_FS_SOURCE_H
 #define FMON_FS_SOURCE_H

@@ -1,6 +1,5 @@
 /* Marked file systems: each has one mark with what all its users want. */
 #include <fcntl.h>
-#include <sys/stat.h>
 #include <sys/sysmacros.h>
 #include <unistd.h>
 
@@ -19,8 +18,6 @@ namespace
 
 constexpr char kFile[] = "linux/fs/fs_system.cpp";
 
-constexpr int kOpen = O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC;
-
 struct fs_system *system_of(list_head *node) { return FMON_RECORD(node, struct fs_system, link); }
 
 struct fs_system *find(const int32_t fsid[2])
@@ -29,6 +26,11 @@ struct fs_system *find(const int32_t fsid[2])
         if (fs_same_fsid(system_of(node)->fsid, fsid))
             return system_of(node);
     return nullptr;
+}
+
+bool is_that(const struct fs_look *look, int mount_id, const int32_t fsid[2])
+{
+    return look->mount_id == mount_id && fs_same_fsid(look->key.key.fsid, fsid);
 }
 
 bool is_used_by(struct fs_root *root, const struct fs_system *system)
@@ -74,23 +76,6 @@ void take_bits(struct fs_system *system, uint64_t bits)
 }
 
 }  // namespace
-
-uint32_t fs_look_at(const char *path, bool follow, struct fs_look *out, int *error)
-{
-    struct stat st;
-    uint32_t result = FMON_FALLBACK_NONE;
-    out->fd = open(path, follow ? kOpen : kOpen | O_NOFOLLOW);
-    if (out->fd < 0 || fstat(out->fd, &st) != 0)
-        result = FMON_FALLBACK_ROOT;
-    else if (fs_ask_key(out->fd, &out->key, &out->mount_id, &out->opens) != 0)
-        result = FMON_FALLBACK_HANDLE;
-    *error = result ? errno : 0;
-    if (result && out->fd >= 0)
-        close(out->fd);
-    else if (!result)
-        out->dev = st.st_dev;
-    return result;
-}
 
 int fs_open_handle(int mount_fd, const struct fs_stored_key *key, int flags)
 {
@@ -193,6 +178,7 @@ void fs_system_shrink(struct fs_system *system)
 
 void fs_system_renew(struct fs_system *system, int fd)
 {
+    system->renewed = true;
     if (!system->bits || fs_group_is_marked(&fs_source.group, fd))
         return;
     fs_engine_forget(fs_source.engine, system->fsid);
@@ -203,14 +189,17 @@ void fs_system_renew(struct fs_system *system, int fd)
 int fs_mount_open(int mount_id, const int32_t fsid[2], const char *path)
 {
     const struct fs_mount *mount = fs_mounts_find(&fs_source.mounts, mount_id);
-    for (const char *candidate : {mount ? mount->point : nullptr, path}) {
-        struct fs_look look;
-        int error;
-        if (!candidate || fs_look_at(candidate, false, &look, &error))
-            continue;
-        if (look.mount_id == mount_id && fs_same_fsid(look.key.key.fsid, fsid))
+    struct fs_look look;
+    int error;
+    if (mount && fs_look_at_mount(mount->point, &look, &error) == FMON_FALLBACK_NONE) {
+        if (is_that(&look, mount_id, fsid))
             return look.fd;
         close(look.fd);
     }
+    if (fs_look_at(path, false, &look, &error))
+        return -1;
+    if (is_that(&look, mount_id, fsid))
+        return look.fd;
+    close(look.fd);
     return -1;
 }

@@ -1,0 +1,219 @@
+/* Mounts below directories that are watched by events of whole file systems: they come, go and change places. */
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstring>
+#include <filesystem>
+
+#include "file_systems.h"
+
+using namespace systest;
+
+namespace
+{
+
+TEST_F(FileSystems, AMountThatComesLaterIsWatched)
+{
+    Watch watch(tree.root(), with({"-e", "create,close_write"}));
+    watch.losses_are_due(); /* what was mounted a moment ago */
+    watch.established();
+    mount_new();
+    EXPECT_TRUE(is_watched(watch, mounted));
+    make_dir(mounted + "/d");
+    make_file(mounted + "/d/f");
+    EXPECT_EQ(paths({{"mounted/d", "create"}, {"mounted/d/f", "create,close_write"}}), watch.barrier(tree.root()));
+    expect_processes(watch);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, NothingKeepsAFileSystemBusyAndItsMarkComesBack)
+{
+    mount_new();
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    for (int round = 0; round < 3; round++) {
+        EXPECT_TRUE(is_watched(watch, mounted)) << round;
+        int error = EBUSY;
+        for (int i = 0; i < 100 && error == EBUSY; i++) { /* a question of the monitor takes less than that */
+            error = umount(mounted.c_str()) == 0 ? 0 : errno;
+            pause_ms(error == EBUSY ? 1 : 0);
+        }
+        EXPECT_EQ(0, error) << round;
+        mount_new();
+    }
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* Directories come from outside, where nobody looks: the kernel is asked about each, by way of each mount. */
+void bring_directories(const std::string &from, const std::string &to)
+{
+    for (int i = 0;; i++) {
+        const std::string name = "/d" + std::to_string(i);
+        make_dir(from + name);
+        make_dir(from + name + "/e");
+        move(from + name + "/e", to + name);
+        make_file(to + name + "/f");
+        std::filesystem::remove_all(to + name);
+        remove_dir(from + name);
+    }
+}
+
+TEST_F(FileSystems, NoUnmountIsRefusedAndNoPathOutlivesTheMount)
+{
+    mount_new();
+    const std::string outside = mounted + "/outside", top = mounted + "/tree", other = top + "/other";
+    for (const std::string &dir : {outside, top, other})
+        make_dir(dir);
+    Watch watch(top, with({"-e", "create", "--set", "fs_directories=16"}));
+    watch.losses_are_due();
+    watch.established();
+    int refused = 0;
+    for (int round = 0; round < 3; round++) {
+        const std::string data = outside + "/data" + std::to_string(round);
+        make_dir(data);
+        bind_mount(data, other);
+        ASSERT_TRUE(is_watched(watch, other)) << round;
+        {
+            const std::string from = outside + "/from" + std::to_string(round);
+            make_dir(from);
+            const Background churn([&] { bring_directories(from, data); });
+            for (int i = 0; i < 50; i++) {
+                pause_ms(10);
+                while (umount(other.c_str()) != 0 && ++refused)
+                    ASSERT_EQ(EBUSY, errno) << round << ", " << i;
+                bind_mount(data, other);
+            }
+        }
+        unmount(other);
+        watch.barrier(top, {"create"}); /* what is left of the churn */
+        const int64_t end = now_ms() + 2000;
+        bool silent = false;
+        for (int i = 0; !silent && now_ms() < end; i++) {
+            make_file(data + "/r" + std::to_string(i));
+            silent = watch.barrier(top, {"create"}).empty();
+        }
+        ASSERT_TRUE(silent) << round;
+    }
+    EXPECT_LE(refused, 3) << "of 150"; /* while a system call of anybody looks at the path */
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* The mount's number, path and file system are those of the one before. */
+TEST_F(FileSystems, AnotherDirectoryIsBoundAtOnceAtTheSamePath)
+{
+    const std::string one = tree.dir("one"), two = tree.dir("two"), other = tree.dir("other");
+    bind_mount(one, other);
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    make_file(one + "/f");
+    EXPECT_EQ(paths({{"one/f", "create"}, {"other/f", "create"}}), watch.barrier(tree.root(), {"create"}));
+    watch.process().send(SIGSTOP);
+    unmount(other);
+    bind_mount(two, other);
+    watch.process().send(SIGCONT);
+    bool both = false;
+    const int64_t end = now_ms() + 2000;
+    for (int i = 0; !both && now_ms() < end; i++) {
+        const std::string name = "/g" + std::to_string(i);
+        make_file(two + name);
+        both = watch.barrier(tree.root(), {"create"}).count("other" + name) > 0;
+    }
+    EXPECT_TRUE(both);
+    make_file(one + "/h");
+    EXPECT_EQ(paths({{"one/h", "create"}}), watch.barrier(tree.root(), {"create"}));
+    unmount(other);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, WhatIsMountedTwiceHasBothPaths)
+{
+    const std::string data = tree.dir("data"), other = tree.dir("other");
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    bind_mount(data, other);
+    bool both = false;
+    watch.until_reported([&](int round) { make_file(data + "/f" + std::to_string(round)); });
+    for (int round = 0; round < 100 && !both; round++) {
+        const std::string name = "g" + std::to_string(round);
+        make_file(other + "/" + name);
+        const Paths seen = watch.barrier(tree.root(), {"create"});
+        both = seen.count("data/" + name) && seen.count("other/" + name);
+    }
+    EXPECT_TRUE(both);
+    unmount(other);
+    EXPECT_EQ(0, watch.stop());
+}
+
+TEST_F(FileSystems, WhatIsDoneThroughAnotherMountHasTheWatchedPath)
+{
+    const std::string data = tree.dir("watched/data"), elsewhere = tree.dir("elsewhere");
+    bind_mount(data, elsewhere);
+    Watch watch(tree.path("watched"), with({"-e", "create,close_write"}));
+    watch.established();
+    make_file(elsewhere + "/f");
+    EXPECT_EQ(paths({{"data/f", "create,close_write"}}), watch.barrier(tree.path("watched")));
+    unmount(elsewhere);
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* A directory above a mount point is renamed: the mount goes with it. */
+TEST_F(FileSystems, PathsOfAMountFollowTheDirectoriesAbove)
+{
+    tree.dir("a/b");
+    ASSERT_EQ(0, mount("fmon-test", tree.path("a/b").c_str(), "tmpfs", 0, nullptr));
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.established();
+    make_file(tree.path("a/b/f"));
+    move(tree.path("a"), tree.path("z"));
+    make_file(tree.path("z/b/g"));
+    EXPECT_EQ(paths({{"a/b/f", "create"}, {"z/b/g", "create"}}), watch.barrier(tree.root(), {"create"}));
+    unmount(tree.path("z/b"));
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* An overlay has no mark as a whole; below a watch its directories have one each. */
+TEST_F(FileSystems, AnOverlayBelowIsMarkedByDirectories)
+{
+    mount_new();
+    const std::string m = mounted + "/";
+    for (const char *name : {"lower", "upper", "work", "seen"})
+        make_dir(m + name);
+    make_dir(m + "lower/d");
+    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
+    const std::string seen = tree.dir("tree/overlay");
+    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    Watch watch(tree.path("tree"), {"-r", "--source", "auto", "-e", "create"});
+    const Json first = watch.established();
+    EXPECT_EQ("both", first["source"]) << first;
+    make_file(seen + "/d/f");
+    make_file(tree.path("tree/g"));
+    EXPECT_TRUE(is_watched(watch, seen + "/d"));
+    unmount(seen);
+    watch.stop();
+}
+
+TEST_F(FileSystems, AnOverlayItselfFallsBackToMarks)
+{
+    mount_new();
+    const std::string m = mounted + "/";
+    for (const char *name : {"lower", "upper", "work"})
+        make_dir(m + name);
+    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
+    const std::string seen = tree.dir("overlay");
+    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    Watch watch(seen, {"-r", "--source", "auto", "-e", "create"});
+    const Json first = watch.established();
+    EXPECT_EQ("marks", first["source"]) << first;
+    EXPECT_TRUE(is_watched(watch, seen));
+    watch.stop();
+    unmount(seen);
+}
+
+}  // namespace
