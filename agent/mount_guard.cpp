@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <map>
 
 #include "below.h"
 
@@ -11,10 +12,28 @@ namespace agent
 namespace
 {
 
-bool lies_in_a_tree(const std::string &point, const std::vector<Root> &roots)
+// What is seen at the path: the latest of the deepest mounts there.
+const Mount *mount_of(const std::vector<Mount> &mounts, const std::string &path)
+{
+    const Mount *found = nullptr;
+    for (const Mount &mount : mounts)
+        if (is_below(mount.point, path) && (!found || mount.point.size() >= found->point.size()))
+            found = &mount;
+    return found;
+}
+
+bool has_marked_device(const std::vector<Mount> &mounts, const Root &root, const std::string &point)
+{
+    const Mount *own = mount_of(mounts, root.watched), *there = mount_of(mounts, point);
+    return root.served && own && there && own->device == there->device;
+}
+
+// Whether a tree reaches there in which something may have been missed.
+bool is_missed(const std::vector<Mount> &mounts, const std::vector<Root> &roots, const std::string &point, bool came)
 {
     return std::any_of(roots.begin(), roots.end(), [&](const Root &root) {
-        return !root.watched.empty() && point != root.watched && is_below(root.watched, point);
+        return !root.watched.empty() && point != root.watched && is_below(root.watched, point) &&
+               (came || !has_marked_device(mounts, root, point));
     });
 }
 
@@ -30,12 +49,12 @@ void MountGuard::look(const std::vector<Mount> &mounts, const std::vector<Root> 
     known_ = std::move(now);
     if (!std::exchange(started_, true))
         return;
-    std::set<std::string> points;
-    for (const auto &[point, id] : changes)
-        if (lies_in_a_tree(point, roots))
-            points.insert(point);
-    for (const std::string &point : points)
-        changed_(point);
+    std::map<std::string, bool> points; /* whether something came there */
+    for (const auto &change : changes)
+        points[change.first] |= known_.count(change) > 0;
+    for (const auto &[point, came] : points)
+        if (is_missed(mounts, roots, point, came))
+            changed_(point);
 }
 
 }  // namespace agent

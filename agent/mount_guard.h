@@ -1,7 +1,8 @@
 /*
  * mount_guard.h: file systems that come and go inside a watched tree.
  *
- * What lies below a mount point is another tree from then on, and none of its directories is marked.
+ * What lies below a mount point is another tree from then on, and none of its directories is marked. A mark of a whole
+ * file system hears what a mount covers, so that nothing is missed when this goes.
  */
 #ifndef AGENT_MOUNT_GUARD_H
 #define AGENT_MOUNT_GUARD_H
@@ -22,7 +23,8 @@ namespace agent
 class MountGuard
 {
 public:
-    /* `changed` is called for each mount point below a watched directory at which something came or went. */
+    /* `changed` is called for each mount point below a watched directory at which something came, or went from above
+     * what was not heard meanwhile. */
     explicit MountGuard(std::function<void(const std::string &point)> changed) : changed_(std::move(changed)) {}
 
     /* Compares with the look before; the first tells nothing. */

@@ -47,6 +47,25 @@ TEST_F(FileSystems, NothingKeepsAFileSystemBusyAndItsMarkComesBack)
     EXPECT_EQ(0, watch.stop());
 }
 
+/* The fixture fails where a loss is told. */
+TEST_F(FileSystems, NothingIsLostWhenAMountGoes)
+{
+    mount_new();
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.established();
+    for (int i = 0; i < 10; i++)
+        make_file(mounted + "/f" + std::to_string(i));
+    ASSERT_EQ(0, umount(mounted.c_str())) << strerror(errno);
+    const Paths inside = watch.barrier(tree.root(), {"create"});
+    EXPECT_EQ(10u, inside.size());
+    EXPECT_EQ(1u, inside.count("mounted/f9"));
+    make_file(mounted + "/covered");
+    EXPECT_EQ(paths({{"mounted/covered", "create"}}), watch.barrier(tree.root(), {"create"}));
+    pause_ms(300); /* the command looks at the mounts in its own time */
+    EXPECT_EQ(Paths(), watch.barrier(tree.root(), {"create"}));
+    EXPECT_EQ(0, watch.stop());
+}
+
 /* Directories come from outside, where nobody looks: the kernel is asked about each, by way of each mount. */
 void bring_directories(const std::string &from, const std::string &to)
 {

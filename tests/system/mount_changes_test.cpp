@@ -91,7 +91,7 @@ TEST_F(MountChanges, WhatIsWaitedForIsTakenUpAnew)
 TEST_F(MountChanges, AMountInsideATreeIsToldAndWatched)
 {
     const std::string sub = tree.dir("dir/sub");
-    Watch watch(dir, {"-r", "-e", "create,close_write"});
+    Watch watch(dir, {"-r", "--source", "marks", "-e", "create,close_write"});
     watch.established();
     mount_tmpfs(sub);
     Json loss = watch.next_of("loss");

@@ -121,3 +121,32 @@ TEST(CliMountGuard, ChangesInsideATreeAreToldOnce)
     guard.look(before, {root});
     EXPECT_EQ(2u, told.size());
 }
+
+TEST(CliMountGuard, WhatAMarkOfItsFileSystemHearsIsNotMissed)
+{
+    std::vector<std::string> told;
+    MountGuard guard([&](const std::string &point) { told.push_back(point); });
+    Root served, marked;
+    served.watched = "/a";
+    served.served = true;
+    marked.watched = "/a/m";
+    const auto mount = [](uint64_t id, const char *point, uint32_t device) {
+        Mount made;
+        made.id = id;
+        made.point = point;
+        made.device = device;
+        return made;
+    };
+    const std::vector<Mount> few = {mount(1, "/", 1), mount(2, "/a/other", 2)};
+    std::vector<Mount> more = few;
+    for (const auto &[id, point] : {std::pair(3, "/a/b"), std::pair(4, "/a/other/c"), std::pair(5, "/a/m/d")})
+        more.push_back(mount(static_cast<uint64_t>(id), point, 3));
+    guard.look(more, {served, marked});
+    guard.look(few, {served, marked});
+    EXPECT_EQ((std::vector<std::string>{"/a/m/d", "/a/other/c"}), told); /* a tree of marks; another file system */
+    guard.look(more, {served});
+    EXPECT_EQ(5u, told.size());
+    more[2].id = 6; /* another one at the same place */
+    guard.look(more, {served});
+    EXPECT_EQ("/a/b", told.back());
+}
