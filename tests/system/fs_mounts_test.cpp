@@ -180,6 +180,20 @@ TEST_F(FileSystems, WhatIsDoneThroughAnotherMountHasTheWatchedPath)
     EXPECT_EQ(0, watch.stop());
 }
 
+TEST_F(FileSystems, AnotherNamespacesMountsHaveTheWatchedPath)
+{
+    const std::string data = tree.dir("data"), over = tree.dir("over");
+    Watch watch(tree.root(), with({"-e", "create"}));
+    watch.established();
+    EXPECT_TRUE(run([&] {
+        ASSERT_EQ(0, unshare(CLONE_NEWNS)) << strerror(errno);
+        bind_mount(data, over);
+        make_file(over + "/f");
+    }));
+    EXPECT_EQ(paths({{"data/f", "create"}}), watch.barrier(tree.root(), {"create"}));
+    EXPECT_EQ(0, watch.stop());
+}
+
 /* A directory above a mount point is renamed: the mount goes with it. */
 TEST_F(FileSystems, PathsOfAMountFollowTheDirectoriesAbove)
 {
