@@ -12,15 +12,6 @@ namespace agent
 namespace
 {
 
-// FNV-1a: on a 32-bit machine the library's hash has 32 bits, too few for so many paths.
-uint64_t hash_of(std::string_view path)
-{
-    uint64_t hash = 0xcbf29ce484222325;
-    for (const char c : path)
-        hash = (hash ^ static_cast<unsigned char>(c)) * 0x100000001b3;
-    return hash;
-}
-
 Event found_at(const std::string &path, const Event &creation)
 {
     Event event = creation;
@@ -38,22 +29,32 @@ void RecentPaths::add(std::string_view path)
 {
     if (now_.size() >= kMost)
         age();
-    now_.insert(hash_of(path));
+    now_.emplace(path);
 }
 
-bool RecentPaths::has(std::string_view path) const
+bool RecentPaths::has(std::string_view path) const { return now_.contains(path) || before_.contains(path); }
+
+bool RecentPaths::take_out(Paths &paths, std::string_view path)
 {
-    const uint64_t hash = hash_of(path);
-    return now_.count(hash) || before_.count(hash);
+    const auto found = paths.find(path);
+    if (found == paths.end())
+        return false;
+    paths.erase(found);
+    return true;
 }
 
 bool RecentPaths::take(std::string_view path)
 {
-    if (now_.empty() && before_.empty())
-        return false;
-    const uint64_t hash = hash_of(path);
-    const size_t taken = now_.erase(hash) + before_.erase(hash);
-    return taken > 0;
+    const bool taken = take_out(now_, path);
+    return take_out(before_, path) || taken;
+}
+
+void RecentPaths::forget_below(std::string_view directory)
+{
+    const std::string first = std::string(directory) + '/', behind = std::string(directory) + char('/' + 1);
+    for (Paths *paths : {&now_, &before_})
+        if (!paths->empty())
+            paths->erase(paths->lower_bound(first), paths->lower_bound(behind));
 }
 
 void RecentPaths::age() { before_ = std::exchange(now_, {}); }
@@ -86,6 +87,8 @@ void Found::begin(const Batch &batch)
 uint32_t Found::news(const Event &event)
 {
     constexpr uint32_t kWent = FMON_DELETE | FMON_MOVED_FROM;
+    if (event.mask & FMON_MOVED_FROM)
+        told_.forget_below(event.path); /* what is made by these paths from now on is another thing */
     if (!(event.mask & (FMON_CREATE | FMON_MOVED_TO | kWent)) || !told_.take(event.path))
         return event.mask;
     return event.mask & kWent ? event.mask : event.mask & ~uint32_t{FMON_CREATE};
@@ -123,10 +126,10 @@ bool Found::has_record(std::string_view path)
         for (size_t i = 0; batch_ && i < batch_->size(); i++) {
             const Event event = batch_->event(i);
             if (event.mask & (FMON_CREATE | FMON_MOVED_TO))
-                in_batch_.insert(hash_of(event.path));
+                in_batch_.insert(event.path);
         }
     }
-    return in_batch_.count(hash_of(path)) != 0;
+    return in_batch_.contains(path);
 }
 
 void Found::look()

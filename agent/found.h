@@ -6,16 +6,17 @@
  * found. Which is which is not known yet, so all is told but what has a record in the batch that is being shown, and
  * the creation is taken off the record that comes later.
  *
- * What is kept of a path is a hash of 64 bits; it is forgotten after some time, and when there are too many.
+ * Whole paths are kept: with hashes of them, who can choose names could have a creation taken for another. They are
+ * forgotten after some time, when there are too many, and below a directory that went to another name.
  */
 #ifndef AGENT_FOUND_H
 #define AGENT_FOUND_H
 
 #include <cstdint>
 #include <functional>
+#include <set>
 #include <string>
 #include <string_view>
-#include <unordered_set>
 
 #include "common/mutex.h"
 #include "queue.h"
@@ -27,16 +28,20 @@ namespace agent
 class RecentPaths
 {
 public:
-    static constexpr size_t kMost = 1 << 19; /* that are kept at least */
+    static constexpr size_t kMost = 1 << 17; /* that are kept at least */
 
     void add(std::string_view path);
     bool has(std::string_view path) const;
     bool take(std::string_view path); /* whether it was there */
-    void age();                       /* what was there at the call before as well is forgotten */
+    void forget_below(std::string_view directory);
+    void age(); /* what was there at the call before as well is forgotten */
     void clear();
 
 private:
-    std::unordered_set<uint64_t> now_, before_;
+    using Paths = std::set<std::string, std::less<>>; /* in order: what lies below a directory stands together */
+    static bool take_out(Paths &paths, std::string_view path);
+
+    Paths now_, before_;
 };
 
 class Found
@@ -67,8 +72,8 @@ private:
     bool has_record(std::string_view path);
 
     const Batch *batch_ = nullptr;
-    std::unordered_set<uint64_t> in_batch_; /* what appears by the batch's own records */
-    bool indexed_ = false;                  /* in_batch_ is that of the batch */
+    std::set<std::string_view> in_batch_; /* what appears by the batch's own records */
+    bool indexed_ = false;                /* in_batch_ is that of the batch */
     unsigned looks_ = 0;
     RecentPaths told_;
     common::Mutex lock_;

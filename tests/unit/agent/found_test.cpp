@@ -134,6 +134,23 @@ TEST_F(FoundTest, ANameThatWentAndCameAgainIsToldAgain)
     EXPECT_EQ((Lines{"a/f", "a/f", "a/g", "a/h", "a/h"}), take());
 }
 
+TEST_F(FoundTest, WhatIsMadeInADirectoryOfAFormerNameIsToldAgain)
+{
+    folder.dir("a/b");
+    folder.dir("ab");
+    for (const char *file : {"a/b/f", "a/g", "ab/h"})
+        folder.file(file);
+    for (const char *directory : {"a", "a/b", "ab"})
+        marked(directory);
+    create("a");
+    create("ab");
+    take();
+    show({{folder.path("a"), FMON_MOVED_FROM}});
+    for (const char *path : {"a/b/f", "a/g", "ab/h"})
+        create(path);
+    EXPECT_EQ((Lines{"a", "a/b/f", "a/g"}), take()) << "ab is another directory";
+}
+
 TEST_F(FoundTest, NoLinkIsFollowed)
 {
     folder.file("elsewhere");
@@ -183,6 +200,20 @@ TEST(RecentPaths, KeepsAsManyAsItSays)
     EXPECT_FALSE(paths.has("first"));
     EXPECT_TRUE(paths.take("last"));
     EXPECT_FALSE(paths.take("last"));
+}
+
+TEST(RecentPaths, ForgetsBelowADirectoryOnly)
+{
+    RecentPaths paths;
+    for (const char *path : {"/a", "/a/b", "/a/b/c", "/a-b", "/a0", "/ab/c"})
+        paths.add(path);
+    paths.age();
+    paths.add("/a/later");
+    paths.forget_below("/a");
+    for (const char *path : {"/a/b", "/a/b/c", "/a/later"})
+        EXPECT_FALSE(paths.has(path)) << path;
+    for (const char *path : {"/a", "/a-b", "/a0", "/ab/c"})
+        EXPECT_TRUE(paths.has(path)) << path;
 }
 
 }  // namespace
