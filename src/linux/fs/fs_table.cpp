@@ -149,8 +149,8 @@ int fs_table_enter_system(struct fs_table *table, const int32_t fsid[2])
     const int known = fs_table_system(table, fsid);
     if (known >= 0 || table->system_count == kMostSystems)
         return known;
-    const size_t size = (table->system_count + size_t{1}) * sizeof(struct fs_system);
-    auto *systems = static_cast<struct fs_system *>(realloc(table->systems, size));
+    const size_t size = (table->system_count + size_t{1}) * sizeof(struct fs_known_system);
+    auto *systems = static_cast<struct fs_known_system *>(realloc(table->systems, size));
     if (!systems)
         return -1;
     table->systems = systems;

@@ -45,7 +45,7 @@ struct fs_node {
     uint8_t flags;
 };
 
-struct fs_system {
+struct fs_known_system {
     int32_t fsid[2];
     uint32_t ties; /* anchors and joints on it */
 };
@@ -57,7 +57,7 @@ struct fs_table {
     uint32_t limit;
     uint32_t epoch; /* the current one, from 1 */
     uint32_t hand;  /* the bucket where the next sweep begins */
-    struct fs_system *systems;
+    struct fs_known_system *systems;
     uint32_t system_count;
 };
 
