@@ -70,7 +70,7 @@ std::string unsupported_text(const Refusal &refusal, const Facts &facts)
         return " cannot be watched with " + option + ": it needs fanotify, which " +
                (facts.root ? "this kernel or container does not offer" : "only root may use") + "; without " + option +
                " it can be watched, but events do not name their process";
-    const std::string text =
+    std::string text =
         " cannot be watched with " + option + ": only open, access, modify, close_write and close_nowrite can";
     if (refusal.mount || refusal.fallback.reason == FMON_FALLBACK_NONE)
         return text;

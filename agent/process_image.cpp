@@ -6,7 +6,7 @@ namespace agent
 ImagePtr read_image(const ProcessFiles &files, uint64_t (*now_ns)())
 {
     constexpr size_t kAllocation = 48; /* what the heap and the shared pointer add */
-    const auto image = std::make_shared<ProcessImage>();
+    auto image = std::make_shared<ProcessImage>();
     const std::optional<std::string> arguments = files.cmdline();
     image->cmdline = arguments.value_or("");
     image->exe = files.exe();

@@ -47,7 +47,7 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
 std::string SystemWatch::why_not(const struct fmon_status &now) const
 {
     const ProbeFacts facts = gather_probe_facts(module_.is_container(), false);
-    const std::string probes = explain_no_system(now.file_probes, facts, kinds_);
+    std::string probes = explain_no_system(now.file_probes, facts, kinds_);
     struct fmon_fallback met = now.fs.last_fallback;
     if (now.fs.source.state == FMON_SOURCE_REFUSED)  // nothing was tried
         met = {FMON_FALLBACK_INIT, now.fs.source.error, ""};
