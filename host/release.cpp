@@ -66,6 +66,7 @@ int orx_host_release(const char *kernel, char *out, size_t size)
 }
 
 /* In the place of the C library's, for plug-ins and the program. */
+/* NOLINTNEXTLINE(readability-inconsistent-declaration-parameter-name): the C library's name is reserved */
 extern "C" int uname(struct utsname *out) noexcept
 {
     const int result = orx_host_uname(out);
