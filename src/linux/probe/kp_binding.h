@@ -33,6 +33,7 @@ struct symbol_row {
 };
 
 /* One copy an including source. */
+/* NOLINTBEGIN(misc-definitions-in-headers): that is what this header is for */
 namespace
 {
 
@@ -249,5 +250,6 @@ inline int32_t kp_os_info_get(const struct kp_os_info **out)
 }
 
 }  // namespace
+/* NOLINTEND(misc-definitions-in-headers) */
 
 #endif
