@@ -127,6 +127,47 @@ TEST(Resync, AfterAnOverflowWritesAreSeenAgain)
     EXPECT_EQ(0, watch.stop());
 }
 
+/* With a mark of the whole file system: the kernel's queue has its limit, or what waits here has a low ceiling. */
+class ResyncOfAFileSystem : public testing::TestWithParam<const char *>
+{
+};
+INSTANTIATE_TEST_SUITE_P(Limits, ResyncOfAFileSystem, testing::Values("fs_queue=1", "fs_memory_kib=64"));
+
+TEST_P(ResyncOfAFileSystem, NoDirectoryIsBlindAfterALoss)
+{
+    NEED(testlib::can_fanotify(), "marks of file systems are for root");
+    TempTree tree;
+    for (const char *dir : {"a", "b", "c"})
+        tree.dir(dir);
+    Watch watch(tree.root(), {"-r", "--source", "filesystem", "--set", GetParam(), "-e", "create"});
+    watch.losses_are_due();
+    watch.established();
+    Names want;
+    {
+        const StandingStill still(watch);
+        for (const char *dir : {"a", "b", "c"})
+            overflow(tree.path(dir));
+        for (int i = 0; i < 20; i++)
+            tree.dir("c/t" + std::to_string(i) + "/x/y");
+    }
+    /* While what waited is read there may be further losses: the last word is what counts. */
+    std::vector<std::string> words;
+    while (const auto record = watch.next(2000))
+        if (const std::string type = record->value("type", ""); type != "event")
+            words.push_back(type + " " + record->value("source", ""));
+    ASSERT_LE(2u, words.size());
+    /* With a low ceiling the records that say where a directory lies may not fit, either: a loss of the table. */
+    EXPECT_TRUE(words.front() == "loss filesystem" || words.front() == "loss table") << words.front();
+    EXPECT_EQ("resynced ", words.back());
+    for (int i = 0; i < 20; i++)
+        for (const char *below : {"", "/x", "/x/y"})
+            want.insert(tree.path("c/t" + std::to_string(i) + below + "/seen"));
+    for (const std::string &path : want)
+        make_file(path);
+    EXPECT_EQ(want, created(watch, "seen", want.size()));
+    EXPECT_EQ(0, watch.stop());
+}
+
 TEST(Resync, SecondOverflowIsMendedToo)
 {
     TempTree tree;
