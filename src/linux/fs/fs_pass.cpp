@@ -23,6 +23,10 @@ constexpr size_t kFirst = size_t{64} * 1024, kMost = size_t{8} * 1024 * 1024, kL
  */
 enum { TURN_MS = 50, ALL_MS = 200 };
 
+/* For so long after that, what a question needs is still read: mostly one read finds all, and without it events of the
+ * directory that is asked for are lost. */
+enum { ANSWER_MS = 1000 };
+
 int64_t now_ms()
 {
     struct timespec now;
@@ -172,8 +176,8 @@ bool read_more(void *, struct fs_chunk *out)
 {
     struct fs_arena arena = {};
     *out = {nullptr, 0, false};
-    if (fs_queue_room(&fs_source.queue) < kLeast || !make_room(&arena))
-        return false; /* when time is up one read is left: it mostly finds all, and without it an event is lost */
+    if (now_ms() >= fs_source.read_until + ANSWER_MS || fs_queue_room(&fs_source.queue) < kLeast || !make_room(&arena))
+        return false;
     out->drained = fill(&arena);
     out->size = arena.used;
     if (arena.used == 0) {
