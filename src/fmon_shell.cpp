@@ -124,8 +124,11 @@ void destroy_rowless()
 
 uint32_t fs_memory_kib()
 {
-    const int32_t mib = fmon_shell.fs_memory < kFsMemoryMax ? fmon_shell.fs_memory : kFsMemoryMax;
-    return fmon_shell.fs_memory_kib > 0 ? fmon_shell.fs_memory_kib : static_cast<uint32_t>(mib) * 1024;
+    constexpr uint32_t kMost = uint32_t{kFsMemoryMax} * 1024;
+    const uint32_t kib = fmon_shell.fs_memory_kib;
+    if (kib > 0)
+        return kib < kMost ? kib : kMost;
+    return fmon_shell.fs_memory < kFsMemoryMax ? static_cast<uint32_t>(fmon_shell.fs_memory) * 1024 : kMost;
 }
 
 int start_core()

@@ -322,6 +322,13 @@ TEST_F(Config, MemoryOfTheSourceHasALimit)
     EXPECT_EQ(2048u * 1024, fmon.fs_keys.memory_kib);
 }
 
+TEST_F(Config, MemoryOfTheSourceInKibHasTheSameLimit)
+{
+    testlib::set_ini({{{"fmon", "fs_memory_kib"}, "1000000000"}});
+    start();
+    EXPECT_EQ(2048u * 1024, fmon.fs_keys.memory_kib);
+}
+
 /* Zero switches throttling off, so it must be meant. */
 TEST_F(Config, ARateThatIsNoNumberKeepsTheCurrentOne)
 {
