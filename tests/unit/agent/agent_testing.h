@@ -20,21 +20,21 @@ namespace agent_testing
 {
 
 /* A fresh directory, by its real path, removed at the end. */
-class Folder
+class Directory
 {
 public:
-    Folder()
+    Directory()
     {
         std::string name = std::filesystem::canonical(std::filesystem::temp_directory_path()).string() + "/cliXXXXXX";
         root_ = mkdtemp(name.data());
     }
-    ~Folder()
+    ~Directory()
     {
         std::error_code ignored;
         std::filesystem::remove_all(root_, ignored);
     }
-    Folder(const Folder &) = delete;
-    Folder &operator=(const Folder &) = delete;
+    Directory(const Directory &) = delete;
+    Directory &operator=(const Directory &) = delete;
 
     const std::string &root() const { return root_; }
     std::string path(const std::string &below) const { return root_ + "/" + below; }
@@ -52,6 +52,8 @@ public:
 private:
     std::string root_;
 };
+
+using Folder = Directory;
 
 inline std::string random_bytes(std::mt19937 &random, size_t max)
 {

@@ -7,7 +7,7 @@
 #include "unit/agent/agent_testing.h"
 
 using namespace agent;
-using agent_testing::Folder;
+using agent_testing::Directory;
 
 namespace
 {
@@ -31,16 +31,16 @@ protected:
             found.shown(event, [this](const Event &made) { tell(made); });
         }
     }
-    void create(const std::string &below) { show({{folder.path(below), FMON_CREATE}}); }
-    void marked(const std::string &below) { found.marked(folder.path(below)); }
+    void create(const std::string &below) { show({{directory.path(below), FMON_CREATE}}); }
+    void marked(const std::string &below) { found.marked(directory.path(below)); }
     Lines take() { return std::exchange(lines, {}); }
 
-    Folder folder;
+    Directory directory;
     Found found;
     Lines lines;
 
 private:
-    std::string name(const Event &event) const { return std::string(event.path.substr(folder.root().size() + 1)); }
+    std::string name(const Event &event) const { return std::string(event.path.substr(directory.root().size() + 1)); }
     void tell(const Event &made)
     {
         EXPECT_TRUE(made.found);
@@ -54,8 +54,8 @@ private:
 
 TEST_F(FoundTest, IsToldBehindTheCreationOfItsDirectory)
 {
-    folder.dir("a");
-    folder.file("a/f");
+    directory.dir("a");
+    directory.file("a/f");
     marked("a");
     create("a");
     EXPECT_EQ((Lines{"a", "found a/f"}), take());
@@ -65,18 +65,18 @@ TEST_F(FoundTest, IsToldBehindTheCreationOfItsDirectory)
 
 TEST_F(FoundTest, WhatWasMovedInOrIsNotMarkedIsNotLookedInto)
 {
-    folder.dir("a");
-    folder.file("a/f");
+    directory.dir("a");
+    directory.file("a/f");
     create("a");
     marked("a");
-    show({{folder.path("a"), FMON_MOVED_TO}});
+    show({{directory.path("a"), FMON_MOVED_TO}});
     EXPECT_EQ((Lines{"a", "a"}), take());
 }
 
 TEST_F(FoundTest, WholeTreesAreFoundWithParentsFirst)
 {
-    folder.dir("a/b/c");
-    folder.file("a/b/c/f");
+    directory.dir("a/b/c");
+    directory.file("a/b/c/f");
     for (const char *path : {"a", "a/b", "a/b/c"})
         marked(path);
     create("a");
@@ -85,8 +85,8 @@ TEST_F(FoundTest, WholeTreesAreFoundWithParentsFirst)
 
 TEST_F(FoundTest, ADirectoryThatIsNotMarkedYetIsLookedIntoWithItsOwnRecord)
 {
-    folder.dir("a/b");
-    folder.file("a/b/f");
+    directory.dir("a/b");
+    directory.file("a/b/f");
     marked("a");
     create("a");
     EXPECT_EQ((Lines{"a", "found a/b"}), take());
@@ -97,24 +97,26 @@ TEST_F(FoundTest, ADirectoryThatIsNotMarkedYetIsLookedIntoWithItsOwnRecord)
 
 TEST_F(FoundTest, WhatHasARecordInTheBatchIsLeftToIt)
 {
-    folder.dir("a");
-    folder.file("a/f");
-    folder.file("a/g");
+    directory.dir("a");
+    directory.file("a/f");
+    directory.file("a/g");
     marked("a");
-    show({{folder.path("a"), FMON_CREATE}, {folder.path("a/f"), FMON_CREATE}, {folder.path("a/g"), FMON_MOVED_TO}});
+    show({{directory.path("a"), FMON_CREATE},
+          {directory.path("a/f"), FMON_CREATE},
+          {directory.path("a/g"), FMON_MOVED_TO}});
     EXPECT_EQ((Lines{"a", "a/f", "a/g"}), take());
 }
 
 TEST_F(FoundTest, ARecordThatComesLaterSaysWhatWasNotTold)
 {
-    folder.dir("a");
-    folder.file("a/f");
-    folder.file("a/g");
+    directory.dir("a");
+    directory.file("a/f");
+    directory.file("a/g");
     marked("a");
     create("a");
     take();
     create("a/f");
-    show({{folder.path("a/g"), FMON_CREATE | FMON_CLOSE_WRITE}});
+    show({{directory.path("a/g"), FMON_CREATE | FMON_CLOSE_WRITE}});
     EXPECT_EQ(Lines{"a/g in part"}, take());
     create("a/f");
     EXPECT_EQ(Lines{"a/f"}, take()) << "another creation";
@@ -122,30 +124,30 @@ TEST_F(FoundTest, ARecordThatComesLaterSaysWhatWasNotTold)
 
 TEST_F(FoundTest, ANameThatWentAndCameAgainIsToldAgain)
 {
-    folder.dir("a");
+    directory.dir("a");
     for (const char *file : {"a/f", "a/g", "a/h"})
-        folder.file(file);
+        directory.file(file);
     marked("a");
     create("a");
     take();
-    show({{folder.path("a/f"), FMON_DELETE}, {folder.path("a/f"), FMON_CREATE}});
-    show({{folder.path("a/g"), FMON_CREATE | FMON_DELETE}});
-    show({{folder.path("a/h"), FMON_MOVED_TO}, {folder.path("a/h"), FMON_CREATE}});
+    show({{directory.path("a/f"), FMON_DELETE}, {directory.path("a/f"), FMON_CREATE}});
+    show({{directory.path("a/g"), FMON_CREATE | FMON_DELETE}});
+    show({{directory.path("a/h"), FMON_MOVED_TO}, {directory.path("a/h"), FMON_CREATE}});
     EXPECT_EQ((Lines{"a/f", "a/f", "a/g", "a/h", "a/h"}), take());
 }
 
 TEST_F(FoundTest, WhatIsMadeInADirectoryOfAFormerNameIsToldAgain)
 {
-    folder.dir("a/b");
-    folder.dir("ab");
+    directory.dir("a/b");
+    directory.dir("ab");
     for (const char *file : {"a/b/f", "a/g", "ab/h"})
-        folder.file(file);
-    for (const char *directory : {"a", "a/b", "ab"})
-        marked(directory);
+        directory.file(file);
+    for (const char *name : {"a", "a/b", "ab"})
+        marked(name);
     create("a");
     create("ab");
     take();
-    show({{folder.path("a"), FMON_MOVED_FROM}});
+    show({{directory.path("a"), FMON_MOVED_FROM}});
     for (const char *path : {"a/b/f", "a/g", "ab/h"})
         create(path);
     EXPECT_EQ((Lines{"a", "a/b/f", "a/g"}), take()) << "ab is another directory";
@@ -153,10 +155,10 @@ TEST_F(FoundTest, WhatIsMadeInADirectoryOfAFormerNameIsToldAgain)
 
 TEST_F(FoundTest, NoLinkIsFollowed)
 {
-    folder.file("elsewhere");
-    folder.dir("there");
-    folder.file("there/f");
-    std::filesystem::create_symlink(folder.path("there"), folder.path("a"));
+    directory.file("elsewhere");
+    directory.dir("there");
+    directory.file("there/f");
+    std::filesystem::create_symlink(directory.path("there"), directory.path("a"));
     marked("a");
     create("a");
     EXPECT_EQ(Lines{"a"}, take());
@@ -164,8 +166,8 @@ TEST_F(FoundTest, NoLinkIsFollowed)
 
 TEST_F(FoundTest, IsForgottenAfterSomeTimeAndWithALoss)
 {
-    folder.dir("a");
-    folder.file("a/f");
+    directory.dir("a");
+    directory.file("a/f");
     marked("a");
     create("a");
     take();

@@ -14,7 +14,7 @@
 #include "unit/agent/agent_testing.h"
 
 using namespace agent;
-using agent_testing::Folder;
+using agent_testing::Directory;
 
 namespace
 {
@@ -55,7 +55,7 @@ protected:
     }
     std::vector<std::string> completed(std::vector<std::string> made, uint32_t max_depth = 0)
     {
-        TreeKeeper keeper(module, {folder.root()}, max_depth);
+        TreeKeeper keeper(module, {directory.root()}, max_depth);
         EXPECT_EQ(3, keeper.start());
         for (const std::string &path : made)
             keeper.made(path);
@@ -68,45 +68,45 @@ protected:
     }
 
     Module module = {};
-    Folder folder;
+    Directory directory;
 };
 
 }  // namespace
 
 TEST_F(Keeper, CompletesADirectoryWithDirectories)
 {
-    folder.dir("a/b/c");
-    EXPECT_EQ(completed({folder.path("a")}), (std::vector<std::string>{folder.path("a")}));
+    directory.dir("a/b/c");
+    EXPECT_EQ(completed({directory.path("a")}), (std::vector<std::string>{directory.path("a")}));
     EXPECT_EQ(uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS}, g_added[0].flags);
 }
 
 TEST_F(Keeper, FollowsNoLink)
 {
-    folder.dir("elsewhere/b/c");
-    std::filesystem::create_symlink(folder.path("elsewhere"), folder.path("a"));
-    EXPECT_TRUE(completed({folder.path("a"), folder.path("a/b")}).empty());
+    directory.dir("elsewhere/b/c");
+    std::filesystem::create_symlink(directory.path("elsewhere"), directory.path("a"));
+    EXPECT_TRUE(completed({directory.path("a"), directory.path("a/b")}).empty());
 }
 
 TEST_F(Keeper, WhatIsWalkedAgainIsWalkedFromAboveAndSaid)
 {
-    TreeKeeper keeper(module, {folder.root()}, 0);
+    TreeKeeper keeper(module, {directory.root()}, 0);
     ASSERT_EQ(3, keeper.start());
-    keeper.again(folder.dir("a/b"));
+    keeper.again(directory.dir("a/b"));
     keeper.run();
     ASSERT_EQ(1u, g_added.size());
-    EXPECT_EQ(folder.path("a"), g_added[0].path) << "where a walk starts it adds its own kinds only";
-    EXPECT_EQ((std::vector<std::string>{folder.path("a/b")}), keeper.take_again().paths);
+    EXPECT_EQ(directory.path("a"), g_added[0].path) << "where a walk starts it adds its own kinds only";
+    EXPECT_EQ((std::vector<std::string>{directory.path("a/b")}), keeper.take_again().paths);
     EXPECT_TRUE(keeper.take_again().paths.empty());
 }
 
 TEST_F(Keeper, TellsThatThereIsSomethingToLookAt)
 {
-    TreeKeeper keeper(module, {folder.root()}, 0);
+    TreeKeeper keeper(module, {directory.root()}, 0);
     ASSERT_EQ(3, keeper.start());
     struct pollfd fd = {keeper.wake_fd(), POLLIN, 0};
     EXPECT_EQ(0, poll(&fd, 1, 0));
-    keeper.made(folder.path("a"));
-    keeper.made(folder.path("b"));
+    keeper.made(directory.path("a"));
+    keeper.made(directory.path("b"));
     EXPECT_EQ(1, poll(&fd, 1, 0));
     keeper.run();
     EXPECT_EQ(0, poll(&fd, 1, 0));
@@ -114,15 +114,15 @@ TEST_F(Keeper, TellsThatThereIsSomethingToLookAt)
 
 TEST(CliPaths, ADirectoryIsOpenedThroughNoLink)
 {
-    const Folder folder;
-    folder.dir("a/b/c");
-    std::filesystem::create_symlink(folder.path("a"), folder.path("link"));
-    std::filesystem::create_symlink("b", folder.path("a/up"));
+    const Directory directory;
+    directory.dir("a/b/c");
+    std::filesystem::create_symlink(directory.path("a"), directory.path("link"));
+    std::filesystem::create_symlink("b", directory.path("a/up"));
     EXPECT_TRUE(open_directory("/"));
-    EXPECT_TRUE(open_directory(folder.path("a/b")));
+    EXPECT_TRUE(open_directory(directory.path("a/b")));
     for (const char *path : {"link", "link/b", "a/up", "a/up/c"})
-        EXPECT_FALSE(open_directory(folder.path(path))) << path;
-    const common::Fd top(open(folder.root().c_str(), O_PATH));
+        EXPECT_FALSE(open_directory(directory.path(path))) << path;
+    const common::Fd top(open(directory.root().c_str(), O_PATH));
     for (const auto &[path, found] : std::map<std::string, bool>{
              {".", true}, {"a/b", true}, {"link", false}, {"link/b", false}, {"a/up/c", false}, {"a/../a", false}})
         EXPECT_EQ(common::Fd(common::open_stepwise(top.get(), path, O_RDONLY)).get() >= 0, found) << path;
@@ -130,47 +130,47 @@ TEST(CliPaths, ADirectoryIsOpenedThroughNoLink)
 
 TEST(CliPaths, DirectoriesAreCountedWithoutLinks)
 {
-    const Folder folder;
-    folder.dir("a/b/c");
-    folder.dir("d");
-    std::filesystem::create_symlink(folder.path("a"), folder.path("d/link"));
-    EXPECT_EQ(4u, count_directories(folder.root(), 0, 100));
-    EXPECT_EQ(3u, count_directories(folder.root(), 2, 100));
-    EXPECT_EQ(2u, count_directories(folder.root(), 0, 2));
-    EXPECT_EQ(0u, count_directories(folder.path("d/link"), 0, 100));
+    const Directory directory;
+    directory.dir("a/b/c");
+    directory.dir("d");
+    std::filesystem::create_symlink(directory.path("a"), directory.path("d/link"));
+    EXPECT_EQ(4u, count_directories(directory.root(), 0, 100));
+    EXPECT_EQ(3u, count_directories(directory.root(), 2, 100));
+    EXPECT_EQ(2u, count_directories(directory.root(), 0, 2));
+    EXPECT_EQ(0u, count_directories(directory.path("d/link"), 0, 100));
 }
 
 TEST_F(Keeper, LeavesFilesAndFlatDirectoriesAlone)
 {
-    folder.dir("a");
-    folder.file("a/f");
-    EXPECT_TRUE(completed({folder.path("a"), folder.path("a/f"), folder.path("gone")}).empty());
+    directory.dir("a");
+    directory.file("a/f");
+    EXPECT_TRUE(completed({directory.path("a"), directory.path("a/f"), directory.path("gone")}).empty());
 }
 
 TEST_F(Keeper, OneWalkServesAllBelow)
 {
-    folder.dir("a/b/c/d");
-    folder.dir("a-b/x");
-    EXPECT_EQ(completed({folder.path("a/b"), folder.path("a-b"), folder.path("a"), folder.path("a/b/c")}),
-              (std::vector<std::string>{folder.path("a"), folder.path("a-b")}));
+    directory.dir("a/b/c/d");
+    directory.dir("a-b/x");
+    EXPECT_EQ(completed({directory.path("a/b"), directory.path("a-b"), directory.path("a"), directory.path("a/b/c")}),
+              (std::vector<std::string>{directory.path("a"), directory.path("a-b")}));
 }
 
 TEST_F(Keeper, KeepsTheLimitOfDepth)
 {
-    folder.dir("a/b/c/d");
-    completed({folder.path("a")}, 2);
+    directory.dir("a/b/c/d");
+    completed({directory.path("a")}, 2);
     ASSERT_EQ(1u, g_added.size());
     EXPECT_EQ(1u, g_added[0].depth);
     g_added.clear();
     g_deleted.clear();
-    EXPECT_TRUE(completed({folder.path("a/b")}, 2).empty());
-    EXPECT_EQ(1u, completed({folder.path("a/b")}, 3).size());
+    EXPECT_TRUE(completed({directory.path("a/b")}, 2).empty());
+    EXPECT_EQ(1u, completed({directory.path("a/b")}, 3).size());
 }
 
 TEST_F(Keeper, AStarInANameStartsTheWalkAboveIt)
 {
-    folder.dir("a/*/b");
-    EXPECT_EQ(completed({folder.path("a/*")}), (std::vector<std::string>{folder.path("a")}));
+    directory.dir("a/*/b");
+    EXPECT_EQ(completed({directory.path("a/*")}), (std::vector<std::string>{directory.path("a")}));
     EXPECT_EQ("/x", without_star("/x"));
     EXPECT_EQ(without_star("/*"), "/");
     EXPECT_EQ("/a", without_star("/a/b*/c"));
@@ -193,18 +193,18 @@ protected:
     Root &watch(const std::string &below)
     {
         Root root;
-        root.path = folder.path(below);
+        root.path = directory.path(below);
         root.identity = identify(root.path);
         root.placed = true;
         roots.push_back(root);
         return roots.back();
     }
 
-    Folder folder;
+    Directory directory;
     std::vector<Root> roots;
     std::vector<std::string> ends;
     RootGuard guard{roots, [this](const Root &root, const char *reason) {
-                        ends.push_back(root.path.substr(folder.root().size()) + " " + reason);
+                        ends.push_back(root.path.substr(directory.root().size()) + " " + reason);
                     }};
 };
 
@@ -212,27 +212,27 @@ protected:
 
 TEST_F(Guard, EventsOfThePathItselfEndIt)
 {
-    folder.dir("a");
-    folder.dir("b");
+    directory.dir("a");
+    directory.dir("b");
     watch("a");
     watch("b");
-    guard.event(folder.path("a"), FMON_CREATE);
-    guard.event(folder.path("a/x"), FMON_DELETE_SELF);
+    guard.event(directory.path("a"), FMON_CREATE);
+    guard.event(directory.path("a/x"), FMON_DELETE_SELF);
     EXPECT_TRUE(ends.empty());
-    guard.event(folder.path("a"), FMON_DELETE_SELF);
-    guard.event(folder.path("a"), FMON_DELETE_SELF);
+    guard.event(directory.path("a"), FMON_DELETE_SELF);
+    guard.event(directory.path("a"), FMON_DELETE_SELF);
     EXPECT_FALSE(guard.all_ended());
-    guard.event(folder.path("b"), FMON_MOVE_SELF);
+    guard.event(directory.path("b"), FMON_MOVE_SELF);
     EXPECT_EQ((std::vector<std::string>{"/a deleted", "/b moved"}), ends);
     EXPECT_TRUE(guard.all_ended());
 }
 
 TEST_F(Guard, APathThatIsWaitedForNeverEnds)
 {
-    folder.dir("a");
+    directory.dir("a");
     watch("a").waits = true;
-    guard.event(folder.path("a"), FMON_DELETE_SELF);
-    std::filesystem::remove_all(folder.path("a"));
+    guard.event(directory.path("a"), FMON_DELETE_SELF);
+    std::filesystem::remove_all(directory.path("a"));
     guard.look();
     guard.look();
     EXPECT_TRUE(ends.empty());
@@ -241,12 +241,12 @@ TEST_F(Guard, APathThatIsWaitedForNeverEnds)
 
 TEST_F(Guard, ARenameAboveIsSeenAtTheSecondLook)
 {
-    folder.dir("a/b");
+    directory.dir("a/b");
     watch("a/b");
     guard.look();
     guard.look();
     EXPECT_TRUE(ends.empty());
-    std::filesystem::rename(folder.path("a"), folder.path("c"));
+    std::filesystem::rename(directory.path("a"), directory.path("c"));
     guard.look();
     EXPECT_TRUE(ends.empty());
     guard.look();
@@ -255,10 +255,10 @@ TEST_F(Guard, ARenameAboveIsSeenAtTheSecondLook)
 
 TEST_F(Guard, AFileThatIsReplacedWasDeleted)
 {
-    folder.file("f");
-    folder.file("g");
+    directory.file("f");
+    directory.file("g");
     watch("f");
-    std::filesystem::rename(folder.path("g"), folder.path("f"));
+    std::filesystem::rename(directory.path("g"), directory.path("f"));
     guard.look();
     guard.look();
     EXPECT_EQ((std::vector<std::string>{"/f deleted"}), ends);

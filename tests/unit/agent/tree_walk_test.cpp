@@ -7,7 +7,7 @@
 #include "unit/agent/agent_testing.h"
 
 using namespace agent;
-using agent_testing::Folder;
+using agent_testing::Directory;
 
 namespace
 {
@@ -64,20 +64,20 @@ protected:
     }
     Lines walked(uint32_t max_depth = 0)
     {
-        walk.start({folder.root()}, max_depth);
+        walk.start({directory.root()}, max_depth);
         while (walk.step()) {
         }
         for (std::string &path : g_module.asked)
-            path.erase(0, folder.root().size());
+            path.erase(0, directory.root().size());
         std::sort(g_module.asked.begin(), g_module.asked.end());
         return std::exchange(g_module.asked, {});
     }
     void refuse(const std::string &below, uint32_t reason = FMON_LEFT_INOTIFY_LIMIT)
     {
-        g_module.refused[folder.path(below)] = reason;
+        g_module.refused[directory.path(below)] = reason;
     }
 
-    Folder folder;
+    Directory directory;
     Module module = {};
     Placement placement{[] {}};
     TreeWalk walk{module, placement};
@@ -85,22 +85,22 @@ protected:
 
 TEST_F(WalkTest, EachDirectoryIsLookedAtOnceTopDown)
 {
-    folder.dir("a/b/c");
-    folder.dir("d");
-    folder.file("f");
-    std::filesystem::create_symlink(folder.path("a"), folder.path("d/link"));
-    walk.start({folder.root()}, 0);
+    directory.dir("a/b/c");
+    directory.dir("d");
+    directory.file("f");
+    std::filesystem::create_symlink(directory.path("a"), directory.path("d/link"));
+    walk.start({directory.root()}, 0);
     EXPECT_FALSE(walk.step());
     const Lines asked = g_module.asked;
-    EXPECT_LT(std::find(asked.begin(), asked.end(), folder.path("a/b")),
-              std::find(asked.begin(), asked.end(), folder.path("a/b/c")));
+    EXPECT_LT(std::find(asked.begin(), asked.end(), directory.path("a/b")),
+              std::find(asked.begin(), asked.end(), directory.path("a/b/c")));
     g_module.asked.clear();
     EXPECT_EQ((Lines{"", "/a", "/a/b", "/a/b/c", "/d"}), walked());
 }
 
 TEST_F(WalkTest, NewOnesAreCountedUntilTheyAreTaken)
 {
-    g_module.codes = {{folder.dir("a"), 1}, {folder.dir("a/b"), 1}, {folder.dir("c"), 0}};
+    g_module.codes = {{directory.dir("a"), 1}, {directory.dir("a/b"), 1}, {directory.dir("c"), 0}};
     walked();
     walked();
     EXPECT_EQ(4u, walk.take_new());
@@ -109,22 +109,22 @@ TEST_F(WalkTest, NewOnesAreCountedUntilTheyAreTaken)
 
 TEST_F(WalkTest, NothingBelowWhatIsNotWatchedIsLookedAt)
 {
-    folder.dir("a/b");
-    g_module.codes[folder.path("a")] = FMON_ENOENT;
+    directory.dir("a/b");
+    g_module.codes[directory.path("a")] = FMON_ENOENT;
     EXPECT_EQ((Lines{"", "/a"}), walked());
 }
 
 TEST_F(WalkTest, KeepsTheLimitOfDepth)
 {
-    folder.dir("a/b/c/d");
+    directory.dir("a/b/c/d");
     EXPECT_EQ((Lines{"", "/a", "/a/b"}), walked(2));
 }
 
 TEST_F(WalkTest, GoesOnInSlices)
 {
     for (size_t i = 0; i < TreeWalk::kSlice; i++)
-        folder.dir(std::to_string(i));
-    walk.start({folder.root()}, 0);
+        directory.dir(std::to_string(i));
+    walk.start({directory.root()}, 0);
     EXPECT_TRUE(walk.step());
     EXPECT_EQ(+TreeWalk::kSlice, g_module.asked.size());
     EXPECT_FALSE(walk.step());
@@ -134,7 +134,7 @@ TEST_F(WalkTest, GoesOnInSlices)
 TEST_F(WalkTest, AWantOfRoomThatIsNewIsCountedForEachDirectory)
 {
     for (const char *dir : {"a", "b", "c"}) {
-        folder.dir(dir);
+        directory.dir(dir);
         refuse(dir);
     }
     EXPECT_EQ((Lines{"", "/a", "/b", "/c"}), walked());
@@ -145,7 +145,7 @@ TEST_F(WalkTest, AWantOfRoomThatIsNewIsCountedForEachDirectory)
 TEST_F(WalkTest, AWantOfRoomThatIsKnownIsMetOnceAndNotTold)
 {
     for (const char *dir : {"a", "b", "c"}) {
-        folder.dir(dir);
+        directory.dir(dir);
         refuse(dir);
     }
     walked();
@@ -161,12 +161,12 @@ TEST_F(WalkTest, AWantOfRoomThatIsKnownIsMetOnceAndNotTold)
 TEST_F(WalkTest, ATrialAsksForTheLatestThatFoundNoRoom)
 {
     EXPECT_TRUE(walk.has_room());
-    folder.dir("a");
+    directory.dir("a");
     refuse("a");
     walked();
     EXPECT_EQ(1u, placement.take().left_out());
     EXPECT_FALSE(walk.has_room());
-    EXPECT_EQ(Lines{folder.path("a")}, g_module.asked);
+    EXPECT_EQ(Lines{directory.path("a")}, g_module.asked);
     EXPECT_EQ(0u, placement.take().left_out()) << "was told";
     g_module.refused.clear();
     EXPECT_TRUE(walk.has_room());
@@ -174,7 +174,7 @@ TEST_F(WalkTest, ATrialAsksForTheLatestThatFoundNoRoom)
 
 TEST_F(WalkTest, OtherRefusalsAreNoWantOfRoom)
 {
-    folder.dir("a");
+    directory.dir("a");
     refuse("a", FMON_LEFT_DENIED);
     EXPECT_EQ((Lines{"", "/a"}), walked());
     EXPECT_TRUE(placement.without_room().empty());

@@ -10,7 +10,7 @@
 
 using namespace agent;
 using namespace session_fakes;
-using agent_testing::Folder;
+using agent_testing::Directory;
 
 namespace
 {
@@ -129,7 +129,7 @@ protected:
 
     bool is_watched(const std::string &path) const { return g_module.watches.count(path) != 0; }
 
-    Folder folder;
+    Directory directory;
     Module module = {};
     EventQueue queue{10, 1000};
     Intake intake{queue};
@@ -140,60 +140,60 @@ protected:
 
 TEST_F(PathsTest, TheLastThatEndsEndsTheSession)
 {
-    watch_paths({folder.dir("a"), folder.dir("b")});
+    watch_paths({directory.dir("a"), directory.dir("b")});
     EXPECT_EQ(Lines{"established 2 0"}, report.take());
-    EXPECT_TRUE(is_watched(folder.path("a")));
-    events.add({folder.path("a")}, FMON_DELETE_SELF);
+    EXPECT_TRUE(is_watched(directory.path("a")));
+    events.add({directory.path("a")}, FMON_DELETE_SELF);
     pass(100);
-    EXPECT_EQ((Lines{folder.path("a"), "ended " + folder.path("a") + " deleted"}), report.take());
-    EXPECT_FALSE(is_watched(folder.path("a")));
+    EXPECT_EQ((Lines{directory.path("a"), "ended " + directory.path("a") + " deleted"}), report.take());
+    EXPECT_FALSE(is_watched(directory.path("a")));
     EXPECT_FALSE(session->over());
-    events.add({folder.path("b")}, FMON_MOVE_SELF);
+    events.add({directory.path("b")}, FMON_MOVE_SELF);
     pass(100);
-    EXPECT_EQ((Lines{folder.path("b"), "ended " + folder.path("b") + " moved", "report_dropped"}), report.take());
+    EXPECT_EQ((Lines{directory.path("b"), "ended " + directory.path("b") + " moved", "report_dropped"}), report.take());
     EXPECT_EQ(kGone, session->status());
 }
 
 TEST_F(PathsTest, APathThatGoesWithoutAnEventIsSeenAtTheSecondLook)
 {
-    watch_paths({folder.dir("a")});
+    watch_paths({directory.dir("a")});
     report.take();
-    std::filesystem::remove(folder.path("a"));
+    std::filesystem::remove(directory.path("a"));
     pass(1000);
     EXPECT_FALSE(session->over());
     pass(Pace::kIdleLookMs);
     EXPECT_EQ(kGone, session->status());
-    EXPECT_EQ((Lines{"ended " + folder.path("a") + " deleted", "report_dropped"}), report.take());
+    EXPECT_EQ((Lines{"ended " + directory.path("a") + " deleted", "report_dropped"}), report.take());
 }
 
 TEST_F(PathsTest, AnEndIsToldOnce)
 {
-    watch_paths({folder.dir("a"), folder.dir("b")});
-    std::filesystem::remove(folder.path("a"));
-    events.add({folder.path("a"), folder.path("a")}, FMON_DELETE_SELF);
+    watch_paths({directory.dir("a"), directory.dir("b")});
+    std::filesystem::remove(directory.path("a"));
+    events.add({directory.path("a"), directory.path("a")}, FMON_DELETE_SELF);
     pass(20'000);
     const Lines lines = report.take();
-    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "ended " + folder.path("a") + " deleted"));
+    EXPECT_EQ(1, std::count(lines.begin(), lines.end(), "ended " + directory.path("a") + " deleted"));
     EXPECT_FALSE(session->over());
 }
 
 TEST_F(PathsTest, WhatIsWaitedForComesGoesAndComesAgain)
 {
     request.wait = true;
-    watch_paths({folder.path("a")});
+    watch_paths({directory.path("a")});
     EXPECT_EQ(Lines{"established 0 1"}, report.take());
     pass(3000);
     EXPECT_EQ(Lines{}, report.take());
     for (int i = 0; i < 2; i++) {
-        folder.dir("a");
+        directory.dir("a");
         pass(1000);
-        EXPECT_EQ(Lines{"appeared " + folder.path("a")}, report.take());
-        EXPECT_TRUE(is_watched(folder.path("a")));
-        std::filesystem::remove(folder.path("a"));
-        events.add({folder.path("a")}, FMON_DELETE_SELF);
+        EXPECT_EQ(Lines{"appeared " + directory.path("a")}, report.take());
+        EXPECT_TRUE(is_watched(directory.path("a")));
+        std::filesystem::remove(directory.path("a"));
+        events.add({directory.path("a")}, FMON_DELETE_SELF);
         pass(1000);
-        EXPECT_EQ((Lines{folder.path("a"), "ended " + folder.path("a") + " deleted"}), report.take());
-        EXPECT_FALSE(is_watched(folder.path("a")));
+        EXPECT_EQ((Lines{directory.path("a"), "ended " + directory.path("a") + " deleted"}), report.take());
+        EXPECT_FALSE(is_watched(directory.path("a")));
     }
     EXPECT_FALSE(session->over());
 }
@@ -201,35 +201,35 @@ TEST_F(PathsTest, WhatIsWaitedForComesGoesAndComesAgain)
 TEST_F(PathsTest, WhatIsWaitedForIsTriedAgainEachSecondAndRefusedOnce)
 {
     request.wait = true;
-    watch_paths({folder.path("a")});
+    watch_paths({directory.path("a")});
     g_module.code = FMON_ENOMEM;
-    folder.dir("a");
+    directory.dir("a");
     pass(10'000);
     EXPECT_EQ(1u, report.warnings.size());
     g_module.code = 0;
     report.take();
     pass(1000);
-    EXPECT_EQ(Lines{"appeared " + folder.path("a")}, report.take());
+    EXPECT_EQ(Lines{"appeared " + directory.path("a")}, report.take());
 }
 
 TEST_F(PathsTest, WhatAPatternMatchesAppears)
 {
-    folder.dir("x1");
-    watch_paths({folder.path("x*")});
+    directory.dir("x1");
+    watch_paths({directory.path("x*")});
     EXPECT_EQ(Lines{"established 1 0"}, report.take());
-    EXPECT_TRUE(is_watched(folder.path("x1")));
-    folder.dir("x2");
+    EXPECT_TRUE(is_watched(directory.path("x1")));
+    directory.dir("x2");
     pass(1000);
-    EXPECT_EQ(Lines{"appeared " + folder.path("x2")}, report.take());
-    std::filesystem::remove(folder.path("x1"));
+    EXPECT_EQ(Lines{"appeared " + directory.path("x2")}, report.take());
+    std::filesystem::remove(directory.path("x1"));
     pass(3000);
-    EXPECT_EQ(Lines{"ended " + folder.path("x1") + " deleted"}, report.take());
+    EXPECT_EQ(Lines{"ended " + directory.path("x1") + " deleted"}, report.take());
     EXPECT_FALSE(session->over());
 }
 
 TEST_F(PathsTest, DirectoriesLeftOutAreNamedOnceAndCounted)
 {
-    watch_paths({folder.dir("a")});
+    watch_paths({directory.dir("a")});
     report.take();
     monitor.findings.emplace().counts.denied = 3;
     pass(1000);
@@ -241,15 +241,15 @@ TEST_F(PathsTest, DirectoriesLeftOutAreNamedOnceAndCounted)
 TEST_F(PathsTest, NewDirectoriesAreCompletedBeforeTheirEventsAreShown)
 {
     request.recursive = true;
-    watch_paths({folder.dir("a")});
+    watch_paths({directory.dir("a")});
     ASSERT_GE(paths->new_directories_fd(), 0);
-    folder.dir("a/new/below");
-    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    directory.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(directory.path("a/new").c_str(), nullptr); }).join();
     report.take();
-    events.add({folder.path("a/new")});
+    events.add({directory.path("a/new")});
     step();
-    EXPECT_EQ((Lines{folder.path("a/new"), "found " + folder.path("a/new/below")}), report.take());
-    EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);  // its watch was for the walk only
+    EXPECT_EQ((Lines{directory.path("a/new"), "found " + directory.path("a/new/below")}), report.take());
+    EXPECT_EQ(Lines{directory.path("a/new")}, g_module.taken_back);  // its watch was for the walk only
 }
 
 /* ---- which source serves ---- */
@@ -257,9 +257,9 @@ TEST_F(PathsTest, NewDirectoriesAreCompletedBeforeTheirEventsAreShown)
 TEST_F(PathsTest, ATreeThatAMarkOfItsFileSystemServesHasNoDirectories)
 {
     request.recursive = true;
-    g_module.served = {folder.dir("a")};
+    g_module.served = {directory.dir("a")};
     g_module.inotify_watches = 1;  // for its own end
-    watch_paths({folder.path("a")});
+    watch_paths({directory.path("a")});
     EXPECT_EQ("filesystem", report.start.source);
     EXPECT_EQ(0u, report.start.directories);
     EXPECT_TRUE(plan.roots[0].served);
@@ -269,14 +269,14 @@ TEST_F(PathsTest, ATreeThatAMarkOfItsFileSystemServesHasNoDirectories)
 TEST_F(PathsTest, WhatHasMarksBesideWhatAMarkOfItsFileSystemServes)
 {
     request.recursive = true;
-    g_module.served = {folder.dir("a")};
+    g_module.served = {directory.dir("a")};
     g_module.inotify_watches = 8;
-    watch_paths({folder.path("a"), folder.dir("b"), folder.file("f")});
+    watch_paths({directory.path("a"), directory.dir("b"), directory.file("f")});
     EXPECT_EQ("both", report.start.source);
     EXPECT_EQ(6u, report.start.directories);
     if (geteuid() == 0) {
         ASSERT_EQ(1u, report.warnings.size());
-        EXPECT_EQ(0u, report.warnings[0].find(folder.path("b") + " has marks on each directory: "));
+        EXPECT_EQ(0u, report.warnings[0].find(directory.path("b") + " has marks on each directory: "));
         EXPECT_NE(std::string::npos, report.warnings[0].find("no file handles that could be opened"));
     }
 }
@@ -286,7 +286,7 @@ TEST_F(PathsTest, MarksThatWereAskedForAreNotExplained)
     request.recursive = true;
     request.source = Source::kMarks;
     request.max_depth = 2;
-    watch_paths({folder.dir("a")});
+    watch_paths({directory.dir("a")});
     EXPECT_EQ("marks", report.start.source);
     EXPECT_TRUE(report.warnings.empty());
 }
@@ -294,64 +294,64 @@ TEST_F(PathsTest, MarksThatWereAskedForAreNotExplained)
 TEST_F(PathsTest, SourceFilesystemRefusesWhatHasMarks)
 {
     request.source = Source::kFilesystem;
-    g_module.served = {folder.dir("a")};
-    EXPECT_TRUE(is_refused({folder.path("a"), folder.dir("b")}));
-    EXPECT_EQ(Lines{folder.path("b")}, g_module.taken_back);
-    EXPECT_TRUE(is_refused({folder.file("f")}));
+    g_module.served = {directory.dir("a")};
+    EXPECT_TRUE(is_refused({directory.path("a"), directory.dir("b")}));
+    EXPECT_EQ(Lines{directory.path("b")}, g_module.taken_back);
+    EXPECT_TRUE(is_refused({directory.file("f")}));
 }
 
 TEST_F(PathsTest, SourceFilesystemRefusesWhatAppearsAndHasMarks)
 {
     request.source = Source::kFilesystem;
     request.wait = true;
-    watch_paths({folder.path("a")});
-    folder.dir("a");
+    watch_paths({directory.path("a")});
+    directory.dir("a");
     pass(3000);
     ASSERT_EQ(1u, report.warnings.size());
     EXPECT_NE(std::string::npos, report.warnings[0].find("is there, but cannot be watched with --source filesystem"));
-    g_module.served = {folder.path("a")};
+    g_module.served = {directory.path("a")};
     pass(1000);
-    EXPECT_TRUE(is_watched(folder.path("a")));
+    EXPECT_TRUE(is_watched(directory.path("a")));
     EXPECT_TRUE(plan.roots[0].served);
 }
 
 TEST_F(PathsTest, PidIsOneWatchWhereAMarkOfTheFileSystemServesElseTwo)
 {
     request.pid = true;
-    g_module.served = {folder.dir("a")};
-    watch_paths({folder.path("a")});
+    g_module.served = {directory.dir("a")};
+    watch_paths({directory.path("a")});
     EXPECT_EQ((std::vector<uint32_t>{FMON_DIR | FMON_PID}), g_module.flags);
     g_module.flags.clear();
-    watch_paths({folder.dir("b")});
+    watch_paths({directory.dir("b")});
     EXPECT_EQ((std::vector<uint32_t>{FMON_DIR | FMON_PID, FMON_DIR | FMON_PID, FMON_DIR}), g_module.flags);
-    EXPECT_TRUE(is_watched(folder.path("b")));
+    EXPECT_TRUE(is_watched(directory.path("b")));
 }
 
 TEST_F(PathsTest, PidWithKindsThatNobodyCanName)
 {
     request.pid = true;
     request.events = FMON_CREATE;
-    EXPECT_TRUE(is_refused({folder.dir("b")}));
+    EXPECT_TRUE(is_refused({directory.dir("b")}));
 }
 
 // Another file system inside a tree is walked only where directories have marks of their own.
 TEST_F(PathsTest, AWalkOfANewDirectoryAsksForMarks)
 {
     request.recursive = true;
-    watch_paths({folder.dir("a")});
-    folder.dir("a/new/below");
-    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    watch_paths({directory.dir("a")});
+    directory.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(directory.path("a/new").c_str(), nullptr); }).join();
     paths->complete_trees();
-    EXPECT_EQ(Lines{folder.path("a/new")}, g_module.taken_back);
+    EXPECT_EQ(Lines{directory.path("a/new")}, g_module.taken_back);
     EXPECT_EQ(65534u, g_module.depth);
 }
 
 TEST_F(PathsTest, ADirectoryThatIsNamedBeforeItIsCountedIsToldOnce)
 {
     request.recursive = true;
-    watch_paths({folder.dir("a")});
+    watch_paths({directory.dir("a")});
     report.take();
-    const std::string closed = folder.path("a/closed");
+    const std::string closed = directory.path("a/closed");
     struct fmon_refusal refusal = {-108, EACCES, FMON_LEFT_DENIED, FMON_STEP_INOTIFY, ""};
     snprintf(refusal.path, sizeof refusal.path, "%s", closed.c_str());
     g_module.on_mark(closed.c_str(), &refusal);
@@ -365,21 +365,21 @@ TEST_F(PathsTest, ADirectoryThatIsNamedBeforeItIsCountedIsToldOnce)
 TEST_F(PathsTest, AfterALossEachDirectoryIsLookedAtAgain)
 {
     request.recursive = true;
-    folder.dir("a/new");
-    watch_paths({folder.path("a"), folder.dir("b")});
+    directory.dir("a/new");
+    watch_paths({directory.path("a"), directory.dir("b")});
     report.take();
-    g_module.newly = {folder.path("a/new")};
+    g_module.newly = {directory.path("a/new")};
     monitor.status.lost.inotify = 1;
     pass(1100);
     EXPECT_EQ((Lines{"loss inotify 1", "resynced 2 1"}), report.take());
     std::sort(g_module.looked_at.begin(), g_module.looked_at.end());
-    EXPECT_EQ((Lines{folder.path("a"), folder.path("a/new"), folder.path("b")}), g_module.looked_at);
+    EXPECT_EQ((Lines{directory.path("a"), directory.path("a/new"), directory.path("b")}), g_module.looked_at);
 }
 
 TEST_F(PathsTest, WhatIsNotMarkedOneByOneIsWholeAfterALossWithoutAWalk)
 {
-    folder.dir("a/below");
-    watch_paths({folder.path("a")});
+    directory.dir("a/below");
+    watch_paths({directory.path("a")});
     report.take();
     monitor.status.lost.inotify = 1;
     pass(1100);
@@ -392,11 +392,11 @@ TEST_F(PathsTest, WhatIsFoundIsToldWhereCreationsAreShown)
     request.recursive = true;
     for (const uint32_t kinds : {uint32_t{FMON_DELETE}, uint32_t{FMON_CREATE}}) {
         request.events = kinds;
-        const std::string root = folder.dir("k" + std::to_string(kinds)), fresh = root + "/new";
+        const std::string root = directory.dir("k" + std::to_string(kinds)), fresh = root + "/new";
         watch_paths({root});
         std::filesystem::create_directories(fresh);
         std::thread([&] { g_module.on_mark(fresh.c_str(), nullptr); }).join();
-        folder.file("k" + std::to_string(kinds) + "/new/f");
+        directory.file("k" + std::to_string(kinds) + "/new/f");
         report.take();
         events.add({fresh});
         step();
@@ -410,13 +410,13 @@ TEST_F(PathsTest, WhatIsFoundIsToldWhereCreationsAreShown)
 TEST_F(PathsTest, WhatIsFoundIsNotToldWhereThatIsNotWanted)
 {
     request.recursive = request.no_found = true;
-    watch_paths({folder.dir("a")});
-    folder.dir("a/new/below");
-    std::thread([&] { g_module.on_mark(folder.path("a/new").c_str(), nullptr); }).join();
+    watch_paths({directory.dir("a")});
+    directory.dir("a/new/below");
+    std::thread([&] { g_module.on_mark(directory.path("a/new").c_str(), nullptr); }).join();
     report.take();
-    events.add({folder.path("a/new")});
+    events.add({directory.path("a/new")});
     step();
-    events.add({folder.path("a/new/below")});
+    events.add({directory.path("a/new/below")});
     step();
-    EXPECT_EQ((Lines{folder.path("a/new"), folder.path("a/new/below")}), report.take());
+    EXPECT_EQ((Lines{directory.path("a/new"), directory.path("a/new/below")}), report.take());
 }
