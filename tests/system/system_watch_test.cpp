@@ -183,12 +183,12 @@ protected:
     }
     void happens(const std::string &event, const std::string &name, uint32_t pid)
     {
-        probes.put(event, pid, file_probe_record(mount.id, {"/", "some", "folder"}, name));
+        probes.put(event, pid, file_probe_record(mount.id, {"/", "some", "directory"}, name));
     }
     /* As the monitor shows it. */
     std::string path(const std::string &name) const
     {
-        return (mount.point == "/" ? "" : mount.point) + "/some/folder/" + name;
+        return (mount.point == "/" ? "" : mount.point) + "/some/directory/" + name;
     }
 
     ProbeDouble probes;
@@ -256,7 +256,7 @@ TEST_F(System, AnUnknownMountIsShownFromTheRoot)
     mount = {};
     SystemWatch watch(launch("create"));
     happens("Kc", "made", 101);
-    EXPECT_EQ("/some/folder/made:create 101", watch.event());
+    EXPECT_EQ("/some/directory/made:create 101", watch.event());
     EXPECT_EQ(0, watch.process.interrupt());
 }
 

@@ -24,12 +24,12 @@ std::string told(const std::string &path, uint32_t mask, uint32_t pid = 7)
 
 TEST(CliDeletedPath, TheSuffixIsTheKernels)
 {
-    const agent_testing::Folder folder;
-    const std::string path = folder.path("f");
+    const agent_testing::Directory directory;
+    const std::string path = directory.path("f");
     for (const uint32_t mask : {FMON_OPEN, FMON_ACCESS, FMON_MODIFY, FMON_CLOSE_WRITE, FMON_CLOSE_NOWRITE})
         EXPECT_EQ(told(path + " (deleted)", static_cast<uint32_t>(mask)), path + " +deleted");
     EXPECT_EQ(told(path + " (deleted) (deleted)", FMON_MODIFY), path + " (deleted) +deleted");
-    folder.file("f");
+    directory.file("f");
     EXPECT_EQ(told(path + " (deleted)", FMON_MODIFY), path + " +deleted") << "another file of that name";
     EXPECT_EQ(told(path, FMON_MODIFY), path);
     EXPECT_EQ(told(path + "(deleted)", FMON_MODIFY), path + "(deleted)");
@@ -37,11 +37,11 @@ TEST(CliDeletedPath, TheSuffixIsTheKernels)
 
 TEST(CliDeletedPath, ANameMayEndSo)
 {
-    const agent_testing::Folder folder;
-    const std::string path = folder.file("f (deleted)");
+    const agent_testing::Directory directory;
+    const std::string path = directory.file("f (deleted)");
     EXPECT_EQ(told(path, FMON_MODIFY | FMON_CLOSE_WRITE), path);
     std::filesystem::remove(path);
-    EXPECT_EQ(told(path, FMON_MODIFY, 0), path) << "from its folder";
+    EXPECT_EQ(told(path, FMON_MODIFY, 0), path) << "from its directory";
     for (const uint32_t mask : {FMON_CREATE, FMON_DELETE, FMON_MOVED_FROM, FMON_MOVED_TO, FMON_ATTRIB})
         EXPECT_EQ(told(path, static_cast<uint32_t>(mask)), path) << "named by probes";
     EXPECT_EQ(told(path, FMON_CREATE | FMON_MODIFY), path);

@@ -212,7 +212,7 @@ TEST(CliDiagnose, Numbers)
 
 TEST(CliMarks, CountsOfAMadeUpProc)
 {
-    const agent_testing::Folder proc;
+    const agent_testing::Directory proc;
     proc.dir("12/fd");
     proc.dir("12/fdinfo");
     std::string info = "pos:\t0\nflags:\t00\n";

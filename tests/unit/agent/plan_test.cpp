@@ -13,7 +13,7 @@
 #include "unit/cli/parse.h"
 
 using namespace agent;
-using agent_testing::Folder;
+using agent_testing::Directory;
 using cli_testing::parse;
 
 namespace
@@ -112,8 +112,8 @@ TEST(CliMasks, DelayShowsOnlyWhatWasAskedFor)
 
 TEST(CliPlan, ADirectoryAndAFile)
 {
-    const Folder folder;
-    const std::string dir = folder.dir("d"), file = folder.file("f");
+    const Directory directory;
+    const std::string dir = directory.dir("d"), file = directory.file("f");
     const Plan plan = plan_of({"-r", dir, file});
     ASSERT_EQ(2u, plan.watches.size());
     EXPECT_EQ(uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC}, plan.watches[0].flags);
@@ -125,14 +125,14 @@ TEST(CliPlan, ADirectoryAndAFile)
 
 TEST(CliPlan, SyncWithoutRecursion)
 {
-    const Folder folder;
-    EXPECT_EQ(uint32_t{FMON_DIR | FMON_SYNC}, plan_of({"--sync", folder.root()}).watches[0].flags);
+    const Directory directory;
+    EXPECT_EQ(uint32_t{FMON_DIR | FMON_SYNC}, plan_of({"--sync", directory.root()}).watches[0].flags);
 }
 
 TEST(CliPlan, PidMakesTwoWatches)
 {
-    const Folder folder;
-    const Plan plan = plan_of({"--pid", "--source=marks", folder.root()});
+    const Directory directory;
+    const Plan plan = plan_of({"--pid", "--source=marks", directory.root()});
     ASSERT_EQ(2u, plan.watches.size());
     EXPECT_EQ(2u, plan.instances.size());
     EXPECT_EQ("watch-pid", plan.instances[plan.watches[0].instance].name);
@@ -146,8 +146,8 @@ TEST(CliPlan, PidMakesTwoWatches)
 // two.
 TEST(CliPlan, PidAsksForOneWatchOfAllKindsFirst)
 {
-    const Folder folder;
-    const auto parsed = parse({"--pid", "--delay", folder.root()});
+    const Directory directory;
+    const auto parsed = parse({"--pid", "--delay", directory.root()});
     const Plan plan = make_plan(parsed.options, false);
     ASSERT_EQ(1u, plan.watches.size());
     const PlannedWatch &watch = plan.watches[0];
@@ -169,8 +169,8 @@ TEST(CliPlan, PidAsksForOneWatchOfAllKindsFirst)
 // Nothing stands for a watch that marks on directories could serve in no part.
 TEST(CliPlan, PidWithKindsThatOnlyMarksOfFileSystemsName)
 {
-    const Folder folder;
-    const auto parsed = parse({"--pid", "-e", "create", folder.root(), folder.file("f")});
+    const Directory directory;
+    const auto parsed = parse({"--pid", "-e", "create", directory.root(), directory.file("f")});
     const Plan plan = make_plan(parsed.options, false);
     ASSERT_EQ(2u, plan.watches.size());
     EXPECT_EQ(1u, plan.instances.size());
@@ -183,17 +183,17 @@ TEST(CliPlan, PidWithKindsThatOnlyMarksOfFileSystemsName)
 
 TEST(CliPlan, PidOfAFileAndWithALimitOfDepthIsAskedForInTwo)
 {
-    const Folder folder;
-    EXPECT_EQ(2u, plan_of({"--pid", folder.file("f")}).watches.size());
-    EXPECT_EQ(2u, plan_of({"--pid", "-r", "--max-depth=2", folder.root()}).watches.size());
+    const Directory directory;
+    EXPECT_EQ(2u, plan_of({"--pid", directory.file("f")}).watches.size());
+    EXPECT_EQ(2u, plan_of({"--pid", "-r", "--max-depth=2", directory.root()}).watches.size());
     const auto mount = parse({"--pid", "--mount", "/"});
     EXPECT_TRUE(watches_apart(mount.options, {0, 0, "/", 8, FMON_MOUNT | FMON_PID}).empty());
 }
 
 TEST(CliPlan, AMissingPathAndAPatternHaveNoWatchYet)
 {
-    const Folder folder;
-    const Plan missing = plan_of({"--wait", folder.path("x")}), pattern = plan_of({folder.path("*/log")});
+    const Directory directory;
+    const Plan missing = plan_of({"--wait", directory.path("x")}), pattern = plan_of({directory.path("*/log")});
     for (const Plan &plan : {missing, pattern}) {
         EXPECT_TRUE(plan.watches.empty());
         ASSERT_EQ(1u, plan.instances.size());
@@ -204,49 +204,49 @@ TEST(CliPlan, AMissingPathAndAPatternHaveNoWatchYet)
 
 TEST(CliPlan, WatchesAreByWhatIsThere)
 {
-    const Folder folder;
+    const Directory directory;
     Root root;
-    root.path = folder.file("f");
+    root.path = directory.file("f");
     root.identity = identify(root.path);
     const cli::WatchOptions options = parse({"-r", "/"}).options;
     ASSERT_EQ(1u, watches_of(options, root, 7).size());
     EXPECT_EQ(uint32_t{FMON_FILE}, watches_of(options, root, 7)[0].flags);
     EXPECT_EQ(7u, watches_of(options, root, 7)[0].root);
-    root.identity = identify(folder.root());
+    root.identity = identify(directory.root());
     EXPECT_EQ(uint32_t{FMON_DIR | FMON_RECURSIVE | FMON_SYNC}, watches_of(options, root, 7)[0].flags);
     root.identity = identify("/dev/null");
     EXPECT_TRUE(watches_of(options, root, 7).empty());
-    root.identity = identify(folder.path("gone"));
+    root.identity = identify(directory.path("gone"));
     EXPECT_TRUE(watches_of(options, root, 7).empty());
 }
 
 TEST(CliPlan, NamesFitIntoAnInstance)
 {
-    const Folder folder;
-    for (const PlannedInstance &instance : plan_of({"--pid", "-r", "--wait", folder.path("x")}).instances)
+    const Directory directory;
+    for (const PlannedInstance &instance : plan_of({"--pid", "-r", "--wait", directory.path("x")}).instances)
         EXPECT_LE(instance.name.size(), 15u);
 }
 
 TEST(CliPlan, TheSamePathCountsOnce)
 {
-    const Folder folder;
-    const std::string dir = folder.dir("d");
-    std::filesystem::create_directory_symlink(dir, folder.path("l"));
-    EXPECT_EQ(plan_of({dir, dir + "/", folder.root() + "//d/.", folder.path("l")}).watches.size(), 1u);
+    const Directory directory;
+    const std::string dir = directory.dir("d");
+    std::filesystem::create_directory_symlink(dir, directory.path("l"));
+    EXPECT_EQ(plan_of({dir, dir + "/", directory.root() + "//d/.", directory.path("l")}).watches.size(), 1u);
 }
 
 TEST(CliPlan, PathsAreMadeAbsoluteAndClean)
 {
-    const Folder folder;
-    folder.dir("d/e");
-    std::filesystem::create_directory_symlink(folder.path("d"), folder.path("l"));
-    EXPECT_EQ(absolute_path(folder.root() + "//l/./e/"), folder.path("d/e"));
-    EXPECT_EQ(absolute_path(folder.path("l/e/../e")), folder.path("d/e"));
-    EXPECT_EQ(absolute_path(folder.path("l/missing/deep/")), folder.path("d/missing/deep"));
-    EXPECT_EQ(absolute_path(folder.path("l/*/x/")), folder.path("d/*/x"));
+    const Directory directory;
+    directory.dir("d/e");
+    std::filesystem::create_directory_symlink(directory.path("d"), directory.path("l"));
+    EXPECT_EQ(absolute_path(directory.root() + "//l/./e/"), directory.path("d/e"));
+    EXPECT_EQ(absolute_path(directory.path("l/e/../e")), directory.path("d/e"));
+    EXPECT_EQ(absolute_path(directory.path("l/missing/deep/")), directory.path("d/missing/deep"));
+    EXPECT_EQ(absolute_path(directory.path("l/*/x/")), directory.path("d/*/x"));
     EXPECT_EQ("/", absolute_path("/"));
     EXPECT_EQ(absolute_path("//"), "/");
-    EXPECT_EQ("/no-such-folder-here/x", absolute_path("/no-such-folder-here/x"));
+    EXPECT_EQ("/no-such-directory-here/x", absolute_path("/no-such-directory-here/x"));
     EXPECT_EQ(absolute_path("/*"), "/*");
     char cwd[4096];
     ASSERT_TRUE(getcwd(cwd, sizeof cwd));
@@ -256,32 +256,32 @@ TEST(CliPlan, PathsAreMadeAbsoluteAndClean)
 /* A monitor in a container takes them as they are: a link such as /proc/PID/root leads into another file system. */
 TEST(CliPlan, InAContainerLinksAreNotFollowed)
 {
-    const Folder folder;
-    folder.dir("d/e");
-    std::filesystem::create_directory_symlink(folder.path("d"), folder.path("l"));
-    const auto parsed = parse({folder.root() + "//l/./e/"});
+    const Directory directory;
+    directory.dir("d/e");
+    std::filesystem::create_directory_symlink(directory.path("d"), directory.path("l"));
+    const auto parsed = parse({directory.root() + "//l/./e/"});
     const Plan plan = make_plan(parsed.options, true);
     ASSERT_EQ(1u, plan.watches.size());
-    EXPECT_EQ(plan.watches[0].path, folder.path("l/e"));
-    EXPECT_EQ(make_plan(parsed.options, false).watches[0].path, folder.path("d/e"));
+    EXPECT_EQ(plan.watches[0].path, directory.path("l/e"));
+    EXPECT_EQ(make_plan(parsed.options, false).watches[0].path, directory.path("d/e"));
 }
 
 TEST(CliPlan, WhatCannotBeWatchedIsToldWithARemedy)
 {
-    const Folder folder;
-    const std::string file = folder.file("f");
-    ASSERT_EQ(0, mkfifo(folder.path("p").c_str(), 0600));
-    std::filesystem::create_symlink("nowhere", folder.path("dangling"));
-    EXPECT_NE(refusal_of({folder.path("missing")}).find("does not exist"), std::string::npos);
-    EXPECT_NE(refusal_of({folder.path("f/x")}).find("does not exist"), std::string::npos);
-    EXPECT_NE(refusal_of({folder.path("p")}).find("is a pipe"), std::string::npos);
+    const Directory directory;
+    const std::string file = directory.file("f");
+    ASSERT_EQ(0, mkfifo(directory.path("p").c_str(), 0600));
+    std::filesystem::create_symlink("nowhere", directory.path("dangling"));
+    EXPECT_NE(refusal_of({directory.path("missing")}).find("does not exist"), std::string::npos);
+    EXPECT_NE(refusal_of({directory.path("f/x")}).find("does not exist"), std::string::npos);
+    EXPECT_NE(refusal_of({directory.path("p")}).find("is a pipe"), std::string::npos);
     EXPECT_NE(refusal_of({"/dev/null"}).find("is a device"), std::string::npos);
-    EXPECT_NE(refusal_of({folder.path("dangling")}).find("leads nowhere"), std::string::npos);
+    EXPECT_NE(refusal_of({directory.path("dangling")}).find("leads nowhere"), std::string::npos);
     EXPECT_NE(refusal_of({file + "/"}).find("not a directory"), std::string::npos);
     EXPECT_NE(refusal_of({"--mount", file}).find("not a directory"), std::string::npos);
-    EXPECT_NE(refusal_of({folder.path("*/b/*")}).find("one \"*\" only"), std::string::npos);
-    EXPECT_NE(refusal_of({"--wait", folder.path("*")}).find("leave out --wait"), std::string::npos);
-    EXPECT_NE(refusal_of({"--mount", folder.path("*")}).find("no pattern"), std::string::npos);
+    EXPECT_NE(refusal_of({directory.path("*/b/*")}).find("one \"*\" only"), std::string::npos);
+    EXPECT_NE(refusal_of({"--wait", directory.path("*")}).find("leave out --wait"), std::string::npos);
+    EXPECT_NE(refusal_of({"--mount", directory.path("*")}).find("no pattern"), std::string::npos);
     EXPECT_NE(refusal_of({""}).find("empty"), std::string::npos);
 }
 
@@ -294,36 +294,36 @@ TEST(CliPlan, TheLongestPath)
 
 TEST(CliPlan, OneRefusalLeavesTheOthers)
 {
-    const Folder folder;
-    const Plan plan = plan_of({folder.path("missing"), folder.root()});
+    const Directory directory;
+    const Plan plan = plan_of({directory.path("missing"), directory.root()});
     EXPECT_EQ(1u, plan.refusals.size());
     EXPECT_EQ(1u, plan.watches.size());
 }
 
 TEST(CliPlan, TooManyDirectories)
 {
-    const Folder folder;
-    folder.dir("a/b");
-    folder.dir("c");
-    EXPECT_EQ(3u, count_directories(folder.root(), 0, 100));
-    EXPECT_EQ(2u, count_directories(folder.root(), 1, 100));
-    EXPECT_EQ(2u, count_directories(folder.root(), 0, 2));
-    EXPECT_TRUE(plan_of({"-r", "--max-subdirs", "3", folder.root()}).refusals.empty());
-    EXPECT_NE(refusal_of({"-r", "--max-subdirs", "2", folder.root()}).find("more than 2 directories"),
+    const Directory directory;
+    directory.dir("a/b");
+    directory.dir("c");
+    EXPECT_EQ(3u, count_directories(directory.root(), 0, 100));
+    EXPECT_EQ(2u, count_directories(directory.root(), 1, 100));
+    EXPECT_EQ(2u, count_directories(directory.root(), 0, 2));
+    EXPECT_TRUE(plan_of({"-r", "--max-subdirs", "3", directory.root()}).refusals.empty());
+    EXPECT_NE(refusal_of({"-r", "--max-subdirs", "2", directory.root()}).find("more than 2 directories"),
               std::string::npos);
-    EXPECT_TRUE(plan_of({"-r", "--max-depth", "1", "--max-subdirs", "2", folder.root()}).refusals.empty());
+    EXPECT_TRUE(plan_of({"-r", "--max-depth", "1", "--max-subdirs", "2", directory.root()}).refusals.empty());
 }
 
 TEST(CliPlan, LinksAreNotCountedAsDirectories)
 {
-    const Folder folder;
-    folder.dir("a");
-    std::filesystem::create_directory_symlink(folder.root(), folder.path("a/loop"));
-    EXPECT_EQ(1u, count_directories(folder.root(), 0, 100));
-    EXPECT_FALSE(has_subdirectory(folder.path("a")));
-    EXPECT_TRUE(has_subdirectory(folder.root()));
-    EXPECT_FALSE(has_subdirectory(folder.path("missing")));
-    EXPECT_FALSE(has_subdirectory(folder.file("f")));
+    const Directory directory;
+    directory.dir("a");
+    std::filesystem::create_directory_symlink(directory.root(), directory.path("a/loop"));
+    EXPECT_EQ(1u, count_directories(directory.root(), 0, 100));
+    EXPECT_FALSE(has_subdirectory(directory.path("a")));
+    EXPECT_TRUE(has_subdirectory(directory.root()));
+    EXPECT_FALSE(has_subdirectory(directory.path("missing")));
+    EXPECT_FALSE(has_subdirectory(directory.file("f")));
 }
 
 TEST(CliMounts, LinesOfTheTable)

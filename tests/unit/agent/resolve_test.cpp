@@ -10,7 +10,7 @@
 #include "unit/agent/agent_testing.h"
 
 using namespace agent;
-using agent_testing::Folder;
+using agent_testing::Directory;
 
 namespace
 {
@@ -21,16 +21,16 @@ void make_link(const std::string &target, const std::string &path) { std::filesy
 
 TEST(CliResolve, OwnLinksAreFollowed)
 {
-    const Folder folder;
-    folder.dir("a/b");
-    make_link(folder.path("a"), folder.path("absolute"));
-    make_link("absolute/b/../b", folder.path("relative"));
+    const Directory directory;
+    directory.dir("a/b");
+    make_link(directory.path("a"), directory.path("absolute"));
+    make_link("absolute/b/../b", directory.path("relative"));
     for (const char *path : {"a/b", "absolute/b", "relative", "a/./b", "a/b/../b"}) {
-        const Resolved found = resolve_carefully(folder.path(path));
-        EXPECT_EQ(found.path, folder.path("a/b")) << path;
+        const Resolved found = resolve_carefully(directory.path(path));
+        EXPECT_EQ(found.path, directory.path("a/b")) << path;
         EXPECT_EQ(0, found.identity.error) << path;
-        EXPECT_EQ(found.identity.ino, identify(folder.path("a/b")).ino) << path;
-        EXPECT_EQ(found.identity.mount_id, identify(folder.path("a/b")).mount_id) << path;
+        EXPECT_EQ(found.identity.ino, identify(directory.path("a/b")).ino) << path;
+        EXPECT_EQ(found.identity.mount_id, identify(directory.path("a/b")).mount_id) << path;
     }
     EXPECT_EQ("/", resolve_carefully("/").path);
     EXPECT_EQ("/", resolve_carefully("/..").path);
@@ -38,45 +38,46 @@ TEST(CliResolve, OwnLinksAreFollowed)
 
 TEST(CliResolve, WhatIsNotThere)
 {
-    const Folder folder;
-    folder.file("f");
-    make_link("loop", folder.path("loop"));
-    make_link("nowhere", folder.path("dangling"));
-    EXPECT_EQ(ENOENT, resolve_carefully(folder.path("x/y")).identity.error);
-    EXPECT_EQ(ENOTDIR, resolve_carefully(folder.path("f/y")).identity.error);
-    EXPECT_EQ(ELOOP, resolve_carefully(folder.path("loop")).identity.error);
-    EXPECT_EQ(ENOENT, resolve_carefully(folder.path("dangling")).identity.error);
-    EXPECT_TRUE(resolve_carefully(folder.path("loop")).foreign_link.empty());
+    const Directory directory;
+    directory.file("f");
+    make_link("loop", directory.path("loop"));
+    make_link("nowhere", directory.path("dangling"));
+    EXPECT_EQ(ENOENT, resolve_carefully(directory.path("x/y")).identity.error);
+    EXPECT_EQ(ENOTDIR, resolve_carefully(directory.path("f/y")).identity.error);
+    EXPECT_EQ(ELOOP, resolve_carefully(directory.path("loop")).identity.error);
+    EXPECT_EQ(ENOENT, resolve_carefully(directory.path("dangling")).identity.error);
+    EXPECT_TRUE(resolve_carefully(directory.path("loop")).foreign_link.empty());
 }
 
 TEST(CliResolve, LinksOfAnotherUserAreNotFollowed)
 {
     if (geteuid() != 0)
         GTEST_SKIP() << "needs root, for a link of another user";
-    const Folder folder;
-    folder.dir("a/b");
-    make_link("a", folder.path("link"));
-    ASSERT_EQ(0, lchown(folder.path("link").c_str(), 65534, 65534));
-    const Resolved found = resolve_carefully(folder.path("link/b"));
+    const Directory directory;
+    directory.dir("a/b");
+    make_link("a", directory.path("link"));
+    ASSERT_EQ(0, lchown(directory.path("link").c_str(), 65534, 65534));
+    const Resolved found = resolve_carefully(directory.path("link/b"));
     EXPECT_EQ(ELOOP, found.identity.error);
-    EXPECT_EQ(found.foreign_link, folder.path("link"));
+    EXPECT_EQ(found.foreign_link, directory.path("link"));
     EXPECT_EQ(65534u, found.owner);
 }
 
 TEST(CliResolve, MatchesOfAPattern)
 {
-    const Folder folder;
-    folder.dir("b/log");
-    folder.dir("a/log");
-    folder.dir("c");
-    EXPECT_EQ(matches_of(folder.path("*/log")), (std::vector<std::string>{folder.path("a/log"), folder.path("b/log")}));
-    EXPECT_TRUE(matches_of(folder.path("*/none")).empty());
+    const Directory directory;
+    directory.dir("b/log");
+    directory.dir("a/log");
+    directory.dir("c");
+    EXPECT_EQ(matches_of(directory.path("*/log")),
+              (std::vector<std::string>{directory.path("a/log"), directory.path("b/log")}));
+    EXPECT_TRUE(matches_of(directory.path("*/none")).empty());
 }
 
 TEST(CliUnreadable, IsNamedOnceUntilItMayBeRead)
 {
-    const Folder folder;
-    const std::string a = folder.dir("a"), gone = folder.path("gone"), file = folder.file("f");
+    const Directory directory;
+    const std::string a = directory.dir("a"), gone = directory.path("gone"), file = directory.file("f");
     Unreadable unreadable;
     for (const std::string &path : {a, gone, a})
         unreadable.refused(path);

@@ -205,21 +205,21 @@ TEST(CliSystemCauses, WhatWorksWithout)
 
 TEST(CliSystemCauses, FactsOfThisMachine)
 {
-    const agent_testing::Folder folder;
-    const std::string lib = folder.dir("lib");
-    folder.dir("bin");
-    setenv("FMON_HOME", folder.root().c_str(), 1);
+    const agent_testing::Directory directory;
+    const std::string lib = directory.dir("lib");
+    directory.dir("bin");
+    setenv("FMON_HOME", directory.root().c_str(), 1);
     const ProbeFacts none = gather_probe_facts(true);
     EXPECT_TRUE(none.container);
     EXPECT_EQ(none.library_path, lib + "/liborx_kp_thread.2.so");
-    EXPECT_EQ(none.config, folder.path("config/fmon.ini"));
+    EXPECT_EQ(none.config, directory.path("config/fmon.ini"));
     EXPECT_FALSE(none.library_there);
     struct utsname name;
     ASSERT_EQ(0, uname(&name));
     EXPECT_EQ(none.release, name.release);
     EXPECT_EQ(none.machine, name.machine);
 
-    folder.file("lib/liborx_kp_thread.2.so", "no library");
+    directory.file("lib/liborx_kp_thread.2.so", "no library");
     const ProbeFacts bad = gather_probe_facts(false);
     unsetenv("FMON_HOME");
     EXPECT_TRUE(bad.library_there);

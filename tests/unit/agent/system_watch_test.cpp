@@ -88,8 +88,8 @@ TEST_F(CliSystemWatch, MarksOfFileSystemsServeWhereThereAreNoProbes)
 TEST_F(CliSystemWatch, ProbesServeWhereTheyWork)
 {
     g_module.status.fs.source.state = g_module.status.file_probes.state = FMON_SOURCE_ON;
-    const agent_testing::Folder folder;  // with no library that could lack a function
-    setenv("FMON_HOME", folder.dir("home").c_str(), 1);
+    const agent_testing::Directory directory;  // with no library that could lack a function
+    setenv("FMON_HOME", directory.dir("home").c_str(), 1);
     EXPECT_TRUE(is_placed(Source::kAuto));
     unsetenv("FMON_HOME");
     EXPECT_FALSE(watch->by_file_systems());

@@ -44,7 +44,7 @@ std::string long_names(const std::vector<cli::Option> &options)
 class Completion : public testing::Test
 {
 protected:
-    agent_testing::Folder folder;
+    agent_testing::Directory directory;
 };
 
 /* bash with the completion. */
@@ -53,15 +53,15 @@ class BashCompletion : public Completion
 protected:
     BashCompletion()
     {
-        folder.file("bash.script", script("bash") +
-                                       "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon\n"
-                                       "echo \"${COMPREPLY[*]}\"\n");
+        directory.file("bash.script", script("bash") +
+                                          "COMP_WORDS=(\"$@\"); COMP_CWORD=$(($# - 1)); _fmon\n"
+                                          "echo \"${COMPREPLY[*]}\"\n");
     }
 
     /* What the words, the last of them unfinished, are completed to. */
     std::string replies(const std::string &words) const
     {
-        return output_of("bash " + folder.path("bash.script") + " " + words);
+        return output_of("bash " + directory.path("bash.script") + " " + words);
     }
 };
 
@@ -71,13 +71,14 @@ class FishCompletion : public Completion
 protected:
     FishCompletion()
     {
-        folder.file("fish.script", script("fish") + "complete -C \"$argv\" | string replace -r '\\t.*' ''; or true\n");
+        directory.file("fish.script",
+                       script("fish") + "complete -C \"$argv\" | string replace -r '\\t.*' ''; or true\n");
     }
 
     std::string replies(const std::string &words) const
     {
-        return output_of("HOME=" + folder.root() + " fish --no-config " + folder.path("fish.script") + " '" + words +
-                         "'");
+        return output_of("HOME=" + directory.root() + " fish --no-config " + directory.path("fish.script") + " '" +
+                         words + "'");
     }
 };
 
@@ -87,9 +88,9 @@ class ZshCompletion : public Completion
 protected:
     std::string specs(const std::string &verb) const
     {
-        folder.file("zsh.script",
-                    "_arguments() { :; }\n" + script("zsh") + "_fmon_verb_table " + verb + "\nprint -rl -- $specs\n");
-        return output_of("zsh -f " + folder.path("zsh.script"));
+        directory.file("zsh.script", "_arguments() { :; }\n" + script("zsh") + "_fmon_verb_table " + verb +
+                                         "\nprint -rl -- $specs\n");
+        return output_of("zsh -f " + directory.path("zsh.script"));
     }
 };
 
@@ -150,13 +151,13 @@ TEST_F(BashCompletion, DoctorAndOffsets)
     EXPECT_EQ("--release --format --help", replies("fmon offsets --"));
     EXPECT_EQ("json", replies("fmon offsets --format = j"));
     EXPECT_EQ("", replies("fmon offsets --release ''"));
-    EXPECT_EQ(folder.path("bash.script"), replies("fmon offsets " + folder.path("bas")));
+    EXPECT_EQ(directory.path("bash.script"), replies("fmon offsets " + directory.path("bas")));
 }
 
 TEST_F(BashCompletion, Files)
 {
-    EXPECT_EQ(folder.path("bash.script"), replies("fmon watch " + folder.path("bas")));
-    EXPECT_EQ(folder.path("bash.script"), replies("fmon watch -o " + folder.path("bas")));
+    EXPECT_EQ(directory.path("bash.script"), replies("fmon watch " + directory.path("bas")));
+    EXPECT_EQ(directory.path("bash.script"), replies("fmon watch -o " + directory.path("bas")));
     EXPECT_EQ("", replies("fmon watch -n ''"));
 }
 
@@ -174,8 +175,8 @@ TEST_F(FishCompletion, CompletesAsBashDoes)
     EXPECT_EQ("max_events=", replies("fmon watch --set max_e"));
     EXPECT_EQ("json text", replies("fmon doctor -f "));
     EXPECT_EQ("", replies("fmon doctor "));
-    EXPECT_EQ(folder.path("fish.script"), replies("fmon offsets " + folder.path("fis")));
-    EXPECT_EQ(folder.path("fish.script"), replies("fmon watch -o " + folder.path("fis")));
+    EXPECT_EQ(directory.path("fish.script"), replies("fmon offsets " + directory.path("fis")));
+    EXPECT_EQ(directory.path("fish.script"), replies("fmon watch -o " + directory.path("fis")));
 }
 
 TEST_F(ZshCompletion, HandsTheTablesOn)

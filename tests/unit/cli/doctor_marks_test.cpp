@@ -13,7 +13,7 @@
 
 using namespace agent;
 using namespace cli;
-using agent_testing::Folder;
+using agent_testing::Directory;
 using cli_testing::mount_of;
 
 namespace
@@ -41,7 +41,7 @@ protected:
     }
     std::map<uid_t, Marks> users() const { return marks_by_user(proc_.root().c_str()); }
 
-    Folder proc_;
+    Directory proc_;
     const std::vector<Mount> mounts_ = {
         mount_of("23 1 8:1 / / rw - ext4 /dev/sda1 rw"),
         mount_of("31 23 0:12 / /sys/kernel/tracing rw shared:1 - tracefs tracefs rw"),

@@ -127,10 +127,10 @@ TEST(CliDoctorSources, EachMountOfTheTableHasItsTrial)
 
 TEST(CliDoctorSources, AnotherMountOnTheSamePlaceAndAFile)
 {
-    const agent_testing::Folder folder;
+    const agent_testing::Directory directory;
     Machine machine;
     machine.mounts = {mount_of("4000000 0 8:1 / / rw - ext4 /dev/sda1 rw"), kDisk};
-    machine.mounts[1].point = folder.file("f");
+    machine.mounts[1].point = directory.file("f");
     const SourceFacts facts = gather_sources(machine);
     if (facts.init_error != 0)
         GTEST_SKIP() << "no fanotify group that reports names";

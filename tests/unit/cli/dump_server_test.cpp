@@ -79,12 +79,12 @@ protected:
     int connected() const
     {
         common::Fd fd;
-        EXPECT_EQ(0, connect_in(folder.root(), getpid(), fd));
+        EXPECT_EQ(0, connect_in(directory.root(), getpid(), fd));
         EXPECT_EQ(0, fcntl(fd.get(), F_SETFL, 0)); /* blocking */
         return fd.release();
     }
 
-    agent_testing::Folder folder;
+    agent_testing::Directory directory;
     std::atomic<int> holds = 0;
     testlib::Count held;
     DumpServer server{fake_dump,
@@ -95,7 +95,7 @@ protected:
                       [] {
                           return std::vector<std::string>{"2 events found no memory", "/a\nb is full"};
                       },
-                      folder.root()};
+                      directory.root()};
     std::string error;
 };
 
@@ -107,9 +107,9 @@ TEST_F(Dump, LinesArriveWholeAndHarmless)
     EXPECT_EQ("", error);
     EXPECT_EQ("Instance:\n    [W] /a\\nE\\033[31m\\377 (dentry)\n\nEvents:\n", answer.text);
     EXPECT_FALSE(answer.cut);
-    EXPECT_TRUE(is_watch({getpid(), folder.root()}));
+    EXPECT_TRUE(is_watch({getpid(), directory.root()}));
     const std::vector<Listener> all = listeners();  // others may run on this machine
-    EXPECT_EQ(1, std::count(all.begin(), all.end(), Listener{getpid(), folder.root()}));
+    EXPECT_EQ(1, std::count(all.begin(), all.end(), Listener{getpid(), directory.root()}));
 }
 
 TEST_F(Dump, EmptyPart) { EXPECT_EQ("", ask(5).text); }
@@ -230,7 +230,7 @@ TEST_F(Dump, LossesAreToldByTheWatch)
 TEST_F(Dump, ASecondServerOfOneProcessGivesWay)
 {
     DumpServer second(
-        fake_dump, [](bool) {}, [] { return std::vector<std::string>(); }, folder.root());
+        fake_dump, [](bool) {}, [] { return std::vector<std::string>(); }, directory.root());
     EXPECT_FALSE(second.start());
     EXPECT_FALSE(second.stop());
     EXPECT_EQ("Instance:", ask(0).text.substr(0, 9));
@@ -238,7 +238,7 @@ TEST_F(Dump, ASecondServerOfOneProcessGivesWay)
 
 TEST_F(Dump, TheSocketGoesWithTheWatch)
 {
-    const std::string path = folder.path(socket_name(getpid()));
+    const std::string path = directory.path(socket_name(getpid()));
     EXPECT_TRUE(std::filesystem::is_socket(path));
     server.stop();
     EXPECT_FALSE(std::filesystem::exists(path));

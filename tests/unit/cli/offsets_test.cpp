@@ -319,17 +319,17 @@ TEST(CliOffsets, DamagedAnyhow)
 
 TEST(CliOffsets, Files)
 {
-    agent_testing::Folder folder;
+    agent_testing::Directory directory;
     std::string out, error;
-    EXPECT_FALSE(read_whole_file(folder.path("none"), 100, out, error));
+    EXPECT_FALSE(read_whole_file(directory.path("none"), 100, out, error));
     expect_has(error, "No such file");
-    EXPECT_FALSE(read_whole_file(folder.root(), 100, out, error));
+    EXPECT_FALSE(read_whole_file(directory.root(), 100, out, error));
     expect_has(error, "no regular file");
-    ASSERT_EQ(0, mkfifo(folder.path("pipe").c_str(), 0600));
-    EXPECT_FALSE(read_whole_file(folder.path("pipe"), 100, out, error));
+    ASSERT_EQ(0, mkfifo(directory.path("pipe").c_str(), 0600));
+    EXPECT_FALSE(read_whole_file(directory.path("pipe"), 100, out, error));
     expect_has(error, "no regular file");
     const std::string text(3 << 20, 'a');
-    const std::string file = folder.file("file", text);
+    const std::string file = directory.file("file", text);
     ASSERT_TRUE(read_whole_file(file, text.size(), out, error)) << error;
     EXPECT_EQ(out, text);
     EXPECT_FALSE(read_whole_file(file, text.size() - 1, out, error));

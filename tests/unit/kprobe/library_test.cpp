@@ -54,7 +54,7 @@ TEST(KprobeLibrary, CannotWork)
         {[](KernelDouble &k) { k.no_file("/sys/devices/system/cpu/online"); }, "online CPUs cannot be read"},
         {[](KernelDouble &k) { k.machine = "riscv64"; }, "not for riscv64"},
         {[](KernelDouble &k) { k.release = "x"; }, "release cannot be read"},
-        {[](KernelDouble &k) { k.no_file("/sys/kernel/btf/vmlinux"); }, "keeps an entry's folder, an entry's name"},
+        {[](KernelDouble &k) { k.no_file("/sys/kernel/btf/vmlinux"); }, "keeps an entry's directory, an entry's name"},
         {[](KernelDouble &k) { k.refuse("proof", "locked down"); }, "the kernel refuses probes: locked down"},
     };
     for (const auto &row : rows) {

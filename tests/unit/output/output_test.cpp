@@ -22,8 +22,8 @@
 
 using namespace agent;
 using namespace output;
+using agent_testing::Directory;
 using agent_testing::event_of;
-using agent_testing::Folder;
 using cli_testing::parse;
 
 namespace
@@ -45,7 +45,7 @@ class Reporting : public testing::Test
 protected:
     Reporter &open(std::vector<std::string> arguments)
     {
-        arguments.insert(arguments.end(), {"-o", folder.path("out"), "--format", "%e %p", "/root"});
+        arguments.insert(arguments.end(), {"-o", directory.path("out"), "--format", "%e %p", "/root"});
         parsed = parse(arguments);
         EXPECT_TRUE(parsed.ok) << parsed.error;
         reporter = std::make_unique<Reporter>(parsed.options, parsed.options);
@@ -62,10 +62,10 @@ protected:
     std::string written()
     {
         reporter->flush();
-        return content(folder.path("out"));
+        return content(directory.path("out"));
     }
 
-    Folder folder;
+    Directory directory;
     cli_testing::Parsed<cli::WatchOptions> parsed;
     std::unique_ptr<Reporter> reporter;
 };
@@ -101,8 +101,8 @@ TEST(CliOutput, AFullDiskIsOne)
 
 TEST(CliOutput, FilesAreReplacedAndKnowTheirPath)
 {
-    const Folder folder;
-    const std::string path = folder.file("out", "old");
+    const Directory directory;
+    const std::string path = directory.file("out", "old");
     Output output;
     std::string error;
     ASSERT_TRUE(output.open(path, false, error));
@@ -114,7 +114,7 @@ TEST(CliOutput, FilesAreReplacedAndKnowTheirPath)
     EXPECT_EQ("new", content(path));
     EXPECT_TRUE(output.buffer().empty());
     Output other;
-    EXPECT_FALSE(other.open(folder.path("missing/out"), false, error));
+    EXPECT_FALSE(other.open(directory.path("missing/out"), false, error));
     EXPECT_NE(error.find("missing/out: No such file"), std::string::npos);
 }
 
@@ -139,14 +139,15 @@ TEST(CliOutput, AReaderThatDoesNotReadCannotHoldUpTheEnd)
 
 TEST(CliExec, TheEventIsInTheEnvironmentAndNeverInTheCommand)
 {
-    const Folder folder;
-    const std::string hostile = folder.path("a\n$(touch " + folder.path("trap") + ");'\"`\xff");
+    const Directory directory;
+    const std::string hostile = directory.path("a\n$(touch " + directory.path("trap") + ");'\"`\xff");
     setenv("FMON_PATH", "old", 1);
-    const Executor executor("printf '%s|%s|%s' \"$FMON_EVENTS\" \"$FMON_PATH\" \"$FMON_PID\" > " + folder.path("out"));
+    const Executor executor("printf '%s|%s|%s' \"$FMON_EVENTS\" \"$FMON_PATH\" \"$FMON_PID\" > " +
+                            directory.path("out"));
     std::string error;
     ASSERT_TRUE(executor.run(event_of(hostile, FMON_CREATE | FMON_ATTRIB, 42), always, error)) << error;
-    EXPECT_EQ(content(folder.path("out")), "create,attrib|" + hostile + "|42");
-    EXPECT_FALSE(std::filesystem::exists(folder.path("trap")));
+    EXPECT_EQ(content(directory.path("out")), "create,attrib|" + hostile + "|42");
+    EXPECT_FALSE(std::filesystem::exists(directory.path("trap")));
     unsetenv("FMON_PATH");
 }
 
@@ -206,12 +207,12 @@ TEST(CliExec, ACommandHasTheLimitOfDescriptorsThatWas)
     getrlimit(RLIMIT_NOFILE, &limit);
     EXPECT_EQ(limit.rlim_cur, limit.rlim_max);
     EXPECT_EQ(most_descriptors(), limit.rlim_max);
-    const Folder folder;
+    const Directory directory;
     std::string trouble;
-    EXPECT_TRUE(Executor("ulimit -S -n > " + folder.path("out") + "; ulimit -H -n >> " + folder.path("out"))
+    EXPECT_TRUE(Executor("ulimit -S -n > " + directory.path("out") + "; ulimit -H -n >> " + directory.path("out"))
                     .run(event_of("/a", FMON_CREATE), always, trouble));
     EXPECT_EQ("", trouble);
-    EXPECT_EQ(content(folder.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
+    EXPECT_EQ(content(directory.path("out")), "200\n" + std::to_string(limit.rlim_max) + "\n");
     limit.rlim_cur = given;
     setrlimit(RLIMIT_NOFILE, &limit);
 }
@@ -259,9 +260,9 @@ TEST_F(Reporting, KeepsTheLimitOfDepth)
 TEST_F(Reporting, DoesNotShowItsOwnFile)
 {
     open({});
-    reporter->event(event_of(folder.path("out"), FMON_MODIFY));
-    reporter->event(event_of(folder.path("out2"), FMON_MODIFY));
-    EXPECT_EQ(written(), "modify " + folder.path("out2") + "\n");
+    reporter->event(event_of(directory.path("out"), FMON_MODIFY));
+    reporter->event(event_of(directory.path("out2"), FMON_MODIFY));
+    EXPECT_EQ(written(), "modify " + directory.path("out2") + "\n");
 }
 
 TEST_F(Reporting, RecordsBesideEventsAreForJsonOnly)
@@ -276,8 +277,8 @@ TEST_F(Reporting, RecordsBesideEventsAreForJsonOnly)
 // A run that comes to nothing must not cost what the file held.
 TEST(CliReporter, AFileIsOpenedLast)
 {
-    const Folder folder;
-    const std::string out = folder.file("out", "old\n");
+    const Directory directory;
+    const std::string out = directory.file("out", "old\n");
     for (const bool append : {false, true}) {
         auto parsed = parse({"-o", out, "-f", "csv", "/root"});
         parsed.options.append = append;
@@ -299,24 +300,24 @@ TEST(CliReporter, AFileIsOpenedLast)
 
 TEST(CliReporter, AnAppendedFileBeginsWithAHeading)
 {
-    const Folder folder;
-    const auto parsed = parse({"-o", folder.path("new"), "--append", "-f", "csv", "/root"});
+    const Directory directory;
+    const auto parsed = parse({"-o", directory.path("new"), "--append", "-f", "csv", "/root"});
     Reporter reporter(parsed.options, parsed.options);
     std::string error;
     ASSERT_TRUE(reporter.prepare(error)) << error;
-    EXPECT_FALSE(std::filesystem::exists(folder.path("new")));
+    EXPECT_FALSE(std::filesystem::exists(directory.path("new")));
     reporter.set_plan({});
     ASSERT_TRUE(reporter.begin(error)) << error;
     reporter.flush();
-    EXPECT_EQ("time,events,path,pid,process\n", content(folder.path("new")));
+    EXPECT_EQ("time,events,path,pid,process\n", content(directory.path("new")));
 }
 
 TEST(CliReporter, RefusesBeforeAnythingIsOpened)
 {
-    const Folder folder;
-    const std::vector<std::vector<std::string>> cases = {{"--include", "("},    {"--exclude", "[a"},
-                                                         {"--format", "%q"},    {"-o", folder.path("no/out")},
-                                                         {"-o", folder.root()}, {"-o", folder.root() + "/new/"}};
+    const Directory directory;
+    const std::vector<std::vector<std::string>> cases = {{"--include", "("},       {"--exclude", "[a"},
+                                                         {"--format", "%q"},       {"-o", directory.path("no/out")},
+                                                         {"-o", directory.root()}, {"-o", directory.root() + "/new/"}};
     for (std::vector<std::string> arguments : cases) {
         arguments.insert(arguments.end(), {"/root"});
         const auto parsed = parse(arguments);

@@ -6,8 +6,8 @@
 #include "unit/agent/agent_testing.h"
 
 using namespace output;
+using agent_testing::Directory;
 using agent_testing::event_of;
-using agent_testing::Folder;
 
 namespace
 {
@@ -17,7 +17,7 @@ class ReporterTest : public testing::Test
 protected:
     ReporterTest()
     {
-        options.output = folder.path("out");
+        options.output = directory.path("out");
         options.format = "%e %p";
         plan.instances.push_back({"watch", FMON_CREATE | FMON_DELETE});
         plan.roots.emplace_back().path = "/a";
@@ -41,7 +41,7 @@ protected:
         return {std::istreambuf_iterator<char>(file), {}};
     }
 
-    Folder folder;
+    Directory directory;
     agent::Request request;
     OutputOptions options;
     agent::Plan plan;
@@ -118,11 +118,11 @@ TEST_F(ReporterTest, WhatCannotBeHadIsSaidBeforeAnythingIsOpened)
         EXPECT_FALSE(Reporter(request, options).prepare(error));
         return error;
     };
-    options.output = folder.path("none/out");
+    options.output = directory.path("none/out");
     EXPECT_NE(refusal().find("cannot write to"), std::string::npos);
     options.format = "%q";
     EXPECT_NE(refusal(), "");
     options.include = {"a("};
     EXPECT_NE(refusal().find("--include"), std::string::npos);
-    EXPECT_FALSE(std::filesystem::exists(folder.path("none")));
+    EXPECT_FALSE(std::filesystem::exists(directory.path("none")));
 }
