@@ -12,7 +12,7 @@ bool is_below(std::string_view root, std::string_view path)
     return path.substr(0, root.size()) == root && (path.size() == root.size() || path[root.size()] == '/');
 }
 
-int folder_depth(std::string_view root, std::string_view path)
+int directory_depth(std::string_view root, std::string_view path)
 {
     if (!is_below(root, path))
         return -1;

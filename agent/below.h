@@ -11,7 +11,7 @@ namespace agent
 
 /* How many directories below `root` the directory of `path` lies: 0 for root itself and its entries; -1 when not below
  * it. */
-int folder_depth(std::string_view root, std::string_view path);
+int directory_depth(std::string_view root, std::string_view path);
 
 /* Whether `path` is `root` or lies below it. */
 bool is_below(std::string_view root, std::string_view path);

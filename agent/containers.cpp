@@ -30,9 +30,9 @@ std::string image_of(const struct orx_container_info &info)
 
 }  // namespace
 
-bool load_container_library(const std::string &folder, ContainerLibrary &library, std::string &error)
+bool load_container_library(const std::string &directory, ContainerLibrary &library, std::string &error)
 {
-    const std::string path = folder + "/liborx_sensitive_dir.6.so";
+    const std::string path = directory + "/liborx_sensitive_dir.6.so";
     void *handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!handle) {
         error = dlerror();
@@ -63,7 +63,7 @@ const ContainerName &ContainerNames::find(std::string_view id, uint64_t now_ms)
         return known->second.name;
     if (!loaded_) { /* without it there are no names, which is no error */
         std::string error;
-        load_container_library(library_folder(), library_, error);
+        load_container_library(library_directory(), library_, error);
         loaded_ = true;
     }
     if (known == rows_.end() && rows_.size() >= kMost)

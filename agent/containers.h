@@ -28,7 +28,7 @@ struct ContainerLibrary {
 };
 
 /* False, with the reason in `error`: there is none, or not a whole one. It stays loaded. */
-bool load_container_library(const std::string &folder, ContainerLibrary &library, std::string &error);
+bool load_container_library(const std::string &directory, ContainerLibrary &library, std::string &error);
 
 /* Names by id, remembered for a while: one thread's. The library is loaded when the first is asked for. */
 class ContainerNames

@@ -11,7 +11,7 @@ namespace agent
 
 /* Says in `event` that its file's name was gone, and takes the kernel's " (deleted)" off the path, which then lasts as
  * long as `storage`. A name may end so by itself: then a file of that name is there, or the event came from its
- * directory, of which the kernel tells names as they are. (A name of that kind that is removed before this looks is
+ * directory, of which the kernel reports names as they are. (A name of that kind that is removed before this looks is
  * taken for the kernel's word.) */
 void take_deleted(Event &event, std::string &storage);
 

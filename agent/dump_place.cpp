@@ -43,12 +43,12 @@ bool bind_to(int fd, const struct sockaddr_un &address)
 }
 
 // Removes what nobody listens on any more. Process numbers do not tell: others may number theirs by themselves.
-void sweep(const std::string &path, int folder)
+void sweep(const std::string &path, int directory)
 {
-    for (const pid_t pid : pids_in_folder(path)) {
+    for (const pid_t pid : pids_in_directory(path)) {
         common::Fd socket;
         if (connect_in(path, pid, socket) == ECONNREFUSED)
-            unlinkat(folder, socket_name(pid).c_str(), 0);
+            unlinkat(directory, socket_name(pid).c_str(), 0);
     }
 }
 
@@ -62,12 +62,12 @@ int check_peer(int fd, pid_t pid, uid_t owner)
 
 }  // namespace
 
-std::string dump_folder()
+std::string dump_directory()
 {
     if (geteuid() == 0)
         return kOfRoot;
-    const char *folder = secure_getenv("XDG_RUNTIME_DIR");
-    return folder && folder[0] == '/' ? folder : "";
+    const char *directory = secure_getenv("XDG_RUNTIME_DIR");
+    return directory && directory[0] == '/' ? directory : "";
 }
 
 std::string socket_name(pid_t pid) { return std::string(kStart) + std::to_string(pid) + std::string(kEnd); }
@@ -80,7 +80,7 @@ pid_t pid_of_name(std::string_view name)
     return pid > 0 && name == socket_name(pid) ? pid : 0;
 }
 
-std::vector<pid_t> pids_in_folder(const std::string &path)
+std::vector<pid_t> pids_in_directory(const std::string &path)
 {
     std::vector<pid_t> pids;
     const common::Dir list(opendir(path.c_str()));
@@ -90,39 +90,39 @@ std::vector<pid_t> pids_in_folder(const std::string &path)
     return pids;
 }
 
-common::Fd open_private_folder(const std::string &path, uid_t &owner)
+common::Fd open_private_directory(const std::string &path, uid_t &owner)
 {
-    common::Fd folder(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
+    common::Fd directory(open(path.c_str(), O_PATH | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC));
     struct stat st;
-    if (!folder || fstat(folder.get(), &st) != 0)
+    if (!directory || fstat(directory.get(), &st) != 0)
         return common::Fd();
     owner = st.st_uid;
     if ((st.st_mode & 077) == 0)
-        return folder;
+        return directory;
     errno = EPERM;
     return common::Fd();
 }
 
-common::Fd make_private_folder(const std::string &path)
+common::Fd make_private_directory(const std::string &path)
 {
     uid_t owner;
     mkdir(path.c_str(), 0700);  // whether it is there now shows when it is opened
-    common::Fd folder = open_private_folder(path, owner);
-    return folder && owner == geteuid() ? std::move(folder) : common::Fd();
+    common::Fd directory = open_private_directory(path, owner);
+    return directory && owner == geteuid() ? std::move(directory) : common::Fd();
 }
 
 // The address is the path as people know it, unless that does not fit.
 common::Fd listen_in(const std::string &path, int backlog)
 {
-    const common::Fd folder = make_private_folder(path);
+    const common::Fd directory = make_private_directory(path);
     common::Fd listener = make_socket();
-    if (!folder || !listener)
+    if (!directory || !listener)
         return common::Fd();
-    sweep(path, folder.get());
+    sweep(path, directory.get());
     const std::string name = socket_name(getpid());
     struct sockaddr_un address;
     if (!fill(address, path + "/" + name))
-        fill(address, by_descriptor(folder.get()) + "/" + name);
+        fill(address, by_descriptor(directory.get()) + "/" + name);
     return bind_to(listener.get(), address) && listen(listener.get(), backlog) == 0 ? std::move(listener)
                                                                                     : common::Fd();
 }
@@ -131,9 +131,9 @@ common::Fd listen_in(const std::string &path, int backlog)
 int connect_in(const std::string &path, pid_t pid, common::Fd &out)
 {
     uid_t owner;
-    const common::Fd folder = open_private_folder(path, owner);
-    const common::Fd file(folder ? openat(folder.get(), socket_name(pid).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)
-                                 : -1);
+    const common::Fd directory = open_private_directory(path, owner);
+    const common::Fd file(directory ? openat(directory.get(), socket_name(pid).c_str(), O_PATH | O_NOFOLLOW | O_CLOEXEC)
+                                    : -1);
     if (!file)
         return errno;
     struct sockaddr_un address;

@@ -16,7 +16,7 @@ const DumpType kDumpTypeTable[kDumpTypes] = {
     {"dentries", "directories and files that are known, with their watches"},
     {"events", "event records that wait"},
     {"backend", "the source of each watch, and marked file systems, where any is"},
-    {"files", "the backend's watched files, where it tells any"},
+    {"files", "the backend's watched files, where it names any"},
     {"losses", "what was missed since the watch began, and why"},
 };
 

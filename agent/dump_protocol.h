@@ -19,7 +19,7 @@ namespace agent
 {
 
 /* A part of the monitor's state; the row is the type's number in the monitor, but for kDumpLosses, which the watch
- * tells. */
+ * counts. */
 struct DumpType {
     const char *name;
     const char *meaning;

@@ -107,7 +107,7 @@ DumpServer::~DumpServer() { stop(); }
 bool DumpServer::start()
 {
     stop_ = common::Fd(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
-    if (folder_.empty() || !stop_ || !(listener_ = listen_in(folder_, kBacklog)))
+    if (directory_.empty() || !stop_ || !(listener_ = listen_in(directory_, kBacklog)))
         return false;
     const SignalsBlocked blocked;
     try {
@@ -125,7 +125,7 @@ bool DumpServer::stop()
     const bool held = holding_;
     eventfd_write(stop_.get(), 1);
     thread_.join();
-    unlink((folder_ + "/" + socket_name(getpid())).c_str());
+    unlink((directory_ + "/" + socket_name(getpid())).c_str());
     return held;
 }
 

@@ -29,8 +29,8 @@ public:
 
     /* `dump` is the monitor's, which writes to the host's log. `hold(true)` makes events wait in the monitor until
      * `hold(false)`. `hold` and `losses` are called on the server's thread. */
-    DumpServer(Dump dump, std::function<void(bool)> hold, Losses losses, std::string folder = dump_folder())
-        : dump_(dump), hold_(std::move(hold)), losses_(std::move(losses)), folder_(std::move(folder))
+    DumpServer(Dump dump, std::function<void(bool)> hold, Losses losses, std::string directory = dump_directory())
+        : dump_(dump), hold_(std::move(hold)), losses_(std::move(losses)), directory_(std::move(directory))
     {
     }
     ~DumpServer();
@@ -60,7 +60,7 @@ private:
     const Dump dump_;
     const std::function<void(bool)> hold_;
     const Losses losses_;
-    const std::string folder_;
+    const std::string directory_;
     common::Fd listener_, stop_; /* stop_: an eventfd, readable when the thread is to end */
     std::atomic<bool> holding_ = false;
     std::thread thread_;

@@ -83,7 +83,7 @@ void Found::begin(const Batch &batch)
     indexed_ = false;
 }
 
-// A name that went, too, may have come again: what was told of it does not say which creation that was.
+// A name that went, too, may have come again: what was reported of it does not say which creation that was.
 uint32_t Found::news(const Event &event)
 {
     constexpr uint32_t kWent = FMON_DELETE | FMON_MOVED_FROM;
@@ -101,14 +101,14 @@ void Found::shown(const Event &event, const Tell &tell)
 }
 
 // A directory that is not marked yet has a record of its own on its way, and is looked into then.
-void Found::look_into(const std::string &directory, const Event &creation, const Tell &tell)
+void Found::look_into(const std::string &top, const Event &creation, const Tell &tell)
 {
-    std::vector<std::string> open = {directory};
+    std::vector<std::string> open = {top};
     while (!open.empty()) {
-        const std::string folder = std::move(open.back());
+        const std::string directory = std::move(open.back());
         open.pop_back();
-        for_each_entry(folder, [&](const char *name, bool is_directory) {
-            const std::string path = folder + "/" + name;
+        for_each_entry(directory, [&](const char *name, bool is_directory) {
+            const std::string path = directory + "/" + name;
             if (has_record(path) || told_.has(path))
                 return;
             told_.add(path);

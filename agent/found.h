@@ -2,9 +2,9 @@
  * found.h: what was made in a new directory before the directory was marked, and so is in no record.
  *
  * A directory is looked into once: when its creation has been shown and it is marked, whichever comes later. What is
- * in it then was made before the mark, or has a record of its own that is still on its way. The former is told as
- * found. Which is which is not known yet, so all is told but what has a record in the batch that is being shown, and
- * the creation is taken off the record that comes later.
+ * in it then was made before the mark, or has a record of its own that is still on its way. The former is reported as
+ * found. Which is which is not known yet, so all is reported but what has a record in the batch that is being shown,
+ * and the creation is taken off the record that comes later.
  *
  * Whole paths are kept: with hashes of them, who can choose names could have a creation taken for another. They are
  * forgotten after some time, when there are too many, and below a directory that went to another name.
@@ -55,20 +55,20 @@ public:
     /* The events of that batch are shown next. It must stay as it is until the next call. */
     void begin(const Batch &batch);
 
-    /* The kinds of the event without a creation that was told as found. */
+    /* The kinds of the event without a creation that was reported as found. */
     uint32_t news(const Event &event);
 
-    /* After the event was shown: tells what is found where it is the creation of a directory. */
+    /* After the event was shown: reports what is found where it is the creation of a directory. */
     void shown(const Event &event, const Tell &tell);
 
     void look();  /* regularly, some seconds apart: forgets what is long ago */
-    void clear(); /* records were lost: what was told may not have come and may not come */
+    void clear(); /* records were lost: what was reported may not have come and may not come */
 
 private:
     static constexpr unsigned kLooks = 16; /* between two times of forgetting */
 
     bool take_marked(std::string_view path);
-    void look_into(const std::string &directory, const Event &creation, const Tell &tell);
+    void look_into(const std::string &top, const Event &creation, const Tell &tell);
     bool has_record(std::string_view path);
 
     const Batch *batch_ = nullptr;

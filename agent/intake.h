@@ -5,7 +5,8 @@
  * nobody wants, name the process, copy the record into the queue. When the queue is full they ask the monitor to pause
  * the instance, which keeps the event and, in the end, the kernel's queue: nothing is dropped here. They never sleep:
  * a directory is marked, and a process looked at, only as soon as the monitor gets to the record, and what was made in
- * the directory before, and a process that has ended before, are never told. Events gather behind the queue instead.
+ * the directory before, and a process that has ended before, are never reported. Events gather behind the queue
+ * instead.
  */
 #ifndef AGENT_INTAKE_H
 #define AGENT_INTAKE_H

@@ -22,9 +22,9 @@ namespace
 constexpr std::string_view kInotifyLine = "inotify wd:", kFanotifyLine = "fanotify ",
                            kMountField = " mnt_id:", kDeviceField = " sdev:";
 
-void for_each_number(const std::string &folder, const std::function<void(const char *)> &fn)
+void for_each_number(const std::string &directory, const std::function<void(const char *)> &fn)
 {
-    const common::Dir dir(opendir(folder.c_str()));
+    const common::Dir dir(opendir(directory.c_str()));
     if (!dir)
         return;
     while (const struct dirent *entry = readdir(dir.get()))
@@ -92,10 +92,10 @@ Marks &Marks::operator+=(const Marks &other)
 Marks process_marks(const std::string &process, const char *proc)
 {
     Marks marks;
-    const std::string folder = std::string(proc) + "/" + process;
-    for_each_number(folder + "/fd", [&](const char *fd) {
+    const std::string directory = std::string(proc) + "/" + process;
+    for_each_number(directory + "/fd", [&](const char *fd) {
         char target[64];
-        const ssize_t n = readlink((folder + "/fd/" + fd).c_str(), target, sizeof target);
+        const ssize_t n = readlink((directory + "/fd/" + fd).c_str(), target, sizeof target);
         const std::string_view name(target, n > 0 ? static_cast<size_t>(n) : 0);
         if (name == "anon_inode:inotify")
             marks.inotify_instances++;
@@ -103,7 +103,7 @@ Marks process_marks(const std::string &process, const char *proc)
             marks.fanotify_instances++;
         else
             return;
-        count_lines(folder + "/fdinfo/" + fd, marks);
+        count_lines(directory + "/fdinfo/" + fd, marks);
     });
     return marks;
 }

@@ -25,18 +25,18 @@ bool bind(void *library, const char *name, Fn &function, std::string &error)
 
 }  // namespace
 
-std::string library_folder()
+std::string library_directory()
 {
     const char *home = secure_getenv("FMON_HOME");
     if (home && *home)
         return std::string(home) + "/lib";
-    char folder[PATH_MAX];
-    return orx_dirutils_path_transform("@/../lib", folder, sizeof folder) == 0 ? folder : ".";
+    char directory[PATH_MAX];
+    return orx_dirutils_path_transform("@/../lib", directory, sizeof directory) == 0 ? directory : ".";
 }
 
-bool load_module(const std::string &folder, Module &module, std::string &error)
+bool load_module(const std::string &directory, Module &module, std::string &error)
 {
-    const std::string path = folder + "/libfmon.so";
+    const std::string path = directory + "/libfmon.so";
     void *library = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
     if (!library) {
         error =
@@ -57,7 +57,7 @@ bool load_module(const std::string &folder, Module &module, std::string &error)
            bind(library, "g_container_flag", module.container_flag, error);
 }
 
-// The kernel tells of a watch that goes. Nobody else watches this file, whose watch would stay.
+// The kernel reports a watch that goes. Nobody else watches this file, whose watch would stay.
 void wake_monitor(const Module &module)
 {
     static const int instance = module.create_instance("watch-wake", nullptr);

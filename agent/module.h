@@ -36,11 +36,11 @@ struct Module {
 };
 
 /* $FMON_HOME/lib where that is set, else where the installation of the running program has its libraries. */
-std::string library_folder();
+std::string library_directory();
 
 /* Loads libfmon.so from `directory`; it stays loaded. False: `error` says what is missing and where it was looked for.
  */
-bool load_module(const std::string &folder, Module &module, std::string &error);
+bool load_module(const std::string &directory, Module &module, std::string &error);
 
 /* Makes the monitor's thread take a turn soon, which it else does once a second while nothing happens. */
 void wake_monitor(const Module &module);

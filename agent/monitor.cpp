@@ -63,8 +63,8 @@ bool has_probes(const Module &module, std::string &error)
 bool start_monitor(const Request &options, Placement &placement, Module &module, OwnLog &own, std::string &error)
 {
     raise_descriptor_limit();
-    const std::string folder = library_folder();
-    if (!load_module(folder, module, error))
+    const std::string directory = library_directory();
+    if (!load_module(directory, module, error))
         return false;
     if (hides_probes(options))
         hide_probe_library();

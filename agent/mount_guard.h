@@ -27,7 +27,7 @@ public:
      * what was not heard meanwhile. */
     explicit MountGuard(std::function<void(const std::string &point)> changed) : changed_(std::move(changed)) {}
 
-    /* Compares with the look before; the first tells nothing. */
+    /* Compares with the look before; the first reports nothing. */
     void look(const std::vector<Mount> &mounts, const std::vector<Root> &roots);
 
 private:

@@ -17,7 +17,7 @@ inline constexpr int kLogFiles = 5;
 /* Directories in which this user's log may lie, the most wanted first: the installation's, $XDG_STATE_HOME/fmon or
  * ~/.local/state/fmon, $XDG_RUNTIME_DIR/fmon. A log that has a line for each event (from --log-level 3 on) would never
  * come to rest in a place that is watched: those are left out. `installed` is the installation's directory. */
-std::vector<std::string> log_folders(const Request &options, const std::string &installed);
+std::vector<std::string> log_directories(const Request &options, const std::string &installed);
 
 struct OwnLog {
     std::vector<std::string> files; /* its directory and the files in it: what happens to them is not to be shown */

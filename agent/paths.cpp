@@ -73,9 +73,9 @@ bool entry_is_dir(int dir, const struct dirent *entry)
 }
 
 // Calls fn(name) for each directory in a directory until it answers false.
-void for_each_subdirectory(common::Fd folder, const std::function<bool(const char *)> &fn)
+void for_each_subdirectory(common::Fd directory, const std::function<bool(const char *)> &fn)
 {
-    const common::Dir dir = common::list_of(std::move(folder));
+    const common::Dir dir = common::list_of(std::move(directory));
     if (!dir)
         return;
     while (const struct dirent *entry = readdir(dir.get()))
@@ -83,11 +83,11 @@ void for_each_subdirectory(common::Fd folder, const std::function<bool(const cha
             return;
 }
 
-Identity look_up(int folder, const char *path, int flags)
+Identity look_up(int directory, const char *path, int flags)
 {
     Identity id;
     struct statx st;
-    if (statx(folder, path, flags, STATX_BASIC_STATS | STATX_MNT_ID, &st) != 0) {
+    if (statx(directory, path, flags, STATX_BASIC_STATS | STATX_MNT_ID, &st) != 0) {
         id.error = errno;
         return id;
     }
@@ -154,10 +154,10 @@ uint64_t count_directories(const std::string &path, unsigned max_depth, uint64_t
     std::vector<std::pair<std::string, unsigned>> open = {{".", 0}};
     uint64_t count = 0;
     while (top && !open.empty() && count < limit) {
-        const auto [folder, depth] = std::move(open.back());
+        const auto [directory, depth] = std::move(open.back());
         open.pop_back();
-        const std::string prefix = folder == "." ? "" : folder + "/";
-        for_each_subdirectory(common::Fd(common::open_beneath(top.get(), folder, kOpenDirectory)),
+        const std::string prefix = directory == "." ? "" : directory + "/";
+        for_each_subdirectory(common::Fd(common::open_beneath(top.get(), directory, kOpenDirectory)),
                               [&, level = depth + 1](const char *name) {
                                   if (max_depth == 0 || level < max_depth)
                                       open.emplace_back(prefix + name, level);
@@ -179,13 +179,13 @@ void for_each_entry(const std::string &path, const std::function<void(const char
 
 bool has_subdirectory(const std::string &path)
 {
-    common::Fd folder = open_directory(path);
+    common::Fd directory = open_directory(path);
     // Where a file system counts links of directories, two of them are the directory's own.
     struct stat st;
-    if (!folder || fstat(folder.get(), &st) != 0 || st.st_nlink == 2)
+    if (!directory || fstat(directory.get(), &st) != 0 || st.st_nlink == 2)
         return false;
     bool found = false;
-    for_each_subdirectory(std::move(folder), [&](const char *) {
+    for_each_subdirectory(std::move(directory), [&](const char *) {
         found = true;
         return false;
     });

@@ -21,7 +21,7 @@ struct Identity {
     mode_t mode = 0;
     dev_t dev = 0;
     ino_t ino = 0;
-    uint64_t mount_id = 0; /* 0 where the kernel does not tell */
+    uint64_t mount_id = 0; /* 0 where the kernel does not say */
     bool is_dir() const;
     bool is_file() const;
 };

@@ -149,7 +149,7 @@ void Placement::found_room()
     paths_.without_room.clear();
 }
 
-// A monitor that could not start, or had to end, tells of that alone.
+// A monitor that could not start, or had to end, reports that alone.
 Findings Placement::take()
 {
     Findings found;

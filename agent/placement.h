@@ -1,5 +1,5 @@
 /*
- * placement.h: what the monitor marks, and what it cannot: told while it happens, counted in its status.
+ * placement.h: what the monitor marks, and what it cannot: reported while it happens, counted in its status.
  */
 #ifndef AGENT_PLACEMENT_H
 #define AGENT_PLACEMENT_H
@@ -63,7 +63,7 @@ public:
     void listen_to_denials(Listener denied);
 
     Findings take();
-    /* One refusal for that reason is left out of what take() returns next: it is of a directory that was told. */
+    /* One refusal for that reason is left out of what take() returns next: it is of a directory that was reported. */
     void told_before(uint32_t reason);
 
     /* Of the thread that listens: the reason of the first refusal since the last call, 0: there was none. */

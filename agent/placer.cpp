@@ -59,7 +59,7 @@ struct fmon_fs_status Placer::file_systems() const
     return module_.read_status(now) ? now.fs : fmon_fs_status{};
 }
 
-// Whether it is served by a mark of its file system the status tells: nobody else adds watches meanwhile.
+// Whether it is served by a mark of its file system, the status says: nobody else adds watches meanwhile.
 Placer::Answer Placer::request(const PlannedWatch &watch) const
 {
     const struct fmon_fs_status before = file_systems();

@@ -1,5 +1,5 @@
 /*
- * placer.h: puts the planned watches in place and tells what could not be watched.
+ * placer.h: puts the planned watches in place and reports what could not be watched.
  */
 #ifndef AGENT_PLACER_H
 #define AGENT_PLACER_H

@@ -28,7 +28,7 @@ bool names_all(const Request &options)
     return options.pid && options.source != Source::kMarks && !options.mount && options.max_depth == 0;
 }
 
-// "all" with --mount means all that a mount can tell.
+// "all" with --mount means all that a mount can report.
 uint32_t asked_events(const Request &options)
 {
     if (options.events == 0)
@@ -88,7 +88,7 @@ private:
             return options_.wait ? "" : " does not exist: check the path, or wait for it with --wait";
         if (id.error)
             return std::string(" cannot be reached: ") + reason_text(id.error) +
-                   (id.error == EACCES ? ": run as root, or make its folders searchable" : "");
+                   (id.error == EACCES ? ": run as root, or make its directories searchable" : "");
         if (!id.is_dir() && !id.is_file())
             return std::string(" is ") + kind_name(id.mode) + ": only directories and regular files can be watched";
         if (!id.is_dir() && (options_.mount || given.back() == '/'))

@@ -1,7 +1,7 @@
 /*
  * probe_cause.h: why there are no kernel probes, in words that say what to do about it.
  *
- * The monitor goes on without them; its status tells what it met, and the machine shows more.
+ * The monitor goes on without them; its status says what it met, and the machine shows more.
  */
 #ifndef AGENT_PROBE_CAUSE_H
 #define AGENT_PROBE_CAUSE_H
@@ -24,7 +24,7 @@ struct ProbeFacts {
     bool library_there = false; /* a file of that name */
     std::string load_error;     /* the loader's words; empty: it can be loaded */
     std::string missing_entry;  /* a function that it lacks; empty: it has all */
-    std::string library_reason; /* why it does not work, in its own words; empty: it works, or does not tell */
+    std::string library_reason; /* why it does not work, in its own words; empty: it works, or does not say */
     std::string config;         /* where fmon.ini is looked for */
     std::string release, machine;
     uint64_t mounts = 0; /* that the filter has to name */

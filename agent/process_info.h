@@ -3,8 +3,8 @@
  *
  * A pid is no identity: the process may have executed another program or changed its user since it was read, or ended,
  * with its pid given to another. So what is remembered is looked at again in each turn of the monitor, and forgotten as
- * soon as the process itself does not show that it still holds. What is told is what the process was when its event was
- * taken from the monitor; what it was when it acted is the kernel's knowledge alone.
+ * soon as the process itself does not show that it still holds. What is reported is what the process was when its event
+ * was taken from the monitor; what it was when it acted is the kernel's knowledge alone.
  */
 #ifndef AGENT_PROCESS_INFO_H
 #define AGENT_PROCESS_INFO_H
@@ -28,7 +28,7 @@ struct ProcessInfo {
     std::optional<uint32_t> uid{}; /* effective user */
     uint32_t ppid = 0;
     uint64_t start = 0;      /* clock ticks after boot: tells two processes of one pid apart */
-    std::string container{}; /* the outermost one that it is in, as the container library tells it; empty: none */
+    std::string container{}; /* the outermost one that it is in, as the container library reports it; empty: none */
     std::optional<uint32_t> loginuid{}; /* the user who logged in, whatever became of it since */
     uint64_t start_ns = 0;              /* since 1970, to a clock tick; 0: not known */
     AncestorPtr parent{};               /* what made it, and so on; null: not known, or not asked for */

@@ -73,7 +73,7 @@ void ProcessTable::inherit(Process &child, Process &parent) const
     child.now().image = parent.now().image;
 }
 
-// By the time at which a process was heard of it may be told a tick late, and another one may have to tell it, too.
+// By the time at which a process was heard of it may be known a tick late, and another event may have to say it, too.
 void ProcessTable::settle_start(Process &process) const
 {
     ProcessStat stat;

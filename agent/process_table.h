@@ -1,5 +1,5 @@
 /*
- * process_table.h: processes that run and those that ended a while ago, as the kernel's events tell of them.
+ * process_table.h: processes that run and those that ended a while ago, as the kernel's events report them.
  *
  * A process has states, one after the other: what it is made as, what it becomes with each program, user and name.
  * Which of them is meant is told by a time, and so is whether a pid is that of a process or of the one that had it
@@ -32,13 +32,13 @@ namespace agent
 struct ProcessState {
     uint64_t from_ns = 0;  /* monotonic clock */
     std::string name{};    /* empty: not known */
-    uint64_t named_ns = 0; /* when the name was read; 0: the kernel's event told it */
+    uint64_t named_ns = 0; /* when the name was read; 0: the kernel's event said it */
     std::optional<uint32_t> uid{};
     ImagePtr image{};          /* null: not read yet */
     bool own_image = false;    /* read of this process, not of the one that made it */
     AncestorPtr self{};        /* as it stands in its children's lists; null: it has made none */
-    ProcessPtr info{};         /* what was told of it; null: not asked for yet */
-    bool info_without = false; /* it was told without a program */
+    ProcessPtr info{};         /* what was reported of it; null: not asked for yet */
+    bool info_without = false; /* it was reported without a program */
     CountedBytes info_bytes{};
 };
 

@@ -97,7 +97,7 @@ void Processes::listen()
     listens_ = false;
 }
 
-// What the kernel has sent by now. False: it sends no more. An overflow is told before what the queue held.
+// What the kernel has sent by now. False: it sends no more. An overflow is reported before what the queue held.
 bool Processes::take_all()
 {
     using Result = ProcessConnector::Result;

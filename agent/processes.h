@@ -55,7 +55,7 @@ private:
     void mend() REQUIRES(lock_);
 
     ProcessCache cache_;
-    std::vector<Slot> slots_; /* by the low bits of the pid: what was told in this turn */
+    std::vector<Slot> slots_; /* by the low bits of the pid: what was reported in this turn */
     uint64_t turn_ = UINT64_MAX, turn_ns_ = 0;
     common::UrgentMutex lock_; /* the reader must not wait for a thread that does not get to run */
     ProcessConnector connector_ GUARDED_BY(lock_);

@@ -28,7 +28,7 @@ struct Request {
     uint64_t timeout_ms = 0;  /* without an event; 0: none */
     bool keep_going = false;
     bool ancestors = false;                                    /* of processes are shown */
-    bool no_found = false;                                     /* what is found in new directories is not told */
+    bool no_found = false;                                     /* what is found in new directories is not reported */
     std::vector<std::pair<std::string, std::string>> settings; /* keys of fmon.ini */
     Probes probes = Probes::kAuto;
     Source source = Source::kAuto;

@@ -67,7 +67,7 @@ void RootGuard::look()
         if (!is_watched(root))
             continue;
         const char *const reason = end_reason(root.path, root.identity);
-        // Only what is seen twice counts: an event that tells more may be on its way.
+        // Only what is seen twice counts: an event that says more may be on its way.
         if (reason && root.suspected)
             end(root, reason);
         root.suspected = reason != nullptr;

@@ -27,7 +27,7 @@ public:
     /* Whether marks of file systems serve it, and not kernel probes. */
     bool by_file_systems() const { return by_file_systems_; }
 
-    /* Takes the mounts in that have come since. What could not be taken in is told on stderr. */
+    /* Takes the mounts in that have come since. What could not be taken in is said on stderr. */
     void follow_mounts();
 
 private:

@@ -111,7 +111,7 @@ void TreeKeeper::complete(const std::string &path)
     for (const std::string &root : roots_) {
         if (!is_below(root, start) || max_depth_ == 0)
             continue;
-        const uint32_t level = static_cast<uint32_t>(folder_depth(root, start)) + (start == root ? 0 : 1);
+        const uint32_t level = static_cast<uint32_t>(directory_depth(root, start)) + (start == root ? 0 : 1);
         if (level < max_depth_)
             depth = std::max(depth, max_depth_ - level);
     }

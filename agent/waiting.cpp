@@ -98,7 +98,7 @@ void Waiting::look_at(size_t index)
                               std::to_string(now.owner) + ", who could so choose what is watched");
     if (!root.watched.empty()) {
         const char *const reason = why_ended(root, now);
-        // Only what is seen twice counts: an event that tells more may be on its way.
+        // Only what is seen twice counts: an event that says more may be on its way.
         if (!reason || !std::exchange(root.suspected, true)) {
             root.suspected = reason;
             return;

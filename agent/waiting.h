@@ -27,7 +27,7 @@ public:
         std::function<void(const std::string &watched)> watched; /* before the path's first event */
         std::function<void(const std::string &path)> appeared;
         std::function<void(const std::string &path, const char *reason)> ended;
-        std::function<void(const std::string &line)> refused; /* told once a path */
+        std::function<void(const std::string &line)> refused; /* called once a path */
     };
 
     /* `container`: the monitor runs inside one, where paths are taken as they are. */
@@ -36,7 +36,7 @@ public:
     {
     }
 
-    /* The first look: what is there is watched and not told. */
+    /* The first look: what is there is watched and not reported. */
     void start();
 
     /* An event of a kind that ends a watch, on any path. */
@@ -60,7 +60,7 @@ private:
     const bool container_;
     const Reports reports_;
     bool started_ = false;
-    std::set<std::string> told_; /* paths whose refusal was told */
+    std::set<std::string> told_; /* paths whose refusal was reported */
 };
 
 }  // namespace agent

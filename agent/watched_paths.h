@@ -81,7 +81,7 @@ private:
     Placer placer_;
     std::unique_ptr<Waiting> waiting_;   /* null: nothing is placed yet */
     std::unique_ptr<TreeKeeper> keeper_; /* null: nothing is watched recursively */
-    std::unique_ptr<Found> found_;       /* null: what is found is not told */
+    std::unique_ptr<Found> found_;       /* null: what is found is not reported */
     RootGuard guard_;
     MountGuard mounts_;
     TreeWalk walk_;

@@ -85,8 +85,8 @@ std::string DentryLayout::lacking() const
     const struct {
         int offset;
         const char *what;
-    } rows[] = {{parent, "an entry's folder"},   {name, "an entry's name"},  {inline_name, "short names"},
-                {inode, "an entry's inode"},     {super, "its file system"}, {s_dev, "a file system's device"},
+    } rows[] = {{parent, "an entry's directory"}, {name, "an entry's name"},  {inline_name, "short names"},
+                {inode, "an entry's inode"},      {super, "its file system"}, {s_dev, "a file system's device"},
                 {i_mode, "an inode's file type"}};
     std::string text;
     for (const auto &row : rows)

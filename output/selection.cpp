@@ -39,7 +39,7 @@ bool Selection::is_within_depth(std::string_view path) const
     if (max_depth_ == 0)
         return true;
     return std::any_of(roots_.begin(), roots_.end(), [&](const std::string &root) {
-        const int depth = agent::folder_depth(root, path);
+        const int depth = agent::directory_depth(root, path);
         return depth >= 0 && static_cast<uint32_t>(depth) <= max_depth_;
     });
 }

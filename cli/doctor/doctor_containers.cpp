@@ -77,7 +77,7 @@ ContainerFacts gather_containers(bool container)
     facts.host_processes = sees_host_processes();
     facts.first_hidden = access("/proc/1", F_OK) != 0;
     agent::ContainerLibrary library;
-    if (load_container_library(agent::library_folder(), library, facts.library_error) && library.survey) {
+    if (load_container_library(agent::library_directory(), library, facts.library_error) && library.survey) {
         facts.surveyed = true;
         facts.census_error = -library.survey(&facts.census);
     }

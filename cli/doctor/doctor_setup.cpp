@@ -37,7 +37,7 @@ std::string ini_value(const Ini &ini, const char *section, const char *key)
 // The answer that the monitor asks for when it starts.
 void ask_container(SetupFacts &facts)
 {
-    void *library = dlopen((agent::library_folder() + "/libhulbase.so").c_str(), RTLD_NOW | RTLD_LOCAL);
+    void *library = dlopen((agent::library_directory() + "/libhulbase.so").c_str(), RTLD_NOW | RTLD_LOCAL);
     const auto get_type = library ? reinterpret_cast<int (*)(char *, int)>(dlsym(library, "GetAgentType")) : nullptr;
     char type[20] = "";
     facts.container = get_type && get_type(type, sizeof type) != -1;
@@ -123,7 +123,7 @@ SetupFacts gather_setup()
 {
     SetupFacts facts;
     agent::Module module;
-    load_module(agent::library_folder(), module, facts.monitor_error);
+    load_module(agent::library_directory(), module, facts.monitor_error);
     ask_container(facts);
     facts.config = agent::gather_probe_facts(facts.container, false).config;
     const Ini ini = load_ini(facts.config);

@@ -37,7 +37,7 @@ Listener listener_of_line(std::string_view line)
 // ends no search. 0, or the errno of this user's own directory, or of another where nothing is there.
 int connect_to(pid_t pid, common::Fd &socket)
 {
-    const std::string own = agent::dump_folder();
+    const std::string own = agent::dump_directory();
     int error = own.empty() ? ENOENT : agent::connect_in(own, pid, socket);
     for (const Listener &listener : error ? listeners() : std::vector<Listener>()) {
         if (listener.pid != pid)
@@ -107,8 +107,8 @@ std::vector<Listener> listeners(const char *table)
     for (std::string line; std::getline(in, line);)
         if (Listener listener = listener_of_line(line); listener.pid != 0)
             all.push_back(std::move(listener));
-    const std::string own = agent::dump_folder();
-    for (const pid_t pid : own.empty() ? std::vector<pid_t>() : agent::pids_in_folder(own))
+    const std::string own = agent::dump_directory();
+    for (const pid_t pid : own.empty() ? std::vector<pid_t>() : agent::pids_in_directory(own))
         all.push_back({pid, own});
     std::sort(all.begin(), all.end());
     all.erase(std::unique(all.begin(), all.end()), all.end());

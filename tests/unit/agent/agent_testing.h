@@ -53,8 +53,6 @@ private:
     std::string root_;
 };
 
-using Folder = Directory;
-
 inline std::string random_bytes(std::mt19937 &random, size_t max)
 {
     std::string bytes(random() % (max + 1), '\0');

@@ -8,13 +8,13 @@ using namespace agent;
 
 TEST(Below, DepthBelowARoot)
 {
-    EXPECT_EQ(0, folder_depth("/a", "/a"));
-    EXPECT_EQ(0, folder_depth("/a", "/a/b"));
-    EXPECT_EQ(1, folder_depth("/a", "/a/b/c"));
-    EXPECT_EQ(-1, folder_depth("/a", "/ab"));
-    EXPECT_EQ(0, folder_depth("/", "/a"));
-    EXPECT_EQ(1, folder_depth("/", "/a/b"));
-    EXPECT_EQ(-1, folder_depth("/a/b", "/a"));
+    EXPECT_EQ(0, directory_depth("/a", "/a"));
+    EXPECT_EQ(0, directory_depth("/a", "/a/b"));
+    EXPECT_EQ(1, directory_depth("/a", "/a/b/c"));
+    EXPECT_EQ(-1, directory_depth("/a", "/ab"));
+    EXPECT_EQ(0, directory_depth("/", "/a"));
+    EXPECT_EQ(1, directory_depth("/", "/a/b"));
+    EXPECT_EQ(-1, directory_depth("/a/b", "/a"));
 }
 
 TEST(Below, IsTheRootItselfOrDeeper)

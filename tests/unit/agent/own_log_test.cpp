@@ -20,7 +20,7 @@ protected:
     CliOwnLog()
     {
         for (const auto &[name, value] :
-             {std::pair("HOME", folder.dir("home")), {"XDG_RUNTIME_DIR", folder.dir("run")}})
+             {std::pair("HOME", directory.dir("home")), {"XDG_RUNTIME_DIR", directory.dir("run")}})
             setenv(name, value.c_str(), 1);
         unsetenv("XDG_STATE_HOME");
         unsetenv("FMON_LOG");
@@ -31,26 +31,26 @@ protected:
         autolog_deinit();
         orx_host_path_override("@/../var/log/agent/fmon", nullptr);
     }
-    Paths folders() const { return log_folders(options, "/installed"); }
+    Paths directories() const { return log_directories(options, "/installed"); }
 
-    agent_testing::Folder folder;
+    agent_testing::Directory directory;
     Request options;
-    const std::string home = folder.path("home/.local/state/fmon"), run = folder.path("run/fmon");
+    const std::string home = directory.path("home/.local/state/fmon"), run = directory.path("run/fmon");
 };
 
 }  // namespace
 
 TEST_F(CliOwnLog, GoesToTheInstallationOrToTheUsersOwnPlaces)
 {
-    options.paths = {folder.path("home")};
-    EXPECT_EQ(folders(), (Paths{"/installed", home, run}));
+    options.paths = {directory.path("home")};
+    EXPECT_EQ(directories(), (Paths{"/installed", home, run}));
     setenv("XDG_STATE_HOME", "/state", 1);
-    EXPECT_EQ(folders(), (Paths{"/installed", "/state/fmon", run}));
+    EXPECT_EQ(directories(), (Paths{"/installed", "/state/fmon", run}));
     setenv("XDG_STATE_HOME", "relative", 1);
     unsetenv("XDG_RUNTIME_DIR");
-    EXPECT_EQ(folders(), (Paths{"/installed", home}));
+    EXPECT_EQ(directories(), (Paths{"/installed", home}));
     unsetenv("HOME");
-    EXPECT_EQ(Paths{"/installed"}, folders());
+    EXPECT_EQ(Paths{"/installed"}, directories());
 }
 
 /* A line for each event, where each line is an event, has no end. */
@@ -58,25 +58,25 @@ TEST_F(CliOwnLog, WithLinesForEventsGoesWhereNobodyWatches)
 {
     for (const int level : {3, 4}) {
         options.log_level = level;
-        options.paths = {folder.path("home")};
-        EXPECT_EQ(folders(), (Paths{"/installed", run}));
-        options.paths = {folder.path("other"), folder.path("run/f*"), "/installed"};
-        EXPECT_EQ(folders(), Paths{home});
-        options.paths = {folder.path("home/.local/state/fmo")};
-        EXPECT_EQ(folders(), (Paths{"/installed", home, run}));
+        options.paths = {directory.path("home")};
+        EXPECT_EQ(directories(), (Paths{"/installed", run}));
+        options.paths = {directory.path("other"), directory.path("run/f*"), "/installed"};
+        EXPECT_EQ(directories(), Paths{home});
+        options.paths = {directory.path("home/.local/state/fmo")};
+        EXPECT_EQ(directories(), (Paths{"/installed", home, run}));
         options.paths = {home};
-        EXPECT_EQ(folders(), (Paths{"/installed", run}));
+        EXPECT_EQ(directories(), (Paths{"/installed", run}));
         options.paths = {"/"};
-        EXPECT_EQ(Paths{}, folders());
+        EXPECT_EQ(Paths{}, directories());
     }
 }
 
 TEST_F(CliOwnLog, AWatchedLinkToItIsFound)
 {
     options.log_level = 4;
-    ASSERT_EQ(0, symlink("home", folder.path("link").c_str()));
-    options.paths = {folder.path("link")};
-    EXPECT_EQ(folders(), (Paths{"/installed", run}));
+    ASSERT_EQ(0, symlink("home", directory.path("link").c_str()));
+    options.paths = {directory.path("link")};
+    EXPECT_EQ(directories(), (Paths{"/installed", run}));
 }
 
 TEST_F(CliOwnLog, TellsItsFiles)

@@ -20,31 +20,31 @@ namespace
 constexpr uint32_t kPid = 77;
 
 /* A directory that looks like /proc to the reader. */
-class ProcFolder : public testing::Test
+class ProcDirectory : public testing::Test
 {
 protected:
     void run(const std::string &name, const std::string &exe, const std::string &cmdline, int start = 5,
              const std::string &code = "400") const
     {
         end();
-        folder.dir("77");
-        folder.file("77/stat", "77 (" + name + ") S 7 1 1 0 -1 4194304 1 0 0 0 0 0 0 0 20 0 1 0 " +
-                                   std::to_string(start) + " 100 200 -1 " + code +
-                                   " 500 600 0 0 0 0 0 0 0 0 0 17 0 0 0 0 0 0 1 2 3 4 5 6 7 0\n");
-        folder.file("77/status", "Name:\tx\nPPid:\t7\nUid:\t1000\t1001\t1000\t1000\nGid:\t1\n");
-        folder.file("77/cmdline", cmdline);
+        directory.dir("77");
+        directory.file("77/stat", "77 (" + name + ") S 7 1 1 0 -1 4194304 1 0 0 0 0 0 0 0 20 0 1 0 " +
+                                      std::to_string(start) + " 100 200 -1 " + code +
+                                      " 500 600 0 0 0 0 0 0 0 0 0 17 0 0 0 0 0 0 1 2 3 4 5 6 7 0\n");
+        directory.file("77/status", "Name:\tx\nPPid:\t7\nUid:\t1000\t1001\t1000\t1000\nGid:\t1\n");
+        directory.file("77/cmdline", cmdline);
         if (!exe.empty()) {
-            EXPECT_EQ(0, symlink(exe.c_str(), folder.path("77/exe").c_str()));
+            EXPECT_EQ(0, symlink(exe.c_str(), directory.path("77/exe").c_str()));
         }
     }
-    void end() const { std::filesystem::remove_all(folder.path("77")); }
+    void end() const { std::filesystem::remove_all(directory.path("77")); }
     /* In a turn of its own. */
     ProcessPtr find(uint64_t now = 0) { return cache.find(kPid, ++turn, now); }
 
     /* Does `change` while the process's status is being read. */
     void during_a_reading(const std::function<void()> &change)
     {
-        const std::string status = folder.path("77/status");
+        const std::string status = directory.path("77/status");
         std::filesystem::remove(status);
         ASSERT_EQ(0, mkfifo(status.c_str(), 0600));
         changer = std::thread([=] {
@@ -54,21 +54,21 @@ protected:
             close(writer);
         });
     }
-    ~ProcFolder() override
+    ~ProcDirectory() override
     {
         if (changer.joinable())
             changer.join();
     }
 
-    agent_testing::Folder folder;
+    agent_testing::Directory directory;
     uint64_t turn = 0;
     std::thread changer;
-    ProcessCache cache{folder.root()};
+    ProcessCache cache{directory.root()};
 };
 
 }  // namespace
 
-TEST_F(ProcFolder, ReadsAllFields)
+TEST_F(ProcDirectory, ReadsAllFields)
 {
     run("cat", "/usr/bin/cat", std::string("cat\0a b\0", 8));
     const ProcessPtr info = find();
@@ -81,7 +81,7 @@ TEST_F(ProcFolder, ReadsAllFields)
     EXPECT_EQ(5u, info->start);
 }
 
-TEST_F(ProcFolder, ANameMayLookLikeTheFieldsBehindIt)
+TEST_F(ProcDirectory, ANameMayLookLikeTheFieldsBehindIt)
 {
     run("a) R 9 (b", "", "");
     const ProcessPtr info = find();
@@ -90,23 +90,23 @@ TEST_F(ProcFolder, ANameMayLookLikeTheFieldsBehindIt)
     EXPECT_EQ(7u, info->ppid);
 }
 
-TEST_F(ProcFolder, BrokenFilesAreNoProcess)
+TEST_F(ProcDirectory, BrokenFilesAreNoProcess)
 {
     for (const char *stat : {"", "77", "77 (cat", "77 cat) S", "77 )cat( S 1", "77 (cat)"}) {
-        folder.dir("77");
-        folder.file("77/stat", stat);
+        directory.dir("77");
+        directory.file("77/stat", stat);
         ProcessPrint print;
         ProcessInfo info;
-        EXPECT_FALSE(read_process(folder.root(), kPid, print, info)) << stat;
+        EXPECT_FALSE(read_process(directory.root(), kPid, print, info)) << stat;
     }
 }
 
 /* What cannot be read is not told; above all, nobody becomes root by it. */
-TEST_F(ProcFolder, WhatIsNotKnownIsLeftOut)
+TEST_F(ProcDirectory, WhatIsNotKnownIsLeftOut)
 {
     for (const char *status : {"", "Name:\tx\nUid:\t1000", "Name:\tx\nUid:\t1000\tx\n", "Uid:\t0\t0\n"}) {
         run("cat", "/usr/bin/cat", "cat");
-        folder.file("77/status", status);
+        directory.file("77/status", status);
         ASSERT_TRUE(find());
         EXPECT_EQ(std::nullopt, cache.find(kPid, turn, 0)->uid) << status;
         end();
@@ -114,7 +114,7 @@ TEST_F(ProcFolder, WhatIsNotKnownIsLeftOut)
     }
 }
 
-TEST_F(ProcFolder, AnEndedProcessIsForgotten)
+TEST_F(ProcDirectory, AnEndedProcessIsForgotten)
 {
     run("cat", "/usr/bin/cat", "cat");
     const ProcessPtr first = cache.find(kPid, 1, 0);
@@ -124,7 +124,7 @@ TEST_F(ProcFolder, AnEndedProcessIsForgotten)
     EXPECT_EQ("cat", first->name) << "whoever has it keeps it";
 }
 
-TEST_F(ProcFolder, APidThatIsUsedAgainIsAnotherProcess)
+TEST_F(ProcDirectory, APidThatIsUsedAgainIsAnotherProcess)
 {
     run("trusted", "/usr/bin/trusted", "trusted", 5);
     EXPECT_EQ(5u, find()->start);
@@ -132,7 +132,7 @@ TEST_F(ProcFolder, APidThatIsUsedAgainIsAnotherProcess)
     EXPECT_EQ(6u, find()->start);
 }
 
-TEST_F(ProcFolder, AnotherProgramIsSeenByItsNameItsFileOrItsPlace)
+TEST_F(ProcDirectory, AnotherProgramIsSeenByItsNameItsFileOrItsPlace)
 {
     run("sh", "/bin/sh", "sh 1");
     EXPECT_EQ("sh 1", find()->cmdline);
@@ -145,7 +145,7 @@ TEST_F(ProcFolder, AnotherProgramIsSeenByItsNameItsFileOrItsPlace)
 }
 
 /* Without permission nothing shows that it is still the same. */
-TEST_F(ProcFolder, AProgramThatMayNotBeSeenIsReadEachTurn)
+TEST_F(ProcDirectory, AProgramThatMayNotBeSeenIsReadEachTurn)
 {
     run("sh", "", "sh 1");
     EXPECT_EQ("sh 1", find()->cmdline);
@@ -153,7 +153,7 @@ TEST_F(ProcFolder, AProgramThatMayNotBeSeenIsReadEachTurn)
     EXPECT_EQ("sh 2", find()->cmdline);
 }
 
-TEST_F(ProcFolder, IsLookedAtOnceATurn)
+TEST_F(ProcDirectory, IsLookedAtOnceATurn)
 {
     run("sh", "/bin/sh", "sh");
     const ProcessPtr first = cache.find(kPid, 1, 0);
@@ -163,7 +163,7 @@ TEST_F(ProcFolder, IsLookedAtOnceATurn)
     EXPECT_EQ("sh", first->name);
 }
 
-TEST_F(ProcFolder, WhatChangesWithoutATraceIsReadAgainAfterAWhile)
+TEST_F(ProcDirectory, WhatChangesWithoutATraceIsReadAgainAfterAWhile)
 {
     run("sh", "/bin/sh", "sh 1");
     const ProcessPtr first = find(0);
@@ -172,14 +172,14 @@ TEST_F(ProcFolder, WhatChangesWithoutATraceIsReadAgainAfterAWhile)
     EXPECT_EQ("sh 2", find(ProcessCache::kRefreshMs)->cmdline);
 }
 
-TEST_F(ProcFolder, NothingNewKeepsTheSameRecord)
+TEST_F(ProcDirectory, NothingNewKeepsTheSameRecord)
 {
     run("sh", "/bin/sh", "sh");
     const ProcessPtr first = find(0);
     EXPECT_EQ(find(ProcessCache::kRefreshMs), first);
 }
 
-TEST_F(ProcFolder, AZombieHasItsNameAndUser)
+TEST_F(ProcDirectory, AZombieHasItsNameAndUser)
 {
     run("cat", "/usr/bin/cat", "cat x");
     find();
@@ -190,7 +190,7 @@ TEST_F(ProcFolder, AZombieHasItsNameAndUser)
     EXPECT_EQ("", zombie->exe + zombie->cmdline);
 }
 
-TEST_F(ProcFolder, GoneAtFirstSightIsLookedForAgain)
+TEST_F(ProcDirectory, GoneAtFirstSightIsLookedForAgain)
 {
     EXPECT_EQ(nullptr, find());
     run("cat", "/usr/bin/cat", "cat");
@@ -198,7 +198,7 @@ TEST_F(ProcFolder, GoneAtFirstSightIsLookedForAgain)
 }
 
 /* Everything is of one reading. */
-TEST_F(ProcFolder, OneThatBecomesAnotherDuringTheReadingIsReadAgain)
+TEST_F(ProcDirectory, OneThatBecomesAnotherDuringTheReadingIsReadAgain)
 {
     run("malware", "/tmp/malware", "malware");
     during_a_reading([this] { run("apt-get", "/usr/bin/apt-get", "apt-get update"); });
@@ -208,7 +208,7 @@ TEST_F(ProcFolder, OneThatBecomesAnotherDuringTheReadingIsReadAgain)
     EXPECT_EQ(1001u, info->uid);
 }
 
-TEST_F(ProcFolder, OneThatEndsDuringTheReadingHasANameAtMost)
+TEST_F(ProcDirectory, OneThatEndsDuringTheReadingHasANameAtMost)
 {
     run("cat", "/usr/bin/cat", "cat x");
     during_a_reading([this] { end(); });
@@ -218,7 +218,7 @@ TEST_F(ProcFolder, OneThatEndsDuringTheReadingHasANameAtMost)
     EXPECT_EQ(nullptr, find());
 }
 
-TEST_F(ProcFolder, Pid0IsNobody) { EXPECT_EQ(nullptr, cache.find(0, 1, 0)); }
+TEST_F(ProcDirectory, Pid0IsNobody) { EXPECT_EQ(nullptr, cache.find(0, 1, 0)); }
 
 TEST(CliProcess, ItselfOnTheRealProc)
 {
@@ -321,33 +321,33 @@ TEST(CliProcess, AnotherUserIsToldAtOnce)
 
 TEST(CliProcess, PidsThatShareASlotReplaceEachOther)
 {
-    const agent_testing::Folder folder;
-    ProcessCache cache(folder.root());
+    const agent_testing::Directory directory;
+    ProcessCache cache(directory.root());
     for (const char *pid : {"1", "4097"}) {
-        folder.dir(pid);
-        folder.file(std::string(pid) + "/stat", std::string(pid) + " (p" + pid + ") S 1\n");
+        directory.dir(pid);
+        directory.file(std::string(pid) + "/stat", std::string(pid) + " (p" + pid + ") S 1\n");
     }
     EXPECT_EQ("p1", cache.find(1, 1, 0)->name);
     EXPECT_EQ("p4097", cache.find(4097, 1, 0)->name);
     EXPECT_EQ("p1", cache.find(1, 1, 0)->name);
 }
 
-TEST_F(ProcFolder, ReadsTheContainer)
+TEST_F(ProcDirectory, ReadsTheContainer)
 {
     const std::string id(64, 'c');
     run("cat", "/usr/bin/cat", "cat");
     EXPECT_EQ("", find()->container);
-    folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope\n");
+    directory.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope\n");
     EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, id);
 }
 
 /* Names of groups are their makers' choice: those of a container's own groups, and those of a user. */
-TEST_F(ProcFolder, AGroupOfItsOwnIsNotAnotherContainer)
+TEST_F(ProcDirectory, AGroupOfItsOwnIsNotAnotherContainer)
 {
     const std::string id(64, 'c'), claimed(64, 'd');
     run("cat", "/usr/bin/cat", "cat");
-    folder.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope/docker-" + claimed + ".scope\n");
+    directory.file("77/cgroup", "0::/system.slice/docker-" + id + ".scope/docker-" + claimed + ".scope\n");
     EXPECT_EQ(find()->container, id);
-    folder.file("77/cgroup", "0::/user.slice/user-1000.slice/user@1000.service/docker-" + claimed + ".scope\n");
+    directory.file("77/cgroup", "0::/user.slice/user-1000.slice/user@1000.service/docker-" + claimed + ".scope\n");
     EXPECT_EQ(find(ProcessCache::kRefreshMs)->container, claimed + "@1000");
 }

@@ -71,29 +71,29 @@ public:
         int start = 5;
         std::string loginuid = "4294967295", uid = "1001", cgroup = "0::/\n";
     };
-    const std::string &root() const { return folder_.root(); }
+    const std::string &root() const { return directory_.root(); }
 
     void put(uint32_t pid, const Look &look) const
     {
         const std::string at = std::to_string(pid);
         end(pid);
-        folder_.dir(at);
-        folder_.file(at + "/stat", at + " (" + look.name + ") S " + std::to_string(look.ppid) +
-                                       " 1 1 0 -1 4194304 1 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(look.start) +
-                                       " 100 200 -1 400 500 600 0 0 0 0 0 0 0 0 0 17 0 0 0 0 0 0 1 2 3 4 5 6 7 0\n");
-        folder_.file(at + "/comm", look.name + "\n");
-        folder_.file(at + "/status", "Name:\tx\nUid:\t1000\t" + look.uid + "\t1000\t1000\n");
-        folder_.file(at + "/cmdline", look.arguments + std::string(look.arguments.empty() ? 0 : 1, '\0'));
-        folder_.file(at + "/loginuid", look.loginuid);
-        folder_.file(at + "/cgroup", look.cgroup);
+        directory_.dir(at);
+        directory_.file(at + "/stat", at + " (" + look.name + ") S " + std::to_string(look.ppid) +
+                                          " 1 1 0 -1 4194304 1 0 0 0 0 0 0 0 20 0 1 0 " + std::to_string(look.start) +
+                                          " 100 200 -1 400 500 600 0 0 0 0 0 0 0 0 0 17 0 0 0 0 0 0 1 2 3 4 5 6 7 0\n");
+        directory_.file(at + "/comm", look.name + "\n");
+        directory_.file(at + "/status", "Name:\tx\nUid:\t1000\t" + look.uid + "\t1000\t1000\n");
+        directory_.file(at + "/cmdline", look.arguments + std::string(look.arguments.empty() ? 0 : 1, '\0'));
+        directory_.file(at + "/loginuid", look.loginuid);
+        directory_.file(at + "/cgroup", look.cgroup);
         if (!look.exe.empty()) {
-            EXPECT_EQ(0, symlink(look.exe.c_str(), folder_.path(at + "/exe").c_str()));
+            EXPECT_EQ(0, symlink(look.exe.c_str(), directory_.path(at + "/exe").c_str()));
         }
     }
-    void end(uint32_t pid) const { std::filesystem::remove_all(folder_.path(std::to_string(pid))); }
+    void end(uint32_t pid) const { std::filesystem::remove_all(directory_.path(std::to_string(pid))); }
 
 private:
-    agent_testing::Folder folder_;
+    agent_testing::Directory directory_;
 };
 
 }  // namespace process_messages

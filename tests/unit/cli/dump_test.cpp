@@ -128,8 +128,8 @@ TEST(CliDumpProtocol, Answers)
 
 TEST(CliDumpClient, FindsListenersInTheTable)
 {
-    const agent_testing::Folder folder;
-    const std::string table = folder.file(
+    const agent_testing::Directory directory;
+    const std::string table = directory.file(
         "unix",
         "Num       RefCount Protocol Flags    Type St Inode Path\n"
         "0000000000000000: 00000002 00000000 00010000 0001 01 1041 /run/fmon/fmon-77.socket\n"
@@ -143,8 +143,8 @@ TEST(CliDumpClient, FindsListenersInTheTable)
         "/fmon-3.socket\n"
         "short\n");
     std::vector<Listener> found = listeners(table.c_str());
-    std::erase_if(found,
-                  [](const Listener &listener) { return listener.directory == dump_folder() && listener.pid != 77; });
+    std::erase_if(
+        found, [](const Listener &listener) { return listener.directory == dump_directory() && listener.pid != 77; });
     EXPECT_EQ((std::vector<Listener>{{5, "/run/user/1 2"}, {77, "/run/fmon"}}), found);
 }
 
@@ -162,13 +162,13 @@ TEST(CliDumpClient, NobodyThere)
 /* A name that another process has taken is not asked: it could answer anything. */
 TEST(CliDumpClient, AnotherProcessUnderTheName)
 {
-    const agent_testing::Folder folder;
+    const agent_testing::Directory directory;
     int ready[2];
     ASSERT_EQ(0, pipe(ready));
     const pid_t target = getpid(), child = fork();
     if (child == 0) {
-        const std::string own = folder.path(socket_name(getpid())), name = folder.path(socket_name(target));
-        const common::Fd fd = listen_in(folder.root(), 1);
+        const std::string own = directory.path(socket_name(getpid())), name = directory.path(socket_name(target));
+        const common::Fd fd = listen_in(directory.root(), 1);
         const bool ok = fd && rename(own.c_str(), name.c_str()) == 0;
         _exit(write(ready[1], ok ? "y" : "n", 1) == 1 ? pause() : 1);
     }
@@ -176,9 +176,9 @@ TEST(CliDumpClient, AnotherProcessUnderTheName)
     ASSERT_EQ(1, read(ready[0], &ok, 1));
     ASSERT_EQ('y', ok);
     common::Fd socket;
-    EXPECT_EQ(EPERM, connect_in(folder.root(), target, socket));
-    EXPECT_FALSE(is_watch({target, folder.root()}));
-    EXPECT_EQ(ENOENT, connect_in(folder.root(), child, socket));
+    EXPECT_EQ(EPERM, connect_in(directory.root(), target, socket));
+    EXPECT_FALSE(is_watch({target, directory.root()}));
+    EXPECT_EQ(ENOENT, connect_in(directory.root(), child, socket));
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     close(ready[0]);
@@ -188,8 +188,8 @@ TEST(CliDumpClient, AnotherProcessUnderTheName)
 /* One that sends without end is not taken in. */
 TEST(CliDumpClient, BoundsWhatItTakes)
 {
-    const agent_testing::Folder folder;
-    const common::Fd listener = listen_in(folder.root(), 1);
+    const agent_testing::Directory directory;
+    const common::Fd listener = listen_in(directory.root(), 1);
     std::atomic<uint64_t> sent = 0;
     std::thread endless([&] {
         struct pollfd p = {listener.get(), POLLIN, 0};
