@@ -17,7 +17,8 @@
     X(access) X(write) X(mmap) X(ioctl) X(perf_event_open) X(eventfd) X(epoll_create1) X(epoll_ctl) \
     X(pthread_create) X(inotify_init1) \
     X(openat) X(openat2) X(pidfd_open) X(readlinkat) X(fdopendir) X(dup) \
-    X(fstatat) X(open_by_handle_at) X(name_to_handle_at) X(fstatfs)
+    X(fstatat) X(open_by_handle_at) X(name_to_handle_at) X(fstatfs) \
+    X(pwrite) X(pread) X(ftruncate) X(fsync) X(fdatasync) X(unlinkat) X(mkdirat) X(flock) X(getrandom)
 /* clang-format on */
 
 namespace testlib
