@@ -9,7 +9,7 @@
 namespace output
 {
 
-extern const SinkRow kStdoutRow;
+extern const SinkRow kStdoutRow, kFileRow;
 
 }  // namespace output
 
