@@ -1,6 +1,5 @@
 #include "exec.h"
 
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -11,6 +10,7 @@
 
 #include "agent/descriptors.h"
 #include "agent/event_names.h"
+#include "spawn_setting.h"
 
 namespace output
 {
@@ -46,35 +46,6 @@ std::vector<char *> environment(std::vector<std::string> &own)
     return all;
 }
 
-/* Attributes of the new process: signals as they were before the command changed them, stdin from nowhere. */
-class SpawnSetting
-{
-public:
-    SpawnSetting()
-    {
-        posix_spawnattr_init(&attributes);
-        posix_spawn_file_actions_init(&files);
-        sigset_t none, reset;
-        sigemptyset(&none);
-        sigemptyset(&reset);
-        sigaddset(&reset, SIGPIPE);
-        posix_spawnattr_setsigmask(&attributes, &none);
-        posix_spawnattr_setsigdefault(&attributes, &reset);
-        posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF);
-        posix_spawn_file_actions_addopen(&files, 0, "/dev/null", 0, 0);
-    }
-    ~SpawnSetting()
-    {
-        posix_spawnattr_destroy(&attributes);
-        posix_spawn_file_actions_destroy(&files);
-    }
-    SpawnSetting(const SpawnSetting &) = delete;
-    SpawnSetting &operator=(const SpawnSetting &) = delete;
-
-    posix_spawnattr_t attributes;
-    posix_spawn_file_actions_t files;
-};
-
 // False: it has not ended in time. A signal to the whole terminal has reached the command already; one to this process
 // alone has not.
 bool wait_for(pid_t child, const Executor::Patience &patience, int &status)
@@ -109,7 +80,8 @@ bool Executor::run(const agent::Event &event, const Patience &patience, std::str
     std::vector<char *> variables = environment(own);
     std::string shell = "sh", option = "-c", command = agent::usual_descriptors() + command_;
     char *const arguments[] = {shell.data(), option.data(), command.data(), nullptr};
-    const SpawnSetting setting;
+    SpawnSetting setting;
+    posix_spawn_file_actions_addopen(&setting.files, 0, "/dev/null", 0, 0);
     pid_t child;
     const int code = posix_spawn(&child, "/bin/sh", &setting.files, &setting.attributes, arguments, variables.data());
     if (code != 0) {
