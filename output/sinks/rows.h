@@ -9,7 +9,7 @@
 namespace output
 {
 
-extern const SinkRow kStdoutRow, kFileRow;
+extern const SinkRow kStdoutRow, kFileRow, kCommandRow;
 
 }  // namespace output
 
