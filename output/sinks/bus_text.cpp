@@ -1,0 +1,168 @@
+#include "bus_text.h"
+
+#include <rapidjson/stringbuffer.h>
+#include <rapidjson/writer.h>
+
+#include <algorithm>
+#include <cctype>
+
+#include "agent/escape.h"
+#include "agent/event_names.h"
+#include "agent/time_format.h"
+
+namespace output
+{
+
+namespace
+{
+
+using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+
+/* From what says most to what says least. */
+constexpr std::string_view kKinds[] = {"delete",        "delete_self", "moved_from",  "moved_to", "move_self",
+                                       "create",        "link",        "close_write", "modify",   "attrib",
+                                       "close_nowrite", "open",        "access"};
+
+std::string safe_value(std::string_view value, bool dots)
+{
+    std::string out(value);
+    for (char &c : out)
+        if (!isalnum(static_cast<unsigned char>(c)) && c != '-' && c != '_' && !(dots && c == '.'))
+            c = '_';
+    return out.empty() ? "_" : out;
+}
+
+void put(Writer &writer, const char *key, std::string_view text)
+{
+    std::string clean;
+    agent::append_utf8(text, clean);
+    writer.Key(key);
+    writer.String(clean.data(), static_cast<rapidjson::SizeType>(clean.size()));
+}
+
+void put(Writer &writer, const char *key, uint64_t number)
+{
+    writer.Key(key);
+    writer.Uint64(number);
+}
+
+template <typename Fields>
+std::string line_of(const char *type, const Origin &origin, uint64_t time_ns, Fields fields)
+{
+    rapidjson::StringBuffer line;
+    Writer writer(line);
+    writer.StartObject();
+    put(writer, "type", type);
+    std::string time;
+    agent::UtcTime().append(time_ns, time);
+    put(writer, "time", time);
+    fields(writer);
+    put(writer, "instance", origin.instance);
+    put(writer, "host", origin.host);
+    put(writer, "boot", origin.boot);
+    writer.EndObject();
+    return {line.GetString(), line.GetSize()};
+}
+
+}  // namespace
+
+std::string_view bus_kind(const Record &record)
+{
+    if (!record.event)
+        return record.type;
+    const std::string_view *best = std::end(kKinds);
+    agent::for_each_event(record.event->mask, [&](std::string_view name) {
+        best = std::min(best, std::find(std::begin(kKinds), std::end(kKinds), name));
+    });
+    return best == std::end(kKinds) ? record.type : *best;
+}
+
+bool SubjectTemplate::add_name(std::string_view name, std::string &error)
+{
+    static constexpr struct {
+        std::string_view name;
+        Part part;
+    } kNames[] = {{"host", Part::kHost}, {"instance", Part::kInstance}, {"kind", Part::kKind}};
+    for (const auto &row : kNames) {
+        if (row.name != name)
+            continue;
+        pieces_.push_back({row.part, {}});
+        return true;
+    }
+    error = "{" + std::string(name) + "} is not known: {host}, {instance} and {kind} are";
+    return false;
+}
+
+bool SubjectTemplate::parse(std::string_view text, bool dots, std::string &error)
+{
+    pieces_.clear();
+    dots_ = dots;
+    if (text.empty())
+        error = "is empty";
+    while (!text.empty()) {
+        const size_t open = std::min(text.find('{'), text.size());
+        if (open > 0)
+            pieces_.push_back({Part::kText, std::string(text.substr(0, open))});
+        text.remove_prefix(open);
+        if (text.empty())
+            break;
+        const size_t close = text.find('}');
+        if (close == text.npos) {
+            error = "a \"{\" has no \"}\"";
+            return false;
+        }
+        if (!add_name(text.substr(1, close - 1), error))
+            return false;
+        text.remove_prefix(close + 1);
+    }
+    return !pieces_.empty();
+}
+
+std::string SubjectTemplate::make(std::string_view host, std::string_view instance, std::string_view kind) const
+{
+    std::string out;
+    for (const Piece &piece : pieces_) {
+        switch (piece.part) {
+            case Part::kText:
+                out += piece.text;
+                break;
+            case Part::kHost:
+                out += safe_value(host, dots_);
+                break;
+            case Part::kInstance:
+                out += safe_value(instance, dots_);
+                break;
+            case Part::kKind:
+                out += safe_value(kind, dots_);
+                break;
+        }
+    }
+    return out;
+}
+
+std::string bus_id(const SpoolEntry &entry)
+{
+    return *entry.origin + (entry.own ? ":o" : ":") + std::to_string(entry.number);
+}
+
+std::string heartbeat_text(const Origin &origin, uint64_t time_ns, const BusFigures &figures)
+{
+    return line_of("heartbeat", origin, time_ns, [&](Writer &writer) {
+        put(writer, "accepted", figures.accepted);
+        put(writer, "acknowledged", figures.acknowledged);
+        put(writer, "dropped", figures.dropped);
+        put(writer, "waiting", figures.waiting);
+        put(writer, "losses", figures.losses);
+        put(writer, "spool_bytes", figures.spool_bytes);
+    });
+}
+
+std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count)
+{
+    return line_of("loss", origin, time_ns, [&](Writer &writer) {
+        put(writer, "source", "output");
+        put(writer, "count", count);
+    });
+}
+
+}  // namespace output
