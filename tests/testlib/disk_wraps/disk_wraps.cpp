@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <cstdarg>
 #include <cstddef>
+#include <system_error>
+#include <thread>
 
 #include "testlib/fault_switch.h"
 
@@ -94,5 +96,18 @@ WRAP_PWRITE(pwrite64, off64_t)
     }
 WRAP_FCNTL(fcntl)
 WRAP_FCNTL(fcntl64)
+
+/* std::thread's, which calls pthread_create from where no call is wrapped. The state is a std::unique_ptr, handed over
+ * by its address. */
+#define THREAD_START(prefix) \
+    prefix##_ZNSt6thread15_M_start_threadESt10unique_ptrINS_6_StateESt14default_deleteIS1_EEPFvvE
+void THREAD_START(__real_)(std::thread *thread, void *state, void (*depend)());
+void THREAD_START(__wrap_)(std::thread *thread, void *state, void (*depend)());
+void THREAD_START(__wrap_)(std::thread *thread, void *state, void (*depend)())
+{
+    if (const int error = injected_error(Call::pthread_create); error != 0)
+        throw std::system_error(error, std::generic_category());
+    THREAD_START(__real_)(thread, state, depend);
+}
 
 }  // extern "C"
