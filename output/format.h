@@ -25,6 +25,8 @@ struct FormatStyle {
     bool colours = false;
     bool terminal = false;  /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
     bool ancestors = false; /* what made a process is shown with it */
+    std::string host{};     /* the machine's name; empty: not said, but by forms whose schema wants it */
+    std::string instance{}; /* that of all events; empty: that of their source */
     std::vector<std::string> sources;                                          /* the instances' names, by index */
     std::function<agent::ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
 };

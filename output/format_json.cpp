@@ -1,12 +1,8 @@
 /* Records as lines of JSON; format.h. */
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include "agent/escape.h"
-#include "agent/event_names.h"
-#include "agent/time_format.h"
 #include "formats.h"
+#include "json_writer.h"
 
 namespace output
 {
@@ -14,75 +10,36 @@ namespace output
 namespace
 {
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+using Writer = JsonWriter;
 
-void put(Writer &writer, std::string_view text)
-{
-    writer.String(text.data(), static_cast<rapidjson::SizeType>(text.size()));
-}
-
-void put_key(Writer &writer, std::string_view key)
-{
-    writer.Key(key.data(), static_cast<rapidjson::SizeType>(key.size()));
-}
-
-void put_bytes(Writer &writer, std::string_view bytes)
-{
-    if (agent::is_utf8(bytes)) {
-        put(writer, bytes);
-        return;
-    }
-    std::string clean;
-    agent::append_utf8(bytes, clean);
-    put(writer, clean);
-}
-
-// The path, and where it is not UTF-8 its bytes beside it, without which the file could not be found.
+// The path, and where it is not UTF-8 its bytes beside it.
 void put_path(Writer &writer, std::string_view path)
 {
     put_key(writer, "path");
-    if (agent::is_utf8(path)) {
-        put(writer, path);
-        return;
-    }
+    if (agent::is_utf8(path))
+        return put(writer, path);
     put_bytes(writer, path);
-    std::string base64;
-    agent::append_base64(path, base64);
-    put_key(writer, "path_bytes");
-    put(writer, base64);
+    put_path_bytes(writer, path);
 }
 
 class JsonFormatter : public Formatter
 {
 public:
-    explicit JsonFormatter(const FormatStyle &style)
-        : end_(style.end),
-          terminal_(style.terminal),
-          ancestors_(style.ancestors),
-          sources_(style.sources),
-          container_name_(style.container_name)
-    {
-    }
+    explicit JsonFormatter(const FormatStyle &style) : style_(style), line_(style) {}
 
     void event(const agent::Event &event, std::string &out) override
     {
-        record("event", event.time_ns, out, [&](Writer &writer) {
-            put_kinds(writer, event.mask);
+        line_.append(out, [&](Writer &writer) {
+            put_head(writer, "event", event.time_ns);
+            put_kinds(writer, "events", event.mask);
             put_path(writer, event.path);
-            if (event.deleted) {
-                put_key(writer, "deleted");
-                writer.Bool(true);
-            }
-            if (event.found) {
-                put_key(writer, "found");
-                writer.Bool(true);
-            }
-            put_key(writer, "pid");
-            writer.Uint(event.pid);
+            put_true(writer, "deleted", event.deleted);
+            put_true(writer, "found", event.found);
+            put_number(writer, "pid", event.pid);
             put_process(writer, event.process);
             put_container(writer, event);
-            put_key(writer, "instance");
-            put(writer, event.source < sources_.size() ? sources_[event.source] : "");
+            put_text(writer, "instance", instance_of(style_, event));
+            put_known(writer, "host", style_.host);
         });
     }
 
@@ -92,8 +49,7 @@ public:
             put_paths(writer, "paths", all.paths);
             if (!all.missing.empty())
                 put_paths(writer, "missing", all.missing);
-            put_key(writer, "directories");
-            writer.Uint64(all.directories);
+            put_number(writer, "directories", all.directories);
             put_key(writer, "source");
             put(writer, all.source);
         });
@@ -105,8 +61,7 @@ public:
         record("loss", time_ns, out, [&](Writer &writer) {
             put_key(writer, "source");
             put(writer, source);
-            put_key(writer, "count");
-            writer.Uint64(count);
+            put_number(writer, "count", count);
             if (!path.empty())
                 put_path(writer, path);
         });
@@ -117,8 +72,7 @@ public:
     {
         record("resynced", time_ns, out, [&](Writer &writer) {
             put_paths(writer, "paths", paths);
-            put_key(writer, "directories");
-            writer.Uint64(directories);
+            put_number(writer, "directories", directories);
         });
     }
 
@@ -137,44 +91,21 @@ public:
     }
 
 private:
+    void put_head(Writer &writer, std::string_view type, uint64_t time_ns)
+    {
+        put_text(writer, "type", type);
+        time_.put(writer, "time", time_ns);
+    }
+
     template <typename Fields>
     void record(std::string_view type, uint64_t time_ns, std::string &out, Fields fields)
     {
-        line_.Clear();
-        writer_.Reset(line_);
-        Writer &writer = writer_;
-        writer.StartObject();
-        put_key(writer, "type");
-        put(writer, type);
-        put_key(writer, "time");
-        time_text_.clear();
-        time_.append(time_ns, time_text_);
-        put(writer, time_text_);
-        fields(writer);
-        writer.EndObject();
-        const std::string_view line(line_.GetString(), line_.GetSize());
-        if (terminal_)
-            agent::append_json_safe(line, out);
-        else
-            out.append(line);
-        out.push_back(end_);
-    }
-
-    static void put_paths(Writer &writer, std::string_view key, const std::vector<std::string> &paths)
-    {
-        put_key(writer, key);
-        writer.StartArray();
-        for (const std::string &path : paths)
-            put_bytes(writer, path);
-        writer.EndArray();
-    }
-
-    static void put_kinds(Writer &writer, uint32_t mask)
-    {
-        put_key(writer, "events");
-        writer.StartArray();
-        agent::for_each_event(mask, [&](std::string_view name) { put(writer, name); });
-        writer.EndArray();
+        line_.append(out, [&](Writer &writer) {
+            put_head(writer, type, time_ns);
+            fields(writer);
+            put_known(writer, "instance", style_.instance);
+            put_known(writer, "host", style_.host);
+        });
     }
 
     void put_process(Writer &writer, const agent::ProcessInfo *process)
@@ -188,11 +119,11 @@ private:
         put_known(writer, "cmdline", process->cmdline);
         put_user(writer, "uid", process->uid);
         put_user(writer, "loginuid", process->loginuid);
-        put_key(writer, "ppid");
-        writer.Uint(process->ppid);
-        put_start(writer, process->start_ns);
-        if (ancestors_)
-            put_ancestors(writer, process->parent.get());
+        put_number(writer, "ppid", process->ppid);
+        if (process->start_ns)
+            start_time_.put(writer, "start", process->start_ns);
+        if (style_.ancestors)
+            put_ancestors(writer, process->parent.get(), start_time_);
         writer.EndObject();
     }
 
@@ -204,60 +135,20 @@ private:
         writer.Uint(*user);
     }
 
-    void put_start(Writer &writer, uint64_t start_ns)
-    {
-        if (start_ns == 0)
-            return;
-        put_key(writer, "start");
-        time_text_.clear();
-        start_time_.append(start_ns, time_text_);
-        put(writer, time_text_);
-    }
-
-    void put_ancestors(Writer &writer, const agent::Ancestor *each)
-    {
-        put_key(writer, "ancestors");
-        writer.StartArray();
-        for (; each; each = each->parent.get()) {
-            writer.StartObject();
-            put_key(writer, "pid");
-            writer.Uint(each->pid);
-            put_known(writer, "name", each->name);
-            put_start(writer, each->start_ns);
-            writer.EndObject();
-        }
-        writer.EndArray();
-    }
-
-    static void put_known(Writer &writer, std::string_view key, std::string_view text)
-    {
-        if (text.empty())
-            return;
-        put_key(writer, key);
-        put_bytes(writer, text);
-    }
-
-    // The mount's, as the monitor reports it inside a container; elsewhere that of the process.
     void put_container(Writer &writer, const agent::Event &event) const
     {
-        const bool reported = !event.container.empty() || !event.process;
-        const std::string_view id = reported ? event.container : std::string_view(event.process->container);
+        const std::string_view id = container_of(event);
         put_known(writer, "container", id);
-        if (id.empty() || !container_name_)
+        if (id.empty() || !style_.container_name)
             return;
-        const agent::ContainerName known = container_name_(id);
+        const agent::ContainerName known = style_.container_name(id);
         put_known(writer, "container_name", known.name);
         put_known(writer, "container_image", known.image);
     }
 
-    const char end_;
-    const bool terminal_, ancestors_;
-    const std::vector<std::string> sources_;
-    const std::function<agent::ContainerName(std::string_view)> container_name_;
-    agent::UtcTime time_, start_time_;
-    std::string time_text_;
-    rapidjson::StringBuffer line_;
-    Writer writer_;
+    const FormatStyle style_;
+    JsonTime time_, start_time_;
+    JsonLine line_;
 };
 
 }  // namespace
