@@ -16,6 +16,8 @@ namespace output
 std::unique_ptr<Formatter> make_text_formatter(const FormatStyle &style);
 std::unique_ptr<Formatter> make_json_formatter(const FormatStyle &style);
 std::unique_ptr<Formatter> make_csv_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_ecs_formatter(const FormatStyle &style);
+std::unique_ptr<Formatter> make_ocsf_formatter(const FormatStyle &style);
 
 struct FormatRow {
     const char *name;
@@ -24,15 +26,14 @@ struct FormatRow {
 };
 
 inline constexpr FormatRow kFormats[] = {
-    {"text", false, make_text_formatter},
-    {"json", true, make_json_formatter},
-    {"csv", false, make_csv_formatter},
+    {"text", false, make_text_formatter}, {"json", true, make_json_formatter}, {"csv", false, make_csv_formatter},
+    {"ecs", true, make_ecs_formatter},    {"ocsf", true, make_ocsf_formatter},
 };
 
 /* Null: a form of that name is not known. */
 const FormatRow *find_format(std::string_view name);
 
-/* "text, json, csv" */
+/* "text, json, csv, ..." */
 std::string format_names(const char *separator = ", ");
 
 /* The formatter of that name, or of that template. Null, with the reason in `error`: what a template holds is wrong. */

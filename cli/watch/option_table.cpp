@@ -83,8 +83,9 @@ constexpr OptionRow<O> kRows[] = {
      add_text<O, &O::include>},
     {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
     {{'f', "format", "FORM",
-      "text, json (one object a line), csv, or a template: %e events,\n%p path, %P process id, %n process name, %a "
-      "ancestors,\n%t time, %f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
+      "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
+      "%e events, %p path,\n%P process id, %n process name, %a ancestors, %t time,\n%f whether found, %% a percent "
+      "sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
     {{0, "ancestors", nullptr,

@@ -124,7 +124,7 @@ TEST_F(BashCompletion, EveryEvent)
 
 TEST_F(BashCompletion, Values)
 {
-    EXPECT_EQ("text json csv", replies("fmon watch --format ''"));
+    EXPECT_EQ("text json csv ecs ocsf", replies("fmon watch --format ''"));
     EXPECT_EQ("on off", replies("fmon watch --probes o"));
     EXPECT_EQ("auto marks filesystem", replies("fmon watch --source ''"));
     EXPECT_EQ("stderr", replies("fmon watch --log s"));

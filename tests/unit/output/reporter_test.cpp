@@ -81,9 +81,10 @@ TEST_F(ReporterTest, ItsOwnFileAndHiddenOnesAreNotShown)
     EXPECT_EQ("", written());
 }
 
-TEST_F(ReporterTest, OnlyJsonHasARecordForEverything)
+TEST_F(ReporterTest, FormsOfJsonHaveARecordForEverything)
 {
-    for (const auto &[format, has] : {std::pair("json", true), {"text", false}, {"csv", false}, {"%p", false}}) {
+    for (const auto &[format, has] :
+         {std::pair("json", true), {"ecs", true}, {"ocsf", true}, {"text", false}, {"csv", false}, {"%p", false}}) {
         options.format = format;
         EXPECT_EQ(has, begin().has_records()) << format;
     }
