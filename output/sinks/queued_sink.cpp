@@ -221,7 +221,7 @@ void QueuedSink::run()
         if (has_packets)
             carry();
         const int idle_ms = transport_->idle();
-        say_note();
+        hear();
         finish_if_drained();
         if (!has_packets)
             sleep(idle_ms);
@@ -263,7 +263,7 @@ void QueuedSink::account(const Carried &carried, uint64_t last)
     state_.carrying_ms = 0;
     state_.outgoing_bytes = outgoing_.bytes();
     state_.figures.waiting -= carried.done + carried.dropped;
-    state_.figures.dropped += carried.dropped + carried.lost;
+    state_.figures.dropped += carried.dropped;
     state_.figures.retries += failures_ > 0;
     if (last != 0)
         state_.safe = last;
@@ -292,9 +292,10 @@ void QueuedSink::judge(const Carried &carried)
     state_.not_before_ms = now + (failed ? pause : carried.pause_ms);
 }
 
-void QueuedSink::say_note()
+void QueuedSink::hear()
 {
     const common::Lock lock(lock_);
+    state_.figures.dropped += transport_->take_lost();
     if (!state_.condition.stuck && state_.condition.text != transport_->note())
         state_.condition.text = transport_->note();
 }

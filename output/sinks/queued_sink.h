@@ -77,7 +77,7 @@ private:
     void carry();
     void account(const Carried &carried, uint64_t last) REQUIRES(lock_);
     void judge(const Carried &carried) REQUIRES(lock_);
-    void say_note();
+    void hear();
     void sleep(int idle_ms);
     int sleep_ms(int idle_ms) const REQUIRES(lock_);
     void finish_if_drained();

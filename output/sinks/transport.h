@@ -44,7 +44,6 @@ struct Carried {
     std::string trouble = {};     /* why no more than these; empty: there is none. One line, without secrets */
     uint64_t pause_ms = kBackOff; /* after trouble, before the next attempt; else as the sink thinks */
     uint64_t again_ms = 0; /* without trouble: the packets behind are on their way; when to look whether they arrived */
-    uint64_t lost = 0;     /* records beside the packets that were thought to have arrived and did not */
 };
 
 class Transport
@@ -78,12 +77,16 @@ public:
 
     /* What a person should hear though nothing is stuck; empty: nothing. */
     const std::string &note() const { return note_; }
+    /* Records that were thought to have arrived and did not, since the last call. */
+    uint64_t take_lost() { return std::exchange(lost_, 0); }
 
 protected:
     void say(std::string text) { note_ = std::move(text); }
+    void lose(uint64_t records) { lost_ += records; }
 
 private:
     std::string note_;
+    uint64_t lost_ = 0;
 };
 
 }  // namespace output
