@@ -9,7 +9,7 @@
 namespace output
 {
 
-extern const SinkRow kStdoutRow, kFileRow, kCommandRow;
+extern const SinkRow kStdoutRow, kFileRow, kCommandRow, kSocketRow;
 
 }  // namespace output
 
