@@ -263,23 +263,7 @@ bool take(const char *bytes, size_t size, bool drained)
     return again;
 }
 
-}  // namespace
-
-struct fs_world fs_pass_world(void)
-{
-    struct fs_world world = {};
-    world.open_mount = open_mount;
-    world.read_more = read_more;
-    world.done = done;
-    world.deliver = deliver;
-    world.lost = lost;
-    world.displaced = displaced;
-    return world;
-}
-
-void fs_pass_begin(void) { fs_source.read_until = now_ms() + TURN_MS; }
-
-bool fs_pass(void)
+bool pass_once()
 {
     fs_pass_begin();
     if (fs_source.again) {
@@ -296,6 +280,32 @@ bool fs_pass(void)
     const bool some = arena->used > 0 || fs_source.again;
     if (arena->size > kFirst)
         release(arena);
+    return some;
+}
+
+}  // namespace
+
+struct fs_world fs_pass_world(void)
+{
+    struct fs_world world = {};
+    world.open_mount = open_mount;
+    world.read_more = read_more;
+    world.done = done;
+    world.deliver = deliver;
+    world.lost = lost;
+    world.displaced = displaced;
+    return world;
+}
+
+void fs_pass_begin(void) { fs_source.read_until = now_ms() + TURN_MS; }
+
+/* The monitor thread is woken when all that was read is in the queue: earlier, both threads would wait for each other.
+ */
+bool fs_pass(void)
+{
+    fs_queue_hold(&fs_source.queue);
+    const bool some = pass_once();
+    fs_queue_release(&fs_source.queue);
     return some;
 }
 

@@ -29,7 +29,7 @@ uint32_t size_of_event(uint32_t path_len)
 
 struct fs_block {
     struct fs_block *next;
-    uint32_t size, begin, end; /* bytes of data; those that wait */
+    uint32_t size, end; /* bytes of data; those with events in them */
 };
 
 namespace
@@ -44,6 +44,14 @@ size_t block_size(const struct fs_queue *queue, uint32_t event)
     return size > event ? size : event;
 }
 
+/* The counter is written at most once between two reads: neither call can block or fail. */
+void call(struct fs_queue *queue)
+{
+    const uint64_t one = 1;
+    if (!queue->called && write(queue->event_fd, &one, sizeof one) == sizeof one)
+        queue->called = true;
+}
+
 /* A block with room for the event behind the others; null: there is no memory. */
 struct fs_block *room_for(struct fs_queue *queue, uint32_t event)
 {
@@ -56,12 +64,14 @@ struct fs_block *room_for(struct fs_queue *queue, uint32_t event)
     auto *made = static_cast<struct fs_block *>(malloc(sizeof(struct fs_block) + size));
     if (!made)
         return nullptr;
-    *made = {nullptr, static_cast<uint32_t>(size), 0, 0};
+    *made = {nullptr, static_cast<uint32_t>(size), 0};
     fs_queue_count(queue, sizeof(struct fs_block) + size);
-    if (last)
+    if (last) {
         last->next = made;
-    else
+        call(queue); /* held back or not: a block full of events waits */
+    } else {
         queue->first = made;
+    }
     queue->last = made;
     return made;
 }
@@ -76,12 +86,18 @@ void free_first(struct fs_queue *queue)
     free(block);
 }
 
-/* The counter is written at most once between two reads: neither call can block or fail. */
-void call(struct fs_queue *queue)
+/* What was put in since the last look. False: nothing waits. */
+bool look(struct fs_queue *queue)
 {
-    const uint64_t one = 1;
-    if (!queue->called && write(queue->event_fd, &one, sizeof one) == sizeof one)
-        queue->called = true;
+    const bool done = queue->first && queue->begin == queue->first->end;
+    if (done && queue->first != queue->last)
+        free_first(queue);
+    else if (done)
+        queue->first->end = 0; /* the only one: it is kept for what comes */
+    if (done)
+        queue->begin = 0;
+    queue->seen = queue->first ? queue->first->end : 0;
+    return queue->begin < queue->seen;
 }
 
 void answer(struct fs_queue *queue)
@@ -96,7 +112,8 @@ void answer(struct fs_queue *queue)
 int fs_queue_open(struct fs_queue *queue, size_t limit)
 {
     queue->first = queue->last = nullptr;
-    queue->called = false;
+    queue->begin = queue->seen = 0;
+    queue->called = queue->held = queue->due = false;
     queue->memory = 0;
     queue->limit = limit;
     queue->event_fd = descriptor_settle(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
@@ -128,7 +145,10 @@ bool fs_queue_put(struct fs_queue *queue, const char *path, uint32_t path_len, u
         memcpy(at + sizeof head, path, path_len);
         at[sizeof head + path_len] = '\0';
         block->end += head.size;
-        call(queue);
+        if (queue->held)
+            queue->due = true;
+        else
+            call(queue);
     }
     pthread_mutex_unlock(&queue->lock);
     return block != nullptr;
@@ -136,24 +156,37 @@ bool fs_queue_put(struct fs_queue *queue, const char *path, uint32_t path_len, u
 
 bool fs_queue_take(struct fs_queue *queue, struct fs_queued *out)
 {
-    pthread_mutex_lock(&queue->lock);
-    while (queue->first != queue->last && queue->first->begin == queue->first->end)
-        free_first(queue);
-    struct fs_block *block = queue->first;
-    if (block && block->begin == block->end)
-        block->begin = block->end = 0; /* the only one: it is kept for what comes */
-    const bool waits = block && block->end > 0;
-    if (waits) {
-        struct head head;
-        const char *at = data_of(block) + block->begin;
-        memcpy(&head, at, sizeof head);
-        *out = {at + sizeof head, head.kinds, head.pid};
-        block->begin += head.size;
-    } else {
-        answer(queue);
+    if (queue->begin == queue->seen) {
+        pthread_mutex_lock(&queue->lock);
+        const bool waits = look(queue);
+        if (!waits)
+            answer(queue);
+        pthread_mutex_unlock(&queue->lock);
+        if (!waits)
+            return false;
     }
+    struct head head;
+    const char *at = data_of(queue->first) + queue->begin;
+    memcpy(&head, at, sizeof head);
+    *out = {at + sizeof head, head.kinds, head.pid};
+    queue->begin += head.size;
+    return true;
+}
+
+void fs_queue_hold(struct fs_queue *queue)
+{
+    pthread_mutex_lock(&queue->lock);
+    queue->held = true;
     pthread_mutex_unlock(&queue->lock);
-    return waits;
+}
+
+void fs_queue_release(struct fs_queue *queue)
+{
+    pthread_mutex_lock(&queue->lock);
+    if (queue->due)
+        call(queue);
+    queue->held = queue->due = false;
+    pthread_mutex_unlock(&queue->lock);
 }
 
 void fs_queue_call(struct fs_queue *queue)

@@ -2,8 +2,9 @@
  * fs_queue.h: events with their paths on the way from the reader thread to the monitor thread, in memory that has a
  * limit. Whoever puts events in never waits for whoever takes them out.
  *
- * A descriptor can be read while anything waits. Any thread may call; events are put in by one thread at a time, and
- * taken out by one thread at a time.
+ * A descriptor can be read while anything waits; but whoever puts many in may hold that back until it is done, so that
+ * the other thread is woken once. Any thread may call; events are put in by one thread at a time, and taken out by one
+ * thread at a time.
  */
 #ifndef FMON_FS_QUEUE_H
 #define FMON_FS_QUEUE_H
@@ -19,8 +20,11 @@ struct fs_block; /* a piece of memory with events in it */
 struct fs_queue {
     pthread_mutex_t lock;
     struct fs_block *first, *last;
+    uint32_t begin, seen;       /* in the first block, of whoever takes out: the next event, and up to where it may look
+                                   without the lock */
     int event_fd;               /* -1: none */
     bool called;                /* event_fd can be read */
+    bool held, due;             /* it is not to be yet; it is, then */
     std::atomic<size_t> memory; /* bytes held here, and by others that count theirs in */
     size_t limit;
 };
@@ -42,6 +46,10 @@ bool fs_queue_put(struct fs_queue *queue, const char *path, uint32_t path_len, u
 
 /* The oldest event; false: none waits. */
 bool fs_queue_take(struct fs_queue *queue, struct fs_queued *out);
+
+/* Until the release a descriptor that cannot be read stays so, but for a block full of events. */
+void fs_queue_hold(struct fs_queue *queue);
+void fs_queue_release(struct fs_queue *queue);
 
 /* Makes the descriptor readable: there is something else to look at. */
 void fs_queue_call(struct fs_queue *queue);

@@ -77,6 +77,59 @@ TEST_F(FsQueue, CanBeReadWhenItWasCalled)
     EXPECT_FALSE(readable());
 }
 
+TEST_F(FsQueue, HeldItCanBeReadFromTheReleaseOn)
+{
+    open(65536);
+    fs_queue_hold(&queue_);
+    put("/a");
+    put("/b");
+    EXPECT_FALSE(readable());
+    fs_queue_release(&queue_);
+    EXPECT_TRUE(readable());
+    EXPECT_EQ("/a:1:2", take());
+    EXPECT_EQ("/b:1:2", take());
+    EXPECT_EQ("", take());
+    EXPECT_FALSE(readable());
+    put("/c");
+    EXPECT_TRUE(readable());
+}
+
+TEST_F(FsQueue, ReleasedWithNothingInItCannotBeRead)
+{
+    open(65536);
+    fs_queue_hold(&queue_);
+    fs_queue_release(&queue_);
+    EXPECT_FALSE(readable());
+}
+
+TEST_F(FsQueue, HeldWhatWaitsCanBeTakenOut)
+{
+    open(65536);
+    fs_queue_hold(&queue_);
+    put("/a");
+    EXPECT_EQ("/a:1:2", take());
+    put("/b");
+    EXPECT_EQ("/b:1:2", take());
+    EXPECT_EQ("", take());
+    fs_queue_release(&queue_);
+    EXPECT_EQ("", take());
+    EXPECT_FALSE(readable());
+}
+
+TEST_F(FsQueue, HeldItCanBeReadAtOnceWhenCalledOrWhenABlockIsFull)
+{
+    open(65536);
+    fs_queue_hold(&queue_);
+    fs_queue_call(&queue_);
+    EXPECT_TRUE(readable());
+    EXPECT_EQ("", take());
+    int count = 0;
+    for (; !readable() && count < 200; count++)
+        ASSERT_TRUE(put("/some/directory/with/a/file"));
+    EXPECT_GT(count, 50); /* 4 KiB */
+    EXPECT_LT(count, 110);
+}
+
 TEST_F(FsQueue, AtItsLimitItTakesNoMoreUntilThereIsRoom)
 {
     open(65536);
