@@ -55,20 +55,15 @@ bool EventQueue::push(const Event &event, ProcessPtr process)
     bool wanted;
     {
         const common::Lock hold(lock_);
-        if (incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_)
+        if (full())
             return false;
         incoming_.append(event, std::move(process));
+        full_ = incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_;
         wanted = std::exchange(sleeping_, false);
     }
     if (wanted)
         wake();
     return true;
-}
-
-bool EventQueue::full() const
-{
-    const common::Lock hold(lock_);
-    return incoming_.size() >= max_events_ || incoming_.bytes() >= max_bytes_;
 }
 
 size_t EventQueue::size() const
@@ -89,7 +84,7 @@ bool EventQueue::take(Batch &batch)
     batch.clear();
     const common::Lock hold(lock_);
     std::swap(batch, incoming_);
-    sleeping_ = false;
+    sleeping_ = full_ = false;
     return !batch.empty();
 }
 

@@ -8,6 +8,7 @@
 #ifndef AGENT_QUEUE_H
 #define AGENT_QUEUE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <string>
@@ -76,8 +77,8 @@ public:
 
     /* Producer. False: the queue is full and the event is not in it. */
     bool push(const Event &event, ProcessPtr process);
-    bool full() const;
-    size_t size() const; /* any thread */
+    bool full() const { return full_.load(std::memory_order_relaxed); } /* any thread */
+    size_t size() const;                                                /* any thread */
 
     /* Any thread, and signal handlers: makes wake_fd() readable, which stays so until clear_wake(). */
     void wake() const;
@@ -94,6 +95,7 @@ private:
     mutable common::Mutex lock_;
     Batch incoming_ GUARDED_BY(lock_);
     bool sleeping_ GUARDED_BY(lock_) = false; /* the next push wakes the consumer */
+    std::atomic<bool> full_ = false;          /* written under the lock */
 };
 
 }  // namespace agent
