@@ -108,7 +108,8 @@ FsGroup::FsGroup(const std::string &mount, uint64_t mask, uint32_t limit, int ow
                                    FsGroupWorld::deliver,
                                    FsGroupWorld::lost,
                                    FsGroupWorld::displaced,
-                                   nullptr};
+                                   nullptr,
+                                   true};
     engine = fs_engine_new(limit, own_pid, &world);
 }
 

@@ -38,7 +38,7 @@ struct fs_event {
     uint32_t kinds;    /* FMON_* event kinds, one or several */
     int32_t pid;       /* as the record has it; 0: not seen from here */
     bool is_dir;       /* what happened, happened to a directory */
-    bool delete_first; /* FMON_DELETE was before FMON_CREATE: the entry is there */
+    bool delete_first; /* FMON_DELETE was before FMON_CREATE: the entry is there; see struct fs_world */
 };
 
 /* Takes the kind that happened first out of *left (at the start: event->kinds) and returns it; 0: there are none left.
@@ -77,6 +77,8 @@ struct fs_world {
 
     /* Where the kernel is asked; null: fs_kernel of fs_ask.h. */
     const struct fs_asks *asks;
+
+    bool ordered; /* deliver() looks at `delete_first`, for which the disk has to be asked; else it is never set */
 };
 
 struct fs_counts {

@@ -13,7 +13,8 @@ namespace
 bool is_delete_first(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record, uint32_t kinds)
 {
     constexpr uint32_t kBoth = FMON_CREATE | FMON_DELETE;
-    if ((kinds & kBoth) != kBoth || (record->mask & FS_MASK_ONDIR) || !record->object.len || !record->entry.name_len)
+    if (!engine->world.ordered || (kinds & kBoth) != kBoth || (record->mask & FS_MASK_ONDIR) || !record->object.len ||
+        !record->entry.name_len)
         return false;
     return fs_entry_is(engine, node, &record->entry, &record->object);
 }

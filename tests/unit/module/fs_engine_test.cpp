@@ -124,6 +124,17 @@ TEST_F(FsEngine, TheDiskSaysWhetherAFileWasRemovedFirst)
     EXPECT_EQ(4u, counts().asked_files) << "one that is too big is asked for each";
 }
 
+TEST_F(FsEngine, TheDiskIsNotAskedForAnOrderThatNobodyLooksAt)
+{
+    restart(1000, false);
+    ASSERT_EQ(0, anchor(10, "/m/w"));
+    world.files[{10, "there"}] = 50;
+    world.lists = false;
+    take(made(10, "there", 50, FMON_DELETE));
+    EXPECT_EQ((Lines{"create /m/w/there", "delete /m/w/there"}), told());
+    EXPECT_EQ(0u, counts().asked_files);
+}
+
 TEST_F(FsEngine, ManyBusyDirectoriesAreOpenOnlyForTheBatch)
 {
     std::string records;

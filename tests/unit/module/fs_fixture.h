@@ -188,9 +188,10 @@ protected:
         EXPECT_EQ(0, world.given) << "chunks";
     }
 
-    void restart(uint32_t limit)
+    void restart(uint32_t limit, bool ordered = true)
     {
-        const struct fs_world callbacks = {&world, open_mount, read_more, done, deliver, lost, displaced, &kAsks};
+        const struct fs_world callbacks = {&world, open_mount, read_more, done,   deliver,
+                                           lost,   displaced,  &kAsks,    ordered};
         fs_engine_free(engine);
         engine = fs_engine_new(limit, kOwnPid, &callbacks);
     }
