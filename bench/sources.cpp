@@ -44,6 +44,7 @@ struct contestant {
 
 struct result {
     std::vector<double> cpu, churn_cpu, wall, seen, named;
+    std::vector<double> records; /* of the kernel's, where the watcher counts them */
     bool loss = false;
 };
 
@@ -105,6 +106,15 @@ bool churn_alone(const std::string &root, int files, result &total)
     return true;
 }
 
+/* What the reader that does nothing else says in the end. */
+void note_records(const std::string &errors, result &total)
+{
+    constexpr char kWord[] = "bare: ";
+    const size_t at = errors.rfind(kWord);
+    if (at != std::string::npos)
+        total.records.push_back(atof(errors.c_str() + at + sizeof kWord - 1));
+}
+
 /* `watched`: a directory on the same file system; `kinds` that are due of each file. */
 bool churn_beside(const contestant &who, const std::string &root, const std::string &watched, int files, unsigned kinds,
                   result &total)
@@ -119,6 +129,7 @@ bool churn_beside(const contestant &who, const std::string &root, const std::str
     watcher->wait_quiet();
     total.cpu.push_back(watcher->cpu_seconds() - before);
     watcher->stop();
+    note_records(watcher->errors(), total);
     ChurnReport report;
     report.read(watcher->out(), files);
     total.seen.push_back(100 * report.seen(kinds));
@@ -136,6 +147,8 @@ void print_churn(const contestant &who, const result &mine, const result &peer, 
     if (!mine.cpu.empty())
         printf("; %6.2f us cpu a file, x%.2f; seen %.1f %%, with a process %.0f %%%s", cpu * per_file,
                cpu / median(peer.cpu), least(mine.seen), least(mine.named), mine.loss ? ", LOSS reported" : "");
+    if (!mine.cpu.empty() && !peer.records.empty())
+        printf("; %.2f us a record", cpu * 1e6 / median(peer.records));
     printf("\n");
 }
 
