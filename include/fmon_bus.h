@@ -17,7 +17,7 @@ extern "C" {
 #endif
 
 #define FMON_BUS_VERSION 1u
-#define FMON_BUS_ENTRY "fmon_bus_plugin" /* the function that a plug-in exports */
+#define FMON_BUS_ENTRY "fmon_bus_get" /* the function that a plug-in exports */
 
 /* A setting by its name in the configuration. Of several values each ends in a newline; of flags the value is "true" or
  * "false"; of times milliseconds, of sizes bytes. */
