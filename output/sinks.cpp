@@ -9,7 +9,7 @@ namespace output
 
 std::span<const SinkRow> sinks()
 {
-    static const std::vector<SinkRow> rows = {kStdoutRow, kFileRow, kCommandRow, kSocketRow};
+    static const std::vector<SinkRow> rows = {kStdoutRow, kFileRow, kCommandRow, kSocketRow, kNatsRow, kKafkaRow};
     return rows;
 }
 

@@ -10,6 +10,7 @@ namespace output
 {
 
 extern const SinkRow kStdoutRow, kFileRow, kCommandRow, kSocketRow;
+extern const SinkRow kNatsRow, kKafkaRow; /* bus.cpp */
 
 }  // namespace output
 
