@@ -1,0 +1,130 @@
+#include "nats_servers.h"
+
+#include <fstream>
+
+namespace bus_testing
+{
+
+namespace
+{
+
+constexpr int64_t kTenMinutes = int64_t{600} * 1'000'000'000;
+constexpr int kAtOnce = 1000;
+
+std::string address(int port) { return "127.0.0.1:" + std::to_string(port); }
+
+}  // namespace
+
+NatsServers::NatsServers(int count, const std::string &more)
+{
+    for (int i = 0; i < count; i++) {
+        ports_.push_back(free_port());
+        routes_.push_back(free_port());
+    }
+    servers_.resize(static_cast<size_t>(count));
+    for (int i = 0; i < count; i++) {
+        write_configuration(i, more);
+        start(i);
+    }
+}
+
+void NatsServers::write_configuration(int index, const std::string &more)
+{
+    const std::string number = std::to_string(index);
+    std::ofstream file(tree_.path("conf" + number));
+    file << "listen: \"" << address(port(index)) << "\"\nserver_name: s" << number << "\n"
+         << "jetstream { store_dir: \"" << tree_.path("store" + number) << "\" }\n"
+         << more;
+    if (ports_.size() == 1)
+        return;
+    file << "cluster { name: fmon, listen: \"" << address(routes_[static_cast<size_t>(index)]) << "\", routes: [";
+    for (const int port : routes_)
+        file << (port == routes_[0] ? "" : ", ") << "\"nats://" << address(port) << "\"";
+    file << "] }\n";
+}
+
+void NatsServers::start(int index)
+{
+    servers_[static_cast<size_t>(index)] =
+        Server({program(), "-c", tree_.path("conf" + std::to_string(index))}, log(index));
+}
+
+std::vector<std::string> NatsServers::addresses() const
+{
+    std::vector<std::string> all;
+    for (const int port : ports_)
+        all.push_back("nats://" + address(port));
+    return all;
+}
+
+Stream::Stream(const NatsServers &servers, const std::string &user)
+{
+    std::string all;
+    for (const std::string &text : servers.addresses())
+        all += (all.empty() ? "" : ",") + std::string(text).insert(7, user);
+    wait_until([&] { return natsConnection_ConnectTo(&connection_, all.c_str()) == NATS_OK; });
+    if (connection_)
+        natsConnection_JetStream(&js_, connection_, nullptr);
+}
+
+Stream::~Stream()
+{
+    jsCtx_Destroy(js_);
+    natsConnection_Destroy(connection_);
+}
+
+bool Stream::make(int replicas, bool in_memory, int longest)
+{
+    jsStreamConfig config;
+    jsStreamConfig_Init(&config);
+    const char *subjects[] = {"fmon.>"};
+    config.Name = "FMON";
+    config.Subjects = subjects;
+    config.SubjectsLen = 1;
+    config.Storage = in_memory ? js_MemoryStorage : js_FileStorage;
+    config.Replicas = replicas;
+    config.Duplicates = kTenMinutes;
+    config.MaxMsgSize = longest;
+    return js_ && wait_until([&] { return js_AddStream(nullptr, js_, &config, nullptr, nullptr) == NATS_OK; });
+}
+
+uint64_t Stream::messages()
+{
+    jsStreamInfo *info = nullptr;
+    if (js_GetStreamInfo(&info, js_, "FMON", nullptr, nullptr) != NATS_OK)
+        return 0;
+    const uint64_t count = info->State.Msgs;
+    jsStreamInfo_Destroy(info);
+    return count;
+}
+
+std::vector<std::string> Stream::ids(uint64_t count)
+{
+    std::vector<std::string> all;
+    natsSubscription *subscription = nullptr;
+    jsSubOptions options;
+    jsSubOptions_Init(&options);
+    options.Config.AckPolicy = js_AckNone;
+    if (js_PullSubscribe(&subscription, js_, "fmon.>", nullptr, nullptr, &options, nullptr) != NATS_OK)
+        return all;
+    for (int misses = 0; all.size() < count && misses < 10;) {
+        natsMsgList list = {};
+        if (natsSubscription_Fetch(&list, subscription, kAtOnce, 1000, nullptr) != NATS_OK)
+            misses++;
+        for (int i = 0; i < list.Count; i++) {
+            const char *id = "", *host = "";
+            natsMsgHeader_Get(list.Msgs[i], "Nats-Msg-Id", &id);
+            natsMsgHeader_Get(list.Msgs[i], "Fmon-Host", &host);
+            if (all.empty()) {
+                subject_ = natsMsg_GetSubject(list.Msgs[i]);
+                host_ = host;
+            }
+            all.emplace_back(id);
+        }
+        natsMsgList_Destroy(&list);
+    }
+    natsSubscription_Destroy(subscription);
+    return all;
+}
+
+}  // namespace bus_testing

@@ -1,0 +1,229 @@
+/* Records into real NATS servers: what arrived in the stream is what was accepted, once each, whatever happens on the
+ * way. */
+#include <sys/mman.h>
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <fstream>
+#include <set>
+
+#include "bus_testing.h"
+#include "nats_servers.h"
+#include "proxy.h"
+
+using namespace bus_testing;
+using output::Settings;
+
+namespace
+{
+
+class BusNats : public testing::Test
+{
+protected:
+    void SetUp() override { NEED(NatsServers::can_run(), "there is no nats-server"); }
+
+    Settings settings(const std::vector<std::string> &servers)
+    {
+        Settings out;
+        out.set("servers", servers);
+        out.set("subject", std::string("fmon.{host}.{instance}.{kind}"));
+        out.set("spool", tree.path("spool"));
+        out.set("heartbeat", uint64_t{0});
+        out.set("ack_timeout", uint64_t{2000});
+        return out;
+    }
+    bool open(const Settings &all)
+    {
+        std::string error;
+        const bool opened = feed.open("nats", all, error);
+        EXPECT_TRUE(opened) << error;
+        return opened;
+    }
+    bool is_stuck_with(const std::string &text)
+    {
+        return wait_until([&] {
+            const output::Condition condition = feed.sink().condition();
+            last_condition = condition.text;
+            return condition.stuck && condition.text.find(text) != std::string::npos;
+        });
+    }
+    /* All has arrived, once each. */
+    void check(Stream &stream, const char *what, const char *cut)
+    {
+        ASSERT_TRUE(feed.sink().drain(kPatienceMs)) << feed.sink().condition().text;
+        const Balance balance = balance_of(feed.given(), stream.ids(feed.given()));
+        print_row(what, balance, cut);
+        EXPECT_EQ(0u, balance.lost);
+        EXPECT_EQ(0u, balance.twice);
+        EXPECT_EQ(0u, balance.strange);
+        EXPECT_EQ(feed.given(), stream.messages());
+        EXPECT_EQ(0u, feed.sink().figures().dropped);
+    }
+
+    testlib::TempTree tree;
+    Feed feed;
+    std::string last_condition;
+};
+
+}  // namespace
+
+TEST_F(BusNats, RecordsArriveInOrderWithTheirNames)
+{
+    const NatsServers servers(1);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    feed.put(5000);
+    check(stream, "one server", "nothing was cut");
+    EXPECT_EQ("fmon.host_example.web.note", stream.first_subject());
+    EXPECT_EQ("host.example", stream.first_host());
+    EXPECT_EQ(5000u, feed.sink().safe());
+    EXPECT_FALSE(feed.sink().condition().stuck);
+}
+
+TEST_F(BusNats, AKilledServerOfAClusterLosesNothing)
+{
+    NatsServers servers(3);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(3));
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    const uint64_t part = is_long() ? 100'000 : 10'000;
+    feed.put(part);
+    servers.kill(0);
+    feed.put(part / 2);
+    servers.start(0);
+    feed.put(part / 2);
+    check(stream, "cluster of three", "one killed and started again");
+}
+
+TEST_F(BusNats, ABrokenConnectionLosesNothing)
+{
+    const NatsServers servers(1);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    Proxy proxy(servers.port(0));
+    ASSERT_TRUE(open(settings({"nats://127.0.0.1:" + std::to_string(proxy.port())})));
+    feed.put(2000);
+    proxy.set(Proxy::State::kRefused);
+    feed.put(2000);
+    EXPECT_TRUE(is_stuck_with("not connected")) << last_condition;
+    EXPECT_GT(feed.sink().figures().waiting, 0u);
+    proxy.set(Proxy::State::kOpen);
+    check(stream, "broken connection", "connection refused for a while");
+    EXPECT_FALSE(feed.sink().condition().stuck);
+}
+
+TEST_F(BusNats, ASilentConnectionLosesNothing)
+{
+    const NatsServers servers(1);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    Proxy proxy(servers.port(0));
+    ASSERT_TRUE(open(settings({"nats://127.0.0.1:" + std::to_string(proxy.port())})));
+    feed.put(2000);
+    ASSERT_TRUE(feed.sink().drain(kPatienceMs));
+    proxy.set(Proxy::State::kSilent);
+    feed.put(5000);
+    EXPECT_TRUE(is_stuck_with("no acknowledgement within 2 s")) << last_condition;
+    if (is_long())
+        wait_until([] { return false; }, 60'000);
+    proxy.set(Proxy::State::kOpen);
+    check(stream, "silent connection", is_long() ? "nothing passed for a minute" : "nothing passed for a while");
+    EXPECT_GT(feed.sink().figures().retries, 0u);
+}
+
+TEST_F(BusNats, AServerThatIsNotThereYetIsAwaited)
+{
+    NatsServers servers(1);
+    servers.kill(0);
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    feed.put(100);
+    EXPECT_TRUE(is_stuck_with("not connected")) << last_condition;
+    servers.start(0);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    check(stream, "late server", "started after the records");
+}
+
+TEST_F(BusNats, WithoutAStreamRecordsWaitForOne)
+{
+    const NatsServers servers(1);
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    feed.put(100);
+    EXPECT_TRUE(is_stuck_with("no stream takes the subject")) << last_condition;
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    check(stream, "late stream", "made after the records");
+}
+
+TEST_F(BusNats, WhatTheStreamNeverTakesIsCountedAndTheRestArrives)
+{
+    const NatsServers servers(1);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1, false, 1000));
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    feed.put(10);
+    feed.put(1, 2000);
+    feed.put(10);
+    ASSERT_TRUE(feed.sink().drain(kPatienceMs));
+    EXPECT_TRUE(wait_until([&] { return stream.messages() == 21; })); /* a record tells of the loss */
+    EXPECT_EQ(1u, feed.sink().figures().dropped);
+    const std::vector<std::string> ids = stream.ids(21);
+    EXPECT_EQ(0, std::count(ids.begin(), ids.end(), Feed::id(11)));
+    EXPECT_EQ(1, std::count(ids.begin(), ids.end(), Feed::id(12)));
+}
+
+/* Accepts records in a child of its own until that is killed in the middle; how many were accepted at least. */
+TEST_F(BusNats, AKilledSenderSendsTheRestInOrderWhenItIsBack)
+{
+    const NatsServers servers(1);
+    Stream stream(servers);
+    ASSERT_TRUE(stream.make(1));
+    auto *const accepted = static_cast<std::atomic<uint64_t> *>(
+        mmap(nullptr, sizeof(std::atomic<uint64_t>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
+    ASSERT_NE(MAP_FAILED, static_cast<void *>(accepted));
+    const pid_t child = fork();
+    if (child == 0) {
+        if (!open(settings(servers.addresses())))
+            _exit(1);
+        for (;;) {
+            feed.put(100);
+            *accepted = feed.given();
+        }
+    }
+    EXPECT_TRUE(wait_until([&] { return *accepted > 20'000; }));
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    const uint64_t sure = *accepted;
+    ASSERT_TRUE(open(settings(servers.addresses())));
+    feed.go_on_at(sure + 101); /* what the child accepted last, it could not say */
+    feed.put(1000);
+    ASSERT_TRUE(feed.sink().drain(kPatienceMs));
+    const std::vector<std::string> ids = stream.ids(stream.messages());
+    const std::set<std::string> all(ids.begin(), ids.end());
+    EXPECT_EQ(all.size(), ids.size());
+    for (uint64_t number = 1; number <= sure; number++)
+        ASSERT_TRUE(all.count(Feed::id(number))) << number;
+    const Balance balance = balance_of(feed.given(), ids);
+    print_row("killed sender", balance, "SIGKILL in the middle, then started again");
+    EXPECT_EQ(0u, balance.out_of_order);
+    EXPECT_LE(balance.lost, 100u); /* those that were never accepted */
+}
+
+TEST_F(BusNats, AWrongPasswordIsSaidWithoutItAndMended)
+{
+    const NatsServers servers(1, "authorization { user: fmon, password: right-one }\n");
+    const std::string password = tree.file("password", "wrong-one\n");
+    chmod(password.c_str(), 0600);
+    Settings all = settings(servers.addresses());
+    all.set("user", std::string("fmon"));
+    all.set("password", password);
+    ASSERT_TRUE(open(all));
+    feed.put(100);
+    EXPECT_TRUE(is_stuck_with("uthorization")) << last_condition;
+    EXPECT_EQ(std::string::npos, last_condition.find("wrong-one"));
+    std::ofstream(password) << "right-one\n";
+    Stream stream(servers, "fmon:right-one@");
+    ASSERT_TRUE(stream.make(1));
+    check(stream, "wrong password", "until the file was mended");
+}
