@@ -90,18 +90,51 @@ std::string parse_container(std::string_view text)
     return group.chain.empty() ? "" : container::label_of(group.chain[0], container::maker_of(group, ""));
 }
 
+std::string path_of(const std::string &proc, uint32_t pid) { return proc + "/" + std::to_string(pid); }
+
+std::string_view read_file(const common::Fd &fd, char *buf, size_t size)
+{
+    const ssize_t n = fd ? read(fd.get(), buf, size) : -1;
+    return {buf, n > 0 ? static_cast<size_t>(n) : 0};
+}
+
+std::string_view read_file(const std::string &path, char *buf, size_t size)
+{
+    return read_file(common::Fd(open(path.c_str(), O_RDONLY | O_CLOEXEC)), buf, size);
+}
+
+constexpr size_t kStatSize = 2048, kNameSize = 64;
+
+std::string parse_name(std::string_view name)
+{
+    if (name.ends_with('\n'))
+        name.remove_suffix(1);
+    return std::string(name);
+}
+
 }  // namespace
 
+bool read_stat(const std::string &proc, uint32_t pid, ProcessStat &out)
+{
+    char text[kStatSize];
+    return parse_stat(read_file(path_of(proc, pid) + "/stat", text, sizeof text), out);
+}
+
+std::string read_name(const std::string &proc, uint32_t pid)
+{
+    char text[kNameSize];
+    return parse_name(read_file(path_of(proc, pid) + "/comm", text, sizeof text));
+}
+
 ProcessFiles::ProcessFiles(const std::string &proc, uint32_t pid)
-    : directory_(open((proc + "/" + std::to_string(pid)).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
+    : directory_(open(path_of(proc, pid).c_str(), O_PATH | O_DIRECTORY | O_CLOEXEC))
 {
 }
 
 std::string_view ProcessFiles::read(const char *name, char *buf, size_t size) const
 {
-    const common::Fd fd(directory_ ? openat(directory_.get(), name, O_RDONLY | O_CLOEXEC) : -1);
-    const ssize_t n = fd ? ::read(fd.get(), buf, size) : -1;
-    return {buf, n > 0 ? static_cast<size_t>(n) : 0};
+    const int fd = directory_ ? openat(directory_.get(), name, O_RDONLY | O_CLOEXEC) : -1;
+    return read_file(common::Fd(fd), buf, size);
 }
 
 std::string ProcessFiles::exe() const
@@ -120,16 +153,13 @@ std::optional<std::string> ProcessFiles::cmdline() const
 
 std::string ProcessFiles::name() const
 {
-    char text[64];
-    std::string_view name = read("comm", text, sizeof text);
-    if (name.ends_with('\n'))
-        name.remove_suffix(1);
-    return std::string(name);
+    char text[kNameSize];
+    return parse_name(read("comm", text, sizeof text));
 }
 
 bool ProcessFiles::stat(ProcessStat &out) const
 {
-    char text[2048];
+    char text[kStatSize];
     return parse_stat(read("stat", text, sizeof text), out);
 }
 

@@ -25,6 +25,10 @@ struct ProcessStat {
     uint64_t start = 0; /* clock ticks after boot */
 };
 
+/* A single file of a process below `proc`: for whoever reads no other. False: there is no such process. */
+bool read_stat(const std::string &proc, uint32_t pid, ProcessStat &out);
+std::string read_name(const std::string &proc, uint32_t pid);
+
 /* The directory of one process below `proc` ("/proc"). All that is read is of one process, however its pid is used
  * afterwards: once the process has ended there is nothing to be read. */
 class ProcessFiles

@@ -49,7 +49,7 @@ Process *ProcessTable::known_or_read(uint32_t pid, int depth)
     if (Process *const process = known(pid))
         return process;
     ProcessStat stat;
-    if (pid == 0 || depth >= kMostTakenIn || !ProcessFiles(proc_, pid).stat(stat))
+    if (pid == 0 || depth >= kMostTakenIn || !read_stat(proc_, pid, stat))
         return nullptr;
     return &take_in(pid, std::move(stat), depth);
 }
@@ -87,16 +87,17 @@ Process &ProcessTable::add(uint32_t pid, uint64_t time_ns)
     return process;
 }
 
+// In the order of pids most are taken in after what made them, which is then not read a second time.
 void ProcessTable::survey(uint64_t lost_ns)
 {
     const common::Dir list(opendir(proc_.c_str()));
     if (!list)
         return;
-    std::unordered_map<uint32_t, ProcessStat> all;
+    std::map<uint32_t, ProcessStat> all;
     while (const struct dirent *const entry = readdir(list.get())) {
         const uint32_t pid = pid_of(entry->d_name);
         ProcessStat stat;
-        if (pid != 0 && ProcessFiles(proc_, pid).stat(stat))
+        if (pid != 0 && read_stat(proc_, pid, stat))
             all.emplace(pid, std::move(stat));
     }
     for (const auto &[pid, stat] : all)
@@ -129,7 +130,7 @@ void ProcessTable::look_again(uint32_t pid, const ProcessStat &stat, uint64_t lo
 }
 
 // What they had become before they ended is not known.
-void ProcessTable::end_unseen(const std::unordered_map<uint32_t, ProcessStat> &seen, uint64_t lost_ns)
+void ProcessTable::end_unseen(const std::map<uint32_t, ProcessStat> &seen, uint64_t lost_ns)
 {
     for (auto each = running_.begin(); each != running_.end();) {
         const Place place = each++;

@@ -47,7 +47,7 @@ void ProcessTable::made(const ProcessEvent &event)
         inherit(child, *parent);
     if (!event.by_thread && !child.now().name.empty())
         return;
-    child.now().name = ProcessFiles(proc_, event.pid).name();
+    child.now().name = read_name(proc_, event.pid);
     child.now().named_ns = now_ns_();
 }
 
@@ -77,7 +77,7 @@ void ProcessTable::inherit(Process &child, Process &parent) const
 void ProcessTable::settle_start(Process &process) const
 {
     ProcessStat stat;
-    if (!ProcessFiles(proc_, process.pid).stat(stat))
+    if (!read_stat(proc_, process.pid, stat))
         return;
     process.start = stat.start;
     process.exact_start = true;

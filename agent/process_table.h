@@ -13,6 +13,7 @@
 
 #include <cstdint>
 #include <list>
+#include <map>
 #include <memory>
 #include <optional>
 #include <string>
@@ -123,7 +124,7 @@ private:
     void read_program(Process &process) const;
     void settle_start(Process &process) const;
     void look_again(uint32_t pid, const ProcessStat &stat, uint64_t lost_ns);
-    void end_unseen(const std::unordered_map<uint32_t, ProcessStat> &seen, uint64_t lost_ns);
+    void end_unseen(const std::map<uint32_t, ProcessStat> &seen, uint64_t lost_ns);
     void mark_ended(Place place, uint64_t time_ns);
     void make_room();
     bool is_full() const;
