@@ -13,6 +13,7 @@ constexpr uint32_t kOrder[] = {FMON_CREATE,     FMON_MOVED_TO, FMON_OPEN,       
                                FMON_ATTRIB,     FMON_MODIFY,   FMON_CLOSE_WRITE, FMON_CLOSE_NOWRITE,
                                FMON_MOVED_FROM, FMON_DELETE,   FMON_DELETE_SELF, FMON_MOVE_SELF};
 
+constexpr uint32_t kFewTies = 8;
 constexpr uint32_t kTurn = 256; /* chunks that are gone through before others have their turn */
 
 /* The file system that a record is about; -1: one without anchors. */
@@ -25,13 +26,26 @@ int system_of(const struct fs_engine *engine, const struct fs_record *record)
     return system >= 0 && engine->table.systems[system].ties ? system : -1;
 }
 
+/* Whether an anchor or a joint stands on the directory. Of most objects that is asked in vain, and the table is big:
+ * where there are few of them, these are looked at instead. */
+bool is_tied(struct fs_engine *engine, int system, const struct fs_key *key)
+{
+    const struct fs_tie *tie = engine->ties;
+    for (uint32_t i = 0; tie && i < kFewTies; i++, tie = tie->next_of_all) {
+        const struct fs_key own = fs_node_key(&engine->table, tie->node);
+        if (fs_key_equal(&own, key))
+            return true;
+    }
+    const struct fs_node *node = tie ? fs_table_find(&engine->table, system, key) : nullptr;
+    return node && node->ties;
+}
+
 /* A record that names nothing but the object is about an anchor's directory or about nothing of ours. */
 bool names_entry(struct fs_engine *engine, int system, struct fs_record *record)
 {
     if (record->entry.dir.len || record->to.dir.len)
         return true;
-    const struct fs_node *node = fs_table_find(&engine->table, system, &record->object);
-    if (!node || !node->ties)
+    if (!is_tied(engine, system, &record->object))
         return false;
     record->entry.dir = record->object;
     return true;

@@ -133,6 +133,20 @@ TEST_F(FsAnchor, ARemovedAnchorTellsItsEnd)
     EXPECT_EQ((Ids{1}), world.displaced);
 }
 
+TEST_F(FsAnchor, ObjectsAloneAreLookedForAmongFewAndAmongManyAnchors)
+{
+    const auto alone = [](int what) {
+        return named_record(FMON_ATTRIB, 7, {info(testlib::kInfoObject, handle(what))});
+    };
+    for (int i = 0; i < 12; i++) {
+        const int directory = 100 + i;
+        world.disk[directory] = {2, "w" + std::to_string(i)};
+        ASSERT_EQ(0, anchor(directory, "/m/w" + std::to_string(i), static_cast<uint64_t>(i)));
+        take(alone(100) + alone(directory) + alone(50));
+        EXPECT_EQ((Lines{"attrib /m/w0", "attrib /m/w" + std::to_string(i)}), told());
+    }
+}
+
 TEST_F(FsAnchor, WhatWasMovedBeforeItWasAddedIsFoundOut)
 {
     world.behind = {moved(2, "x", 2, "u", 5)};
