@@ -1,19 +1,17 @@
 /* The plug-in for NATS: records into a JetStream, each with an acknowledgement of its own. A record's subject for the
  * answer ends in its number. */
 #include <nats/nats.h>
-#include <time.h>
 
 #include <algorithm>
 #include <charconv>
-#include <cstdio>
-#include <memory>
 #include <string_view>
 
 #include "ack.h"
-#include "common/guard.h"
+#include "bus/plugin.h"
 #include "connection.h"
 #include "pending.h"
 
+using bus::now_ms;
 using bus::Settings;
 
 namespace
@@ -21,13 +19,6 @@ namespace
 
 constexpr uint64_t kReopenMs = 2000;
 constexpr int kUnconnectedMs = 100; /* of waiting, at most: then it is looked whether there is a connection */
-
-uint64_t now_ms()
-{
-    struct timespec now;
-    clock_gettime(CLOCK_MONOTONIC_COARSE, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000 + static_cast<uint64_t>(now.tv_nsec) / 1'000'000;
-}
 
 struct Message {
     natsMsg *message = nullptr;
@@ -188,43 +179,8 @@ void fmon_bus::poll(int timeout_ms)
         all_again(now - patience, "no acknowledgement within " + std::to_string(patience / 1000) + " s");
 }
 
-namespace
+const struct fmon_bus_plugin *fmon_bus_get()
 {
-
-struct fmon_bus *open_bus(const struct fmon_bus_setting *settings, size_t count,
-                          const struct fmon_bus_listener *listener, char *error, size_t error_size)
-{
-    return common::without_exceptions<struct fmon_bus *>(
-        nullptr, [&]() -> struct fmon_bus * {
-            auto bus = std::make_unique<struct fmon_bus>(Settings(settings, count), *listener);
-            std::string why;
-            if (bus->open(why))
-                return bus.release();
-            snprintf(error, error_size, "nats: %s", why.c_str());
-            return nullptr;
-        });
+    static constexpr struct fmon_bus_plugin kPlugin = bus::make_plugin<struct fmon_bus>("nats " NATS_VERSION_STRING);
+    return &kPlugin;
 }
-
-size_t send_to(struct fmon_bus *bus, const struct fmon_bus_message *messages, size_t count)
-{
-    return common::without_exceptions<size_t>(0, [&] { return bus->send(messages, count); });
-}
-
-void poll_bus(struct fmon_bus *bus, int timeout_ms)
-{
-    common::without_exceptions(0, [&] {
-        bus->poll(timeout_ms);
-        return 0;
-    });
-}
-
-void close_bus(struct fmon_bus *bus) { delete bus; }
-
-constexpr struct fmon_bus_plugin kPlugin = {
-    FMON_BUS_VERSION, sizeof kPlugin, "nats " NATS_VERSION_STRING, open_bus, send_to, poll_bus, close_bus,
-};
-
-}  // namespace
-
-extern "C" __attribute__((visibility("default"))) const struct fmon_bus_plugin *fmon_bus_get(void);
-const struct fmon_bus_plugin *fmon_bus_get() { return &kPlugin; }
