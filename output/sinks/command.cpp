@@ -132,9 +132,10 @@ bool CommandTransport::has_ended()
 // What it has not read by then is for the next.
 Carried CommandTransport::carry(const Packets &packets, const Patience &patience)
 {
-    int failed = 0;
-    if (has_ended() && !writer_.is_settling())
-        failed = start();
+    const bool is_needed = has_ended();
+    if (writer_.is_settling())
+        return writer_.settle(packets);
+    int failed = is_needed ? start() : 0;
     if (failed)
         return {.trouble = "cannot start the command: " + agent::reason_text(failed)};
     Carried carried = writer_.write(stream_, packets, patience, failed);

@@ -226,6 +226,7 @@ void QueuedSink::run()
         if (!has_packets)
             sleep(idle_ms);
     }
+    transport_.reset();  // here, where no signal can come of what that writes
 }
 
 // Whether there are packets that are due, and no pause.

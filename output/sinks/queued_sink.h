@@ -82,7 +82,7 @@ private:
     int sleep_ms(int idle_ms) const REQUIRES(lock_);
     void finish_if_drained();
 
-    const std::unique_ptr<Transport> transport_;
+    std::unique_ptr<Transport> transport_; /* ends on the thread */
     const QueueLimits limits_;
     common::Fd wake_, end_; /* eventfds */
     std::atomic<bool> ending_ = false;

@@ -61,8 +61,6 @@ ssize_t FdStream::write(std::string_view bytes, short &awaited)
 Carried PacketWriter::write(ByteStream &stream, const Packets &packets, const Patience &patience, int &error)
 {
     error = 0;
-    if (is_settling())
-        return {packets.whole_in(std::exchange(read_, 0))};
     std::string_view rest = packets.bytes().substr(sent_);
     while (!rest.empty() && error == 0) {
         short awaited = 0;

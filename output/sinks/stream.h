@@ -56,11 +56,12 @@ public:
     /* As Transport::carry(), but for the trouble: `error` is 0, EAGAIN when nothing has been taken or read for a
      * second, or what has ended the stream. */
     Carried write(ByteStream &stream, const Packets &packets, const Patience &patience, int &error);
-    /* The stream has ended, and these bytes in it will never be read: what was read is done by the next write(), and
-     * what follows goes to another stream, whole. */
+    /* The stream has ended, and these bytes in it will never be read: what was read is for settle(), and what follows
+     * goes to another stream, whole. */
     void restart(size_t unread);
-    /* Whether the next write() does that, and needs no stream yet. */
     bool is_settling() const { return read_ != 0; }
+    /* The packets that a stream had read when it ended. */
+    Carried settle(const Packets &packets) { return {packets.whole_in(std::exchange(read_, 0))}; }
 
 private:
     void judge(Carried &carried, bool all_sent, int &error);
