@@ -9,7 +9,8 @@ namespace output
 
 std::span<const SinkRow> sinks()
 {
-    static const std::vector<SinkRow> rows = {kStdoutRow, kFileRow, kCommandRow, kSocketRow, kNatsRow, kKafkaRow};
+    static const std::vector<SinkRow> rows = {kStdoutRow,  kFileRow, kCommandRow, kSocketRow,
+                                              kJournalRow, kNatsRow, kKafkaRow};
     return rows;
 }
 
