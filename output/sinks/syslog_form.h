@@ -1,0 +1,36 @@
+/*
+ * syslog_form.h: records as messages of RFC 5424.
+ */
+#ifndef OUTPUT_SINKS_SYSLOG_FORM_H
+#define OUTPUT_SINKS_SYSLOG_FORM_H
+
+#include <string>
+
+#include "agent/time_format.h"
+#include "output/sink.h"
+
+namespace output
+{
+
+/* 0 to 23, or -1: no facility has that name. */
+int facility_of(const std::string &name);
+
+class SyslogForm
+{
+public:
+    SyslogForm(int facility, const std::string &program, const Origin &origin);
+
+    /* Appends the message of a record: its text without the last byte, which ends a record; losses as warnings, all
+     * else as information. */
+    void append(const Record &record, std::string &out);
+
+private:
+    const int facility_;
+    const std::string names_; /* " HOST PROGRAM PID " */
+    const std::string instance_;
+    agent::UtcTime time_;
+};
+
+}  // namespace output
+
+#endif
