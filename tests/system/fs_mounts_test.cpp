@@ -148,6 +148,28 @@ TEST_F(FileSystems, AnotherDirectoryIsBoundAtOnceAtTheSamePath)
     EXPECT_EQ(0, watch.stop());
 }
 
+/* Of the churn nothing is reported, and all is read. */
+TEST_F(FileSystems, MountsAreHeededWhileRecordsComeWithoutAPause)
+{
+    const std::string top = tree.dir("tree"), point = tree.dir("tree/point"), outside = tree.dir("outside");
+    Watch watch(top, with({"-e", "create"}));
+    watch.losses_are_due();
+    watch.established();
+    const Background churn([&] {
+        for (;;) {
+            make_file(outside + "/f");
+            remove_file(outside + "/f");
+        }
+    });
+    for (int round = 0; round < 3; round++) {
+        const std::string data = tree.dir("data" + std::to_string(round));
+        bind_mount(data, point);
+        EXPECT_TRUE(is_watched(watch, data)) << round;
+        unmount(point);
+    }
+    EXPECT_EQ(0, watch.stop());
+}
+
 TEST_F(FileSystems, WhatIsMountedTwiceHasBothPaths)
 {
     const std::string data = tree.dir("data"), other = tree.dir("other");

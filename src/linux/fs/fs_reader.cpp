@@ -16,21 +16,18 @@ namespace
 
 enum { REST_MS = 2 };
 
-/* True: the thread is to end. */
-bool rest(const struct fs_reader *reader)
+/*
+ * Waits until the thread is to end (true), the mount table changes, or records come; of `group_fd`, or for none (-1).
+ * A change of the mounts is told at once: records may come for ever without a pause.
+ */
+bool wait(const struct fs_reader *reader, int group_fd, int ms)
 {
-    struct pollfd stop = {reader->stop_fd, POLLIN, 0};
-    return poll(&stop, 1, REST_MS) > 0;
-}
-
-/* Waits until there is something to do. True: the thread is to end. */
-bool wait(const struct fs_reader *reader, bool *mounts)
-{
-    struct pollfd fds[] = {
-        {reader->stop_fd, POLLIN, 0}, {reader->work.group_fd, POLLIN, 0}, {reader->work.mounts_fd, POLLPRI, 0}};
-    if (poll(fds, 3, -1) < 0)
-        return rest(reader); /* short of memory */
-    *mounts = (fds[2].revents & POLLPRI) != 0;
+    const struct fs_reader_work *work = &reader->work;
+    struct pollfd fds[] = {{reader->stop_fd, POLLIN, 0}, {work->mounts_fd, POLLPRI, 0}, {group_fd, POLLIN, 0}};
+    if (poll(fds, 3, ms) <= 0)
+        return false;
+    if (fds[1].revents & POLLPRI)
+        work->mounts(work->arg);
     return fds[0].revents != 0;
 }
 
@@ -38,14 +35,9 @@ void *run(void *arg)
 {
     const auto *reader = static_cast<const struct fs_reader *>(arg);
     prctl(PR_SET_NAME, "fmon-fs");
-    bool mounts = false;
-    while (!wait(reader, &mounts)) {
-        if (mounts)
-            reader->work.mounts(reader->work.arg);
-        while (reader->work.pass(reader->work.arg))
-            if (rest(reader))
-                return nullptr;
-    }
+    bool some = false;
+    while (!wait(reader, some ? -1 : reader->work.group_fd, some ? int{REST_MS} : -1))
+        some = reader->work.pass(reader->work.arg);
     return nullptr;
 }
 

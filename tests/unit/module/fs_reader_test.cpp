@@ -3,7 +3,9 @@
 
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <netinet/in.h>
 #include <semaphore.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -19,7 +21,45 @@
 namespace
 {
 
-/* A group that is a pipe, and a thread that reads it. */
+/* A connection within this process; what is sent out of band is an exception, as a change of the mount table is. */
+class Connection
+{
+public:
+    Connection()
+    {
+        struct sockaddr_in at = {AF_INET, 0, {htonl(INADDR_LOOPBACK)}, {}};
+        socklen_t size = sizeof at;
+        auto *address = reinterpret_cast<struct sockaddr *>(&at);
+        const int listening = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        from_ = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        EXPECT_EQ(0, bind(listening, address, size));
+        EXPECT_EQ(0, listen(listening, 1));
+        EXPECT_EQ(0, getsockname(listening, address, &size));
+        EXPECT_EQ(0, connect(from_, address, size));
+        to_ = accept4(listening, nullptr, nullptr, SOCK_CLOEXEC);
+        close(listening);
+    }
+    ~Connection()
+    {
+        close(from_);
+        close(to_);
+    }
+    Connection(const Connection &) = delete;
+    Connection &operator=(const Connection &) = delete;
+
+    int fd() const { return to_; }
+    void except() { EXPECT_EQ(1, send(from_, "!", 1, MSG_OOB)); }
+    void settle()
+    {
+        char c;
+        EXPECT_EQ(1, recv(to_, &c, 1, MSG_OOB));
+    }
+
+private:
+    int from_, to_;
+};
+
+/* A group that is a pipe, a mount table that is a connection, and a thread that reads them. */
 class FsReader : public ::testing::Test
 {
 protected:
@@ -27,6 +67,7 @@ protected:
     {
         EXPECT_EQ(0, pipe2(pipe_, O_NONBLOCK | O_CLOEXEC));
         sem_init(&read_, 0, 0);
+        sem_init(&changed_, 0, 0);
     }
     ~FsReader() override
     {
@@ -34,20 +75,22 @@ protected:
         close(pipe_[0]);
         close(pipe_[1]);
         sem_destroy(&read_);
+        sem_destroy(&changed_);
     }
 
     int start()
     {
-        const struct fs_reader_work work = {this, pipe_[0], -1, pass, nullptr};
+        const struct fs_reader_work work = {this, pipe_[0], mounts_.fd(), pass, mounts};
         return fs_reader_start(&reader_, &work);
     }
     void feed(char c) { EXPECT_EQ(1, write(pipe_[1], &c, 1)); }
-    bool await()
+    bool await() { return await(read_); }
+    static bool await(sem_t &what)
     {
         struct timespec until;
         clock_gettime(CLOCK_REALTIME, &until);
         until.tv_sec += 10;
-        return sem_timedwait(&read_, &until) == 0;
+        return sem_timedwait(&what, &until) == 0;
     }
 
     static bool pass(void *arg)
@@ -55,7 +98,7 @@ protected:
         auto *self = static_cast<FsReader *>(arg);
         char c;
         if (read(self->pipe_[0], &c, 1) != 1)
-            return false;
+            return self->endless_;
         self->last_ = c;
         sigset_t mask;
         pthread_sigmask(SIG_SETMASK, nullptr, &mask);
@@ -65,9 +108,18 @@ protected:
         return true;
     }
 
+    static void mounts(void *arg)
+    {
+        auto *self = static_cast<FsReader *>(arg);
+        self->mounts_.settle();
+        sem_post(&self->changed_);
+    }
+
     struct fs_reader reader_ = {{}, {}, -1};
     int pipe_[2];
-    sem_t read_;
+    Connection mounts_;
+    sem_t read_, changed_;
+    std::atomic<bool> endless_{false}; /* there is always something to read */
     std::atomic<char> last_{0};
     std::atomic<bool> blocked_{false};
     std::string name_; /* read when the thread has posted */
@@ -107,6 +159,40 @@ TEST_F(FsReader, ReadsNothingWhenItHasStopped)
     EXPECT_EQ(0, last_);
     ASSERT_EQ(0, start());
     EXPECT_TRUE(await());
+}
+
+TEST_F(FsReader, SaysThatMountsChanged)
+{
+    ASSERT_EQ(0, start());
+    for (int i = 0; i < 3; i++) {
+        mounts_.except();
+        ASSERT_TRUE(await(changed_)) << i;
+    }
+}
+
+TEST_F(FsReader, SaysThatMountsChangedWhileRecordsKeepComing)
+{
+    endless_ = true;
+    ASSERT_EQ(0, start());
+    feed('a');
+    ASSERT_TRUE(await());
+    for (int i = 0; i < 3; i++) {
+        mounts_.except();
+        ASSERT_TRUE(await(changed_)) << i;
+    }
+    feed('b');
+    ASSERT_TRUE(await());
+    EXPECT_EQ('b', last_);
+    fs_reader_stop(&reader_);
+}
+
+TEST_F(FsReader, GoesOnWhereWaitingFails)
+{
+    const testlib::Fault fault("poll", 1, ENOMEM, 100, testlib::ThreadScope::kAll);
+    ASSERT_EQ(0, start());
+    feed('a');
+    ASSERT_TRUE(await());
+    EXPECT_TRUE(fault.hit());
 }
 
 TEST_F(FsReader, WithoutADescriptorOrAThreadItDoesNotStart)
