@@ -93,6 +93,26 @@ TEST_P(FsFacts, ARenameIsJoinedToAnEqualOneThatWaits)
     EXPECT_EQ(2u, read_all(group.fd).size()) << "nothing is joined to what was read";
 }
 
+/* Without that, only a further read would say that nothing waits. */
+TEST_P(FsFacts, AReadThatLeavesRoomHasEmptiedTheQueue)
+{
+    FsGroup group(at(""), kEntries);
+    Worker one;
+    for (int i = 0; i < 2000; i++)
+        one.run('f', at("f" + std::to_string(i)));
+    std::vector<char> buffer(1 << 20);
+    size_t records = 0;
+    struct fs_record record;
+    const ssize_t got = read(group.fd, buffer.data(), buffer.size());
+    ASSERT_GT(got, 0);
+    for (size_t pos = 0; fs_record_at(buffer.data(), static_cast<size_t>(got), pos, &record) == FS_CUT_RECORD;
+         pos += record.size)
+        records++;
+    EXPECT_EQ(2000u, records);
+    EXPECT_EQ(-1, read(group.fd, buffer.data(), buffer.size()));
+    EXPECT_EQ(EAGAIN, errno);
+}
+
 TEST_P(FsFacts, OtherProcessesAreNotJoined)
 {
     FsGroup group(at(""), kEntries);

@@ -95,22 +95,20 @@ bool fs_group_is_marked(const struct fs_group *group, int fd)
     return fs_group_unmark(group, fd, true, kNeverAsked) == 0 || errno != ENOENT;
 }
 
+/* A read that leaves room for any record found the queue empty at its end. To ask for EAGAIN would be a further call,
+ * and has no end where somebody writes for each call of ours (a tracer, a log). */
 size_t fs_group_read(const struct fs_group *group, char *buffer, size_t size, bool *drained, int *error)
 {
     size_t used = 0;
     *drained = false;
     *error = 0;
-    while (size - used >= FS_GROUP_ROOM) {
+    while (!*drained && size - used >= FS_GROUP_ROOM) {
         const ssize_t got = read(group->fd, buffer + used, size - used);
-        if (got > 0) {
-            used += static_cast<size_t>(got);
-            continue;
-        }
         if (got < 0 && errno == EINTR)
             continue;
-        *drained = true;
+        used += got > 0 ? static_cast<size_t>(got) : 0;
+        *drained = got <= 0 || size - used >= FS_GROUP_ROOM;
         *error = got < 0 && errno != EAGAIN ? errno : 0;
-        break;
     }
     return used;
 }

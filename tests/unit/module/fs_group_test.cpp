@@ -200,6 +200,18 @@ TEST_F(FsGroupRead, UntilNothingWaits)
     EXPECT_EQ(0, error_);
 }
 
+TEST_F(FsGroupRead, RoomThatIsLeftSaysThatNothingWaits)
+{
+    feed(3000);
+    const testlib::CallCount reads("read");
+    EXPECT_EQ(3000u, read(3000 + FS_GROUP_ROOM));
+    EXPECT_TRUE(drained_);
+    EXPECT_EQ(1, reads.calls());
+    feed(3000);
+    EXPECT_EQ(3000u, read(3000 + FS_GROUP_ROOM - 1));
+    EXPECT_FALSE(drained_);
+}
+
 TEST_F(FsGroupRead, UntilARecordMayNotFit)
 {
     feed(10000);
@@ -212,10 +224,14 @@ TEST_F(FsGroupRead, UntilARecordMayNotFit)
 TEST_F(FsGroupRead, AnErrorIsAsIfNothingWaited)
 {
     feed(100);
-    testlib::Fault fault("read", 2, EIO);
-    EXPECT_EQ(100u, read(sizeof buffer_));
+    {
+        testlib::Fault fault("read", 1, EIO);
+        EXPECT_EQ(0u, read(sizeof buffer_));
+    }
     EXPECT_TRUE(drained_);
     EXPECT_EQ(EIO, error_);
+    EXPECT_EQ(100u, read(sizeof buffer_));
+    EXPECT_EQ(0, error_);
 }
 
 TEST_F(FsGroupRead, AnInterruptionIsNone)
