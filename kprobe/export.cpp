@@ -91,7 +91,10 @@ int32_t kp_loss_counts(void *inst, struct kp_losses *out)
 {
     if (!out)
         return -EINVAL;
-    return with_instance(inst, [&](kprobe::Instance &instance) { return instance.losses(*out) ? 0 : -EIO; });
+    return with_instance(inst, [&](kprobe::Instance &instance) {
+        *out = instance.losses();
+        return 0;
+    });
 }
 
 int32_t kp_losses_total(struct kp_losses *out)

@@ -33,13 +33,13 @@ int Instance::open(const std::vector<int> &cpus, const Sizes &sizes)
     return records_.open();
 }
 
-bool Instance::losses(kp_losses &out)
+kp_losses Instance::losses()
 {
     const uint64_t missed = probes_.missed();
-    out = records_.counts();
+    kp_losses out = records_.counts();
     delivery_.add_counts(out);
     out.missed = missed;
-    return true;
+    return out;
 }
 
 // ---- CPUs ----

@@ -59,7 +59,7 @@ public:
     bool is_waiting() { return records_.is_waiting(); }
     int parse(size_t budget) { return delivery_.parse(budget); }
     void clean() { records_.clean(); }
-    bool losses(kp_losses &out);
+    kp_losses losses();
 
     // ---- for the thread that empties the rings ----
 

@@ -256,10 +256,8 @@ Library::Slot *Library::free_slot(const std::string &name)
 
 void Library::keep_losses(Instance &instance) noexcept
 {
-    kp_losses last;
     try {
-        if (instance.losses(last))
-            add(last, ended_);
+        add(instance.losses(), ended_);
     } catch (const std::exception &) {  // out of memory: not reported
     }
 }
@@ -384,11 +382,8 @@ int Library::losses(kp_losses &out)
         all = instances();
         out = ended_;
     }
-    for (const auto &instance : all) {
-        kp_losses one;
-        if (instance->losses(one))
-            add(one, out);
-    }
+    for (const auto &instance : all)
+        add(instance->losses(), out);
     return 0;
 }
 
