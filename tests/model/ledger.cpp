@@ -22,9 +22,11 @@ void Ledger::renamed(const Identity &from, const Identity &to)
 
 bool Ledger::may_lose(const std::string &source, size_t count)
 {
-    losses_.now |= source == "table";
+    if (source != "table")
+        return false;
+    losses_.now += count;
     losses_.all += count;
-    return source == "table";
+    return true;
 }
 
 /* The paths that it would have if a directory above were where that was at another moment of the round. */
@@ -83,9 +85,21 @@ void Ledger::count()
 
 bool Ledger::is_missing(const Happening &what, const Due &due) const
 {
-    return !what.may_miss && !(due.in_doubt && losses_.now) && !due.paths.count("") &&
+    return !what.may_miss && !due.paths.count("") &&
            std::none_of(due.paths.begin(), due.paths.end(),
                         [&](const std::string &path) { return came(key_of(what, path)); });
+}
+
+/* Records: what was joined into one, and both halves of a rename. */
+size_t Ledger::missing_in_doubt() const
+{
+    std::set<Identity> others, from, to;
+    for (size_t i = 0; i < happened_.size(); i++) {
+        const Happening &what = happened_[i];
+        if (due_[i].in_doubt && is_missing(what, due_[i]))
+            (what.kind == "moved_from" ? from : what.kind == "moved_to" ? to : others).insert(what.identity);
+    }
+    return others.size() + std::max(from.size(), to.size());
 }
 
 void Ledger::compare(int round, Complaints &out) const
@@ -96,9 +110,11 @@ void Ledger::compare(int round, Complaints &out) const
             out.push_back((most == most_.end() ? "did not happen: " : "too often: ") + describe(key));
     }
     std::set<Key> missed;
+    const bool excused = missing_in_doubt() <= losses_.now;
     for (size_t i = 0; i < happened_.size(); i++) {
         const Happening &what = happened_[i];
-        if (is_missing(what, due_[i]) && !may_miss(what, round) && missed.insert(key_of(what, what.path)).second)
+        if (!(due_[i].in_doubt && excused) && is_missing(what, due_[i]) && !may_miss(what, round) &&
+            missed.insert(key_of(what, what.path)).second)
             out.push_back("missing: " + describe(key_of(what, what.path)));
     }
 }
@@ -137,10 +153,7 @@ bool Ledger::awaits_loss()
 {
     expect();
     count();
-    for (size_t i = 0; is_exact() && i < happened_.size() && !losses_.now; i++)
-        if (due_[i].in_doubt && is_missing(happened_[i], due_[i]))
-            return true;
-    return false;
+    return is_exact() && missing_in_doubt() > losses_.now;
 }
 
 Complaints Ledger::settle(int round)
@@ -160,7 +173,7 @@ Complaints Ledger::settle(int round)
     happened_.clear();
     reported_.clear();
     moves_ = {};
-    losses_.now = false;
+    losses_.now = 0;
     were_before_ = std::move(were_);
     were_.clear();
     return out;

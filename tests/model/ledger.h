@@ -62,7 +62,7 @@ using Complaints = std::vector<std::string>;
  * was. What happens below it in this round may come by any place that the directory had in this round, and is not
  * reported when one of these is outside.
  * 3. Whether that was so can be known of no directory that came back to a place that it had before in this round. What
- * happens below may be a loss that is counted instead.
+ * happens below may be a loss instead, of which each record is counted.
  */
 class Ledger
 {
@@ -81,7 +81,7 @@ public:
     void was_at(const Node &dir, const std::string &path) { moves_.places[&dir].insert(path); }
     void was(const std::string &path) { were_.insert(path); } /* something had this path in this round */
     void reported(const Report &what) { reported_.push_back(what); }
-    /* Whether something is missing that a loss would excuse: losses are reported a little later than events. */
+    /* Whether more is missing than the losses excuse: these are reported a little later than events. */
     bool awaits_loss();
     /* What is wrong with the round that ends here. */
     Complaints settle(int round);
@@ -112,6 +112,7 @@ private:
     void add_doubtful(const Happening &what, std::set<std::string> &paths) const;
     void count();
     bool is_missing(const Happening &what, const Due &due) const;
+    size_t missing_in_doubt() const;
     void compare(int round, Complaints &out) const;
     void check_order(Complaints &out) const;
     void check_order_of(const std::vector<const Happening *> &all, Complaints &out) const;
@@ -125,7 +126,7 @@ private:
         std::set<const Node *> repeated, lossy; /* may be elsewhere; a loss may stand for what happens below */
     } moves_;
     struct Losses {
-        bool now = false;
+        size_t now = 0;                      /* of this round */
         size_t all = 0, things_in_doubt = 0; /* of all rounds */
     } losses_;
     const bool small_table_;

@@ -280,7 +280,6 @@ void Rounds::bind(Node &point)
         return;
     const std::string from = ground_ + "/" + world_.reach(root), to = ground_ + "/" + world_.reach(point);
     EXPECT_EQ(0, ::mount(from.c_str(), to.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
-    root.kept = true;
     world_.mount(point, root);
     note("-- " + world_.reach(root) + " is bound at " + world_.reach(point));
 }
@@ -297,7 +296,6 @@ void Rounds::change_mounts()
         bind(point);
     } else {
         EXPECT_EQ(0, umount2((ground_ + "/" + world_.reach(point)).c_str(), 0)) << strerror(errno);
-        old->root->kept = false;
         gone.push_back(old->root);
         world_.unmount(point);
         note("-- " + world_.reach(point) + " is unmounted");

@@ -54,9 +54,21 @@ void World::exchange(Entry &one, Entry &other)
     one.node->moved = other.node->moved = round;
 }
 
+void World::mount(Node &point, Node &root)
+{
+    mounts_.push_back({&point, &root});
+    root.kept = true;
+}
+
+/* A directory may be mounted at both points. */
 void World::unmount(const Node &point)
 {
+    for (const Mount &mount : mounts_)
+        if (mount.point == &point)
+            mount.root->kept = false;
     std::erase_if(mounts_, [&](const Mount &mount) { return mount.point == &point; });
+    for (const Mount &mount : mounts_)
+        mount.root->kept = true;
 }
 
 /* A mount point is in sight by the way of its parent only; what it covers is not. */

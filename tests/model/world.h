@@ -28,7 +28,7 @@ struct Node {
     Entry *self = nullptr; /* a directory's name; null: one of the two tops */
     std::map<std::string, Entry *> entries = {};
     bool pinned = false; /* never renamed, never removed */
-    bool kept = false;   /* never removed */
+    bool kept = false;   /* mounted somewhere: never removed */
     bool point = false;  /* kept empty, to be mounted on */
     int moved = -1;      /* the round in which the node was last made, renamed or removed */
 };
@@ -56,7 +56,7 @@ public:
     void remove(Entry &entry);
     void move(Entry &entry, Node &dir, const std::string &name); /* what has the name is replaced */
     void exchange(Entry &one, Entry &other);
-    void mount(Node &point, Node &root) { mounts_.push_back({&point, &root}); }
+    void mount(Node &point, Node &root);
     void unmount(const Node &point);
     const std::vector<Mount> &mounts() const { return mounts_; }
 
