@@ -22,6 +22,7 @@ struct Established {
     /* Where events come from: "marks" on directories, mounts and files, marks of whole file systems ("filesystem"),
      * "both", or kernel "probes". */
     std::string source = "marks";
+    uint64_t left_out = 0; /* mounted file systems that nothing watches, though they were meant */
 };
 
 /* One thread's. What is reported may gather until flush(). */

@@ -38,10 +38,20 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
     struct fmon_status now = {};
     module_.read_status(now);
     by_file_systems_ = accepted && now.file_probes.state != FMON_SOURCE_ON && now.fs.source.state == FMON_SOURCE_ON;
+    if (by_file_systems_) {
+        left_out_ = now.fs.left_out;
+        met_ = now.fs.last_fallback;
+    }
     if (by_file_systems_ || (accepted && gather_probe_facts(module_.is_container(), false).missing_entry.empty()))
         return true;
     error = why_not(now);
     return false;
+}
+
+std::string SystemWatch::left_out_words() const
+{
+    const std::string others = left_out_ > 1 ? " and " + counted(left_out_ - 1, "other mount") : "";
+    return "what happens on " + std::string(met_.path) + others + " is not seen: " + explain_fallback(met_, true).line();
 }
 
 std::string SystemWatch::why_not(const struct fmon_status &now) const

@@ -27,6 +27,10 @@ public:
     /* Whether marks of file systems serve it, and not kernel probes. */
     bool by_file_systems() const { return by_file_systems_; }
 
+    /* Mounted file systems that should be served by their mark and take none, and in words, one of them and why. */
+    uint64_t left_out() const { return left_out_; }
+    std::string left_out_words() const;
+
     /* Takes the mounts in that have come since. What could not be taken in is said on stderr. */
     void follow_mounts();
 
@@ -41,6 +45,8 @@ private:
     const Source source_;
     bool by_file_systems_ = false;
     uint32_t instance_ = 0, kinds_ = 0;
+    uint64_t left_out_ = 0;
+    struct fmon_fallback met_ = {}; /* the latest of them */
     MountPoints known_;
     bool told_full_ = false;
 };

@@ -19,8 +19,10 @@ bool WatchedSystem::place(Intake &intake)
 void WatchedSystem::report_start()
 {
     const bool marks = watch_.by_file_systems();
-    report_.established({{}, {}, 0, marks ? "filesystem" : "probes"});
+    report_.established({{}, {}, 0, marks ? "filesystem" : "probes", watch_.left_out()});
     report_.flush();
+    if (watch_.left_out())
+        report_.warning(watch_.left_out_words());
     if (!report_.has_records())
         report_.note("watching the whole system for " + events_text(kinds_) +
                      (marks ? " (marks of file systems)" : ""));

@@ -52,6 +52,10 @@ public:
             put_number(writer, "directories", all.directories);
             put_key(writer, "source");
             put(writer, all.source);
+            if (all.left_out) {
+                put_key(writer, "left_out");
+                writer.Uint64(all.left_out);
+            }
         });
     }
 

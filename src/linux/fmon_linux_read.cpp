@@ -242,7 +242,7 @@ void end_pass(struct fmon *monitor, uint32_t now_ms)
     }
     fmlnx.events_this_pass = 0;
     container_pass(false);
-    fs_source_heed_news(monitor);
+    fs_source_heed_news(monitor, now_ms);
     fmon_linux_check_places(now_ms);
     fmon_linux_sweep_marks(now_ms);
     rate_ctrl(monitor, now_ms);

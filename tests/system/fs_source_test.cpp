@@ -178,4 +178,37 @@ TEST_F(FileSystems, TheWholeSystemWithoutProbes)
     EXPECT_EQ(0, watch.interrupt()) << watch.errors();
 }
 
+/* As in a container: what is there at "/" is an overlay. */
+TEST_F(FileSystems, TheWholeSystemWhereItsTopTakesNoMark)
+{
+    mount_new();
+    const std::string top = tree.dir("top"), data = tree.dir("top/mnt");
+    for (const char *name : {"/upper", "/work"})
+        make_dir(mounted + name);
+    const std::string options = "lowerdir=/,upperdir=" + mounted + "/upper,workdir=" + mounted + "/work";
+    if (mount("fmon-test", top.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    ASSERT_EQ(0, mount("proc", (top + "/proc").c_str(), "proc", 0, nullptr)) << strerror(errno);
+    ASSERT_EQ(0, mount("fmon-test", (top + "/mnt").c_str(), "tmpfs", 0, nullptr)) << strerror(errno);
+    {
+        Process watch({{"/usr/sbin/chroot", top, FMON_TEST_BIN "/fmon", "watch", "--system", "--probes", "off",
+                        "--source", "filesystem", "-e", "create", "--format", "json"}});
+        const auto first = watch.line();
+        ASSERT_TRUE(first) << watch.errors();
+        const Json established = Json::parse_if(*first).value_or(Json());
+        EXPECT_EQ("established", established.value("type", "")) << *first;
+        EXPECT_LE(1u, established.value("left_out", 0u)) << *first;
+        EXPECT_NE(std::string::npos, watch.errors().find("what happens on /")) << watch.errors();
+        make_file(data + "/seen");
+        bool seen = false;
+        for (const int64_t end = now_ms() + kPatienceMs; now_ms() < end && !seen;)
+            seen = watch.line(1000).value_or("").find("\"/mnt/seen\"") != std::string::npos;
+        EXPECT_TRUE(seen) << watch.errors();
+        EXPECT_EQ(0, watch.interrupt()) << watch.errors();
+    }
+    umount2((top + "/mnt").c_str(), MNT_DETACH);
+    umount2((top + "/proc").c_str(), MNT_DETACH);
+    umount2(top.c_str(), MNT_DETACH);
+}
+
 }  // namespace

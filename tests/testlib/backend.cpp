@@ -58,6 +58,8 @@ int paper_fs_mark(int fd, unsigned flags, uint64_t mask, int dirfd)
     int error = (flags & FAN_MARK_ADD) && (mask & paper->fs_refused_bits) ? EINVAL : 0;
     if ((flags & FAN_MARK_ADD) && paper->fs_mark_error)
         error = paper->fs_mark_error;
+    if ((flags & FAN_MARK_REMOVE) && paper->fs_marks_gone)
+        error = ENOENT;
     if (error) {
         errno = error;
         return -1;

@@ -46,6 +46,7 @@ public:
      * on.
      */
     int fs_init_error = 0, fs_mark_error = 0; /* errno of it, 0: success */
+    bool fs_marks_gone = false;               /* to take bits of one away: ENOENT */
     uint64_t fs_refused_bits = 0;             /* of a mark: EINVAL */
     int fs_group = -1, fs_feed = -1;          /* the pipe, until the next such group */
     uint64_t fs_mask_of(const std::string &path, bool system) const;

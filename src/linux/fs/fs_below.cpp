@@ -37,6 +37,13 @@ struct fs_below *find(struct fs_root *root, int mount_id)
     return nullptr;
 }
 
+/* What failed for that may not fail the next time. */
+bool is_passing(int error)
+{
+    return error == ENOMEM || error == EMFILE || error == ENFILE || error == ENOSPC || error == EAGAIN ||
+           error == EINTR || error == EBUSY || error == ENOENT;
+}
+
 /* A mount id is given again at once when it is free. */
 bool is_still(const struct fs_below *below, const struct fs_mount *mount)
 {
@@ -85,6 +92,13 @@ int join(struct fs_root *root, struct fs_below *below, const struct fs_mount *mo
     return fs_engine_join(fs_source.engine, &joint);
 }
 
+int errno_of(int result)
+{
+    if (result == FMON_ENOMEM)
+        return ENOMEM;
+    return result == FMON_ENOTSUP ? EOPNOTSUPP : ENOENT;
+}
+
 void let_system_go(struct fs_below *below)
 {
     struct fs_system *system = below->system;
@@ -113,9 +127,10 @@ uint32_t serve(struct fs_root *root, struct fs_below *below, const struct fs_mou
         let_system_go(below);
         return FMON_FALLBACK_MARK;
     }
-    if (join(root, below, mount, look) == 0)
+    const int result = join(root, below, mount, look);
+    if (result == 0)
         return FMON_FALLBACK_NONE;
-    *error = 0;
+    *error = errno_of(result);
     let_system_go(below);
     return FMON_FALLBACK_ROOT;
 }
@@ -147,17 +162,25 @@ void take_part(struct fs_below *below)
     below->part = nullptr;
 }
 
-void fall_back(struct fs_root *root, struct fs_below *below, uint32_t reason, int error)
+void account(const struct fs_below *below, uint32_t reason, int error)
 {
-    if (reason != FMON_FALLBACK_NONE)
-        place_part(root, below);
-    below->how = below->part ? FS_BELOW_PART : FS_BELOW_LEFT_OUT;
     FMON_LOG(2, kFile, "mount %s is not served by events of its file system (%u, %s), %s\n", below->point, reason,
              strerror(error), below->part ? "its directories are marked" : "left out");
     if (below->part)
         account_fallback(reason, error, below->point);
     else
         account_left_out(reason, error, below->point);
+}
+
+/* `again`: it was left out before, which is counted. */
+void fall_back(struct fs_root *root, struct fs_below *below, uint32_t reason, int error, bool again)
+{
+    place_part(root, below);
+    below->how = below->part ? FS_BELOW_PART : FS_BELOW_LEFT_OUT;
+    below->passing = !below->part && is_passing(error);
+    fs_source.retry.due |= below->passing;
+    if (below->part || !again)
+        account(below, reason, error);
 }
 
 /* ---- a look at the table ---- */
@@ -170,6 +193,7 @@ bool look_at_mount(const struct fs_mount *mount, struct fs_look *look, uint32_t 
         return *reason == FMON_FALLBACK_HANDLE;
     if (look->mount_id == mount->id)
         return true;
+    *error = EEXIST;
     close(look->fd);
     return false;
 }
@@ -201,36 +225,51 @@ bool is_in_part(struct fs_root *root, const struct fs_mount *mount)
     return above && above->how == FS_BELOW_PART;
 }
 
-void add(struct fs_root *root, const struct fs_mount *mount)
+void free_below(struct fs_below *below)
 {
-    struct fs_below *below = is_in_part(root, mount) ? nullptr : new_below(mount);
-    if (!below)
-        return;
-    uint32_t reason = FMON_FALLBACK_MARK;
-    int error = ENODEV;
-    if (fs_mount_is_pseudo(mount)) {
-        if (root->watch) /* system-wide, these are not meant */
-            account_left_out(reason, error, below->point);
-        const FsLock lock;
-        list_add_tail(&below->link, &root->below);
-        return;
+    free(below->point);
+    free(below);
+}
+
+void leave_out_pseudo(struct fs_root *root, struct fs_below *below)
+{
+    if (root->watch) /* system-wide, these are not meant */
+        account_left_out(FMON_FALLBACK_MARK, ENODEV, below->point);
+    const FsLock lock;
+    list_add_tail(&below->link, &root->below);
+}
+
+/* In the list, and served where that can be: *reason and *error say why it cannot. False: nothing is to be seen of it,
+ * and it is in no list. */
+bool take_up(struct fs_root *root, struct fs_below *below, const struct fs_mount *mount, uint32_t *reason, int *error)
+{
+    const FsLock lock;
+    struct fs_look look;
+    if (!look_at_mount(mount, &look, reason, error))
+        return false;
+    list_add_tail(&below->link, &root->below);
+    if (*reason)
+        return true;
+    *reason = serve(root, below, mount, &look, error);
+    close(look.fd);
+    return true;
+}
+
+void add(struct fs_root *root, const struct fs_mount *mount, bool again)
+{
+    uint32_t reason;
+    int error = ENOMEM;
+    struct fs_below *below = new_below(mount);
+    if (below && fs_mount_is_pseudo(mount)) {
+        leave_out_pseudo(root, below);
+    } else if (below && take_up(root, below, mount, &reason, &error)) {
+        if (reason)
+            fall_back(root, below, reason, error, again);
+    } else {
+        fs_source.retry.due |= is_passing(error);
+        if (below)
+            free_below(below);
     }
-    {
-        const FsLock lock;
-        struct fs_look look;
-        if (!look_at_mount(mount, &look, &reason, &error)) {
-            free(below->point);
-            free(below);
-            return;
-        }
-        list_add_tail(&below->link, &root->below);
-        if (!reason) {
-            reason = serve(root, below, mount, &look, &error);
-            close(look.fd);
-        }
-    }
-    if (reason)
-        fall_back(root, below, reason, error);
 }
 
 void drop(struct fs_below *below)
@@ -242,8 +281,7 @@ void drop(struct fs_below *below)
             let_system_go(below);
     }
     take_part(below);
-    free(below->point);
-    free(below);
+    free_below(below);
 }
 
 /* Its mark may have gone, if what is mounted there now was mounted anew. False: that is something else. */
@@ -262,49 +300,85 @@ bool renew(struct fs_below *below)
     return true;
 }
 
-/* System-wide, what is mounted several times is told once. */
+/* Whether what is mounted there is to be seen through that other mount. */
+bool shows(int mount_id, const struct fs_mount *mount)
+{
+    const struct fs_mount *other = fs_mounts_find(&fs_source.mounts, mount_id);
+    return other && other != mount && other->major == mount->major && other->minor == mount->minor &&
+           (strcmp(other->root, mount->root) == 0 || fs_path_is_below(mount->root, other->root));
+}
+
+/* System-wide, what is mounted several times is told once. What has gone is still in the list. */
 bool is_repeated(struct fs_root *root, const struct fs_mount *mount)
 {
     if (root->watch)
         return false;
-    FMON_LIST_EACH (node, &root->below) {
-        const struct fs_below *below = below_of(node);
-        if (below->mount_id != mount->id && below->major == mount->major && below->minor == mount->minor)
+    FMON_LIST_EACH (node, &root->below)
+        if (below_of(node)->seen && shows(below_of(node)->mount_id, mount))
             return true;
-    }
-    return root->system->dev == makedev(mount->major, mount->minor);
+    return shows(root->mount_id, mount);
 }
 
-bool is_wanted(struct fs_root *root, const struct fs_mount *mount)
+bool is_meant(struct fs_root *root, const struct fs_mount *mount)
 {
     return mount->id != root->mount_id && fs_path_is_below(mount->point, root->path) &&
-           (root->watch || !fs_mount_is_remote(mount)) && !is_repeated(root, mount);
+           (root->watch || !fs_mount_is_remote(mount));
 }
 
-void look(struct fs_root *root, const struct fs_mount *mount)
+/* Whether the mount that is known by that id is this one, and is served as it was. */
+bool is_in_order(struct fs_below *below, const struct fs_mount *mount)
+{
+    return is_still(below, mount) && (!is_served(below) || renew(below));
+}
+
+/* One that is not known, has changed, or was left out for reasons of the moment. */
+void take(struct fs_root *root, const struct fs_mount *mount)
 {
     struct fs_below *known = find(root, mount->id);
-    if (known && is_still(known, mount) && (!is_served(known) || renew(known))) {
-        known->seen = true;
+    if (known && known->seen && !known->passing)
         return;
-    }
+    const bool again = known && known->seen;
     if (known)
         drop(known);
-    add(root, mount);
+    if (!is_in_part(root, mount) && !is_repeated(root, mount))
+        add(root, mount, again);
 }
 
 }  // namespace
 
+/* System-wide, whole file systems come before parts of them that are mounted elsewhere, too. */
+void take_all(struct fs_root *root, bool whole)
+{
+    const struct fs_mounts *mounts = &fs_source.mounts;
+    for (size_t i = 0; i < mounts->count; i++) {
+        const struct fs_mount *mount = &mounts->all[i];
+        if (is_meant(root, mount) && (root->watch || (strcmp(mount->root, "/") == 0) == whole))
+            take(root, mount);
+    }
+}
+
+/* What came has its place before what went loses it: the file system of both keeps its mark. */
 void fs_below_update(struct fs_root *root)
 {
-    FMON_LIST_EACH (node, &root->below)
-        below_of(node)->seen = false;
-    for (size_t i = 0; i < fs_source.mounts.count; i++)
-        if (is_wanted(root, &fs_source.mounts.all[i]))
-            look(root, &fs_source.mounts.all[i]);
+    FMON_LIST_EACH (node, &root->below) {
+        struct fs_below *below = below_of(node);
+        const struct fs_mount *mount = fs_mounts_find(&fs_source.mounts, below->mount_id);
+        below->seen = mount && is_meant(root, mount) && is_in_order(below, mount);
+    }
+    take_all(root, true);
+    if (!root->watch)
+        take_all(root, false);
     FMON_LIST_EACH_SAFE (node, &root->below)
         if (!below_of(node)->seen)
             drop(below_of(node));
+}
+
+bool fs_below_serves(struct fs_root *root)
+{
+    FMON_LIST_EACH (node, &root->below)
+        if (is_served(below_of(node)))
+            return true;
+    return false;
 }
 
 void fs_below_forget(struct fs_root *root)

@@ -57,8 +57,8 @@ void dump_below(struct fs_root *root)
 
 void dump_root(struct fs_root *root)
 {
-    FMON_LOG(4, kFile, "  [W] %s (filesystem), event %s%s%s\n", root->path, event_str(root->kinds),
-             root->recursive ? ", with all below" : "", root->displaced ? ", displaced" : "");
+    FMON_LOG(4, kFile, "  [W] %s (%s), event %s%s%s\n", root->path, root->system ? "filesystem" : "only mounts below",
+             event_str(root->kinds), root->recursive ? ", with all below" : "", root->displaced ? ", displaced" : "");
     dump_below(root);
 }
 

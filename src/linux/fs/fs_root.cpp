@@ -101,7 +101,7 @@ int open_directory(const struct fs_root *root)
 /* One that cannot be reached any more, and is not gone, goes on reporting what nobody looks at. */
 void unmark_directory(const struct fs_root *root)
 {
-    const uint64_t bits = own_bits(root) & ~bits_of_others(root);
+    const uint64_t bits = root->system ? own_bits(root) & ~bits_of_others(root) : 0;
     const int fd = bits ? open_directory(root) : -1;
     if (fd < 0)
         return;
@@ -147,7 +147,8 @@ void let_go(struct fs_root *root)
     unmark_directory(root);
     list_unlink(&root->link);
     fs_count_kinds();
-    fs_system_put(root->system);
+    if (root->system)
+        fs_system_put(root->system);
     free_root(root);
 }
 
@@ -207,6 +208,18 @@ uint32_t fs_root_add(const struct fs_wish *wish, struct fs_root **out, int *erro
     return reason;
 }
 
+struct fs_root *fs_root_add_unmarked(const struct fs_wish *wish)
+{
+    struct fs_root *root = new_root(wish);
+    if (!root)
+        return nullptr;
+    root->mount_id = -1;
+    const FsLock lock;
+    list_add_tail(&root->link, &fs_source.roots);
+    fs_count_kinds();
+    return root;
+}
+
 void fs_root_remove(struct fs_root *root)
 {
     const FsLock lock;
@@ -236,7 +249,8 @@ void fs_root_change_kinds(struct fs_root *root, uint32_t kinds)
     const FsLock lock;
     root->kinds = kinds;
     fs_count_kinds();
-    change_system(root->system, root->mount_id, root->path);
+    if (root->system)
+        change_system(root->system, root->mount_id, root->path);
     FMON_LIST_EACH (node, &root->below) {
         const struct fs_below *below = FMON_RECORD(node, struct fs_below, link);
         if (below->system)

@@ -36,12 +36,12 @@ struct fs_root {
     char *path;
     uint32_t kinds;
     bool recursive;
-    bool displaced; /* it has not this path any more, or nobody knows */
-    bool end_told;  /* that it was moved or removed */
-    bool tried;     /* to place it again, in this turn */
-    uint64_t id;    /* in the engine */
-    int mount_id;
-    struct fs_system *system;
+    bool displaced;           /* it has not this path any more, or nobody knows */
+    bool end_told;            /* that it was moved or removed */
+    bool tried;               /* to place it again, in this turn */
+    uint64_t id;              /* in the engine */
+    int mount_id;             /* -1: no mark serves the directory itself */
+    struct fs_system *system; /* null: likewise */
     struct fs_stored_key key;
     list_head below; /* of fs_below */
 };
@@ -58,6 +58,7 @@ struct fs_below {
     enum fs_below_how how;
     bool seen; /* by the look under way */
     bool displaced;
+    bool passing; /* left out for reasons that may pass */
     uint64_t id;
     int mount_id;
     unsigned major, minor;
@@ -90,6 +91,12 @@ struct fs_counters {
     int read_error; /* errno of the latest read that failed */
 };
 
+/* What failed for reasons that may pass: a look at the mounts is due again. */
+struct fs_retry {
+    bool due;
+    uint32_t from, wait_ms; /* the monitor's time; 0: not yet waited for */
+};
+
 struct fs_source {
     bool on;
     bool again,
@@ -106,6 +113,7 @@ struct fs_source {
     struct fs_open_mounts open;
     struct fs_mounts mounts;
     struct fs_counters counters;
+    struct fs_retry retry; /* with the monitor lock */
     list_head roots, systems;
     struct fs_root *global; /* for system-wide events; null: nobody wants them */
     uint32_t wanted;        /* kinds of all roots */
@@ -214,6 +222,10 @@ struct fs_wish {
 /* Makes a root and serves it: 0 or FMON_FALLBACK_*, with *error; *out is null then. Without the source's lock. */
 uint32_t fs_root_add(const struct fs_wish *wish, struct fs_root **out, int *error);
 
+/* The same of a directory that takes no mark: what is mounted below is all that is served. Null: no memory. Without the
+ * source's lock. */
+struct fs_root *fs_root_add_unmarked(const struct fs_wish *wish);
+
 /* Its mounts must have gone before. Without the source's lock. */
 void fs_root_remove(struct fs_root *root);
 
@@ -242,6 +254,9 @@ void fs_count_kinds(void);
 
 /* Brings the mounts below the root in step with the mount table. Without the source's lock. */
 void fs_below_update(struct fs_root *root);
+
+/* Whether a mount below the root is served. */
+bool fs_below_serves(struct fs_root *root);
 
 /* Lets go of all. Without the source's lock. */
 void fs_below_release(struct fs_root *root);

@@ -24,6 +24,10 @@ constexpr char kFile[] = "linux/fs/fs_source.cpp";
 /* Events that the monitor thread takes at a time: clients are to have their turn. */
 enum { EVENTS_A_TURN = 4096 };
 
+/* What failed for the moment is tried again, ever more rarely: for reasons that pass seldom it costs next to nothing.
+ */
+enum { FIRST_RETRY_MS = 500, LAST_RETRY_MS = 64000 };
+
 struct fs_root *root_of(list_head *node) { return FMON_RECORD(node, struct fs_root, link); }
 
 /* ---- start and stop ---- */
@@ -70,6 +74,7 @@ void reset()
     fs_source.group = {-1, true};
     fs_source.queue.event_fd = fs_source.reader.stop_fd = fs_source.mounts_fd = -1;
     fs_source.counters = {};
+    fs_source.retry = {};
     fs_source.open.count = 0;
     fs_source.again = fs_source.drained = false;
     fs_source.global = nullptr;
@@ -79,6 +84,8 @@ void reset()
     list_init(&fs_source.roots);
     list_init(&fs_source.systems);
 }
+
+void read_table() { fs_source.retry.due |= !fs_mounts_read(&fs_source.mounts); }
 
 /* 0, or errno. */
 int open_parts(const struct fmon_fs_keys *keys)
@@ -91,7 +98,7 @@ int open_parts(const struct fmon_fs_keys *keys)
     if (!fs_source.engine)
         return ENOMEM;
     fs_source.mounts_fd = descriptor_settle(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
-    fs_mounts_read(&fs_source.mounts); /* what changes from the opening on is said */
+    read_table(); /* what changes from the opening on is said */
     const struct fs_reader_work work = {nullptr, fs_source.group.fd, fs_source.mounts_fd, pass, mounts_changed};
     return fs_reader_start(&fs_source.reader, &work) < 0 ? errno : 0;
 }
@@ -172,10 +179,25 @@ void settle_displaced(struct fmon *monitor)
 void read_mounts()
 {
     const FsLock lock;
-    fs_mounts_read(&fs_source.mounts);
+    read_table();
     FMON_LIST_EACH (node, &fs_source.systems)
         FMON_RECORD(node, struct fs_system, link)->renewed = false;
     fs_pass_all();
+}
+
+/* Whether it is time to look at the mounts again. */
+bool is_retry_due(uint32_t now_ms)
+{
+    struct fs_retry *retry = &fs_source.retry;
+    if (!retry->due)
+        retry->wait_ms = 0;
+    else if (retry->wait_ms == 0)
+        *retry = {true, now_ms, FIRST_RETRY_MS};
+    if (!retry->due || now_ms - retry->from < retry->wait_ms)
+        return false;
+    retry->from = now_ms;
+    retry->wait_ms = retry->wait_ms < LAST_RETRY_MS ? 2 * retry->wait_ms : uint32_t{LAST_RETRY_MS};
+    return true;
 }
 
 /* A tree with a limit is walked; who asks for events of the monitor's mounts wants fanotify's. */
@@ -194,6 +216,36 @@ uint32_t reason_against(const struct watch *w)
     if (!fs_source.on)
         return FMON_FALLBACK_INIT;
     return is_served_kind(w) ? FMON_FALLBACK_NONE : FMON_FALLBACK_KIND;
+}
+
+/* Lets go of what serves system-wide kinds. */
+void remove_global()
+{
+    fs_below_release(fs_source.global);
+    fs_root_remove(fs_source.global);
+    fs_source.global = nullptr;
+}
+
+/* "/" and what is mounted below; where "/" takes no mark, as an overlay, the rest. -1: there is none. */
+int add_global(uint32_t kinds)
+{
+    const struct fs_wish wish = {nullptr, "/", "/", kinds, true};
+    int error = 0;
+    const uint32_t reason = fs_root_add(&wish, &fs_source.global, &error);
+    if (reason != FMON_FALLBACK_NONE)
+        fs_source.global = fs_root_add_unmarked(&wish);
+    if (fs_source.global)
+        fs_below_update(fs_source.global);
+    if (reason == FMON_FALLBACK_NONE)
+        return 0;
+    if (fs_source.global && fs_below_serves(fs_source.global)) {
+        account_left_out(reason, error, "/");
+        return 0;
+    }
+    if (fs_source.global)
+        remove_global();
+    account_fallback(reason, error, "/");
+    return -1;
 }
 
 void fall_back(const struct watch *w, uint32_t reason, int error)
@@ -293,13 +345,18 @@ void fs_source_read(struct fmon *monitor, fmon_event_cb callback)
     hand_on(monitor, callback, limit < EVENTS_A_TURN ? limit : uint64_t{EVENTS_A_TURN});
 }
 
-void fs_source_heed_news(struct fmon *monitor)
+void fs_source_heed_news(struct fmon *monitor, uint32_t now_ms)
 {
-    const uint32_t news = fs_source.on ? fs_source.news.exchange(0) : 0;
+    if (!fs_source.on)
+        return;
+    const uint32_t news = fs_source.news.exchange(0);
+    const bool retry = is_retry_due(now_ms);
     if (news & FS_NEWS_DISPLACED)
         settle_displaced(monitor);
-    else if (news & FS_NEWS_MOUNTS)
+    else if ((news & FS_NEWS_MOUNTS) || retry)
         fs_source_look_at_mounts();
+    if (fs_source.news & FS_NEWS_MOUNTS) /* since then: its call was taken for one for the events */
+        fs_queue_call(&fs_source.queue);
 }
 
 int fs_source_global(uint32_t kinds)
@@ -309,18 +366,9 @@ int fs_source_global(uint32_t kinds)
     if (fs_source.global && kinds != 0) {
         fs_root_change_kinds(fs_source.global, kinds);
     } else if (fs_source.global) {
-        fs_below_release(fs_source.global);
-        fs_root_remove(fs_source.global);
-        fs_source.global = nullptr;
-    } else if (kinds != 0) {
-        const struct fs_wish wish = {nullptr, "/", "/", kinds, true};
-        int error = 0;
-        const uint32_t reason = fs_root_add(&wish, &fs_source.global, &error);
-        if (reason != FMON_FALLBACK_NONE) {
-            account_fallback(reason, error, "/");
-            return -1;
-        }
-        fs_below_update(fs_source.global);
+        remove_global();
+    } else if (kinds != 0 && add_global(kinds) < 0) {
+        return -1;
     }
     fmon.fs_global = fs_source.global != nullptr;
     return 0;
@@ -330,6 +378,7 @@ void fs_source_look_at_mounts(void)
 {
     if (!fs_source.on)
         return;
+    fs_source.retry.due = false;
     read_mounts();
     FMON_LIST_EACH (node, &fs_source.roots)
         if (root_of(node)->recursive)

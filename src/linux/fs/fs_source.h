@@ -46,10 +46,10 @@ void fs_source_remove(struct watch *w);
 /* Hands on everything that happened before this call. To be called before a served watch loses its place. */
 void fs_source_catch_up(struct fmon *monitor);
 
-/* The monitor thread's turn: events of the queue; and in each turn, watches whose directory was moved, and mounts that
- * came or went. */
+/* The monitor thread's turn: events of the queue; and in each turn, watches whose directory was moved, mounts that came
+ * or went, and mounts that could not be looked at before. */
 void fs_source_read(struct fmon *monitor, fmon_event_cb callback);
-void fs_source_heed_news(struct fmon *monitor);
+void fs_source_heed_news(struct fmon *monitor, uint32_t now_ms);
 
 /* System-wide events of these kinds, all that are wanted by anybody; 0: none. -1: the source is off, or serves no file
  * system. */

@@ -182,8 +182,10 @@ void fs_system_renew(struct fs_system *system, int fd)
     if (!system->bits || fs_group_is_marked(&fs_source.group, fd))
         return;
     fs_engine_forget(fs_source.engine, system->fsid);
-    if (fs_group_mark(&fs_source.group, fd, true, system->bits) < 0)
-        FMON_LOG(1, kFile, "file system cannot be marked anew: %s\n", strerror(errno));
+    if (fs_group_mark(&fs_source.group, fd, true, system->bits) == 0)
+        return;
+    FMON_LOG(1, kFile, "file system cannot be marked anew: %s\n", strerror(errno));
+    fs_source.retry.due = true;
 }
 
 int fs_mount_open(int mount_id, const int32_t fsid[2], const char *path)

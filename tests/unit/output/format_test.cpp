@@ -144,6 +144,10 @@ TEST(CliJson, OtherRecordsWithPaths)
     formatter->established(kTime, {{"/a"}, {"/c"}, 1, "both"}, out);
     EXPECT_STREQ("/c", json_of(out)["missing"][0].GetString());
     EXPECT_STREQ("both", json_of(out)["source"].GetString());
+    EXPECT_FALSE(json_of(out).HasMember("left_out"));
+    out.clear();
+    formatter->established(kTime, {{}, {}, 0, "filesystem", 2}, out);
+    EXPECT_EQ(2u, json_of(out)["left_out"].GetUint());
     out.clear();
     formatter->loss(kTime, "path", 1, "/d", out);
     EXPECT_STREQ("/d", json_of(out)["path"].GetString());

@@ -90,6 +90,7 @@ TEST_F(Schema, HasEveryRecordBesideEvents)
     record([](Formatter &form, std::string &out) {
         form.established(kTime, {{"/a", "/b"}, {}, 2, "marks"}, out);
         form.established(kTime, {{}, {"/c"}, 0, "both"}, out);
+        form.established(kTime, {{}, {}, 0, "filesystem", 2}, out);
         form.loss(kTime, "inotify", 3, "", out);
         form.loss(kTime, "path", 1, "/\xfe", out);
         form.resynced(kTime, {"/a"}, 3, out);
