@@ -115,7 +115,7 @@ bool told_of_loss(Watch &watch)
 /* While somebody holds the monitor up, events are taken from the kernel, and beyond the limit thrown away. */
 TEST_F(FileSystems, BeyondTheLimitOfMemoryEventsAreLossesThatAreTold)
 {
-    Watch watch(tree.root(), with({"-e", "create", "--set", "fs_memory_kib=64"}));
+    Watch watch(tree.root(), with({"-e", "create", "--set", "fs_memory_kib=64", "--set", "max_events=1000"}));
     watch.established();
     Process held(
         {{FMON_TEST_BIN "/fmon", "dump", "-t", "events", "--hold", "2", std::to_string(watch.process().pid())}});
