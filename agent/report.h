@@ -57,6 +57,8 @@ public:
     virtual uint64_t shown() const = 0;   /* events */
     virtual int output_fd() const = 0;    /* what the records go to, once begun */
     virtual bool has_records() const = 0; /* beside events: notes need not say the same */
+    /* How long events may gather before they are reported, beside those of a stream: 0 where each is awaited. */
+    virtual uint64_t gather_ms() const { return 0; }
 };
 
 }  // namespace agent

@@ -44,7 +44,7 @@ Pause Session::watch(uint64_t now, const Inputs &inputs)
     if (!events_.take(batch_))
         return sleep(now);
     show_batch(now);
-    return {pace_.gather_ms(), Pause::For::kNewDirectories};
+    return {std::max(pace_.gather_ms(), report_.gather_ms()), Pause::For::kNewDirectories};
 }
 
 void Session::take_inputs(uint64_t now, const Inputs &inputs)

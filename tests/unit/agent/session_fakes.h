@@ -86,6 +86,7 @@ public:
     agent::Established start; /* what was established last */
     uint64_t count = 0;       /* -n; 0: no limit */
     int end_status = 0;
+    uint64_t patience_ms = 0; /* how long events may gather */
     bool ended_by_itself = false;
 
     /* The records since the last call. */
@@ -130,6 +131,7 @@ public:
     uint64_t shown() const override { return shown_; }
     int output_fd() const override { return -1; }
     bool has_records() const override { return true; }
+    uint64_t gather_ms() const override { return patience_ms; }
 
 private:
     uint64_t shown_ = 0;

@@ -98,6 +98,19 @@ TEST_F(SessionTest, InAStreamEventsGather)
     EXPECT_EQ(Pause::For::kNewDirectories, pause.what);
 }
 
+TEST_F(SessionTest, AReportThatAwaitsNoSingleEventHasThemGather)
+{
+    report.patience_ms = 100;
+    begin();
+    step();
+    now += 500;
+    events.add({"/a"});
+    step();
+    EXPECT_EQ(Lines{"/a"}, report.take());
+    EXPECT_EQ(100u, pause.ms);
+    EXPECT_EQ(Pause::For::kNewDirectories, pause.what);
+}
+
 TEST_F(SessionTest, ANewDirectoryIsMarkedWhileEventsGather)
 {
     begin();
