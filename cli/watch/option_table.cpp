@@ -131,6 +131,8 @@ constexpr OptionRow<O> kRows[] = {
 
 }  // namespace
 
+std::span<const OptionRow<WatchOptions>> watch_rows() { return kRows; }
+
 constinit const VerbOf<O> kWatch({"watch", "show what happens to files, and who did it", kHead, kTail, nullptr, kFiles},
                                  kRows, take::paths, run_watch);
 

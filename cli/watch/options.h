@@ -21,6 +21,9 @@ struct WatchOptions : agent::Request, output::OutputOptions {
 
 extern const VerbOf<WatchOptions> kWatch;
 
+/* Its rows, for verbs that watch, too. */
+std::span<const OptionRow<WatchOptions>> watch_rows();
+
 int run_watch(const WatchOptions &options);
 
 /* What `-e help` prints. */

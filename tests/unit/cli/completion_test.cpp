@@ -154,6 +154,14 @@ TEST_F(BashCompletion, DoctorAndOffsets)
     EXPECT_EQ(directory.path("bash.script"), replies("fmon offsets " + directory.path("bas")));
 }
 
+TEST_F(BashCompletion, Top)
+{
+    EXPECT_EQ("files directories processes containers", replies("fmon top --by ''"));
+    EXPECT_EQ("rate total latest name", replies("fmon top -s ''"));
+    EXPECT_EQ("auto marks filesystem", replies("fmon top --source ''"));
+    EXPECT_EQ(directory.path("bash.script"), replies("fmon top -r " + directory.path("bas")));
+}
+
 TEST_F(BashCompletion, Files)
 {
     EXPECT_EQ(directory.path("bash.script"), replies("fmon watch " + directory.path("bas")));
@@ -164,7 +172,7 @@ TEST_F(BashCompletion, Files)
 TEST_F(FishCompletion, CompletesAsBashDoes)
 {
     NEED(is_installed("fish"), "fish is not installed");
-    EXPECT_EQ("doctor dump help offsets watch", replies("fmon "));
+    EXPECT_EQ("doctor dump help offsets top watch", replies("fmon "));
     EXPECT_EQ("watch", replies("fmon help wat"));
     EXPECT_EQ("--version", replies("fmon --v"));
     EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));

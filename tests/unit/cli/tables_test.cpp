@@ -9,6 +9,7 @@
 #include "cli/dump/dump_options.h"
 #include "cli/front/verbs.h"
 #include "cli/offsets/offsets_options.h"
+#include "cli/top/top_options.h"
 #include "orx_fmon.h"
 #include "parse.h"
 
@@ -85,6 +86,45 @@ TEST(CliTables, OfWatch)
                                  {"log-level", "3", [](const O &o) { return o.log_level == 3 && !o.log_to_stderr; }},
                                  {"verbose", nullptr, [](const O &o) { return o.log_level == 4 && o.log_to_stderr; }},
                                  {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, OfTop)
+{
+    using O = cli::TopOptions;
+    expect_rows<O>(cli::kTop, {{"recursive", nullptr, [](const O &o) { return o.recursive; }},
+                               {"events", "create", [](const O &o) { return o.events == FMON_CREATE; }},
+                               {"pid", nullptr, [](const O &o) { return o.pid; }},
+                               {"mount", nullptr, [](const O &o) { return o.mount; }},
+                               {"wait", nullptr, [](const O &o) { return o.wait; }},
+                               {"max-depth", "3", [](const O &o) { return o.max_depth == 3; }},
+                               {"max-subdirs", "9", [](const O &o) { return o.max_subdirs == 9; }},
+                               {"system", nullptr, [](const O &o) { return o.system; }},
+                               {"include", "a", [](const O &o) { return o.include == Strings{"a"}; }},
+                               {"exclude", "a", [](const O &o) { return o.exclude == Strings{"a"}; }},
+                               {"by", "processes", [](const O &o) { return o.by == cli::By::kProcess; }},
+                               {"sort", "latest", [](const O &o) { return o.sort == cli::Sort::kLatest; }},
+                               {"interval", "0.5", [](const O &o) { return o.interval_ms == 500; }},
+                               {"batch", nullptr, [](const O &o) { return o.batch; }},
+                               {"count", "5", [](const O &o) { return o.tables == 5; }},
+                               {"rows", "3", [](const O &o) { return o.rows == 3; }},
+                               {"keep-going", nullptr, [](const O &o) { return o.keep_going; }},
+                               {"set", "rate_limit=7", [](const O &o) { return o.settings.size() == 1; }},
+                               {"source", "marks", [](const O &o) { return o.source == agent::Source::kMarks; }},
+                               {"probes", "off", [](const O &o) { return o.probes == agent::Probes::kOff; }},
+                               {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, TopNeedsNoPath)
+{
+    using cli::kTop;
+    EXPECT_TRUE(parse(kTop, {}).ok);
+    EXPECT_TRUE(parse(kTop, {"-r", "/a"}).ok);
+    EXPECT_NE("", parse(kTop, {"-r"}).error);
+    EXPECT_NE("", parse(kTop, {"--system", "/a"}).error);
+    EXPECT_EQ("--count is about plain tables: add --batch", parse(kTop, {"-n", "2", "/a"}).error);
+    EXPECT_TRUE(parse(kTop, {"-b", "-n", "2", "/a"}).ok);
+    EXPECT_EQ("--interval takes seconds, 0.1 or more, not '0'", parse(kTop, {"-d", "0", "/a"}).error);
+    EXPECT_TRUE(parse(kTop, {"-e", "help"}).options.list_events);
 }
 
 TEST(CliTables, OfDump)
