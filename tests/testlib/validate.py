@@ -1,4 +1,4 @@
-#!/usr/bin/env python3
+#!/usr/bin/python3
 """Holds lines of JSON against a schema: validate.py SCHEMA FILE
 
 Each line of FILE is a record. A member that the schema does not name is a violation here, though the schema itself lets later
