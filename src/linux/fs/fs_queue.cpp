@@ -5,6 +5,7 @@
 
 #include <cstdlib>
 #include <cstring>
+#include <utility>
 
 #include "linux/descriptor.h"
 
@@ -45,11 +46,20 @@ size_t block_size(const struct fs_queue *queue, uint32_t event)
 }
 
 /* The counter is written at most once between two reads: neither call can block or fail. */
-void call(struct fs_queue *queue)
+void write_counter(const struct fs_queue *queue)
 {
     const uint64_t one = 1;
-    if (!queue->called && write(queue->event_fd, &one, sizeof one) == sizeof one)
-        queue->called = true;
+    [[maybe_unused]] const ssize_t n = write(queue->event_fd, &one, sizeof one);
+}
+
+/* With the lock. Whether the counter is to be written, which whoever is woken by it should not have to wait for: it may
+ * come after the read that it is meant for, and causes a look in vain then. */
+bool is_call_due(struct fs_queue *queue) { return !std::exchange(queue->called, true); }
+
+void call(struct fs_queue *queue)
+{
+    if (is_call_due(queue))
+        write_counter(queue);
 }
 
 /* A block with room for the event behind the others; null: there is no memory. */
@@ -183,10 +193,11 @@ void fs_queue_hold(struct fs_queue *queue)
 void fs_queue_release(struct fs_queue *queue)
 {
     pthread_mutex_lock(&queue->lock);
-    if (queue->due)
-        call(queue);
+    const bool is_due = queue->due && is_call_due(queue);
     queue->held = queue->due = false;
     pthread_mutex_unlock(&queue->lock);
+    if (is_due)
+        write_counter(queue);
 }
 
 void fs_queue_call(struct fs_queue *queue)
