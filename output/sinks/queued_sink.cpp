@@ -2,7 +2,6 @@
 
 #include <pthread.h>
 #include <sys/eventfd.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -42,20 +41,6 @@ private:
     sigset_t before_ = {};
 };
 
-void write_event(int fd)
-{
-    const uint64_t one = 1;
-    while (write(fd, &one, sizeof one) < 0 && errno == EINTR) {
-    }
-}
-
-void clear_event(int fd)
-{
-    uint64_t count;
-    while (read(fd, &count, sizeof count) < 0 && errno == EINTR) {
-    }
-}
-
 uint64_t until(uint64_t when_ms, uint64_t now_ms) { return when_ms > now_ms ? when_ms - now_ms : 0; }
 
 }  // namespace
@@ -79,7 +64,7 @@ QueuedSink::~QueuedSink()
     ending_ = true;
     if (!thread_.joinable())
         return;
-    write_event(end_.get());
+    eventfd_write(end_.get(), 1);
     thread_.join();
 }
 
@@ -165,7 +150,7 @@ void QueuedSink::wake_if_due()
     wake();
 }
 
-void QueuedSink::wake() const { write_event(wake_.get()); }
+void QueuedSink::wake() const { eventfd_write(wake_.get(), 1); }
 
 bool QueuedSink::is_due(uint64_t now_ms) const
 {
@@ -202,7 +187,7 @@ Condition QueuedSink::condition() const
     const common::Lock lock(lock_);
     const uint64_t since = state_.carrying_ms;
     if (!state_.condition.stuck && since != 0 && agent::steady_ms() >= since + kHangMs)
-        return {true, since, "what was begun does not end: the kernel waits for the disk or the far side"};
+        return {true, since, "what was begun has not ended yet: the disk or the far side takes its time"};
     return state_.condition;
 }
 
@@ -313,7 +298,8 @@ void QueuedSink::sleep(int idle_ms)
         state_.wants_wake = agent::steady_ms() >= state_.not_before_ms;
     }
     poll(polled.data(), polled.size(), ms);
-    clear_event(wake_.get());
+    eventfd_t ignored;
+    eventfd_read(wake_.get(), &ignored);
     const common::Lock lock(lock_);
     state_.wants_wake = false;
 }

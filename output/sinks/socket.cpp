@@ -1,8 +1,10 @@
 /* A Unix socket: whoever connects reads the records from then on. */
 
 #include <algorithm>
+#include <cerrno>
 #include <list>
 
+#include "agent/descriptors.h"
 #include "agent/time_format.h"
 #include "listener.h"
 #include "queued_sink.h"
@@ -16,7 +18,7 @@ namespace output
 namespace
 {
 
-constexpr uint64_t kListenAgainMs = 500;
+constexpr uint64_t kListenAgainMs = 500, kAcceptAgainMs = 500;
 
 struct SocketOptions {
     std::string path;
@@ -38,6 +40,7 @@ public:
 
 private:
     void take_new_readers();
+    int until_next() const;
     void serve();
     void drop(std::list<Reader>::iterator reader);
     size_t room(const Packets &packets) const;
@@ -47,6 +50,7 @@ private:
     const SocketOptions options_;
     Listener listener_;
     std::list<Reader> readers_;
+    uint64_t accept_ms_ = 0; /* none is accepted before: there was no descriptor */
 };
 
 // Records that nobody is there to read are not kept for whoever may come.
@@ -99,14 +103,23 @@ Carried SocketTransport::wait_for_room(const Packets &packets, const Patience &p
     return {.trouble = "a reader does not keep up: " + slowest()->name(), .pause_ms = 0};
 }
 
+// Where no descriptor is left who waits is taken later: that somebody does would be said again and again.
 void SocketTransport::take_new_readers()
 {
+    if (agent::steady_ms() < accept_ms_)
+        return;
+    errno = 0;
     for (common::Fd next = listener_.accept(); next; next = listener_.accept()) {
         if (readers_.size() < options_.readers)
             readers_.emplace_back(std::move(next));
         else
             say("a reader was turned away: there are " + std::to_string(readers_.size()) + " already");
+        errno = 0;
     }
+    if (errno == EAGAIN || errno == ECONNABORTED || errno == EINTR)
+        return;
+    say("a reader cannot be taken: " + agent::reason_text(errno));
+    accept_ms_ = agent::steady_ms() + kAcceptAgainMs;
 }
 
 void SocketTransport::serve()
@@ -142,16 +155,24 @@ int SocketTransport::idle()
     }
     take_new_readers();
     serve();
+    return until_next();
+}
+
+int SocketTransport::until_next() const
+{
     const Reader *const behind = slowest();
-    if (!behind)
+    const uint64_t now = agent::steady_ms();
+    uint64_t next = behind ? behind->since_ms() + options_.patience_ms : UINT64_MAX;
+    if (accept_ms_ > now)
+        next = std::min(next, accept_ms_);
+    if (next == UINT64_MAX)
         return -1;
-    const uint64_t now = agent::steady_ms(), end = behind->since_ms() + options_.patience_ms;
-    return end > now ? static_cast<int>(std::min<uint64_t>(end - now, INT32_MAX)) : 0;
+    return next > now ? static_cast<int>(std::min<uint64_t>(next - now, INT32_MAX)) : 0;
 }
 
 void SocketTransport::descriptors(std::vector<struct pollfd> &polled)
 {
-    if (listener_)
+    if (listener_ && agent::steady_ms() >= accept_ms_)
         polled.push_back({listener_.fd(), POLLIN, 0});
     for (const Reader &reader : readers_)
         polled.push_back(reader.polled());
