@@ -9,8 +9,8 @@ namespace output
 
 std::span<const SinkRow> sinks()
 {
-    static const std::vector<SinkRow> rows = {kStdoutRow, kFileRow,    kCommandRow, kSocketRow,
-                                              kSyslogRow, kJournalRow, kNatsRow,    kKafkaRow};
+    static const std::vector<SinkRow> rows = {kStdoutRow,  kFileRow, kCommandRow, kSocketRow, kSyslogRow,
+                                              kJournalRow, kHttpRow, kNatsRow,    kKafkaRow};
     return rows;
 }
 

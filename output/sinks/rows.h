@@ -9,7 +9,7 @@
 namespace output
 {
 
-extern const SinkRow kStdoutRow, kFileRow, kCommandRow, kSocketRow, kSyslogRow, kJournalRow;
+extern const SinkRow kStdoutRow, kFileRow, kCommandRow, kSocketRow, kSyslogRow, kJournalRow, kHttpRow;
 extern const SinkRow kNatsRow, kKafkaRow; /* bus.cpp */
 
 }  // namespace output
