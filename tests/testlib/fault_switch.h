@@ -18,7 +18,9 @@
     X(pthread_create) X(inotify_init1) \
     X(openat) X(openat2) X(pidfd_open) X(readlinkat) X(fdopendir) X(dup) \
     X(fstatat) X(open_by_handle_at) X(name_to_handle_at) X(fstatfs) \
-    X(pwrite) X(pread) X(ftruncate) X(fsync) X(fdatasync) X(unlinkat) X(mkdirat) X(flock) X(getrandom)
+    X(pwrite) X(pread) X(ftruncate) X(fsync) X(fdatasync) X(unlinkat) X(mkdirat) X(flock) X(getrandom) \
+    X(rename) X(fchmod) X(pipe2) X(posix_spawn) X(memfd_create) X(socket) X(connect) X(bind) X(listen) \
+    X(accept4) X(send) X(sendmsg)
 /* clang-format on */
 
 namespace testlib

@@ -1,8 +1,11 @@
 /* The wrapped calls of wrapped.txt: each fails where a test's Fault says so, and is the C library's otherwise. A write
  * that is told to fail with ENOSPC writes half before: a disk is full in the middle. */
 #include <fcntl.h>
+#include <spawn.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/random.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -65,6 +68,28 @@ WRAP(int, unlinkat, unlinkat, (int fd, const char *path, int flags), (fd, path, 
 WRAP(int, mkdirat, mkdirat, (int fd, const char *path, mode_t mode), (fd, path, mode))
 WRAP(int, flock, flock, (int fd, int operation), (fd, operation))
 WRAP(ssize_t, getrandom, getrandom, (void *buffer, size_t size, unsigned flags), (buffer, size, flags))
+WRAP(int, rename, rename, (const char *from, const char *to), (from, to))
+WRAP(int, fchmod, fchmod, (int fd, mode_t mode), (fd, mode))
+WRAP(int, pipe2, pipe2, (int *ends, int flags), (ends, flags))
+WRAP(int, memfd_create, memfd_create, (const char *name, unsigned flags), (name, flags))
+WRAP(int, socket, socket, (int domain, int type, int protocol), (domain, type, protocol))
+WRAP(int, connect, connect, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size))
+WRAP(int, bind, bind, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size))
+WRAP(int, listen, listen, (int fd, int backlog), (fd, backlog))
+WRAP(int, accept4, accept4, (int fd, struct sockaddr *address, socklen_t *size, int flags), (fd, address, size, flags))
+WRAP(ssize_t, send, send, (int fd, const void *bytes, size_t size, int flags), (fd, bytes, size, flags))
+WRAP(ssize_t, sendmsg, sendmsg, (int fd, const struct msghdr *message, int flags), (fd, message, flags))
+
+int __real_posix_spawn(pid_t *child, const char *path, const posix_spawn_file_actions_t *files,
+                       const posix_spawnattr_t *attributes, char *const arguments[], char *const variables[]);
+int __wrap_posix_spawn(pid_t *child, const char *path, const posix_spawn_file_actions_t *files,
+                       const posix_spawnattr_t *attributes, char *const arguments[], char *const variables[]);
+int __wrap_posix_spawn(pid_t *child, const char *path, const posix_spawn_file_actions_t *files,
+                       const posix_spawnattr_t *attributes, char *const arguments[], char *const variables[])
+{
+    const int error = injected_error(Call::posix_spawn);
+    return error ? error : __real_posix_spawn(child, path, files, attributes, arguments, variables);
+}
 
 ssize_t __real_write(int fd, const void *bytes, size_t size);
 ssize_t __wrap_write(int fd, const void *bytes, size_t size);
