@@ -3,6 +3,7 @@
 #include "cli/doctor/doctor_options.h"
 #include "cli/dump/dump_options.h"
 #include "cli/offsets/offsets_options.h"
+#include "cli/stats/stats_options.h"
 #include "cli/top/top_options.h"
 #include "cli/watch/options.h"
 
@@ -13,7 +14,7 @@ namespace
 {
 
 constexpr const Verb *kVerbs[] = {
-    &kWatch, &kTop, &kDump, &kDoctor, &kOffsets,
+    &kWatch, &kTop, &kStats, &kDump, &kDoctor, &kOffsets,
 };
 
 constexpr size_t kVerbColumn = 12, kOptionColumn = 17;

@@ -9,6 +9,7 @@
 #include "cli/dump/dump_options.h"
 #include "cli/front/verbs.h"
 #include "cli/offsets/offsets_options.h"
+#include "cli/stats/stats_options.h"
 #include "cli/top/top_options.h"
 #include "orx_fmon.h"
 #include "parse.h"
@@ -125,6 +126,15 @@ TEST(CliTables, TopNeedsNoPath)
     EXPECT_TRUE(parse(kTop, {"-b", "-n", "2", "/a"}).ok);
     EXPECT_EQ("--interval takes seconds, 0.1 or more, not '0'", parse(kTop, {"-d", "0", "/a"}).error);
     EXPECT_TRUE(parse(kTop, {"-e", "help"}).options.list_events);
+}
+
+TEST(CliTables, OfStats)
+{
+    using O = cli::StatsOptions;
+    expect_rows<O>(cli::kStats, {{"socket", "/s", [](const O &o) { return o.socket == "/s"; }},
+                                 {"format", "json", [](const O &o) { return o.form == cli::StatsForm::kJson; }},
+                                 {"help", nullptr, [](const O &o) { return o.help; }}});
+    EXPECT_EQ("fmon stats takes no argument, not 'x'", parse(cli::kStats, {"x"}).error);
 }
 
 TEST(CliTables, OfDump)
