@@ -14,7 +14,7 @@ namespace
 {
 
 constexpr size_t kRate = 8, kTotal = 11, kAgo = 5, kKinds = 22, kAllKinds = 34, kWho = 18;
-constexpr size_t kWide = 110; /* from this width on there is room for all columns */
+constexpr size_t kWide = 110, kRoomy = 150; /* from these widths on there is room for all columns, and for all kinds */
 
 // 1234 events in 5 s: "246.8"; with a number in front of the point that has more digits: "1,234".
 std::string rate_text(uint64_t events, uint64_t now_ms)
@@ -49,9 +49,10 @@ std::string line_of(const Cells &cells, By by, size_t width)
     const size_t left = kRate + 1 + kTotal + 1;
     std::string line = fit_right(cells.rate, kRate) + " " + fit_right(cells.total, kTotal) + " ";
     const bool wide = width == 0 || width >= kWide;
+    const size_t kinds = width == 0 || width >= kRoomy ? kAllKinds : kKinds;
     if (wide)
-        line += fit_right(cells.ago, kAgo) + " " + fit(cells.kinds, width ? kKinds : kAllKinds) + " ";
-    const size_t begin = left + (wide ? kAgo + 1 + kKinds + 1 : 0);
+        line += fit_right(cells.ago, kAgo) + " " + fit(cells.kinds, kinds) + " ";
+    const size_t begin = left + (wide ? kAgo + 1 + kinds + 1 : 0);
     if (width == 0)
         return line + fit(cells.first, kWho) + " " + cells.second;
     const size_t who = names_first(by) ? (width > begin + 2 * kWho ? kWho + 6 : kWho) : kWho;

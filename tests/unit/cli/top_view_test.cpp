@@ -88,7 +88,7 @@ TEST_F(TopView, ShowsRatesTotalsWhoAndWhere)
     EXPECT_EQ("    10.0          40 cat[7]             /srv/data/a", trimmed(row(0)));
     EXPECT_EQ("     1.0           4 cat[7]             /srv/data/b", trimmed(row(1)));
     EXPECT_EQ("    10.0          40   now modify                 cat[7]             /srv/data/a",
-              trimmed(row(0, kLarge)));
+              trimmed(row(0, {120, 24})));
 }
 
 TEST_F(TopView, LossesAndMessagesAreSaid)
