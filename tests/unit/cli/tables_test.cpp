@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <iomanip>
 #include <set>
 #include <sstream>
 
@@ -183,6 +184,42 @@ TEST(CliTables, LettersAndNamesAreUnique)
             EXPECT_TRUE(!option.letter || names.insert(std::string(1, option.letter)).second) << option.letter;
         }
     }
+}
+
+/* "  fmon VERB WORD 'two words'   what it is for" in the verb's help text: the words, up to a pipe or a file. */
+std::vector<Strings> examples_of(const cli::Verb &verb)
+{
+    std::vector<Strings> all;
+    std::istringstream tail(verb.text().tail);
+    const std::string begin = std::string("  fmon ") + verb.text().name;
+    for (std::string line; std::getline(tail, line);) {
+        if (!line.starts_with(begin))
+            continue;
+        const std::string command = line.substr(begin.size(), line.find("  ", begin.size()) - begin.size());
+        Strings words;
+        std::istringstream text(command.substr(0, command.find_first_of("|>")));
+        for (std::string word; text >> std::quoted(word, '\'');)
+            words.push_back(word);
+        all.push_back(words);
+    }
+    return all;
+}
+
+TEST(CliTables, ExamplesOfHelpAreUnderstood)
+{
+    const auto expect_understood = [](const auto &verb) {
+        EXPECT_FALSE(examples_of(verb).empty()) << verb.text().name;
+        for (const Strings &words : examples_of(verb)) {
+            const auto parsed = parse(verb, words);
+            EXPECT_TRUE(parsed.ok) << verb.text().name << ": " << parsed.error;
+        }
+    };
+    expect_understood(cli::kWatch);
+    expect_understood(cli::kTop);
+    expect_understood(cli::kStats);
+    expect_understood(cli::kDump);
+    expect_understood(cli::kDoctor);
+    expect_understood(cli::kOffsets);
 }
 
 TEST(CliTables, HelpShowsEachRow)
