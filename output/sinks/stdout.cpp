@@ -40,6 +40,7 @@ public:
         } else if (failed == EPIPE) {
             carried.trouble = "the reader of standard output has gone";
             carried.dropped = packets.size() - carried.done;
+            carried.pause_ms = 0;
             writer_ = {};
         } else if (failed != 0) {
             carried.trouble = std::string("cannot write to standard output: ") + strerror(failed);

@@ -125,6 +125,9 @@ TEST_F(SinkStdout, WhatNobodyWillReadIsCounted)
     EXPECT_TRUE(sink.says("the reader of standard output has gone"));
     EXPECT_TRUE(becomes([&]() { return sink->figures().dropped == 10; }));
     EXPECT_EQ(10u, sink->safe());
+    give(*sink, Records(11, 10));
+    EXPECT_TRUE(becomes([&]() { return sink->figures().dropped == 20; }));
+    EXPECT_EQ(0u, sink->figures().retries) << "nothing is waited for";
 }
 
 TEST_F(SinkStdout, ClosedItIsRefused)
