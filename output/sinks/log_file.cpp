@@ -96,7 +96,7 @@ int LogFile::cut_torn()
 {
     too_long_ = false;
     cut_ = 0;
-    const ssize_t end = find_end(size_);
+    const int64_t end = find_end(size_);
     if (end < 0)
         return errno;
     cut_ = size_ - static_cast<uint64_t>(end);
@@ -106,7 +106,7 @@ int LogFile::cut_torn()
 
 // Behind the last end of a line: a newline, or the single NUL that records may end in as well; several are what a disk
 // has that lost its end. The whole size where there is none near: then this is no file of lines, and stays as it is.
-ssize_t LogFile::find_end(uint64_t size) const
+int64_t LogFile::find_end(uint64_t size) const
 {
     std::string tail(std::min(size, kLongestLine), '\0');
     const ssize_t n = pread(fd_.get(), tail.data(), tail.size(), static_cast<off_t>(size - tail.size()));
@@ -114,11 +114,11 @@ ssize_t LogFile::find_end(uint64_t size) const
         return -1;
     const std::string_view held(tail.data(), static_cast<size_t>(n));
     if (held.empty() || held.back() == '\n' || (held.back() == '\0' && !held.ends_with(std::string_view("\0\0", 2))))
-        return static_cast<ssize_t>(size);
+        return static_cast<int64_t>(size);
     const size_t newline = held.rfind('\n');
     if (newline != std::string_view::npos)
-        return static_cast<ssize_t>(size - held.size() + newline + 1);
-    return size > kLongestLine ? static_cast<ssize_t>(size) : 0;
+        return static_cast<int64_t>(size - held.size() + newline + 1);
+    return size > kLongestLine ? static_cast<int64_t>(size) : 0;
 }
 
 int LogFile::write(const Packets &packets, size_t &done)

@@ -47,7 +47,7 @@ public:
 private:
     Opened check(const std::string &path, std::string &error);
     int cut_torn();
-    ssize_t find_end(uint64_t size) const;
+    int64_t find_end(uint64_t size) const;
     int mend();
 
     common::Fd fd_;
