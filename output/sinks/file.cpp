@@ -1,8 +1,9 @@
 /* A file, rotated by size and age; see generations.h for what that leaves. */
 
-#include <fcntl.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 
 #include "agent/time_format.h"
@@ -55,6 +56,7 @@ private:
     void sync_if_due(uint64_t now);
     void rotate(uint64_t now);
     void compress(uint64_t now);
+    void put_compressed(uint64_t now);
     void begin_compression();
 
     const FileOptions options_;
@@ -202,11 +204,24 @@ void FileTransport::compress(uint64_t now)
     else
         step = compression_.step(error);
     if (step == Compression::Step::kWhole)
-        generations_.put_compressed(compression_.inode());
+        put_compressed(now);
     if (step == Compression::Step::kFailed) {
         compress_ms_ = now + kCompressAgainMs;
         say(error);
     }
+}
+
+// What was compressed may be beyond those to be kept meanwhile.
+void FileTransport::put_compressed(uint64_t now)
+{
+    const int failed = generations_.put_compressed(compression_.inode());
+    if (failed == 0)
+        return;
+    unlink(generations_.unfinished().c_str());
+    if (failed == ENOENT)
+        return;
+    compress_ms_ = now + kCompressAgainMs;
+    say("cannot rename " + generations_.unfinished() + ": " + strerror(failed));
 }
 
 void FileTransport::begin_compression()

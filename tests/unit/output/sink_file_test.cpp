@@ -209,6 +209,18 @@ TEST_F(SinkFile, RotatedFilesAreCompressed)
     EXPECT_TRUE(Records(1, lines).text() == all) << "what is there together is not what was written";
 }
 
+TEST_F(SinkFile, WhatGoesWhileItIsCompressedLeavesNothing)
+{
+    Made sink = file({{"max_size", uint64_t{200'000}}, {"keep", uint64_t{1}}, {"compress", "zstd"s}});
+    ASSERT_TRUE(sink.open());
+    give(*sink, Records(1, 60'000));
+    EXPECT_TRUE(becomes([&]() { return sink->safe() == 60'000; }));
+    EXPECT_TRUE(becomes([&]() { return exists(path + ".1.zst") && !exists(path + ".1"); }));
+    EXPECT_FALSE(exists(path + ".2") || exists(path + ".2.zst") || exists(path + ".zst.new"));
+    EXPECT_TRUE(sink->drain(kPatienceMs));
+    EXPECT_TRUE(Records(1, 60'000).text().ends_with(decompressed(path + ".1.zst") + content(path)));
+}
+
 TEST_F(SinkFile, WhatWasNotCompressedIsTheNextTime)
 {
     directory.file("out.2", "old\n");

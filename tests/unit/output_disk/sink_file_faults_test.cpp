@@ -145,6 +145,17 @@ TEST_F(SinkFileFaults, WithoutCompressionFilesStayAsTheyAre)
     }
 }
 
+TEST_F(SinkFileFaults, OrWithoutItsName)
+{
+    directory.file("out.1", "rotated\n");
+    Made sink = made({{"compress", "zstd"s}});
+    const Fault fault("rename", 1, EPERM, 1, ThreadScope::kAll);
+    ASSERT_TRUE(sink.open());
+    EXPECT_TRUE(sink.says("cannot rename " + path + ".zst.new: Operation not permitted"));
+    EXPECT_EQ("rotated\n", content(path + ".1"));
+    EXPECT_FALSE(std::filesystem::exists(path + ".zst.new"));
+}
+
 TEST_F(SinkFileFaults, WhatMayPassIsNoReasonNotToOpen)
 {
     opens_later("open", EMFILE, "no file descriptor is left");
