@@ -107,6 +107,7 @@ void Found::look_into(const std::string &top, const Event &creation, const Tell 
     while (!open.empty()) {
         const std::string directory = std::move(open.back());
         open.pop_back();
+        complete_();
         for_each_entry(directory, [&](const char *name, bool is_directory) {
             const std::string path = directory + "/" + name;
             if (has_record(path) || told_.has(path))

@@ -17,6 +17,7 @@
 #include <set>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "common/mutex.h"
 #include "queue.h"
@@ -49,6 +50,10 @@ class Found
 public:
     using Tell = std::function<void(const Event &event)>;
 
+    /* `complete` marks what is in the directories that are marked by now. Only then is one of them looked into: what is
+     * found there and is not marked has a record of its own, which may be on its way before it is shown. */
+    explicit Found(std::function<void()> complete = [] {}) : complete_(std::move(complete)) {}
+
     /* That directory is marked from now on, and was not before. Any thread; all else is for the session's. */
     void marked(std::string_view path);
 
@@ -71,6 +76,7 @@ private:
     void look_into(const std::string &top, const Event &creation, const Tell &tell);
     bool has_record(std::string_view path);
 
+    const std::function<void()> complete_;
     const Batch *batch_ = nullptr;
     std::set<std::string_view> in_batch_; /* what appears by the batch's own records */
     bool indexed_ = false;                /* in_batch_ is that of the batch */

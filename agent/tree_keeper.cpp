@@ -77,6 +77,8 @@ void TreeKeeper::run()
     std::vector<std::string> made;
     {
         const common::Lock hold(lock_);
+        if (made_.empty() && again_.empty())
+            return;
         made.swap(made_);
         uint64_t count;
         [[maybe_unused]] const ssize_t n = read(wake_.get(), &count, sizeof count);

@@ -69,12 +69,12 @@ bool WatchedPaths::keep_trees()
         return false;
     }
     if (!request_.no_found)
-        found_ = std::make_unique<Found>();
+        found_ = std::make_unique<Found>([this] { complete_trees(); });
     placement_.listen(
         [this](const std::string &path) {
+            keeper_->made(path); /* first: found_ has the keeper run before it looks there */
             if (found_)
                 found_->marked(path);
-            keeper_->made(path);
         },
         [this](const std::string &path) {
             keeper_->walk_marked();

@@ -36,7 +36,8 @@ protected:
     Lines take() { return std::exchange(lines, {}); }
 
     Directory directory;
-    Found found;
+    std::function<void()> complete = [] {}; /* what the keeper of trees does */
+    Found found{[this] { complete(); }};
     Lines lines;
 
 private:
@@ -71,6 +72,23 @@ TEST_F(FoundTest, WhatWasMovedInOrIsNotMarkedIsNotLookedInto)
     marked("a");
     show({{directory.path("a"), FMON_MOVED_TO}});
     EXPECT_EQ((Lines{"a", "a"}), take());
+}
+
+/* The monitor was about to read the record of a/b when a was looked into: what is in a/b has none. */
+TEST_F(FoundTest, WhatIsInADirectoryIsMarkedBeforeTheDirectoryIsLookedInto)
+{
+    directory.dir("a/b/c");
+    directory.file("a/b/c/f");
+    marked("a");
+    marked("a/b");
+    complete = [this, done = false]() mutable {
+        if (!std::exchange(done, true))
+            marked("a/b/c");
+    };
+    create("a");
+    EXPECT_EQ((Lines{"a", "found a/b", "found a/b/c", "found a/b/c/f"}), take());
+    create("a/b");
+    EXPECT_EQ(Lines(), take());
 }
 
 TEST_F(FoundTest, WholeTreesAreFoundWithParentsFirst)
