@@ -253,6 +253,85 @@ TEST_F(FileSystems, AnOverlayBelowIsMarkedByDirectories)
     watch.stop();
 }
 
+/* On the file system below, the kernel says that a device came by a rename. */
+TEST_F(FileSystems, WhatAnOverlayHidesIsDeletedInItsUpperDirectory)
+{
+    mount_new();
+    const std::string m = mounted + "/", seen = tree.dir("overlay");
+    for (const char *name : {"lower", "upper", "work", "lower/d"})
+        make_dir(m + name);
+    for (const char *name : {"lower/f", "lower/d/g"})
+        make_file(m + name);
+    const std::string options = "lowerdir=" + m + "lower,upperdir=" + m + "upper,workdir=" + m + "work";
+    if (mount("fmon-test", seen.c_str(), "overlay", 0, options.c_str()) != 0)
+        GTEST_SKIP() << "no overlays here";
+    Watch watch(m + "upper", with({"-e", "create,delete,moved_from,moved_to"}));
+    watch.established();
+    remove_file(seen + "/f");
+    Paths told = watch.barrier(m + "upper", {"create"});
+    EXPECT_EQ(names("delete"), told["f"]);
+    make_file(seen + "/f");
+    EXPECT_TRUE(watch.barrier(m + "upper", {"create"}).count("f")) << "is there again";
+    unmount(seen);
+    EXPECT_EQ(0, watch.stop());
+}
+
+/* An image and its copy: records of both name the same file system and the same handles. */
+TEST_F(FileSystems, OfTwoFileSystemsWithOneIdOneHasMarksOnDirectories)
+{
+    const std::string one = tree.dir("tree/one"), two = tree.dir("tree/two"), image = tree.path("image");
+    const std::string command = "exec 2>&1 >/dev/null; truncate -s 8M " + image + " && mkfs.ext4 -q " + image +
+                                " && cp " + image + " " + image + "2 && mount -o loop " + image + " " + one +
+                                " && mount -o loop " + image + "2 " + two;
+    NEED(system(command.c_str()) == 0, "needs mkfs.ext4 and loop devices");
+    {
+        Watch watch(tree.path("tree"), {"-r", "--source", "auto", "-e", "create"});
+        const Json first = watch.established();
+        EXPECT_EQ("both", first["source"]) << first;
+        for (const std::string name : {"one", "two"}) {
+            const std::string point = tree.path("tree/" + name);
+            make_dir(point + "/same");
+            EXPECT_TRUE(is_watched(watch, point + "/same")) << point;
+            watch.barrier(point, {"create"});
+            make_file(point + "/same/f");
+            EXPECT_EQ(paths({{name + "/same/f", "create"}}), watch.barrier(point, {"create"}));
+        }
+        EXPECT_EQ(0, watch.stop());
+    }
+    unmount(one);
+    unmount(two);
+}
+
+/* The records of a sub-volume have the id of the whole. */
+TEST_F(FileSystems, TheTopOfABtrfsReportsItsSubvolumesWhichTakeNoMark)
+{
+    const std::string image = tree.path("image"), top = tree.dir("btrfs"), sub = top + "/sub";
+    const std::string command = "exec 2>&1 >/dev/null; truncate -s 120M " + image + " && mkfs.btrfs -q " + image +
+                                " && mount -o loop " + image + " " + top + " && btrfs -q subvolume create " + sub;
+    NEED(system(command.c_str()) == 0, "needs btrfs, its programs and a loop device");
+    make_dir(sub + "/old");
+    {
+        Watch watch(top, with({"-e", "create,close_write"}));
+        watch.established();
+        make_dir(sub + "/old/new");
+        make_file(sub + "/old/new/f");
+        EXPECT_EQ(0, system(("btrfs -q subvolume create " + top + "/sub2 >/dev/null").c_str()));
+        make_file(top + "/sub2/f");
+        EXPECT_EQ(paths({{"sub/old/new", "create"},
+                         {"sub/old/new/f", "create,close_write"},
+                         {"sub2", "create"},
+                         {"sub2/f", "create,close_write"}}),
+                  watch.barrier(top));
+        expect_processes(watch);
+        EXPECT_EQ(0, watch.stop());
+        Watch inside(sub, {"-r", "--source", "auto", "-e", "create"});
+        EXPECT_EQ("marks", inside.established()["source"]);
+        EXPECT_TRUE(is_watched(inside, sub + "/old"));
+        EXPECT_EQ(0, inside.stop());
+    }
+    unmount(top);
+}
+
 TEST_F(FileSystems, AnOverlayItselfFallsBackToMarks)
 {
     mount_new();

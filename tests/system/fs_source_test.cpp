@@ -104,6 +104,22 @@ TEST_F(FileSystems, WhatHappensBeforeTheRootsEndIsReported)
     EXPECT_EQ("", seen.back());
 }
 
+/* Each system call of the monitor, and so each read, makes a record. The tracer's end is that of what it traces. */
+TEST_F(FileSystems, ATracerThatWritesIntoTheTreeDoesNotKeepItFromBeingWatched)
+{
+    NEED(access("/usr/bin/strace", X_OK) == 0, "strace is not installed");
+    Process watch({{"/usr/bin/strace", "-f", "-o", tree.path("trace"), "/usr/bin/setpriv", "--pdeathsig", "KILL",
+                    FMON_TEST_BIN "/fmon", "watch", "-r", "--source", "filesystem", "--format", "json", "-e",
+                    "create,modify", tree.root()}});
+    const std::string first = watch.line(2 * kPatienceMs).value_or("");
+    EXPECT_NE(std::string::npos, first.find("\"established\"")) << first << watch.errors();
+    make_file(tree.path("seen"));
+    bool seen = false;
+    for (const int64_t end = now_ms() + kPatienceMs; now_ms() < end && !seen;)
+        seen = watch.line(1000).value_or("").find(tree.path("seen")) != std::string::npos;
+    EXPECT_TRUE(seen) << watch.errors();
+}
+
 /* ---- losses ---- */
 
 bool told_of_loss(Watch &watch)

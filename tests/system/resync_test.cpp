@@ -212,6 +212,41 @@ TEST(Resync, WhatFoundNoRoomIsWatchedWhenThereIsSome)
     EXPECT_EQ(0, watch.stop());
 }
 
+void limit_watches(int number)
+{
+    std::ofstream limit("/proc/sys/user/max_inotify_watches");
+    limit << number << std::flush;
+    EXPECT_TRUE(limit.good()) << number;
+}
+
+/* The limit is one of a user namespace of the test's own, so that nobody else runs into it. */
+TEST(Resync, WhatFoundNoWatchIsWatchedWhenTheLimitIsRaised)
+{
+    NEED(can_have_namespace(), "needs user namespaces");
+    TempTree tree;
+    const std::string home = strangers_dir(tree, "home"), scratch = strangers_dir(tree, "scratch");
+    EXPECT_TRUE(run(in_own_namespace([&] {
+                        setenv("TMPDIR", scratch.c_str(), 1);
+                        limit_watches(20);
+                        Watch watch(home, {"-r", "--source", "marks", "--probes", "off", "-e", "create"});
+                        watch.losses_are_due();
+                        watch.established();
+                        Names want;
+                        for (int i = 0; i < 40; i++) {
+                            make_dir(home + "/d" + std::to_string(i));
+                            want.insert(home + "/d" + std::to_string(i) + "/seen");
+                        }
+                        EXPECT_EQ("watches", watch.next_of("loss")["source"]);
+                        limit_watches(1000);
+                        EXPECT_GE(watch.next_of("resynced")["directories"].number(), 20);
+                        for (const std::string &path : want)
+                            make_file(path);
+                        EXPECT_EQ(want, created(watch, "seen", want.size()));
+                        EXPECT_EQ(0, watch.stop());
+                    }),
+                    60000));
+}
+
 /* Directories that could not be read are walked by the path that was lost. */
 TEST(Resync, WhatMayBeReadByNowIsSaidToBeWatched)
 {
