@@ -3,6 +3,7 @@
  * kernel, the code that relies on it is next.
  */
 #include <gtest/gtest.h>
+#include <sys/fanotify.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,6 +92,19 @@ TEST_P(FsFacts, ARenameIsJoinedToAnEqualOneThatWaits)
     one.run('m', at("y"), at("x"));
     one.run('m', at("x"), at("y"));
     EXPECT_EQ(2u, read_all(group.fd).size()) << "nothing is joined to what was read";
+}
+
+/* So that a group for mounts would say nothing of the order that the polled table does not. */
+TEST(FsFactsOfMounts, AreNotReportedByTheGroupThatReportsNames)
+{
+    NEED(can_hear_file_systems(), "whole file systems cannot be heard");
+    constexpr unsigned kReportMounts = 0x4000, kNames = FAN_REPORT_DFID_NAME;
+    const int mounts = fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | kReportMounts, O_RDONLY);
+    if (mounts < 0)
+        GTEST_SKIP() << "before Linux 6.14 mounts are not reported at all";
+    close(mounts);
+    EXPECT_EQ(-1, fanotify_init(FAN_CLASS_NOTIF | FAN_CLOEXEC | kReportMounts | kNames, O_RDONLY));
+    EXPECT_EQ(EINVAL, errno);
 }
 
 /* Without that, only a further read would say that nothing waits. */
