@@ -126,7 +126,7 @@ void BusSink::tick(uint64_t now)
         return;
     own_.settle_at = now + kSettleMs;
     std::string error;
-    if (!spool_.settle(error))
+    if (!spool_.settle(now, error))
         note_disk(false, error);
 }
 

@@ -17,11 +17,12 @@ namespace
 {
 
 constexpr uint64_t kLeastBytes = uint64_t{64} << 10;
+constexpr uint64_t kSyncMs = 1000;
 
 SpoolLimits sensible(SpoolLimits limits)
 {
     limits.bytes = std::max(limits.bytes, kLeastBytes);
-    limits.segment = std::clamp(limits.segment, sizeof(SegmentHead), limits.bytes / 4);
+    limits.segment = std::clamp<uint64_t>(limits.segment, sizeof(SegmentHead), limits.bytes / 4);
     return limits;
 }
 
@@ -48,7 +49,7 @@ Spool::~Spool()
 {
     std::string ignored;
     if (directory_.fd)
-        settle(ignored);
+        settle(UINT64_MAX - kSyncMs, ignored);
 }
 
 bool Spool::fail(int code, std::string &error) const
@@ -376,7 +377,7 @@ int Spool::sync()
     return code;
 }
 
-bool Spool::settle(std::string &error)
+bool Spool::settle(uint64_t now, std::string &error)
 {
     uint64_t acked;
     {
@@ -384,9 +385,11 @@ bool Spool::settle(std::string &error)
         acked = state_.unacked - 1;
     }
     int code = acked == position_.value() ? 0 : position_.store(acked);
-    if (const int synced = sync(); synced != 0)
-        code = synced;
-    return fail(code, error);
+    if (now < sync_at_)
+        return fail(code, error);
+    sync_at_ = now + kSyncMs;
+    const int synced = sync();
+    return fail(code != 0 ? code : synced, error);
 }
 
 SpoolFigures Spool::figures() const

@@ -77,9 +77,10 @@ public:
     /* This record and all before it have arrived. */
     void acknowledge(uint64_t ordinal) EXCLUDES(lock_);
 
-    /* Stores the position, and carries to the disk what is due. To be called every second or so. False: with one line
-     * in `error`. */
-    bool settle(std::string &error) EXCLUDES(lock_);
+    /* Stores the position, and with SpoolSync::kSecond carries to the disk what was written, if that was not done
+     * within the last second. `now`: milliseconds of a clock that does not run backwards. False: with one line in
+     * `error`. */
+    bool settle(uint64_t now, std::string &error) EXCLUDES(lock_);
 
     SpoolFigures figures() const EXCLUDES(lock_);
     bool has_unread() const EXCLUDES(lock_);
@@ -145,6 +146,7 @@ private:
     SpoolDirectory directory_;
     SpoolPosition position_; /* the reading thread's */
     Reader reader_;          /* likewise */
+    uint64_t sync_at_ = 0;   /* likewise; when the disk is due */
     mutable common::Mutex append_lock_;
     Writer writer_ GUARDED_BY(append_lock_);
     mutable common::Mutex lock_ ACQUIRED_AFTER(append_lock_);

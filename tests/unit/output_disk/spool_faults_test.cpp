@@ -21,7 +21,7 @@ protected:
             tree.remove("spool");
             next_number = 1;
             last_ordinal = 0;
-            if (!open() || put(3) < 3 || !spool->settle(error)) {
+            if (!open() || put(3) < 3 || !spool->settle(0, error)) {
                 EXPECT_NE(error.find("spool /"), std::string::npos) << error;
                 EXPECT_NE(error.find(strerror(err)), std::string::npos) << error;
             }
@@ -56,12 +56,14 @@ TEST_F(SpoolFaults, AFailedSyncIsSaid)
     put(3);
     {
         const Fault fault("fdatasync", 1, EIO);
-        EXPECT_FALSE(spool->settle(error));
+        EXPECT_FALSE(spool->settle(5000, error));
     }
     EXPECT_NE(error.find("Input/output error"), std::string::npos) << error;
     put(1);
     const Fault fault("fcntl", 1, EMFILE);
-    EXPECT_FALSE(spool->settle(error));
+    EXPECT_TRUE(spool->settle(5999, error)); /* a second has not passed */
+    EXPECT_FALSE(fault.hit());
+    EXPECT_FALSE(spool->settle(6000, error));
 }
 
 TEST_F(SpoolFaults, AFailedSyncOfEachBatchTakesNothing)

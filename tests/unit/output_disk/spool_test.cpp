@@ -262,7 +262,7 @@ TEST_F(SpoolTest, APositionHalfWrittenIsTheOneBefore)
     get();
     for (const uint64_t ordinal : {3, 6}) {
         spool->acknowledge(ordinal);
-        ASSERT_TRUE(spool->settle(error));
+        ASSERT_TRUE(spool->settle(0, error));
     }
     spool.reset();
     const std::string path = tree.path("spool/position");
