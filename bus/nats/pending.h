@@ -4,6 +4,7 @@
 #ifndef BUS_NATS_PENDING_H
 #define BUS_NATS_PENDING_H
 
+#include <cstddef>
 #include <cstdint>
 #include <deque>
 #include <unordered_map>
@@ -23,7 +24,7 @@ public:
     }
     /* False: it does not wait. */
     bool remove(uint64_t number) { return since_.erase(number) > 0; }
-    bool empty() const { return since_.empty(); }
+    size_t size() const { return since_.size(); }
 
     /* Takes those out that wait from a time up to `until` on. */
     std::vector<uint64_t> take(uint64_t until)

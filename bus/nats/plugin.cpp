@@ -1,6 +1,7 @@
 /* The plug-in for NATS: records into a JetStream, each with an acknowledgement of its own. A record's subject for the
  * answer ends in its number. */
 #include <nats/nats.h>
+#include <time.h>
 
 #include <algorithm>
 #include <charconv>
@@ -18,6 +19,8 @@ namespace
 {
 
 constexpr uint64_t kReopenMs = 2000;
+constexpr size_t kMany = 512; /* answers to come that are worth a pause */
+constexpr struct timespec kGather = {0, 1'000'000};
 constexpr int kUnconnectedMs = 100; /* of waiting, at most: then it is looked whether there is a connection */
 
 struct Message {
@@ -136,6 +139,9 @@ void fmon_bus::take_answers(int timeout_ms)
             take_answer(answer.message);
         else
             return;
+        /* Otherwise each answer would wake this thread by itself. */
+        if (timeout_ms > 0 && pending_.size() > kMany)
+            nanosleep(&kGather, nullptr);
         timeout_ms = 0;
     }
 }
