@@ -65,7 +65,8 @@ struct fmon_bus_plugin {
                              const struct fmon_bus_listener *listener, char *error, size_t error_size);
     /* Takes messages in order, and copies them. How many; fewer than all: no more now. Does not wait. */
     size_t (*send)(struct fmon_bus *bus, const struct fmon_bus_message *messages, size_t count);
-    /* Reports what has become of messages; waits for that as long as is said, at most, while there is nothing. */
+    /* Reports what has become of messages; waits for that as long as is said, at most, while there is nothing. While
+     * there is no connection it may take some seconds to try for one. */
     void (*poll)(struct fmon_bus *bus, int timeout_ms);
     /* Ends everything; messages whose outcome is open get none. Waits a second at most. */
     void (*close)(struct fmon_bus *bus);

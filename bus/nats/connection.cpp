@@ -1,5 +1,6 @@
 #include "connection.h"
 
+#include <cstring>
 #include <memory>
 #include <vector>
 
@@ -9,12 +10,19 @@ namespace bus
 namespace
 {
 
-constexpr int64_t kConnectMs = 5000;
-constexpr int64_t kReconnectMs = 500, kJitterMs = 250;
-constexpr int64_t kPingMs = 10'000; /* a connection whose other side is gone is found dead after two of them */
+constexpr int64_t kConnectMs = 3000; /* of each server */
+constexpr int64_t kWriteMs = 5000;   /* after which a connection that takes nothing is given up */
+constexpr int64_t kPingMs = 10'000;  /* a connection whose other side is gone is found dead after two of them */
 constexpr int kUnlimited = -1;
 
 using Options = std::unique_ptr<natsOptions, decltype(&natsOptions_Destroy)>;
+
+/* The library says where in its own sources: "(conn.c:733): ...". */
+const char *without_place(const char *text)
+{
+    const char *const end = *text == '(' ? strstr(text, "): ") : nullptr;
+    return end ? end + 3 : text;
+}
 
 /* Collects the first failure of a row of calls. */
 class Steps
@@ -26,7 +34,7 @@ public:
         if (status == NATS_OK || !error_.empty())
             return;
         const char *detail = nats_GetLastError(nullptr);
-        error_ = std::string(what) + ": " + (detail && *detail ? detail : natsStatus_GetText(status));
+        error_ = std::string(what) + ": " + (detail && *detail ? without_place(detail) : natsStatus_GetText(status));
     }
     bool done() const { return error_.empty(); }
 
@@ -74,40 +82,47 @@ void set_user(natsOptions *options, const Settings &settings, Steps &steps)
     }
 }
 
-/* A connection is tried for ever, in the background from the first time on. */
 void set_patience(natsOptions *options, Steps &steps)
 {
-    const auto nothing = [](natsConnection *, void *) {};
-    steps.add("connect", natsOptions_SetRetryOnFailedConnect(options, true, nothing, nullptr));
-    steps.add("connect", natsOptions_SetMaxReconnect(options, kUnlimited));
-    steps.add("connect", natsOptions_SetReconnectWait(options, kReconnectMs));
-    steps.add("connect", natsOptions_SetReconnectJitter(options, kJitterMs, kJitterMs));
+    steps.add("connect", natsOptions_SetAllowReconnect(options, false));
     steps.add("connect", natsOptions_SetTimeout(options, kConnectMs));
+    steps.add("connect", natsOptions_SetWriteDeadline(options, kWriteMs));
     steps.add("connect", natsOptions_SetPingInterval(options, kPingMs));
     steps.add("connect", natsOptions_SetMaxPingsOut(options, 2));
     steps.add("connect", natsOptions_SetName(options, "fmon"));
 }
 
-}  // namespace
-
-bool NatsConnection::open(const Settings &settings, std::string &error)
+Options make_options(const Settings &settings, Steps &steps)
 {
     natsOptions *made = nullptr;
-    Steps steps(error);
     steps.add("nats", natsOptions_Create(&made));
-    const Options options(made, natsOptions_Destroy);
+    Options options(made, natsOptions_Destroy);
     if (!made)
-        return false;
+        return options;
     set_servers(made, settings, steps);
     set_tls(made, settings, steps);
     set_user(made, settings, steps);
     set_patience(made, steps);
-    steps.add("connect", natsOptions_SetDisconnectedCB(made, on_disconnect, this));
-    steps.add("connect", natsOptions_SetErrorHandler(made, on_error, this));
+    return options;
+}
+
+}  // namespace
+
+bool NatsConnection::check(const Settings &settings, std::string &error)
+{
+    Steps steps(error);
+    make_options(settings, steps);
+    return steps.done();
+}
+
+bool NatsConnection::open(const Settings &settings, std::string &error)
+{
+    close();
+    Steps steps(error);
+    const Options options = make_options(settings, steps);
     if (!steps.done())
         return false;
-    const natsStatus status = natsConnection_Connect(&connection_, made);
-    steps.add("connect", status == NATS_NOT_YET_CONNECTED ? NATS_OK : status);
+    steps.add("not connected", natsConnection_Connect(&connection_, options.get()));
     return steps.done() && subscribe(error);
 }
 
@@ -134,36 +149,11 @@ void NatsConnection::close()
     connection_ = nullptr;
 }
 
-void NatsConnection::note(const char *text)
-{
-    const std::lock_guard<std::mutex> guard(shared_.mutex);
-    if (text && *text)
-        shared_.error = text;
-}
-
-void NatsConnection::on_disconnect(natsConnection *connection, void *self)
-{
-    NatsConnection &object = *static_cast<NatsConnection *>(self);
-    object.interruptions_++;
-    const char *text = nullptr;
-    if (natsConnection_GetLastError(connection, &text) != NATS_OK)
-        object.note(text);
-}
-
-void NatsConnection::on_error(natsConnection *connection, natsSubscription *, natsStatus status, void *self)
-{
-    const char *text = nullptr;
-    natsConnection_GetLastError(connection, &text);
-    static_cast<NatsConnection *>(self)->note(text && *text ? text : natsStatus_GetText(status));
-}
-
 std::string NatsConnection::last_error()
 {
     const char *text = nullptr;
-    if (connection_ && natsConnection_GetLastError(connection_, &text) != NATS_OK)
-        note(text);
-    const std::lock_guard<std::mutex> guard(shared_.mutex);
-    return shared_.error;
+    const natsStatus status = connection_ ? natsConnection_GetLastError(connection_, &text) : NATS_OK;
+    return text && *text ? text : status == NATS_OK ? "" : natsStatus_GetText(status);
 }
 
 }  // namespace bus

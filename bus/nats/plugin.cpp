@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <charconv>
+#include <random>
+#include <string>
 #include <string_view>
 
 #include "ack.h"
@@ -18,10 +20,10 @@ using bus::Settings;
 namespace
 {
 
-constexpr uint64_t kReopenMs = 2000;
+constexpr uint64_t kReopenMs = 500, kReopenSpreadMs = 500; /* so that a fleet does not come back at once */
+constexpr long kUnconnectedMs = 100;
 constexpr size_t kMany = 512; /* answers to come that are worth a pause */
 constexpr struct timespec kGather = {0, 1'000'000};
-constexpr int kUnconnectedMs = 100; /* of waiting, at most: then it is looked whether there is a connection */
 
 struct Message {
     natsMsg *message = nullptr;
@@ -45,7 +47,7 @@ private:
     void take_answers(int timeout_ms);
     void take_answer(natsMsg *answer);
     void all_again(uint64_t until, const std::string &why);
-    void watch_connection();
+    bool keep_connected();
     void reopen();
     void say(const std::string &why); /* "": it works */
 
@@ -53,7 +55,7 @@ private:
     const struct fmon_bus_listener listener_;
     bus::NatsConnection connection_;
     bus::Pending pending_;
-    unsigned interruptions_ = 0; /* seen */
+    std::minstd_rand spread_{std::random_device()()};
     uint64_t reopen_at_ = 0;
     std::string said_;
 };
@@ -66,11 +68,7 @@ void fmon_bus::say(const std::string &why)
     listener_.condition(listener_.context, why.empty(), why.c_str());
 }
 
-bool fmon_bus::open(std::string &error)
-{
-    interruptions_ = connection_.interruptions();
-    return connection_.open(settings_, error);
-}
+bool fmon_bus::open(std::string &error) { return bus::NatsConnection::check(settings_, error); }
 
 natsStatus fmon_bus::publish(const struct fmon_bus_message &message)
 {
@@ -151,35 +149,31 @@ void fmon_bus::reopen()
     const uint64_t now = now_ms();
     if (now < reopen_at_)
         return;
-    reopen_at_ = now + kReopenMs;
     std::string error;
-    connection_.close();
-    if (!open(error))
-        say(error);
+    const bool opened = connection_.open(settings_, error);
+    reopen_at_ = now_ms() + kReopenMs + spread_() % kReopenSpreadMs;
+    say(opened ? "" : error);
 }
 
-void fmon_bus::watch_connection()
+/* Whether there is a connection. */
+bool fmon_bus::keep_connected()
 {
-    if (interruptions_ != connection_.interruptions()) {
-        interruptions_ = connection_.interruptions();
-        all_again(UINT64_MAX, "the connection was interrupted");
-    }
-    if (connection_.connected()) {
-        if (said_.starts_with("not connected"))
-            say("");
-        return;
-    }
-    std::string why = connection_.last_error();
-    say("not connected: " + (why.empty() ? "no server answers" : why));
-    if (connection_.ended())
+    if (!connection_.connected()) {
+        const std::string why = connection_.last_error();
+        all_again(UINT64_MAX, "the connection has broken" + (why.empty() ? "" : ": " + why));
         reopen();
+    }
+    return connection_.connected();
 }
 
 void fmon_bus::poll(int timeout_ms)
 {
-    watch_connection();
-    if (connection_.answers())
-        take_answers(connection_.connected() ? timeout_ms : std::min(timeout_ms, kUnconnectedMs));
+    if (!keep_connected()) {
+        const struct timespec pause = {0, std::min<long>(timeout_ms, kUnconnectedMs) * 1'000'000};
+        nanosleep(&pause, nullptr);
+        return;
+    }
+    take_answers(timeout_ms);
     const uint64_t patience = settings_.number("ack_timeout"), now = now_ms();
     if (patience != 0 && now > patience)
         all_again(now - patience, "no acknowledgement within " + std::to_string(patience / 1000) + " s");

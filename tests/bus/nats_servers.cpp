@@ -57,12 +57,21 @@ std::vector<std::string> NatsServers::addresses() const
     return all;
 }
 
-Stream::Stream(const NatsServers &servers, const std::string &user)
+Stream::Stream(const NatsServers &servers, const std::string &user, bool tls)
 {
-    std::string all;
-    for (const std::string &text : servers.addresses())
-        all += (all.empty() ? "" : ",") + std::string(text).insert(7, user);
-    wait_until([&] { return natsConnection_ConnectTo(&connection_, all.c_str()) == NATS_OK; });
+    std::vector<std::string> texts = servers.addresses();
+    std::vector<const char *> urls;
+    for (std::string &text : texts)
+        urls.push_back(text.insert(7, user).c_str());
+    natsOptions *options = nullptr;
+    natsOptions_Create(&options);
+    natsOptions_SetServers(options, urls.data(), static_cast<int>(urls.size()));
+    if (tls) {
+        natsOptions_SetSecure(options, true);
+        natsOptions_SkipServerVerification(options, true);
+    }
+    wait_until([&] { return natsConnection_Connect(&connection_, options) == NATS_OK; });
+    natsOptions_Destroy(options);
     if (connection_)
         natsConnection_JetStream(&js_, connection_, nullptr);
 }

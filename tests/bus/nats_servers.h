@@ -43,8 +43,8 @@ private:
 class Stream
 {
 public:
-    /* `user`: "NAME:PASSWORD@" or nothing. */
-    explicit Stream(const NatsServers &servers, const std::string &user = "");
+    /* `user`: "NAME:PASSWORD@" or nothing. `tls`: encrypted, whoever the server may be. */
+    explicit Stream(const NatsServers &servers, const std::string &user = "", bool tls = false);
     ~Stream();
     Stream(const Stream &) = delete;
     Stream &operator=(const Stream &) = delete;

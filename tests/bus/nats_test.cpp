@@ -81,7 +81,9 @@ TEST_F(BusNats, RecordsArriveInOrderWithTheirNames)
     EXPECT_FALSE(feed.sink().condition().stuck);
 }
 
-TEST_F(BusNats, AKilledServerOfAClusterLosesNothing)
+using BusNatsCluster = BusNats;
+
+TEST_F(BusNatsCluster, AKilledServerLosesNothing)
 {
     NatsServers servers(3);
     Stream stream(servers);
@@ -226,4 +228,71 @@ TEST_F(BusNats, AWrongPasswordIsSaidWithoutItAndMended)
     Stream stream(servers, "fmon:right-one@");
     ASSERT_TRUE(stream.make(1));
     check(stream, "wrong password", "until the file was mended");
+}
+
+namespace
+{
+
+class BusNatsTls : public BusNats
+{
+protected:
+    void SetUp() override
+    {
+        BusNats::SetUp();
+        NEED(!program_path("openssl").empty(), "there is no openssl");
+        tool("req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=authority -keyout ca.key -out ca.pem");
+        tool("req -newkey rsa:2048 -nodes -subj /CN=server -keyout server.key -out server.csr");
+    }
+    void tool(const std::string &arguments) const
+    {
+        const std::string command = "cd " + tree.root() + " && openssl " + arguments + " 2>openssl.log";
+        ASSERT_EQ(0, system(command.c_str())) << command;
+    }
+    /* The server's certificate is for this name from now on. */
+    void certify(const std::string &name)
+    {
+        std::ofstream(tree.path("names")) << "subjectAltName=" << name << "\n";
+        tool(
+            "x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile names -out server.pem");
+    }
+    std::string server_lines() const
+    {
+        return "tls { cert_file: \"" + tree.path("server.pem") + "\", key_file: \"" + tree.path("server.key") +
+               "\" }\n";
+    }
+};
+
+}  // namespace
+
+TEST_F(BusNatsTls, ACertificateOfAnotherNameIsRefusedUntilItIsRight)
+{
+    certify("DNS:other.example");
+    NatsServers servers(1, server_lines());
+    Settings all = settings({"tls://localhost:" + std::to_string(servers.port(0))});
+    all.set("ca", tree.path("ca.pem"));
+    ASSERT_TRUE(open(all));
+    feed.put(100);
+    EXPECT_TRUE(is_stuck_with("not connected: SSL handshake error: 62:hostname mismatch")) << last_condition;
+    {
+        Stream stream(servers, "", true);
+        ASSERT_TRUE(stream.make(1));
+        EXPECT_EQ(0u, stream.messages());
+    }
+    certify("DNS:localhost");
+    servers.kill(0);
+    servers.start(0);
+    Stream stream(servers, "", true);
+    check(stream, "another's certificate", "until the server had the right one");
+}
+
+TEST_F(BusNatsTls, ACertificateOfAnUnknownAuthorityIsRefused)
+{
+    certify("DNS:localhost");
+    const NatsServers servers(1, server_lines());
+    Settings all = settings({"tls://localhost:" + std::to_string(servers.port(0))});
+    all.set("tls", true);
+    ASSERT_TRUE(open(all));
+    feed.put(100);
+    EXPECT_TRUE(is_stuck_with("ertificate")) << last_condition;
+    EXPECT_EQ(100u, feed.sink().figures().waiting);
 }
