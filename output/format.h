@@ -16,6 +16,7 @@
 #include "agent/containers.h"
 #include "agent/queue.h"
 #include "agent/report.h"
+#include "pacing.h"
 
 namespace output
 {
@@ -53,6 +54,8 @@ public:
     }
     virtual void appeared(uint64_t, std::string_view /*path*/, std::string & /*out*/) {}
     virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
+    /* In JSON, text and CSV. */
+    virtual void burst(uint64_t, const Burst &, std::string & /*out*/) {}
 };
 
 /* What text and CSV say of a loss: "inotify: 3". */
@@ -60,6 +63,9 @@ inline std::string loss_text(std::string_view source, uint64_t count)
 {
     return std::string(source) + ": " + std::to_string(count);
 }
+
+/* Of a burst: "1,204 more like this in 10 s". */
+std::string burst_text(const Burst &burst);
 
 /* And of a tree that is watched as a whole again: "directories: 3". */
 inline std::string resynced_text(uint64_t directories) { return "directories: " + std::to_string(directories); }

@@ -54,6 +54,11 @@ public:
         append_record(time_ns, "resynced", single_path(paths), resynced_text(directories), out);
     }
 
+    void burst(uint64_t time_ns, const Burst &burst, std::string &out) override
+    {
+        append_record(time_ns, "burst", burst.directory, burst_text(burst), out);
+    }
+
 private:
     // The columns of an event that nobody caused: what there is to say stands where the process would.
     void append_record(uint64_t time_ns, std::string_view kind, std::string_view path, const std::string &text,

@@ -86,6 +86,19 @@ public:
         record("ended", kState, time_ns, out, [&](JsonWriter &writer) { put_named(writer, path, reason); });
     }
 
+    void burst(uint64_t time_ns, const Burst &burst, std::string &out) override
+    {
+        record("burst", kState, time_ns, out, [&](JsonWriter &writer) {
+            put_object(writer, "fmon", [&] {
+                put_kinds(writer, "events", burst.mask);
+                put_text(writer, "directory", burst.directory);
+                put_text(writer, "process", burst.process);
+                put_number(writer, "count", burst.count);
+                put_number(writer, "milliseconds", burst.ms);
+            });
+        });
+    }
+
 private:
     template <typename Members>
     void record(const char *action, const EcsClass &what, uint64_t time_ns, std::string &out, Members members)

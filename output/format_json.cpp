@@ -94,6 +94,19 @@ public:
         });
     }
 
+    void burst(uint64_t time_ns, const Burst &burst, std::string &out) override
+    {
+        record("burst", time_ns, out, [&](Writer &writer) {
+            put_kinds(writer, "events", burst.mask);
+            put_path(writer, burst.directory);
+            put_known(writer, "process", burst.process);
+            put_key(writer, "count");
+            writer.Uint64(burst.count);
+            put_key(writer, "seconds");
+            writer.Double(static_cast<double>(burst.ms) / 1000);
+        });
+    }
+
 private:
     void put_head(Writer &writer, std::string_view type, uint64_t time_ns)
     {

@@ -96,6 +96,19 @@ public:
         });
     }
 
+    void burst(uint64_t time_ns, const Burst &burst, std::string &out) override
+    {
+        record(beside_events("burst", kInformational), time_ns, out, [&](JsonWriter &writer) {
+            put_object(writer, "unmapped", [&] {
+                put_kinds(writer, "events", burst.mask);
+                put_text(writer, "directory", burst.directory);
+                put_text(writer, "process", burst.process);
+                put_number(writer, "count", burst.count);
+                put_number(writer, "milliseconds", burst.ms);
+            });
+        });
+    }
+
 private:
     template <typename Members>
     void record(const OcsfClass &what, uint64_t time_ns, std::string &out, Members members)

@@ -68,6 +68,11 @@ public:
         append_record(time_ns, "\033[32m", "resynced", single_path(paths), resynced_text(directories), out);
     }
 
+    void burst(uint64_t time_ns, const Burst &burst, std::string &out) override
+    {
+        append_record(time_ns, "\033[33m", "burst", burst.directory, burst_text(burst), out);
+    }
+
 private:
     // What there is to say stands where the process would, and alone where there is no path.
     void append_record(uint64_t time_ns, const char *sequence, std::string_view kind, std::string_view path,

@@ -1,5 +1,10 @@
 #include "formats.h"
 
+#include <cstdio>
+
+#include "agent/event_names.h"
+#include "agent/message.h"
+
 namespace output
 {
 
@@ -23,6 +28,14 @@ std::unique_ptr<Formatter> make_formatter(const std::string &format, const Forma
 {
     const FormatRow *row = find_format(format);
     return row ? row->make(style) : make_template_formatter(style, format, error);
+}
+
+std::string burst_text(const Burst &burst)
+{
+    char seconds[32];
+    snprintf(seconds, sizeof seconds, "%.3g", static_cast<double>(burst.ms) / 1000);
+    return agent::with_commas(burst.count) + " more like this in " + seconds + " s: " + agent::events_text(burst.mask) +
+           (burst.process.empty() ? "" : " by " + burst.process);
 }
 
 }  // namespace output
