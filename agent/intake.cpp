@@ -2,7 +2,10 @@
 
 #include <unistd.h>
 
+#include <array>
 #include <utility>
+
+#include "common/mutex.h"
 
 #include "orx_host.h"
 #include "time_format.h"
@@ -13,16 +16,43 @@ namespace agent
 namespace
 {
 
-Intake *g_intake; /* a callback has no argument of its own */
+/* A callback has no argument of its own: each knows its place by its number. */
+struct Place {
+    std::atomic<Intake *> intake; /* null: free */
+    uint32_t source;
+};
+Place g_places[FMON_MAX_INSTANCES];
 
-template <uint32_t Source>
+template <size_t Number>
 int32_t callback(struct event *event)
 {
-    return g_intake->accept(Source, *event);
+    Intake *const intake = g_places[Number].intake.load(std::memory_order_acquire);
+    return intake ? intake->accept(g_places[Number].source, *event) : 0;
 }
 
-constexpr fmon_client_cb kCallbacks[Intake::kMaxSources] = {callback<0>, callback<1>, callback<2>, callback<3>,
-                                                            callback<4>};
+template <size_t... Numbers>
+constexpr std::array<fmon_client_cb, sizeof...(Numbers)> callbacks(std::index_sequence<Numbers...>)
+{
+    return {callback<Numbers>...};
+}
+
+constexpr auto kCallbacks = callbacks(std::make_index_sequence<FMON_MAX_INSTANCES>());
+
+common::Mutex g_lock; /* of taking a place */
+
+// The number of the place that was free; FMON_MAX_INSTANCES: none was.
+size_t take_place(Intake *intake, uint32_t source)
+{
+    const common::Lock hold(g_lock);
+    size_t number = 0;
+    while (number < FMON_MAX_INSTANCES && g_places[number].intake.load(std::memory_order_relaxed))
+        number++;
+    if (number < FMON_MAX_INSTANCES) {
+        g_places[number].source = source;
+        g_places[number].intake.store(intake, std::memory_order_release);
+    }
+    return number;
+}
 
 }  // namespace
 
@@ -39,9 +69,20 @@ fmon_client_cb Intake::add_source(uint32_t wanted)
 {
     if (sources_ == kMaxSources)
         return nullptr;
-    g_intake = this;
     wanted_[sources_] = wanted;
-    return kCallbacks[sources_++];
+    const size_t place = take_place(this, static_cast<uint32_t>(sources_));
+    if (place == FMON_MAX_INSTANCES)
+        return nullptr;
+    sources_++;
+    return kCallbacks[place];
+}
+
+Intake::~Intake()
+{
+    const common::Lock hold(g_lock);
+    for (Place &place : g_places)
+        if (place.intake.load(std::memory_order_relaxed) == this)
+            place.intake.store(nullptr, std::memory_order_release);
 }
 
 // /proc is read with the monitor's lock held: a process may be gone a moment later, and each is read once in a while.

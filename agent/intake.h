@@ -13,6 +13,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <memory>
 #include <vector>
 
 #include "orx_fmon.h"
@@ -25,12 +26,18 @@ namespace agent
 class Intake
 {
 public:
-    explicit Intake(EventQueue &queue) : queue_(queue) {}
+    /* With processes of its own, or with those of the whole program. */
+    explicit Intake(EventQueue &queue) : queue_(queue), own_(std::make_unique<Processes>()), processes_(*own_) {}
+    Intake(EventQueue &queue, Processes &processes) : queue_(queue), processes_(processes) {}
+    ~Intake(); /* its instances are gone */
+    Intake(const Intake &) = delete;
+    Intake &operator=(const Intake &) = delete;
 
     Processes &processes() { return processes_; }
 
-    /* To be called before the instance exists. `wanted`: kinds that the main thread wants to see of it. Returns its
-     * callback; there are kMaxSources of them. */
+    /* To be called before the instance exists. `wanted`: kinds that the session wants to see of it. Returns its
+     * callback; there are kMaxSources of them, and as many in the program as the monitor has instances. Null: all are
+     * taken. */
     fmon_client_cb add_source(uint32_t wanted);
 
     /* What a callback does; 0, or the pause in milliseconds. */
@@ -45,7 +52,8 @@ public:
 
 private:
     EventQueue &queue_;
-    Processes processes_;
+    const std::unique_ptr<Processes> own_; /* null: they are shared */
+    Processes &processes_;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
     std::atomic<bool> held_ = false;

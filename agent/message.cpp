@@ -18,6 +18,7 @@ namespace
 {
 
 int g_stderr = STDERR_FILENO;
+thread_local std::string t_complainer; /* with ": " behind it; empty: none */
 
 // Nothing is allocated here, and nothing else of the process is to run any more.
 [[noreturn]] void on_uncaught()
@@ -49,10 +50,12 @@ void say(const std::string &text)
     [[maybe_unused]] const ssize_t n = write(g_stderr, text.data(), text.size());
 }
 
+void set_complainer(const std::string &name) { t_complainer = name.empty() ? "" : name + ": "; }
+
 void complain(const std::string &text)
 {
     std::string line = "fmon: ";
-    append_safe(text, line);
+    append_safe(t_complainer + text, line);
     line.push_back('\n');
     say(line);
 }

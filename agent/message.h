@@ -16,6 +16,9 @@ enum : int { kDone = 0, kNothing = 1, kError = 2, kGone = 3 };
 /* "fmon: text": something is wrong, and what to do about it. Control characters are escaped. */
 void complain(const std::string &text);
 
+/* From now on "fmon: NAME: text" is what this thread's complaints are; empty: as before. */
+void set_complainer(const std::string &name);
+
 /* Text as it is, for progress and log lines. */
 void say(const std::string &text);
 

@@ -16,6 +16,14 @@ void Session::start(Watched &watched, uint64_t now)
     limit_.start(now);
 }
 
+void Session::start_counting()
+{
+    struct fmon_status status;
+    if (monitor_.read_status(status))
+        losses_.since_last(status);
+    process_losses_ = monitor_.process_losses();
+}
+
 Pause Session::step(uint64_t now, const Inputs &inputs)
 {
     if (status_ < 0) {

@@ -64,6 +64,9 @@ public:
     {
     }
 
+    /* What was lost until now is no loss of this session: the monitor ran before. To be called before anything is
+     * placed, or not at all. */
+    void start_counting();
     /* All is placed. To be called once, before the first step. */
     void start(Watched &watched, uint64_t now);
     /* `now`: milliseconds of a clock that does not run backwards. To be called until it is over. */

@@ -175,6 +175,36 @@ TEST(CliIntake, EachSourceHasItsOwnCallback)
         EXPECT_EQ(batch.event(i).source, i);
 }
 
+TEST(CliIntake, SeveralShareTheMonitorsInstances)
+{
+    EventQueue queue(8, 1024), other_queue(8, 1024);
+    Processes processes;
+    Intake intake(queue, processes);
+    std::vector<std::unique_ptr<Intake>> others;
+    const fmon_client_cb first = intake.add_source(FMON_CREATE);
+    char path[] = "/a";
+    struct event event = {};
+    event.path = path;
+    event.mask = FMON_CREATE;
+    fmon_client_cb last = nullptr;
+    for (size_t taken = 1; taken < FMON_MAX_INSTANCES; taken++) {
+        if ((taken - 1) % Intake::kMaxSources == 0)
+            others.push_back(std::make_unique<Intake>(other_queue, processes));
+        last = others.back()->add_source(FMON_CREATE);
+        ASSERT_NE(nullptr, last) << taken;
+    }
+    Intake none(other_queue, processes);
+    EXPECT_EQ(nullptr, none.add_source(FMON_CREATE));
+    EXPECT_EQ(0, first(&event));
+    EXPECT_EQ(1u, queue.size());
+    EXPECT_EQ(0, last(&event));
+    EXPECT_EQ(1u, other_queue.size());
+    others.pop_back();
+    EXPECT_EQ(0, last(&event)); /* nobody's any more */
+    EXPECT_EQ(1u, other_queue.size());
+    EXPECT_NE(nullptr, none.add_source(FMON_CREATE));
+}
+
 TEST(CliIntake, TheMonitorThreadCountsAsTheCommand)
 {
     EventQueue queue(2, 1000);
