@@ -46,6 +46,7 @@ bool load_module(const std::string &directory, Module &module, std::string &erro
     }
     return bind(library, "orx_fmon_init", module.init, error) &&
            bind(library, "_orx_fmon_create_instance", module.create_instance, error) &&
+           bind(library, "_orx_fmon_del_instance", module.del_instance, error) &&
            bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
            bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
            bind(library, "_orx_fmon_resync", module.resync, error) &&
@@ -55,6 +56,12 @@ bool load_module(const std::string &directory, Module &module, std::string &erro
            bind(library, "_orx_fmon_on_mark", module.on_mark, error) &&
            bind(library, "_orx_fmon_dump", module.dump, error) &&
            bind(library, "g_container_flag", module.container_flag, error);
+}
+
+common::Mutex &placing_lock()
+{
+    static common::Mutex lock;
+    return lock;
 }
 
 // The kernel reports a watch that goes. Nobody else watches this file, whose watch would stay.

@@ -6,15 +6,26 @@
 
 #include <string>
 
+#include "common/mutex.h"
 #include "orx_fmon.h"
 
 namespace agent
 {
 
+/* What all sessions of a process have in common. */
+struct Shared {
+    int short_lived = -1; /* instance for watches that are taken back at once; -1: not made yet */
+};
+
+/* Held around whatever adds watches, by all sessions of the process: what the monitor's counters say before and after
+ * is then about this watch. Never taken with the monitor's lock held. */
+common::Mutex &placing_lock();
+
 /* The functions of the module that the command uses. */
 struct Module {
     decltype(&orx_fmon_init) init;
     decltype(&_orx_fmon_create_instance) create_instance;
+    decltype(&_orx_fmon_del_instance) del_instance;
     decltype(&_orx_fmon_add_watch) add_watch;
     decltype(&_orx_fmon_del_watch) del_watch;
     decltype(&_orx_fmon_resync) resync;
@@ -24,6 +35,7 @@ struct Module {
     decltype(&_orx_fmon_on_mark) on_mark;
     decltype(&_orx_fmon_dump) dump;
     decltype(&g_container_flag) container_flag;
+    Shared *shared = nullptr; /* null: there is one session in this process */
 
     /* False: the monitor has not started. */
     bool read_status(struct fmon_status &out) const

@@ -26,19 +26,12 @@ std::string below(const char *variable, const char *rest)
     return directory && directory[0] == '/' ? std::string(directory) + rest : std::string();
 }
 
-// The directory below which all that matches lies.
-std::string fixed_part(const std::string &path)
-{
-    const size_t star = path.find('*');
-    return star == std::string::npos ? path : path.substr(0, std::max<size_t>(path.rfind('/', star), 1));
-}
-
 // What is below a watched path, whatever the options: a tree may grow to where the log is.
 bool is_watched(const Request &options, const std::string &directory)
 {
     const std::string real = absolute_path(directory);
     return std::any_of(options.paths.begin(), options.paths.end(),
-                       [&](const std::string &path) { return is_below(fixed_part(absolute_path(path)), real); });
+                       [&](const std::string &path) { return is_below(without_star(absolute_path(path)), real); });
 }
 
 std::vector<std::string> files_in(const std::string &directory)

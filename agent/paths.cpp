@@ -131,6 +131,15 @@ std::string absolute_path(const std::string &given)
     return real == "/" && !rest.empty() ? rest : real + rest;
 }
 
+std::string without_star(const std::string &path)
+{
+    const size_t star = path.find('*');
+    if (star == std::string::npos)
+        return path;
+    const size_t slash = path.rfind('/', star);
+    return slash == 0 ? "/" : path.substr(0, slash);
+}
+
 std::string parent_of(const std::string &path)
 {
     const size_t slash = path.rfind('/');

@@ -42,6 +42,10 @@ std::string literal_path(const std::string &given);
  */
 common::Fd open_directory(const std::string &path);
 
+/* The deepest leading part of a path that has no "*", which the monitor takes for a pattern: all that matches lies at
+ * or below it. */
+std::string without_star(const std::string &path);
+
 /* Of an absolute path; "/" is its own. */
 std::string parent_of(const std::string &path);
 

@@ -11,6 +11,7 @@
 #include <string_view>
 #include <thread>
 #include <utility>
+#include <vector>
 
 #include "common/mutex.h"
 #include "module.h"
@@ -39,7 +40,18 @@ std::string refusal_text(const struct fmon_refusal &last);
 /* The same of a monitor that did not start, or has ended. */
 std::string trouble_text(const struct fmon_source &monitor);
 
-/* One at a time in a process: the monitor has one listener. */
+/* While it lives, what this thread marks is news to the other sessions of the process, too. What a session marks else,
+ * when it places its watches or walks its trees, is not: nothing was made there. */
+class MarksAreNews
+{
+public:
+    MarksAreNews();
+    ~MarksAreNews();
+    MarksAreNews(const MarksAreNews &) = delete;
+    MarksAreNews &operator=(const MarksAreNews &) = delete;
+};
+
+/* A session's: the monitor has one listener, who hands on to all that are started. */
 class Placement
 {
 public:
@@ -54,6 +66,12 @@ public:
     /* Begins to listen to a monitor that has been started, or was to be. */
     void start(const Module &module);
     void stop();
+
+    /* Where other sessions share the monitor: from now on only what is at or below these paths counts here, and
+     * refusals are counted as they are reported. To be called before start(); reach() adds one more path. */
+    void limit_to(const std::vector<std::string> &paths);
+    void reach(const std::string &path);
+    bool is_limited() const { return limited_; }
 
     /* `placed` hears of each inotify watch that is new, but for those that the calling thread places, of which `own`
      * hears; `denied` of each directory whose inotify watch was refused for want of a right. Once each; all must stay
@@ -78,10 +96,15 @@ public:
 
 private:
     static void on_mark(const char *path, const struct fmon_refusal *refusal);
+    bool concerns(const char *path) const;
     void marked(const char *path);
     void refused(const struct fmon_refusal &refusal);
+    void note(const struct fmon_refusal &refusal);
+    void take_counted(const struct fmon_status &now, Findings &found);
+    void take_noted(Findings &found);
 
     const Module *module_ = nullptr; /* null: nothing is listened to */
+    bool limited_ = false;
     std::function<void()> changed_;
     Listener placed_, own_, denied_;
     std::thread::id listener_;                            /* the thread whose own watches are no news */
@@ -96,7 +119,9 @@ private:
     mutable common::Mutex lock_;
     struct {
         std::string first_denied, without_room;
-    } paths_ GUARDED_BY(lock_);
+        std::vector<std::string> reached; /* where limited */
+        Findings noted;                   /* where limited: since the last look */
+    } found_ GUARDED_BY(lock_);
 };
 
 }  // namespace agent

@@ -62,11 +62,15 @@ struct fmon_fs_status Placer::file_systems() const
 // Whether it is served by a mark of its file system, the status says: nobody else adds watches meanwhile.
 Placer::Answer Placer::request(const PlannedWatch &watch) const
 {
+    const common::Lock hold(placing_lock());
+    const uint64_t marks = all_inotify_watches();
     const struct fmon_fs_status before = file_systems();
     Answer answer;
     answer.code = module_.add_watch(static_cast<uint32_t>(instances_[watch.instance]), watch.path.c_str(), watch.mask,
                                     watch.flags, options_.max_depth, options_.max_subdirs);
     const struct fmon_fs_status now = file_systems();
+    const uint64_t more = all_inotify_watches();
+    own_marks_ += more - std::min(more, marks);
     answer.served = answer.code == 0 && now.watches > before.watches;
     if (!answer.served && now.fallbacks > before.fallbacks)
         answer.fallback = now.last_fallback;
@@ -90,6 +94,7 @@ Placer::Answer Placer::request_all(const PlannedWatch &watch) const
         last.code = request(parts[i]).code;
         if (last.code == 0)
             continue;
+        const common::Lock hold(placing_lock());
         if (i > 0)
             take_back(parts[0]);
         break;
@@ -152,11 +157,20 @@ std::string Placer::why() const { return explain_retry(failure_, facts()); }
 
 void Placer::give_up(Root &root)
 {
+    const common::Lock hold(placing_lock());
     for (const int instance : instances_)
         if (!root.watched.empty())
             module_.del_watch(static_cast<uint32_t>(instance), root.watched.c_str());
     root.watched.clear();
     root.served = false;
+}
+
+void Placer::leave()
+{
+    const common::Lock hold(placing_lock());
+    for (const int instance : instances_)
+        module_.del_instance(static_cast<uint32_t>(instance));
+    instances_.clear();
 }
 
 Facts Placer::facts() const
@@ -216,7 +230,10 @@ void Placer::check_mounts()
     }
 }
 
-uint64_t Placer::inotify_watches() const
+// What comes later is not known where other sessions have marks, too.
+uint64_t Placer::inotify_watches() const { return placement_.is_limited() ? own_marks_ : all_inotify_watches(); }
+
+uint64_t Placer::all_inotify_watches() const
 {
     struct fmon_status now;
     return module_.read_status(now) ? now.inotify_watches : 0;

@@ -34,6 +34,7 @@ public:
     int take_up(size_t index, const std::string &path);
     std::string why() const;
     void give_up(Root &root);
+    void leave(); /* gives the instances up, with all their watches */
 
     /* Why marks are on the directories of trees, where a mark of their file system was to serve: a line for each, in
      * the order of the plan. */
@@ -64,6 +65,7 @@ private:
     void report_left_out(const PlannedWatch &watch, const Findings &findings);
     uint64_t count_left_out(const Findings &findings) const;
     uint64_t inotify_watches() const;
+    uint64_t all_inotify_watches() const;
     void check_mounts();
     Facts facts() const;
 
@@ -74,6 +76,7 @@ private:
     std::vector<int> instances_; /* ids */
     Refusal failure_;            /* of the last take_up() that failed */
     std::vector<std::string> fallbacks_;
+    mutable uint64_t own_marks_ = 0; /* inotify watches that came with watches of ours */
     bool refused_ = false, any_placed_ = false;
     uint64_t left_out_ = 0;
 };

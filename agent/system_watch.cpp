@@ -28,12 +28,13 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
 {
     kinds_ = kinds;
     known_ = device_mounts();
-    const int id = module_.create_instance("system", callback);
+    const int id = module_.create_instance(name_.c_str(), callback);
     if (id < 0) {
         error = "the monitor made no instance (code " + std::to_string(id) + ")";
         return false;
     }
     instance_ = static_cast<uint32_t>(id);
+    placed_ = true;
     const bool accepted = module_.global_watch(instance_, kinds, 1) == 0;
     struct fmon_status now = {};
     module_.read_status(now);
@@ -52,6 +53,13 @@ std::string SystemWatch::left_out_words() const
 {
     const std::string others = left_out_ > 1 ? " and " + counted(left_out_ - 1, "other mount") : "";
     return "what happens on " + std::string(met_.path) + others + " is not seen: " + explain_fallback(met_, true).line();
+}
+
+void SystemWatch::leave()
+{
+    if (placed_)
+        module_.del_instance(instance_);
+    placed_ = false;
 }
 
 std::string SystemWatch::why_not(const struct fmon_status &now) const

@@ -19,10 +19,17 @@ namespace agent
 class SystemWatch
 {
 public:
-    SystemWatch(const Module &module, Source source) : module_(module), source_(source) {}
+    /* `name`: of the monitor's instance. */
+    SystemWatch(const Module &module, Source source, std::string name = "system")
+        : module_(module), source_(source), name_(std::move(name))
+    {
+    }
 
     /* False: `error` is one line for the user. To be called once. */
     bool place(uint32_t kinds, fmon_client_cb callback, std::string &error);
+
+    /* Gives the instance up. */
+    void leave();
 
     /* Whether marks of file systems serve it, and not kernel probes. */
     bool by_file_systems() const { return by_file_systems_; }
@@ -43,6 +50,8 @@ private:
 
     const Module &module_;
     const Source source_;
+    const std::string name_;
+    bool placed_ = false;
     bool by_file_systems_ = false;
     uint32_t instance_ = 0, kinds_ = 0;
     uint64_t left_out_ = 0;

@@ -8,6 +8,7 @@
 
 #include "below.h"
 #include "paths.h"
+#include "placement.h"
 
 namespace agent
 {
@@ -26,15 +27,6 @@ bool before(const std::string &a, const std::string &b)
 }  // namespace
 
 void sort_as_tree(std::vector<std::string> &paths) { std::sort(paths.begin(), paths.end(), before); }
-
-std::string without_star(const std::string &path)
-{
-    const size_t star = path.find('*');
-    if (star == std::string::npos)
-        return path;
-    const size_t slash = path.rfind('/', star);
-    return slash == 0 ? "/" : path.substr(0, slash);
-}
 
 TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth)
     : module_(module), roots_(std::move(roots)), max_depth_(max_depth)
@@ -56,8 +48,16 @@ int TreeKeeper::start()
     wake_.reset(eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK));
     if (!wake_)
         return -1;
-    instance_ = module_.create_instance("watch-new", nullptr);
-    return instance_;
+    return module_.shared ? 0 : instance();
+}
+
+// With the placing lock held.
+int TreeKeeper::instance()
+{
+    int &made = module_.shared ? module_.shared->short_lived : instance_;
+    if (made < 0)
+        made = module_.create_instance("watch-new", nullptr);
+    return made;
 }
 
 void TreeKeeper::add_root(const std::string &path)
@@ -93,7 +93,10 @@ void TreeKeeper::run()
             continue;
         walked = path;
         walks_made_ = true;
-        complete(path);
+        {
+            const MarksAreNews news;
+            complete(path);
+        }
         walks_made_ = false;
     }
 }
@@ -123,8 +126,10 @@ void TreeKeeper::complete(const std::string &path)
     // Who puts a link in the directory's place must not have the monitor walk what the link leads to; and a watch that
     // is stored under the path it was given is found again by that path.
     const uint32_t flags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS;
-    if (module_.add_watch(static_cast<uint32_t>(instance_), start.c_str(), FMON_CREATE, flags, depth, 0) == 0)
-        module_.del_watch(static_cast<uint32_t>(instance_), start.c_str());
+    const common::Lock hold(placing_lock());
+    const int owner = instance();
+    if (owner >= 0 && module_.add_watch(static_cast<uint32_t>(owner), start.c_str(), FMON_CREATE, flags, depth, 0) == 0)
+        module_.del_watch(static_cast<uint32_t>(owner), start.c_str());
 }
 
 }  // namespace agent

@@ -31,7 +31,8 @@ public:
     /* `roots`: the recursively watched directories; `max_depth` as for the watches, 0 for no limit. */
     TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth);
 
-    /* Makes the instance that the short-lived watches belong to. Its result code, or -1 when no descriptor is left. */
+    /* Makes the instance that the short-lived watches belong to, unless all sessions share one, which is made when
+     * it is needed. Its result code, or -1 when no descriptor is left. */
     int start();
 
     /* That directory is new in the tree: to be looked at by the next run(). From any thread. */
@@ -64,6 +65,7 @@ public:
 private:
     void walk_again(const std::string &path);
     void complete(const std::string &path);
+    int instance();
 
     const Module &module_;
     std::vector<std::string> roots_;
@@ -80,9 +82,6 @@ private:
 
 /* Sorts paths so that each stands right before all that lies below it. */
 void sort_as_tree(std::vector<std::string> &paths);
-
-/* The deepest leading part of a path that has no "*", which the monitor would take for a pattern. */
-std::string without_star(const std::string &path);
 
 }  // namespace agent
 

@@ -56,6 +56,9 @@ public:
     virtual bool walk() { return false; }
     virtual void report_resynced() {}
 
+    /* At the end, where the monitor goes on: takes all back. Nothing comes any more once it has returned. */
+    virtual void leave() {}
+
     virtual bool is_expecting() const { return false; } /* something that only look() finds */
     virtual bool all_ended() const { return false; }    /* nothing can come any more */
 };

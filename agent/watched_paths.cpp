@@ -101,6 +101,7 @@ void WatchedPaths::wait_for_paths()
 void WatchedPaths::follow_root(const std::string &path)
 {
     report_.add_root(path);
+    placement_.reach(path);
     if (keeper_)
         keeper_->add_root(path);
 }

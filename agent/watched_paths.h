@@ -45,6 +45,7 @@ public:
     void complete_trees() override;
     int new_directories_fd() const override { return keeper_ ? keeper_->wake_fd() : -1; }
     LeftOut report_left_out(uint64_t count) override;
+    void leave() override { placer_.leave(); }
     bool lacks_room() const override { return !placement_.without_room().empty(); }
     bool has_room() override { return walk_.has_room(); }
     void start_walk() override;

@@ -19,7 +19,7 @@ class WatchedSystem : public Watched
 public:
     /* The plan's one instance has the kinds. */
     WatchedSystem(const Request &request, const Module &module, const Plan &plan, Report &report)
-        : kinds_(plan.instances[0].shown), watch_(module, request.source), report_(report)
+        : kinds_(plan.instances[0].shown), watch_(module, request.source, plan.instances[0].name), report_(report)
     {
     }
 
@@ -28,6 +28,7 @@ public:
     void look() override {}
     void mounts_changed() override { watch_.follow_mounts(); }
     LeftOut report_left_out(uint64_t count) override;
+    void leave() override { watch_.leave(); }
 
 private:
     const uint32_t kinds_;

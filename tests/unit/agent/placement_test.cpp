@@ -168,3 +168,52 @@ TEST_F(CliPlacement, HearsNoMoreAfterItsEnd)
     EXPECT_EQ(0u, placement.placed());
     EXPECT_FALSE(placement.take().ended);
 }
+
+/* ---- several sessions of one process ---- */
+
+TEST_F(CliPlacement, WhereOthersShareTheMonitorOnlyItsOwnPathsConcernIt)
+{
+    Placement other([] {});
+    other.limit_to({"/b", "/c"});
+    other.start(module);
+    other.reach("/d");
+    refuse(FMON_LEFT_DENIED, FMON_STEP_READ, EACCES, "/a/x", &fmon_left_out::denied);
+    EXPECT_FALSE(other.any());
+    refuse(FMON_LEFT_DENIED, FMON_STEP_INOTIFY, EACCES, "/b/x", &fmon_left_out::denied);
+    refuse(FMON_LEFT_DENIED, FMON_STEP_READ, EACCES, "/b/x", nullptr);
+    refuse(FMON_LEFT_INOTIFY_LIMIT, FMON_STEP_INOTIFY, ENOSPC, "/d", &fmon_left_out::inotify_limit);
+    g_listener("/a/new", nullptr);
+    g_listener("/c/new", nullptr);
+    EXPECT_EQ(1u, other.placed());
+    const Findings found = other.take();
+    EXPECT_EQ(1u, found.counts.denied);
+    EXPECT_EQ(1u, found.counts.inotify_limit);
+    EXPECT_STREQ("/d", found.last.path);
+    EXPECT_EQ("/b/x", found.first_denied);
+    EXPECT_EQ(0u, other.take().left_out());
+}
+
+TEST_F(CliPlacement, WhatASessionPlacesIsNoNewsToOthers)
+{
+    Placement other([] {});
+    other.start(module);
+    other.listen([this](const std::string &path) { heard.push_back(path); });
+    std::thread([this] {
+        placement.listen([](const std::string &) {});
+        g_listener("/placed", nullptr);
+        const MarksAreNews news;
+        g_listener("/made", nullptr);
+    }).join();
+    EXPECT_EQ(std::vector<std::string>{"/made"}, heard);
+}
+
+TEST_F(CliPlacement, TheMonitorIsListenedToUntilTheLastHasGone)
+{
+    {
+        Placement other([] {});
+        other.start(module);
+    }
+    EXPECT_NE(nullptr, g_listener);
+    placement.stop();
+    EXPECT_EQ(nullptr, g_listener);
+}
