@@ -101,7 +101,7 @@ private:
     {
         if (std::count(root.path.begin(), root.path.end(), '*') > 1)
             return ": a pattern can hold one \"*\" only";
-        if (options_.wait)
+        if (options_.wait && !options_.unattended)
             return ": a pattern waits for what it matches by itself: leave out --wait";
         return options_.mount ? ": --mount takes no pattern" : "";
     }
