@@ -64,10 +64,17 @@ bool take::paths(WatchOptions &options, VerbOf<WatchOptions>::Arguments argument
     options.paths.assign(arguments.begin(), arguments.end());
     if (options.list_events)
         return true;
+    const char *const reason = find_contradiction(options);
+    error = reason ? reason : "";
+    return !reason;
+}
+
+const char *find_contradiction(const WatchOptions &options)
+{
     for (const Contradiction &contradiction : kContradictions)
-        if (error.empty() && contradiction.applies(options))
-            error = contradiction.reason;
-    return error.empty();
+        if (contradiction.applies(options))
+            return contradiction.reason;
+    return nullptr;
 }
 
 std::string event_list()

@@ -26,6 +26,9 @@ std::span<const OptionRow<WatchOptions>> watch_rows();
 
 int run_watch(const WatchOptions &options);
 
+/* What in them contradicts itself, in words that say what to leave out; null: nothing. */
+const char *find_contradiction(const WatchOptions &options);
+
 /* What `-e help` prints. */
 std::string event_list();
 
