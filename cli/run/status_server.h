@@ -1,0 +1,47 @@
+/*
+ * status_server.h: the service's socket, on which `fmon stats` and others ask how it does: a line each, and a line of
+ * JSON for an answer.
+ */
+#ifndef CLI_RUN_STATUS_SERVER_H
+#define CLI_RUN_STATUS_SERVER_H
+
+#include <functional>
+#include <string>
+
+#include "common/fd.h"
+
+namespace cli
+{
+
+class StatusServer
+{
+public:
+    StatusServer() = default;
+    ~StatusServer() { stop(); }
+    StatusServer(const StatusServer &) = delete;
+    StatusServer &operator=(const StatusServer &) = delete;
+
+    /* Listens at that path, for its owner and root alone; what a service that is gone left there is replaced. False:
+     * `error` is one line, also where another service listens there. */
+    bool start(const std::string &path, std::string &error);
+    void stop();
+
+    int fd() const { return socket_.get(); } /* readable: somebody asks; -1: nobody can */
+
+    /* Answers one asker, who has a moment to ask and to read. */
+    void serve(const std::function<std::string(const std::string &request)> &answer) const;
+
+    static constexpr int kPatienceMs = 200;
+
+private:
+    std::string path_;
+    common::Fd socket_;
+};
+
+/* The directory of that path may be written to by root and this user only; made, with its parents, where it is missing.
+ */
+bool make_own_directory(const std::string &path, std::string &error);
+
+}  // namespace cli
+
+#endif
