@@ -3,6 +3,7 @@
 #include "cli/doctor/doctor_options.h"
 #include "cli/dump/dump_options.h"
 #include "cli/offsets/offsets_options.h"
+#include "cli/run/run_options.h"
 #include "cli/stats/stats_options.h"
 #include "cli/top/top_options.h"
 #include "cli/watch/options.h"
@@ -14,7 +15,7 @@ namespace
 {
 
 constexpr const Verb *kVerbs[] = {
-    &kWatch, &kTop, &kStats, &kDump, &kDoctor, &kOffsets,
+    &kWatch, &kRun, &kTop, &kStats, &kDump, &kDoctor, &kOffsets,
 };
 
 constexpr size_t kVerbColumn = 12, kOptionColumn = 17;
@@ -33,6 +34,7 @@ constexpr char kTail[] = R"(
 Examples:
   fmon watch -r /etc                   changes below /etc, until Ctrl-C
   fmon watch --format json -r /data    the same as one JSON object a line
+  fmon run --check                     whether the service's configuration is right
   fmon top                             which files and processes are busiest
   fmon dump                            what the running watch watches, and what waits in it
   fmon doctor                          what works here, and what does not

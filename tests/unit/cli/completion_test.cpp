@@ -172,7 +172,7 @@ TEST_F(BashCompletion, Files)
 TEST_F(FishCompletion, CompletesAsBashDoes)
 {
     NEED(is_installed("fish"), "fish is not installed");
-    EXPECT_EQ("doctor dump help offsets stats top watch", replies("fmon "));
+    EXPECT_EQ("doctor dump help offsets run stats top watch", replies("fmon "));
     EXPECT_EQ("watch", replies("fmon help wat"));
     EXPECT_EQ("--version", replies("fmon --v"));
     EXPECT_EQ("--recursive", replies("fmon watch /tmp --rec"));

@@ -10,6 +10,7 @@
 #include "cli/dump/dump_options.h"
 #include "cli/front/verbs.h"
 #include "cli/offsets/offsets_options.h"
+#include "cli/run/run_options.h"
 #include "cli/stats/stats_options.h"
 #include "cli/top/top_options.h"
 #include "orx_fmon.h"
@@ -159,6 +160,15 @@ TEST(CliTables, OfOffsets)
     expect_rows<O>(cli::kOffsets, {{"release", "6.1.0-1", [](const O &o) { return o.release == "6.1.0-1"; }},
                                    {"format", "json", [](const O &o) { return o.json; }},
                                    {"help", nullptr, [](const O &o) { return o.help; }}});
+}
+
+TEST(CliTables, OfRun)
+{
+    using O = cli::RunOptions;
+    expect_rows<O>(cli::kRun, {{"config", "/x.toml", [](const O &o) { return o.config == "/x.toml"; }},
+                               {"check", nullptr, [](const O &o) { return o.check; }},
+                               {"help", nullptr, [](const O &o) { return o.help; }}});
+    EXPECT_EQ("fmon run takes no argument: name the configuration with --config FILE", parse(cli::kRun, {"x"}).error);
 }
 
 TEST(CliTables, ChoicesReachEachOfTheirValues)
