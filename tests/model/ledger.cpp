@@ -13,6 +13,7 @@ std::string Ledger::describe(const Key &key) const
 
 void Ledger::renamed(const Identity &from, const Identity &to)
 {
+    renamed_to_.insert({to.node, to.name});
     if (++moves_.renames[{from, to}] > 1)
         moves_.repeated.insert(from.node);
     moves_.left.insert({from.node, {from.dir, from.name}});
@@ -60,7 +61,7 @@ void Ledger::expect()
         due.in_doubt |= is_doubtful(what);
         due_.push_back(due);
         for (const std::string &path : due.paths) {
-            most_[key_of(what, path)]++;
+            most_[key_of(what, path)] += most_reports(what);
             if (path != what.path)
                 blurred_.insert({path, pid_of(what)});
         }
@@ -173,6 +174,7 @@ Complaints Ledger::settle(int round)
     happened_.clear();
     reported_.clear();
     moves_ = {};
+    renamed_to_.clear();
     losses_.now = 0;
     were_before_ = std::move(were_);
     were_.clear();

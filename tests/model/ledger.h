@@ -95,11 +95,13 @@ protected:
     virtual bool may_miss(const Happening &, int) const { return false; }
     virtual bool may_report(const Key &, bool, int) const { return false; }
     virtual bool is_exact() const { return true; }
+    virtual int most_reports(const Happening &) const { return 1; }
     bool came(const Key &key) const { return came_.count(key) > 0; }
 
     std::vector<Happening> happened_;
     std::vector<Report> reported_;
     std::set<std::string> were_, were_before_;
+    std::set<std::pair<const Node *, std::string>> renamed_to_; /* names that were given to nodes in this round */
 
 private:
     struct Due {

@@ -38,9 +38,15 @@ bool MarksLedger::may_report(const Key &key, bool found, int round) const
         return were_.count(path) || were_before_.count(path);
     const auto explains = [&, who = what_and_who](const Happening &what) {
         return what.kind == who.second && pid_of(what) == who.first && is_unsettled(what, round) &&
-               (were_.count(path) || name_of(what.path) == name_of(path));
+               (were_.count(path) || name_of(what.path) == name_of(path) ||
+                renamed_to_.count({what.way[0], name_of(path).substr(1)}));
     };
     return std::any_of(happened_.begin(), happened_.end(), explains);
+}
+
+int MarksLedger::most_reports(const Happening &what) const
+{
+    return what.kind == "attrib" && what.way[0]->kind == 'd' ? 2 : 1;
 }
 
 bool MarksLedger::may_lose(const std::string &source, size_t) { return source == "path" || source == "watches"; }

@@ -15,6 +15,8 @@
  * 8. What has no name any more is counted, in losses of source "path"; mounts that come or go, in losses of source
  * "watches".
  *
+ * 9. A directory that is marked reports changes of its attributes itself, and so does its parent: one event or two.
+ *
  * "A moment ago": in this round or the one before.
  */
 #ifndef MODEL_MARKS_LEDGER_H
@@ -32,6 +34,7 @@ protected:
     bool may_miss(const Happening &what, int round) const override;
     bool may_report(const Key &key, bool found, int round) const override;
     bool is_exact() const override { return false; }
+    int most_reports(const Happening &what) const override;
 
 public:
     bool may_lose(const std::string &source, size_t count) override;
