@@ -118,6 +118,13 @@ TEST_F(FsSource, AFileSystemWithoutHandles)
     expect_marks(tree.root(), status(), FMON_FALLBACK_HANDLE, EOPNOTSUPP);
 }
 
+TEST_F(FsSource, HandlesThatAreTooLong)
+{
+    testlib::Fault fault("name_to_handle_at", 1, EOVERFLOW, 100);
+    EXPECT_EQ(0, m.add(tree.root(), FMON_CREATE, kTree));
+    expect_marks(tree.root(), status(), FMON_FALLBACK_HANDLE, EOVERFLOW);
+}
+
 TEST_F(FsSource, HandlesThatMayNotBeOpened)
 {
     testlib::Fault fault("open_by_handle_at", 1, EPERM, 100);
