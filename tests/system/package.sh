@@ -30,6 +30,17 @@ for file in etc/fmon/fmon.ini usr/bin/fmon usr/lib/fmon/libfmon.so usr/share/man
     grep -q " \./$file$" "$work/list" || wrong "$file is missing"
 done
 
+# ---- plug-ins, in packages of their own ----
+
+! grep -q libfmon- "$work/list" || wrong "a plug-in in the package that everybody installs"
+for bus in nats kafka; do
+    [ -e "$build/../stage/lib/libfmon-$bus.so" ] || continue
+    plug_in=$(find "$work/out" -name "fmon-${bus}_*.deb")
+    [ -n "$plug_in" ] || wrong "no package fmon-$bus"
+    dpkg-deb -c "$plug_in" | grep -q "^-rw-r--r-- root/root .* \./usr/lib/fmon/libfmon-$bus.so$" || wrong "$plug_in: no library"
+    dpkg-deb -f "$plug_in" Depends | grep -q 'fmon (= .*, lib.*\(nats\|rdkafka\)' || wrong "$plug_in: asks for no engine"
+done
+
 # ---- installed below a root of its own ----
 
 # The package's scripts run in there, with a shell that needs nothing else.
@@ -81,5 +92,5 @@ if [ $installed = 1 ]; then
 fi
 
 if command -v lintian >/dev/null; then
-    lintian --allow-root --fail-on error "$package" >"$work/talk" 2>&1 || wrong "$(cat "$work/talk")"
+    lintian --allow-root --fail-on error "$work"/out/*.deb >"$work/talk" 2>&1 || wrong "$(cat "$work/talk")"
 fi
