@@ -18,6 +18,7 @@ namespace output
 namespace
 {
 
+constexpr const char *kNoReader = "no reader is connected: records are dropped";
 constexpr uint64_t kListenAgainMs = 500, kAcceptAgainMs = 500;
 
 struct SocketOptions {
@@ -62,9 +63,11 @@ Carried SocketTransport::carry(const Packets &packets, const Patience &patience)
     take_new_readers();
     serve();
     if (readers_.empty()) {
-        say("no reader is connected: records are dropped");
+        say(kNoReader);
         return {.dropped = packets.size()};
     }
+    if (note() == kNoReader)
+        say("");
     if (room(packets) == 0)
         return wait_for_room(packets, patience);
     const Packets given = packets.first(room(packets));

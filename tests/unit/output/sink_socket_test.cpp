@@ -106,6 +106,8 @@ TEST_F(SinkSocket, WithoutReadersRecordsAreDroppedAndCounted)
     EXPECT_EQ(5u, (*sink)->safe());
     EXPECT_TRUE(sink->says("no reader is connected"));
     EXPECT_FALSE((*sink)->condition().stuck);
+    const common::Fd reader = join();
+    EXPECT_TRUE(becomes([&]() { return (*sink)->condition().text.empty(); }));
 }
 
 TEST_F(SinkSocket, NobodyElseMayConnect)
