@@ -159,6 +159,9 @@ constexpr Setting kSettings[] = {
      "and "
      "6514 unless said)",
      "/dev/log"},
+    {"form", SettingType::kText,
+     "rfc5424; or rfc3164, as the C library writes it, which is what journald and rsyslog understand at /dev/log",
+     "rfc5424"},
     {"facility", SettingType::kText, "kern, user, daemon, auth, authpriv, local0 and so on", "daemon"},
     {"program", SettingType::kText, "the program that is named", "fmon"},
     {"ca", SettingType::kText, "TLS: file of the certificates that are trusted; else those of the system", nullptr},
@@ -210,9 +213,13 @@ std::unique_ptr<Sink> make(const Settings &settings, const Origin &origin, std::
     const int facility = facility_of(settings.text("facility"));
     if (error.empty() && facility < 0)
         error = "facility: kern, user, daemon, auth, authpriv, local0 to local7 ...";
+    const std::string form_name = settings.text("form");
+    if (error.empty() && form_name != "rfc5424" && form_name != "rfc3164")
+        error = "form: rfc5424 or rfc3164";
     if (!error.empty())
         return nullptr;
-    const SyslogForm form(facility, settings.text("program"), origin);
+    const auto kind = form_name == "rfc3164" ? SyslogForm::Kind::kRfc3164 : SyslogForm::Kind::kRfc5424;
+    const SyslogForm form(kind, facility, settings.text("program"), origin);
     QueueLimits limits = limits_of(settings);
     const bool is_stream = settings.text("address").starts_with("t");
     if (!is_stream)

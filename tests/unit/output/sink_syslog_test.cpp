@@ -44,7 +44,7 @@ Made made(const std::string &address, std::map<std::string, Settings::Value> sai
 
 TEST(SinkSyslog, AMessageHasItsParts)
 {
-    SyslogForm form(16, "my program", {"", "boot", "a\"b]c\\d"});
+    SyslogForm form(SyslogForm::Kind::kRfc5424, 16, "my program", {"", "boot", "a\"b]c\\d"});
     std::string out;
     form.append(record_of(7, "{\"a\":1}\n", "loss"), out);
     EXPECT_EQ("<132>1 2023-11-14T22:13:20.123456Z - my_program " + std::to_string(getpid()) +
@@ -53,6 +53,23 @@ TEST(SinkSyslog, AMessageHasItsParts)
     EXPECT_EQ(0, facility_of("kern"));
     EXPECT_EQ(23, facility_of("local7"));
     EXPECT_EQ(-1, facility_of("local8"));
+}
+
+TEST(SinkSyslog, AndSoHasTheOlderForm)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    SyslogForm form(SyslogForm::Kind::kRfc3164, 3, "fmon", {"host", "boot", "web"});
+    std::string out;
+    form.append(record_of(7, "text\n"), out);
+    EXPECT_EQ("<30>Nov 14 22:13:20 fmon[" + std::to_string(getpid()) + "]: text", out);
+    Record new_year = record_of(8, "text\n");
+    new_year.time_ns = 1'704'067'199'999'999'999;
+    out.clear();
+    form.append(new_year, out);
+    EXPECT_TRUE(out.starts_with("<30>Dec 31 23:59:59 fmon[")) << out;
+    unsetenv("TZ");
+    tzset();
 }
 
 TEST(SinkSyslog, TheMachinesOwnGetsADatagramEach)
@@ -214,6 +231,7 @@ TEST(SinkSyslog, SettingsThatMakeNoSense)
         EXPECT_TRUE(made(address).error.starts_with("address: the path of a socket")) << address;
     EXPECT_EQ("facility: kern, user, daemon, auth, authpriv, local0 to local7 ...",
               made("/x", {{"facility", "x"s}}).error);
+    EXPECT_EQ("form: rfc5424 or rfc3164", made("/x", {{"form", "x"s}}).error);
     EXPECT_EQ("ca, name, certificate and key are for tls://", made("tcp://x", {{"ca", "/ca"s}}).error);
     EXPECT_EQ("certificate and key go together", made("tls://x", {{"key", "/key"s}}).error);
 }
