@@ -37,7 +37,8 @@ for bus in nats kafka; do
     [ -e "$build/../stage/lib/libfmon-$bus.so" ] || continue
     plug_in=$(find "$work/out" -name "fmon-${bus}_*.deb")
     [ -n "$plug_in" ] || wrong "no package fmon-$bus"
-    dpkg-deb -c "$plug_in" | grep -q "^-rw-r--r-- root/root .* \./usr/lib/fmon/libfmon-$bus.so$" || wrong "$plug_in: no library"
+    dpkg-deb -c "$plug_in" >"$work/list"
+    grep -q "^-rw-r--r-- root/root .* \./usr/lib/fmon/libfmon-$bus.so$" "$work/list" || wrong "$plug_in: no library"
     dpkg-deb -f "$plug_in" Depends | grep -q 'fmon (= .*, lib.*\(nats\|rdkafka\)' || wrong "$plug_in: asks for no engine"
 done
 
