@@ -12,6 +12,7 @@
 #include "orx_fmon.h"
 #include "output/formats.h"
 #include "output/sinks.h"
+#include "status_server.h"
 
 namespace cli
 {
@@ -94,6 +95,12 @@ ServiceConfig read_service(const TomlValue &document, Faults &faults)
                              faults);
     check_path(table, "state_directory", false);
     check_path(table, "socket", true);
+    const std::string prometheus = table.text("prometheus");
+    if (!prometheus.empty() && prometheus[0] != '/' && loopback_port(prometheus) == 0)
+        table.fault("prometheus",
+                    "'prometheus' takes an address of this machine, such as 127.0.0.1:9464, or an absolute "
+                    "path, not '" +
+                        prometheus + "'");
     return {table.text("state_directory"), table.text("socket"), table.text("prometheus"), table.number("drain"),
             read_monitor(document, faults)};
 }

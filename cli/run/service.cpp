@@ -15,6 +15,7 @@
 #include "agent/time_format.h"
 #include "config_file.h"
 #include "config_read.h"
+#include "output/stats_text.h"
 
 namespace cli
 {
@@ -100,8 +101,29 @@ bool Service::start(std::string &error)
         error = "no descriptor is left: see ulimit -n";
         return false;
     }
-    return (config_.service.socket.empty() || status_.start(config_.service.socket, error)) &&
-           monitor_.start(config_.service.monitor, wants_ancestors(config_), error) && apply(config_, error);
+    return listen(error) && monitor_.start(config_.service.monitor, wants_ancestors(config_), error) &&
+           apply(config_, error);
+}
+
+bool Service::listen(std::string &error)
+{
+    const ServiceConfig &service = config_.service;
+    return (service.socket.empty() || status_.start(service.socket, error)) &&
+           (service.prometheus.empty() || prometheus_.start(service.prometheus, error));
+}
+
+void Service::answer(bool stats_asked, bool prometheus_asked)
+{
+    if (stats_asked)
+        status_.serve([this](const std::string &request) {
+            return request == "stats" ? stats_json(stats(), agent::steady_ms()) : "{\"error\":\"unknown request\"}";
+        });
+    if (prometheus_asked)
+        prometheus_.serve_http([this] {
+            std::string text;
+            output::prometheus_text(stats_json(stats(), agent::steady_ms()), text);
+            return text;
+        });
 }
 
 Instance *Service::find(const std::string &name)
@@ -139,18 +161,17 @@ void Service::loop()
 {
     while (!state_.told) {
         const bool placing = std::any_of(instances_.begin(), instances_.end(), [](auto &i) { return i->is_placing(); });
-        struct pollfd fds[] = {
-            {fds_.signals.get(), POLLIN, 0}, {fds_.changed.get(), POLLIN, 0}, {status_.fd(), POLLIN, 0}};
-        poll(fds, 3, static_cast<int>(placing ? kPlacingMs : kLookMs));
+        struct pollfd fds[] = {{fds_.signals.get(), POLLIN, 0},
+                               {fds_.changed.get(), POLLIN, 0},
+                               {status_.fd(), POLLIN, 0},
+                               {prometheus_.fd(), POLLIN, 0}};
+        poll(fds, 4, static_cast<int>(placing ? kPlacingMs : kLookMs));
         if (fds[0].revents)
             take_signals();
         eventfd_t count;
         if (fds[1].revents)
             eventfd_read(fds_.changed.get(), &count);
-        if (fds[2].revents)
-            status_.serve([this](const std::string &request) {
-                return request == "stats" ? stats_json(stats(), agent::steady_ms()) : "{\"error\":\"unknown request\"}";
-            });
+        answer(fds[2].revents, fds[3].revents);
         if (std::exchange(state_.again, false))
             reload();
         look(agent::steady_ms());
@@ -281,6 +302,7 @@ int Service::end()
     const uint64_t now = agent::steady_ms(), deadline = now + config_.service.drain_ms;
     notify_.extend(config_.service.drain_ms + kExtendMs);
     status_.stop();
+    prometheus_.stop();
     settle(std::min(deadline, now + kSettleMs));
     for (const std::unique_ptr<Instance> &instance : instances_)
         instance->end(deadline);

@@ -36,7 +36,9 @@ public:
 
 private:
     bool start(std::string &error);
+    bool listen(std::string &error);
     void loop();
+    void answer(bool stats, bool prometheus);
     void take_signals();
     void look(uint64_t now);
     void tend(uint64_t now);
@@ -58,7 +60,7 @@ private:
     Numbers numbers_;
     Surroundings around_;
     std::vector<std::unique_ptr<Instance>> instances_;
-    StatusServer status_;
+    StatusServer status_, prometheus_;
     struct {
         common::Fd signals, changed; /* changed: an eventfd, readable when the state of a watch is another */
     } fds_;

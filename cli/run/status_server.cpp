@@ -1,5 +1,7 @@
 #include "status_server.h"
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -7,6 +9,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <charconv>
 #include <cstring>
 
 #include "agent/paths.h"
@@ -19,7 +22,7 @@ namespace
 {
 
 constexpr int kBacklog = 8;
-constexpr size_t kLongestRequest = 256;
+constexpr size_t kLongestRequest = 8192;
 
 bool address_of(const std::string &path, struct sockaddr_un &address)
 {
@@ -44,17 +47,18 @@ bool is_alive(const struct sockaddr_un &address)
     return connect(probe.get(), reinterpret_cast<const struct sockaddr *>(&address), sizeof address) == 0;
 }
 
-std::string receive(int fd)
+// What comes before the end of a request.
+std::string receive(int fd, const char *end)
 {
     std::string request;
-    char block[kLongestRequest];
-    while (request.find('\n') == std::string::npos && request.size() < kLongestRequest && wait_for(fd, POLLIN)) {
+    char block[1024];
+    while (request.find(end) == std::string::npos && request.size() < kLongestRequest && wait_for(fd, POLLIN)) {
         const ssize_t n = recv(fd, block, sizeof block, 0);
         if (n <= 0)
             break;
         request.append(block, static_cast<size_t>(n));
     }
-    return request.substr(0, request.find('\n'));
+    return request.substr(0, request.find(end));
 }
 
 void send_all(int fd, std::string_view text)
@@ -84,7 +88,37 @@ bool make_own_directory(const std::string &path, std::string &error)
     return is_ours_alone(path, error);
 }
 
-bool StatusServer::start(const std::string &path, std::string &error)
+uint16_t loopback_port(const std::string &address)
+{
+    constexpr std::string_view kHost = "127.0.0.1:";
+    uint16_t port = 0;
+    const char *const end = address.data() + address.size();
+    const bool is_one =
+        address.starts_with(kHost) && std::from_chars(address.data() + kHost.size(), end, port).ptr == end;
+    return is_one ? port : uint16_t{0};
+}
+
+bool StatusServer::start(const std::string &address, std::string &error)
+{
+    const uint16_t port = loopback_port(address);
+    if (port == 0)
+        return start_local(address, error);
+    struct sockaddr_in at = {};
+    at.sin_family = AF_INET;
+    at.sin_port = htons(port);
+    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const int on = 1;
+    socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    if (bind(socket_.get(), reinterpret_cast<const struct sockaddr *>(&at), sizeof at) == 0 &&
+        listen(socket_.get(), kBacklog) == 0)
+        return true;
+    error = "cannot listen at " + address + ": " + strerror(errno);
+    socket_.reset();
+    return false;
+}
+
+bool StatusServer::start_local(const std::string &path, std::string &error)
 {
     struct sockaddr_un address;
     if (!address_of(path, address)) {
@@ -123,7 +157,19 @@ void StatusServer::serve(const std::function<std::string(const std::string &requ
 {
     const common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (asker)
-        send_all(asker.get(), answer(receive(asker.get())) + "\n");
+        send_all(asker.get(), answer(receive(asker.get(), "\n")) + "\n");
+}
+
+void StatusServer::serve_http(const std::function<std::string()> &text) const
+{
+    const common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!asker)
+        return;
+    receive(asker.get(), "\r\n\r\n");
+    const std::string body = text();
+    send_all(asker.get(), "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\nContent-Length: " +
+                              std::to_string(body.size()) + "\r\n\r\n" + body);
+    shutdown(asker.get(), SHUT_WR);
 }
 
 }  // namespace cli

@@ -38,7 +38,9 @@ public:
 
     /* Until a message of the service's to its manager has that part. */
     bool hears(const std::string &part);
-    Json stats() const;
+    /* What is answered to a request at that socket of the tree. */
+    std::string ask(const std::string &socket, const std::string &request) const;
+    Json stats() const { return Json::parse(ask("socket", "stats\n")); }
 
     Process &process() { return *process_; }
     std::string config() const { return tree_.path("fmon.toml"); }

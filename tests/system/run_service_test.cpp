@@ -102,6 +102,17 @@ TEST_F(RunService, ItSaysHowItDoes)
     EXPECT_EQ(web.value("events", 0), web["latency_us"].value("count", 0));
 }
 
+TEST_F(RunService, PrometheusReadsItsFigures)
+{
+    service.configure(instance_text("web", tree_text(tree.dir("w")), file_text(out())),
+                      "prometheus = \"" + tree.path("metrics") + "\"\n");
+    service.start();
+    const std::string answer = service.ask("metrics", "GET /metrics HTTP/1.1\r\nHost: x\r\n\r\n");
+    EXPECT_EQ(0u, answer.find("HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\n")) << answer;
+    EXPECT_NE(std::string::npos, answer.find("instance=\"web\"")) << answer;
+    EXPECT_EQ("{\"error\":\"unknown request\"}\n", service.ask("socket", "what\n"));
+}
+
 TEST_F(RunService, AReloadChangesWhatChangedAndLosesNothing)
 {
     const std::string stays = instance_text("stays", tree_text(tree.dir("stays")), file_text(out("stays.json")));
