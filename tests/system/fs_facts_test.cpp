@@ -223,6 +223,26 @@ TEST_P(FsFacts, APathDescriptorIsNoMount)
         close(one);
 }
 
+/* Why loud directories outside of all trees have no ignore marks: one that was moved into a tree is silent until its
+ * mark is gone, and what names nothing but the object does not pass by the mark. */
+TEST_P(FsFacts, AnIgnoredDirectoryStaysSilentWhereverItIsMoved)
+{
+    constexpr unsigned kIgnore = 0x400, kEvictable = 0x200;
+    constexpr uint64_t kIgnored = FMON_CREATE | FMON_DELETE | FMON_ATTRIB | FAN_EVENT_ON_CHILD;
+    mkdir(at("x").c_str(), 0755);
+    mkdir(at("y").c_str(), 0755);
+    FsGroup group(at(""), kEntries | FMON_ATTRIB);
+    if (fanotify_mark(group.fd, FAN_MARK_ADD | FAN_MARK_IGNORED_SURV_MODIFY | kIgnore | kEvictable, kIgnored, AT_FDCWD,
+                      at("x").c_str()) != 0)
+        GTEST_SKIP() << "before Linux 6.0 there are no such marks";
+    Worker one;
+    one.run('m', at("x"), at("y/x"));
+    one.run('f', at("y/x/f"));
+    EXPECT_EQ((Lines{{kRename | kOnDir, "x", "x", true}}), read_all(group.fd));
+    one.run('u', at("y/x/f"));
+    EXPECT_EQ((Lines{{FMON_ATTRIB, "", "", true}}), read_all(group.fd));
+}
+
 INSTANTIATE_TEST_SUITE_P(On, FsFacts, testing::Values("tmpfs", "ext4"), [](const auto &param) { return param.param; });
 
 }  // namespace
