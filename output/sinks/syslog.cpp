@@ -98,9 +98,12 @@ bool SyslogStream::encode(const Record &record, std::string &out)
 bool SyslogStream::connect(const Patience &patience, std::string &error)
 {
     common::Fd socket = connect_to(options_.address, SOCK_STREAM, patience, error);
-    if (socket)
-        connection_ = options_.has_tls ? connect_tls(std::move(socket), options_.tls, patience, error)
-                                       : std::make_unique<Connection>(std::move(socket));
+    if (!socket)
+        return false;
+    if (options_.has_tls)
+        connection_ = connect_tls(std::move(socket), options_.tls, patience, error);
+    else
+        connection_ = std::make_unique<Connection>(std::move(socket));
     return static_cast<bool>(connection_);
 }
 
