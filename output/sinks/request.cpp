@@ -132,7 +132,7 @@ Answer Requests::post(std::string_view body, const std::vector<std::string> &hea
     curl().curl_easy_setopt(easy, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
     state_->error[0] = '\0';
     curl().curl_multi_add_handle(state_->multi.get(), easy);
-    const Answer answer = perform(patience);
+    Answer answer = perform(patience);
     curl().curl_multi_remove_handle(state_->multi.get(), easy);
     return answer;
 }
