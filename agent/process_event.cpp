@@ -104,6 +104,8 @@ bool read_event(const Body &body, const struct cn_msg &head, ProcessEvent &event
         return false;
     memcpy(&what, body.data, sizeof what);
     memcpy(&event.time_ns, body.data + offsetof(struct proc_event, timestamp_ns), sizeof event.time_ns);
+    if (event.time_ns == 0 && what != process_message::kNone)
+        return false; /* the table takes that for a time that is not known; the kernel's is never it */
     switch (what) {
         case process_message::kNone:
             return read_answer(body, head, event);

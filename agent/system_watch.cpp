@@ -52,7 +52,8 @@ bool SystemWatch::place(uint32_t kinds, fmon_client_cb callback, std::string &er
 std::string SystemWatch::left_out_words() const
 {
     const std::string others = left_out_ > 1 ? " and " + counted(left_out_ - 1, "other mount") : "";
-    return "what happens on " + std::string(met_.path) + others + " is not seen: " + explain_fallback(met_, true).line();
+    return "what happens on " + std::string(met_.path) + others +
+           " is not seen: " + explain_fallback(met_, true).line();
 }
 
 void SystemWatch::leave()

@@ -54,6 +54,13 @@ TEST(ProcessMessages, EachKindIsRead)
     EXPECT_EQ(Texts{"answer 1 to 42"}, cut(message(process_message::kNone, 1, {1}, 42)));
 }
 
+TEST(ProcessMessages, NoEventIsWithoutATime)
+{
+    EXPECT_EQ(Texts{}, cut(forked(0, 10, 20)));
+    EXPECT_EQ(Texts{"exec 20@8"}, cut(executed(0, 20) + executed(8, 20)));
+    EXPECT_EQ(Texts{"answer 1 to 42"}, cut(message(process_message::kNone, 0, {1}, 42)));
+}
+
 TEST(ProcessMessages, ThreadsAreNoProcesses)
 {
     EXPECT_EQ(Texts{}, cut(message(process_message::kFork, 7, {10, 10, 21, 20})));
