@@ -15,6 +15,7 @@ const Setting kSettingTable[kSettings] = {
     {"fs_memory", 1, 2048, nullptr},
     {"fs_memory_kib", 0, 2097152, nullptr},
     {"fs_queue", 0, 1, nullptr},
+    {"fs_rest", 1, 100, nullptr},
 };
 
 }  // namespace agent

@@ -81,6 +81,7 @@ struct fmon_fs_keys {
     uint32_t directories; /* in its table */
     uint32_t memory_kib;  /* of what waits */
     uint32_t queue;       /* not 0: the kernel's queue has its limit */
+    uint32_t rest_ms;     /* of its reader, while records come */
 };
 
 struct fmon {

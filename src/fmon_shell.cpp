@@ -25,6 +25,7 @@ struct fmon_shell fmon_shell = {
     .fs_queue = 0,
     .fs_directories = 65536,
     .fs_memory = 64, /* MiB */
+    .fs_rest = 2,    /* ms */
     .lock = nullptr,
     .closed = false,
     .inside = 0,
@@ -44,6 +45,7 @@ constexpr uint32_t kCountMax = 1000000000;
 
 /* MiB; in bytes still a 32-bit number. */
 constexpr int32_t kFsMemoryMax = 2048;
+constexpr int32_t kFsRestMax = 100;
 
 /* A missing key, and a value of 0 or below, leave the current value. */
 void read_positive(void *ini, const char *key, int32_t *value)
@@ -70,6 +72,7 @@ void read_fs_keys(void *ini)
     read_positive(ini, "fs_memory", &fmon_shell.fs_memory);
     read_count(ini, "fs_memory_kib", &fmon_shell.fs_memory_kib);
     read_count(ini, "fs_queue", &fmon_shell.fs_queue);
+    read_positive(ini, "fs_rest", &fmon_shell.fs_rest);
 }
 
 void load_config()
@@ -131,11 +134,16 @@ uint32_t fs_memory_kib()
     return fmon_shell.fs_memory < kFsMemoryMax ? static_cast<uint32_t>(fmon_shell.fs_memory) * 1024 : kMost;
 }
 
+uint32_t fs_rest_ms()
+{
+    return static_cast<uint32_t>(fmon_shell.fs_rest < kFsRestMax ? fmon_shell.fs_rest : kFsRestMax);
+}
+
 int start_core()
 {
     fmon.hardened = fmon_shell.hardened;
     fmon.fs_keys = {fmon_shell.fs_events, static_cast<uint32_t>(fmon_shell.fs_directories), fs_memory_kib(),
-                    fmon_shell.fs_queue};
+                    fmon_shell.fs_queue, fs_rest_ms()};
     if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
         disable();
         FMON_LOG(1, kFile, "fmon init failed\n");

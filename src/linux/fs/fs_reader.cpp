@@ -14,8 +14,6 @@
 namespace
 {
 
-enum { REST_MS = 2 };
-
 /*
  * Waits until the thread is to end (true), the mount table changes, or records come; of `group_fd`, or for none (-1).
  * A change of the mounts is told at once: records may come for ever without a pause.
@@ -36,7 +34,7 @@ void *run(void *arg)
     const auto *reader = static_cast<const struct fs_reader *>(arg);
     prctl(PR_SET_NAME, "fmon-fs");
     bool some = false;
-    while (!wait(reader, some ? -1 : reader->work.group_fd, some ? int{REST_MS} : -1))
+    while (!wait(reader, some ? -1 : reader->work.group_fd, some ? reader->work.rest_ms : -1))
         some = reader->work.pass(reader->work.arg);
     return nullptr;
 }

@@ -13,6 +13,7 @@ struct fs_reader_work {
     int mounts_fd;           /* an exception: the mount table changed; -1: nobody asks */
     bool (*pass)(void *arg); /* takes what waits; false: there was nothing */
     void (*mounts)(void *arg);
+    int rest_ms; /* between two passes that found something */
 };
 
 struct fs_reader {

@@ -99,7 +99,8 @@ int open_parts(const struct fmon_fs_keys *keys)
         return ENOMEM;
     fs_source.mounts_fd = descriptor_settle(open("/proc/self/mountinfo", O_RDONLY | O_CLOEXEC));
     read_table(); /* what changes from the opening on is said */
-    const struct fs_reader_work work = {nullptr, fs_source.group.fd, fs_source.mounts_fd, pass, mounts_changed};
+    const struct fs_reader_work work = {nullptr, fs_source.group.fd, fs_source.mounts_fd,
+                                        pass,    mounts_changed,     static_cast<int>(keys->rest_ms)};
     return fs_reader_start(&fs_source.reader, &work) < 0 ? errno : 0;
 }
 

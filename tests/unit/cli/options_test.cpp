@@ -121,7 +121,7 @@ const Bad kBad[] = {
     {{"-t", "", "/a"}, "--timeout takes"},
     {{"--set", "foo=1", "/a"},
      "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened, "
-     "fs_directories, fs_memory, fs_memory_kib, fs_queue"},
+     "fs_directories, fs_memory, fs_memory_kib, fs_queue, fs_rest"},
     {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
     {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
     {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},

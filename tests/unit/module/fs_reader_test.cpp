@@ -80,7 +80,7 @@ protected:
 
     int start()
     {
-        const struct fs_reader_work work = {this, pipe_[0], mounts_.fd(), pass, mounts};
+        const struct fs_reader_work work = {this, pipe_[0], mounts_.fd(), pass, mounts, rest_ms_};
         return fs_reader_start(&reader_, &work);
     }
     void feed(char c) { EXPECT_EQ(1, write(pipe_[1], &c, 1)); }
@@ -119,6 +119,7 @@ protected:
     int pipe_[2];
     Connection mounts_;
     sem_t read_, changed_;
+    int rest_ms_ = 2;
     std::atomic<bool> endless_{false}; /* there is always something to read */
     std::atomic<char> last_{0};
     std::atomic<bool> blocked_{false};
@@ -159,6 +160,17 @@ TEST_F(FsReader, ReadsNothingWhenItHasStopped)
     EXPECT_EQ(0, last_);
     ASSERT_EQ(0, start());
     EXPECT_TRUE(await());
+}
+
+TEST_F(FsReader, RestsAsLongAsItIsToldAndNoLongerThanItIsWanted)
+{
+    rest_ms_ = 3'600'000;
+    ASSERT_EQ(0, start());
+    feed('a');
+    ASSERT_TRUE(await());
+    feed('b');
+    fs_reader_stop(&reader_);
+    EXPECT_EQ('a', last_);
 }
 
 TEST_F(FsReader, SaysThatMountsChanged)

@@ -36,7 +36,7 @@ inline constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE;
 
 /* The keys, while it lives. */
 struct Keys {
-    explicit Keys(uint32_t events = 1, uint32_t memory_kib = 65536) { fmon.fs_keys = {events, 1000, memory_kib, 0}; }
+    explicit Keys(uint32_t events = 1, uint32_t memory_kib = 65536) { fmon.fs_keys = {events, 1000, memory_kib, 0, 2}; }
     ~Keys() { fmon.fs_keys = {}; }
 };
 

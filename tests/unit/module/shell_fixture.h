@@ -70,6 +70,7 @@ protected:
         fmon_shell.fs_events = fmon_shell.fs_memory_kib = fmon_shell.fs_queue = 0;
         fmon_shell.fs_directories = 65536;
         fmon_shell.fs_memory = 64;
+        fmon_shell.fs_rest = 2;
         fmon_shell.lock = nullptr;
         fmon_shell.row_count = 0;
         memset(fmon_shell.rows, 0, sizeof fmon_shell.rows);
