@@ -65,12 +65,16 @@ void Display::stop()
         thread_.join();
 }
 
-// Whatever comes first: the time, a key, the end.
+// Whatever comes first: the time, a key, the end. A reader that has gone ends the process.
 bool Display::is_told_to_end(uint64_t wait_ms, bool keys) const
 {
-    struct pollfd fds[] = {{end_.get(), POLLIN, 0}, {keys ? STDIN_FILENO : -1, POLLIN, 0}};
-    poll(fds, 2, static_cast<int>(wait_ms));
-    return fds[0].revents || (fds[1].revents & (POLLHUP | POLLERR | POLLNVAL)) || agent::stop_requested();
+    constexpr short kGone = POLLHUP | POLLERR | POLLNVAL;
+    struct pollfd fds[] = {{end_.get(), POLLIN, 0}, {keys ? STDIN_FILENO : -1, POLLIN, 0}, {STDOUT_FILENO, 0, 0}};
+    poll(fds, 3, static_cast<int>(wait_ms));
+    const bool gone = (fds[1].revents | fds[2].revents) & kGone;
+    if (gone)
+        end_process();
+    return gone || fds[0].revents || agent::stop_requested();
 }
 
 bool Display::take_keys(Screen &screen, View &view)

@@ -30,6 +30,7 @@ int run_top(const TopOptions &given)
         return output::print_out(event_list());
     TopOptions options = given;
     options.system = options.paths.empty();
+    options.settings.insert(options.settings.begin(), {"fs_rest", "20"});  // what --set says comes later, and counts
     choose_widths();
     Board board(agent::steady_ms());
     Display display(options, board);
@@ -37,7 +38,8 @@ int run_top(const TopOptions &given)
     TopReport report(options, board, [&] { return display.start(error) || complain(error); });
     if (!report.prepare(error) || (!options.batch && has_screen() && !Screen::check(error)))
         return complain(error), agent::kError;
-    const int status = agent::SessionRun(options, report).run();
+    agent::SessionRun session(options, report);
+    const int status = session.run();
     display.stop();
     report.say_warnings();
     // The monitor's thread cannot be stopped, and must not see the session go: the process ends with both.
