@@ -3,6 +3,7 @@
 import os
 import shutil
 import signal
+import subprocess
 import sys
 import tempfile
 import termios
@@ -43,14 +44,20 @@ class TopScreen(unittest.TestCase):
 
     def shown(self, *arguments, **how):
         terminal = self.top(*arguments, **how)
-        terminal.shows("fmon top")
+        terminal.until(lambda l: "fmon top" in l[0] and l[-1].startswith("q end"))
         return terminal
+
+    def until_busy(self, top, path, is_so):
+        """Writes to the file until the predicate holds: the monitor may join writes, so that few are no number."""
+        def written(lines):
+            write(path)
+            return is_so(lines)
+        return top.until(written)
 
     def test_fills_80_columns_and_24_lines(self):
         top = self.shown()
-        write(self.path("busy"), 40)
         write(self.path("quiet"))
-        lines = top.until(lambda l: "busy" in l[7] and "quiet" in l[8])
+        lines = self.until_busy(top, self.path("busy"), lambda l: "busy" in l[7] and "quiet" in l[8])
         self.assertEqual(24, len(lines))
         self.assertIn("[1 files]  2 directories", lines[4])
         self.assertRegex(lines[6], r"^ +EV/S +EVENTS PROCESS +FILE$")
@@ -61,11 +68,11 @@ class TopScreen(unittest.TestCase):
     def test_fills_200_columns_and_60_lines(self):
         top = self.shown(columns=200, lines=60)
         for i in range(70):
-            write(self.path("%s%d" % ("n" * 120, i)))
+            write(self.path("%s%d" % ("n" * 100, i)))
         lines = top.until(lambda l: sum("nnnn" in line for line in l[7:]) == 52)
         self.assertRegex(lines[6], r"^ +EV/S +EVENTS +AGO KINDS +PROCESS +FILE$")
         self.assertTrue(lines[59].startswith("q end"))
-        self.assertIn("n" * 119, lines[20])
+        self.assertIn("n" * 100, lines[20])
 
     def test_follows_another_size(self):
         top = self.shown()
@@ -81,17 +88,16 @@ class TopScreen(unittest.TestCase):
     def test_names_drive_no_terminal(self):
         top = self.shown(columns=200, lines=24)
         hostile = b"\x1b[2J\x1b]0;pwned\x07\x1b[31mred\r\n\xff\xe2\x80\xae"
-        write(os.path.join(self.root.encode(), hostile), 5)
-        write(self.path("\u6f22\u5b57" * 3 + "end"), 3)
-        lines = top.until(lambda l: "end" in l[8])
+        write(self.path("\u6f22\u5b57" * 3 + "end"))
+        lines = self.until_busy(top, os.path.join(self.root.encode(), hostile),
+                                lambda l: "pwned" in l[7] and "end" in l[8])
         self.assertIn(r"\033[2J\033]0;pwned\a\033[31mred\r\n\377\342\200\256", lines[7])
         self.assertIn("fmon top", lines[0])
         self.assertNotIn(b"\x1b]0;", top.raw)
         self.assertEqual("", top.screen.title)
         # a character of two columns is drawn as such: what follows stands where the terminal thinks it does
         self.assertIn("".join(c + " " for c in "\u6f22\u5b57" * 3).replace(" ", ""), lines[8].replace(" ", ""))
-        write(self.path("after"), 9)
-        top.until(lambda l: "after" in l[7] and "pwned" in l[8])
+        self.until_busy(top, self.path("after"), lambda l: "after" in l[7] and "pwned" in l[8])
 
     def test_colours_and_none(self):
         top = self.shown()
@@ -105,9 +111,9 @@ class TopScreen(unittest.TestCase):
     def test_keys(self):
         os.mkdir(self.path("sub"))
         top = self.shown()
-        write(self.path("sub", "inner"), 9)
-        write(self.path("outer"), 5)
-        top.until(lambda l: "inner" in l[7] and "outer" in l[8])
+        write(self.path("outer"))
+        inner = self.path("sub", "inner")
+        self.until_busy(top, inner, lambda l: "inner" in l[7] and "outer" in l[8])
         top.send("2")
         top.until(lambda l: "[2 directories]" in l[4] and l[7].endswith("/sub"))
         top.send("\r")
@@ -126,7 +132,7 @@ class TopScreen(unittest.TestCase):
         top.send("s")
         top.until(lambda l: "by total" in l[4] and "inner" in l[7])
         top.send("p")
-        top.until(lambda l: "outer" in l[7] and "PAUSED" not in l[4])
+        self.until_busy(top, self.path("outer"), lambda l: "outer" in l[7] and "PAUSED" not in l[4])
         top.send("h")
         top.shows("files, directories, processes, containers")
         top.send(KEY_DOWN)
@@ -177,6 +183,16 @@ class TopScreen(unittest.TestCase):
         for raw in (top.raw, dumb.raw):
             self.assertIn(b"files by rate", raw)
             self.assertNotIn(b"\x1b", raw[raw.index(b"fmon top"):])
+
+    def test_ends_when_its_reader_has_gone(self):
+        argv = [FMON, "top", "-b", "-d", "0.1", "--source", "marks", "--probes", "off", "-r", self.root]
+        with subprocess.Popen(argv, stdout=subprocess.PIPE, stderr=subprocess.DEVNULL) as top:
+            self.assertIn(b"fmon top", top.stdout.readline())
+            top.stdout.close()
+            end = time.monotonic() + 15
+            while top.poll() is None and time.monotonic() < end:
+                write(self.path("file"))
+            self.assertEqual(0, top.poll())
 
     def test_says_which_terminal_is_not_known(self):
         top = self.top(env={"TERM": "no-such-terminal"})
