@@ -74,7 +74,7 @@ bool fmon_bus::open(std::string &error)
     char why[256];
     producer_ = rd_kafka_new(RD_KAFKA_PRODUCER, conf.get(), why, sizeof why);
     if (producer_)
-        conf.release(); /* the producer's now */
+        static_cast<void>(conf.release()); /* the producer's now */
     else
         error = why;
     return producer_ != nullptr;

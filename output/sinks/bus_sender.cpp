@@ -134,6 +134,7 @@ bool BusSender::open_bus()
         return false;
     }
     std::vector<struct fmon_bus_setting> settings;
+    settings.reserve(texts.size());
     for (const auto &[key, value] : texts)
         settings.push_back({key.c_str(), value.c_str()});
     char why[256] = "";

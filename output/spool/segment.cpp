@@ -80,7 +80,7 @@ int open_segment(int directory, uint64_t first, int flags, SegmentFile &out)
     common::Fd fd(openat(directory, segment_name(first).c_str(), flags | O_CLOEXEC | O_NOFOLLOW));
     if (!fd)
         return errno;
-    SegmentHead head;
+    SegmentHead head = {};
     if (const int error = read_head(fd.get(), head); error != 0)
         return error;
     if (head.first != first)
