@@ -91,7 +91,7 @@ void add_monitor(const Json &monitor, std::string &out)
 {
     add(out, "monitor",
         with_commas(number_of(monitor, "records")) + " of " + with_commas(number_of(monitor, "max_records")) +
-            " records wait; " + with_commas(number_of(monitor, "inotify_watches")) + " inotify watches, " +
+            " records wait; " + counted(number_of(monitor, "inotify_watches"), "inotify watch") + ", " +
             counted(number_of(monitor, "directories"), "directory") + ", " +
             counted(number_of(monitor, "file_systems"), "file system"));
 }
