@@ -28,10 +28,11 @@ PathFilter::~PathFilter()
     release(exclude_);
 }
 
-bool PathFilter::add(std::vector<regex_t> &list, const std::string &pattern, std::string &error)
+bool PathFilter::add(std::vector<regex_t> &list, const std::string &pattern, Case letters, std::string &error)
 {
     regex_t re;
-    const int code = regcomp(&re, pattern.c_str(), REG_EXTENDED | REG_NOSUB);
+    const int flags = REG_EXTENDED | REG_NOSUB | (letters == kAnyCase ? REG_ICASE : 0);
+    const int code = regcomp(&re, pattern.c_str(), flags);
     if (code != 0) {
         char reason[128];
         regerror(code, &re, reason, sizeof reason);

@@ -23,9 +23,17 @@ public:
     PathFilter(const PathFilter &) = delete;
     PathFilter &operator=(const PathFilter &) = delete;
 
+    enum Case { kExact, kAnyCase };
+
     /* False, with the reason in `error`: not a regular expression. */
-    bool include(const std::string &pattern, std::string &error) { return add(include_, pattern, error); }
-    bool exclude(const std::string &pattern, std::string &error) { return add(exclude_, pattern, error); }
+    bool include(const std::string &pattern, std::string &error, Case letters = kExact)
+    {
+        return add(include_, pattern, letters, error);
+    }
+    bool exclude(const std::string &pattern, std::string &error, Case letters = kExact)
+    {
+        return add(exclude_, pattern, letters, error);
+    }
     /* Never show this very path: the file that the output goes to, which would otherwise feed itself. */
     void hide(const std::string &path) { hidden_.push_back(path); }
 
@@ -33,7 +41,7 @@ public:
     bool shows(std::string_view path) const;
 
 private:
-    static bool add(std::vector<regex_t> &list, const std::string &pattern, std::string &error);
+    static bool add(std::vector<regex_t> &list, const std::string &pattern, Case letters, std::string &error);
 
     std::vector<regex_t> include_, exclude_;
     std::vector<std::string> hidden_;

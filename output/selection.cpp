@@ -9,13 +9,17 @@ namespace output
 
 bool Selection::set_patterns(const OutputOptions &options, std::string &error)
 {
-    std::string reason;
-    for (const std::string &pattern : options.include)
-        if (!filter_.include(pattern, reason))
-            error = "--include '" + pattern + "' is no regular expression: " + reason;
-    for (const std::string &pattern : options.exclude)
-        if (!filter_.exclude(pattern, reason))
-            error = "--exclude '" + pattern + "' is no regular expression: " + reason;
+    using Letters = PathFilter::Case;
+    const auto add = [&](const char *option, const std::vector<std::string> &patterns, auto way, Letters letters) {
+        std::string reason;
+        for (const std::string &pattern : patterns)
+            if (!(filter_.*way)(pattern, reason, letters))
+                error = std::string(option) + " '" + pattern + "' is no regular expression: " + reason;
+    };
+    add("--include", options.include, &PathFilter::include, Letters::kExact);
+    add("--exclude", options.exclude, &PathFilter::exclude, Letters::kExact);
+    add("--iinclude", options.include_any_case, &PathFilter::include, Letters::kAnyCase);
+    add("--iexclude", options.exclude_any_case, &PathFilter::exclude, Letters::kAnyCase);
     return error.empty();
 }
 

@@ -82,6 +82,8 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "include", "REGEX", "show only paths that match (extended, may be repeated)", {}, "What is shown"},
      add_text<O, &O::include>},
     {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
+    {{0, "iinclude", "REGEX", "as --include, for upper and lower case alike"}, add_text<O, &O::include_any_case>},
+    {{0, "iexclude", "REGEX", "as --exclude, for upper and lower case alike"}, add_text<O, &O::exclude_any_case>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
       "%e events, %p path,\n%P process id, %n process name, %a ancestors, %t time,\n%f whether found, %% a percent "

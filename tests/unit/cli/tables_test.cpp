@@ -68,6 +68,8 @@ TEST(CliTables, OfWatch)
                                  {"system", nullptr, [](const O &o) { return o.system; }},
                                  {"include", "a", [](const O &o) { return o.include == Texts{"a"}; }},
                                  {"exclude", "a", [](const O &o) { return o.exclude == Texts{"a"}; }},
+                                 {"iinclude", "a", [](const O &o) { return o.include_any_case == Texts{"a"}; }},
+                                 {"iexclude", "a", [](const O &o) { return o.exclude_any_case == Texts{"a"}; }},
                                  {"format", "csv", [](const O &o) { return o.format == "csv"; }},
                                  {"ancestors", nullptr, [](const O &o) { return o.ancestors; }},
                                  {"null", nullptr, [](const O &o) { return o.null_end; }},

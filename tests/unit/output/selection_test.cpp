@@ -60,6 +60,23 @@ TEST(Selection, ByPath)
     EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/out", FMON_CREATE)));
 }
 
+TEST(Selection, ByPathInAnyCase)
+{
+    Selection selection(0);
+    OutputOptions options;
+    options.include = {"^/a/"};
+    options.include_any_case = {"[.]TXT$"};
+    options.exclude_any_case = {"/readme"};
+    std::string error;
+    ASSERT_TRUE(selection.set_patterns(options, error)) << error;
+    selection.set_plan(plan_of({FMON_CREATE}, "/"));
+    EXPECT_NE(selection.shown_kinds(event_of("/b/c.txt", FMON_CREATE)), 0u);
+    EXPECT_NE(selection.shown_kinds(event_of("/b/c.Txt", FMON_CREATE)), 0u);
+    EXPECT_NE(selection.shown_kinds(event_of("/a/c", FMON_CREATE)), 0u);
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/A/c", FMON_CREATE)));
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/ReadMe.txt", FMON_CREATE)));
+}
+
 TEST(Selection, APatternThatIsNoneIsNamed)
 {
     for (const bool include : {true, false}) {
@@ -68,5 +85,12 @@ TEST(Selection, APatternThatIsNoneIsNamed)
         std::string error;
         EXPECT_FALSE(Selection(0).set_patterns(options, error));
         EXPECT_EQ(0u, error.find(include ? "--include 'a(' is no regular" : "--exclude 'a(' is no regular")) << error;
+    }
+    for (const bool include : {true, false}) {
+        OutputOptions options;
+        (include ? options.include_any_case : options.exclude_any_case) = {"a("};
+        std::string error;
+        EXPECT_FALSE(Selection(0).set_patterns(options, error));
+        EXPECT_EQ(0u, error.find(include ? "--iinclude 'a(' is no regular" : "--iexclude 'a(' is no regular")) << error;
     }
 }
