@@ -20,6 +20,7 @@ const EventName kEventTable[kEventNames] = {
     {"delete_self", FMON_DELETE_SELF, "a watched file or directory itself was removed"},
     {"all", FMON_ALL_EVENTS, "every kind above"},
     {"close", FMON_CLOSE, "close_write and close_nowrite"},
+    {"move", FMON_MOVED_FROM | FMON_MOVED_TO, "moved_from and moved_to"},
 };
 
 static_assert(kProcessEvents == (FMON_OPEN | FMON_ACCESS | FMON_MODIFY | FMON_CLOSE));

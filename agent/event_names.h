@@ -2,8 +2,9 @@
  * event_names.h: the names of event kinds, as people write and read them.
  *
  * One table serves parsing, printing, the help text and shell completion. Its rows, names and order are the monitor's
- * own (event_str() and event_mask() of libfmon.so); the command has its own copy because it must name kinds before the
- * library is loaded, and outside the callbacks to which the library's functions are confined.
+ * own (event_str() and event_mask() of libfmon.so), but for the last, which is the command's; the command has its own
+ * copy because it must name kinds before the library is loaded, and outside the callbacks to which the library's
+ * functions are confined.
  */
 #ifndef AGENT_EVENT_NAMES_H
 #define AGENT_EVENT_NAMES_H
@@ -22,7 +23,7 @@ struct EventName {
     const char *meaning; /* for the help text */
 };
 
-inline constexpr size_t kEventNames = 14;
+inline constexpr size_t kEventNames = 15;
 inline constexpr size_t kSingleEventNames = 12; /* the rows of one kind each come first, in printing order */
 extern const EventName kEventTable[kEventNames];
 

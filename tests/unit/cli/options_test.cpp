@@ -236,6 +236,12 @@ TEST(CliEvents, EveryRowParsesToItsMask)
     }
 }
 
+TEST(CliEvents, MoveIsBothHalvesOfARename)
+{
+    EXPECT_EQ(uint32_t{FMON_MOVED_FROM | FMON_MOVED_TO}, parse({"-e", "move", "/a"}).options.events);
+    EXPECT_EQ("moved_from,moved_to", agent::events_text(FMON_MOVED_FROM | FMON_MOVED_TO));
+}
+
 TEST(CliEvents, MasksPrintSingleNamesInTableOrder)
 {
     EXPECT_EQ("", agent::events_text(0));
