@@ -76,8 +76,8 @@ inline std::string_view single_path(const std::vector<std::string> &paths)
     return paths.size() == 1 ? std::string_view(paths[0]) : std::string_view();
 }
 
-/* A template: %e events, %p path, %P pid, %n process name, %a its ancestors, %t time, %f "found" or nothing, %% and the
- * escapes \n \t \0 \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after
+/* A template: %e events, %p path, %w its directory with a "/" behind, %F its last name, %P pid, %n process name, %a its
+ * ancestors, %t time, %f "found" or nothing, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after
  * "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
                                                    std::string &error);

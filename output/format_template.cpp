@@ -18,6 +18,8 @@ enum class Part : char {
     kText = 0,
     kEvents = 'e',
     kPath = 'p',
+    kDirectory = 'w',
+    kFileName = 'F',
     kPid = 'P',
     kName = 'n',
     kAncestors = 'a',
@@ -31,6 +33,9 @@ struct Piece {
 };
 
 bool is_octal(char c) { return c >= '0' && c <= '7'; }
+
+// Where the last name of a path begins: what stands before, "/" included, is its directory.
+size_t name_at(std::string_view path) { return path.rfind('/') + 1; }
 
 int hex_value(char c)
 {
@@ -80,7 +85,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epPnatf").find(c) == std::string_view::npos)
+        if (std::string_view("epwFPnatf").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -158,6 +163,12 @@ private:
                 break;
             case Part::kPath:
                 append_bytes(event.path, out);
+                break;
+            case Part::kDirectory:
+                append_bytes(event.path.substr(0, name_at(event.path)), out);
+                break;
+            case Part::kFileName:
+                append_bytes(event.path.substr(name_at(event.path)), out);
                 break;
             case Part::kPid:
                 out.append(std::to_string(event.pid));

@@ -351,6 +351,20 @@ TEST(CliTemplate, EveryLetterAndEscape)
     EXPECT_EQ(std::string("x\0y\n", 4), template_line("x\\0y", event));
 }
 
+TEST(CliTemplate, APathIsItsDirectoryAndItsName)
+{
+    for (const char *path : {"/a/b/c", "/a", "/", "/a b/%w\n"}) {
+        const Event event = event_of(path, FMON_CREATE);
+        EXPECT_EQ(std::string(path) + "\n", template_line("%w%F", event));
+    }
+    const Event event = event_of("/a/b/c", FMON_CREATE);
+    EXPECT_EQ("/a/b/ c\n", template_line("%w %F", event));
+    EXPECT_EQ("/ a\n", template_line("%w %F", event_of("/a", FMON_CREATE)));
+    FormatStyle terminal = plain();
+    terminal.terminal = true;
+    EXPECT_EQ("/\\033a/ \\nb\n", template_line("%w %F", event_of("/\033a/\nb", FMON_CREATE), terminal));
+}
+
 TEST(CliTemplate, WhatIsUnknownIsRefused)
 {
     for (const char *pattern : {"%q", "%", "a%", "%E", "\\q", "a\\", "\\x", "\\xg", "%\n"})
