@@ -1,11 +1,14 @@
 /*
- * time_format.h: times as text. Both formatters remember the text of the last second, which most calls share.
+ * time_format.h: times as text. All formatters remember the text of the last second, which most calls share.
  */
 #ifndef AGENT_TIME_FORMAT_H
 #define AGENT_TIME_FORMAT_H
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
+#include <string_view>
+#include <vector>
 
 namespace agent
 {
@@ -30,6 +33,28 @@ public:
 private:
     uint64_t second_ = UINT64_MAX;
     char text_[16] = {};
+};
+
+/* Local time by a format of strftime(3), in which %N stands for the nine digits of the second's fraction, and %1N to
+ * %9N for the first so many of them. */
+class FormattedTime
+{
+public:
+    static constexpr size_t kMaxFormat = 128; /* bytes, more than any log file needs */
+
+    explicit FormattedTime(std::string_view format);
+    void append(uint64_t ns, std::string &out);
+
+private:
+    struct Part {
+        std::string format;
+        size_t digits = 0; /* of the fraction behind it */
+        std::string text = {};
+    };
+    void render(uint64_t second);
+
+    std::vector<Part> parts_;
+    uint64_t second_ = UINT64_MAX;
 };
 
 uint64_t wall_clock_ns();

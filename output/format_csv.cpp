@@ -4,8 +4,8 @@
 
 #include "agent/escape.h"
 #include "agent/event_names.h"
-#include "agent/time_format.h"
 #include "formats.h"
+#include "record_time.h"
 
 namespace output
 {
@@ -17,7 +17,10 @@ namespace
 class CsvFormatter : public Formatter
 {
 public:
-    explicit CsvFormatter(const FormatStyle &style) : end_(style.end), terminal_(style.terminal) {}
+    explicit CsvFormatter(const FormatStyle &style)
+        : end_(style.end), terminal_(style.terminal), time_(style.time_format)
+    {
+    }
 
     void begin(std::string &out) override
     {
@@ -27,7 +30,7 @@ public:
 
     void event(const agent::Event &event, std::string &out) override
     {
-        time_.append(event.time_ns, out);
+        append_time(event.time_ns, out);
         out.push_back(',');
         agent::append_csv(agent::events_text(event.mask), out);
         out.push_back(',');
@@ -64,12 +67,22 @@ private:
     void append_record(uint64_t time_ns, std::string_view kind, std::string_view path, const std::string &text,
                        std::string &out)
     {
-        time_.append(time_ns, out);
+        append_time(time_ns, out);
         out.append(",").append(kind).append(",");
         append_field(path, out);
         out.append(",0,");
         append_field(text, out);
         out.push_back(end_);
+    }
+
+    // A format of the user's may have commas in it.
+    void append_time(uint64_t time_ns, std::string &out)
+    {
+        if (!time_.is_formatted())
+            return time_.append(time_ns, out);
+        time_text_.clear();
+        time_.append(time_ns, time_text_);
+        append_field(time_text_, out);
     }
 
     void append_field(std::string_view bytes, std::string &out) const
@@ -82,7 +95,8 @@ private:
 
     const char end_;
     const bool terminal_;
-    agent::UtcTime time_;
+    RecordTime<agent::UtcTime> time_;
+    std::string time_text_;
 };
 
 }  // namespace

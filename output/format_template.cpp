@@ -5,8 +5,8 @@
 
 #include "agent/escape.h"
 #include "agent/event_names.h"
-#include "agent/time_format.h"
 #include "format.h"
+#include "record_time.h"
 
 namespace output
 {
@@ -140,7 +140,7 @@ class TemplateFormatter : public Formatter
 {
 public:
     TemplateFormatter(const FormatStyle &style, std::vector<Piece> pieces)
-        : end_(style.end), terminal_(style.terminal), pieces_(std::move(pieces))
+        : end_(style.end), terminal_(style.terminal), pieces_(std::move(pieces)), time_(style.time_format)
     {
     }
 
@@ -203,7 +203,7 @@ private:
     const char end_;
     const bool terminal_;
     const std::vector<Piece> pieces_;
-    agent::UtcTime time_;
+    RecordTime<agent::UtcTime> time_;
 };
 
 }  // namespace

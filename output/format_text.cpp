@@ -5,9 +5,9 @@
 
 #include "agent/escape.h"
 #include "agent/event_names.h"
-#include "agent/time_format.h"
 #include "formats.h"
 #include "orx_fmon.h"
+#include "record_time.h"
 
 namespace output
 {
@@ -43,7 +43,7 @@ class TextFormatter : public Formatter
 {
 public:
     explicit TextFormatter(const FormatStyle &style)
-        : end_(style.end), colours_(style.colours), ancestors_(style.ancestors)
+        : end_(style.end), colours_(style.colours), ancestors_(style.ancestors), time_(style.time_format)
     {
     }
 
@@ -153,7 +153,7 @@ private:
 
     const char end_;
     const bool colours_, ancestors_;
-    agent::LocalTime time_;
+    RecordTime<agent::LocalTime> time_;
     size_t path_width_ = 0; /* the widest so far, so that processes stand below each other */
 };
 

@@ -12,9 +12,10 @@ namespace output
 {
 
 struct OutputOptions {
-    std::vector<std::string> include, exclude; /* regular expressions on the path */
+    std::vector<std::string> include, exclude;                   /* regular expressions on the path */
     std::vector<std::string> include_any_case, exclude_any_case; /* likewise, for upper and lower case alike */
-    std::string format = "text";               /* a name of formats.h, or a template */
+    std::string format = "text";                                 /* a name of formats.h, or a template */
+    std::string time_format; /* of records that are no JSON, see agent/time_format.h; empty: their own */
     bool null_end = false;
     std::string output; /* empty: stdout */
     bool append = false;

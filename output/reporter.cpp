@@ -43,6 +43,7 @@ bool Reporter::begin(std::string &error)
     style_.end = options_.null_end ? '\0' : '\n';
     style_.terminal = output_.is_terminal();
     style_.ancestors = request_.ancestors;
+    style_.time_format = options_.time_format;
     style_.colours = style_.terminal && wants_colours();
     output_.set_end(style_.end);
     formatter_ = make_formatter(options_.format, style_, error);

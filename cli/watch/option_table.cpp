@@ -90,6 +90,9 @@ constexpr OptionRow<O> kRows[] = {
       "%f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
+    {{0, "time-format", "FORM",
+      "times as strftime has them, such as '%F %T.%3N', local; %N and\n%1N to %9N are digits of the second's fraction"},
+     take::time_format},
     {{0, "ancestors", nullptr,
       "show with each process what made it, and so on up to the first\none that is known (text, json; %a in a "
       "template)"},

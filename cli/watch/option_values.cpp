@@ -5,6 +5,7 @@
 
 #include "agent/event_names.h"
 #include "agent/settings.h"
+#include "agent/time_format.h"
 #include "output/formats.h"
 
 namespace cli
@@ -59,6 +60,13 @@ bool format(WatchOptions &options, const Given &given, std::string &error)
     options.ancestors = options.ancestors || strstr(given.value, "%a");
     return output::find_format(given.value) || strchr(given.value, '%') ||
            bad_value(given, output::format_names() + " or a template such as '%e %p'", error);
+}
+
+bool time_format(WatchOptions &options, const Given &given, std::string &error)
+{
+    options.time_format = given.value;
+    const bool fits = *given.value && options.time_format.size() <= agent::FormattedTime::kMaxFormat;
+    return fits || bad_value(given, "a format such as '%F %T', of at most 128 bytes", error);
 }
 
 bool count(WatchOptions &options, const Given &given, std::string &error)

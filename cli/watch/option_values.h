@@ -14,6 +14,7 @@ namespace cli::take
 
 bool events(WatchOptions &options, const Given &given, std::string &error);
 bool format(WatchOptions &options, const Given &given, std::string &error);
+bool time_format(WatchOptions &options, const Given &given, std::string &error);
 bool count(WatchOptions &options, const Given &given, std::string &error);
 bool timeout(WatchOptions &options, const Given &given, std::string &error);
 bool setting(WatchOptions &options, const Given &given, std::string &error);

@@ -51,6 +51,8 @@ constexpr Contradiction kContradictions[] = {
     {[](const WatchOptions &o) { return o.pid && !may_name_all(o) && o.events && !(o.events & agent::kProcessEvents); },
      "--pid with --source marks, --mount or --max-depth is about open, access, modify, close_write and close_nowrite: "
      "ask for one of them"},
+    {[](const WatchOptions &o) { return !o.time_format.empty() && o.format == "json"; },
+     "--time-format is about text, csv and templates: json has times of one form"},
     {[](const WatchOptions &o) { return o.append && o.output.empty(); },
      "--append is about a file: say which with -o FILE"},
     {[](const WatchOptions &o) { return !o.recursive && (o.max_depth || o.max_subdirs); },

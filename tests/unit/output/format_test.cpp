@@ -402,3 +402,17 @@ TEST(CliTime, FormatsAreThoseOfTheCLibrary)
         EXPECT_EQ(expected, out);
     }
 }
+
+TEST(CliTime, FormsButJsonTakeTheUsersFormat)
+{
+    setenv("TZ", "UTC", 1);
+    tzset();
+    FormatStyle style = plain();
+    style.time_format = "%d,%m";
+    const Event event = event_of("/a", FMON_CREATE);
+    EXPECT_EQ(0u, line_of(*make_text_formatter(style), event).find("29,02 create"));
+    EXPECT_EQ("\"29,02\",create,/a,0,\n", line_of(*make_csv_formatter(style), event));
+    EXPECT_EQ("29,02 /a\n", template_line("%t %p", event, style));
+    EXPECT_STREQ("2024-02-29T12:34:56.789012345Z",
+                 json_of(line_of(*make_json_formatter(style), event))["time"].GetString());
+}
