@@ -62,6 +62,7 @@ private:
         if (given.empty())
             return refuse("a PATH is empty");
         Root root;
+        root.given = given;
         root.path = container_ ? literal_path(given) : absolute_path(given);
         root.pattern = root.path.find('*') != std::string::npos;
         root.identity = root.pattern ? Identity{} : identify(root.path);

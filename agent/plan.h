@@ -34,6 +34,7 @@ struct PlannedWatch {
 /* A path of the command line. */
 struct Root {
     std::string path;
+    std::string given{}; /* as it was typed */
     Identity identity;
     std::string watched; /* the path that the watches are on, without links; empty: there is none now */
     bool pattern = false;

@@ -30,6 +30,8 @@ void Reporter::set_plan(const agent::Plan &plan)
     for (const agent::PlannedInstance &instance : plan.instances)
         style_.sources.push_back(instance.name);
     selection_.set_plan(plan);
+    for (const agent::Root &root : plan.roots)
+        given_.add(root);
 }
 
 // A file that grows has its heading already.
@@ -64,6 +66,8 @@ void Reporter::event(const agent::Event &event)
         dropped_++;
         return;
     }
+    std::string given;
+    visible.path = shown_path(visible.path, given);
     formatter_->event(visible, output_.buffer());
     shown_++;
     if (commands_)
@@ -72,6 +76,11 @@ void Reporter::event(const agent::Event &event)
         check_output(output_.flush_if_large(agent::patience_ms));
     if (shown_ == options_.count)
         finish(agent::kDone);
+}
+
+std::string_view Reporter::shown_path(std::string_view path, std::string &storage) const
+{
+    return options_.as_given ? given_.of(path, storage) : path;
 }
 
 bool Reporter::gives_up() const
@@ -105,12 +114,14 @@ void Reporter::resynced(const std::vector<std::string> &paths, uint64_t director
 
 void Reporter::appeared(const std::string &path)
 {
-    formatter_->appeared(agent::wall_clock_ns(), path, output_.buffer());
+    std::string given;
+    formatter_->appeared(agent::wall_clock_ns(), shown_path(path, given), output_.buffer());
 }
 
 void Reporter::ended(const std::string &path, const char *reason)
 {
-    formatter_->ended(agent::wall_clock_ns(), path, reason, output_.buffer());
+    std::string given;
+    formatter_->ended(agent::wall_clock_ns(), shown_path(path, given), reason, output_.buffer());
 }
 
 void Reporter::note(const std::string &text)

@@ -14,6 +14,7 @@
 #include "agent/request.h"
 #include "commands.h"
 #include "format.h"
+#include "given_paths.h"
 #include "output.h"
 #include "output_options.h"
 #include "selection.h"
@@ -58,6 +59,7 @@ public:
 
 private:
     bool gives_up() const;
+    std::string_view shown_path(std::string_view path, std::string &storage) const;
     void execute(const agent::Event &event);
     void check_output(bool written);
     void finish(int status);
@@ -67,6 +69,7 @@ private:
     Output output_;
     Selection selection_;
     std::unique_ptr<Formatter> formatter_;
+    GivenPaths given_;
     Commands commands_;
     agent::ContainerNames container_names_;
     FormatStyle style_;

@@ -90,6 +90,8 @@ constexpr OptionRow<O> kRows[] = {
       "%f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
+    {{0, "as-given", nullptr, "show paths below what was typed for PATH, not from \"/\" on"},
+     set_flag<O, &O::as_given>},
     {{0, "time-format", "FORM",
       "times as strftime has them, such as '%F %T.%3N', local; %N and\n%1N to %9N are digits of the second's fraction"},
      take::time_format},

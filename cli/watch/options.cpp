@@ -20,7 +20,7 @@ bool asks_beyond(const WatchOptions &o, uint32_t events) { return !o.all_events 
 
 bool says_how(const WatchOptions &o)
 {
-    return o.recursive || o.mount || o.pid || o.delay || o.sync || o.wait || o.max_depth || o.no_found;
+    return o.recursive || o.as_given || o.mount || o.pid || o.delay || o.sync || o.wait || o.max_depth || o.no_found;
 }
 
 bool uses_probes(const WatchOptions &o) { return o.probes != agent::Probes::kOff; }

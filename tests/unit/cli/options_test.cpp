@@ -149,6 +149,7 @@ const Bad kBad[] = {
     {{"--source=filesystem", "-r", "--max-depth=2", "/a"}, "leave out --mount and --max-depth"},
     {{"--system", "/a"}, "leave out the PATH"},
     {{"--system", "-r"}, "--system goes with none"},
+    {{"--system", "--as-given"}, "--system goes with none"},
     {{"--system", "-e", "create,open"}, "--system knows create, delete"},
     {{"--system", "--probes", "off", "--source", "marks"}, "leave out --probes off"},
     {{"--system", "--probes", "on", "--source", "filesystem"}, "leave out --probes on"},

@@ -71,6 +71,7 @@ TEST(CliTables, OfWatch)
                                  {"iinclude", "a", [](const O &o) { return o.include_any_case == Texts{"a"}; }},
                                  {"iexclude", "a", [](const O &o) { return o.exclude_any_case == Texts{"a"}; }},
                                  {"format", "csv", [](const O &o) { return o.format == "csv"; }},
+                                 {"as-given", nullptr, [](const O &o) { return o.as_given; }},
                                  {"time-format", "%F", [](const O &o) { return o.time_format == "%F"; }},
                                  {"ancestors", nullptr, [](const O &o) { return o.ancestors; }},
                                  {"null", nullptr, [](const O &o) { return o.null_end; }},

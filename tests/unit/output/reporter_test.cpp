@@ -81,6 +81,16 @@ TEST_F(ReporterTest, ItsOwnFileAndHiddenOnesAreNotShown)
     EXPECT_EQ("", written());
 }
 
+TEST_F(ReporterTest, PathsAreShownAsGivenAndSelectedAsTheyAre)
+{
+    plan.roots[0].given = "typed";
+    options.as_given = true;
+    options.include = {"^/a/"};
+    begin();
+    reporter->event(event_of("/a/1", FMON_CREATE));
+    EXPECT_EQ("create typed/1\n", written());
+}
+
 TEST_F(ReporterTest, FormsOfJsonHaveARecordForEverything)
 {
     for (const auto &[format, has] :
