@@ -50,6 +50,7 @@ constexpr OptionRow<O> kRows[] = {
       {},
       "What is watched"},
      set_flag<O, &O::recursive>},
+    {{0, "fromfile", "FILE", "further PATHs, one a line of FILE; - is the standard input", kFiles}, take::fromfile},
     {{'e', "events", "LIST",
       "kinds of events, separated by commas; -e help lists them.\nUsual: create,delete,modify,close_write,moved_from,"
       "moved_to,\nattrib,delete_self,move_self; with --mount modify,close_write",

@@ -7,6 +7,7 @@
 #include "agent/settings.h"
 #include "agent/time_format.h"
 #include "output/formats.h"
+#include "path_list.h"
 
 namespace cli
 {
@@ -51,6 +52,13 @@ bool events(WatchOptions &options, const Given &given, std::string &error)
     options.events |= mask;
     options.all_events = options.events == 0xfff;
     return mask != 0 || bad_value(given, "names of events, such as create,delete", error);
+}
+
+bool fromfile(WatchOptions &options, const Given &given, std::string &error)
+{
+    if (!*given.value)
+        return bad_value(given, "the name of a file, or - for the standard input", error);
+    return read_path_list(given.value, options.listed, error);
 }
 
 // Any "%" makes a template: a misspelt name of a form would otherwise be printed for every event.

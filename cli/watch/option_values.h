@@ -13,6 +13,7 @@ namespace cli::take
 {
 
 bool events(WatchOptions &options, const Given &given, std::string &error);
+bool fromfile(WatchOptions &options, const Given &given, std::string &error);
 bool format(WatchOptions &options, const Given &given, std::string &error);
 bool time_format(WatchOptions &options, const Given &given, std::string &error);
 bool count(WatchOptions &options, const Given &given, std::string &error);

@@ -64,6 +64,7 @@ constexpr Contradiction kContradictions[] = {
 bool take::paths(WatchOptions &options, VerbOf<WatchOptions>::Arguments arguments, std::string &error)
 {
     options.paths.assign(arguments.begin(), arguments.end());
+    options.paths.insert(options.paths.end(), options.listed.begin(), options.listed.end());
     if (options.list_events)
         return true;
     const char *const reason = find_contradiction(options);

@@ -5,6 +5,7 @@
 #define CLI_OPTIONS_H
 
 #include <string>
+#include <vector>
 
 #include "agent/request.h"
 #include "cli/front/verb.h"
@@ -17,6 +18,7 @@ struct WatchOptions : agent::Request, output::OutputOptions {
     bool help = false;
     bool list_events = false; /* print event_list() instead of watching */
     bool all_events = false;
+    std::vector<std::string> listed; /* paths of --fromfile, which come behind those of the command line */
 };
 
 extern const VerbOf<WatchOptions> kWatch;

@@ -56,6 +56,7 @@ TEST(CliTables, OfWatch)
     using O = cli::WatchOptions;
     using Texts = std::vector<std::string>;
     expect_rows<O>(cli::kWatch, {{"recursive", nullptr, [](const O &o) { return o.recursive; }},
+                                 {"fromfile", "/proc/self/comm", [](const O &o) { return o.listed.size() == 1; }},
                                  {"events", "create", [](const O &o) { return o.events == FMON_CREATE; }},
                                  {"pid", nullptr, [](const O &o) { return o.pid; }},
                                  {"mount", nullptr, [](const O &o) { return o.mount; }},
