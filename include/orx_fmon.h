@@ -12,7 +12,7 @@
  *  - Ownership: the module copies what it is given; an event lent to a callback belongs to the module and is gone
  *    when the callback returns.
  *  - Threads: every function may be called from any thread of the agent, except from inside a client callback:
- *    callbacks run on the monitor thread with the monitor lock held.
+ *    callbacks run on the monitor thread with the monitor lock held. What is for callbacks says so.
  */
 #ifndef ORX_FMON_H
 #define ORX_FMON_H
@@ -90,6 +90,16 @@ struct event {
     uint32_t ref;     /* instances whose queue holds the record (bit i = instance i) */
     uint32_t pending; /* instances that hold it back until the file is closed */
     hlink link;       /* the module's own */
+};
+
+enum { FMON_DIR_UNKNOWN = 0, FMON_DIR_NO = 1, FMON_DIR_YES = 2 }; /* fmon_event_details.dir */
+
+/* What more is known of an event. It grows at its end: `size` says how much of it both sides know. */
+struct fmon_event_details {
+    uint32_t size; /* set by the caller to sizeof(struct fmon_event_details); lowered to what was filled */
+    uint32_t dir;  /* FMON_DIR_*: whether it happened to a directory, as the source says; nothing is looked up */
+    uint64_t move; /* the two events of one rename have the same number, which no other has for a long time; 0: not
+                    * known, as from kernel probes, or there were several renames in one event */
 };
 
 /* Client callback, on the monitor thread with the monitor lock held: it must be quick and must not call back into the
@@ -251,6 +261,8 @@ struct fmon_status {
     struct fmon_fs_status fs;
 };
 
+static_assert(sizeof(struct fmon_event_details) == 16, "details of an event");
+
 /* The structures are the same in 32-bit and 64-bit builds. */
 static_assert(sizeof(struct fmon_loss_counts) == 88, "loss counters");
 static_assert(sizeof(struct fmon_left_out) == 64, "counters of what is left out");
@@ -354,6 +366,10 @@ FMON_API int _orx_fmon_dump(uint32_t type, void *arg);
 
 /* Writes the pattern of the paths below which containers keep their files; `out260` holds 260 bytes. Returns 0. */
 FMON_API int _orx_get_container_path(char *out260);
+
+/* Fills the first out->size bytes of what is known of the event that a callback was given, inside of that callback and
+ * nowhere else. FMON_EINVAL: a size below 8. */
+FMON_API int _orx_fmon_event_details(const struct event *, struct fmon_event_details *out);
 
 /* ---- names of masks ---- */
 

@@ -26,6 +26,7 @@ constexpr int32_t kChainLength = 12, kMinBuckets = 32;
 /* One raw event on its way through the table. */
 struct raw_event {
     char *path; /* owned until a record takes it */
+    struct fmon_raw known;
     uint32_t mask, pid, from_fs;
     int source_fd;
     const char *walk;      /* the path to look directories up by */
@@ -88,6 +89,16 @@ void count_pathless(struct fmon *monitor, struct dentry *d, const char *name)
     fmon_lost_path(monitor, text);
 }
 
+/* Of several renames in one record it is not known which one the other half belongs to. */
+void learn(struct event_record *record, const struct raw_event *raw)
+{
+    record->dirs = static_cast<uint8_t>(record->dirs | raw->known.dir);
+    if (!(raw->mask & (FMON_MOVED_FROM | FMON_MOVED_TO)))
+        return;
+    record->move = record->moved ? 0 : raw->known.move;
+    record->moved = 1;
+}
+
 /* A record for the event, in no table; takes the path. Null: out of memory, the path is still the caller's. */
 struct event_record *new_record(const struct raw_event *raw)
 {
@@ -105,6 +116,7 @@ struct event_record *new_record(const struct raw_event *raw)
     record->ev.mask = raw->mask;
     record->ev.pid = raw->pid;
     record->from_fs = raw->from_fs;
+    learn(record, raw);
     return record;
 }
 
@@ -153,10 +165,12 @@ void settle_merged(struct fmon *monitor, struct event *ev)
 }
 
 /* The later event adds its kinds to the record; what destroyed instances held back is forgotten. */
-void merge(struct fmon *monitor, struct event *ev, uint32_t mask)
+void merge(struct fmon *monitor, struct event *ev, const struct raw_event *raw)
 {
-    FMON_LOG(4, kFile, "merge into old event, old event %s, new event %s\n", event_str(ev->mask), event_str2(mask));
-    ev->mask |= mask;
+    FMON_LOG(4, kFile, "merge into old event, old event %s, new event %s\n", event_str(ev->mask),
+             event_str2(raw->mask));
+    ev->mask |= raw->mask;
+    learn(FMON_RECORD(ev, struct event_record, ev), raw);
     ev->pending &= monitor->inst_mask;
 }
 
@@ -183,6 +197,8 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
                   const char *mount_id)
 {
     struct raw_event raw;
+    raw.known = monitor->raw;
+    monitor->raw = {};
     raw.path = d ? dentry_sub_path_dup(d, name) : copy_text(name);
     if (!raw.path) {
         count_pathless(monitor, d, name);
@@ -197,7 +213,7 @@ int event_process(struct fmon *monitor, struct dentry *d, const char *name, uint
     uint64_t key = event_key(raw.path, pid);
     struct event *ev = event_index_find(monitor, key, raw.path, pid, raw.from_fs);
     if (ev) {
-        merge(monitor, ev, mask);
+        merge(monitor, ev, &raw);
         offer(monitor, ev, d, name, &raw);
         settle_merged(monitor, ev);
         free(raw.path);
@@ -233,6 +249,19 @@ void _event_free(struct event *ev)
     free(ev->path);
     free(ev->container);
     free(ev);
+}
+
+int _orx_fmon_event_details(const struct event *ev, struct fmon_event_details *out)
+{
+    if (out->size < offsetof(struct fmon_event_details, move))
+        return FMON_EINVAL;
+    const auto *record = reinterpret_cast<const struct event_record *>(ev); /* which begins with it */
+    constexpr uint32_t kBoth = FMON_DIR_NO | FMON_DIR_YES;
+    const uint32_t dir = record->dirs == kBoth ? uint32_t{FMON_DIR_UNKNOWN} : record->dirs;
+    const struct fmon_event_details now = {out->size < sizeof now ? out->size : static_cast<uint32_t>(sizeof now), dir,
+                                           record->move};
+    memcpy(out, &now, now.size);
+    return 0;
 }
 
 void event_dump(struct fmon *monitor)

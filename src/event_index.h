@@ -21,7 +21,11 @@ struct event_record {
     uint32_t from_fs; /* 1: of the source of whole file systems, whose records are its watches' alone */
     hlink index_link; /* linked exactly while ev.link is */
     list_head age;    /* so is this, in fmon.records */
+    uint64_t move;    /* as in fmon_event_details */
+    uint8_t dirs;     /* FMON_DIR_NO and FMON_DIR_YES of what was merged */
+    uint8_t moved;    /* 1: a rename was merged */
 };
+static_assert(offsetof(struct event_record, ev) == 0, "an event is its record");
 static_assert(sizeof(void *) != 8 || offsetof(struct event_record, tag) % 16 == 0, "tag and link share a cache line");
 
 /* Chain heads and index in one block, all empty. Freed with free(); null: out of memory. */

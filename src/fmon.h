@@ -84,6 +84,12 @@ struct fmon_fs_keys {
     uint32_t rest_ms;     /* of its reader, while records come */
 };
 
+/* What a source knows of its next event beside the arguments of event_process(), which takes it. */
+struct fmon_raw {
+    uint32_t dir;  /* FMON_DIR_* */
+    uint64_t move; /* as in fmon_event_details */
+};
+
 struct fmon {
     uint32_t inited;
     uint32_t inst_mask; /* live instances */
@@ -107,6 +113,7 @@ struct fmon {
     list_head records;    /* those of the event table, of struct event_record, oldest first */
     uint64_t released;    /* held-back records handed on early */
     char lost_path[1024]; /* as in fmon_status */
+    struct fmon_raw raw;  /* of the next event */
 };
 
 /* The backend's callback for each raw event: event_process. `source_fd` 0 means a kernel probe. */

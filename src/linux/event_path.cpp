@@ -30,6 +30,8 @@ bool looks_removed(const char *path)
     return length >= kLength && memcmp(path + length - kLength, kMark, kLength) == 0;
 }
 
+uint32_t latest_dir = FMON_DIR_UNKNOWN;
+
 /* What the kernel says. */
 enum event_path read_path(int fd, struct stat *st, char *path)
 {
@@ -37,6 +39,7 @@ enum event_path read_path(int fd, struct stat *st, char *path)
     snprintf(link, sizeof(link), "/proc/self/fd/%d", fd);
     if (fd < 0 || !has_links(fd, st))
         return EVENT_PATH_NONE;
+    latest_dir = S_ISDIR(st->st_mode) ? FMON_DIR_YES : FMON_DIR_NO;
     const ssize_t length = readlink(link, path, kPathMax);
     if (length < 0)
         return EVENT_PATH_NONE;
@@ -110,6 +113,8 @@ bool removed_here(int fd, const char *path)
 }
 
 }  // namespace
+
+uint32_t event_path_dir(void) { return latest_dir; }
 
 enum event_path event_path_find(int fd, uint32_t pid, bool marked, char *path)
 {

@@ -22,4 +22,7 @@ enum event_path {
  * mark on a directory or file, not on a whole mount. Under the monitor lock. */
 enum event_path event_path_find(int fd, uint32_t pid, bool marked, char *path);
 
+/* FMON_DIR_*: what the latest descriptor that was looked at, and was there, is. */
+uint32_t event_path_dir(void);
+
 #endif

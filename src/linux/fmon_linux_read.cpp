@@ -28,6 +28,9 @@ constexpr char kFile[] = "linux/fmon_linux.c";
 
 enum { SELECTABLE_READY = -1, SELECTABLE_OUT = -2, MOUNT_ID_SIZE = 16 };
 
+/* Numbers of renames that no other source gives. */
+constexpr uint64_t kMoveOfInotify = uint64_t{1} << 32;
+
 /* One byte more than is ever read: the name of the last record can be terminated in place. */
 char read_buffer[FMON_LINUX_READ_BUFFER + 1];
 char fanotify_path[DCACHE_PATH_MAX];
@@ -40,6 +43,14 @@ struct dentry *live_dentry(int32_t wd)
     uint64_t value = seq_get(&fmlnx.seq, wd);
     return value == 0 || value == SEQ_POISON ? nullptr
                                              : reinterpret_cast<struct dentry *>(static_cast<uintptr_t>(value));
+}
+
+/* Of an entry the record says it, of what has the watch the dentry. */
+struct fmon_raw known_of(struct dentry *d, const struct raw_inotify *record, const char *name)
+{
+    const bool is_dir = name ? (record->mask & IN_ISDIR) != 0 : !(d->owner_bits & DENTRY_FILE);
+    return {is_dir ? uint32_t{FMON_DIR_YES} : uint32_t{FMON_DIR_NO},
+            record->cookie ? kMoveOfInotify | record->cookie : 0};
 }
 
 /* A record for a watch descriptor: 1 when it reached a dentry. */
@@ -62,6 +73,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
         kinds = fmon_linux_told(d, kinds);
     if (kinds != 0) {
         FMON_LOG(4, kFile, "inotify event: %s [%s] (%s)\n", dentry_path(d), name ? name : "", event_str(kinds));
+        monitor->raw = known_of(d, record, name);
         callback(monitor, d, name, kinds, 0, fd, nullptr);
     }
     fmon_linux_keep_tree(record->wd, record->mask, name);
@@ -147,6 +159,7 @@ void handle_fanotify_record(struct fmon *monitor, const struct raw_fanotify *rec
     char mount_id[MOUNT_ID_SIZE] = {};
     event_mount_id(record->fd, mount_id);
     fmlnx.event_fd = record->fd;
+    monitor->raw = {event_path_dir(), 0};
     callback(monitor, nullptr, fanotify_path, kinds, static_cast<uint32_t>(record->pid), fd, mount_id);
     fmlnx.event_fd = -1;
 }

@@ -9,6 +9,7 @@ bool inotify_record_at(const char *buffer, size_t size, size_t at, struct raw_in
     const char *record = buffer + at;
     memcpy(&out->wd, record, sizeof(out->wd));
     memcpy(&out->mask, record + 4, sizeof(out->mask));
+    memcpy(&out->cookie, record + 8, sizeof(out->cookie));
     memcpy(&out->len, record + 12, sizeof(out->len));
     if (out->len > size - at - INOTIFY_HEADER)
         return false;

@@ -11,6 +11,7 @@
 struct raw_inotify {
     int32_t wd;
     uint32_t mask;
+    uint32_t cookie;  /* the same in both halves of a rename; 0: it is none */
     uint32_t len;     /* bytes of name, padding included */
     const char *name; /* len bytes, not necessarily terminated */
     size_t size;      /* the whole record */

@@ -50,7 +50,7 @@ protected:
     {
         std::vector<std::string> out;
         for (const Told &event : group.told) {
-            const struct fs_event raw = {"", 0, 0, 0, false, event.delete_first};
+            const struct fs_event raw = {"", 0, 0, 0, false, event.delete_first, 0};
             uint32_t left = event.kinds;
             while (const uint32_t kind = fs_event_next(&raw, &left))
                 out.push_back(event_word(kind) + " " + event.path.substr(at("").size() + 1));

@@ -39,6 +39,7 @@ struct fs_event {
     int32_t pid;       /* as the record has it; 0: not seen from here */
     bool is_dir;       /* what happened, happened to a directory */
     bool delete_first; /* FMON_DELETE was before FMON_CREATE: the entry is there; see struct fs_world */
+    uint32_t rename;   /* FMON_MOVED_FROM, FMON_MOVED_TO: both of one rename have the same number, no two at once */
 };
 
 /* Takes the kind that happened first out of *left (at the start: event->kinds) and returns it; 0: there are none left.

@@ -216,14 +216,32 @@ uint32_t kinds_of(const struct fs_event *event)
     return removal && is_asked_below(event->path, FMON_DELETE_SELF) ? event->kinds | FMON_DELETE_SELF : event->kinds;
 }
 
+/* A half of a rename and what the other half was given: the second has no number where the first is not told. */
+struct fs_queued_move move_of(const struct fs_event *event, uint32_t kinds)
+{
+    struct fs_queued_move move = fs_source.move;
+    if (event->rename == 0 || !(kinds & (FMON_MOVED_FROM | FMON_MOVED_TO)))
+        return {0, 0};
+    if (event->rename == move.rename)
+        return move;
+    move.rename = event->rename;
+    move.number = move.number + 1 < FS_QUEUED_MOVES ? move.number + 1 : 1;
+    return (kinds & FMON_MOVED_FROM) ? move : fs_queued_move{0, 0};
+}
+
 void deliver(void *, const struct fs_event *event)
 {
     const uint32_t kinds = kinds_of(event) & fs_source.wanted;
     if (kinds == 0)
         return;
+    const struct fs_queued_move move = move_of(event, kinds);
+    const uint32_t dir = event->is_dir ? uint32_t{FS_QUEUED_DIR} : 0;
     const auto pid = static_cast<uint32_t>(event->pid);
-    if (!fs_queue_put(&fs_source.queue, event->path, event->path_len, kinds, pid))
+    if (!fs_queue_put(&fs_source.queue, event->path, event->path_len, kinds | dir | move.number << FS_QUEUED_MOVE_SHIFT,
+                      pid))
         fs_source.counters.dropped++;
+    else if (move.number)
+        fs_source.move = move;
 }
 
 void lost(void *, enum fs_loss kind, uint64_t count)

@@ -86,6 +86,15 @@ struct fs_open_mounts {
     unsigned count;
 };
 
+/* What is known of an event stands above its kinds while it waits: whether it is about a directory, and a number of its
+ * rename, given to those whose first half waits or has waited; 0: none. */
+enum : uint32_t { FS_QUEUED_KINDS = 0x1fff, FS_QUEUED_DIR = 0x80000000u };
+enum { FS_QUEUED_MOVE_SHIFT = 13, FS_QUEUED_MOVES = 1 << 18 };
+struct fs_queued_move {
+    uint32_t rename; /* of which the first half was put into the queue last */
+    uint32_t number; /* 1..FS_QUEUED_MOVES - 1 */
+};
+
 struct fs_counters {
     uint64_t overflows, dropped, unresolved, too_long;
     int read_error; /* errno of the latest read that failed */
@@ -114,6 +123,7 @@ struct fs_source {
     struct fs_mounts mounts;
     struct fs_counters counters;
     struct fs_retry retry; /* with the monitor lock */
+    struct fs_queued_move move;
     list_head roots, systems;
     struct fs_root *global; /* for system-wide events; null: nobody wants them */
     uint32_t wanted;        /* kinds of all roots */

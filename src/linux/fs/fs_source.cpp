@@ -75,6 +75,7 @@ void reset()
     fs_source.queue.event_fd = fs_source.reader.stop_fd = fs_source.mounts_fd = -1;
     fs_source.counters = {};
     fs_source.retry = {};
+    fs_source.move = {};
     fs_source.open.count = 0;
     fs_source.again = fs_source.drained = false;
     fs_source.global = nullptr;
@@ -115,11 +116,19 @@ void note_end(const struct fs_queued *event)
         root_of(node)->end_told |= strcmp(root_of(node)->path, event->path) == 0;
 }
 
+struct fmon_raw known_of(uint32_t queued)
+{
+    return {(queued & FS_QUEUED_DIR) ? uint32_t{FMON_DIR_YES} : uint32_t{FMON_DIR_NO},
+            (queued & ~FS_QUEUED_DIR) >> FS_QUEUED_MOVE_SHIFT};
+}
+
 uint64_t hand_on(struct fmon *monitor, fmon_event_cb callback, uint64_t limit)
 {
     struct fs_queued event;
     uint64_t count = 0;
     while (count < limit && fs_queue_take(&fs_source.queue, &event)) {
+        monitor->raw = known_of(event.kinds);
+        event.kinds &= FS_QUEUED_KINDS;
         FMON_LOG(4, kFile, "file system event: %s (0x%x) pid %u\n", event.path, event.kinds, event.pid);
         note_end(&event);
         callback(monitor, nullptr, event.path, event.kinds, event.pid, fs_source.queue.event_fd, nullptr);

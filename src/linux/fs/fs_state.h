@@ -64,6 +64,7 @@ struct fs_engine {
     uint32_t mount_generation; /* of what is said to be a mount's root; from 1 */
     uint32_t shallow;          /* anchors that are not recursive */
     uint32_t displacements;    /* directories at and above anchors that were moved or removed */
+    uint32_t renames;          /* records of renames; 0 is passed over */
     int32_t own_pid;
     bool forget; /* records could not be read: the table is no longer true */
 };

@@ -132,6 +132,7 @@ void deliver_entry(struct fs_engine *engine, struct fs_node *node, const struct 
     event.kinds = kinds;
     event.pid = record->pid;
     event.is_dir = record->mask & FS_MASK_ONDIR;
+    event.rename = (record->mask & FS_MASK_RENAME) ? engine->renames : 0;
     event.delete_first = is_delete_first(engine, node, record, kinds);
     deliver(engine, &event);
 }
@@ -169,6 +170,7 @@ enum fs_side tell_entry(struct fs_engine *engine, const struct fs_record *record
 void fs_tell(struct fs_engine *engine, const struct fs_record *record, enum fs_side *from, enum fs_side *to)
 {
     if (record->mask & FS_MASK_RENAME) {
+        engine->renames += engine->renames == UINT32_MAX ? 2 : 1;
         *from = tell_entry(engine, record, &record->entry, FMON_MOVED_FROM);
         *to = tell_entry(engine, record, &record->to, FMON_MOVED_TO);
         return;

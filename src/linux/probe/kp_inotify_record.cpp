@@ -54,6 +54,8 @@ void report(struct dentry *d, const struct inotify_record *record, const char *n
     if (kinds == 0)
         return;
     FMON_LOG(4, kFile, "inotify event: %s [%s] (%s)\n", dentry_path(d), name ? name : "", event_str(kinds));
+    const bool is_dir = name ? (record->mask & IN_ISDIR) != 0 : !(d->owner_bits & DENTRY_FILE);
+    fmon.raw = {is_dir ? uint32_t{FMON_DIR_YES} : uint32_t{FMON_DIR_NO}, 0};
     event_process(&fmon, d, name, kinds, pid, 0, nullptr);
 }
 

@@ -90,7 +90,7 @@ TEST_F(FsSource, ARootThatIsMovedAwayWaitsForItsPath)
 {
     const std::string root = tree.dir("r");
     ASSERT_EQ(0, m.add(root, FMON_CREATE, FMON_DIR | FMON_DELETED));
-    ASSERT_EQ(0, rename(root.c_str(), tree.path("s").c_str()));
+    ASSERT_EQ(0, ::rename(root.c_str(), tree.path("s").c_str()));
     m.pump_all();
     EXPECT_EQ(0u, status().watches);
     EXPECT_FALSE(testlib::cached(root));

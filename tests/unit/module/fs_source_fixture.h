@@ -78,8 +78,19 @@ protected:
         return now.fs;
     }
 
-    /* A record of the kernel's: what happened to `name` in a directory. */
+    /* Records of the kernel's: what happened to `name` in a directory; a rename. */
     static std::string record(uint64_t mask, const std::string &directory, const std::string &name, int pid = 77)
+    {
+        constexpr char kEntry = 2; /* FAN_EVENT_INFO_TYPE_DFID_NAME */
+        return whole(mask, pid, part(kEntry, directory, name));
+    }
+    static std::string rename(const std::string &from, const std::string &old_name, const std::string &to,
+                              const std::string &new_name, int pid = 77)
+    {
+        constexpr char kOld = 10, kNew = 12;
+        return whole(kRename, pid, part(kOld, from, old_name) + part(kNew, to, new_name));
+    }
+    static std::string part(char type, const std::string &directory, const std::string &name)
     {
         struct fs_look look;
         int error;
@@ -92,9 +103,13 @@ protected:
         info.append(look.key.bytes, look.key.key.len);
         info += name;
         info.append(4 - info.size() % 4, '\0');
-        info[0] = 2; /* FAN_EVENT_INFO_TYPE_DFID_NAME */
+        info[0] = type;
         const auto length = static_cast<uint16_t>(info.size());
         memcpy(&info[2], &length, sizeof length);
+        return info;
+    }
+    static std::string whole(uint64_t mask, int pid, const std::string &info)
+    {
         struct fanotify_event_metadata head = {};
         head.event_len = static_cast<uint32_t>(sizeof head + info.size());
         head.vers = FANOTIFY_METADATA_VERSION;
