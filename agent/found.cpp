@@ -12,9 +12,11 @@ namespace agent
 namespace
 {
 
-Event found_at(const std::string &path, const Event &creation)
+Event found_at(const std::string &path, bool is_directory, const Event &creation)
 {
     Event event = creation;
+    event.dir = is_directory ? Known::kYes : Known::kNo;
+    event.move = 0;
     event.mask = FMON_CREATE;
     event.pid = 0;
     event.process = nullptr;
@@ -113,7 +115,7 @@ void Found::look_into(const std::string &top, const Event &creation, const Tell 
             if (has_record(path) || told_.has(path))
                 return;
             told_.add(path);
-            tell(found_at(path, creation));
+            tell(found_at(path, is_directory, creation));
             if (is_directory && take_marked(path))
                 open.push_back(path);
         });

@@ -100,8 +100,13 @@ int32_t Intake::accept(uint32_t source, const struct event &event)
             return kPauseMs;
         process = processes_.find(event.pid, orx_host_lock_count(), steady_ms());
     }
-    const Event copy = {wall_clock_ns(), mask, event.pid, source, event.path, event.container ? event.container : "",
-                        nullptr};
+    struct fmon_event_details more = {sizeof more, FMON_DIR_UNKNOWN, 0};
+    if (details_)
+        details_(&event, &more);
+    Event copy = {wall_clock_ns(), mask, event.pid, source, event.path, event.container ? event.container : "",
+                  nullptr};
+    copy.dir = static_cast<Known>(more.dir);
+    copy.move = more.move;
     return queue_.push(copy, std::move(process)) ? 0 : kPauseMs;
 }
 

@@ -35,6 +35,9 @@ public:
 
     Processes &processes() { return processes_; }
 
+    /* Asks the module what more it knows of each event; without, nothing more is. Before the first instance exists. */
+    void ask(decltype(&_orx_fmon_event_details) details) { details_ = details; }
+
     /* To be called before the instance exists. `wanted`: kinds that the session wants to see of it. Returns its
      * callback; there are kMaxSources of them, and as many in the program as the monitor has instances. Null: all are
      * taken. */
@@ -54,6 +57,7 @@ private:
     EventQueue &queue_;
     const std::unique_ptr<Processes> own_; /* null: they are shared */
     Processes &processes_;
+    decltype(&_orx_fmon_event_details) details_ = nullptr;
     uint32_t wanted_[kMaxSources] = {};
     size_t sources_ = 0;
     std::atomic<bool> held_ = false;

@@ -55,6 +55,7 @@ bool load_module(const std::string &directory, Module &module, std::string &erro
            bind(library, "_orx_fmon_status", module.status, error) &&
            bind(library, "_orx_fmon_on_mark", module.on_mark, error) &&
            bind(library, "_orx_fmon_dump", module.dump, error) &&
+           bind(library, "_orx_fmon_event_details", module.event_details, error) &&
            bind(library, "g_container_flag", module.container_flag, error);
 }
 

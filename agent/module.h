@@ -34,6 +34,7 @@ struct Module {
     decltype(&_orx_fmon_status) status;
     decltype(&_orx_fmon_on_mark) on_mark;
     decltype(&_orx_fmon_dump) dump;
+    decltype(&_orx_fmon_event_details) event_details;
     decltype(&g_container_flag) container_flag;
     Shared *shared = nullptr; /* null: there is one session in this process */
 

@@ -18,7 +18,11 @@ Event Batch::event(size_t i) const
             row.source,
             text.substr(row.path, row.path_length),
             text.substr(row.path + row.path_length + 1, row.container_length),
-            row.process.get()};
+            row.process.get(),
+            false,
+            false,
+            row.dir,
+            row.move};
 }
 
 // Views would not survive the growth of the text, so rows hold offsets. Memory that runs out leaves all as it was.
@@ -26,8 +30,8 @@ void Batch::append(const Event &event, ProcessPtr process)
 {
     text_.reserve(text_.size() + event.path.size() + 1 + event.container.size());
     rows_.push_back({event.time_ns, event.mask, event.pid, event.source, static_cast<uint32_t>(text_.size()),
-                     static_cast<uint32_t>(event.path.size()), static_cast<uint32_t>(event.container.size()),
-                     std::move(process)});
+                     static_cast<uint32_t>(event.path.size()), static_cast<uint32_t>(event.container.size()), event.dir,
+                     event.move, std::move(process)});
     text_.append(event.path);
     text_.push_back('\0');
     text_.append(event.container);

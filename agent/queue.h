@@ -21,6 +21,8 @@
 namespace agent
 {
 
+enum class Known : uint8_t { kUnknown, kNo, kYes };
+
 /* One event as the formatters see it. The views are valid as long as the batch that holds it; `path` ends in a NUL. */
 struct Event {
     uint64_t time_ns;
@@ -28,10 +30,12 @@ struct Event {
     uint32_t pid;
     uint32_t source; /* index of the instance that delivered it */
     std::string_view path;
-    std::string_view container; /* empty where there is none */
-    const ProcessInfo *process; /* null where not known */
-    bool deleted = false;       /* the path's name was gone already */
-    bool found = false;         /* no record said so: it was there when its directory was looked into */
+    std::string_view container;  /* empty where there is none */
+    const ProcessInfo *process;  /* null where not known */
+    bool deleted = false;        /* the path's name was gone already */
+    bool found = false;          /* no record said so: it was there when its directory was looked into */
+    Known dir = Known::kUnknown; /* whether it is about a directory */
+    uint64_t move = 0;           /* of the halves of one rename the same; 0: not known */
 };
 
 class Batch
@@ -49,6 +53,8 @@ private:
         uint64_t time_ns;
         uint32_t mask, pid, source;
         uint32_t path, path_length, container_length; /* the container's text follows the path and its NUL */
+        Known dir;
+        uint64_t move;
         ProcessPtr process;
     };
     std::vector<Row> rows_;

@@ -64,6 +64,7 @@ bool SessionRun::start()
     OwnLog own;
     if (!monitor_.start(request_, own, error))
         return fail(error);
+    intake_.ask(monitor_.module().event_details);
     report_.hide(own.files);
     if (!own.note.empty())
         report_.note(own.note);

@@ -38,6 +38,8 @@ class Formatter
 public:
     virtual ~Formatter() = default;
 
+    /* Whether records say of what is not known to be a directory whether it is. */
+    virtual bool wants_dir() const { return false; }
     virtual void begin(std::string &) {} /* a heading */
     virtual void event(const agent::Event &event, std::string &out) = 0;
 
@@ -78,8 +80,8 @@ inline std::string_view single_path(const std::vector<std::string> &paths)
 }
 
 /* A template: %e events, %p path, %w its directory with a "/" behind, %F its last name, %P pid, %n process name, %a its
- * ancestors, %t time, %f "found" or nothing, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e \ooo \xhh. Null, with the
- * reason in `error`, when it holds anything else after
+ * ancestors, %t time, %f "found" or nothing, %d "dir" or nothing, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e \ooo
+ * \xhh. Null, with the reason in `error`, when it holds anything else after
  * "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
                                                    std::string &error);

@@ -27,12 +27,15 @@ class JsonFormatter : public Formatter
 public:
     explicit JsonFormatter(const FormatStyle &style) : style_(style), line_(style) {}
 
+    bool wants_dir() const override { return true; }
+
     void event(const agent::Event &event, std::string &out) override
     {
         line_.append(out, [&](Writer &writer) {
             put_head(writer, "event", event.time_ns);
             put_kinds(writer, "events", event.mask);
             put_path(writer, event.path);
+            put_true(writer, "dir", event.dir == agent::Known::kYes);
             put_true(writer, "deleted", event.deleted);
             put_true(writer, "found", event.found);
             put_number(writer, "pid", event.pid);

@@ -1,5 +1,6 @@
 /* Events by a template of the user's; format.h. */
 
+#include <algorithm>
 #include <cctype>
 #include <string>
 
@@ -24,7 +25,8 @@ enum class Part : char {
     kName = 'n',
     kAncestors = 'a',
     kTime = 't',
-    kFound = 'f'
+    kFound = 'f',
+    kIsDirectory = 'd'
 };
 
 struct Piece {
@@ -85,7 +87,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epwFPnatf").find(c) == std::string_view::npos)
+        if (std::string_view("epwFPnatfd").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -144,6 +146,12 @@ public:
     {
     }
 
+    bool wants_dir() const override
+    {
+        return std::any_of(pieces_.begin(), pieces_.end(),
+                           [](const Piece &piece) { return piece.part == Part::kIsDirectory; });
+    }
+
     void event(const agent::Event &event, std::string &out) override
     {
         for (const Piece &piece : pieces_)
@@ -187,6 +195,9 @@ private:
                 break;
             case Part::kFound:
                 out.append(event.found ? "found" : "");
+                break;
+            case Part::kIsDirectory:
+                out.append(event.dir == agent::Known::kYes ? "dir" : "");
                 break;
         }
     }

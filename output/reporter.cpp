@@ -5,6 +5,7 @@
 #include "agent/signals.h"
 #include "agent/time_format.h"
 #include "formats.h"
+#include "look.h"
 #include "print.h"
 
 namespace output
@@ -66,6 +67,8 @@ void Reporter::event(const agent::Event &event)
         dropped_++;
         return;
     }
+    if (formatter_->wants_dir())
+        look_for_directory(visible, event.mask);
     std::string given;
     visible.path = shown_path(visible.path, given);
     formatter_->event(visible, output_.buffer());

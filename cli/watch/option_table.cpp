@@ -87,7 +87,8 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "iexclude", "REGEX", "as --exclude, for upper and lower case alike"}, add_text<O, &O::exclude_any_case>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
-      "%e events, %p path,\n%w its directory, %F its name, %P process id, %n process name,\n%a ancestors, %t time, "
+      "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %P process id, %n process name,\n%a "
+      "ancestors, %t time, "
       "%f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},

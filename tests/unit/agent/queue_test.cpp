@@ -40,6 +40,8 @@ TEST(CliQueue, KeepsOrderAndContent)
     EXPECT_FALSE(queue.take(batch));
     Event event = event_of("/a", 1, 5);
     event.container = "box";
+    event.dir = Known::kYes;
+    event.move = 77;
     EXPECT_TRUE(queue.push(event, nullptr));
     EXPECT_TRUE(queue.push(event_of("", 2), std::make_shared<ProcessInfo>(ProcessInfo{"cat", "", "", 0, 0, 0})));
     ASSERT_TRUE(queue.take(batch));
@@ -48,6 +50,9 @@ TEST(CliQueue, KeepsOrderAndContent)
     EXPECT_EQ('\0', batch.event(0).path.data()[2]);
     EXPECT_EQ("box", batch.event(0).container);
     EXPECT_EQ(5u, batch.event(0).pid);
+    EXPECT_EQ(Known::kYes, batch.event(0).dir);
+    EXPECT_EQ(77u, batch.event(0).move);
+    EXPECT_EQ(Known::kUnknown, batch.event(1).dir);
     EXPECT_EQ(nullptr, batch.event(0).process);
     EXPECT_EQ("", batch.event(1).path);
     EXPECT_EQ("", batch.event(1).container);
@@ -132,6 +137,29 @@ TEST(CliIntake, PassesOnWhatIsWanted)
     queue.take(batch);
     ASSERT_EQ(1u, batch.size());
     EXPECT_EQ(uint32_t{FMON_CREATE}, batch.event(0).mask);
+}
+
+TEST(CliIntake, AsksTheModuleWhatMoreIsKnown)
+{
+    EventQueue queue(2, 1000);
+    Intake intake(queue);
+    intake.ask([](const struct event *event, struct fmon_event_details *out) {
+        EXPECT_EQ(sizeof *out, out->size);
+        out->dir = event->mask == FMON_CREATE ? FMON_DIR_YES : FMON_DIR_NO;
+        out->move = 7;
+        return 0;
+    });
+    const fmon_client_cb callback = intake.add_source(FMON_ALL_EVENTS);
+    char path[] = "/a";
+    struct event directory = record_of(path, FMON_CREATE), file = record_of(path, FMON_MODIFY);
+    EXPECT_EQ(0, callback(&directory));
+    EXPECT_EQ(0, callback(&file));
+    Batch batch;
+    queue.take(batch);
+    ASSERT_EQ(2u, batch.size());
+    EXPECT_EQ(Known::kYes, batch.event(0).dir);
+    EXPECT_EQ(Known::kNo, batch.event(1).dir);
+    EXPECT_EQ(7u, batch.event(1).move);
 }
 
 TEST(CliIntake, ItsOwnDoingsAreNothing)

@@ -105,6 +105,19 @@ TEST(CliJson, EventHasAllFields)
         line_of(*formatter, event));
 }
 
+TEST(CliJson, ADirectoryIsSaidToBeOne)
+{
+    const auto formatter = make_json_formatter(plain());
+    EXPECT_TRUE(formatter->wants_dir());
+    Event event = event_of("/a", FMON_CREATE);
+    event.dir = Known::kYes;
+    EXPECT_TRUE(json_of(line_of(*formatter, event))["dir"].GetBool());
+    for (const Known dir : {Known::kNo, Known::kUnknown}) {
+        event.dir = dir;
+        EXPECT_FALSE(json_of(line_of(*formatter, event)).HasMember("dir"));
+    }
+}
+
 TEST(CliJson, EventWithoutProcessOrContainer)
 {
     const auto formatter = make_json_formatter(plain());
@@ -363,6 +376,19 @@ TEST(CliTemplate, APathIsItsDirectoryAndItsName)
     FormatStyle terminal = plain();
     terminal.terminal = true;
     EXPECT_EQ("/\\033a/ \\nb\n", template_line("%w %F", event_of("/\033a/\nb", FMON_CREATE), terminal));
+}
+
+TEST(CliTemplate, ADirectoryIsSaidToBeOne)
+{
+    std::string error;
+    EXPECT_TRUE(make_template_formatter(plain(), "%p%d", error)->wants_dir());
+    EXPECT_FALSE(make_template_formatter(plain(), "%p%%d", error)->wants_dir());
+    Event event = event_of("/a", FMON_CREATE);
+    EXPECT_EQ("[] /a\n", template_line("[%d] %p", event));
+    event.dir = Known::kYes;
+    EXPECT_EQ("[dir] /a\n", template_line("[%d] %p", event));
+    event.dir = Known::kNo;
+    EXPECT_EQ("[] /a\n", template_line("[%d] %p", event));
 }
 
 TEST(CliTemplate, WhatIsUnknownIsRefused)

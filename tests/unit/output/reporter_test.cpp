@@ -91,6 +91,17 @@ TEST_F(ReporterTest, PathsAreShownAsGivenAndSelectedAsTheyAre)
     EXPECT_EQ("create typed/1\n", written());
 }
 
+TEST_F(ReporterTest, WhatTheSourceDoesNotSayIsLookedAt)
+{
+    plan.roots[0].path = directory.root();
+    options.format = "%d|";
+    begin();
+    reporter->event(event_of(directory.dir("d"), FMON_CREATE));
+    reporter->event(event_of(directory.file("f"), FMON_CREATE));
+    reporter->event(event_of(directory.dir("d"), FMON_CREATE | FMON_MOVED_FROM)); /* of which a part is shown */
+    EXPECT_EQ("dir|\n|\n|\n", written());
+}
+
 TEST_F(ReporterTest, FormsOfJsonHaveARecordForEverything)
 {
     for (const auto &[format, has] :

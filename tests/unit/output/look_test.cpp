@@ -1,0 +1,45 @@
+/* What a look at a path says where no source does. */
+#include "output/look.h"
+
+#include "orx_fmon.h"
+#include "unit/agent/agent_testing.h"
+
+using agent::Known;
+using agent_testing::Directory;
+
+namespace
+{
+
+Known found(const std::string &path, uint32_t kinds, Known said = Known::kUnknown)
+{
+    agent::Event event = agent_testing::event_of(path, kinds);
+    event.dir = said;
+    output::look_for_directory(event, kinds);
+    return event.dir;
+}
+
+}  // namespace
+
+TEST(Look, SaysWhatIsThere)
+{
+    const Directory directory;
+    EXPECT_EQ(Known::kYes, found(directory.dir("d"), FMON_CREATE));
+    EXPECT_EQ(Known::kNo, found(directory.file("f"), FMON_CREATE));
+    std::filesystem::create_symlink(directory.path("d"), directory.path("link"));
+    EXPECT_EQ(Known::kNo, found(directory.path("link"), FMON_MOVED_TO)) << "links are not followed";
+    EXPECT_EQ(Known::kUnknown, found(directory.path("none"), FMON_CREATE));
+}
+
+TEST(Look, SaysNothingOfWhatWent)
+{
+    const Directory directory;
+    for (const uint32_t kind : {FMON_DELETE, FMON_MOVED_FROM, FMON_DELETE_SELF, FMON_MOVE_SELF})
+        EXPECT_EQ(Known::kUnknown, found(directory.dir("d"), FMON_CREATE | kind)) << "another may be there";
+}
+
+TEST(Look, DoesNotDoubtTheSource)
+{
+    const Directory directory;
+    EXPECT_EQ(Known::kNo, found(directory.dir("d"), FMON_CREATE, Known::kNo));
+    EXPECT_EQ(Known::kYes, found(directory.path("none"), FMON_CREATE, Known::kYes));
+}
