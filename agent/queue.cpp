@@ -22,6 +22,7 @@ Event Batch::event(size_t i) const
             false,
             false,
             row.dir,
+            {},
             row.move};
 }
 
@@ -35,6 +36,19 @@ void Batch::append(const Event &event, ProcessPtr process)
     text_.append(event.path);
     text_.push_back('\0');
     text_.append(event.container);
+}
+
+void Batch::append(const Batch &other)
+{
+    for (size_t i = 0; i < other.size(); i++)
+        append(other.event(i), other.rows_[i].process);
+}
+
+void Batch::move_last(Batch &to)
+{
+    to.append(event(size() - 1), rows_.back().process);
+    text_.resize(rows_.back().path);
+    rows_.pop_back();
 }
 
 void Batch::clear()

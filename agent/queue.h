@@ -35,6 +35,7 @@ struct Event {
     bool deleted = false;        /* the path's name was gone already */
     bool found = false;          /* no record said so: it was there when its directory was looked into */
     Known dir = Known::kUnknown; /* whether it is about a directory */
+    std::string_view from{};     /* of a rename: the old path; empty: not known, or told by an event of its own */
     uint64_t move = 0;           /* of the halves of one rename the same; 0: not known */
 };
 
@@ -46,6 +47,8 @@ public:
     size_t bytes() const { return text_.size(); }
     Event event(size_t i) const;
     void append(const Event &event, ProcessPtr process);
+    void append(const Batch &other);
+    void move_last(Batch &to); /* behind what is there; there is an event */
     void clear();
 
 private:

@@ -27,9 +27,10 @@ struct Request {
     bool quiet = false;       /* no notes and no progress on stderr */
     uint64_t timeout_ms = 0;  /* without an event; 0: none */
     bool keep_going = false;
-    bool unattended = false; /* a service's: `wait` is about the paths that can be waited for, silent about others */
-    bool ancestors = false;  /* of processes are shown */
-    bool no_found = false;   /* what is found in new directories is not reported */
+    bool unattended = false;   /* a service's: `wait` is about the paths that can be waited for, silent about others */
+    bool ancestors = false;    /* of processes are shown */
+    bool no_found = false;     /* what is found in new directories is not reported */
+    bool pair_renames = false; /* both halves of a rename are one event */
     std::vector<std::pair<std::string, std::string>> settings; /* keys of fmon.ini */
     Probes probes = Probes::kAuto;
     Source source = Source::kAuto;

@@ -49,7 +49,7 @@ Pause Session::watch(uint64_t now, const Inputs &inputs)
     if (status_ >= 0)
         return {};
     recover(now);
-    if (!events_.take(batch_))
+    if (!take_batch(now))
         return sleep(now);
     show_batch(now);
     return {std::max(pace_.gather_ms(), report_.gather_ms()), Pause::For::kNewDirectories};
@@ -94,6 +94,17 @@ void Session::look(uint64_t now)
         end_with(kGone);
 }
 
+// False: there is nothing to be shown yet.
+bool Session::take_batch(uint64_t now, bool last)
+{
+    events_.take(batch_);
+    if (request_.pair_renames) {
+        pairs_.gather(batch_, now, last);
+        pairs_.begin(batch_);
+    }
+    return !batch_.empty();
+}
+
 void Session::show_batch(uint64_t now)
 {
     in_hand_ = batch_.size();
@@ -116,6 +127,7 @@ void Session::show_batch(uint64_t now)
 void Session::show(Event event)
 {
     event.mask = watched_->news(event);
+    pairs_.join(event);
     if (event.mask)
         report_.event(event);
 }
@@ -125,7 +137,7 @@ Pause Session::sleep(uint64_t now)
     if (!events_.prepare_to_sleep())
         return {};
     pace_.sleeps(now);
-    const uint64_t until = std::min({pace_.next_look(), limit_.end(), recovery_.next(now)});
+    const uint64_t until = std::min({pace_.next_look(), limit_.end(), recovery_.next(now), pairs_.due()});
     return {until > now ? until - now : 0, Pause::For::kEverything};
 }
 
@@ -218,7 +230,7 @@ bool Session::is_released(uint64_t now, int patience_ms)
 // What has come until now is still shown, before anything is asked of the monitor, which may be held up.
 void Session::close()
 {
-    if (!report_.finished() && events_.take(batch_)) {
+    if (!report_.finished() && take_batch(0, true)) {
         in_hand_ = batch_.size();
         for (size_t i = 0; i < batch_.size(); i++)
             show(batch_.event(i));

@@ -17,6 +17,7 @@
 #include "placement.h"
 #include "queue.h"
 #include "recovery.h"
+#include "rename_pairs.h"
 #include "report.h"
 #include "request.h"
 #include "watched.h"
@@ -82,6 +83,7 @@ private:
     void take_inputs(uint64_t now, const Inputs &inputs);
     void check_time(uint64_t now);
     void look(uint64_t now);
+    bool take_batch(uint64_t now, bool last = false);
     void show_batch(uint64_t now);
     void show(Event event);
     Pause sleep(uint64_t now);
@@ -105,6 +107,7 @@ private:
     uint64_t process_losses_ = 0; /* reported */
     Recovery recovery_;
     Batch batch_;
+    RenamePairs pairs_; /* empty, where renames are shown as their halves */
     std::atomic<uint64_t> in_hand_ = 0;
     int status_ = -1;
     uint64_t release_end_ = 0; /* 0: nothing is released */

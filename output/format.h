@@ -24,10 +24,11 @@ namespace output
 struct FormatStyle {
     char end = '\n';
     bool colours = false;
-    bool terminal = false;  /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
-    bool ancestors = false; /* what made a process is shown with it */
-    std::string host{};     /* the machine's name; empty: not said, but by forms whose schema wants it */
-    std::string instance{}; /* that of all events; empty: that of their source */
+    bool terminal = false;     /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
+    bool ancestors = false;    /* what made a process is shown with it */
+    std::string host{};        /* the machine's name; empty: not said, but by forms whose schema wants it */
+    std::string instance{};    /* that of all events; empty: that of their source */
+    bool pairs = false;        /* CSV has a column for the old path of a rename */
     std::string time_format{}; /* of text, CSV and templates; empty: their own */
     std::vector<std::string> sources;                                          /* the instances' names, by index */
     std::function<agent::ContainerName(std::string_view id)> container_name{}; /* none: names are not asked for */
@@ -80,8 +81,8 @@ inline std::string_view single_path(const std::vector<std::string> &paths)
 }
 
 /* A template: %e events, %p path, %w its directory with a "/" behind, %F its last name, %P pid, %n process name, %a its
- * ancestors, %t time, %f "found" or nothing, %d "dir" or nothing, %% and the escapes \n \t \0 \\ \a \b \f \v \r \e \ooo
- * \xhh. Null, with the reason in `error`, when it holds anything else after
+ * ancestors, %t time, %f "found" or nothing, %d "dir" or nothing, %o a rename's old path, %% and the escapes \n \t \0
+ * \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after
  * "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,
                                                    std::string &error);

@@ -18,13 +18,13 @@ class CsvFormatter : public Formatter
 {
 public:
     explicit CsvFormatter(const FormatStyle &style)
-        : end_(style.end), terminal_(style.terminal), time_(style.time_format)
+        : end_(style.end), terminal_(style.terminal), pairs_(style.pairs), time_(style.time_format)
     {
     }
 
     void begin(std::string &out) override
     {
-        out.append("time,events,path,pid,process");
+        out.append("time,events,path,pid,process").append(pairs_ ? ",from" : "");
         out.push_back(end_);
     }
 
@@ -42,6 +42,10 @@ public:
             append_field(event.process->name, out);
         else if (event.found)
             out.append("(found)");
+        if (pairs_) {
+            out.push_back(',');
+            append_field(event.from, out);
+        }
         out.push_back(end_);
     }
 
@@ -72,7 +76,7 @@ private:
         append_field(path, out);
         out.append(",0,");
         append_field(text, out);
-        out.push_back(end_);
+        out.append(pairs_ ? "," : "").push_back(end_);
     }
 
     // A format of the user's may have commas in it.
@@ -94,7 +98,7 @@ private:
     }
 
     const char end_;
-    const bool terminal_;
+    const bool terminal_, pairs_;
     RecordTime<agent::UtcTime> time_;
     std::string time_text_;
 };

@@ -12,14 +12,14 @@ namespace
 
 using Writer = JsonWriter;
 
-// The path, and where it is not UTF-8 its bytes beside it.
-void put_path(Writer &writer, std::string_view path)
+// A path, and where it is not UTF-8 its bytes beside it.
+void put_path(Writer &writer, std::string_view path, std::string_view key = "path")
 {
-    put_key(writer, "path");
+    put_key(writer, key);
     if (agent::is_utf8(path))
         return put(writer, path);
     put_bytes(writer, path);
-    put_path_bytes(writer, path);
+    put_path_bytes(writer, path, std::string(key) + "_bytes");
 }
 
 class JsonFormatter : public Formatter
@@ -35,6 +35,8 @@ public:
             put_head(writer, "event", event.time_ns);
             put_kinds(writer, "events", event.mask);
             put_path(writer, event.path);
+            if (!event.from.empty())
+                put_path(writer, event.from, "from");
             put_true(writer, "dir", event.dir == agent::Known::kYes);
             put_true(writer, "deleted", event.deleted);
             put_true(writer, "found", event.found);

@@ -26,7 +26,8 @@ enum class Part : char {
     kAncestors = 'a',
     kTime = 't',
     kFound = 'f',
-    kIsDirectory = 'd'
+    kIsDirectory = 'd',
+    kOldPath = 'o'
 };
 
 struct Piece {
@@ -87,7 +88,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epwFPnatfd").find(c) == std::string_view::npos)
+        if (std::string_view("epwFPnatfdo").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -195,6 +196,9 @@ private:
                 break;
             case Part::kFound:
                 out.append(event.found ? "found" : "");
+                break;
+            case Part::kOldPath:
+                append_bytes(event.from, out);
                 break;
             case Part::kIsDirectory:
                 out.append(event.dir == agent::Known::kYes ? "dir" : "");

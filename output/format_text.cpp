@@ -123,6 +123,11 @@ private:
             out.append(" (deleted)");
         if (event.found)
             out.append(" (found)");
+        if (!event.from.empty()) {
+            out.append(" (from ");
+            agent::append_escaped(event.from, out);
+            out.push_back(')');
+        }
         if (event.pid == 0)
             return;
         const size_t width = columns(std::string_view(out).substr(start));

@@ -55,13 +55,13 @@ void put_true(JsonWriter &writer, std::string_view key, bool is_so)
     writer.Bool(true);
 }
 
-void put_path_bytes(JsonWriter &writer, std::string_view path)
+void put_path_bytes(JsonWriter &writer, std::string_view path, std::string_view key)
 {
     if (agent::is_utf8(path))
         return;
     std::string base64;
     agent::append_base64(path, base64);
-    put_key(writer, "path_bytes");
+    put_key(writer, key);
     put(writer, base64);
 }
 

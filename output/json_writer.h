@@ -28,7 +28,7 @@ void put_known(JsonWriter &writer, std::string_view key, std::string_view bytes)
 void put_number(JsonWriter &writer, std::string_view key, uint64_t number);
 void put_true(JsonWriter &writer, std::string_view key, bool is_so); /* nothing where it is not */
 /* The bytes of a path that is not UTF-8, without which the file could not be found, in base64; else nothing. */
-void put_path_bytes(JsonWriter &writer, std::string_view path);
+void put_path_bytes(JsonWriter &writer, std::string_view path, std::string_view key = "path_bytes");
 void put_paths(JsonWriter &writer, std::string_view key, const std::vector<std::string> &paths);
 void put_kinds(JsonWriter &writer, std::string_view key, uint32_t mask); /* their names */
 

@@ -46,6 +46,7 @@ bool Reporter::begin(std::string &error)
     style_.end = options_.null_end ? '\0' : '\n';
     style_.terminal = output_.is_terminal();
     style_.ancestors = request_.ancestors;
+    style_.pairs = request_.pair_renames;
     style_.time_format = options_.time_format;
     style_.colours = style_.terminal && wants_colours();
     output_.set_end(style_.end);
@@ -69,8 +70,9 @@ void Reporter::event(const agent::Event &event)
     }
     if (formatter_->wants_dir())
         look_for_directory(visible, event.mask);
-    std::string given;
+    std::string given, given_from;
     visible.path = shown_path(visible.path, given);
+    visible.from = shown_path(visible.from, given_from);
     formatter_->event(visible, output_.buffer());
     shown_++;
     if (commands_)

@@ -51,7 +51,8 @@ bool Selection::is_within_depth(std::string_view path) const
 uint32_t Selection::shown_kinds(const agent::Event &event) const
 {
     const uint32_t kinds = event.mask & kinds_[event.source];
-    return kinds && is_within_depth(event.path) && filter_.shows(event.path) ? kinds : 0;
+    const bool shown = kinds && (shows(event.path) || (!event.from.empty() && shows(event.from)));
+    return shown ? kinds : 0;
 }
 
 }  // namespace output

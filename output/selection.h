@@ -31,11 +31,12 @@ public:
     /* Events of that very path are not shown. */
     void hide(const std::string &path) { filter_.hide(path); }
 
-    /* The kinds of the event that are shown; 0: it is not. */
+    /* The kinds of the event that are shown; 0: it is not. A rename is when either of its paths is to be shown. */
     uint32_t shown_kinds(const agent::Event &event) const;
 
 private:
     bool is_within_depth(std::string_view path) const;
+    bool shows(std::string_view path) const { return is_within_depth(path) && filter_.shows(path); }
 
     const uint32_t max_depth_;
     PathFilter filter_;

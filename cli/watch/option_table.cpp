@@ -87,11 +87,16 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "iexclude", "REGEX", "as --exclude, for upper and lower case alike"}, add_text<O, &O::exclude_any_case>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
-      "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %P process id, %n process name,\n%a "
-      "ancestors, %t time, "
-      "%f whether found, %% a percent sign, and the\nescapes \\n \\t \\\\ \\ooo \\xhh",
+      "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %o old path,\n%P process id, %n "
+      "process "
+      "name, %a ancestors, %t time,\n%f whether found, %% a percent sign, and the escapes\n\\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
      take::format},
+    {{0, "pair-renames", nullptr,
+      "show a rename whose both paths are watched as one moved_to,\nwith its old path: \"(from ...)\", from in JSON, "
+      "%o in a "
+      "template"},
+     set_flag<O, &O::pair_renames>},
     {{0, "as-given", nullptr, "show paths below what was typed for PATH, not from \"/\" on"},
      set_flag<O, &O::as_given>},
     {{0, "time-format", "FORM",

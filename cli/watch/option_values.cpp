@@ -66,6 +66,7 @@ bool format(WatchOptions &options, const Given &given, std::string &error)
 {
     options.format = given.value;
     options.ancestors = options.ancestors || strstr(given.value, "%a");
+    options.pair_renames = options.pair_renames || strstr(given.value, "%o");
     return output::find_format(given.value) || strchr(given.value, '%') ||
            bad_value(given, output::format_names() + " or a template such as '%e %p'", error);
 }

@@ -2,6 +2,7 @@
 
 #include "agent/event_names.h"
 #include "option_values.h"
+#include "orx_fmon.h"
 
 namespace cli
 {
@@ -30,6 +31,13 @@ bool is_filesystem(const WatchOptions &o) { return o.source == agent::Source::kF
 // Marks of directories name the process of some kinds only.
 bool may_name_all(const WatchOptions &o) { return o.source != agent::Source::kMarks && !o.mount && !o.max_depth; }
 
+// Of a rename one half says nothing of the other.
+bool lacks_a_half(const WatchOptions &o)
+{
+    constexpr uint32_t kHalves = FMON_MOVED_FROM | FMON_MOVED_TO;
+    return o.mount || (o.events && (o.events & kHalves) != kHalves);
+}
+
 constexpr Contradiction kContradictions[] = {
     {[](const WatchOptions &o) { return !o.system && o.paths.empty(); }, "no PATH to watch: see fmon watch --help"},
     {[](const WatchOptions &o) { return o.system && !o.paths.empty(); },
@@ -51,6 +59,8 @@ constexpr Contradiction kContradictions[] = {
     {[](const WatchOptions &o) { return o.pid && !may_name_all(o) && o.events && !(o.events & agent::kProcessEvents); },
      "--pid with --source marks, --mount or --max-depth is about open, access, modify, close_write and close_nowrite: "
      "ask for one of them"},
+    {[](const WatchOptions &o) { return o.pair_renames && lacks_a_half(o); },
+     "--pair-renames, and %o, are about moved_from and moved_to: ask for both (-e move), without --mount"},
     {[](const WatchOptions &o) { return !o.time_format.empty() && o.format == "json"; },
      "--time-format is about text, csv and templates: json has times of one form"},
     {[](const WatchOptions &o) { return o.append && o.output.empty(); },

@@ -72,6 +72,7 @@ TEST(CliTables, OfWatch)
                                  {"iinclude", "a", [](const O &o) { return o.include_any_case == Texts{"a"}; }},
                                  {"iexclude", "a", [](const O &o) { return o.exclude_any_case == Texts{"a"}; }},
                                  {"format", "csv", [](const O &o) { return o.format == "csv"; }},
+                                 {"pair-renames", nullptr, [](const O &o) { return o.pair_renames; }},
                                  {"as-given", nullptr, [](const O &o) { return o.as_given; }},
                                  {"time-format", "%F", [](const O &o) { return o.time_format == "%F"; }},
                                  {"ancestors", nullptr, [](const O &o) { return o.ancestors; }},

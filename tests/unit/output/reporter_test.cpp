@@ -91,6 +91,20 @@ TEST_F(ReporterTest, PathsAreShownAsGivenAndSelectedAsTheyAre)
     EXPECT_EQ("create typed/1\n", written());
 }
 
+TEST_F(ReporterTest, ARenameHasBothPathsAsGiven)
+{
+    plan.roots[0].given = "typed";
+    plan.instances[0].shown = FMON_MOVED_TO;
+    options.as_given = true;
+    options.format = "%o -> %p";
+    begin();
+    agent::Event event = event_of("/a/new", FMON_MOVED_TO);
+    event.from = "/a/old";
+    reporter->event(event);
+    reporter->event(event_of("/a/other", FMON_MOVED_TO));
+    EXPECT_EQ("typed/old -> typed/new\n -> typed/other\n", written());
+}
+
 TEST_F(ReporterTest, WhatTheSourceDoesNotSayIsLookedAt)
 {
     plan.roots[0].path = directory.root();

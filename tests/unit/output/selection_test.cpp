@@ -77,6 +77,23 @@ TEST(Selection, ByPathInAnyCase)
     EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/ReadMe.txt", FMON_CREATE)));
 }
 
+TEST(Selection, ARenameByEitherPath)
+{
+    Selection selection(0);
+    OutputOptions options;
+    options.exclude = {"[.]tmp$"};
+    std::string error;
+    ASSERT_TRUE(selection.set_patterns(options, error)) << error;
+    selection.set_plan(plan_of({FMON_MOVED_TO}, "/a"));
+    agent::Event event = event_of("/a/b", FMON_MOVED_TO);
+    event.from = "/a/b.tmp";
+    EXPECT_NE(selection.shown_kinds(event), 0u);
+    std::swap(event.path, event.from);
+    EXPECT_NE(selection.shown_kinds(event), 0u);
+    event.from = "/a/c.tmp";
+    EXPECT_EQ(0u, selection.shown_kinds(event));
+}
+
 TEST(Selection, APatternThatIsNoneIsNamed)
 {
     for (const bool include : {true, false}) {
