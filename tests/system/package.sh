@@ -22,9 +22,10 @@ dpkg-deb -c "$package" >"$work/list"
     wrong "not everybody's to read, or not root's"
 grep -q '^drwxr-x--- root/root .* \./var/log/fmon/$' "$work/list" || wrong "the log is everybody's to read"
 ! awk '{ print $6 }' "$work/list" | grep -vE '^\./(etc|usr|var|var/log|usr/(bin|lib|share))?/?$' |
-    grep -vE '^\./(etc/fmon|usr/bin/fmon$|usr/lib/fmon|usr/share/(man|doc|bash-completion|zsh|fish)|var/log/fmon)' ||
+    grep -vE '^\./(etc/fmon|usr/bin/fmon$|usr/lib/fmon|usr/lib/systemd|usr/share/(man|doc|bash-completion|zsh|fish)|var/log/fmon)' ||
     wrong "not a place of the system's"
-for file in etc/fmon/fmon.ini usr/bin/fmon usr/lib/fmon/libfmon.so usr/share/man/man1/fmon.1.gz usr/share/doc/fmon/copyright \
+for file in etc/fmon/fmon.ini etc/fmon/fmon.toml usr/bin/fmon usr/lib/fmon/libfmon.so usr/lib/systemd/system/fmon.service \
+    usr/share/man/man1/fmon.1.gz usr/share/doc/fmon/copyright \
     usr/share/bash-completion/completions/fmon usr/share/zsh/site-functions/_fmon \
     usr/share/fish/vendor_completions.d/fmon.fish; do
     grep -q " \./$file$" "$work/list" || wrong "$file is missing"
