@@ -119,7 +119,7 @@ class TopScreen(unittest.TestCase):
         top.send("\r")
         top.until(lambda l: l[5] == "in " + self.path("sub") and l[8] == "")
         top.send(BACKSPACE)
-        top.until(lambda l: l[5] == "in " + self.root and l[8].endswith(self.root))
+        top.until(lambda l: l[5] == "in " + self.root and l[8].endswith(self.root[-20:]))  # a long path is cut
         top.send("1/OUTER")
         top.shows("filter: OUTER_")
         top.send("\r")
