@@ -114,7 +114,10 @@ std::vector<std::string> Stream::ids(uint64_t count)
     jsSubOptions options;
     jsSubOptions_Init(&options);
     options.Config.AckPolicy = js_AckNone;
-    if (js_PullSubscribe(&subscription, js_, "fmon.>", nullptr, nullptr, &options, nullptr) != NATS_OK)
+    const auto subscribe = [&] {
+        return js_PullSubscribe(&subscription, js_, "fmon.>", nullptr, nullptr, &options, nullptr) == NATS_OK;
+    };
+    if (!wait_until(subscribe)) /* a cluster that chooses a leader takes none */
         return all;
     for (int misses = 0; all.size() < count && misses < 10;) {
         natsMsgList list = {};
