@@ -26,15 +26,15 @@ void Session::start_counting()
 
 Pause Session::step(uint64_t now, const Inputs &inputs)
 {
-    if (status_ < 0) {
+    if (end_.status < 0) {
         const Pause pause = watch(now, inputs);
-        if (status_ < 0)
+        if (end_.status < 0)
             return pause;
     }
     if (!is_released(now, inputs.patience_ms))
         return {kReleaseMs, Pause::For::kTime};
     close();
-    over_ = true;
+    end_.over = true;
     return {};
 }
 
@@ -46,7 +46,7 @@ Pause Session::watch(uint64_t now, const Inputs &inputs)
     check_time(now);
     if (inputs.patience_ms >= 0)
         end_with(kDone);
-    if (status_ >= 0)
+    if (end_.status >= 0)
         return {};
     recover(now);
     if (!take_batch(now))
@@ -75,7 +75,7 @@ void Session::check_time(uint64_t now)
     if (pace_.look_is_due(now))
         look(now);
     limit_.see(now, report_.shown());
-    if (now < limit_.end() || status_ >= 0)
+    if (now < limit_.end() || end_.status >= 0)
         return;
     report_.note("nothing happened within the time that -t gives");
     end_with(kNothing);
@@ -187,7 +187,7 @@ void Session::check_processes()
 
 void Session::check_end(const struct fmon_source &monitor)
 {
-    if (monitor.state != FMON_SOURCE_REFUSED || status_ >= 0)
+    if (monitor.state != FMON_SOURCE_REFUSED || end_.status >= 0)
         return;
     report_.warning("the monitor has stopped: " + trouble_text(monitor));
     end_with(kError);
@@ -213,14 +213,14 @@ void Session::check_findings()
 bool Session::is_released(uint64_t now, int patience_ms)
 {
     uint64_t waiting = 1;
-    if (release_end_ != 0) {
+    if (end_.release_end != 0) {
         waiting = monitor_.release();
     } else {
         if (!monitor_.end_hold() || report_.finished())
             return true;
-        release_end_ = now + kTurnMs;
+        end_.release_end = now + kTurnMs;
     }
-    if (waiting && now < release_end_ && patience_ms != 0)
+    if (waiting && now < end_.release_end && patience_ms != 0)
         return false;
     if (waiting && patience_ms >= 0)
         report_.warning("told to end: up to " + counted(waiting, "event") + " dropped, which a dump held back");
@@ -245,8 +245,8 @@ void Session::close()
 
 void Session::end_with(int status)
 {
-    if (status_ < 0)
-        status_ = status;
+    if (end_.status < 0)
+        end_.status = status;
 }
 
 }  // namespace agent

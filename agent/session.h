@@ -73,8 +73,8 @@ public:
     /* `now`: milliseconds of a clock that does not run backwards. To be called until it is over. */
     Pause step(uint64_t now, const Inputs &inputs);
 
-    bool over() const { return over_; }
-    int status() const { return status_; } /* to end with: kDone, kNothing, kError, kGone; -1: going on */
+    bool over() const { return end_.over; }
+    int status() const { return end_.status; } /* to end with: kDone, kNothing, kError, kGone; -1: going on */
 
     uint64_t in_hand() const { return in_hand_; } /* events that may not have been written yet; any thread */
 
@@ -109,9 +109,11 @@ private:
     Batch batch_;
     RenamePairs pairs_; /* empty, where renames are shown as their halves */
     std::atomic<uint64_t> in_hand_ = 0;
-    int status_ = -1;
-    uint64_t release_end_ = 0; /* 0: nothing is released */
-    bool over_ = false;
+    struct {
+        int status = -1;
+        uint64_t release_end = 0; /* 0: nothing is released */
+        bool over = false;
+    } end_;
 };
 
 }  // namespace agent

@@ -183,13 +183,9 @@ private:
                 out.append(std::to_string(event.pid));
                 break;
             case Part::kName:
-                if (event.process)
-                    append_bytes(event.process->name, out);
-                break;
             case Part::kAncestors:
                 if (event.process)
-                    agent::append_ancestors(
-                        event.process->parent, [this](const auto &name, auto &to) { append_bytes(name, to); }, out);
+                    append_process(piece.part, *event.process, out);
                 break;
             case Part::kTime:
                 time_.append(event.time_ns, out);
@@ -204,6 +200,15 @@ private:
                 out.append(event.dir == agent::Known::kYes ? "dir" : "");
                 break;
         }
+    }
+
+    void append_process(Part part, const agent::ProcessInfo &process, std::string &out) const
+    {
+        if (part == Part::kName)
+            append_bytes(process.name, out);
+        else
+            agent::append_ancestors(
+                process.parent, [this](const auto &name, auto &to) { append_bytes(name, to); }, out);
     }
 
     // A script gets the bytes as they are; a terminal is kept from obeying them.
