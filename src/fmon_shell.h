@@ -32,9 +32,9 @@ struct fmon_shell {
     uint32_t hardened; /* handed to the core at the start, with the next four */
     uint32_t fs_events, fs_memory_kib, fs_queue;
     int32_t fs_directories, fs_memory, fs_rest; /* entries, MiB, ms */
-    std::atomic<void *> lock;          /* null: none yet, or no more */
-    std::atomic<bool> closed;          /* calls are turned away */
-    std::atomic<uint32_t> inside;      /* calls under way */
+    std::atomic<void *> lock;                   /* null: none yet, or no more */
+    std::atomic<bool> closed;                   /* calls are turned away */
+    std::atomic<uint32_t> inside;               /* calls under way */
     int32_t row_count;
     struct shell_row rows[FMON_MAX_INSTANCES];
 };

@@ -10,9 +10,9 @@
  * (see kernel_double/) have instead:
  * malloc read close open fcntl uname stat inotify_add_watch, and access write mmap ioctl perf_event_open eventfd
  * epoll_create1 epoll_ctl pthread_create inotify_init1. Tests of the container library (container_world/): calloc read
- * open openat openat2 pidfd_open readlinkat fdopendir dup fstat eventfd pthread_create. Tests of outputs with calls that
- * fail (disk_wraps/) have these and write pwrite pread ftruncate fsync fdatasync fstatat unlinkat mkdirat flock fcntl
- * getrandom rename fchmod pipe2 posix_spawn memfd_create socket connect bind listen accept4 send sendmsg.
+ * open openat openat2 pidfd_open readlinkat fdopendir dup fstat eventfd pthread_create. Tests of outputs with calls
+ * that fail (disk_wraps/) have these and write pwrite pread ftruncate fsync fdatasync fstatat unlinkat mkdirat flock
+ * fcntl getrandom rename fchmod pipe2 posix_spawn memfd_create socket connect bind listen accept4 send sendmsg.
  */
 #ifndef TESTLIB_FAULT_H
 #define TESTLIB_FAULT_H

@@ -263,9 +263,10 @@ TEST(ConfigTest, TheMonitorsKeysHaveRanges)
               faults_of("[fmon]\nlog_level = 1\n" + with_instance()));
     EXPECT_EQ("f:2:14: 'max_events' takes a number from 1 to 2147483647",
               faults_of("[fmon]\nmax_events = 0\n" + with_instance()));
-    EXPECT_EQ("f:2:14: 'prometheus' takes an address of this machine, such as 127.0.0.1:9464, or an absolute path, not "
-              "'0.0.0.0:9464'",
-              faults_of("[service]\nprometheus = \"0.0.0.0:9464\"\n" + with_instance()));
+    EXPECT_EQ(
+        "f:2:14: 'prometheus' takes an address of this machine, such as 127.0.0.1:9464, or an absolute path, not "
+        "'0.0.0.0:9464'",
+        faults_of("[service]\nprometheus = \"0.0.0.0:9464\"\n" + with_instance()));
     EXPECT_EQ("f:2:10: 'socket' takes an absolute path, not 'x'",
               faults_of("[service]\nsocket = \"x\"\n" + with_instance()));
 }

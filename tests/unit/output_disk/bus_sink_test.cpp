@@ -284,7 +284,8 @@ TEST_F(BusSinkTest, AHeartbeatComesByItself)
     /* Those from before the record say that none was accepted. */
     EXPECT_TRUE(await([](const auto &sent) {
         const std::string &text = sent.back().text;
-        return sent.back().subject == "fmon.host.heartbeat" && text.find(R"("type":"heartbeat")") != std::string::npos &&
+        return sent.back().subject == "fmon.host.heartbeat" &&
+               text.find(R"("type":"heartbeat")") != std::string::npos &&
                text.find(R"("accepted":1,)") != std::string::npos;
     }));
 }
