@@ -15,7 +15,7 @@ namespace systest
 {
 
 /* Until the condition holds, or a limit has passed; what it said last. */
-bool await(const std::function<bool()> &condition, int ms = kPatienceMs);
+bool await(const std::function<bool()> &condition, int ms = 2 * kPatienceMs);
 
 /* An [[instance]] with one watch and one output; the texts are lines of TOML. */
 std::string instance_text(const std::string &name, const std::string &watch, const std::string &output,
