@@ -19,7 +19,7 @@ namespace
 std::string take_variable(const char *name)
 {
     const char *value = secure_getenv(name);
-    const std::string text = value ? value : "";
+    std::string text = value ? value : "";
     unsetenv(name);
     return text;
 }

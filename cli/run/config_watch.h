@@ -12,7 +12,7 @@ namespace cli
 {
 
 /* `monitor`: what holds for all watches: source, probes, settings. */
-agent::Request read_watch(const TomlValue &table, const agent::Request &monitor, Faults &faults);
+agent::Request read_watch(const TomlValue &value, const agent::Request &monitor, Faults &faults);
 
 }  // namespace cli
 

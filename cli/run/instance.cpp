@@ -77,6 +77,7 @@ bool Instance::is_among(const std::vector<Output> &outputs, const std::string &k
 std::vector<std::string> Instance::keys_of(const std::vector<Output> &outputs)
 {
     std::vector<std::string> keys;
+    keys.reserve(outputs.size());
     for (const Output &output : outputs)
         keys.push_back(output.key);
     return keys;
@@ -136,6 +137,7 @@ bool Instance::start_watch(const agent::Request &request, std::string &error)
 }
 
 // All are told before one is waited for.
+// NOLINTNEXTLINE(performance-unnecessary-value-param): taken over, and gone when this returns
 void Instance::end_watches(std::vector<std::unique_ptr<Watch>> watches)
 {
     for (const std::unique_ptr<Watch> &watch : watches)

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 namespace cli
@@ -16,7 +17,8 @@ namespace cli
 struct Place {
     uint32_t line = 0, column = 0;
 
-    auto operator<=>(const Place &) const = default;
+    bool operator==(const Place &) const = default;
+    bool operator<(const Place &other) const { return std::tie(line, column) < std::tie(other.line, other.column); }
 };
 
 struct TomlMember;
