@@ -1,5 +1,6 @@
 /* Texts of the table; view.h. */
 
+#include <cmath>
 #include <cstdio>
 
 #include "agent/event_names.h"
@@ -21,7 +22,7 @@ std::string rate_text(uint64_t events, uint64_t now_ms)
 {
     const double rate = static_cast<double>(events) * 1000 / static_cast<double>(Window::span_ms(now_ms));
     if (rate >= 1000)
-        return agent::with_commas(static_cast<uint64_t>(rate + 0.5));
+        return agent::with_commas(static_cast<uint64_t>(std::llround(rate)));
     char text[16];
     snprintf(text, sizeof text, "%.1f", rate);
     return text;

@@ -24,7 +24,7 @@ struct TopOptions : WatchOptions {
 
 extern const VerbOf<TopOptions> kTop;
 
-int run_top(const TopOptions &options);
+int run_top(const TopOptions &given);
 
 }  // namespace cli
 
