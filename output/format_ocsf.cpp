@@ -137,7 +137,7 @@ private:
         put_text(writer, "class_name", what.name);
         put_number(writer, "activity_id", static_cast<uint64_t>(what.activity));
         put_text(writer, "activity_name", what.activity_name);
-        put_number(writer, "type_uid", static_cast<uint64_t>(what.uid * 100 + what.activity));
+        put_number(writer, "type_uid", static_cast<uint64_t>(what.uid) * 100 + static_cast<uint64_t>(what.activity));
         put_number(writer, "severity_id", static_cast<uint64_t>(what.severity));
     }
 

@@ -105,7 +105,7 @@ void add_latency(const Json &latency, const std::string &labels, std::string &ou
 
 void add_service(const Json &stats, std::string &out)
 {
-    const Json &service = stats["service"];
+    const Json &service = *find_member(stats, "service");
     add_head({"", "fmon_info", "gauge", "The service."}, out);
     add_sample("fmon_info",
                label("version", text_of(service, "version")) + "," + label("host", text_of(service, "host")) + "," +

@@ -147,7 +147,7 @@ bool stats_text(std::string_view json, std::string &text)
     rapidjson::Document stats;
     if (!parse_stats(json, stats))
         return false;
-    add_service(stats["service"], text);
+    add_service(*find_member(stats, "service"), text);
     add_losses(stats, text);
     if (const Json *const monitor = find_member(stats, "monitor"))
         add_monitor(*monitor, text);
