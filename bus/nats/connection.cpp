@@ -46,6 +46,7 @@ void set_servers(natsOptions *options, const Settings &settings, Steps &steps)
 {
     const std::vector<std::string> servers = settings.texts("servers");
     std::vector<const char *> texts;
+    texts.reserve(servers.size());
     for (const std::string &server : servers)
         texts.push_back(server.c_str());
     steps.add("servers", natsOptions_SetServers(options, texts.data(), static_cast<int>(texts.size())));
