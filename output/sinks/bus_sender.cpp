@@ -231,9 +231,9 @@ void BusSender::collect(uint64_t now)
     }
     if (ordinal == 0)
         return;
-    spool_.acknowledge(ordinal);
     const uint64_t refused = std::exchange(pace_.refused, 0);
-    const common::Lock lock(lock_);
+    const common::Lock lock(lock_); /* before the spool is empty: whoever waits for that then finds the figures */
+    spool_.acknowledge(ordinal);
     SenderFigures &figures = shared_.figures;
     figures.acknowledged += news.acknowledged - std::min(refused, news.acknowledged);
     figures.refused += refused;
