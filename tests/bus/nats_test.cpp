@@ -1,8 +1,10 @@
 /* Records into real NATS servers: what arrived in the stream is what was accepted, once each, whatever happens on the
  * way. */
+#include <fcntl.h>
 #include <sys/mman.h>
-#include <sys/wait.h>
+#include <unistd.h>
 
+#include <atomic>
 #include <cstdio>
 #include <fstream>
 #include <set>
@@ -64,6 +66,19 @@ protected:
     Feed feed;
     std::string last_condition;
 };
+
+/* What a child is told. */
+constexpr char kServer[] = "FMON_BUS_SERVER", kSpool[] = "FMON_BUS_SPOOL", kAccepted[] = "FMON_BUS_ACCEPTED";
+
+/* A number in a file that processes share; null: it could not be made. */
+std::atomic<uint64_t> *counter_in(const std::string &path)
+{
+    const common::Fd fd(::open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600));
+    if (ftruncate(fd.get(), sizeof(std::atomic<uint64_t>)) != 0)
+        return nullptr;
+    void *const map = mmap(nullptr, sizeof(std::atomic<uint64_t>), PROT_READ | PROT_WRITE, MAP_SHARED, fd.get(), 0);
+    return map == MAP_FAILED ? nullptr : static_cast<std::atomic<uint64_t> *>(map);
+}
 
 }  // namespace
 
@@ -175,27 +190,36 @@ TEST_F(BusNats, WhatTheStreamNeverTakesIsCountedAndTheRestArrives)
     EXPECT_EQ(1, std::count(ids.begin(), ids.end(), Feed::id(12)));
 }
 
-/* Accepts records in a child of its own until that is killed in the middle; how many were accepted at least. */
+/* What the next case kills: a program of its own, since a copy of this process would have the locks of the engine's
+ * threads without the threads. */
+using BusNatsSender = BusNats;
+
+TEST_F(BusNatsSender, DISABLED_SendsUntilItIsKilled)
+{
+    Settings all = settings({getenv(kServer)});
+    all.set("spool", std::string(getenv(kSpool)));
+    std::atomic<uint64_t> *const accepted = counter_in(getenv(kAccepted));
+    ASSERT_TRUE(accepted && open(all));
+    for (;;) {
+        feed.put(100);
+        *accepted = feed.given();
+    }
+}
+
 TEST_F(BusNats, AKilledSenderSendsTheRestInOrderWhenItIsBack)
 {
     const NatsServers servers(1);
     Stream stream(servers);
     ASSERT_TRUE(stream.make(1));
-    auto *const accepted = static_cast<std::atomic<uint64_t> *>(
-        mmap(nullptr, sizeof(std::atomic<uint64_t>), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0));
-    ASSERT_NE(MAP_FAILED, static_cast<void *>(accepted));
-    const pid_t child = fork();
-    if (child == 0) {
-        if (!open(settings(servers.addresses())))
-            _exit(1);
-        for (;;) {
-            feed.put(100);
-            *accepted = feed.given();
-        }
-    }
-    EXPECT_TRUE(wait_until([&] { return *accepted > 20'000; }));
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
+    std::atomic<uint64_t> *const accepted = counter_in(tree.path("accepted"));
+    ASSERT_TRUE(accepted);
+    setenv(kServer, servers.addresses()[0].c_str(), 1);
+    setenv(kSpool, tree.path("spool").c_str(), 1);
+    setenv(kAccepted, tree.path("accepted").c_str(), 1);
+    Server child({"/proc/self/exe", "--gtest_also_run_disabled_tests", "--gtest_filter=BusNatsSender.*"},
+                 tree.path("child.log"));
+    EXPECT_TRUE(wait_until([&] { return *accepted > 10'000; }));
+    child.kill();
     const uint64_t sure = *accepted;
     ASSERT_TRUE(open(settings(servers.addresses())));
     feed.go_on_at(sure + 101); /* what the child accepted last, it could not say */
