@@ -17,7 +17,7 @@ constexpr size_t kWindowBytes = size_t{8} << 20;
 constexpr size_t kReadBytes = size_t{256} << 10;
 constexpr size_t kAtOnce = 256; /* messages of a call */
 constexpr uint64_t kFirstPauseMs = 250, kLastPauseMs = 4000;
-constexpr uint64_t kReopenMs = 2000;
+constexpr uint64_t kLastReopenMs = 2000;
 constexpr uint64_t kIdleMs = 1000;
 constexpr int kAnswerMs = 10;   /* while answers are awaited and something may be sent after them */
 constexpr int kBlockedMs = 100; /* while the bus takes nothing */
@@ -139,11 +139,14 @@ bool BusSender::open_bus()
         settings.push_back({key.c_str(), value.c_str()});
     char why[256] = "";
     bus_ = options_.plugin->open(settings.data(), settings.size(), &listener_, why, sizeof why);
-    if (!bus_)
+    if (!bus_) {
         say(false, why);
-    else if (!pace_.works)
+        return false;
+    }
+    pace_.pause = 0;
+    if (!pace_.works)
         say(true, "");
-    return bus_ != nullptr;
+    return true;
 }
 
 void BusSender::fill()
@@ -215,13 +218,17 @@ void BusSender::note_pop(const BusRecord &record, SenderFigures &news) const
         news.safe = record.entry.number;
 }
 
+/* Longer from time to time. */
+void BusSender::pause(uint64_t now, uint64_t longest)
+{
+    pace_.pause = std::clamp(pace_.pause * 2, kFirstPauseMs, longest);
+    pace_.until = now + pace_.pause;
+}
+
 void BusSender::collect(uint64_t now)
 {
-    if (pace_.failed) {
-        pace_.pause = std::clamp(pace_.pause * 2, kFirstPauseMs, kLastPauseMs);
-        pace_.until = now + pace_.pause;
-        pace_.failed = false;
-    }
+    if (std::exchange(pace_.failed, false))
+        pause(now, kLastPauseMs);
     BusRecord record;
     SenderFigures news;
     uint64_t ordinal = 0;
@@ -273,7 +280,7 @@ void BusSender::run()
             continue;
         }
         if (now >= pace_.until)
-            pace_.until = now + kReopenMs;
+            pause(now, kLastReopenMs);
         tick_(now);
         sleep(std::min(kIdleMs, pace_.until - now));
     }

@@ -2,7 +2,7 @@
  * bus_sender.h: the thread that takes records from a spool to a message bus until they are acknowledged.
  *
  * Records go in the order of the spool. What the bus did not confirm is sent again, after a pause that grows as long as
- * nothing gets through. A bus that cannot be opened is tried again every few seconds.
+ * nothing gets through. So is a bus that cannot be opened.
  */
 #ifndef OUTPUT_SINKS_BUS_SENDER_H
 #define OUTPUT_SINKS_BUS_SENDER_H
@@ -84,6 +84,7 @@ private:
     bool send(uint64_t now);
     size_t send_some();
     void collect(uint64_t now);
+    void pause(uint64_t now, uint64_t longest);
     void note_pop(const BusRecord &record, SenderFigures &news) const;
     void sleep(uint64_t ms) EXCLUDES(lock_);
     void say(bool works, const std::string &why) EXCLUDES(lock_);
