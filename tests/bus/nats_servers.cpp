@@ -10,6 +10,7 @@ namespace
 
 constexpr int64_t kTenMinutes = int64_t{600} * 1'000'000'000;
 constexpr int kAtOnce = 1000;
+constexpr int64_t kAnswerMs = 500; /* a cluster that has no leader yet says nothing */
 
 std::string address(int port) { return "127.0.0.1:" + std::to_string(port); }
 
@@ -94,7 +95,10 @@ bool Stream::make(int replicas, bool in_memory, int longest)
     config.Replicas = replicas;
     config.Duplicates = kTenMinutes;
     config.MaxMsgSize = longest;
-    return js_ && wait_until([&] { return js_AddStream(nullptr, js_, &config, nullptr, nullptr) == NATS_OK; });
+    jsOptions options;
+    jsOptions_Init(&options);
+    options.Wait = kAnswerMs;
+    return js_ && wait_until([&] { return js_AddStream(nullptr, js_, &config, &options, nullptr) == NATS_OK; });
 }
 
 uint64_t Stream::messages()

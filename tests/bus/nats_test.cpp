@@ -31,7 +31,7 @@ protected:
         out.set("subject", std::string("fmon.{host}.{instance}.{kind}"));
         out.set("spool", tree.path("spool"));
         out.set("heartbeat", uint64_t{0});
-        out.set("ack_timeout", uint64_t{2000});
+        out.set("ack_timeout", uint64_t{1000});
         return out;
     }
     bool open(const Settings &all)
@@ -141,7 +141,7 @@ TEST_F(BusNats, ASilentConnectionLosesNothing)
     ASSERT_TRUE(feed.sink().drain(kPatienceMs));
     proxy.set(Proxy::State::kSilent);
     feed.put(5000);
-    EXPECT_TRUE(is_stuck_with("no acknowledgement within 2 s")) << last_condition;
+    EXPECT_TRUE(is_stuck_with("no acknowledgement within 1 s")) << last_condition;
     if (is_long())
         wait_until([] { return false; }, 60'000);
     proxy.set(Proxy::State::kOpen);
