@@ -17,12 +17,13 @@ namespace testlib
 namespace
 {
 
+/* All atomic: a thread that saw a slot armed may still read what the next switch writes there. */
 struct Slot {
     std::atomic<bool> armed;
-    Call call;
-    int nth, count, err; /* nth 0: counts only */
-    ThreadScope scope;
-    pthread_t owner;
+    std::atomic<Call> call;
+    std::atomic<int> nth, count, err; /* nth 0: counts only */
+    std::atomic<ThreadScope> scope;
+    std::atomic<pthread_t> owner;
     std::atomic<int> calls;
     std::atomic<bool> hit;
 };
@@ -88,7 +89,7 @@ bool counts_and_fails(Slot &slot, Call call)
 {
     if (!slot.armed || slot.call != call)
         return false;
-    if (slot.scope == ThreadScope::kMine && !pthread_equal(slot.owner, pthread_self()))
+    if (slot.scope == ThreadScope::kMine && !pthread_equal(slot.owner.load(), pthread_self()))
         return false;
     int n = ++slot.calls;
     if (slot.nth == 0 || n < slot.nth || n - slot.nth >= slot.count)
