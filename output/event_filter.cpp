@@ -42,11 +42,17 @@ bool matches(const std::string &pattern, const std::string &text)
     return !text.empty() && fnmatch(pattern.c_str(), text.c_str(), 0) == 0;
 }
 
+std::optional<uint32_t> number_of(const std::string &text)
+{
+    uint32_t number = 0;
+    const char *const end = text.data() + text.size();
+    const std::from_chars_result read = std::from_chars(text.data(), end, number);
+    return read.ec == std::errc() && read.ptr == end ? std::optional(number) : std::nullopt;
+}
+
 std::optional<uint32_t> user_id(const std::string &user)
 {
-    uint32_t id = 0;
-    const char *const end = user.data() + user.size();
-    if (!user.empty() && std::from_chars(user.data(), end, id).ptr == end)
+    if (const std::optional<uint32_t> id = number_of(user))
         return id;
     struct passwd entry, *found = nullptr;
     std::vector<char> room(16384);
@@ -54,6 +60,22 @@ std::optional<uint32_t> user_id(const std::string &user)
         return {};
     return found->pw_uid;
 }
+
+// Null: all texts are of ids; else the first that is not.
+template <typename IdOf>
+const std::string *set_ids(Wishes<uint32_t> &ids, const std::vector<std::string> &texts, IdOf id_of)
+{
+    for (const std::string &text : texts) {
+        const bool is_wanted = !text.starts_with('!');
+        const std::optional<uint32_t> id = id_of(text.substr(!is_wanted));
+        if (!id)
+            return &text;
+        wish(ids, is_wanted, *id);
+    }
+    return nullptr;
+}
+
+std::string without_mark(const std::string &text) { return text.substr(text.starts_with('!')); }
 
 }  // namespace
 
@@ -64,44 +86,53 @@ bool EventFilter::prepare(const FilterOptions &options, NameOf name_of, std::str
     name_of_ = std::move(name_of);
     if (!set_paths(options, key, error))
         return false;
-    key = "users";
-    return set_users(options.users, error);
-}
-
-bool EventFilter::set_paths(const FilterOptions &options, std::string &key, std::string &error)
-{
-    const auto refuse = [&](const char *which, const std::string &pattern, const std::string &reason) {
-        key = which;
-        error = "'" + pattern + "' is no regular expression: " + reason;
+    if (const std::string *wrong = set_ids(process_ids_, options.process_ids, number_of)) {
+        key = "process_id";
+        error = "'" + without_mark(*wrong) + "' is no number of a process";
         return false;
-    };
-    std::string reason;
-    for (const std::string &pattern : options.include)
-        if (!path_.include(pattern, reason))
-            return refuse("include", pattern, reason);
-    for (const std::string &pattern : options.exclude)
-        if (!path_.exclude(pattern, reason))
-            return refuse("exclude", pattern, reason);
-    return true;
-}
-
-bool EventFilter::set_users(const std::vector<std::string> &users, std::string &error)
-{
-    for (const std::string &user : users) {
-        const bool is_wanted = !user.starts_with('!');
-        const std::optional<uint32_t> id = user_id(user.substr(!is_wanted));
-        if (!id) {
-            error = "there is no user '" + user.substr(!is_wanted) + "' on this machine";
-            return false;
-        }
-        wish(users_, is_wanted, *id);
+    }
+    if (const std::string *wrong = set_ids(users_, options.users, user_id)) {
+        key = "user";
+        error = "there is no user '" + without_mark(*wrong) + "' on this machine";
+        return false;
     }
     return true;
 }
 
-bool EventFilter::shows(const agent::Event &event) const
+bool EventFilter::set_paths(const FilterOptions &options, std::string &key, std::string &error)
 {
-    return path_.shows(event.path) && shows_process(event.process) && shows_container(event);
+    const auto add = [&](const char *which, const std::vector<std::string> &patterns, auto way,
+                         PathFilter::Case letters) {
+        std::string reason;
+        for (const std::string &pattern : patterns) {
+            if ((path_.*way)(pattern, reason, letters))
+                continue;
+            key = which;
+            error = "'" + pattern + "' is no regular expression: " + reason;
+            return false;
+        }
+        return true;
+    };
+    return add("include", options.include, &PathFilter::include, PathFilter::kExact) &&
+           add("exclude", options.exclude, &PathFilter::exclude, PathFilter::kExact) &&
+           add("iinclude", options.include_any_case, &PathFilter::include, PathFilter::kAnyCase) &&
+           add("iexclude", options.exclude_any_case, &PathFilter::exclude, PathFilter::kAnyCase);
+}
+
+bool EventFilter::shows_paths(const agent::Event &event) const
+{
+    return path_.shows(event.path) || (!event.from.empty() && path_.shows(event.from));
+}
+
+bool EventFilter::shows_cause(const agent::Event &event) const
+{
+    const auto is_it = [&](uint32_t id) { return event.pid == id; };
+    return is_shown(process_ids_, is_it) && shows_process(event.process) && shows_container(event);
+}
+
+bool EventFilter::wants_known_process() const
+{
+    return !processes_.wanted.empty() || !process_ids_.wanted.empty() || !users_.wanted.empty();
 }
 
 // A process that is not known is none of those that are wanted.

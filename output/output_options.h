@@ -6,17 +6,16 @@
 
 #include <cstdint>
 #include <string>
-#include <vector>
+
+#include "filter_options.h"
 
 namespace output
 {
 
-struct OutputOptions {
-    std::vector<std::string> include, exclude;                   /* regular expressions on the path */
-    std::vector<std::string> include_any_case, exclude_any_case; /* likewise, for upper and lower case alike */
-    std::string format = "text";                                 /* a name of formats.h, or a template */
-    bool as_given = false;                                       /* paths are shown as they were typed */
-    std::string time_format; /* of records that are no JSON, see agent/time_format.h; empty: their own */
+struct OutputOptions : FilterOptions {
+    std::string format = "text"; /* a name of formats.h, or a template */
+    bool as_given = false;       /* paths are shown as they were typed */
+    std::string time_format;     /* of records that are no JSON, see agent/time_format.h; empty: their own */
     bool null_end = false;
     std::string output; /* empty: stdout */
     bool append = false;

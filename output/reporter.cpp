@@ -1,5 +1,7 @@
 #include "reporter.h"
 
+#include <unistd.h>
+
 #include "agent/deleted_path.h"
 #include "agent/message.h"
 #include "agent/signals.h"
@@ -15,7 +17,7 @@ bool Reporter::prepare(std::string &error)
 {
     const FormatRow *const form = find_format(options_.format);
     has_records_ = form && form->has_records;
-    return selection_.set_patterns(options_, error) && make_formatter(options_.format, style_, error) &&
+    return selection_.set_filter(options_, error) && make_formatter(options_.format, style_, error) &&
            Output::check(options_.output, error);
 }
 
@@ -50,6 +52,8 @@ bool Reporter::begin(std::string &error)
     style_.time_format = options_.time_format;
     style_.colours = style_.terminal && wants_colours();
     output_.set_end(style_.end);
+    if (selection_.wants_known_process() && geteuid() != 0)
+        note("--process, --process-id and --user: the kernel names processes to root only, so nothing may be shown");
     formatter_ = make_formatter(options_.format, style_, error);
     if (own.empty() || output_.is_empty())
         formatter_->begin(output_.buffer());

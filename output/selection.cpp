@@ -7,20 +7,14 @@
 namespace output
 {
 
-bool Selection::set_patterns(const OutputOptions &options, std::string &error)
+bool Selection::set_filter(const FilterOptions &options, std::string &error)
 {
-    using Letters = PathFilter::Case;
-    const auto add = [&](const char *option, const std::vector<std::string> &patterns, auto way, Letters letters) {
-        std::string reason;
-        for (const std::string &pattern : patterns)
-            if (!(filter_.*way)(pattern, reason, letters))
-                error = std::string(option) + " '" + pattern + "' is no regular expression: " + reason;
-    };
-    add("--include", options.include, &PathFilter::include, Letters::kExact);
-    add("--exclude", options.exclude, &PathFilter::exclude, Letters::kExact);
-    add("--iinclude", options.include_any_case, &PathFilter::include, Letters::kAnyCase);
-    add("--iexclude", options.exclude_any_case, &PathFilter::exclude, Letters::kAnyCase);
-    return error.empty();
+    std::string key;
+    if (filter_.prepare(options, nullptr, key, error))
+        return true;
+    std::replace(key.begin(), key.end(), '_', '-');
+    error = "--" + key + " " + error;
+    return false;
 }
 
 void Selection::set_plan(const agent::Plan &plan)
@@ -52,7 +46,7 @@ uint32_t Selection::shown_kinds(const agent::Event &event) const
 {
     const uint32_t kinds = event.mask & kinds_[event.source];
     const bool shown = kinds && (shows(event.path) || (!event.from.empty() && shows(event.from)));
-    return shown ? kinds : 0;
+    return shown && filter_.shows_cause(event) ? kinds : 0;
 }
 
 }  // namespace output

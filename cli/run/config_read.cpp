@@ -167,7 +167,7 @@ void check_filter(const CheckedTable &table, const output::FilterOptions &filter
     std::string key, error;
     if (trial.prepare(filter, nullptr, key, error))
         return;
-    table.fault(key == "users" ? "user" : key, error);
+    table.fault(key, error);
 }
 
 output::PacingOptions pacing_of(const CheckedTable &table)
@@ -184,8 +184,14 @@ InstanceConfig read_instance(const TomlValue &value, const agent::Request &monit
     InstanceConfig instance;
     instance.name = table.text("name");
     check_name(table, instance.name, others);
-    instance.filter = {table.texts("include"), table.texts("exclude"), table.texts("process"), table.texts("user"),
-                       table.texts("container")};
+    instance.filter = {.include = table.texts("include"),
+                       .exclude = table.texts("exclude"),
+                       .include_any_case = table.texts("iinclude"),
+                       .exclude_any_case = table.texts("iexclude"),
+                       .processes = table.texts("process"),
+                       .process_ids = table.texts("process_id"),
+                       .users = table.texts("user"),
+                       .containers = table.texts("container")};
     check_filter(table, instance.filter);
     instance.pacing = pacing_of(table);
     for (const TomlValue &watch : table.tables("watch"))

@@ -27,10 +27,13 @@ constexpr output::Setting kInstance[] = {
     {"name", T::kText, "what it is called in records, messages and figures: letters, digits, - and _", nullptr, true},
     {"include", T::kTexts, "show only paths that match one of these (regular expressions, extended)", nullptr},
     {"exclude", T::kTexts, "hide paths that match one of these", nullptr},
+    {"iinclude", T::kTexts, "as include, for upper and lower case alike", nullptr},
+    {"iexclude", T::kTexts, "as exclude, for upper and lower case alike", nullptr},
     {"process", T::kTexts,
      "show only what processes of these names, or programs with their paths, did; * and ? as in a "
      "shell; with ! in front: hide",
      nullptr},
+    {"process_id", T::kTexts, "show only what processes with these numbers did; with ! in front: hide", nullptr},
     {"user", T::kTexts, "show only what these users did, by name or number; with ! in front: hide", nullptr},
     {"container", T::kTexts,
      "show only what was done in these containers, by id, name or image, or by the \"host\"; "

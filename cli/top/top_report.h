@@ -27,7 +27,7 @@ public:
     {
     }
 
-    bool prepare(std::string &error) { return selection_.set_patterns(options_, error); }
+    bool prepare(std::string &error) { return selection_.set_filter(options_, error); }
 
     void hide(const std::vector<std::string> &paths) override;
     void set_plan(const agent::Plan &plan) override { selection_.set_plan(plan); }

@@ -85,6 +85,13 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "exclude", "REGEX", "hide paths that match (extended, may be repeated)"}, add_text<O, &O::exclude>},
     {{0, "iinclude", "REGEX", "as --include, for upper and lower case alike"}, add_text<O, &O::include_any_case>},
     {{0, "iexclude", "REGEX", "as --exclude, for upper and lower case alike"}, add_text<O, &O::exclude_any_case>},
+    {{0, "process", "NAME",
+      "show only what processes of this name, or programs of this\npath, did; * and ? as in a shell; !NAME hides (may "
+      "be repeated)"},
+     add_text<O, &O::processes>},
+    {{0, "process-id", "PID", "show only what the process with this number did; !PID hides"},
+     add_text<O, &O::process_ids>},
+    {{0, "user", "USER", "show only what this user did, by name or number; !USER hides"}, add_text<O, &O::users>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
       "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %o old path,\n%P process id, %n "

@@ -78,6 +78,10 @@ fmon watch -r -e all /srv|read|access.*/srv/file
 (cd /srv && fatrace -c -f C)|write|sh\([0-9]+\): C.* .*/srv/file
 fmon watch --mount -e close -f '%n(%P): %e %p' /srv|write|^sh\([0-9]+\): .*close_write .*/srv/file
 fmon watch -r -e close_write --ancestors /srv|write|close_write .*/srv/file .*sh\[[0-9]+\] < 
+(cd /srv && fatrace -c -C cat)|read|cat\([0-9]+\): R?C?O? .*/srv/file
+fmon watch --mount -e all --process cat /srv|read|access.*/srv/file .*cat\[
+(cd /srv && fatrace -c -p 1)|write|sh\([0-9]+\): .*/srv/file
+fmon watch --mount -e all --process-id '!1' /srv|write|modify.*/srv/file .*sh\[
 fmon watch -e modify,close_write,attrib -f json /srv/passwd|passwd|"events":\[.*"path":".*/srv/passwd".*"loginuid|"path":".*/srv/passwd"
 fmon watch -r -f json /srv|write|"path":".*/srv/file"
 fmon watch -e access,open /srv/secret|secret|/srv/secret .*cat\[
@@ -88,6 +92,7 @@ fmon watch --wait /srv/later|later|/srv/later
 fmon watch '/srv/*/.ssh'|key|/srv/u/.ssh/key
 fmon watch -r -f csv /srv|write|^20[^,]*,.*,.*/srv/file,[0-9]+,
 fmon dump -t instances|nothing|/srv
+fmon watch -r -e close_write --user root /srv|write|close_write .*/srv/file .*sh\[
 END
 }
 
@@ -151,7 +156,7 @@ while IFS= read -r line; do
         try "$line" "$(part "$row" 2)" "$(part "$row" 3)"
     fi
 done <"$work/lines"
-[ "$(grep -c fmon "$work/lines")" = 30 ] || wrong "the page has not thirty lines of ours"
+[ "$(grep -c fmon "$work/lines")" = 33 ] || wrong "the page has not thirty-three lines of ours"
 while IFS= read -r row; do
     grep -qxF -- "$(part "$row" 1)" "$work/lines" || wrong "not on the page: $(part "$row" 1)"
 done <"$work/expected"

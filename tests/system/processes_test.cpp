@@ -169,6 +169,54 @@ TEST_F(WatchedProcesses, TheStartIsThatOfProc)
     EXPECT_EQ(loginuid == "4294967295" ? "-1" : loginuid, std::to_string(process.value("loginuid", -1L)));
 }
 
+namespace
+{
+
+/* What a watch with these filters shows of a file that dd closes as nobody, and of one that this process writes. */
+Names shown_with(std::vector<std::string> filters)
+{
+    const TempTree tree;
+    filters.insert(filters.end(), {"-e", "close_write"});
+    Watch watch(tree.root(), filters);
+    watch.established();
+    run_shell("exec setpriv --reuid 65534 --clear-groups dd if=/dev/null 2>/dev/null >" + tree.path("dd"));
+    make_file(tree.path("own"));
+    Names shown;
+    for (const auto &[path, kinds] : watch.barrier(tree.root(), {"close_write"}))
+        shown.insert(path);
+    EXPECT_EQ(0, watch.stop()) << watch.process().errors();
+    return shown;
+}
+
+class ChosenProcesses : public testing::Test
+{
+protected:
+    void SetUp() override
+    {
+        NEED(testlib::can_fanotify(), kNeeds);
+        NEED(has_connector(), "the kernel reports processes on the host only");
+    }
+    const std::string own_ = "system_proc*"; /* the marker of a barrier is this process's, too */
+};
+
+}  // namespace
+
+TEST_F(ChosenProcesses, ByName)
+{
+    EXPECT_EQ((Names{"dd", "own"}), shown_with({"--process", own_, "--process", "dd"}));
+    EXPECT_EQ((Names{"dd", "own"}), shown_with({"--process", own_, "--process", "/*/dd"}));
+    EXPECT_EQ(Names{"own"}, shown_with({"--process", own_}));
+    EXPECT_EQ(Names{"own"}, shown_with({"--process", "!dd"}));
+}
+
+TEST_F(ChosenProcesses, ByNumberAndUser)
+{
+    EXPECT_EQ(Names{"own"}, shown_with({"--process-id", std::to_string(getpid())}));
+    EXPECT_EQ(Names{"own"}, shown_with({"--user", "root"}));
+    EXPECT_EQ(Names{"own"}, shown_with({"--user", "!65534"}));
+    EXPECT_EQ((Names{"dd", "own"}), shown_with({"--user", "0", "--user", "65534"}));
+}
+
 /* Where the kernel reports no processes all goes on by /proc. */
 TEST(ProcessesElsewhere, InAnotherPidNamespaceProcIsRead)
 {

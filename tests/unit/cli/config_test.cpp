@@ -123,7 +123,10 @@ TEST(ConfigTest, FiltersAndPacing)
     const InstanceConfig only = config_of(with_instance(R"(
 include = ["^/etc/"]
 exclude = "swp$"
+iinclude = "readme"
+iexclude = ["~$"]
 process = ["!apt"]
+process_id = ["1", "!2"]
 user = ["root"]
 container = ["web"]
 rate_limit = 100
@@ -131,7 +134,9 @@ sample = 10
 burst_summary = "10 s"
 )"))
                                     .instances.at(0);
-    EXPECT_EQ((output::FilterOptions{{"^/etc/"}, {"swp$"}, {"!apt"}, {"root"}, {"web"}}), only.filter);
+    EXPECT_EQ(
+        (output::FilterOptions{{"^/etc/"}, {"swp$"}, {"readme"}, {"~$"}, {"!apt"}, {"1", "!2"}, {"root"}, {"web"}}),
+        only.filter);
     EXPECT_EQ((output::PacingOptions{100, 10, 10'000}), only.pacing);
 }
 

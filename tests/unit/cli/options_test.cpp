@@ -68,6 +68,15 @@ TEST(CliOptions, EveryValue)
     EXPECT_EQ("csv", o.options.format);
 }
 
+TEST(CliOptions, WhoCausedIt)
+{
+    const auto o = parse_words("--process cat --process !/bin/dog --process-id 12 --user root --user !0 /a");
+    ASSERT_TRUE(o.ok) << o.error;
+    EXPECT_EQ((std::vector<std::string>{"cat", "!/bin/dog"}), o.options.processes);
+    EXPECT_EQ(std::vector<std::string>{"12"}, o.options.process_ids);
+    EXPECT_EQ((std::vector<std::string>{"root", "!0"}), o.options.users);
+}
+
 TEST(CliOptions, OptionsMayFollowPathsUntilTwoDashes)
 {
     const auto o = parse({"/a", "-r", "--", "-b"});

@@ -36,9 +36,16 @@ protected:
     agent::ProcessInfo nginx, boxed;
 };
 
-FilterOptions processes(const Texts &texts) { return {{}, {}, texts, {}, {}}; }
-FilterOptions users(const Texts &texts) { return {{}, {}, {}, texts, {}}; }
-FilterOptions containers(const Texts &texts) { return {{}, {}, {}, {}, texts}; }
+FilterOptions with(Texts FilterOptions::*member, const Texts &texts)
+{
+    FilterOptions options;
+    options.*member = texts;
+    return options;
+}
+FilterOptions processes(const Texts &texts) { return with(&FilterOptions::processes, texts); }
+FilterOptions process_ids(const Texts &texts) { return with(&FilterOptions::process_ids, texts); }
+FilterOptions users(const Texts &texts) { return with(&FilterOptions::users, texts); }
+FilterOptions containers(const Texts &texts) { return with(&FilterOptions::containers, texts); }
 
 }  // namespace
 
@@ -50,9 +57,9 @@ TEST_F(EventFilterTest, WithoutWishesAllIsShown)
 
 TEST_F(EventFilterTest, PathsAreRegularExpressions)
 {
-    EXPECT_TRUE(shows({{"/a$"}, {}, {}, {}, {}}, nullptr));
-    EXPECT_FALSE(shows({{"/b$"}, {}, {}, {}, {}}, nullptr));
-    EXPECT_FALSE(shows({{}, {"^/srv"}, {}, {}, {}}, nullptr));
+    EXPECT_TRUE(shows(with(&FilterOptions::include, {"/a$"}), nullptr));
+    EXPECT_FALSE(shows(with(&FilterOptions::include, {"/b$"}), nullptr));
+    EXPECT_FALSE(shows(with(&FilterOptions::exclude, {"^/srv"}), nullptr));
 }
 
 TEST_F(EventFilterTest, ProcessesAreNamesOrPrograms)
@@ -70,6 +77,45 @@ TEST_F(EventFilterTest, AnUnknownProcessIsNoneOfThoseWanted)
     EXPECT_FALSE(shows(processes({"nginx"}), nullptr));
     EXPECT_TRUE(shows(processes({"!nginx"}), nullptr));
     EXPECT_FALSE(shows(users({"root"}), nullptr));
+}
+
+TEST_F(EventFilterTest, PathsInAnyCase)
+{
+    EXPECT_TRUE(shows(with(&FilterOptions::include_any_case, {"/A$"}), nullptr));
+    EXPECT_FALSE(shows(with(&FilterOptions::exclude_any_case, {"^/SRV"}), nullptr));
+}
+
+// The event is of process 1.
+TEST_F(EventFilterTest, ProcessesByTheirNumbers)
+{
+    EXPECT_TRUE(shows(process_ids({"1"}), nullptr));
+    EXPECT_TRUE(shows(process_ids({"2", "1"}), &nginx));
+    EXPECT_FALSE(shows(process_ids({"11"}), &nginx));
+    EXPECT_FALSE(shows(process_ids({"!1"}), &nginx));
+    EXPECT_TRUE(shows(process_ids({"!2"}), &nginx));
+}
+
+TEST_F(EventFilterTest, ARenameByEitherPath)
+{
+    EventFilter filter;
+    std::string key, error;
+    ASSERT_TRUE(filter.prepare(with(&FilterOptions::include, {"^/srv/"}), nullptr, key, error)) << error;
+    agent::Event event = event_of("/tmp/a", FMON_MOVED_TO);
+    EXPECT_FALSE(filter.shows(event));
+    event.from = "/srv/a";
+    EXPECT_TRUE(filter.shows(event));
+}
+
+TEST_F(EventFilterTest, WhatNeedsAKnownProcess)
+{
+    const auto wants = [](const FilterOptions &options) {
+        EventFilter filter;
+        std::string key, error;
+        EXPECT_TRUE(filter.prepare(options, nullptr, key, error)) << error;
+        return filter.wants_known_process();
+    };
+    EXPECT_TRUE(wants(processes({"a"})) && wants(process_ids({"1"})) && wants(users({"0"})));
+    EXPECT_FALSE(wants({}) || wants(processes({"!a"})) || wants(process_ids({"!1"})) || wants(users({"!0"})));
 }
 
 TEST_F(EventFilterTest, UsersAreNamesOrNumbers)
@@ -95,11 +141,20 @@ TEST_F(EventFilterTest, ContainersAreIdsNamesImagesOrTheHost)
 TEST_F(EventFilterTest, WhatIsWrongIsNamed)
 {
     std::string key, error;
-    EXPECT_FALSE(EventFilter().prepare({{"("}, {}, {}, {}, {}}, nullptr, key, error));
+    EXPECT_FALSE(EventFilter().prepare(with(&FilterOptions::include, {"("}), nullptr, key, error));
     EXPECT_EQ("include", key);
-    EXPECT_FALSE(EventFilter().prepare({{}, {"["}, {}, {}, {}}, nullptr, key, error));
+    EXPECT_FALSE(EventFilter().prepare(with(&FilterOptions::exclude, {"["}), nullptr, key, error));
     EXPECT_EQ("exclude", key);
+    EXPECT_FALSE(EventFilter().prepare(with(&FilterOptions::include_any_case, {"("}), nullptr, key, error));
+    EXPECT_EQ("iinclude", key);
+    EXPECT_FALSE(EventFilter().prepare(with(&FilterOptions::exclude_any_case, {"("}), nullptr, key, error));
+    EXPECT_EQ("iexclude", key);
+    for (const char *const wrong : {"", "!", "12a", "-1", "4294967296"}) {
+        EXPECT_FALSE(EventFilter().prepare(process_ids({wrong}), nullptr, key, error)) << wrong;
+        EXPECT_EQ("process_id", key);
+    }
+    EXPECT_FALSE(EventFilter().prepare(users({"4294967296"}), nullptr, key, error));
     EXPECT_FALSE(EventFilter().prepare(users({"!nobody-of-that-name"}), nullptr, key, error));
-    EXPECT_EQ("users", key);
+    EXPECT_EQ("user", key);
     EXPECT_EQ("there is no user 'nobody-of-that-name' on this machine", error);
 }

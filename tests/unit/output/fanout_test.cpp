@@ -177,7 +177,9 @@ TEST_F(FanoutTest, OutputsThatGoAreDrainedAndOthersStay)
 TEST_F(FanoutTest, FiltersAndHiddenFilesAreCounted)
 {
     add(first, "1");
-    fanout.set_filter({{}, {"swp$"}, {}, {}, {}}, {"/var/log/fmon/events.json"});
+    FilterOptions filter;
+    filter.exclude = {"swp$"};
+    fanout.set_filter(filter, {"/var/log/fmon/events.json"});
     for (const char *path :
          {"/a", "/a.swp", "/var/log/fmon/events.json", "/var/log/fmon/events.json.1", "/var/log/fmon/events.jsonx"})
         create(path);

@@ -2,6 +2,7 @@
 #include "output/selection.h"
 
 #include "orx_fmon.h"
+#include "output/output_options.h"
 #include "unit/agent/agent_testing.h"
 
 using namespace output;
@@ -51,7 +52,7 @@ TEST(Selection, ByPath)
     options.include = {"^/a/"};
     options.exclude = {"~$"};
     std::string error;
-    ASSERT_TRUE(selection.set_patterns(options, error)) << error;
+    ASSERT_TRUE(selection.set_filter(options, error)) << error;
     selection.set_plan(plan_of({FMON_CREATE}, "/a"));
     selection.hide("/a/out");
     EXPECT_NE(selection.shown_kinds(event_of("/a/b", FMON_CREATE)), 0u);
@@ -68,7 +69,7 @@ TEST(Selection, ByPathInAnyCase)
     options.include_any_case = {"[.]TXT$"};
     options.exclude_any_case = {"/readme"};
     std::string error;
-    ASSERT_TRUE(selection.set_patterns(options, error)) << error;
+    ASSERT_TRUE(selection.set_filter(options, error)) << error;
     selection.set_plan(plan_of({FMON_CREATE}, "/"));
     EXPECT_NE(selection.shown_kinds(event_of("/b/c.txt", FMON_CREATE)), 0u);
     EXPECT_NE(selection.shown_kinds(event_of("/b/c.Txt", FMON_CREATE)), 0u);
@@ -83,7 +84,7 @@ TEST(Selection, ARenameByEitherPath)
     OutputOptions options;
     options.exclude = {"[.]tmp$"};
     std::string error;
-    ASSERT_TRUE(selection.set_patterns(options, error)) << error;
+    ASSERT_TRUE(selection.set_filter(options, error)) << error;
     selection.set_plan(plan_of({FMON_MOVED_TO}, "/a"));
     agent::Event event = event_of("/a/b", FMON_MOVED_TO);
     event.from = "/a/b.tmp";
@@ -94,20 +95,45 @@ TEST(Selection, ARenameByEitherPath)
     EXPECT_EQ(0u, selection.shown_kinds(event));
 }
 
+TEST(Selection, ByWhoCausedIt)
+{
+    Selection selection(0);
+    OutputOptions options;
+    options.processes = {"cat"};
+    std::string error;
+    ASSERT_TRUE(selection.set_filter(options, error)) << error;
+    selection.set_plan(plan_of({FMON_CREATE}, "/a"));
+    agent::ProcessInfo process;
+    process.name = "cat";
+    EXPECT_NE(selection.shown_kinds(event_of("/a/b", FMON_CREATE, 1, &process)), 0u);
+    process.name = "dog";
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/b", FMON_CREATE, 1, &process)));
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/b", FMON_CREATE)));
+}
+
+TEST(Selection, AnIdThatIsNoneIsNamed)
+{
+    OutputOptions options;
+    options.process_ids = {"first"};
+    std::string error;
+    EXPECT_FALSE(Selection(0).set_filter(options, error));
+    EXPECT_EQ("--process-id 'first' is no number of a process", error);
+}
+
 TEST(Selection, APatternThatIsNoneIsNamed)
 {
     for (const bool include : {true, false}) {
         OutputOptions options;
         (include ? options.include : options.exclude) = {"a("};
         std::string error;
-        EXPECT_FALSE(Selection(0).set_patterns(options, error));
+        EXPECT_FALSE(Selection(0).set_filter(options, error));
         EXPECT_EQ(0u, error.find(include ? "--include 'a(' is no regular" : "--exclude 'a(' is no regular")) << error;
     }
     for (const bool include : {true, false}) {
         OutputOptions options;
         (include ? options.include_any_case : options.exclude_any_case) = {"a("};
         std::string error;
-        EXPECT_FALSE(Selection(0).set_patterns(options, error));
+        EXPECT_FALSE(Selection(0).set_filter(options, error));
         EXPECT_EQ(0u, error.find(include ? "--iinclude 'a(' is no regular" : "--iexclude 'a(' is no regular")) << error;
     }
 }
