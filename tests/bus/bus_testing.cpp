@@ -13,8 +13,6 @@
 #include <thread>
 #include <unordered_set>
 
-#include "common/fd.h"
-
 namespace bus_testing
 {
 
@@ -23,6 +21,17 @@ namespace
 
 const output::Origin kOrigin = {"host.example", "b00t", "web"};
 constexpr uint64_t kBatch = 100;
+
+struct sockaddr_in local(int port)
+{
+    struct sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(static_cast<uint16_t>(port));
+    return address;
+}
+
+struct sockaddr *any(struct sockaddr_in &address) { return reinterpret_cast<struct sockaddr *>(&address); }
 
 }  // namespace
 
@@ -47,15 +56,27 @@ bool wait_until(const std::function<bool()> &ready, uint64_t timeout_ms)
 
 int free_port()
 {
-    const common::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    int port = 0;
+    listen_locally(port);
+    return port;
+}
+
+common::Fd listen_locally(int &port)
+{
+    common::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_in address = local(0);
     socklen_t size = sizeof address;
-    struct sockaddr *const any = reinterpret_cast<struct sockaddr *>(&address);
-    if (bind(fd.get(), any, size) != 0 || getsockname(fd.get(), any, &size) != 0)
-        return 0;
-    return ntohs(address.sin_port);
+    if (bind(fd.get(), any(address), size) == 0 && listen(fd.get(), 16) == 0 &&
+        getsockname(fd.get(), any(address), &size) == 0)
+        port = ntohs(address.sin_port);
+    return fd;
+}
+
+common::Fd connect_locally(int port)
+{
+    common::Fd fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    struct sockaddr_in address = local(port);
+    return connect(fd.get(), any(address), sizeof address) == 0 ? std::move(fd) : common::Fd();
 }
 
 Server::Server(const std::vector<std::string> &argv, const std::string &log)
@@ -154,6 +175,23 @@ void print_row(const char *what, const Balance &balance, const char *cut)
            static_cast<unsigned long long>(balance.given), static_cast<unsigned long long>(balance.arrived),
            static_cast<unsigned long long>(balance.lost), static_cast<unsigned long long>(balance.twice),
            static_cast<unsigned long long>(balance.out_of_order), cut);
+}
+
+bool BusTest::open(const std::string &type, const output::Settings &settings)
+{
+    std::string error;
+    const bool opened = feed.open(type, settings, error);
+    EXPECT_TRUE(opened) << error;
+    return opened;
+}
+
+bool BusTest::is_stuck_with(const std::string &text)
+{
+    return wait_until([&] {
+        const output::Condition condition = feed.sink().condition();
+        last_condition = condition.text;
+        return condition.stuck && condition.text.find(text) != std::string::npos;
+    });
 }
 
 }  // namespace bus_testing

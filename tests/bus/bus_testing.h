@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "common/fd.h"
 #include "output/sinks.h"
 #include "testlib/tree.h"
 
@@ -28,6 +29,9 @@ bool wait_until(const std::function<bool()> &ready, uint64_t timeout_ms = kPatie
 
 /* A port of this machine that nobody listens to. */
 int free_port();
+/* A socket that listens to such a port; one that is connected to this port. No descriptor: it failed. */
+common::Fd listen_locally(int &port);
+common::Fd connect_locally(int port);
 
 /* A program, ended with the object. */
 class Server
@@ -83,6 +87,19 @@ struct Balance {
 };
 Balance balance_of(uint64_t given, const std::vector<std::string> &arrived);
 void print_row(const char *what, const Balance &balance, const char *cut);
+
+/* An output into a bus, with a directory for it. */
+class BusTest : public testing::Test
+{
+protected:
+    bool open(const std::string &type, const output::Settings &settings);
+    /* Waits until the output is stuck and says so with that text. */
+    bool is_stuck_with(const std::string &text);
+
+    testlib::TempTree tree;
+    Feed feed;
+    std::string last_condition;
+};
 
 }  // namespace bus_testing
 

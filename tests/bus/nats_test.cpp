@@ -7,8 +7,10 @@
 #include <atomic>
 #include <cstdio>
 #include <fstream>
+#include <optional>
 #include <set>
 
+#include "authority.h"
 #include "bus_testing.h"
 #include "nats_servers.h"
 #include "proxy.h"
@@ -19,7 +21,7 @@ using output::Settings;
 namespace
 {
 
-class BusNats : public testing::Test
+class BusNats : public BusTest
 {
 protected:
     void SetUp() override { NEED(NatsServers::can_run(), "there is no nats-server"); }
@@ -34,21 +36,7 @@ protected:
         out.set("ack_timeout", uint64_t{1000});
         return out;
     }
-    bool open(const Settings &all)
-    {
-        std::string error;
-        const bool opened = feed.open("nats", all, error);
-        EXPECT_TRUE(opened) << error;
-        return opened;
-    }
-    bool is_stuck_with(const std::string &text)
-    {
-        return wait_until([&] {
-            const output::Condition condition = feed.sink().condition();
-            last_condition = condition.text;
-            return condition.stuck && condition.text.find(text) != std::string::npos;
-        });
-    }
+    bool open(const Settings &all) { return BusTest::open("nats", all); }
     /* All has arrived, once each. */
     void check(Stream &stream, const char *what, const char *cut)
     {
@@ -61,10 +49,6 @@ protected:
         EXPECT_EQ(feed.given(), stream.messages());
         EXPECT_EQ(0u, feed.sink().figures().dropped);
     }
-
-    testlib::TempTree tree;
-    Feed feed;
-    std::string last_condition;
 };
 
 /* What a child is told. */
@@ -264,33 +248,22 @@ protected:
     {
         BusNats::SetUp();
         NEED(!program_path("openssl").empty(), "there is no openssl");
-        tool("req -x509 -newkey rsa:2048 -nodes -days 2 -subj /CN=authority -keyout ca.key -out ca.pem");
-        tool("req -newkey rsa:2048 -nodes -subj /CN=server -keyout server.key -out server.csr");
-    }
-    void tool(const std::string &arguments) const
-    {
-        const std::string command = "cd " + tree.root() + " && openssl " + arguments + " 2>openssl.log";
-        ASSERT_EQ(0, system(command.c_str())) << command;
-    }
-    /* The server's certificate is for this name from now on. */
-    void certify(const std::string &name)
-    {
-        std::ofstream(tree.path("names")) << "subjectAltName=" << name << "\n";
-        tool(
-            "x509 -req -in server.csr -CA ca.pem -CAkey ca.key -CAcreateserial -days 2 -extfile names -out server.pem");
+        authority.emplace(tree.root());
     }
     std::string server_lines() const
     {
         return "tls { cert_file: \"" + tree.path("server.pem") + "\", key_file: \"" + tree.path("server.key") +
                "\" }\n";
     }
+
+    std::optional<Authority> authority;
 };
 
 }  // namespace
 
 TEST_F(BusNatsTls, ACertificateOfAnotherNameIsRefusedUntilItIsRight)
 {
-    certify("DNS:other.example");
+    authority->certify("DNS:other.example");
     NatsServers servers(1, server_lines());
     Settings all = settings({"tls://localhost:" + std::to_string(servers.port(0))});
     all.set("ca", tree.path("ca.pem"));
@@ -302,7 +275,7 @@ TEST_F(BusNatsTls, ACertificateOfAnotherNameIsRefusedUntilItIsRight)
         ASSERT_TRUE(stream.make(1));
         EXPECT_EQ(0u, stream.messages());
     }
-    certify("DNS:localhost");
+    authority->certify("DNS:localhost");
     servers.kill(0);
     servers.start(0);
     Stream stream(servers, "", true);
@@ -311,7 +284,7 @@ TEST_F(BusNatsTls, ACertificateOfAnotherNameIsRefusedUntilItIsRight)
 
 TEST_F(BusNatsTls, ACertificateOfAnUnknownAuthorityIsRefused)
 {
-    certify("DNS:localhost");
+    authority->certify("DNS:localhost");
     const NatsServers servers(1, server_lines());
     Settings all = settings({"tls://localhost:" + std::to_string(servers.port(0))});
     all.set("tls", true);

@@ -1,38 +1,17 @@
 #include "proxy.h"
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
 #include <poll.h>
 #include <sys/socket.h>
 
 #include <vector>
 
+#include "bus_testing.h"
+
 namespace bus_testing
 {
 
-namespace
+Proxy::Proxy(int to) : to_(to), listener_(listen_locally(port_))
 {
-
-struct sockaddr_in local(int port)
-{
-    struct sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(static_cast<uint16_t>(port));
-    return address;
-}
-
-struct sockaddr *any(struct sockaddr_in &address) { return reinterpret_cast<struct sockaddr *>(&address); }
-
-}  // namespace
-
-Proxy::Proxy(int to) : to_(to), listener_(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0))
-{
-    struct sockaddr_in address = local(0);
-    socklen_t size = sizeof address;
-    if (bind(listener_.get(), any(address), size) == 0 && listen(listener_.get(), 16) == 0 &&
-        getsockname(listener_.get(), any(address), &size) == 0)
-        port_ = ntohs(address.sin_port);
     thread_ = std::thread([this] { run(); });
 }
 
@@ -45,9 +24,9 @@ Proxy::~Proxy()
 void Proxy::accept_one()
 {
     common::Fd client(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC));
-    common::Fd server(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0));
-    struct sockaddr_in address = local(to_);
-    if (client && state_ != State::kRefused && connect(server.get(), any(address), sizeof address) == 0)
+    if (!client || state_ == State::kRefused)
+        return;
+    if (common::Fd server = connect_locally(to_))
         pairs_.push_back({std::move(client), std::move(server)});
 }
 
