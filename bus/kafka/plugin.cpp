@@ -29,6 +29,24 @@ bool is_of_files(rd_kafka_resp_err_t error)
            error == RD_KAFKA_RESP_ERR_SASL_AUTHENTICATION_FAILED;
 }
 
+/* In the words of our own settings; the engine names its own. */
+const char *remedy(rd_kafka_resp_err_t error)
+{
+    switch (error) {
+        case RD_KAFKA_RESP_ERR__SSL:
+            return "; `ca` must be the authority of the brokers' certificates, each of which must be for the name in "
+                   "`brokers`";
+        case RD_KAFKA_RESP_ERR__AUTHENTICATION:
+        case RD_KAFKA_RESP_ERR_SASL_AUTHENTICATION_FAILED:
+            return "; see `user`, `password` and `sasl`";
+        default:
+            return "";
+    }
+}
+
+/* Without how long that took and how often it happened, which is different each time. */
+std::string without_times(std::string text) { return text.substr(0, text.find(" (after ")); }
+
 void ignore_log(const rd_kafka_t *, int, const char *, const char *) {}
 
 }  // namespace
@@ -58,7 +76,7 @@ private:
     const Settings settings_;
     const struct fmon_bus_listener listener_;
     rd_kafka_t *producer_ = nullptr;
-    bool works_ = true;      /* as was said last */
+    std::string cause_;      /* of no broker being there: what went wrong last */
     uint64_t reopen_at_ = 0; /* 0: there is no need to */
 };
 
@@ -82,17 +100,21 @@ bool fmon_bus::open(std::string &error)
 
 void fmon_bus::say(rd_kafka_resp_err_t error, const char *why)
 {
-    works_ = false;
     if ((is_of_files(error) || error == RD_KAFKA_RESP_ERR__FATAL) && reopen_at_ == 0)
         reopen_at_ = now_ms() + kReopenMs;
-    listener_.condition(listener_.context, 0, why);
+    std::string all = without_times(why) + remedy(error);
+    if (error != RD_KAFKA_RESP_ERR__ALL_BROKERS_DOWN)
+        cause_ = all;
+    else if (!cause_.empty())
+        all += ": " + cause_;
+    listener_.condition(listener_.context, 0, all.c_str());
 }
 
 void fmon_bus::report(uint64_t number, rd_kafka_resp_err_t error)
 {
     if (error == RD_KAFKA_RESP_ERR_NO_ERROR) {
-        works_ = true;
         reopen_at_ = 0;
+        cause_.clear();
         listener_.outcome(listener_.context, number, FMON_BUS_STORED, "");
         return;
     }
