@@ -162,6 +162,30 @@ bool has_secret(const std::vector<std::string> &servers)
     return false;
 }
 
+/* The engine's own settings are seen by everybody who reads the configuration, too. */
+std::string secret_option(const std::vector<std::string> &options)
+{
+    for (const std::string &option : options) {
+        const std::string name = option.substr(0, option.find('='));
+        for (const char *part : {"password", "secret", ".pem"})
+            if (name.find(part) != std::string::npos)
+                return name;
+    }
+    return "";
+}
+
+std::string sasl_complaint(const Settings &settings)
+{
+    if (!settings.has("sasl"))
+        return "";
+    if (!settings.has("user"))
+        return "sasl: needs user and password";
+    const bool tls = settings.flag("tls") || settings.has("ca") || settings.has("certificate");
+    if (settings.text("sasl") == "PLAIN" && !tls)
+        return "sasl: PLAIN sends the password as it is: switch `tls` on, or use SCRAM-SHA-512";
+    return "";
+}
+
 /* What is wrong with the settings; empty: nothing. */
 std::string complaint(const BusKind &kind, const Settings &settings)
 {
@@ -178,9 +202,9 @@ std::string complaint(const BusKind &kind, const Settings &settings)
         return "user and password belong together";
     if (settings.has("certificate") != settings.has("private_key"))
         return "certificate and private_key belong together";
-    if (settings.has("sasl") && !settings.has("user"))
-        return "sasl: needs user and password";
-    return "";
+    if (const std::string name = secret_option(settings.texts("options")); !name.empty())
+        return "options: " + name + " is a secret: name its file by `password` or `private_key`";
+    return sasl_complaint(settings);
 }
 
 bool plan_of(const BusKind &kind, const Settings &settings, const Origin &origin, BusPlan &plan, std::string &error)

@@ -59,6 +59,19 @@ TEST_F(BusSettingsTest, WhatContradictsItselfIsSaidBeforeAnythingIsLoaded)
     EXPECT_EQ("subject: is empty", with("subject", std::string()));
     kafka.set("sasl", std::string("PLAIN"));
     EXPECT_EQ("sasl: needs user and password", error_of("kafka", kafka));
+    kafka.set("user", std::string("fmon"));
+    kafka.set("password", std::string("/secret"));
+    EXPECT_EQ("sasl: PLAIN sends the password as it is: switch `tls` on, or use SCRAM-SHA-512",
+              error_of("kafka", kafka));
+}
+
+TEST_F(BusSettingsTest, AnOptionOfTheEngineHoldsNoSecretAndTheErrorNeither)
+{
+    for (const char *name : {"sasl.password", "ssl.key.password", "ssl.key.pem", "sasl.oauthbearer.client.secret"}) {
+        kafka.set("options", std::vector<std::string>{"linger.ms=1", std::string(name) + "=geheim"});
+        EXPECT_EQ("options: " + std::string(name) + " is a secret: name its file by `password` or `private_key`",
+                  error_of("kafka", kafka));
+    }
 }
 
 TEST_F(BusSettingsTest, AnAddressHoldsNoSecretAndTheErrorNeither)
