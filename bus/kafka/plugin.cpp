@@ -45,7 +45,7 @@ const char *remedy(rd_kafka_resp_err_t error)
 }
 
 /* Without how long that took and how often it happened, which is different each time. */
-std::string without_times(std::string text) { return text.substr(0, text.find(" (after ")); }
+std::string without_times(const std::string &text) { return text.substr(0, text.find(" (after ")); }
 
 void ignore_log(const rd_kafka_t *, int, const char *, const char *) {}
 

@@ -166,7 +166,7 @@ bool has_secret(const std::vector<std::string> &servers)
 std::string secret_option(const std::vector<std::string> &options)
 {
     for (const std::string &option : options) {
-        const std::string name = option.substr(0, option.find('='));
+        std::string name = option.substr(0, option.find('='));
         for (const char *part : {"password", "secret", ".pem"})
             if (name.find(part) != std::string::npos)
                 return name;

@@ -82,6 +82,7 @@ common::Fd connect_locally(int port)
 Server::Server(const std::vector<std::string> &argv, const std::string &log)
 {
     std::vector<char *> arguments;
+    arguments.reserve(argv.size() + 1);
     for (const std::string &argument : argv)
         arguments.push_back(const_cast<char *>(argument.c_str()));
     arguments.push_back(nullptr);
