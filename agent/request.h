@@ -31,6 +31,7 @@ struct Request {
     bool ancestors = false;    /* of processes are shown */
     bool no_found = false;     /* what is found in new directories is not reported */
     bool pair_renames = false; /* both halves of a rename are one event */
+    bool as_given = false;     /* paths are shown as they were given */
     std::vector<std::pair<std::string, std::string>> settings; /* keys of fmon.ini */
     Probes probes = Probes::kAuto;
     Source source = Source::kAuto;

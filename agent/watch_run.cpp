@@ -117,6 +117,7 @@ bool WatchRun::place()
     placement_.limit_to(fixed_parts(parts_.plan));
     placement_.start(monitor_.module());
     const Module &module = monitor_.module();
+    parts_.intake.ask(module.event_details);
     if (request_.system)
         parts_.watched = std::make_unique<WatchedSystem>(request_, module, parts_.plan, report_);
     else

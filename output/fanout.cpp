@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "agent/time_format.h"
+#include "look.h"
 
 namespace output
 {
@@ -86,7 +87,7 @@ uint64_t Fanout::keep_outlets(const std::vector<std::string> &keys, uint64_t tim
 
 uint64_t Fanout::next_number() { return ++number_; }
 
-void Fanout::event(const agent::Event &event)
+void Fanout::event(const agent::Event &event, const Presentation &how)
 {
     const common::Lock hold(lock_);
     const bool shown = !is_hidden(hidden_, event.path) && filter_->shows(event);
@@ -100,11 +101,19 @@ void Fanout::event(const agent::Event &event)
         figures_.summarised += verdict == Pacing::Verdict::kSummarised;
     }
     if (shown && verdict == Pacing::Verdict::kShown)
-        pass_on(event);
+        pass_on(event, how);
 }
 
-void Fanout::pass_on(const agent::Event &event)
+void Fanout::pass_on(agent::Event event, const Presentation &how)
 {
+    const auto wants_dir = [](const std::unique_ptr<Outlet> &outlet) { return outlet->formatter().wants_dir(); };
+    if (std::any_of(outlets_.begin(), outlets_.end(), wants_dir))
+        look_for_directory(event, how.happened);
+    std::string given, given_from;
+    if (how.given) {
+        event.path = how.given->of(event.path, given);
+        event.from = how.given->of(event.from, given_from);
+    }
     const uint64_t number = next_number();
     bool full = false;
     for (const std::unique_ptr<Outlet> &outlet : outlets_) {

@@ -19,6 +19,7 @@
 #include "common/mutex.h"
 #include "event_filter.h"
 #include "format.h"
+#include "given_paths.h"
 #include "latencies.h"
 #include "outlet.h"
 #include "pacing.h"
@@ -33,6 +34,12 @@ struct FanoutFigures {
     uint64_t limited = 0, sampled = 0, summarised = 0;
     uint64_t events = 0; /* handed to the outputs */
     Latencies latencies; /* from the moment the event was taken from the monitor to the outputs' taking it */
+};
+
+/* What is to be known of an event beside itself. */
+struct Presentation {
+    uint32_t happened = 0;             /* all its kinds, shown or not */
+    const GivenPaths *given = nullptr; /* null: paths are shown as they are */
 };
 
 /* May be called by any thread. */
@@ -56,7 +63,8 @@ public:
     /* Of those whose key is not among these: drained, and gone. Records that were not delivered in time. */
     uint64_t keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms);
 
-    void event(const agent::Event &event);
+    /* Filters see the paths as they are. */
+    void event(const agent::Event &event, const Presentation &how);
     /* A record of another kind, made by the given function with each output's form. */
     void record(const char *type, const std::function<void(Formatter &, uint64_t time_ns, std::string &)> &make);
     void flush();
@@ -76,7 +84,7 @@ public:
     std::vector<std::string> news();
 
 private:
-    void pass_on(const agent::Event &event) REQUIRES(lock_);
+    void pass_on(agent::Event event, const Presentation &how) REQUIRES(lock_);
     void take_paced(bool end) REQUIRES(lock_);
     void deliver() REQUIRES(lock_);
     bool offer() REQUIRES(lock_);

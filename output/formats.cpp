@@ -24,6 +24,14 @@ std::string format_names(const char *separator)
     return names;
 }
 
+bool asks_for(const std::string &format, char directive)
+{
+    for (size_t at = format.find('%'); at != std::string::npos; at = format.find('%', at + 2))
+        if (at + 1 < format.size() && format[at + 1] == directive)
+            return true;
+    return false;
+}
+
 std::unique_ptr<Formatter> make_formatter(const std::string &format, const FormatStyle &style, std::string &error)
 {
     const FormatRow *row = find_format(format);

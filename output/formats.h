@@ -36,6 +36,9 @@ const FormatRow *find_format(std::string_view name);
 /* "text, json, csv, ..." */
 std::string format_names(const char *separator = ", ");
 
+/* Whether a template has that directive, as 'o' for "%o"; of a name of a form: no. */
+bool asks_for(const std::string &format, char directive);
+
 /* The formatter of that name, or of that template. Null, with the reason in `error`: what a template holds is wrong. */
 std::unique_ptr<Formatter> make_formatter(const std::string &format, const FormatStyle &style, std::string &error);
 

@@ -12,6 +12,20 @@ void InstanceReport::hide(const std::vector<std::string> &paths)
         selection_.hide(path);
 }
 
+void InstanceReport::set_plan(const agent::Plan &plan)
+{
+    selection_.set_plan(plan);
+    for (const agent::Root &root : plan.roots)
+        if (as_given_)
+            given_.add(root);
+}
+
+std::string InstanceReport::shown_path(const std::string &path) const
+{
+    std::string storage;
+    return std::string(given_.of(path, storage));
+}
+
 void InstanceReport::event(const agent::Event &event)
 {
     std::string path;
@@ -21,7 +35,7 @@ void InstanceReport::event(const agent::Event &event)
     if (visible.mask == 0)
         return;
     shown_++;
-    fanout_.event(visible);
+    fanout_.event(visible, {event.mask, as_given_ ? &given_ : nullptr});
 }
 
 void InstanceReport::established(const agent::Established &all)
@@ -56,14 +70,16 @@ void InstanceReport::resynced(const std::vector<std::string> &paths, uint64_t di
 
 void InstanceReport::appeared(const std::string &path)
 {
-    fanout_.record("appeared",
-                   [&](Formatter &form, uint64_t time, std::string &out) { form.appeared(time, path, out); });
+    fanout_.record("appeared", [&](Formatter &form, uint64_t time, std::string &out) {
+        form.appeared(time, shown_path(path), out);
+    });
 }
 
 void InstanceReport::ended(const std::string &path, const char *reason)
 {
-    fanout_.record("ended",
-                   [&](Formatter &form, uint64_t time, std::string &out) { form.ended(time, path, reason, out); });
+    fanout_.record("ended", [&](Formatter &form, uint64_t time, std::string &out) {
+        form.ended(time, shown_path(path), reason, out);
+    });
 }
 
 void InstanceReport::note(const std::string &text) { agent::complain(text); }

@@ -20,10 +20,13 @@ namespace output
 class InstanceReport : public agent::Report
 {
 public:
-    InstanceReport(const agent::Request &request, Fanout &fanout) : selection_(request.max_depth), fanout_(fanout) {}
+    InstanceReport(const agent::Request &request, Fanout &fanout)
+        : as_given_(request.as_given), selection_(request.max_depth), fanout_(fanout)
+    {
+    }
 
     void hide(const std::vector<std::string> &paths) override;
-    void set_plan(const agent::Plan &plan) override { selection_.set_plan(plan); }
+    void set_plan(const agent::Plan &plan) override;
     bool begin(std::string &) override { return true; }
     void add_root(const std::string &path) override { selection_.add_root(path); }
 
@@ -47,6 +50,10 @@ public:
     agent::Established established_now() const; /* any thread; without paths: not yet */
 
 private:
+    std::string shown_path(const std::string &path) const;
+
+    const bool as_given_;
+    GivenPaths given_; /* empty, where paths are shown as they are */
     Selection selection_;
     Fanout &fanout_;
     uint64_t shown_ = 0;

@@ -14,7 +14,6 @@ namespace output
 
 struct OutputOptions : FilterOptions {
     std::string format = "text"; /* a name of formats.h, or a template */
-    bool as_given = false;       /* paths are shown as they were typed */
     std::string time_format;     /* of records that are no JSON, see agent/time_format.h; empty: their own */
     bool null_end = false;
     std::string output; /* empty: stdout */

@@ -89,7 +89,7 @@ void Reporter::event(const agent::Event &event)
 
 std::string_view Reporter::shown_path(std::string_view path, std::string &storage) const
 {
-    return options_.as_given ? given_.of(path, storage) : path;
+    return request_.as_given ? given_.of(path, storage) : path;
 }
 
 bool Reporter::gives_up() const

@@ -21,6 +21,8 @@ struct OutputConfig {
     std::string type;
     std::string format; /* a name of output/formats.h, or a template */
     bool ancestors = false;
+    bool pairs = false; /* CSV has a column for the old path of a rename */
+    std::string time_format;
     output::Settings settings; /* of the type, with defaults */
 
     bool operator==(const OutputConfig &) const = default;

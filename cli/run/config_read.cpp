@@ -5,7 +5,9 @@
 #include "agent/message.h"
 #include "agent/plan.h"
 #include "agent/settings.h"
+#include "agent/time_format.h"
 #include "checked_table.h"
+#include "cli/watch/options.h"
 #include "config_file.h"
 #include "config_tables.h"
 #include "config_watch.h"
@@ -125,6 +127,16 @@ void check_format(const CheckedTable &table, const std::string &format)
         table.fault("format", reason);
 }
 
+void check_time_format(const CheckedTable &table)
+{
+    if (table.text("time_format").size() > agent::FormattedTime::kMaxFormat)
+        table.fault("time_format", "'time_format' takes a format such as '%F %T', of at most 128 bytes");
+    const output::FormatRow *const row = output::find_format(table.text("format"));
+    if (!table.text("time_format").empty() && row && row->has_records)
+        table.fault("time_format", "'time_format' is about text, csv and templates: " + table.text("format") +
+                                       " has times of one form");
+}
+
 // Of an unknown type all keys are unknown: only the type is reported.
 OutputConfig read_output(const TomlValue &value, Faults &faults)
 {
@@ -141,10 +153,30 @@ OutputConfig read_output(const TomlValue &value, Faults &faults)
         rows.insert(rows.end(), sink->settings.begin(), sink->settings.end());
     const CheckedTable table(value, "[[instance.output]]", rows, {}, faults);
     check_format(table, table.text("format"));
+    check_time_format(table);
     std::string error;
     if (sink && faults.empty() && !sink->make(table.settings(), {"", "", ""}, error))
         faults.add(value.place, std::string(sink->type) + ": " + error);
-    return {table.text("type"), table.text("format"), table.flag("ancestors"), table.settings()};
+    OutputConfig output;
+    output.type = table.text("type");
+    output.format = table.text("format");
+    output.ancestors = table.flag("ancestors") || output::asks_for(output.format, 'a');
+    output.time_format = table.text("time_format");
+    output.settings = table.settings();
+    return output;
+}
+
+// A template that shows old paths wants them wherever both are watched, and a CSV file has a column more.
+void pair_renames(InstanceConfig &instance)
+{
+    const auto pairs = [](const auto &each) { return each.pair_renames; };
+    const auto shows = [](const auto &output) { return output::asks_for(output.format, 'o'); };
+    if (std::any_of(instance.outputs.begin(), instance.outputs.end(), shows))
+        for (agent::Request &watch : instance.watches)
+            watch.pair_renames = may_pair_renames(watch);
+    const bool paired = std::any_of(instance.watches.begin(), instance.watches.end(), pairs);
+    for (OutputConfig &output : instance.outputs)
+        output.pairs = paired && output.format == "csv";
 }
 
 void check_name(const CheckedTable &table, const std::string &name, const std::vector<InstanceConfig> &others)
@@ -198,6 +230,7 @@ InstanceConfig read_instance(const TomlValue &value, const agent::Request &monit
         instance.watches.push_back(read_watch(watch, monitor, faults));
     for (const TomlValue &output : table.tables("output"))
         instance.outputs.push_back(read_output(output, faults));
+    pair_renames(instance);
     if (!table.says("watch"))
         faults.add(value.place, "the instance watches nothing: add [[instance.watch]]");
     if (!table.says("output"))

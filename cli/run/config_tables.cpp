@@ -58,6 +58,9 @@ constexpr output::Setting kWatch[] = {
      nullptr},
     {"max_depth", T::kNumber, "with recursive: directories down to so many levels; 0: all", "0"},
     {"max_subdirs", T::kNumber, "with recursive: refuse a path with more directories below it; 0: never", "0"},
+    {"pair_renames", T::kFlag,
+     "show a rename whose old and new path are both watched as one moved_to, with its old path", "false"},
+    {"as_given", T::kFlag, "show paths below what stands in paths, and links in it unresolved", "false"},
     {"system", T::kFlag, "events of the whole system, without paths", "false"},
 };
 
@@ -65,6 +68,11 @@ constexpr output::Setting kOutput[] = {
     {"type", T::kText, "what takes the records", nullptr, true},
     {"format", T::kText, "the form of records: a name that `fmon watch --format` knows, or a template", "json"},
     {"ancestors", T::kFlag, "show with each process what made it", "false"},
+    {"time_format", T::kText,
+     "form of times in text, CSV and templates, as strftime has them, with %N and %1N to %9N for digits of the "
+     "second's "
+     "fraction; empty: their own",
+     ""},
 };
 
 }  // namespace

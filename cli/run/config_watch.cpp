@@ -78,6 +78,8 @@ agent::Request read_watch(const TomlValue &value, const agent::Request &monitor,
     request.delay = table.flag("delay");
     request.no_found = table.flag("no_found");
     request.sync = table.flag("sync");
+    request.pair_renames = table.flag("pair_renames");
+    request.as_given = table.flag("as_given");
     request.system = table.flag("system");
     request.max_depth = limited(table, "max_depth", 65535);
     request.max_subdirs = limited(table, "max_subdirs", 0x7fffffff);

@@ -18,6 +18,8 @@ output::FormatStyle style_of(const OutputConfig &config, const Surroundings &aro
 {
     output::FormatStyle style;
     style.ancestors = config.ancestors;
+    style.pairs = config.pairs;
+    style.time_format = config.time_format;
     style.sources.assign(agent::Intake::kMaxSources, instance);
     style.host = around.host;
     style.instance = instance;

@@ -65,8 +65,8 @@ bool fromfile(WatchOptions &options, const Given &given, std::string &error)
 bool format(WatchOptions &options, const Given &given, std::string &error)
 {
     options.format = given.value;
-    options.ancestors = options.ancestors || strstr(given.value, "%a");
-    options.pair_renames = options.pair_renames || strstr(given.value, "%o");
+    options.ancestors = options.ancestors || output::asks_for(given.value, 'a');
+    options.pair_renames = options.pair_renames || output::asks_for(given.value, 'o');
     return output::find_format(given.value) || strchr(given.value, '%') ||
            bad_value(given, output::format_names() + " or a template such as '%e %p'", error);
 }

@@ -3,6 +3,7 @@
 #include "agent/event_names.h"
 #include "option_values.h"
 #include "orx_fmon.h"
+#include "output/formats.h"
 
 namespace cli
 {
@@ -31,11 +32,10 @@ bool is_filesystem(const WatchOptions &o) { return o.source == agent::Source::kF
 // Marks of directories name the process of some kinds only.
 bool may_name_all(const WatchOptions &o) { return o.source != agent::Source::kMarks && !o.mount && !o.max_depth; }
 
-// Of a rename one half says nothing of the other.
-bool lacks_a_half(const WatchOptions &o)
+bool has_records(const std::string &format)
 {
-    constexpr uint32_t kHalves = FMON_MOVED_FROM | FMON_MOVED_TO;
-    return o.mount || (o.events && (o.events & kHalves) != kHalves);
+    const output::FormatRow *const row = output::find_format(format);
+    return row && row->has_records;
 }
 
 constexpr Contradiction kContradictions[] = {
@@ -59,10 +59,10 @@ constexpr Contradiction kContradictions[] = {
     {[](const WatchOptions &o) { return o.pid && !may_name_all(o) && o.events && !(o.events & agent::kProcessEvents); },
      "--pid with --source marks, --mount or --max-depth is about open, access, modify, close_write and close_nowrite: "
      "ask for one of them"},
-    {[](const WatchOptions &o) { return o.pair_renames && lacks_a_half(o); },
+    {[](const WatchOptions &o) { return o.pair_renames && !may_pair_renames(o); },
      "--pair-renames, and %o, are about moved_from and moved_to: ask for both (-e move), without --mount"},
-    {[](const WatchOptions &o) { return !o.time_format.empty() && o.format == "json"; },
-     "--time-format is about text, csv and templates: json has times of one form"},
+    {[](const WatchOptions &o) { return !o.time_format.empty() && has_records(o.format); },
+     "--time-format is about text, csv and templates: json, ecs and ocsf have times of one form"},
     {[](const WatchOptions &o) { return o.append && o.output.empty(); },
      "--append is about a file: say which with -o FILE"},
     {[](const WatchOptions &o) { return !o.recursive && (o.max_depth || o.max_subdirs); },
@@ -80,6 +80,13 @@ bool take::paths(WatchOptions &options, VerbOf<WatchOptions>::Arguments argument
     const char *const reason = find_contradiction(options);
     error = reason ? reason : "";
     return !reason;
+}
+
+// Of a rename one half says nothing of the other.
+bool may_pair_renames(const agent::Request &request)
+{
+    constexpr uint32_t kHalves = FMON_MOVED_FROM | FMON_MOVED_TO;
+    return !request.mount && (!request.events || (request.events & kHalves) == kHalves);
 }
 
 const char *find_contradiction(const WatchOptions &options)

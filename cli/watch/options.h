@@ -31,6 +31,9 @@ int run_watch(const WatchOptions &options);
 /* What in them contradicts itself, in words that say what to leave out; null: nothing. */
 const char *find_contradiction(const WatchOptions &options);
 
+/* Whether both halves of a rename may be seen. */
+bool may_pair_renames(const agent::Request &request);
+
 /* What `-e help` prints. */
 std::string event_list();
 

@@ -109,6 +109,32 @@ max_subdirs = 100
     EXPECT_EQ(100u, request.max_subdirs);
 }
 
+TEST(ConfigTest, HowPathsAndTimesAreShown)
+{
+    const agent::Request request = request_of("paths = [\"/srv\"]\npair_renames = true\nas_given = true");
+    EXPECT_TRUE(request.pair_renames && request.as_given);
+    const auto output_of = [](const std::string &lines) {
+        return config_of(with_output("type = \"stdout\"\n" + lines)).instances.at(0).outputs.at(0);
+    };
+    EXPECT_EQ("%F %T", output_of("format = \"text\"\ntime_format = \"%F %T\"").time_format);
+    EXPECT_TRUE(output_of("format = \"%p %a\"").ancestors);
+    EXPECT_FALSE(output_of("format = \"%p %%a\"").ancestors);
+}
+
+TEST(ConfigTest, OldPathsAreThereForThoseWhoShowThem)
+{
+    const auto one = [](const std::string &watch, const std::string &format) {
+        return config_of("[[instance]]\nname = \"a\"\n[[instance.watch]]\npaths = [\"/etc\"]\n" + watch +
+                         "\n[[instance.output]]\ntype = \"stdout\"\nformat = \"" + format + "\"\n")
+            .instances.at(0);
+    };
+    EXPECT_TRUE(one("", "%o %p").watches[0].pair_renames);
+    EXPECT_FALSE(one("events = [\"create\"]", "%o %p").watches[0].pair_renames);
+    EXPECT_FALSE(one("", "csv").outputs[0].pairs);
+    EXPECT_TRUE(one("pair_renames = true", "csv").outputs[0].pairs);
+    EXPECT_FALSE(one("pair_renames = true", "json").outputs[0].pairs) << "which has no columns";
+}
+
 TEST(ConfigTest, WhatCanBeWaitedForIs)
 {
     EXPECT_TRUE(request_of("paths = [\"/a\", \"/b*\"]").wait);
@@ -169,6 +195,17 @@ TEST(ConfigTest, EachDefaultIsAValueOfItsType)
 }
 
 /* ---- what is wrong ---- */
+
+TEST(ConfigTest, FormsThatDoNotFitAreRefused)
+{
+    EXPECT_EQ("f:8:15: 'time_format' is about text, csv and templates: json has times of one form",
+              faults_of(with_output("type = \"stdout\"\nformat = \"json\"\ntime_format = \"%T\"")));
+    EXPECT_NE(std::string::npos, faults_of(with_output("type = \"stdout\"\nformat = \"text\"\ntime_format = \"" +
+                                                       std::string(129, 'x') + "\""))
+                                     .find("of at most 128 bytes"));
+    EXPECT_NE(std::string::npos, faults_of(with_watch("paths = [\"/a\"]\nevents = [\"create\"]\npair_renames = true"))
+                                     .find("pair_renames, and %o, are about moved_from and moved_to"));
+}
 
 TEST(ConfigTest, WhatIsNoTomlHasItsPlace)
 {

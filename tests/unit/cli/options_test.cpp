@@ -125,7 +125,7 @@ const Bad kBad[] = {
     {{"--pair-renames", "--mount", "/a"}, "without --mount"},
     {{"--time-format", "", "/a"}, "--time-format takes"},
     {{"--time-format", std::string(129, 'a'), "/a"}, "--time-format takes"},
-    {{"--time-format", "%T", "-f", "json", "/a"}, "json has times of one form"},
+    {{"--time-format", "%T", "-f", "json", "/a"}, "json, ecs and ocsf have times of one form"},
     {{"--fromfile", ""}, "--fromfile takes"},
     {{"--fromfile", "/nonexistent/list"}, "--fromfile /nonexistent/list cannot be read: No such file"},
     {{"--fromfile", "/"}, "--fromfile / cannot be read: Is a directory"},

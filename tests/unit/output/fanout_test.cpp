@@ -71,7 +71,7 @@ protected:
                                                    std::make_unique<FakeSink>(world)));
     }
 
-    void create(const std::string &path) { fanout.event(event_of(path, FMON_CREATE)); }
+    void create(const std::string &path) { fanout.event(event_of(path, FMON_CREATE), {FMON_CREATE}); }
 
     World first, second;
     Fanout fanout{{"host", "boot", "web"}};
@@ -172,6 +172,35 @@ TEST_F(FanoutTest, OutputsThatGoAreDrainedAndOthersStay)
     fanout.flush();
     EXPECT_EQ((Texts{"create /a\n", "create /b\n"}), second.all());
     EXPECT_EQ(1u, fanout.outlet_figures().size());
+}
+
+TEST_F(FanoutTest, PathsAreShownAsGivenAndFilteredAsTheyAre)
+{
+    add(first, "1");
+    FilterOptions filter;
+    filter.include = {"^/real/"};
+    fanout.set_filter(filter, {});
+    agent::Root root;
+    root.path = "/real";
+    root.given = "/link";
+    GivenPaths given;
+    given.add(root);
+    for (const char *path : {"/real/a", "/link/b", "/real/c"})
+        fanout.event(event_of(path, FMON_CREATE), {FMON_CREATE, &given});
+    fanout.flush();
+    EXPECT_EQ((Texts{"create /link/a\n", "create /link/c\n"}), first.all());
+}
+
+TEST_F(FanoutTest, WhatTheSourceDoesNotSayIsLookedAtForThoseWhoAsk)
+{
+    const agent_testing::Directory directory;
+    add(first, "1");
+    create(directory.root());
+    add(second, "2", "%p %d");
+    create(directory.root());
+    fanout.event(event_of(directory.root(), FMON_CREATE), {FMON_CREATE | FMON_DELETE});
+    fanout.flush();
+    EXPECT_EQ((Texts{directory.root() + " dir\n", directory.root() + " \n"}), second.all());
 }
 
 TEST_F(FanoutTest, FiltersAndHiddenFilesAreCounted)

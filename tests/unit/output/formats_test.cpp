@@ -22,6 +22,12 @@ TEST(Formats, NamesAreListedInOrder)
     EXPECT_EQ(0u, format_names(" ").find("text json csv"));
 }
 
+TEST(Formats, ATemplateAsksForWhatItShows)
+{
+    EXPECT_TRUE(asks_for("%p %o", 'o') && asks_for("%o", 'o') && asks_for("%%%o", 'o'));
+    EXPECT_FALSE(asks_for("json", 'o') || asks_for("o%%o", 'o') || asks_for("%p%", 'o') || asks_for("", 'o'));
+}
+
 TEST(Formats, WhatIsNoNameIsATemplate)
 {
     std::string error;

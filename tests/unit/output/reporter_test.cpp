@@ -84,7 +84,7 @@ TEST_F(ReporterTest, ItsOwnFileAndHiddenOnesAreNotShown)
 TEST_F(ReporterTest, PathsAreShownAsGivenAndSelectedAsTheyAre)
 {
     plan.roots[0].given = "typed";
-    options.as_given = true;
+    request.as_given = true;
     options.include = {"^/a/"};
     begin();
     reporter->event(event_of("/a/1", FMON_CREATE));
@@ -95,7 +95,7 @@ TEST_F(ReporterTest, ARenameHasBothPathsAsGiven)
 {
     plan.roots[0].given = "typed";
     plan.instances[0].shown = FMON_MOVED_TO;
-    options.as_given = true;
+    request.as_given = true;
     options.format = "%o -> %p";
     begin();
     agent::Event event = event_of("/a/new", FMON_MOVED_TO);
