@@ -8,7 +8,8 @@
  * Sources: fmon_linux.cpp (state, start, stop, selection), fmon_linux_marks.cpp (kernel marks of one dentry),
  * fmon_linux_place.cpp (what they are put on), fmon_linux_sweep.cpp (marks that stayed behind), fmon_linux_watch.cpp
  * (adding and deleting watches), fmon_linux_tree.cpp (collect, punish, moved and new directories), fmon_linux_mount.cpp
- * (mount watches), fmon_linux_read.cpp (readers), fmon_linux_global.cpp (system-wide switch).
+ * (mount watches), fmon_linux_read.cpp (readers), fmon_linux_keep.cpp (what records mean for the tree),
+ * fmon_linux_global.cpp (system-wide switch).
  */
 #ifndef FMON_FMON_LINUX_H
 #define FMON_FMON_LINUX_H
@@ -246,6 +247,9 @@ int fmon_linux_resync(const char *path, uint32_t what);
 
 FMON_API int fmon_linux_read_event(struct fmon *, uint32_t now_ms, fmon_event_cb);  /* with kernel probes */
 FMON_API int fmon_linux_read_event2(struct fmon *, uint32_t now_ms, fmon_event_cb); /* without */
+
+/* The dentry that a watch descriptor stands for now, or null. */
+struct dentry *fmon_linux_live_dentry(int32_t wd);
 
 /* What records of the inotify descriptor and of the inotify probe share: a descriptor that stands for nothing is
  * counted; a watch that the kernel dropped; the tree's part in an event, which calls the handlers below. */

@@ -37,14 +37,6 @@ char fanotify_path[DCACHE_PATH_MAX];
 
 /* ---- inotify ---- */
 
-/* The dentry that a watch descriptor stands for now, or null. */
-struct dentry *live_dentry(int32_t wd)
-{
-    uint64_t value = seq_get(&fmlnx.seq, wd);
-    return value == 0 || value == SEQ_POISON ? nullptr
-                                             : reinterpret_cast<struct dentry *>(static_cast<uintptr_t>(value));
-}
-
 /* Of an entry the record says it, of what has the watch the dentry. */
 struct fmon_raw known_of(struct dentry *d, const struct raw_inotify *record, const char *name)
 {
@@ -67,7 +59,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
         FMON_LOG(2, kFile, "this dentry is put in poison\n");
         return 0;
     }
-    struct dentry *d = live_dentry(record->wd);
+    struct dentry *d = fmon_linux_live_dentry(record->wd);
     uint32_t kinds = record->mask & FMON_ALL_EVENTS;
     if (!name)
         kinds = fmon_linux_told(d, kinds);
@@ -284,110 +276,6 @@ int read_position(struct fmon *monitor, int32_t position, fmon_event_cb callback
 }
 
 }  // namespace
-
-/* What a directory that is not known (any more) says of itself is nothing that is missed: such records are still to
- * come when the monitor itself lets go of a watch, as of one whose path another directory took. */
-void fmon_linux_unknown_wd(const char *name)
-{
-    fmlnx.unknown_wd_count++;
-    fmon.lost.unknown_wd += name != nullptr;
-    fmlnx.read_status |= READ_UNKNOWN_WD;
-}
-
-void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name)
-{
-    /* Each step may free the dentry, so each looks it up again. */
-    static constexpr struct {
-        uint32_t bit;
-        void (*step)(struct dentry *, const char *, int);
-    } steps[] = {
-        {IN_CREATE, fmon_linux_on_create},     {IN_MOVED_FROM, fmon_linux_on_moved_from},
-        {IN_MOVED_TO, fmon_linux_on_moved_to}, {IN_MOVE_SELF, fmon_linux_on_move_self},
-        {IN_DELETE, fmon_linux_on_delete},     {IN_ATTRIB, fmon_linux_on_attrib},
-    };
-    int is_dir = (mask & IN_ISDIR) != 0;
-    for (const auto &step : steps) {
-        struct dentry *d = (mask & step.bit) ? live_dentry(wd) : nullptr;
-        if (d)
-            step.step(d, name, is_dir);
-    }
-}
-
-int fmon_linux_ignored(int wd)
-{
-    uint64_t value = seq_get(&fmlnx.seq, wd);
-    if (value == 0) {
-        FMON_LOG(1, kFile, "ignore: can't find seq of wd: %d\n", wd);
-        fmon_linux_unknown_wd(nullptr);
-        return -1;
-    }
-    if (value == SEQ_POISON) {
-        FMON_LOG(4, kFile, "inotify ignore del poison wd %d\n", wd);
-        if (seq_del(&fmlnx.seq, wd) < 0)
-            FMON_LOG(1, kFile, "ignore del poison seq failed, wd %d\n", wd);
-        return 0;
-    }
-    struct dentry *d = live_dentry(wd);
-    struct dentry *parent = d->parent;
-    if (seq_del(&fmlnx.seq, wd) < 0)
-        FMON_LOG(1, kFile, "ignore del seq failed, wd %d\n", wd);
-    fmon_linux_set_wd(d, -1);
-    FMON_LOG(4, kFile, "ignore dentry %s\n", dentry_path(d));
-    fmon_linux_punish(d, 0, 0);
-    fmon_linux_collect(parent);
-    return 0;
-}
-
-void fmon_linux_on_create(struct dentry *d, const char *name, int is_dir)
-{
-    if (is_dir && name)
-        fmon_linux_new_subdir(d, name, 0);
-}
-
-void fmon_linux_on_moved_from(struct dentry *d, const char *name, int is_dir)
-{
-    if (!is_dir || !name)
-        return;
-    FMON_LOG(4, kFile, "inotify moved from: %s (%s) %s\n", dentry_path(d), name, "dir");
-    struct dentry *child = dcache_find_sub(&fmon.dcache, d, name);
-    if (child)
-        fmon_linux_departed(child);
-    else
-        FMON_LOG(4, kFile, "No sub dentry\n");
-}
-
-void fmon_linux_on_moved_to(struct dentry *d, const char *name, int is_dir)
-{
-    if (!is_dir || !name)
-        return;
-    FMON_LOG(4, kFile, "inotify moved to: %s (%s) %s\n", dentry_path(d), name, "dir");
-    fmon_linux_new_subdir(d, name, 1);
-}
-
-/* Not for directories only: the kernel does not say what moved. The line's words are those of the arrival too. */
-void fmon_linux_on_move_self(struct dentry *d, const char *name, int is_dir)
-{
-    FMON_LOG(4, kFile, "inotify moved to: %s (%s) %s\n", dentry_path(d), name ? name : "", is_dir ? "dir" : "file");
-    if (fmon_linux_in_place(d) != PLACE_SAME) /* it is back already, or never was what moved */
-        fmon_linux_moved_away(d);
-}
-
-void fmon_linux_on_delete(struct dentry *d, const char *name, int is_dir)
-{
-    struct dentry *child = fmon.hardened && is_dir && name ? dcache_find_sub(&fmon.dcache, d, name) : nullptr;
-    if (child)
-        fmon_linux_removed(child);
-}
-
-/* The last sign of life of a file whose name was given to another one while somebody holds it open. */
-void fmon_linux_on_attrib(struct dentry *d, const char *name, int)
-{
-    if (name || list_empty(&owner_of(d)->watches))
-        return;
-    int found = fmon_linux_in_place(d);
-    if (found == PLACE_GONE || found == PLACE_OTHER_DIR)
-        fmon_linux_moved_away(d);
-}
 
 int fmon_linux_read_event(struct fmon *monitor, uint32_t now_ms, fmon_event_cb callback)
 {
