@@ -2,6 +2,7 @@
 #include <sys/inotify.h>
 
 #include "linux/fmon_linux.h"
+#include "linux/inode_index.h"
 #include "list.h"
 #include "log.h"
 
@@ -9,6 +10,51 @@ namespace
 {
 
 constexpr char kFile[] = "linux/fmon_linux.c";
+
+using tree_step = void (*)(struct dentry *, const char *, int);
+
+struct dentry *next_sharer(int32_t wd, const struct dentry *last)
+{
+    struct dentry *d = fmon_linux_live_dentry(wd);
+    return d && (d->owner_bits & DENTRY_INDEXED) ? inode_index_above(d, last) : nullptr;
+}
+
+/* A directory that is bound elsewhere in a watched tree, or a file with several names, has one watch descriptor for
+ * several dentries, and one record of each change. The change is one for all of them: the one whose path the
+ * record is reported by comes last, so that what is marked below is reported by the same way. Each step may free any
+ * dentry. */
+void take_step(int32_t wd, tree_step step, const char *name, int is_dir)
+{
+    struct dentry *const reported = fmon_linux_live_dentry(wd);
+    const struct dentry *last = nullptr;
+    while (struct dentry *other = next_sharer(wd, last)) {
+        last = other;
+        if (other != reported)
+            step(other, name, is_dir);
+    }
+    if (struct dentry *d = fmon_linux_live_dentry(wd))
+        step(d, name, is_dir);
+}
+
+/* Another dentry than the one that has the watch descriptor, which lives no longer than that. */
+struct dentry *other_with(int32_t wd)
+{
+    struct dentry *d = fmon_linux_live_dentry(wd), *other = nullptr;
+    if (d && (d->owner_bits & DENTRY_INDEXED))
+        other = inode_index_first(d);
+    while (other && (other == d || owner_of(other)->wd != wd))
+        other = inode_index_next(other);
+    return other;
+}
+
+void let_go(struct dentry *d)
+{
+    struct dentry *parent = d->parent;
+    fmon_linux_set_wd(d, -1);
+    FMON_LOG(4, kFile, "ignore dentry %s\n", dentry_path(d));
+    fmon_linux_punish(d, 0, 0);
+    fmon_linux_collect(parent);
+}
 
 }  // namespace
 
@@ -30,21 +76,20 @@ void fmon_linux_unknown_wd(const char *name)
 
 void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name)
 {
-    /* Each step may free the dentry, so each looks it up again. */
     static constexpr struct {
         uint32_t bit;
-        void (*step)(struct dentry *, const char *, int);
+        tree_step take;
     } steps[] = {
         {IN_CREATE, fmon_linux_on_create},     {IN_MOVED_FROM, fmon_linux_on_moved_from},
         {IN_MOVED_TO, fmon_linux_on_moved_to}, {IN_MOVE_SELF, fmon_linux_on_move_self},
         {IN_DELETE, fmon_linux_on_delete},     {IN_ATTRIB, fmon_linux_on_attrib},
     };
-    int is_dir = (mask & IN_ISDIR) != 0;
-    for (const auto &step : steps) {
-        struct dentry *d = (mask & step.bit) ? fmon_linux_live_dentry(wd) : nullptr;
-        if (d)
-            step.step(d, name, is_dir);
-    }
+    const int is_dir = (mask & IN_ISDIR) != 0;
+    if (name && !is_dir)
+        return; /* no part of the tree */
+    for (const auto &step : steps)
+        if (mask & step.bit)
+            take_step(wd, step.take, name, is_dir);
 }
 
 int fmon_linux_ignored(int wd)
@@ -61,14 +106,13 @@ int fmon_linux_ignored(int wd)
             FMON_LOG(1, kFile, "ignore del poison seq failed, wd %d\n", wd);
         return 0;
     }
+    while (struct dentry *other = other_with(wd))
+        let_go(other);
     struct dentry *d = fmon_linux_live_dentry(wd);
-    struct dentry *parent = d->parent;
     if (seq_del(&fmlnx.seq, wd) < 0)
         FMON_LOG(1, kFile, "ignore del seq failed, wd %d\n", wd);
-    fmon_linux_set_wd(d, -1);
-    FMON_LOG(4, kFile, "ignore dentry %s\n", dentry_path(d));
-    fmon_linux_punish(d, 0, 0);
-    fmon_linux_collect(parent);
+    if (d)
+        let_go(d);
     return 0;
 }
 

@@ -137,6 +137,16 @@ struct dentry *inode_index_next(struct dentry *d)
     return find_from(after(slot_of(d)), owner_of(d)->dev, owner_of(d)->ino);
 }
 
+struct dentry *inode_index_above(struct dentry *d, const struct dentry *last)
+{
+    const auto address = [](const struct dentry *of) { return reinterpret_cast<uintptr_t>(of); };
+    struct dentry *found = nullptr;
+    for (d = inode_index_first(d); d; d = inode_index_next(d))
+        if (address(d) > address(last) && (!found || address(d) < address(found)))
+            found = d;
+    return found;
+}
+
 bool inode_index_is(struct dentry *d, uint64_t dev, uint64_t ino)
 {
     const struct dentry_owner *own = owner_of(d);

@@ -28,6 +28,10 @@ struct dentry *inode_index_find(uint64_t dev, uint64_t ino);
 struct dentry *inode_index_first(struct dentry *d);
 struct dentry *inode_index_next(struct dentry *d);
 
+/* Of these the one with the least address above that of `last`, which may be gone (null: the least of all), or null.
+ * The index may change between two calls. */
+struct dentry *inode_index_above(struct dentry *d, const struct dentry *last);
+
 /* Whether the dentry is in the index under that inode. */
 bool inode_index_is(struct dentry *, uint64_t dev, uint64_t ino);
 

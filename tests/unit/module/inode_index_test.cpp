@@ -5,7 +5,9 @@
 #include <gtest/gtest.h>
 #include <sys/sysmacros.h>
 
+#include <algorithm>
 #include <cerrno>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
@@ -82,6 +84,27 @@ TEST_F(InodeIndex, TwoNamesOfOneInode)
     EXPECT_TRUE(left == a || left == b);
     inode_index_remove(left);
     EXPECT_EQ(nullptr, inode_index_find(1, 10));
+}
+
+TEST_F(InodeIndex, AllNamesInTheOrderOfTheirAddresses)
+{
+    std::vector<struct dentry *> all;
+    for (int i = 0; i < 5; i++)
+        all.push_back(make());
+    for (struct dentry *d : all)
+        ASSERT_EQ(0, inode_index_set(d, 1, 10));
+    struct dentry *other = make();
+    ASSERT_EQ(0, inode_index_set(other, 1, 11));
+    std::sort(all.begin(), all.end(), std::less<>());
+    const struct dentry *last = nullptr;
+    for (struct dentry *d : all) {
+        EXPECT_EQ(d, inode_index_above(all[0], last));
+        last = d;
+    }
+    EXPECT_EQ(nullptr, inode_index_above(all[0], last));
+    inode_index_remove(all[2]);
+    EXPECT_EQ(all[3], inode_index_above(all[0], all[2])) << "what was last may be gone";
+    EXPECT_EQ(other, inode_index_above(other, nullptr));
 }
 
 /* Against a map, with numbers so close that chains run into one another and round the end of the table. */
