@@ -98,6 +98,7 @@ struct fmlnx_t {
     uint32_t last_sweep, sweep_wait, making_room; /* ms, ms, 1 meanwhile */
     uint32_t last_check;                          /* of watched directories' places, ms */
     struct seq_table seq;
+    int32_t highest_wd; /* that was given so far */
     uint64_t marked_directories;
     list_head mounts;
     uint64_t unknown_wd_count, ino_overflow, fan_overflow;
@@ -253,7 +254,7 @@ struct dentry *fmon_linux_live_dentry(int32_t wd);
 
 /* What records of the inotify descriptor and of the inotify probe share: a descriptor that stands for nothing is
  * counted; a watch that the kernel dropped; the tree's part in an event, which calls the handlers below. */
-void fmon_linux_unknown_wd(const char *name); /* of the entry that the record is about; null: none */
+void fmon_linux_unknown_wd(int32_t wd, const char *name); /* of the entry that the record is about; null: none */
 int fmon_linux_ignored(int wd);
 void fmon_linux_keep_tree(int32_t wd, uint32_t mask, const char *name);
 void fmon_linux_on_create(struct dentry *, const char *name, int is_dir);

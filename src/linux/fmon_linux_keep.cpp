@@ -66,11 +66,13 @@ struct dentry *fmon_linux_live_dentry(int32_t wd)
 }
 
 /* What a directory that is not known (any more) says of itself is nothing that is missed: such records are still to
- * come when the monitor itself lets go of a watch, as of one whose path another directory took. */
-void fmon_linux_unknown_wd(const char *name)
+ * come when the monitor itself lets go of a watch, as of one whose path another directory took. What happens to an
+ * entry while another processor is taking its directory's watch away is reported behind the IN_IGNORED of that; the
+ * kernel gives rising numbers, so that a number which was given before is that of a watch which was taken away. */
+void fmon_linux_unknown_wd(int32_t wd, const char *name)
 {
     fmlnx.unknown_wd_count++;
-    fmon.lost.unknown_wd += name != nullptr;
+    fmon.lost.unknown_wd += name && wd > fmlnx.highest_wd;
     fmlnx.read_status |= READ_UNKNOWN_WD;
 }
 
@@ -97,7 +99,7 @@ int fmon_linux_ignored(int wd)
     uint64_t value = seq_get(&fmlnx.seq, wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "ignore: can't find seq of wd: %d\n", wd);
-        fmon_linux_unknown_wd(nullptr);
+        fmon_linux_unknown_wd(wd, nullptr);
         return -1;
     }
     if (value == SEQ_POISON) {

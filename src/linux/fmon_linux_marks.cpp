@@ -107,6 +107,8 @@ int adopt_wd(struct dentry *d, int wd)
 
     if (seq_set(&fmlnx.seq, wd, reinterpret_cast<uintptr_t>(d)) == 0) {
         fmon_linux_set_wd(d, wd);
+        if (wd > fmlnx.highest_wd)
+            fmlnx.highest_wd = wd;
         return 0;
     }
     FMON_LOG(1, kFile, "add seq failed, wd %d\n", wd);

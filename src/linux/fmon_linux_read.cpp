@@ -52,7 +52,7 @@ int handle_watched(struct fmon *monitor, const struct raw_inotify *record, const
     uint64_t value = seq_get(&fmlnx.seq, record->wd);
     if (value == 0) {
         FMON_LOG(1, kFile, "can't find dentry\n");
-        fmon_linux_unknown_wd(name);
+        fmon_linux_unknown_wd(record->wd, name);
         return 0;
     }
     if (value == SEQ_POISON) {

@@ -33,7 +33,7 @@ struct dentry *find_dentry(struct inotify_record *record)
     if (value == 0) {
         record->name[15] = '\0';
         FMON_LOG(4, kFile, "can't find dentry, filename:%s\n", record->name);
-        fmon_linux_unknown_wd(record->name[0] != '\0' ? record->name : nullptr);
+        fmon_linux_unknown_wd(record->wd, record->name[0] != '\0' ? record->name : nullptr);
         return nullptr;
     }
     if (value == SEQ_POISON) {

@@ -136,6 +136,17 @@ TEST_F(Reading, WhatAnUnknownDirectorySaysOfItselfIsNoLoss)
     EXPECT_EQ(0U, fmon.lost.unknown_wd);
 }
 
+/* The kernel reports what happens to an entry while the watch is taken away behind the IN_IGNORED of it. */
+TEST_F(Reading, WhatComesBehindTheEndOfAWatchIsNoLoss)
+{
+    ASSERT_EQ(0, m.del(a));
+    m.feed(0, inotify_record(wd, IN_IGNORED) + inotify_record(wd, IN_CREATE, "x"));
+    EXPECT_TRUE(logged(1, "can't find dentry\n"));
+    EXPECT_EQ(1U, fmlnx.unknown_wd_count);
+    EXPECT_EQ(0U, fmon.lost.unknown_wd);
+    EXPECT_EQ(Strings{}, m.events());
+}
+
 /* The empty directory's own watch ends with it, while its dentry has the arriving directory's already. */
 TEST_F(Reading, RenamingOntoAnEmptyDirectoryLosesNothing)
 {
