@@ -5,10 +5,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstddef>
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+
+#include "time_format.h"
 
 namespace agent
 {
@@ -45,19 +48,43 @@ Notify::Notify() : address_(take_variable("NOTIFY_SOCKET"))
         watchdog_ms_ = strtoull(us.c_str(), nullptr, 10) / 1000;
 }
 
-// A manager that does not read must not hold the service up: then nothing is sent.
 void Notify::send(const std::string &text)
 {
     if (!socket_)
         return;
+    if (waiting_.size() == kMostWaiting)
+        waiting_.pop_front();
+    waiting_.push_back(text);
+    retry();
+}
+
+void Notify::retry()
+{
+    while (!waiting_.empty() && try_to_send(waiting_.front()))
+        waiting_.pop_front();
+}
+
+// False: a manager that does not read now must not hold the service up. One that is gone is no reason to try again.
+bool Notify::try_to_send(const std::string &text) const
+{
     struct sockaddr_un to = {};
     to.sun_family = AF_UNIX;
     memcpy(to.sun_path, address_.data(), address_.size());
     if (to.sun_path[0] == '@')
         to.sun_path[0] = '\0';
     const socklen_t size = static_cast<socklen_t>(offsetof(struct sockaddr_un, sun_path) + address_.size());
-    sendto(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
-           reinterpret_cast<const struct sockaddr *>(&to), size);
+    const ssize_t n = sendto(socket_.get(), text.data(), text.size(), MSG_NOSIGNAL | MSG_DONTWAIT,
+                             reinterpret_cast<const struct sockaddr *>(&to), size);
+    return n >= 0 || (errno != EAGAIN && errno != ENOBUFS && errno != ENOMEM);
+}
+
+void Notify::extend(uint64_t ms)
+{
+    const uint64_t until = steady_ms() + ms;
+    if (until < extended_until_ + ms / 4)
+        return;
+    extended_until_ = until;
+    send("EXTEND_TIMEOUT_USEC=" + std::to_string(ms * 1000));
 }
 
 void Notify::status(const std::string &status)

@@ -189,6 +189,7 @@ void Service::take_signals()
 
 void Service::look(uint64_t now)
 {
+    notify_.retry();
     complain_news();
     const auto any = [&](auto is) { return std::any_of(instances_.begin(), instances_.end(), is); };
     if (any([](auto &instance) { return instance->is_broken(); })) {

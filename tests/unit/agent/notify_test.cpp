@@ -124,3 +124,33 @@ TEST_F(NotifyTest, AManagerThatDoesNotReadHoldsNobodyUp)
         notify.watchdog();
     EXPECT_EQ("WATCHDOG=1", heard());
 }
+
+/* A socket holds few messages: what tells that the service is ready must not be the one that is lost. */
+TEST_F(NotifyTest, WhatTheManagerCannotTakeAtOnceComesLater)
+{
+    listen(directory.path("notify"));
+    Notify notify;
+    std::vector<std::string> sent;
+    for (int i = 0; i < 25; i++) {
+        notify.status(std::to_string(i));
+        sent.push_back("STATUS=" + std::to_string(i));
+    }
+    notify.ready();
+    sent.emplace_back("READY=1");
+    std::vector<std::string> all;
+    for (std::string text; notify.retry(), !(text = heard()).empty();)
+        all.push_back(text);
+    EXPECT_EQ(sent, all);
+}
+
+TEST_F(NotifyTest, MoreTimeIsAskedForOnlyWhereMuchOfItHasPassed)
+{
+    listen(directory.path("notify"));
+    Notify notify;
+    for (int i = 0; i < 100; i++)
+        notify.extend(600'000);
+    EXPECT_EQ("EXTEND_TIMEOUT_USEC=600000000", heard());
+    EXPECT_EQ("", heard());
+    notify.extend(900'000);
+    EXPECT_EQ("EXTEND_TIMEOUT_USEC=900000000", heard());
+}
