@@ -13,6 +13,7 @@
 #include "agent/losses.h"
 #include "agent/message.h"
 #include "agent/time_format.h"
+#include "agent/unread.h"
 #include "config_file.h"
 #include "config_read.h"
 #include "output/stats_text.h"
@@ -26,7 +27,7 @@ namespace
 constexpr uint64_t kLookMs = 2000;     /* between two looks at outputs and watches */
 constexpr uint64_t kPlacingMs = 500;   /* the same, while something is being placed */
 constexpr uint64_t kExtendMs = 30'000; /* what the manager is asked for meanwhile */
-constexpr uint64_t kSettleMs = 2000;   /* for the monitor to hand on what it has, at the end */
+constexpr uint64_t kSettleMs = 5000;   /* for the monitor to hand on what it has, at the end */
 
 std::string host_name()
 {
@@ -289,11 +290,13 @@ void Service::restore(const std::string &reason)
 
 /* ---- the end ---- */
 
-// What the monitor holds is handed on first.
+// What the kernel holds, then what the monitor does, is handed on first: a status is given between two rounds of the
+// monitor's thread, so that what was read is in its table, or gone from it, by then.
 void Service::settle(uint64_t deadline_ms)
 {
     struct fmon_status status;
-    while (agent::steady_ms() < deadline_ms && monitor_.module().read_status(status) && status.records)
+    while (agent::steady_ms() < deadline_ms &&
+           (agent::has_unread_records() || (monitor_.module().read_status(status) && status.records)))
         poll(nullptr, 0, 20);
 }
 
