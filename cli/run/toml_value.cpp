@@ -1,6 +1,7 @@
 #include "toml_value.h"
 
 #include <algorithm>
+#include <cstring>
 
 #define TOML_EXCEPTIONS 0
 #define TOML_ENABLE_FORMATTERS 0
@@ -59,6 +60,50 @@ TomlValue convert(const toml::node &node)
     return value;
 }
 
+// Where a text, or a comment, that begins at `at` ends; `at` itself: nothing of that kind begins there.
+size_t end_of_quoted(std::string_view text, size_t at)
+{
+    const char c = text[at];
+    if (c == '#')
+        return std::min(text.find('\n', at), text.size());
+    if (c != '"' && c != '\'')
+        return at;
+    const std::string_view three = text.substr(at, 3);
+    const std::string_view mark = three == std::string(3, c) ? three : three.substr(0, 1);
+    for (size_t i = at + mark.size(); i < text.size(); i++) {
+        if (text[i] == '\\' && c == '"')
+            i++;
+        else if (text.substr(i, mark.size()) == mark)
+            return i + mark.size();
+        else if (mark.size() == 1 && text[i] == '\n')
+            return i;
+    }
+    return text.size();
+}
+
+// The library makes a table of each part of a key, one within the other, and goes through them by calling itself.
+bool check_keys(std::string_view text, Place &place)
+{
+    constexpr unsigned kMostParts = 64;
+    unsigned line = 1, parts = 0;
+    size_t begin_of_line = 0;
+    for (size_t at = 0; at < text.size();) {
+        const size_t after = std::max(end_of_quoted(text, at), at + 1);
+        if (text[at] == '.' && ++parts == kMostParts) {
+            place = {line, static_cast<unsigned>(at - begin_of_line + 1)};
+            return false;
+        }
+        if (strchr("=,{}[]\n", text[at]))
+            parts = 0;
+        for (; at < after; at++)
+            if (text[at] == '\n') {
+                line++;
+                begin_of_line = at + 1;
+            }
+    }
+    return true;
+}
+
 }  // namespace
 
 const TomlMember *TomlValue::find(std::string_view key) const
@@ -77,6 +122,10 @@ const char *kind_text(TomlValue::Kind kind)
 
 bool parse_toml(std::string_view text, TomlValue &document, Place &place, std::string &error)
 {
+    if (!check_keys(text, place)) {
+        error = "a key has more than 64 parts";
+        return false;
+    }
     const toml::parse_result result = toml::parse(text);
     if (!result) {
         place = place_of(result.error().source());

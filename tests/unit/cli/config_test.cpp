@@ -212,6 +212,23 @@ TEST(ConfigTest, WhatIsNoTomlHasItsPlace)
     EXPECT_TRUE(faults_of("[[instance]]\nname = a\n").starts_with("f:2:")) << faults_of("[[instance]]\nname = a\n");
 }
 
+/* Each part is a table in the one before. */
+TEST(ConfigTest, KeysOfVeryManyPartsAreRefused)
+{
+    const auto key = [](size_t parts) {
+        std::string text = "a";
+        for (size_t i = 1; i < parts; i++)
+            text += " . \"x.=\"";
+        return text;
+    };
+    EXPECT_EQ("f:2:507: a key has more than 64 parts",
+              faults_of("# " + std::string(99, '.') + "\n" + key(65) + " = 1"));
+    EXPECT_EQ("f:1:512: a key has more than 64 parts", faults_of("x = {" + key(1'000'000) + " = 1}"));
+    EXPECT_NE(std::string::npos, faults_of(key(64) + " = 1").find("unknown key 'a'"));
+    const std::string dots(99, '.');
+    EXPECT_EQ("", faults_of(with_instance("exclude = [\"" + dots + "\", '" + dots + "']\n")));
+}
+
 TEST(ConfigTest, AnEmptyFileWatchesNothing) { EXPECT_EQ("f: nothing is watched: add an [[instance]]", faults_of("")); }
 
 TEST(ConfigTest, UnknownKeysAreNamedWithTheNearest)
