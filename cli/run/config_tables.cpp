@@ -13,7 +13,8 @@ using T = output::SettingType;
 constexpr output::Setting kService[] = {
     {"state_directory", T::kText, "directory for what must outlive the service, such as spools", "/var/lib/fmon"},
     {"socket", T::kText, "Unix socket that answers `fmon stats`; empty: none", "/run/fmon/fmon.sock"},
-    {"prometheus", T::kText, "address for Prometheus, such as 127.0.0.1:9464, or the path of a Unix socket", ""},
+    {"prometheus", T::kText,
+     "address for Prometheus, such as 127.0.0.1:9464 or [::1]:9464, or the path of a Unix socket", ""},
     {"drain", T::kTime, "how long, at the end, outputs may take for what they have accepted", "10 s"},
 };
 

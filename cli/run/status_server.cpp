@@ -13,6 +13,7 @@
 #include <cstring>
 
 #include "agent/paths.h"
+#include "agent/time_format.h"
 #include "config_file.h"
 
 namespace cli
@@ -23,6 +24,7 @@ namespace
 
 constexpr int kBacklog = 8;
 constexpr size_t kLongestRequest = 8192;
+constexpr std::string_view kHostV4 = "127.0.0.1:", kHostV6 = "[::1]:";
 
 bool address_of(const std::string &path, struct sockaddr_un &address)
 {
@@ -34,11 +36,21 @@ bool address_of(const std::string &path, struct sockaddr_un &address)
     return true;
 }
 
-bool wait_for(int fd, short events)
+// Of an exchange with one asker, that comes and goes by bytes.
+class Patience
 {
-    struct pollfd poll_fd = {fd, events, 0};
-    return poll(&poll_fd, 1, StatusServer::kPatienceMs) > 0;
-}
+public:
+    /* False: the time is up before that can be done. */
+    bool wait_for(int fd, short events) const
+    {
+        const uint64_t now = agent::steady_ms();
+        struct pollfd poll_fd = {fd, events, 0};
+        return now < end_ && poll(&poll_fd, 1, static_cast<int>(end_ - now)) > 0;
+    }
+
+private:
+    const uint64_t end_ = agent::steady_ms() + StatusServer::kPatienceMs;
+};
 
 // Somebody listens there.
 bool is_alive(const struct sockaddr_un &address)
@@ -50,9 +62,11 @@ bool is_alive(const struct sockaddr_un &address)
 // What comes before the end of a request.
 std::string receive(int fd, const char *end)
 {
+    const Patience patience;
     std::string request;
     char block[1024];
-    while (request.find(end) == std::string::npos && request.size() < kLongestRequest && wait_for(fd, POLLIN)) {
+    while (request.find(end) == std::string::npos && request.size() < kLongestRequest &&
+           patience.wait_for(fd, POLLIN)) {
         const ssize_t n = recv(fd, block, sizeof block, 0);
         if (n <= 0)
             break;
@@ -63,12 +77,67 @@ std::string receive(int fd, const char *end)
 
 void send_all(int fd, std::string_view text)
 {
-    while (!text.empty() && wait_for(fd, POLLOUT)) {
+    const Patience patience;
+    while (!text.empty() && patience.wait_for(fd, POLLOUT)) {
         const ssize_t n = send(fd, text.data(), text.size(), MSG_NOSIGNAL);
         if (n <= 0)
             return;
         text.remove_prefix(static_cast<size_t>(n));
     }
+}
+
+/* ---- HTTP ---- */
+
+std::string message(const std::string &status, const std::string &headers, const std::string &body)
+{
+    return "HTTP/1.0 " + status + "\r\n" + headers + "Content-Length: " + std::to_string(body.size()) +
+           "\r\nConnection: close\r\n\r\n" + body;
+}
+
+std::string refusal(const std::string &status, const std::string &headers = "")
+{
+    return message(status, headers + "Content-Type: text/plain\r\n", status + "\n");
+}
+
+// A request begins with "METHOD TARGET HTTP/VERSION".
+std::string http_answer(const std::string &request, const std::function<std::string()> &text)
+{
+    const std::string line = request.substr(0, request.find_first_of("\r\n"));
+    const size_t method_end = line.find(' '), target_end = line.find(' ', method_end + 1);
+    if (method_end == std::string::npos || target_end == std::string::npos ||
+        line.compare(target_end + 1, 5, "HTTP/") != 0)
+        return refusal("400 Bad Request");
+    const std::string method = line.substr(0, method_end);
+    const std::string target = line.substr(method_end + 1, target_end - method_end - 1);
+    if (target.substr(0, target.find('?')) != "/metrics")
+        return refusal("404 Not Found");
+    if (method != "GET" && method != "HEAD")
+        return refusal("405 Method Not Allowed", "Allow: GET, HEAD\r\n");
+    const std::string answer = message("200 OK", "Content-Type: text/plain; version=0.0.4\r\n", text());
+    return method == "GET" ? answer : answer.substr(0, answer.find("\r\n\r\n") + 4);
+}
+
+/* ---- addresses ---- */
+
+struct Address {
+    struct sockaddr_storage at = {};
+    socklen_t size = 0;
+};
+
+Address loopback(bool v6, uint16_t port)
+{
+    struct sockaddr_in v4_at = {};
+    v4_at.sin_family = AF_INET;
+    v4_at.sin_port = htons(port);
+    v4_at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    struct sockaddr_in6 v6_at = {};
+    v6_at.sin6_family = AF_INET6;
+    v6_at.sin6_port = htons(port);
+    v6_at.sin6_addr = in6addr_loopback;
+    Address address;
+    address.size = v6 ? sizeof v6_at : sizeof v4_at;
+    memcpy(&address.at, v6 ? static_cast<const void *>(&v6_at) : &v4_at, address.size);
+    return address;
 }
 
 }  // namespace
@@ -90,12 +159,13 @@ bool make_own_directory(const std::string &path, std::string &error)
 
 uint16_t loopback_port(const std::string &address)
 {
-    constexpr std::string_view kHost = "127.0.0.1:";
-    uint16_t port = 0;
     const char *const end = address.data() + address.size();
-    const bool is_one =
-        address.starts_with(kHost) && std::from_chars(address.data() + kHost.size(), end, port).ptr == end;
-    return is_one ? port : uint16_t{0};
+    for (const std::string_view host : {kHostV4, kHostV6}) {
+        uint16_t port = 0;
+        if (address.starts_with(host) && std::from_chars(address.data() + host.size(), end, port).ptr == end)
+            return port;
+    }
+    return 0;
 }
 
 bool StatusServer::start(const std::string &address, std::string &error)
@@ -103,14 +173,12 @@ bool StatusServer::start(const std::string &address, std::string &error)
     const uint16_t port = loopback_port(address);
     if (port == 0)
         return start_local(address, error);
-    struct sockaddr_in at = {};
-    at.sin_family = AF_INET;
-    at.sin_port = htons(port);
-    at.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    const bool v6 = address.starts_with(kHostV6);
+    const Address to = loopback(v6, port);
     const int on = 1;
-    socket_.reset(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    socket_.reset(socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(socket_.get(), reinterpret_cast<const struct sockaddr *>(&at), sizeof at) == 0 &&
+    if (bind(socket_.get(), reinterpret_cast<const struct sockaddr *>(&to.at), to.size) == 0 &&
         listen(socket_.get(), kBacklog) == 0)
         return true;
     error = "cannot listen at " + address + ": " + strerror(errno);
@@ -165,10 +233,7 @@ void StatusServer::serve_http(const std::function<std::string()> &text) const
     const common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!asker)
         return;
-    receive(asker.get(), "\r\n\r\n");
-    const std::string body = text();
-    send_all(asker.get(), "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\nContent-Length: " +
-                              std::to_string(body.size()) + "\r\n\r\n" + body);
+    send_all(asker.get(), http_answer(receive(asker.get(), "\r\n\r\n"), text));
     shutdown(asker.get(), SHUT_WR);
 }
 

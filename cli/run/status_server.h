@@ -23,16 +23,16 @@ public:
     StatusServer &operator=(const StatusServer &) = delete;
 
     /* Listens at that path, for its owner and root alone; what a service that is gone left there is replaced; or at an
-     * address that only this machine reaches: "127.0.0.1:9464". False: `error` is one line, also where another service
-     * listens there. */
+     * address that only this machine reaches: "127.0.0.1:9464", "[::1]:9464". False: `error` is one line, also where
+     * another service listens there. */
     bool start(const std::string &address, std::string &error);
     void stop();
 
     int fd() const { return socket_.get(); } /* readable: somebody asks; -1: nobody can */
 
-    /* Answers one asker, who has a moment to ask and to read: a line for a line. */
+    /* Answers one asker, who has kPatienceMs to ask and as long to read: a line for a line. */
     void serve(const std::function<std::string(const std::string &request)> &answer) const;
-    /* The same in HTTP: a text for any request. */
+    /* The same in HTTP: a text for GET and HEAD of /metrics, and a refusal for all else. */
     void serve_http(const std::function<std::string()> &text) const;
 
     static constexpr int kPatienceMs = 200;
@@ -44,7 +44,7 @@ private:
     common::Fd socket_;
 };
 
-/* The port of "127.0.0.1:PORT"; 0: it is none. */
+/* The port of "127.0.0.1:PORT" or "[::1]:PORT"; 0: it is neither. */
 uint16_t loopback_port(const std::string &address);
 
 /* The directory of that path may be written to by root and this user only; made, with its parents, where it is missing.

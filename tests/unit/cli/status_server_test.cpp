@@ -6,9 +6,11 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <cstring>
 #include <thread>
 
+#include "agent/time_format.h"
 #include "unit/agent/agent_testing.h"
 
 using namespace cli;
@@ -19,14 +21,20 @@ namespace
 class StatusServerTest : public testing::Test
 {
 protected:
-    /* What is answered to those bytes. */
-    std::string ask(StatusServer &server, const std::string &request, bool http = false) const
+    common::Fd connected() const
     {
         struct sockaddr_un address = {};
         address.sun_family = AF_UNIX;
         strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        const common::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+        common::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
         EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address));
+        return fd;
+    }
+
+    /* What is answered to those bytes. */
+    std::string ask(StatusServer &server, const std::string &request, bool http = false) const
+    {
+        const common::Fd fd = connected();
         EXPECT_EQ(static_cast<ssize_t>(request.size()), write(fd.get(), request.data(), request.size()));
         std::thread serving([&] {
             if (http)
@@ -65,13 +73,74 @@ TEST_F(StatusServerTest, WhoAsksNothingIsAnsweredAfterAMoment)
     EXPECT_EQ("<>\n", ask(server, ""));
 }
 
-TEST_F(StatusServerTest, InHttpAnyRequestIsAnswered)
+TEST_F(StatusServerTest, InHttpMetricsAreAnswered)
 {
     StatusServer server;
     ASSERT_TRUE(server.start(path, error)) << error;
-    const std::string answer = ask(server, "GET /metrics HTTP/1.1\r\nHost: a\r\n\r\n", true);
-    EXPECT_TRUE(answer.starts_with("HTTP/1.0 200 OK\r\n")) << answer;
-    EXPECT_TRUE(answer.ends_with("Content-Length: 10\r\n\r\nfmon_up 1\n")) << answer;
+    const std::string head =
+        "HTTP/1.0 200 OK\r\nContent-Type: text/plain; version=0.0.4\r\nContent-Length: 10\r\n"
+        "Connection: close\r\n\r\n";
+    EXPECT_EQ(head + "fmon_up 1\n", ask(server, "GET /metrics HTTP/1.1\r\nHost: a\r\n\r\n", true));
+    EXPECT_EQ(head + "fmon_up 1\n", ask(server, "GET /metrics?x=1 HTTP/1.0\r\n\r\n", true));
+    EXPECT_EQ(head, ask(server, "HEAD /metrics HTTP/1.1\r\n\r\n", true));
+}
+
+TEST_F(StatusServerTest, InHttpAllElseIsRefused)
+{
+    StatusServer server;
+    ASSERT_TRUE(server.start(path, error)) << error;
+    const struct {
+        std::string request, status;
+    } rows[] = {
+        {"GET / HTTP/1.1\r\n\r\n", "404 Not Found"},
+        {"GET /metricsx HTTP/1.1\r\n\r\n", "404 Not Found"},
+        {"POST /else HTTP/1.1\r\n\r\n", "404 Not Found"},
+        {"POST /metrics HTTP/1.1\r\nContent-Length: 5\r\n\r\nhello", "405 Method Not Allowed\r\nAllow: GET, HEAD"},
+        {"DELETE /metrics HTTP/1.1\r\n\r\n", "405 Method Not Allowed\r\nAllow: GET, HEAD"},
+        {"GET /metrics\r\n\r\n", "400 Bad Request"},
+        {"GET /metrics FTP/1\r\n\r\n", "400 Bad Request"},
+        {"\r\n\r\n", "400 Bad Request"},
+        {std::string(3, '\0') + "\r\n\r\n", "400 Bad Request"},
+        {std::string(8192, 'x'), "400 Bad Request"}};
+    for (const auto &row : rows)
+        EXPECT_TRUE(ask(server, row.request, true).starts_with("HTTP/1.0 " + row.status + "\r\n")) << row.request;
+}
+
+/* Some bytes now and then are no reason to go on. */
+TEST_F(StatusServerTest, WhoAsksOrReadsSlowlyHoldsNobodyUp)
+{
+    StatusServer server;
+    ASSERT_TRUE(server.start(path, error)) << error;
+    const common::Fd drips = connected(), deaf = connected();
+    std::atomic<bool> over = false;
+    std::thread dripping([&] {
+        while (!over && send(drips.get(), "G", 1, MSG_NOSIGNAL) == 1)
+            usleep(20'000);
+    });
+    ASSERT_EQ(5, send(deaf.get(), "all\n\n", 5, 0));
+    const uint64_t start = agent::steady_ms();
+    server.serve_http([] { return ""; });
+    server.serve([](const std::string &) { return std::string(100 << 20, 'x'); });
+    EXPECT_LT(agent::steady_ms() - start, 10'000u);
+    over = true;
+    dripping.join();
+    EXPECT_EQ("<next>\n", ask(server, "next\n"));
+}
+
+TEST_F(StatusServerTest, BothLoopbackAddressesAreListenedAt)
+{
+    for (const std::string host : {"127.0.0.1", "[::1]"}) {
+        StatusServer server, second;
+        std::string at;
+        for (int port = 42000; at.empty() && port < 42100; port++)
+            if (server.start(host + ":" + std::to_string(port), error))
+                at = host + ":" + std::to_string(port);
+        if (at.empty() && host == "[::1]")
+            GTEST_SKIP() << "no IPv6 here: " << error;
+        ASSERT_NE("", at) << error;
+        EXPECT_FALSE(second.start(at, error));
+        EXPECT_EQ("cannot listen at " + at + ": Address already in use", error);
+    }
 }
 
 TEST_F(StatusServerTest, OnlyItsOwnerMayConnect)
@@ -112,6 +181,8 @@ TEST_F(StatusServerTest, APlaceThatOthersMayWriteToIsRefused)
 TEST_F(StatusServerTest, OnlyThisMachinesAddressesAreTaken)
 {
     EXPECT_EQ(9464, loopback_port("127.0.0.1:9464"));
-    for (const char *text : {"", "0.0.0.0:9464", "127.0.0.1", "127.0.0.1:", "127.0.0.1:x", "127.0.0.1:99999", "/run/x"})
+    EXPECT_EQ(9464, loopback_port("[::1]:9464"));
+    for (const char *text : {"", "[::]:9464", "[::1]", "[::1]:", "::1:9464", "0.0.0.0:9464", "127.0.0.1",
+                             "127.0.0.1:", "127.0.0.1:x", "127.0.0.1:99999", "/run/x"})
         EXPECT_EQ(0, loopback_port(text)) << text;
 }
