@@ -166,7 +166,7 @@ void Service::loop()
                                {fds_.changed.get(), POLLIN, 0},
                                {status_.fd(), POLLIN, 0},
                                {prometheus_.fd(), POLLIN, 0}};
-        poll(fds, 4, static_cast<int>(placing ? kPlacingMs : kLookMs));
+        poll(fds, 4, static_cast<int>(pause_ms(placing)));
         if (fds[0].revents)
             take_signals();
         eventfd_t count;
@@ -177,6 +177,13 @@ void Service::loop()
             reload();
         look(agent::steady_ms());
     }
+}
+
+// The watchdog is fed four times within its limit.
+uint64_t Service::pause_ms(bool placing) const
+{
+    const uint64_t most = placing ? kPlacingMs : kLookMs, limit = notify_.watchdog_ms();
+    return limit ? std::min(most, limit / 4) : most;
 }
 
 void Service::take_signals()

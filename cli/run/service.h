@@ -38,6 +38,7 @@ private:
     bool start(std::string &error);
     bool listen(std::string &error);
     void loop();
+    uint64_t pause_ms(bool placing) const;
     void answer(bool stats, bool prometheus);
     void take_signals();
     void look(uint64_t now);

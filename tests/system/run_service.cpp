@@ -63,14 +63,15 @@ void Service::configure(const std::string &instances, const std::string &service
                             << instances;
 }
 
-void Service::launch()
+void Service::launch(const std::string &setting)
 {
     const std::string notify = tree_.path("notify");
     const struct sockaddr_un address = address_of(notify);
     manager_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     ASSERT_EQ(0, bind(manager_, reinterpret_cast<const struct sockaddr *>(&address), sizeof address));
-    process_ = std::make_unique<Process>(Launch{
-        {std::string(FMON_TEST_BIN) + "/fmon", "run", "--config", config()}, false, {"NOTIFY_SOCKET=" + notify}});
+    process_ = std::make_unique<Process>(Launch{{std::string(FMON_TEST_BIN) + "/fmon", "run", "--config", config()},
+                                                false,
+                                                {"NOTIFY_SOCKET=" + notify, setting}});
 }
 
 void Service::start()
@@ -87,13 +88,16 @@ void Service::reload()
     ASSERT_TRUE(hears("READY=1")) << process_->errors();
 }
 
-bool Service::hears(const std::string &part)
+bool Service::hears(const std::string &part, int times)
 {
     return await([&] {
         char text[512];
         for (ssize_t n; (n = recv(manager_, text, sizeof text, 0)) > 0;)
             heard_ += std::string(text, static_cast<size_t>(n)) + "\n";
-        return heard_.find(part) != std::string::npos;
+        int found = 0;
+        for (size_t at = 0; (at = heard_.find(part, at)) != std::string::npos; at += part.size())
+            found++;
+        return found >= times;
     });
 }
 

@@ -32,12 +32,12 @@ public:
 
     /* Writes the configuration; [service] is the test's. */
     void configure(const std::string &instances, const std::string &service = "");
-    void start();  /* and waits until all is placed */
-    void launch(); /* only */
-    void reload(); /* and waits until that is over */
+    void start();                                            /* and waits until all is placed */
+    void launch(const std::string &setting = "FMON_TEST=1"); /* only; with that in the environment */
+    void reload();                                           /* and waits until that is over */
 
-    /* Until a message of the service's to its manager has that part. */
-    bool hears(const std::string &part);
+    /* Until messages of the service's to its manager had that part so often. */
+    bool hears(const std::string &part, int times = 1);
     /* What is answered to a request at that socket of the tree. */
     std::string ask(const std::string &socket, const std::string &request) const;
     Json stats() const { return Json::parse(ask("socket", "stats\n")); }

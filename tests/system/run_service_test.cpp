@@ -80,6 +80,14 @@ TEST_F(RunService, EventsReachTheFileWithTheNameOfTheirInstance)
     EXPECT_NE(std::string::npos, content(out()).find("\"type\":\"established\""));
 }
 
+// The service looks after its outputs every two seconds: more often where the manager waits for no longer.
+TEST_F(RunService, FeedsAWatchdogOfAnyLimit)
+{
+    service.configure(instance_text("one", tree_text(tree.dir("in")), file_text(out())));
+    service.launch("WATCHDOG_USEC=400000");
+    EXPECT_TRUE(service.hears("WATCHDOG=1", 20)) << service.process().errors();
+}
+
 TEST_F(RunService, ItSaysHowItDoes)
 {
     service.configure(instance_text("web", tree_text(tree.dir("w")), file_text(out()), "exclude = [\"b$\"]\n"));
