@@ -1,6 +1,7 @@
 #include "instance.h"
 
 #include <algorithm>
+#include <iterator>
 #include <utility>
 
 #include "agent/time_format.h"
@@ -101,27 +102,39 @@ std::unique_ptr<output::Outlet> Instance::open_outlet(const Output &output, std:
     return nullptr;
 }
 
-// New watches are placed beside the old ones, which end then.
+// New watches are placed beside the old ones, which end then. Where one cannot be started, those from before stay.
 bool Instance::apply_watches(const InstanceConfig &config, std::string &error)
 {
-    std::vector<std::unique_ptr<Watch>> before = std::move(watches_);
-    watches_.clear();
-    bool all = true;
-    for (const agent::Request &request : config.watches) {
-        const auto same = std::find_if(before.begin(), before.end(), [&](const std::unique_ptr<Watch> &watch) {
-            return watch && watch->request == request && watch->run->state() <= agent::WatchRun::State::kWatching;
-        });
-        if (same != before.end())
-            watches_.push_back(std::move(*same));
-        else
-            all &= start_watch(request, error);
-    }
-    std::erase(before, nullptr);
-    end_watches(std::move(before));
-    return all;
+    Watches fresh;
+    std::vector<bool> stays(watches_.size());
+    for (const agent::Request &request : config.watches)
+        if (!keep_watch(request, stays) && !start_watch(request, fresh, error)) {
+            end_watches(std::move(fresh));
+            return false;
+        }
+    Watches ending;
+    for (size_t i = stays.size(); i-- > 0;)
+        if (!stays[i]) {
+            ending.push_back(std::move(watches_[i]));
+            watches_.erase(watches_.begin() + static_cast<ptrdiff_t>(i));
+        }
+    std::move(fresh.begin(), fresh.end(), std::back_inserter(watches_));
+    end_watches(std::move(ending));
+    return true;
 }
 
-bool Instance::start_watch(const agent::Request &request, std::string &error)
+bool Instance::keep_watch(const agent::Request &request, std::vector<bool> &stays) const
+{
+    for (size_t i = 0; i < watches_.size(); i++)
+        if (!stays[i] && watches_[i]->request == request &&
+            watches_[i]->run->state() <= agent::WatchRun::State::kWatching) {
+            stays[i] = true;
+            return true;
+        }
+    return false;
+}
+
+bool Instance::start_watch(const agent::Request &request, Watches &fresh, std::string &error)
 {
     auto watch = std::make_unique<Watch>();
     watch->request = request;
@@ -134,13 +147,13 @@ bool Instance::start_watch(const agent::Request &request, std::string &error)
         error = "instance " + name_ + ": no thread, or no descriptor, is left for a watch (ulimit -u, ulimit -n)";
         return false;
     }
-    watches_.push_back(std::move(watch));
+    fresh.push_back(std::move(watch));
     return true;
 }
 
 // All are told before one is waited for.
 // NOLINTNEXTLINE(performance-unnecessary-value-param): taken over, and gone when this returns
-void Instance::end_watches(std::vector<std::unique_ptr<Watch>> watches)
+void Instance::end_watches(Watches watches)
 {
     for (const std::unique_ptr<Watch> &watch : watches)
         watch->run->end();

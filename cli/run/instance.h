@@ -68,7 +68,8 @@ public:
         std::unique_ptr<output::InstanceReport> report;
         std::unique_ptr<agent::WatchRun> run;
     };
-    const std::vector<std::unique_ptr<Watch>> &watches() const { return watches_; }
+    using Watches = std::vector<std::unique_ptr<Watch>>;
+    const Watches &watches() const { return watches_; }
     output::Fanout &fanout() { return fanout_; }
     const output::Fanout &fanout() const { return fanout_; }
 
@@ -83,8 +84,9 @@ private:
     static std::vector<std::string> keys_of(const std::vector<Output> &outputs);
     std::unique_ptr<output::Outlet> open_outlet(const Output &output, std::string &error);
     bool apply_watches(const InstanceConfig &config, std::string &error);
-    bool start_watch(const agent::Request &request, std::string &error);
-    void end_watches(std::vector<std::unique_ptr<Watch>> watches);
+    bool keep_watch(const agent::Request &request, std::vector<bool> &stays) const;
+    bool start_watch(const agent::Request &request, Watches &fresh, std::string &error);
+    void end_watches(Watches watches);
     bool any_is(agent::WatchRun::State state) const;
 
     const std::string name_;
@@ -92,7 +94,7 @@ private:
     output::Fanout fanout_;
     std::vector<Output> outputs_; /* that are open */
     uint64_t last_output_ = 0;
-    std::vector<std::unique_ptr<Watch>> watches_;
+    Watches watches_;
 };
 
 }  // namespace cli

@@ -23,6 +23,7 @@ namespace
 {
 
 constexpr int kBacklog = 8;
+constexpr uint64_t kPauseMs = 500; /* after an asker who could not be taken */
 constexpr size_t kLongestRequest = 8192;
 constexpr std::string_view kHostV4 = "127.0.0.1:", kHostV6 = "[::1]:";
 
@@ -52,10 +53,11 @@ private:
     const uint64_t end_ = agent::steady_ms() + StatusServer::kPatienceMs;
 };
 
+common::Fd local_socket() { return common::Fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)); }
+
 // Somebody listens there.
-bool is_alive(const struct sockaddr_un &address)
+bool is_alive(const common::Fd &probe, const struct sockaddr_un &address)
 {
-    const common::Fd probe(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     return connect(probe.get(), reinterpret_cast<const struct sockaddr *>(&address), sizeof address) == 0;
 }
 
@@ -177,13 +179,9 @@ bool StatusServer::start(const std::string &address, std::string &error)
     const Address to = loopback(v6, port);
     const int on = 1;
     socket_.reset(socket(v6 ? AF_INET6 : AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
-    setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
-    if (bind(socket_.get(), reinterpret_cast<const struct sockaddr *>(&to.at), to.size) == 0 &&
-        listen(socket_.get(), kBacklog) == 0)
-        return true;
-    error = "cannot listen at " + address + ": " + strerror(errno);
-    socket_.reset();
-    return false;
+    if (socket_)
+        setsockopt(socket_.get(), SOL_SOCKET, SO_REUSEADDR, &on, sizeof on);
+    return begin(&to.at, to.size) || refuse(address, error);
 }
 
 bool StatusServer::start_local(const std::string &path, std::string &error)
@@ -195,20 +193,32 @@ bool StatusServer::start_local(const std::string &path, std::string &error)
     }
     if (!make_own_directory(agent::parent_of(path), error))
         return false;
-    if (is_alive(address)) {
+    const common::Fd probe = local_socket();
+    if (probe && is_alive(probe, address)) {
         error = path + ": another service answers there: is it running already?";
         return false;
     }
-    unlink(path.c_str());
-    socket_.reset(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    if (probe)
+        unlink(path.c_str());
+    socket_ = probe ? local_socket() : common::Fd();
     const mode_t before = umask(0177);
-    const bool bound = bind(socket_.get(), reinterpret_cast<const struct sockaddr *>(&address), sizeof address) == 0;
+    const bool listens = begin(&address, sizeof address);
     umask(before);
-    if (bound && listen(socket_.get(), kBacklog) == 0) {
-        path_ = path;
-        return true;
-    }
-    error = "cannot listen at " + path + ": " + strerror(errno);
+    if (!listens)
+        return refuse(path, error);
+    path_ = path;
+    return true;
+}
+
+bool StatusServer::begin(const void *address, socklen_t size) const
+{
+    return socket_ && bind(socket_.get(), static_cast<const struct sockaddr *>(address), size) == 0 &&
+           ::listen(socket_.get(), kBacklog) == 0;
+}
+
+bool StatusServer::refuse(const std::string &address, std::string &error)
+{
+    error = "cannot listen at " + address + ": " + strerror(errno);
     socket_.reset();
     return false;
 }
@@ -221,16 +231,26 @@ void StatusServer::stop()
     socket_.reset();
 }
 
-void StatusServer::serve(const std::function<std::string(const std::string &request)> &answer) const
+int StatusServer::fd() const { return agent::steady_ms() < deaf_until_ ? -1 : socket_.get(); }
+
+// Whom no descriptor is left for still waits: without a pause the service would do nothing but try again.
+common::Fd StatusServer::take_asker()
 {
-    const common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
-    if (asker)
+    common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    if (!asker)
+        deaf_until_ = agent::steady_ms() + kPauseMs;
+    return asker;
+}
+
+void StatusServer::serve(const std::function<std::string(const std::string &request)> &answer)
+{
+    if (const common::Fd asker = take_asker())
         send_all(asker.get(), answer(receive(asker.get(), "\n")) + "\n");
 }
 
-void StatusServer::serve_http(const std::function<std::string()> &text) const
+void StatusServer::serve_http(const std::function<std::string()> &text)
 {
-    const common::Fd asker(accept4(socket_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    const common::Fd asker = take_asker();
     if (!asker)
         return;
     send_all(asker.get(), http_answer(receive(asker.get(), "\r\n\r\n"), text));

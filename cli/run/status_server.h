@@ -5,6 +5,8 @@
 #ifndef CLI_RUN_STATUS_SERVER_H
 #define CLI_RUN_STATUS_SERVER_H
 
+#include <sys/socket.h>
+
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -28,20 +30,24 @@ public:
     bool start(const std::string &address, std::string &error);
     void stop();
 
-    int fd() const { return socket_.get(); } /* readable: somebody asks; -1: nobody can */
+    int fd() const; /* readable: somebody asks; -1: nobody can, or not now */
 
     /* Answers one asker, who has kPatienceMs to ask and as long to read: a line for a line. */
-    void serve(const std::function<std::string(const std::string &request)> &answer) const;
+    void serve(const std::function<std::string(const std::string &request)> &answer);
     /* The same in HTTP: a text for GET and HEAD of /metrics, and a refusal for all else. */
-    void serve_http(const std::function<std::string()> &text) const;
+    void serve_http(const std::function<std::string()> &text);
 
     static constexpr int kPatienceMs = 200;
 
 private:
     bool start_local(const std::string &path, std::string &error);
+    bool begin(const void *address, socklen_t size) const;
+    bool refuse(const std::string &address, std::string &error);
+    common::Fd take_asker();
 
     std::string path_; /* of the socket; empty: it has none */
     common::Fd socket_;
+    uint64_t deaf_until_ = 0; /* by steady_ms() */
 };
 
 /* The port of "127.0.0.1:PORT" or "[::1]:PORT"; 0: it is neither. */

@@ -12,7 +12,8 @@
  * epoll_create1 epoll_ctl pthread_create inotify_init1. Tests of the container library (container_world/): calloc read
  * open openat openat2 pidfd_open readlinkat fdopendir dup fstat eventfd pthread_create. Tests of outputs with calls
  * that fail (disk_wraps/) have these and write pwrite pread ftruncate fsync fdatasync fstatat unlinkat mkdirat flock
- * fcntl getrandom rename fchmod pipe2 posix_spawn memfd_create socket connect bind listen accept4 send sendmsg.
+ * fcntl getrandom rename fchmod pipe2 posix_spawn memfd_create socket connect bind listen accept4 send sendmsg
+ * signalfd.
  */
 #ifndef TESTLIB_FAULT_H
 #define TESTLIB_FAULT_H

@@ -20,7 +20,7 @@
     X(fstatat) X(open_by_handle_at) X(name_to_handle_at) X(fstatfs) \
     X(pwrite) X(pread) X(ftruncate) X(fsync) X(fdatasync) X(unlinkat) X(mkdirat) X(flock) X(getrandom) \
     X(rename) X(fchmod) X(pipe2) X(posix_spawn) X(memfd_create) X(socket) X(connect) X(bind) X(listen) \
-    X(accept4) X(send) X(sendmsg)
+    X(accept4) X(send) X(sendmsg) X(signalfd)
 /* clang-format on */
 
 namespace testlib

@@ -5,6 +5,7 @@
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/random.h>
+#include <sys/signalfd.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -72,6 +73,7 @@ WRAP(int, rename, rename, (const char *from, const char *to), (from, to))
 WRAP(int, fchmod, fchmod, (int fd, mode_t mode), (fd, mode))
 WRAP(int, pipe2, pipe2, (int *ends, int flags), (ends, flags))
 WRAP(int, memfd_create, memfd_create, (const char *name, unsigned flags), (name, flags))
+WRAP(int, signalfd, signalfd, (int fd, const sigset_t *signals, int flags), (fd, signals, flags))
 WRAP(int, socket, socket, (int domain, int type, int protocol), (domain, type, protocol))
 WRAP(int, connect, connect, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size))
 WRAP(int, bind, bind, (int fd, const struct sockaddr *address, socklen_t size), (fd, address, size))

@@ -6,6 +6,8 @@
 
 #include <gtest/gtest.h>
 #include <rapidjson/document.h>
+#include <sys/socket.h>
+#include <sys/un.h>
 
 #include <cstdlib>
 #include <filesystem>
@@ -15,6 +17,7 @@
 #include <vector>
 
 #include "agent/queue.h"
+#include "common/fd.h"
 
 namespace agent_testing
 {
@@ -68,6 +71,17 @@ inline agent::Event event_of(std::string_view path, uint32_t mask, uint32_t pid 
                              const agent::ProcessInfo *process = nullptr)
 {
     return {kTime, mask, pid, 0, path, "", process};
+}
+
+/* A stream to the Unix socket at that path. */
+inline common::Fd connected_to(const std::string &path)
+{
+    struct sockaddr_un address = {};
+    address.sun_family = AF_UNIX;
+    path.copy(address.sun_path, sizeof address.sun_path - 1);
+    common::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
+    EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<const struct sockaddr *>(&address), sizeof address)) << path;
+    return fd;
 }
 
 }  // namespace agent_testing

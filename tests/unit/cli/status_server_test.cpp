@@ -3,7 +3,6 @@
 
 #include <sys/socket.h>
 #include <sys/stat.h>
-#include <sys/un.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -21,15 +20,7 @@ namespace
 class StatusServerTest : public testing::Test
 {
 protected:
-    common::Fd connected() const
-    {
-        struct sockaddr_un address = {};
-        address.sun_family = AF_UNIX;
-        strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
-        common::Fd fd(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0));
-        EXPECT_EQ(0, connect(fd.get(), reinterpret_cast<struct sockaddr *>(&address), sizeof address));
-        return fd;
-    }
+    common::Fd connected() const { return agent_testing::connected_to(path); }
 
     /* What is answered to those bytes. */
     std::string ask(StatusServer &server, const std::string &request, bool http = false) const
