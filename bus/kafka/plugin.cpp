@@ -12,7 +12,7 @@ using bus::Settings;
 namespace
 {
 
-constexpr uint64_t kReopenMs = 3000;
+constexpr uint64_t kReopenMs = 2000;
 constexpr int kCloseMs = 500;
 
 /* No later attempt can do better. */
