@@ -40,13 +40,18 @@ bool is_tied(struct fs_engine *engine, int system, const struct fs_key *key)
     return node && node->ties;
 }
 
-/* A record that names nothing but the object is about an anchor's directory or about nothing of ours. */
+/* A record that names nothing but the object is about an anchor's directory or about nothing of ours; but for contents:
+ * the file was opened by its handle (by a server of NFS, or by root), and the kernel does not know where it lies. */
 bool names_entry(struct fs_engine *engine, int system, struct fs_record *record)
 {
+    constexpr uint32_t kContents = FMON_OPEN | FMON_ACCESS | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE;
     if (record->entry.dir.len || record->to.dir.len)
         return true;
-    if (!is_tied(engine, system, &record->object))
+    if (!is_tied(engine, system, &record->object)) {
+        if ((record->mask & kContents) && !(record->mask & FS_MASK_ONDIR))
+            fs_engine_lost(engine, FS_LOST_UNRESOLVED);
         return false;
+    }
     record->entry.dir = record->object;
     return true;
 }

@@ -244,6 +244,17 @@ TEST_F(FsEngine, RecordsOfAnObjectOnlyAreTheAnchorsOrNobodys)
     EXPECT_EQ(0u, world.lost[FS_LOST_UNRESOLVED]);
 }
 
+/* A file that was opened by its handle: nobody knows where it lies. */
+TEST_F(FsEngine, ContentsOfAnObjectOnlyAreCounted)
+{
+    take(named_record(FMON_MODIFY | FMON_CLOSE_WRITE, 7, {info(1, handle(50))}) +
+         named_record(FMON_OPEN | kDir, 7, {info(1, handle(20))}) +
+         named_record(FMON_MODIFY, kOwnPid, {info(1, handle(50))}) +
+         named_record(FMON_MODIFY, 7, {info(1, handle(50, 2))}));
+    EXPECT_EQ(Lines{}, told());
+    EXPECT_EQ(1u, world.lost[FS_LOST_UNRESOLVED]) << "of a file system with anchors, by others, of files";
+}
+
 TEST_F(FsEngine, ADirectorysOwnEventsHaveItsPath)
 {
     take(made(10, "a", 20, kDir) + named_record(FMON_ATTRIB | kDir, 7, {info(2, handle(20), ".")}) +
