@@ -238,6 +238,25 @@ InstanceConfig read_instance(const TomlValue &value, const agent::Request &monit
     return instance;
 }
 
+// Each would write at a place of its own, and take the other's file away when it is full.
+void check_shared_files(std::span<const TomlValue> instances, Faults &faults)
+{
+    std::vector<std::string> taken;
+    for (const TomlValue &instance : instances) {
+        const TomlMember *outputs = instance.find("output");
+        for (const TomlValue &output : outputs ? outputs->value.items : std::vector<TomlValue>()) {
+            const TomlMember *path = output.find("path");
+            if (!path || path->value.kind != TomlValue::kText)
+                continue;
+            if (std::find(taken.begin(), taken.end(), path->value.text) != taken.end())
+                faults.add(path->value.place,
+                           "another output has '" + path->value.text +
+                               "' already: give each a path of its own, or the instance more watches");
+            taken.push_back(path->value.text);
+        }
+    }
+}
+
 void check_number_of_instances(const TomlValue &document, const Config &config, Faults &faults)
 {
     size_t needed = 0;
@@ -276,6 +295,7 @@ void read_config(std::string_view text, Config &config, Faults &faults)
         config.instances.push_back(read_instance(instance, config.service.monitor, config.instances, faults));
     if (!top.says("instance"))
         faults.add({}, "nothing is watched: add an [[instance]]");
+    check_shared_files(top.tables("instance"), faults);
     check_number_of_instances(document, config, faults);
 }
 

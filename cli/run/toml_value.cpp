@@ -60,6 +60,24 @@ TomlValue convert(const toml::node &node)
     return value;
 }
 
+// The end of a text that began before `at`, marked by `mark`: on this line, or after many where the mark is three
+// quotes, of which two more may belong to the text.
+size_t end_of_text(std::string_view text, size_t at, std::string_view mark)
+{
+    for (; at < text.size(); at++) {
+        if (text[at] == '\\' && mark[0] == '"')
+            at++;
+        else if (text.substr(at, mark.size()) == mark)
+            break;
+        else if (mark.size() == 1 && text[at] == '\n')
+            return at;
+    }
+    const size_t most = mark.size() == 1 ? at + 1 : at + 5;
+    for (at += mark.size(); at < std::min(most, text.size()) && text[at] == mark[0]; at++) {
+    }
+    return std::min(at, text.size());
+}
+
 // Where a text, or a comment, that begins at `at` ends; `at` itself: nothing of that kind begins there.
 size_t end_of_quoted(std::string_view text, size_t at)
 {
@@ -68,40 +86,35 @@ size_t end_of_quoted(std::string_view text, size_t at)
         return std::min(text.find('\n', at), text.size());
     if (c != '"' && c != '\'')
         return at;
-    const std::string_view three = text.substr(at, 3);
-    const std::string_view mark = three == std::string(3, c) ? three : three.substr(0, 1);
-    for (size_t i = at + mark.size(); i < text.size(); i++) {
-        if (text[i] == '\\' && c == '"')
-            i++;
-        else if (text.substr(i, mark.size()) == mark)
-            return i + mark.size();
-        else if (mark.size() == 1 && text[i] == '\n')
-            return i;
-    }
-    return text.size();
+    const bool is_long = text.substr(at, 3) == std::string(3, c);
+    return end_of_text(text, at + (is_long ? 3 : 1), text.substr(at, is_long ? 3 : 1));
 }
 
-// The library makes a table of each part of a key, one within the other, and goes through them by calling itself.
-bool check_keys(std::string_view text, Place &place)
+Place place_at(std::string_view text, size_t at)
 {
+    const std::string_view before = text.substr(0, at);
+    const size_t newline = before.rfind('\n');
+    return {static_cast<uint32_t>(1 + std::count(before.begin(), before.end(), '\n')),
+            static_cast<uint32_t>(newline == std::string_view::npos ? at + 1 : at - newline)};
+}
+
+// What the library does not bear: it makes a table of each part of a key, one within the other, and goes through them
+// by calling itself; and of a letter where none may be it takes for granted that it is none.
+const char *find_unbearable(std::string_view text, size_t &at)
+{
+    constexpr std::string_view kMark = "\xef\xbb\xbf"; /* of UTF-8, at the begin */
     constexpr unsigned kMostParts = 64;
-    unsigned line = 1, parts = 0;
-    size_t begin_of_line = 0;
-    for (size_t at = 0; at < text.size();) {
-        const size_t after = std::max(end_of_quoted(text, at), at + 1);
-        if (text[at] == '.' && ++parts == kMostParts) {
-            place = {line, static_cast<unsigned>(at - begin_of_line + 1)};
-            return false;
-        }
+    unsigned parts = 0;
+    for (at = text.starts_with(kMark) ? kMark.size() : 0; at < text.size();) {
+        if (text[at] == '.' && ++parts == kMostParts)
+            return "a key has more than 64 parts";
+        if (static_cast<unsigned char>(text[at]) >= 0x80)
+            return "only texts and comments may have other letters than those of ASCII: put it into quotes";
         if (strchr("=,{}[]\n", text[at]))
             parts = 0;
-        for (; at < after; at++)
-            if (text[at] == '\n') {
-                line++;
-                begin_of_line = at + 1;
-            }
+        at = std::max(end_of_quoted(text, at), at + 1);
     }
-    return true;
+    return nullptr;
 }
 
 }  // namespace
@@ -122,8 +135,10 @@ const char *kind_text(TomlValue::Kind kind)
 
 bool parse_toml(std::string_view text, TomlValue &document, Place &place, std::string &error)
 {
-    if (!check_keys(text, place)) {
-        error = "a key has more than 64 parts";
+    size_t at;
+    if (const char *reason = find_unbearable(text, at)) {
+        place = place_at(text, at);
+        error = reason;
         return false;
     }
     const toml::parse_result result = toml::parse(text);

@@ -229,6 +229,16 @@ TEST(ConfigTest, KeysOfVeryManyPartsAreRefused)
     EXPECT_EQ("", faults_of(with_instance("exclude = [\"" + dots + "\", '" + dots + "']\n")));
 }
 
+TEST(ConfigTest, LettersAreAsciiOrQuoted)
+{
+    const std::string said = ": only texts and comments may have other letters than those of ASCII: put it into quotes";
+    EXPECT_EQ("f:1:2" + said, faults_of("n\u00e9 = 1"));
+    EXPECT_EQ("f:2:8" + said, faults_of("# \u00e9\na = \"\" \u035c"));
+    EXPECT_EQ("f:2:2" + said, faults_of("a = '\u00e9' # \u00e9\nb\u00e9 = 1"));
+    const std::string texts = "'\u00e9', \"\\\"\u00e9\", \"\"\"\"\u00e9\n\u00e9\"\"\"\"\", '''\u00e9''''";
+    EXPECT_EQ("", faults_of("\ufeff# \u00e9\n" + with_instance("exclude = [" + texts + ", \"\u00e9\"]\n")));
+}
+
 TEST(ConfigTest, AnEmptyFileWatchesNothing) { EXPECT_EQ("f: nothing is watched: add an [[instance]]", faults_of("")); }
 
 TEST(ConfigTest, UnknownKeysAreNamedWithTheNearest)
@@ -300,6 +310,21 @@ TEST(ConfigTest, FiltersAreTried)
 {
     EXPECT_EQ("f:3:8: there is no user 'nobody-of-that-name' on this machine",
               faults_of(with_instance("user = [\"nobody-of-that-name\"]\n")));
+}
+
+/* Of what type they are: a socket and a file cannot share a path either. */
+TEST(ConfigTest, TwoOutputsWithOnePathAreRefused)
+{
+    const auto instance = [](const std::string &name, const std::string &path) {
+        return "[[instance]]\nname = \"" + name +
+               "\"\nwatch = [{paths = [\"/etc\"]}]\noutput = [{type = \"file\", path = \"" + path + "\"}]\n";
+    };
+    EXPECT_EQ("", faults_of(instance("a", "/var/1") + instance("b", "/var/2")));
+    EXPECT_EQ("f:8:34: another output has '/var/1' already: give each a path of its own, or the instance more watches",
+              faults_of(instance("a", "/var/1") + instance("b", "/var/1")));
+    EXPECT_NE("",
+              faults_of(with_output(
+                  "type = \"file\"\npath = \"/var/1\"\n[[instance.output]]\ntype = \"socket\"\npath = \"/var/1\"")));
 }
 
 TEST(ConfigTest, OutputsAreTried)
