@@ -34,6 +34,8 @@ def picture(fmon, root, columns, lines, path):
     end = time.monotonic() + 6
     while time.monotonic() < end:
         terminal.read(0.2)
+    while terminal.read(0.3):  # a frame that is whole
+        pass
     terminal.send("q")
     shown = svg(terminal.screen)
     terminal.end()
