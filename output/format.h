@@ -21,6 +21,12 @@
 namespace output
 {
 
+/* A time in which a service did not run, so that nothing was watched. */
+struct Unwatched {
+    uint64_t from_ns, until_ns; /* since 1970 */
+    std::string reason;         /* "stopped", "killed", or "booted": the machine has started anew meanwhile */
+};
+
 struct FormatStyle {
     char end = '\n';
     bool colours = false;
@@ -60,6 +66,7 @@ public:
     virtual void ended(uint64_t, std::string_view /*path*/, std::string_view /*reason*/, std::string & /*out*/) {}
     /* In JSON, text and CSV. */
     virtual void burst(uint64_t, const Burst &, std::string & /*out*/) {}
+    virtual void unwatched(uint64_t, const Unwatched &, std::string & /*out*/) {}
 };
 
 /* What text and CSV say of a loss: "inotify: 3". */
@@ -70,6 +77,9 @@ inline std::string loss_text(std::string_view source, uint64_t count)
 
 /* Of a burst: "1,204 more like this in 10 s". */
 std::string burst_text(const Burst &burst);
+
+/* "stopped, from 2024-02-29T23:59:59.000000000Z until 2024-03-01T00:00:01.000000000Z". */
+std::string unwatched_text(const Unwatched &gap);
 
 /* And of a tree that is watched as a whole again: "directories: 3". */
 inline std::string resynced_text(uint64_t directories) { return "directories: " + std::to_string(directories); }

@@ -66,6 +66,11 @@ public:
         append_record(time_ns, "burst", burst.directory, burst_text(burst), out);
     }
 
+    void unwatched(uint64_t time_ns, const Unwatched &gap, std::string &out) override
+    {
+        append_record(time_ns, "unwatched", "", unwatched_text(gap), out);
+    }
+
 private:
     // The columns of an event that nobody caused: what there is to say stands where the process would.
     void append_record(uint64_t time_ns, std::string_view kind, std::string_view path, const std::string &text,

@@ -99,6 +99,14 @@ public:
         });
     }
 
+    void unwatched(uint64_t time_ns, const Unwatched &gap, std::string &out) override
+    {
+        record("unwatched", kLoss, time_ns, out, [&](JsonWriter &writer) {
+            put_object(writer, "error", [&] { put_text(writer, "message", "not watched: " + unwatched_text(gap)); });
+            put_object(writer, "fmon", [&] { put_gap(writer, gap); });
+        });
+    }
+
 private:
     template <typename Members>
     void record(const char *action, const EcsClass &what, uint64_t time_ns, std::string &out, Members members)

@@ -112,6 +112,11 @@ public:
         });
     }
 
+    void unwatched(uint64_t time_ns, const Unwatched &gap, std::string &out) override
+    {
+        record("unwatched", time_ns, out, [&](Writer &writer) { put_gap(writer, gap); });
+    }
+
 private:
     void put_head(Writer &writer, std::string_view type, uint64_t time_ns)
     {

@@ -109,6 +109,14 @@ public:
         });
     }
 
+    void unwatched(uint64_t time_ns, const Unwatched &gap, std::string &out) override
+    {
+        record(beside_events("unwatched", kMedium), time_ns, out, [&](JsonWriter &writer) {
+            put_text(writer, "message", "not watched: " + unwatched_text(gap));
+            put_object(writer, "unmapped", [&] { put_gap(writer, gap); });
+        });
+    }
+
 private:
     template <typename Members>
     void record(const OcsfClass &what, uint64_t time_ns, std::string &out, Members members)

@@ -73,6 +73,11 @@ public:
         append_record(time_ns, "\033[33m", "burst", burst.directory, burst_text(burst), out);
     }
 
+    void unwatched(uint64_t time_ns, const Unwatched &gap, std::string &out) override
+    {
+        append_record(time_ns, "\033[31m", "unwatched", "", unwatched_text(gap), out);
+    }
+
 private:
     // What there is to say stands where the process would, and alone where there is no path.
     void append_record(uint64_t time_ns, const char *sequence, std::string_view kind, std::string_view path,

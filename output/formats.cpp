@@ -4,6 +4,7 @@
 
 #include "agent/event_names.h"
 #include "agent/message.h"
+#include "agent/time_format.h"
 
 namespace output
 {
@@ -44,6 +45,16 @@ std::string burst_text(const Burst &burst)
     snprintf(seconds, sizeof seconds, "%.3g", static_cast<double>(burst.ms) / 1000);
     return agent::with_commas(burst.count) + " more like this in " + seconds + " s: " + agent::events_text(burst.mask) +
            (burst.process.empty() ? "" : " by " + burst.process);
+}
+
+std::string unwatched_text(const Unwatched &gap)
+{
+    agent::UtcTime time;
+    std::string text = gap.reason + ", from ";
+    time.append(gap.from_ns, text);
+    text += " until ";
+    time.append(gap.until_ns, text);
+    return text;
 }
 
 }  // namespace output

@@ -90,6 +90,14 @@ void JsonTime::put(JsonWriter &writer, std::string_view key, uint64_t ns)
     output::put(writer, text_);
 }
 
+void put_gap(JsonWriter &writer, const Unwatched &gap)
+{
+    JsonTime time;
+    time.put(writer, "from", gap.from_ns);
+    time.put(writer, "until", gap.until_ns);
+    put_text(writer, "reason", gap.reason);
+}
+
 void put_ancestors(JsonWriter &writer, const agent::Ancestor *first, JsonTime &start)
 {
     put_key(writer, "ancestors");

@@ -52,6 +52,9 @@ private:
     std::string text_;
 };
 
+/* Both ends of a time without watches, and its reason. */
+void put_gap(JsonWriter &writer, const Unwatched &gap);
+
 /* The list from `first` on, which may be null, as an array of processes. */
 void put_ancestors(JsonWriter &writer, const agent::Ancestor *first, JsonTime &start);
 

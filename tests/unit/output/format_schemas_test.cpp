@@ -154,6 +154,20 @@ TEST_F(SchemaForms, OcsfRecordsBesideEventsAreOfTheBaseClass)
               line("ocsf", [](Formatter &form, std::string &out) { form.ended(kTime, "/a", "gone", out); }));
 }
 
+TEST_F(SchemaForms, ATimeInWhichNothingWasWatchedIsALoss)
+{
+    const std::string time = "2024-02-29T12:34:56.789012345Z",
+                      gap = R"({"from":")" + time + R"(","until":")" + time + R"(","reason":"killed"}})",
+                      said = R"("message":"not watched: killed, from )" + time + " until " + time + '"';
+    const auto write = [](Formatter &form, std::string &out) { form.unwatched(kTime, {kTime, kTime, "killed"}, out); };
+    EXPECT_EQ(ecs(R"({"kind":"pipeline_error","type":["error"],"action":"unwatched")",
+                  R"("error":{)" + said + R"(},"fmon":)" + gap),
+              line("ecs", write));
+    const std::string text = line("ocsf", write);
+    EXPECT_NE(text.find(R"("activity_name":"unwatched","type_uid":99,"severity_id":3)"), std::string::npos) << text;
+    EXPECT_NE(text.find(said + R"(,"unmapped":)" + gap), std::string::npos) << text;
+}
+
 TEST_F(SchemaForms, WithoutANameTheMachinesOwnIsSaid)
 {
     style.host.clear();

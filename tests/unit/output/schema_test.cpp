@@ -98,6 +98,8 @@ TEST_F(Schema, HasEveryRecordBesideEvents)
         form.ended(kTime, "/a\xff", "removed", out);
         form.burst(kTime, {"/d", "make", FMON_CREATE, 1204, 10'000}, out);
         form.burst(kTime, {"/\xfe", "", FMON_CREATE | FMON_DELETE, 1, 1}, out);
+        for (const char *reason : {"stopped", "killed", "booted"})
+            form.unwatched(kTime, {kTime - 1, kTime, reason}, out);
     });
     const std::string said = violations(lines);
     NEED(is_there, "python3-jsonschema is not installed");
