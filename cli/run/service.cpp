@@ -26,6 +26,7 @@ namespace
 
 constexpr uint64_t kLookMs = 2000;     /* between two looks at outputs and watches */
 constexpr uint64_t kPlacingMs = 500;   /* the same, while something is being placed */
+constexpr uint64_t kKeepMs = 30'000;   /* between two notes that the service still watches */
 constexpr uint64_t kExtendMs = 30'000; /* what the manager is asked for meanwhile */
 constexpr uint64_t kSettleMs = 5000;   /* for the monitor to hand on what it has, at the end */
 
@@ -102,6 +103,7 @@ bool Service::start(std::string &error)
         error = "no descriptor is left: see ulimit -n";
         return false;
     }
+    last_.open(config_.service.state_directory, file_, around_.boot);
     return listen(error) && monitor_.start(config_.service.monitor, wants_ancestors(config_), error) &&
            apply(config_, error);
 }
@@ -210,6 +212,10 @@ void Service::look(uint64_t now)
         tell_placed();
     notify_.status(summary());
     tend(now);
+    if (!state_.told && (state_.kept_ms == 0 || now >= state_.kept_ms + kKeepMs)) {
+        state_.kept_ms = now;
+        keep_time(agent::wall_clock_ns(), false);
+    }
 }
 
 // The monitor's own thread is asked, too: a status that it does not give holds the service up, and the watchdog sees
@@ -232,12 +238,41 @@ void Service::tell_placed()
 {
     state_.ready = true;
     notify_.ready();
+    if (state_.kept_ms == 0)
+        tell_gap();
     const bool any = std::any_of(instances_.begin(), instances_.end(), [](auto &i) { return i->is_watching(); });
     if (any || state_.reloads)
         return agent::complain(summary());
     agent::complain("nothing of what the configuration names can be watched");
     state_.told = true;
     state_.status = agent::kError;
+}
+
+void Service::tell_gap()
+{
+    for (const std::unique_ptr<Instance> &instance : instances_) {
+        const std::optional<output::Unwatched> gap = last_.gap(instance->name(), agent::wall_clock_ns());
+        if (!gap)
+            continue;
+        instance->fanout().record("unwatched", [&](output::Formatter &form, uint64_t time, std::string &out) {
+            form.unwatched(time, *gap, out);
+        });
+        instance->fanout().flush();
+    }
+}
+
+// What cannot be written down is said once.
+void Service::keep_time(uint64_t ns, bool ended)
+{
+    std::vector<std::string> names;
+    names.reserve(instances_.size());
+    for (const std::unique_ptr<Instance> &instance : instances_)
+        names.push_back(instance->name());
+    std::string error;
+    const bool kept = last_.keep(ns, names, ended, error);
+    if (!kept && state_.kept)
+        agent::complain(error);
+    state_.kept = kept;
 }
 
 std::string Service::summary() const
@@ -310,6 +345,7 @@ void Service::settle(uint64_t deadline_ms)
 int Service::end()
 {
     notify_.stopping();
+    const uint64_t told_ns = agent::wall_clock_ns();
     const uint64_t now = agent::steady_ms(), deadline = now + config_.service.drain_ms;
     notify_.extend(config_.service.drain_ms + kExtendMs);
     status_.stop();
@@ -326,6 +362,8 @@ int Service::end()
                             " not delivered within the time to end ('drain')");
         left += records;
     }
+    if (state_.kept_ms)
+        keep_time(told_ns, true);
     monitor_.stop();
     agent::complain(left ? "ended: " + agent::counted(left, "record") + " not delivered" : "ended: all is delivered");
     return state_.status;

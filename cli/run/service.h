@@ -14,6 +14,7 @@
 #include "common/fd.h"
 #include "config.h"
 #include "instance.h"
+#include "last_watch.h"
 #include "stats.h"
 #include "status_server.h"
 
@@ -48,6 +49,8 @@ private:
     void restore(const std::string &reason);
     Instance *find(const std::string &name);
     void tell_placed();
+    void tell_gap();
+    void keep_time(uint64_t ns, bool ended);
     void complain_news();
     int end();
     void settle(uint64_t deadline_ms);
@@ -62,6 +65,7 @@ private:
     Surroundings around_;
     std::vector<std::unique_ptr<Instance>> instances_;
     StatusServer status_, prometheus_;
+    LastWatch last_;
     struct {
         common::Fd signals, changed; /* changed: an eventfd, readable when the state of a watch is another */
     } fds_;
@@ -75,6 +79,8 @@ private:
         int status = 0;
         uint64_t undelivered = 0; /* records of outputs that went at reloads */
         uint64_t fed_ms = 0;      /* when the watchdog was told that all is well */
+        uint64_t kept_ms = 0;     /* when it was last written down that this service watches; 0: never */
+        bool kept = true;         /* and could be */
     } state_;
 };
 

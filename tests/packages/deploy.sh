@@ -178,6 +178,7 @@ is "running" active "$(state)"
 check "by the new program" test "$before" != "$(property MainPID)"
 check "the configuration stayed" cmp $config /root/edited.toml
 await "the spool stayed" is_waiting 50
+await "and what was not watched meanwhile is said" grep -q '"type":"unwatched".*"reason":"stopped","instance":"machine"' $log/events.json
 bus
 await "all of it arrives" all_sent
 await "and is on the bus" arrived 52

@@ -67,6 +67,10 @@ void Service::launch(const std::string &setting)
 {
     const std::string notify = tree_.path("notify");
     const struct sockaddr_un address = address_of(notify);
+    if (manager_ >= 0)  // the run before has ended
+        close(manager_);
+    unlink(notify.c_str());
+    heard_.clear();
     manager_ = socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
     ASSERT_EQ(0, bind(manager_, reinterpret_cast<const struct sockaddr *>(&address), sizeof address));
     process_ = std::make_unique<Process>(Launch{{std::string(FMON_TEST_BIN) + "/fmon", "run", "--config", config()},

@@ -302,6 +302,25 @@ TEST_F(RunService, ThirtyTwoInstances)
     EXPECT_EQ(0, service.process().wait());
 }
 
+TEST_F(RunService, SaysFromWhenUntilWhenItDidNotRun)
+{
+    tree.dir("state");
+    service.configure(instance_text("web", tree_text(tree.dir("w")), file_text(out())));
+    service.start();
+    service.process().send(SIGTERM);
+    EXPECT_EQ(0, service.process().wait(2 * kPatienceMs));
+    EXPECT_EQ(std::string::npos, content(out()).find("unwatched"));
+    service.start();
+    EXPECT_TRUE(has(out(), "\"reason\":\"stopped\",\"instance\":\"web\""));
+    service.process().send(SIGKILL);
+    service.process().wait();
+    service.start();
+    EXPECT_TRUE(has(out(), "\"reason\":\"killed\""));
+    service.reload();
+    const std::string records = content(out()), last = records.substr(records.rfind("\"unwatched\""));
+    EXPECT_NE(std::string::npos, last.find("\"killed\"")) << records;  // a reload says nothing of the kind
+}
+
 TEST_F(RunService, ABurstOfDeletionsIsInTheFile)
 {
 #ifdef FMON_TEST_SANITIZED
