@@ -322,6 +322,14 @@ FMON_API int callback_func(struct event *);
 FMON_API int _orx_fmon_add_watch(uint32_t id, const char *path, uint32_t mask, uint32_t flags, uint32_t max_depth,
                                  uint32_t max_subdirs);
 
+/* Has the recursive watches of an instance that has no watch yet spare a directory, there or not: they get no event
+ * from below the path, and neither mark nor walk what is at or below it, unless another instance wants that. Of the
+ * directory itself they get what happens to its name. Mounts that are watched as such are not concerned. `path` is
+ * absolute, resolved, without "//", "*" and trailing "/", and not "/". It holds until the instance is removed. 0,
+ * FMON_EINVAL: a bad path, no such instance, or one with watches; FMON_EEXIST: it is spared already; FMON_ENOMEM,
+ * FMON_ENOTINIT. */
+FMON_API int _orx_fmon_spare(uint32_t id, const char *path);
+
 /* Removes the watch whose stored (resolved) path is exactly `path`. FMON_ENOENT: there is none. */
 FMON_API int _orx_fmon_del_watch(uint32_t id, const char *path);
 

@@ -39,6 +39,8 @@ Verdict match(const struct watch *w, const struct event *ev)
         return Verdict::kNoMatch;
     if ((w->flags & FMON_DIR) && !(w->flags & FMON_RECURSIVE) && !in_directory(w, ev->path))
         return Verdict::kNoMatch;
+    if (fmon_spares_event(w, ev->path))
+        return Verdict::kNoMatch;
     if (!(w->flags & FMON_DELAY) || (wanted & ~kDelayMask))
         return Verdict::kDeliver;
     if ((wanted & FMON_ACCESS) && (wanted & FMON_CLOSE))

@@ -213,6 +213,7 @@ int fmon_destroy_instance(int id)
         release_watch(FMON_RECORD(inst->watches.next, struct watch, inst_link));
     while (!list_empty(&inst->events))
         release_entry(FMON_RECORD(inst->events.next, struct event_entry, link), instance_bit(id));
+    fmon_forget_spared(inst);
 
     inst->name[0] = '\0';
     fmon.inst_mask &= ~instance_bit(id);

@@ -7,7 +7,8 @@
  * thread or by a client's. Result codes are those of orx_fmon.h.
  *
  * Sources: fmon.cpp (start, stop, instances), fmon_watch.cpp, fmon_wildcard.cpp and fmon_tbd.cpp (watch registry),
- * fmon_global.cpp (system-wide watches), fmon_run.cpp (descriptors, run step, event accessors), fmon_dump.cpp.
+ * fmon_spare.cpp (directories that watches do not reach), fmon_global.cpp (system-wide watches), fmon_run.cpp
+ * (descriptors, run step, event accessors), fmon_dump.cpp.
  */
 #ifndef FMON_FMON_H
 #define FMON_FMON_H
@@ -24,6 +25,7 @@ struct event;
 struct fmon;
 struct watch;
 struct fs_root;
+struct spared;
 
 /* Internal watch flag: served by the source of whole file systems, and offered no event of another one. */
 #define FMON_LINUX_FS 0x200000u
@@ -36,10 +38,11 @@ struct event_entry {
 
 /* A client instance; an empty name marks a free slot. */
 struct instance {
-    char name[16];        /* at most 15 bytes count */
-    uint32_t global_mask; /* kinds wanted from the whole system */
-    list_head watches;    /* of struct watch, through inst_link */
-    list_head events;     /* of struct event_entry, oldest first */
+    char name[16];         /* at most 15 bytes count */
+    uint32_t global_mask;  /* kinds wanted from the whole system */
+    list_head watches;     /* of struct watch, through inst_link */
+    list_head events;      /* of struct event_entry, oldest first */
+    struct spared *spared; /* directories that its recursive watches do not reach; owned */
 };
 
 /*
@@ -114,6 +117,7 @@ struct fmon {
     uint64_t released;    /* held-back records handed on early */
     char lost_path[1024]; /* as in fmon_status */
     struct fmon_raw raw;  /* of the next event */
+    uint32_t spared;      /* directories, of all instances: 0 saves the look */
 };
 
 /* The backend's callback for each raw event: event_process. `source_fd` 0 means a kernel probe. */
@@ -168,6 +172,19 @@ FMON_API int fmon_destroy_instance(int id);
 FMON_API int fmon_add_watch(int instance, const char *path, uint32_t mask, uint32_t flags, uint32_t max_depth,
                             uint32_t max_subdirs);
 FMON_API int fmon_del_watch(int instance, const char *path);
+
+/* See _orx_fmon_spare. (Hidden, as are those that follow.) */
+int fmon_spare(int instance, const char *path);
+void fmon_forget_spared(struct instance *);
+
+/* Whether the watch's instance spares the dentry, or with a name what has this name in it, or a directory above. */
+bool fmon_spares(const struct watch *, struct dentry *, const char *name);
+
+/* Whether any instance spares this very dentry. */
+bool fmon_any_spares(struct dentry *);
+
+/* Whether the watch gets no event of this path, since it lies below what its instance spares. */
+bool fmon_spares_event(const struct watch *, const char *path);
 
 /* For the backend: `watch` has lost its dentry (unlinked, dentry null). May free it. Not for mount watches. */
 FMON_API void watch_out_service(struct fmon *, struct watch *);

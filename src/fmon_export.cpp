@@ -110,6 +110,14 @@ int _orx_fmon_del_watch(uint32_t id, const char *path)
     return fmon_del_watch(static_cast<int>(id), path);
 }
 
+int _orx_fmon_spare(uint32_t id, const char *path)
+{
+    const ShellLock lock;
+    if (!lock)
+        return FMON_ENOTINIT;
+    return fmon_spare(static_cast<int>(id), path);
+}
+
 int _orx_fmon_resync(const char *path, uint32_t what)
 {
     const ShellLock lock;

@@ -96,6 +96,7 @@ struct fmlnx_t {
     /* Fanotify marks that stayed on what left the cached tree, and those of them that no handle opens. */
     uint64_t stale_marks, marks_out_of_reach;
     uint32_t last_sweep, sweep_wait, making_room; /* ms, ms, 1 meanwhile */
+    const struct watch *placing;                  /* whose tree is being walked, and which has no place in it yet */
     uint32_t last_check;                          /* of watched directories' places, ms */
     struct seq_table seq;
     int32_t highest_wd; /* that was given so far */
@@ -153,6 +154,8 @@ struct fmon_masks fmon_linux_own_masks(struct dentry *);
 struct fmon_masks fmon_linux_dir_masks(struct dentry *); /* of its own watches with "dir" */
 struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *);
 struct fmon_masks fmon_linux_recursive_masks(struct dentry *);
+/* The last of these, of what has that name in the dentry; null: of the dentry itself. */
+struct fmon_masks fmon_linux_recursive_masks_of(struct dentry *, const char *name);
 inline struct fmon_masks masks_or(struct fmon_masks a, struct fmon_masks b) { return {a.fan | b.fan, a.ino | b.ino}; }
 
 /* Opens what a dentry's marks go on and enters the dentry into the index as standing for that: by the dentry's path; as

@@ -17,8 +17,15 @@ namespace
 
 constexpr char kFile[] = "linux/fmon_linux.c";
 
-/* Union of the masks of the dentry's watches that lack the mount flag and have all of `flags`. */
-struct fmon_masks masks_with(struct dentry *d, uint32_t flags)
+/* A place that masks are for: a dentry, or with a name what has this name in it. */
+struct spot {
+    struct dentry *d;
+    const char *name;
+};
+
+/* Union of the masks of the dentry's watches that lack the mount flag, have all of `flags` and do not spare `place`,
+ * where there is one. */
+struct fmon_masks masks_with(struct dentry *d, uint32_t flags, const struct spot *place = nullptr)
 {
     struct fmon_masks masks = {0, 0};
     FMON_LIST_EACH (node, &owner_of(d)->watches) {
@@ -27,6 +34,8 @@ struct fmon_masks masks_with(struct dentry *d, uint32_t flags)
             continue;
         if ((w->flags & FMON_LINUX_FS) && (flags & FMON_RECURSIVE))
             continue; /* inotify is on its root alone */
+        if (place && fmon_spares(w, place->d, place->name))
+            continue;
         masks.fan |= w->fan_mask;
         masks.ino |= w->ino_mask;
     }
@@ -229,11 +238,14 @@ struct fmon_masks fmon_linux_dir_masks(struct dentry *d) { return masks_with(d, 
 
 struct fmon_masks fmon_linux_recursive_own_masks(struct dentry *d) { return masks_with(d, FMON_RECURSIVE); }
 
-struct fmon_masks fmon_linux_recursive_masks(struct dentry *d)
+struct fmon_masks fmon_linux_recursive_masks(struct dentry *d) { return fmon_linux_recursive_masks_of(d, nullptr); }
+
+struct fmon_masks fmon_linux_recursive_masks_of(struct dentry *parent, const char *name)
 {
+    const struct spot place = {parent, name};
     struct fmon_masks masks = {0, 0};
-    for (; d; d = d->parent)
-        masks = masks_or(masks, fmon_linux_recursive_own_masks(d));
+    for (struct dentry *d = parent; d; d = d->parent)
+        masks = masks_or(masks, masks_with(d, FMON_RECURSIVE, &place));
     return masks;
 }
 

@@ -77,7 +77,7 @@ int fmon_linux_resync(const char *path, uint32_t what)
 {
     struct dentry *parent;
     const char *name = find_parent(path, &parent);
-    const bool inherits = name && wants_marks(fmon_linux_recursive_masks(parent));
+    const bool inherits = name && wants_marks(fmon_linux_recursive_masks_of(parent, name));
     struct dentry *d = dcache_find(&fmon.dcache, path);
     if ((!inherits && (!d || !wants_marks(fmon_linux_recursive_masks(d)))) || is_gone(path))
         return FMON_ENOENT;

@@ -47,6 +47,16 @@ void log_dentry(struct dentry *d, struct fmon_masks masks)
              masks.fan, masks.ino);
 }
 
+/* What a dentry of a walk inherits: what its parent hands down, without the watches that spare the dentry. */
+struct fmon_masks inherited_at(struct dentry *d, struct fmon_masks handed_down)
+{
+    if (!fmon_any_spares(d))
+        return handed_down;
+    struct fmon_masks masks = fmon_linux_recursive_masks_of(d->parent, dentry_name(d));
+    const struct watch *w = fmlnx.placing;
+    return w && !fmon_spares(w, d, nullptr) ? masks_or(masks, {w->fan_mask, w->ino_mask}) : masks;
+}
+
 /*
  * Walks the cached subtree below `start`, `base` being what its directories inherit, and calls visit(dentry, masks)
  * once for each dentry, children before their parent. `masks` is what the dentry needs: what it inherits and what its
@@ -59,7 +69,7 @@ void for_each_below(struct dentry *start, struct fmon_masks base, Visit visit)
     struct dcache_traverse walk;
     dcache_traverse_start(&walk, start, data.raw);
     while (struct dentry *d = dcache_traverse_next_safe(&walk)) {
-        struct fmon_masks inherited = masks_in(walk.cur.data);
+        struct fmon_masks inherited = inherited_at(d, masks_in(walk.cur.data));
         if (walk.state == DCACHE_ENTER)
             put_masks(walk.ret.data, masks_or(inherited, fmon_linux_recursive_own_masks(d)));
         else
@@ -153,10 +163,14 @@ int fmon_linux_mark_subtree(struct dentry *start, int32_t max_depth, int32_t max
     }
     bool some_bare = false;
     while (struct dentry *d = dcache_iterate_next(&walk)) {
-        struct fmon_masks inherited = masks_or(masks_in(walk.cur.data), fmon_linux_recursive_own_masks(d));
+        struct fmon_masks handed_down = inherited_at(d, masks_in(walk.cur.data));
+        struct fmon_masks inherited = masks_or(handed_down, fmon_linux_recursive_own_masks(d));
         put_masks(walk.pending.data, inherited);
         struct fmon_masks masks = masks_or(inherited, fmon_linux_own_masks(d));
-        mark_entry(&walk, d, masks);
+        if (fmon.spared && masks.fan == 0 && masks.ino == 0)
+            walk.pending.d = nullptr; /* spared, with all that is below */
+        else
+            mark_entry(&walk, d, masks);
         some_bare |= !fmon_linux_marked(d);
     }
     dcache_iterate_stop(&walk);
@@ -294,7 +308,7 @@ void mark_new(struct dentry *d, struct fmon_masks rec, int moved)
 
 int fmon_linux_new_subdir(struct dentry *parent, const char *name, int moved)
 {
-    struct fmon_masks rec = fmon_linux_recursive_masks(parent);
+    struct fmon_masks rec = fmon_linux_recursive_masks_of(parent, name);
     struct dentry *d = dcache_find_sub(&fmon.dcache, parent, name);
     struct fmon_masks masks = wanted_at(d, rec);
     if (masks.fan == 0 && masks.ino == 0)

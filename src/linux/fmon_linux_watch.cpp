@@ -62,7 +62,9 @@ int mark_watched(struct watch *w, const struct fmon_place *at, bool made, struct
     result = fmon_linux_ino_up(d, at, others.ino, w->ino_mask);
     if (result >= 0 && (w->flags & (FMON_RECURSIVE | FMON_LINUX_FS)) == FMON_RECURSIVE) {
         struct fmon_masks base = masks_or(rec, {w->fan_mask, w->ino_mask});
+        fmlnx.placing = w;
         result = fmon_linux_mark_subtree(d, w->max_depth, w->max_subdirs, base);
+        fmlnx.placing = nullptr;
         if (result < 0)
             fmon_linux_ino_down(d, others.ino, w->ino_mask);
     }

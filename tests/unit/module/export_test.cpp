@@ -237,6 +237,7 @@ TEST_F(Export, EveryFunctionTakesTheLockOnce)
         {"del watch", [&] { _orx_fmon_del_watch(0, dir.c_str()); }},
         {"global add", [] { _orx_fmon_global_watch(0, FMON_DELETE, 1); }},
         {"global del", [] { _orx_fmon_global_watch(0, FMON_DELETE, 0); }},
+        {"spare", [] { EXPECT_EQ(FMON_EINVAL, _orx_fmon_spare(0, "a")); }},
         {"resync", [] { EXPECT_EQ(FMON_EINVAL, _orx_fmon_resync("a", FMON_RESYNC_FORGET)); }},
         {"update", [] { _orx_fmon_global_update(0); }},
         {"losses", [&] { _orx_fmon_losses(&losses); }},
@@ -291,6 +292,7 @@ TEST_F(ExportBeforeTheStart, EverythingAnswersNotStartedWithoutALock)
     EXPECT_EQ(-1, _orx_fmon_del_instance(0));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_add_watch(0, "/", FMON_CREATE, FMON_DIR, 0, 0));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_del_watch(0, "/"));
+    EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_spare(0, "/a"));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_resync("/", FMON_RESYNC_MARK));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_global_watch(0, FMON_DELETE, 1));
     EXPECT_EQ(FMON_ENOTINIT, _orx_fmon_global_watch(0, FMON_DELETE, 0));
