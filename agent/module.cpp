@@ -49,6 +49,7 @@ bool load_module(const std::string &directory, Module &module, std::string &erro
            bind(library, "_orx_fmon_del_instance", module.del_instance, error) &&
            bind(library, "_orx_fmon_add_watch", module.add_watch, error) &&
            bind(library, "_orx_fmon_del_watch", module.del_watch, error) &&
+           bind(library, "_orx_fmon_spare", module.spare, error) &&
            bind(library, "_orx_fmon_resync", module.resync, error) &&
            bind(library, "_orx_fmon_global_watch", module.global_watch, error) &&
            bind(library, "_orx_fmon_global_update", module.global_update, error) &&
@@ -63,6 +64,18 @@ common::Mutex &placing_lock()
 {
     static common::Mutex lock;
     return lock;
+}
+
+int make_instance(const Module &module, const char *name, fmon_client_cb callback,
+                  const std::vector<std::string> &spared)
+{
+    const int id = module.create_instance(name, callback);
+    int code = 0;
+    for (size_t i = 0; id >= 0 && code == 0 && i < spared.size(); i++)
+        code = module.spare(static_cast<uint32_t>(id), spared[i].c_str());
+    if (code < 0)
+        module.del_instance(static_cast<uint32_t>(id));
+    return code < 0 ? code : id;
 }
 
 // The kernel reports a watch that goes. Nobody else watches this file, whose watch would stay.

@@ -5,6 +5,7 @@
 #define AGENT_MODULE_H
 
 #include <string>
+#include <vector>
 
 #include "common/mutex.h"
 #include "orx_fmon.h"
@@ -28,6 +29,7 @@ struct Module {
     decltype(&_orx_fmon_del_instance) del_instance;
     decltype(&_orx_fmon_add_watch) add_watch;
     decltype(&_orx_fmon_del_watch) del_watch;
+    decltype(&_orx_fmon_spare) spare;
     decltype(&_orx_fmon_resync) resync;
     decltype(&_orx_fmon_global_watch) global_watch;
     decltype(&_orx_fmon_global_update) global_update;
@@ -54,6 +56,10 @@ std::string library_directory();
 /* Loads libfmon.so from `directory`; it stays loaded. False: `error` says what is missing and where it was looked for.
  */
 bool load_module(const std::string &directory, Module &module, std::string &error);
+
+/* An instance whose recursive watches spare these absolute paths. Its id, or the monitor's code. */
+int make_instance(const Module &module, const char *name, fmon_client_cb callback,
+                  const std::vector<std::string> &spared);
 
 /* Makes the monitor's thread take a turn soon, which it else does once a second while nothing happens. */
 void wake_monitor(const Module &module);

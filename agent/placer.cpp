@@ -42,7 +42,7 @@ bool Placer::create_instances(Intake &intake)
     for (const PlannedInstance &instance : plan_.instances) {
         // What ends a watch and what is new in a tree is seen by the command even when it is not shown.
         const uint32_t wanted = instance.shown | FMON_DELETE_SELF | FMON_MOVE_SELF | FMON_CREATE;
-        const int id = module_.create_instance(instance.name.c_str(), intake.add_source(wanted));
+        const int id = make_instance(module_, instance.name.c_str(), intake.add_source(wanted), plan_.spared);
         if (id < 0) {
             complain("the monitor made no instance (code " + std::to_string(id) + ")");
             refused_ = true;

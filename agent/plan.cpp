@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "below.h"
 #include "descriptors.h"
 #include "event_names.h"
 #include "message.h"
@@ -51,6 +52,7 @@ public:
         plan_.instances.push_back({"watch", masks_.shown});
         if (masks_.pid_mask && names_all(options_))
             plan_.instances.push_back({"watch-all", masks_.shown | masks_.pid_shown});
+        plan_.spared = spared_paths(options_, container_);
         for (const std::string &given : options_.paths)
             add_path(given);
         return std::move(plan_);
@@ -81,6 +83,9 @@ private:
     std::string refusal(const Root &root, const std::string &given) const
     {
         const Identity &id = root.identity;
+        for (const std::string &spared : plan_.spared)
+            if (is_below(spared, root.path))
+                return " is left unwatched by @" + spared + ": leave out one of the two";
         if (root.path.size() > kMaxPath)
             return ": the path is longer than the " + std::to_string(kMaxPath) + " bytes that can be watched";
         if (root.pattern)
@@ -209,6 +214,25 @@ std::vector<PlannedWatch> watches_apart(const Request &options, const PlannedWat
             {watch.root, kOthers, watch.path, masks.mask, rest}};
 }
 
+std::vector<std::string> spared_paths(const Request &options, bool container)
+{
+    std::vector<std::string> spared;
+    for (const std::string &given : options.spare) {
+        const std::string path = container ? literal_path(given) : absolute_path(given);
+        if (std::find(spared.begin(), spared.end(), path) == spared.end())
+            spared.push_back(path);
+    }
+    return spared;
+}
+
 Plan make_plan(const Request &options, bool container) { return Planner(options, container).run(); }
+
+Plan system_plan(const Request &options)
+{
+    Plan plan;
+    plan.instances.push_back({"system", options.events ? options.events & kSystemEvents : kSystemEvents});
+    plan.spared = spared_paths(options, false);
+    return plan;
+}
 
 }  // namespace agent

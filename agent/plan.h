@@ -50,11 +50,16 @@ struct Plan {
     std::vector<PlannedInstance> instances;
     std::vector<Root> roots;
     std::vector<PlannedWatch> watches;
-    std::vector<std::string> refusals; /* one line for each path that cannot be watched */
+    std::vector<std::string> spared{};   /* absolute paths: nothing below them is watched */
+    std::vector<std::string> refusals{}; /* one line for each path that cannot be watched */
 };
+
+/* The paths that a request spares, each once. */
+std::vector<std::string> spared_paths(const Request &options, bool container);
 
 /* `container`: the monitor runs inside one, where it takes paths as they are. */
 Plan make_plan(const Request &options, bool container);
+Plan system_plan(const Request &options); /* for the whole system */
 
 /* The watches of one path, by what its identity says it is. The instances are those of every plan with these options.
  */

@@ -20,7 +20,8 @@ enum class Source { kAuto, kMarks, kFilesystem };
 
 struct Request {
     std::vector<std::string> paths;
-    uint32_t events = 0; /* 0: the default of the kind of watch */
+    std::vector<std::string> spare; /* what lies below these is left unwatched */
+    uint32_t events = 0;            /* 0: the default of the kind of watch */
     bool recursive = false, mount = false, pid = false, delay = false, sync = false, wait = false, system = false;
     uint32_t max_depth = 0;   /* 0: no limit */
     uint32_t max_subdirs = 0; /* 0: no limit */

@@ -5,7 +5,6 @@
 #include <cerrno>
 
 #include "descriptors.h"
-#include "event_names.h"
 #include "message.h"
 #include "signals.h"
 #include "time_format.h"
@@ -84,7 +83,7 @@ void SessionRun::start_processes()
 bool SessionRun::plan()
 {
     if (request_.system)
-        plan_.instances.push_back({"system", request_.events ? request_.events & kSystemEvents : kSystemEvents});
+        plan_ = system_plan(request_);
     else if (!plan_paths())
         return false;
     report_.set_plan(plan_);

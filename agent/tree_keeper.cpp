@@ -28,8 +28,9 @@ bool before(const std::string &a, const std::string &b)
 
 void sort_as_tree(std::vector<std::string> &paths) { std::sort(paths.begin(), paths.end(), before); }
 
-TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth)
-    : module_(module), roots_(std::move(roots)), max_depth_(max_depth)
+TreeKeeper::TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth,
+                       std::vector<std::string> spared)
+    : module_(module), roots_(std::move(roots)), max_depth_(max_depth), spared_(std::move(spared))
 {
 }
 
@@ -56,7 +57,7 @@ int TreeKeeper::instance()
 {
     int &made = module_.shared ? module_.shared->short_lived : instance_;
     if (made < 0)
-        made = module_.create_instance("watch-new", nullptr);
+        made = make_instance(module_, "watch-new", nullptr, module_.shared ? std::vector<std::string>() : spared_);
     return made;
 }
 
@@ -122,12 +123,22 @@ void TreeKeeper::complete(const std::string &path)
     }
     if (max_depth_ && depth == 0)
         return;
+    const common::Lock hold(placing_lock());
+    // What all sessions share spares nothing: the walk has an instance of its own, where there is one left.
+    const bool is_apart = module_.shared && !spared_.empty();
+    const int apart = is_apart ? make_instance(module_, "watch-apart", nullptr, spared_) : -1;
+    walk(apart >= 0 ? apart : instance(), start, depth);
+    if (apart >= 0)
+        module_.del_instance(static_cast<uint32_t>(apart));
+}
+
+// With the placing lock held.
+void TreeKeeper::walk(int owner, const std::string &start, uint32_t depth) const
+{
     // Only kinds that every watch which follows the tree has by itself: the marks carry what the watches above want.
     // Who puts a link in the directory's place must not have the monitor walk what the link leads to; and a watch that
     // is stored under the path it was given is found again by that path.
     const uint32_t flags = FMON_DIR | FMON_RECURSIVE | FMON_SYNC | FMON_NO_LINKS;
-    const common::Lock hold(placing_lock());
-    const int owner = instance();
     if (owner >= 0 && module_.add_watch(static_cast<uint32_t>(owner), start.c_str(), FMON_CREATE, flags, depth, 0) == 0)
         module_.del_watch(static_cast<uint32_t>(owner), start.c_str());
 }

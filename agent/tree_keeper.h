@@ -28,8 +28,10 @@ namespace agent
 class TreeKeeper
 {
 public:
-    /* `roots`: the recursively watched directories; `max_depth` as for the watches, 0 for no limit. */
-    TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth);
+    /* `roots`: the recursively watched directories; `max_depth` as for the watches, 0 for no limit; `spared`: what the
+     * watches spare. */
+    TreeKeeper(const Module &module, std::vector<std::string> roots, uint32_t max_depth,
+               std::vector<std::string> spared = {});
 
     /* Makes the instance that the short-lived watches belong to, unless all sessions share one, which is made when
      * it is needed. Its result code, or -1 when no descriptor is left. */
@@ -66,10 +68,12 @@ private:
     void walk_again(const std::string &path);
     void complete(const std::string &path);
     int instance();
+    void walk(int owner, const std::string &start, uint32_t depth) const;
 
     const Module &module_;
     std::vector<std::string> roots_;
     const uint32_t max_depth_;
+    const std::vector<std::string> spared_;
     int instance_ = -1;
     std::vector<std::string> again_; /* directories to be walked whatever they hold */
     bool walks_made_ = false;

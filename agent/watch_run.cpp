@@ -5,7 +5,6 @@
 #include <system_error>
 #include <utility>
 
-#include "event_names.h"
 #include "message.h"
 #include "paths.h"
 #include "time_format.h"
@@ -133,10 +132,7 @@ bool WatchRun::place()
 void WatchRun::plan()
 {
     Plan &plan = parts_.plan;
-    if (request_.system)
-        plan.instances.push_back({"system", request_.events ? request_.events & kSystemEvents : kSystemEvents});
-    else
-        plan = make_plan(request_, monitor_.module().is_container());
+    plan = request_.system ? system_plan(request_) : make_plan(request_, monitor_.module().is_container());
     for (PlannedInstance &instance : plan.instances)
         instance.name += "." + std::to_string(number_);
 }

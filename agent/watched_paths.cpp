@@ -63,7 +63,7 @@ bool WatchedPaths::keep_trees()
         roots.push_back(root.path);
     // A limit of depth has the monitor walk: a mark of a whole file system has none.
     const uint32_t depth = request_.max_depth || request_.source == Source::kMarks ? request_.max_depth : kDeepest;
-    keeper_ = std::make_unique<TreeKeeper>(module_, roots, depth);
+    keeper_ = std::make_unique<TreeKeeper>(module_, roots, depth, plan_.spared);
     if (keeper_->start() < 0) {
         report_.warning("the monitor has no instance left");
         return false;

@@ -23,12 +23,21 @@ void Selection::set_plan(const agent::Plan &plan)
         kinds_.push_back(instance.shown);
     for (const agent::Root &root : plan.roots)
         roots_.push_back(root.path);
+    spared_ = plan.spared;
 }
 
 void Selection::add_root(const std::string &path)
 {
     if (std::find(roots_.begin(), roots_.end(), path) == roots_.end())
         roots_.push_back(path);
+}
+
+// Watches of mounts, and of the whole system, see everything; what happens to the name itself is shown.
+bool Selection::is_spared(std::string_view path) const
+{
+    return std::any_of(spared_.begin(), spared_.end(), [&](const std::string &spared) {
+        return path.size() != spared.size() && agent::is_below(spared, path);
+    });
 }
 
 // New directories are followed however deep they are; the limit is kept here.

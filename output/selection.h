@@ -37,12 +37,16 @@ public:
 
 private:
     bool is_within_depth(std::string_view path) const;
-    bool shows(std::string_view path) const { return is_within_depth(path) && filter_.shows_path(path); }
+    bool is_spared(std::string_view path) const;
+    bool shows(std::string_view path) const
+    {
+        return !is_spared(path) && is_within_depth(path) && filter_.shows_path(path);
+    }
 
     const uint32_t max_depth_;
     EventFilter filter_;
     std::vector<uint32_t> kinds_; /* by instance */
-    std::vector<std::string> roots_;
+    std::vector<std::string> roots_, spared_;
 };
 
 }  // namespace output

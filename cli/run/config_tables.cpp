@@ -48,6 +48,7 @@ constexpr output::Setting kInstance[] = {
 
 constexpr output::Setting kWatch[] = {
     {"paths", T::kTexts, "directories and files; one * makes a path a pattern", nullptr},
+    {"spare", T::kTexts, "with recursive, mount or system: what lies below these paths is left unwatched", nullptr},
     {"recursive", T::kFlag, "with all directories below", "false"},
     {"events", T::kTexts, "kinds of events; `fmon watch -e help` lists them", nullptr},
     {"pid", T::kFlag, "insist that the process of every open, access, modify and close is named", "false"},

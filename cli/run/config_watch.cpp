@@ -31,9 +31,13 @@ void check_paths(const CheckedTable &table, const agent::Request &request)
 {
     if (!request.system && request.paths.empty())
         table.fault("paths", "[[instance.watch]] watches nothing: give it 'paths', or 'system = true'");
-    for (const std::string &path : request.paths)
-        if (path.empty() || path[0] != '/')
-            table.fault("paths", "'" + path + "' is no absolute path: begin it with /");
+    const auto check_all = [&](const char *key, const std::vector<std::string> &paths) {
+        for (const std::string &path : paths)
+            if (path.empty() || path[0] != '/')
+                table.fault(key, "'" + path + "' is no absolute path: begin it with /");
+    };
+    check_all("paths", request.paths);
+    check_all("spare", request.spare);
 }
 
 void take_events(const CheckedTable &table, agent::Request &request)
@@ -72,6 +76,7 @@ agent::Request read_watch(const TomlValue &value, const agent::Request &monitor,
     WatchOptions request;
     static_cast<agent::Request &>(request) = monitor;
     request.paths = table.texts("paths");
+    request.spare = table.texts("spare");
     request.recursive = table.flag("recursive");
     request.pid = table.flag("pid");
     request.mount = table.flag("mount");

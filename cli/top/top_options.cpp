@@ -121,6 +121,7 @@ bool take_arguments(O &options, VerbOf<O>::Arguments arguments, std::string &err
     if (!take::paths(watch, arguments, error))
         return false;
     options.paths = watch.paths;
+    options.spare = watch.spare;
     if (options.tables && !options.batch)
         error = "--count is about plain tables: add --batch";
     return error.empty();

@@ -14,17 +14,18 @@ namespace
 using O = WatchOptions;
 
 constexpr char kHead[] =
-    R"(Usage: fmon watch [OPTION]... PATH...
-       fmon watch --system [OPTION]...
+    R"(Usage: fmon watch [OPTION]... PATH... [@PATH]...
+       fmon watch --system [OPTION]... [@PATH]...
 
 Shows what happens to files: a PATH that is a directory is watched with its entries, a file as a file. One "*" in
-PATH (quoted) makes it a pattern; what matches later is watched, too.
+PATH (quoted) makes it a pattern; what matches later is watched, too. Of a tree, what lies below @PATH is left out.
 )";
 
 constexpr char kTail[] = R"(
 Examples:
   fmon watch -r /etc                                changes below /etc, as they happen
   fmon watch -r --pid -e modify,close_write /srv    who writes below /srv (root)
+  fmon watch -r /srv @/srv/backup                   the same tree without a part of it
   fmon watch -r --format json /data | jq .path      one JSON object a line
   fmon watch --wait /var/log/app.log                a file that comes and goes
   fmon watch -q -n 1 -e create --include '/ready$' /run     wait until a file is made

@@ -1,5 +1,7 @@
 #include "options.h"
 
+#include <algorithm>
+
 #include "agent/event_names.h"
 #include "option_values.h"
 #include "orx_fmon.h"
@@ -38,7 +40,17 @@ bool has_records(const std::string &format)
     return row && row->has_records;
 }
 
+bool spares_no_tree(const WatchOptions &o)
+{
+    return std::any_of(o.spare.begin(), o.spare.end(), [](const std::string &path) {
+        return path.find_first_not_of('/') == std::string::npos || path.find('*') != std::string::npos;
+    });
+}
+
 constexpr Contradiction kContradictions[] = {
+    {spares_no_tree, "what is left unwatched (@PATH, spare) is a path without \"*\", and not all there is"},
+    {[](const WatchOptions &o) { return !o.spare.empty() && !o.recursive && !o.mount && !o.system; },
+     "what is left unwatched (@PATH, spare) is a part of a tree: add --recursive, or leave it out"},
     {[](const WatchOptions &o) { return !o.system && o.paths.empty(); }, "no PATH to watch: see fmon watch --help"},
     {[](const WatchOptions &o) { return o.system && !o.paths.empty(); },
      "--system is about all paths: leave out the PATH"},
@@ -73,8 +85,13 @@ constexpr Contradiction kContradictions[] = {
 
 bool take::paths(WatchOptions &options, VerbOf<WatchOptions>::Arguments arguments, std::string &error)
 {
-    options.paths.assign(arguments.begin(), arguments.end());
-    options.paths.insert(options.paths.end(), options.listed.begin(), options.listed.end());
+    std::vector<std::string> all(arguments.begin(), arguments.end());
+    all.insert(all.end(), options.listed.begin(), options.listed.end());
+    for (const std::string &path : all)
+        if (path.starts_with('@'))
+            options.spare.push_back(path.substr(1));
+        else
+            options.paths.push_back(path);
     if (options.list_events)
         return true;
     const char *const reason = find_contradiction(options);

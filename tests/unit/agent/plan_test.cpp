@@ -300,6 +300,26 @@ TEST(CliPlan, OneRefusalLeavesTheOthers)
     EXPECT_EQ(1u, plan.watches.size());
 }
 
+TEST(CliPlan, WhatIsSparedIsAbsoluteAndThereOnce)
+{
+    const Directory tree;
+    const Plan plan =
+        plan_of({"-r", tree.root(), "@" + tree.dir("a"), "@" + tree.root() + "//none/", "@" + tree.path("a/")});
+    EXPECT_EQ((std::vector<std::string>{tree.path("a"), tree.path("none")}), plan.spared);
+    EXPECT_EQ(1u, plan.watches.size());
+    EXPECT_EQ((std::vector<std::string>{"/proc"}), system_plan(parse({"--system", "@/proc"}).options).spared);
+}
+
+TEST(CliPlan, WhatIsSparedCannotBeWatched)
+{
+    const Directory tree;
+    EXPECT_EQ(tree.path("a") + " is left unwatched by @" + tree.path("a") + ": leave out one of the two",
+              refusal_of({"-r", tree.dir("a"), "@" + tree.path("a")}));
+    EXPECT_NE(std::string::npos,
+              refusal_of({"-r", tree.dir("a/b"), "@" + tree.path("a")}).find("is left unwatched by"));
+    EXPECT_TRUE(plan_of({"-r", tree.dir("ab"), "@" + tree.path("a")}).refusals.empty());
+}
+
 TEST(CliPlan, TooManyDirectories)
 {
     const Directory directory;

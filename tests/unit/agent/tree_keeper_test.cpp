@@ -35,6 +35,22 @@ int fake_add(uint32_t id, const char *path, uint32_t, uint32_t flags, uint32_t d
     return 0;
 }
 
+std::vector<std::string> g_spared;
+unsigned g_instances_gone = 0;
+
+int fake_spare(uint32_t id, const char *path)
+{
+    EXPECT_EQ(3u, id);
+    g_spared.push_back(path);
+    return path == std::string("/full") ? FMON_ENOMEM : 0;
+}
+
+int fake_gone(uint32_t)
+{
+    g_instances_gone++;
+    return 0;
+}
+
 int fake_del(uint32_t id, const char *path)
 {
     EXPECT_EQ(3u, id);
@@ -49,6 +65,10 @@ protected:
     {
         g_added.clear();
         g_deleted.clear();
+        g_spared.clear();
+        g_instances_gone = 0;
+        module.spare = fake_spare;
+        module.del_instance = fake_gone;
         module.create_instance = fake_create;
         module.add_watch = fake_add;
         module.del_watch = fake_del;
@@ -97,6 +117,32 @@ TEST_F(Keeper, WhatIsWalkedAgainIsWalkedFromAboveAndSaid)
     EXPECT_EQ(directory.path("a"), g_added[0].path) << "where a walk starts it adds its own kinds only";
     EXPECT_EQ((std::vector<std::string>{directory.path("a/b")}), keeper.take_again().paths);
     EXPECT_TRUE(keeper.take_again().paths.empty());
+}
+
+TEST_F(Keeper, ItsWalksSpareWhatTheWatchesSpare)
+{
+    TreeKeeper keeper(module, {directory.root()}, 0, {"/a", "/b"});
+    EXPECT_EQ(3, keeper.start());
+    EXPECT_EQ((std::vector<std::string>{"/a", "/b"}), g_spared);
+    EXPECT_LT(TreeKeeper(module, {directory.root()}, 0, {"/full"}).start(), 0);
+    EXPECT_EQ(1u, g_instances_gone) << "and nothing is left of it";
+}
+
+TEST_F(Keeper, WhereAllShareOneInstanceSuchAWalkHasItsOwn)
+{
+    Shared shared;
+    module.shared = &shared;
+    TreeKeeper keeper(module, {directory.root()}, 0, {"/a"});
+    EXPECT_EQ(0, keeper.start());
+    directory.dir("x/y");
+    for (unsigned i = 1; i <= 2; i++) {
+        keeper.made(directory.path("x"));
+        keeper.run();
+        EXPECT_EQ(std::vector<std::string>(i, "/a"), g_spared);
+        EXPECT_EQ(i, g_instances_gone);
+        EXPECT_EQ(std::vector<std::string>(i, directory.path("x")), g_deleted);
+    }
+    EXPECT_EQ(-1, shared.short_lived);
 }
 
 TEST_F(Keeper, TellsThatThereIsSomethingToLookAt)

@@ -109,6 +109,17 @@ max_subdirs = 100
     EXPECT_EQ(100u, request.max_subdirs);
 }
 
+TEST(ConfigTest, WhatIsSpared)
+{
+    EXPECT_EQ((Texts{"/srv/a", "/srv/b"}),
+              request_of("paths = [\"/srv\"]\nrecursive = true\nspare = [\"/srv/a\", \"/srv/b\"]").spare);
+    EXPECT_EQ("f:8:9: 'srv/a' is no absolute path: begin it with /",
+              faults_of(with_watch("paths = [\"/srv\"]\nrecursive = true\nspare = [\"srv/a\"]")));
+    EXPECT_NE(
+        std::string::npos,
+        faults_of(with_watch("paths = [\"/srv\"]\nspare = [\"/srv/a\"]")).find("a part of a tree: add recursive"));
+}
+
 TEST(ConfigTest, HowPathsAndTimesAreShown)
 {
     const agent::Request request = request_of("paths = [\"/srv\"]\npair_renames = true\nas_given = true");

@@ -68,6 +68,16 @@ TEST(CliOptions, EveryValue)
     EXPECT_EQ("csv", o.options.format);
 }
 
+TEST(CliOptions, WhatIsLeftUnwatched)
+{
+    const auto o = parse_words("-r @/a/b /a @c/");
+    ASSERT_TRUE(o.ok) << o.error;
+    EXPECT_EQ(std::vector<std::string>{"/a"}, o.options.paths);
+    EXPECT_EQ((std::vector<std::string>{"/a/b", "c/"}), o.options.spare);
+    EXPECT_TRUE(parse_words("-r ./@a").ok) << "which has that name";
+    EXPECT_TRUE(parse_words("--system @/proc").ok);
+}
+
 TEST(CliOptions, WhoCausedIt)
 {
     const auto o = parse_words("--process cat --process !/bin/dog --process-id 12 --user root --user !0 /a");
@@ -126,6 +136,11 @@ const Bad kBad[] = {
     {{"--time-format", "", "/a"}, "--time-format takes"},
     {{"--time-format", std::string(129, 'a'), "/a"}, "--time-format takes"},
     {{"--time-format", "%T", "-f", "json", "/a"}, "json, ecs and ocsf have times of one form"},
+    {{"/a", "@/a/b"}, "add --recursive, or leave it out"},
+    {{"-r", "/a", "@"}, "is a path without \"*\", and not all there is"},
+    {{"-r", "/a", "@//"}, "is a path without \"*\", and not all there is"},
+    {{"-r", "/a", "@/a/*"}, "is a path without \"*\", and not all there is"},
+    {{"-r", "@/a"}, "no PATH to watch"},
     {{"--fromfile", ""}, "--fromfile takes"},
     {{"--fromfile", "/nonexistent/list"}, "--fromfile /nonexistent/list cannot be read: No such file"},
     {{"--fromfile", "/"}, "--fromfile / cannot be read: Is a directory"},

@@ -95,6 +95,18 @@ TEST(Selection, ARenameByEitherPath)
     EXPECT_EQ(0u, selection.shown_kinds(event));
 }
 
+TEST(Selection, NothingBelowWhatIsSpared)
+{
+    Selection selection(0);
+    agent::Plan plan = plan_of({FMON_CREATE}, "/a");
+    plan.spared = {"/a/s"};
+    selection.set_plan(plan);
+    EXPECT_NE(selection.shown_kinds(event_of("/a/s", FMON_CREATE)), 0u);
+    EXPECT_NE(selection.shown_kinds(event_of("/a/s2", FMON_CREATE)), 0u);
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/s/b", FMON_CREATE)));
+    EXPECT_EQ(0u, selection.shown_kinds(event_of("/a/s/b/c", FMON_CREATE)));
+}
+
 TEST(Selection, ByWhoCausedIt)
 {
     Selection selection(0);
