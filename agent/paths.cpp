@@ -94,6 +94,7 @@ Identity look_up(int directory, const char *path, int flags)
     id.mode = st.stx_mode;
     id.dev = makedev(st.stx_dev_major, st.stx_dev_minor);
     id.ino = st.stx_ino;
+    id.gid = st.stx_gid;
     id.mount_id = st.stx_mask & STATX_MNT_ID ? st.stx_mnt_id : 0;
     return id;
 }

@@ -21,6 +21,7 @@ struct Identity {
     mode_t mode = 0;
     dev_t dev = 0;
     ino_t ino = 0;
+    gid_t gid = 0;         /* its group */
     uint64_t mount_id = 0; /* 0 where the kernel does not say */
     bool is_dir() const;
     bool is_file() const;

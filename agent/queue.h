@@ -21,6 +21,8 @@
 namespace agent
 {
 
+struct Identity; /* paths.h */
+
 enum class Known : uint8_t { kUnknown, kNo, kYes };
 
 /* One event as the formatters see it. The views are valid as long as the batch that holds it; `path` ends in a NUL. */
@@ -30,13 +32,14 @@ struct Event {
     uint32_t pid;
     uint32_t source; /* index of the instance that delivered it */
     std::string_view path;
-    std::string_view container;  /* empty where there is none */
-    const ProcessInfo *process;  /* null where not known */
-    bool deleted = false;        /* the path's name was gone already */
-    bool found = false;          /* no record said so: it was there when its directory was looked into */
-    Known dir = Known::kUnknown; /* whether it is about a directory */
-    std::string_view from{};     /* of a rename: the old path; empty: not known, or told by an event of its own */
-    uint64_t move = 0;           /* of the halves of one rename the same; 0: not known */
+    std::string_view container;     /* empty where there is none */
+    const ProcessInfo *process;     /* null where not known */
+    bool deleted = false;           /* the path's name was gone already */
+    bool found = false;             /* no record said so: it was there when its directory was looked into */
+    Known dir = Known::kUnknown;    /* whether it is about a directory */
+    std::string_view from{};        /* of a rename: the old path; empty: not known, or told by an event of its own */
+    uint64_t move = 0;              /* of the halves of one rename the same; 0: not known */
+    const Identity *file = nullptr; /* what is at the path by now; null: not looked at, or it went */
 };
 
 class Batch

@@ -106,9 +106,13 @@ void Fanout::event(const agent::Event &event, const Presentation &how)
 
 void Fanout::pass_on(agent::Event event, const Presentation &how)
 {
-    const auto wants_dir = [](const std::unique_ptr<Outlet> &outlet) { return outlet->formatter().wants_dir(); };
-    if (std::any_of(outlets_.begin(), outlets_.end(), wants_dir))
-        look_for_directory(event, how.happened);
+    Look wanted;
+    for (const std::unique_ptr<Outlet> &outlet : outlets_) {
+        const Look one = look_of(outlet->formatter());
+        wanted = {wanted.dir || one.dir, wanted.file || one.file};
+    }
+    agent::Identity there;
+    look_at_path(event, how.happened, wanted, there);
     std::string given, given_from;
     if (how.given) {
         event.path = how.given->of(event.path, given);

@@ -32,6 +32,7 @@ struct FormatStyle {
     bool colours = false;
     bool terminal = false;     /* a person's terminal reads it: nothing that drives one may pass, whatever the form */
     bool ancestors = false;    /* what made a process is shown with it */
+    bool stat = false;         /* inode, device and group of the file are shown, by the forms of JSON */
     std::string host{};        /* the machine's name; empty: not said, but by forms whose schema wants it */
     std::string instance{};    /* that of all events; empty: that of their source */
     bool pairs = false;        /* CSV has a column for the old path of a rename */
@@ -47,6 +48,8 @@ public:
 
     /* Whether records say of what is not known to be a directory whether it is. */
     virtual bool wants_dir() const { return false; }
+    /* Whether they say what is at its path. */
+    virtual bool wants_file() const { return false; }
     virtual void begin(std::string &) {} /* a heading */
     virtual void event(const agent::Event &event, std::string &out) = 0;
 
@@ -91,7 +94,8 @@ inline std::string_view single_path(const std::vector<std::string> &paths)
 }
 
 /* A template: %e events, %p path, %w its directory with a "/" behind, %F its last name, %P pid, %n process name, %a its
- * ancestors, %t time, %f "found" or nothing, %d "dir" or nothing, %o a rename's old path, %% and the escapes \n \t \0
+ * ancestors, %t time, %f "found" or nothing, %d "dir" or nothing, %o a rename's old path, %i inode, %D device, %g
+ * group, %% and the escapes \n \t \0
  * \\ \a \b \f \v \r \e \ooo \xhh. Null, with the reason in `error`, when it holds anything else after
  * "%" or "\". */
 std::unique_ptr<Formatter> make_template_formatter(const FormatStyle &style, std::string_view pattern,

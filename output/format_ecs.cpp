@@ -1,6 +1,7 @@
 /* Records as the Elastic Common Schema has them; format.h. What the schema has no field for is below "fmon". */
 
 #include "activity.h"
+#include "file_facts.h"
 #include "formats.h"
 #include "json_writer.h"
 
@@ -25,12 +26,15 @@ class EcsFormatter : public Formatter
 public:
     explicit EcsFormatter(const FormatStyle &style) : style_(style), host_(host_of(style)), line_(style) {}
 
+    bool wants_dir() const override { return true; }
+    bool wants_file() const override { return style_.stat; }
+
     void event(const agent::Event &event, std::string &out) override
     {
         const Activity &activity = main_activity(event.mask);
         const EcsClass what = {"event", activity.ecs_type, "file"};
         record(activity.action, what, event.time_ns, out, [&](JsonWriter &writer) {
-            put_file(writer, event.path);
+            put_file(writer, event.path, &event);
             put_process(writer, event);
             put_container(writer, event);
             put_object(writer, "fmon", [&] { put_own(writer, event); });
@@ -140,7 +144,7 @@ private:
         put_text(writer, "dataset", "fmon.file");
     }
 
-    static void put_file(JsonWriter &writer, std::string_view path)
+    void put_file(JsonWriter &writer, std::string_view path, const agent::Event *event = nullptr) const
     {
         const size_t slash = path.rfind('/');
         put_object(writer, "file", [&] {
@@ -149,10 +153,24 @@ private:
                 return;
             put_text(writer, "name", path.substr(slash + 1));
             put_text(writer, "directory", path.substr(0, slash ? slash : 1));
+            if (event)
+                put_facts(writer, *event);
         });
     }
 
-    static void put_named(JsonWriter &writer, std::string_view path, std::string_view reason)
+    // The schema has numbers of files and groups as words.
+    void put_facts(JsonWriter &writer, const agent::Event &event) const
+    {
+        const FileType type = type_of(event);
+        if (type.ecs)
+            put_text(writer, "type", type.ecs);
+        if (!style_.stat || !event.file)
+            return;
+        put_text(writer, "inode", std::to_string(event.file->ino));
+        put_text(writer, "gid", std::to_string(event.file->gid));
+    }
+
+    void put_named(JsonWriter &writer, std::string_view path, std::string_view reason) const
     {
         put_file(writer, path);
         put_object(writer, "fmon", [&] {
@@ -211,6 +229,10 @@ private:
         put_true(writer, "deleted", event.deleted);
         put_true(writer, "found", event.found);
         put_path_bytes(writer, event.path);
+        put_known(writer, "from", event.from);
+        put_path_bytes(writer, event.from, "from_bytes");
+        if (style_.stat && event.file)
+            put_text(writer, "device", device_text(*event.file));
         if (event.process && event.process->loginuid)
             put_number(writer, "loginuid", *event.process->loginuid);
         if (style_.ancestors && event.process)

@@ -1,6 +1,7 @@
 /* Records as lines of JSON; format.h. */
 
 #include "agent/escape.h"
+#include "file_facts.h"
 #include "formats.h"
 #include "json_writer.h"
 
@@ -28,6 +29,7 @@ public:
     explicit JsonFormatter(const FormatStyle &style) : style_(style), line_(style) {}
 
     bool wants_dir() const override { return true; }
+    bool wants_file() const override { return style_.stat; }
 
     void event(const agent::Event &event, std::string &out) override
     {
@@ -38,6 +40,8 @@ public:
             if (!event.from.empty())
                 put_path(writer, event.from, "from");
             put_true(writer, "dir", event.dir == agent::Known::kYes);
+            if (style_.stat && event.file)
+                put_file(writer, *event.file);
             put_true(writer, "deleted", event.deleted);
             put_true(writer, "found", event.found);
             put_number(writer, "pid", event.pid);
@@ -133,6 +137,13 @@ private:
             put_known(writer, "instance", style_.instance);
             put_known(writer, "host", style_.host);
         });
+    }
+
+    static void put_file(Writer &writer, const agent::Identity &file)
+    {
+        put_number(writer, "inode", file.ino);
+        put_text(writer, "device", device_text(file));
+        put_number(writer, "group", file.gid);
     }
 
     void put_process(Writer &writer, const agent::ProcessInfo *process)

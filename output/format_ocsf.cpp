@@ -2,6 +2,7 @@
  * others in its base class; format.h. What the schema has no attribute for is in "unmapped". */
 
 #include "activity.h"
+#include "file_facts.h"
 #include "formats.h"
 #include "json_writer.h"
 
@@ -32,13 +33,16 @@ class OcsfFormatter : public Formatter
 public:
     explicit OcsfFormatter(const FormatStyle &style) : style_(style), host_(host_of(style)), line_(style) {}
 
+    bool wants_dir() const override { return true; }
+    bool wants_file() const override { return style_.stat; }
+
     void event(const agent::Event &event, std::string &out) override
     {
         const Activity &activity = main_activity(event.mask);
         const OcsfClass what = {1, 1001, "File System Activity", activity.ocsf_id, activity.ocsf_name, kInformational};
         record(what, event.time_ns, out, [&](JsonWriter &writer) {
             put_object(writer, "actor", [&] { put_actor(writer, event); });
-            put_file(writer, event.path);
+            put_file(writer, event.path, type_of(event).ocsf);
             put_object(writer, "unmapped", [&] { put_unmapped(writer, event); });
         });
     }
@@ -163,7 +167,7 @@ private:
         writer.EndArray();
     }
 
-    static void put_file(JsonWriter &writer, std::string_view path)
+    static void put_file(JsonWriter &writer, std::string_view path, int type)
     {
         const size_t slash = path.rfind('/');
         const bool has_folder = slash != std::string_view::npos && path.size() > 1;
@@ -172,7 +176,7 @@ private:
             put_text(writer, "path", path);
             if (has_folder)
                 put_text(writer, "parent_folder", path.substr(0, slash ? slash : 1));
-            put_number(writer, "type_id", kUnknownFile);
+            put_number(writer, "type_id", static_cast<uint64_t>(type));
         });
     }
 
@@ -200,7 +204,7 @@ private:
         if (process.start_ns)
             put_milliseconds(writer, "created_time", process.start_ns);
         if (!process.exe.empty())
-            put_file(writer, process.exe);
+            put_file(writer, process.exe, kUnknownFile);
         if (process.uid)
             put_object(writer, "user", [&] { put_text(writer, "uid", std::to_string(*process.uid)); });
         if (style_.ancestors && process.parent)
@@ -239,12 +243,23 @@ private:
         });
     }
 
+    static void put_stat(JsonWriter &writer, const agent::Identity &file)
+    {
+        put_number(writer, "inode", file.ino);
+        put_text(writer, "device", device_text(file));
+        put_number(writer, "group", file.gid);
+    }
+
     void put_unmapped(JsonWriter &writer, const agent::Event &event) const
     {
         put_kinds(writer, "events", event.mask);
         put_true(writer, "deleted", event.deleted);
         put_true(writer, "found", event.found);
         put_path_bytes(writer, event.path);
+        put_known(writer, "from", event.from);
+        put_path_bytes(writer, event.from, "from_bytes");
+        if (style_.stat && event.file)
+            put_stat(writer, *event.file);
         if (event.process && event.process->loginuid)
             put_number(writer, "loginuid", *event.process->loginuid);
         put_known(writer, "instance", instance_of(style_, event));

@@ -6,6 +6,7 @@
 
 #include "agent/escape.h"
 #include "agent/event_names.h"
+#include "file_facts.h"
 #include "format.h"
 #include "record_time.h"
 
@@ -27,7 +28,10 @@ enum class Part : char {
     kTime = 't',
     kFound = 'f',
     kIsDirectory = 'd',
-    kOldPath = 'o'
+    kOldPath = 'o',
+    kInode = 'i',
+    kDevice = 'D',
+    kGroup = 'g'
 };
 
 struct Piece {
@@ -88,7 +92,7 @@ private:
         const char c = next();
         if (c == '%')
             return literal(c, pieces);
-        if (std::string_view("epwFPnatfdo").find(c) == std::string_view::npos)
+        if (std::string_view("epwFPnatfdoiDg").find(c) == std::string_view::npos)
             return fail("has the unknown \"%" + agent::escaped({&c, 1}) + "\"");
         pieces.push_back({static_cast<Part>(c), {}});
         return true;
@@ -149,9 +153,9 @@ public:
 
     bool wants_dir() const override
     {
-        return std::any_of(pieces_.begin(), pieces_.end(),
-                           [](const Piece &piece) { return piece.part == Part::kIsDirectory; });
+        return shows([](Part part) { return part == Part::kIsDirectory; });
     }
+    bool wants_file() const override { return shows(is_of_file); }
 
     void event(const agent::Event &event, std::string &out) override
     {
@@ -161,6 +165,14 @@ public:
     }
 
 private:
+    static bool is_of_file(Part part) { return part == Part::kInode || part == Part::kDevice || part == Part::kGroup; }
+
+    template <typename Is>
+    bool shows(Is is) const
+    {
+        return std::any_of(pieces_.begin(), pieces_.end(), [&](const Piece &piece) { return is(piece.part); });
+    }
+
     void append(const Piece &piece, const agent::Event &event, std::string &out)
     {
         switch (piece.part) {
@@ -190,16 +202,30 @@ private:
             case Part::kTime:
                 time_.append(event.time_ns, out);
                 break;
-            case Part::kFound:
-                out.append(event.found ? "found" : "");
-                break;
             case Part::kOldPath:
                 append_bytes(event.from, out);
                 break;
+            case Part::kFound:
             case Part::kIsDirectory:
-                out.append(event.dir == agent::Known::kYes ? "dir" : "");
+            case Part::kInode:
+            case Part::kDevice:
+            case Part::kGroup:
+                append_fact(piece.part, event, out);
                 break;
         }
+    }
+
+    // What is known of some files only.
+    static void append_fact(Part part, const agent::Event &event, std::string &out)
+    {
+        if (part == Part::kFound)
+            out.append(event.found ? "found" : "");
+        else if (part == Part::kIsDirectory)
+            out.append(event.dir == agent::Known::kYes ? "dir" : "");
+        else if (event.file && part == Part::kDevice)
+            out.append(device_text(*event.file));
+        else if (event.file)
+            out.append(std::to_string(part == Part::kInode ? event.file->ino : event.file->gid));
     }
 
     void append_process(Part part, const agent::ProcessInfo &process, std::string &out) const

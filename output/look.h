@@ -4,14 +4,26 @@
 #ifndef OUTPUT_LOOK_H
 #define OUTPUT_LOOK_H
 
+#include "agent/paths.h"
 #include "agent/queue.h"
+#include "format.h"
 
 namespace output
 {
 
-/* Where the source does not say whether the event is about a directory, says what is at its path now; nothing where
- * that went or nothing is there. `happened`: all kinds of the event, shown or not. */
-void look_for_directory(agent::Event &event, uint32_t happened);
+/* What is wanted of a look. */
+struct Look {
+    bool dir = false;  /* whether it is a directory, where the source does not say so */
+    bool file = false; /* what it is, in `event.file` */
+
+    bool operator==(const Look &) const = default;
+};
+
+inline Look look_of(const Formatter &form) { return {form.wants_dir(), form.wants_file()}; }
+
+/* Puts into the event what is at its path now, which `there` keeps; nothing where that went or nothing is there.
+ * `happened`: all kinds of the event, shown or not. */
+void look_at_path(agent::Event &event, uint32_t happened, const Look &wanted, agent::Identity &there);
 
 }  // namespace output
 

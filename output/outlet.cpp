@@ -14,7 +14,8 @@ void Outlet::end_record(uint64_t number, uint64_t time_ns, const char *type, con
     if (event) {
         row.is_event = true;
         row.event = *event;
-        row.event.from = {}; /* sinks have no use for it */
+        row.event.from = {}; /* sinks have no use for these two */
+        row.event.file = nullptr;
         row.path = paths_.size();
         row.path_length = event->path.size();
         row.container_length = event->container.size();

@@ -14,6 +14,7 @@ namespace output
 
 struct OutputOptions : FilterOptions {
     std::string format = "text"; /* a name of formats.h, or a template */
+    bool stat = false;           /* what is at the path of an event is shown: see FormatStyle */
     std::string time_format;     /* of records that are no JSON, see agent/time_format.h; empty: their own */
     bool null_end = false;
     std::string output; /* empty: stdout */

@@ -48,6 +48,7 @@ bool Reporter::begin(std::string &error)
     style_.end = options_.null_end ? '\0' : '\n';
     style_.terminal = output_.is_terminal();
     style_.ancestors = request_.ancestors;
+    style_.stat = options_.stat;
     style_.pairs = request_.pair_renames;
     style_.time_format = options_.time_format;
     style_.colours = style_.terminal && wants_colours();
@@ -72,8 +73,8 @@ void Reporter::event(const agent::Event &event)
         dropped_++;
         return;
     }
-    if (formatter_->wants_dir())
-        look_for_directory(visible, event.mask);
+    agent::Identity there;
+    look_at_path(visible, event.mask, look_of(*formatter_), there);
     std::string given, given_from;
     visible.path = shown_path(visible.path, given);
     visible.from = shown_path(visible.from, given_from);

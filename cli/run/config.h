@@ -22,6 +22,7 @@ struct OutputConfig {
     std::string format; /* a name of output/formats.h, or a template */
     bool ancestors = false;
     bool pairs = false; /* CSV has a column for the old path of a rename */
+    bool stat = false;
     std::string time_format;
     output::Settings settings; /* of the type, with defaults */
 

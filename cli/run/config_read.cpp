@@ -127,7 +127,7 @@ void check_format(const CheckedTable &table, const std::string &format)
         table.fault("format", reason);
 }
 
-void check_time_format(const CheckedTable &table)
+void check_shape(const CheckedTable &table)
 {
     if (table.text("time_format").size() > agent::FormattedTime::kMaxFormat)
         table.fault("time_format", "'time_format' takes a format such as '%F %T', of at most 128 bytes");
@@ -135,6 +135,8 @@ void check_time_format(const CheckedTable &table)
     if (!table.text("time_format").empty() && row && row->has_records)
         table.fault("time_format", "'time_format' is about text, csv and templates: " + table.text("format") +
                                        " has times of one form");
+    if (table.flag("stat") && !(row && row->has_records))
+        table.fault("stat", "'stat' is about json, ecs and ocsf: a template says %i, %D or %g");
 }
 
 // Of an unknown type all keys are unknown: only the type is reported.
@@ -153,7 +155,7 @@ OutputConfig read_output(const TomlValue &value, Faults &faults)
         rows.insert(rows.end(), sink->settings.begin(), sink->settings.end());
     const CheckedTable table(value, "[[instance.output]]", rows, {}, faults);
     check_format(table, table.text("format"));
-    check_time_format(table);
+    check_shape(table);
     std::string error;
     if (sink && faults.empty() && !sink->make(table.settings(), {"", "", ""}, error))
         faults.add(value.place, std::string(sink->type) + ": " + error);
@@ -161,6 +163,7 @@ OutputConfig read_output(const TomlValue &value, Faults &faults)
     output.type = table.text("type");
     output.format = table.text("format");
     output.ancestors = table.flag("ancestors") || output::asks_for(output.format, 'a');
+    output.stat = table.flag("stat");
     output.time_format = table.text("time_format");
     output.settings = table.settings();
     return output;

@@ -70,6 +70,7 @@ constexpr output::Setting kOutput[] = {
     {"type", T::kText, "what takes the records", nullptr, true},
     {"format", T::kText, "the form of records: a name that `fmon watch --format` knows, or a template", "json"},
     {"ancestors", T::kFlag, "show with each process what made it", "false"},
+    {"stat", T::kFlag, "show inode, device and group of the file as they are by then (json, ecs, ocsf)", "false"},
     {"time_format", T::kText,
      "form of times in text, CSV and templates, as strftime has them, with %N and %1N to %9N for digits of the "
      "second's "

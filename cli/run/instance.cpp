@@ -19,6 +19,7 @@ output::FormatStyle style_of(const OutputConfig &config, const Surroundings &aro
 {
     output::FormatStyle style;
     style.ancestors = config.ancestors;
+    style.stat = config.stat;
     style.pairs = config.pairs;
     style.time_format = config.time_format;
     style.sources.assign(agent::Intake::kMaxSources, instance);

@@ -95,7 +95,8 @@ constexpr OptionRow<O> kRows[] = {
     {{0, "user", "USER", "show only what this user did, by name or number; !USER hides"}, add_text<O, &O::users>},
     {{'f', "format", "FORM",
       "text, json (one object a line), csv, ecs (Elastic Common Schema),\nocsf (File System Activity), or a template: "
-      "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %o old path,\n%P process id, %n "
+      "%e events, %p path,\n%w its directory, %F its name, %d whether it is one, %o old path,\n%i inode, %D device, %g "
+      "group, %P process id, %n "
       "process "
       "name, %a ancestors, %t time,\n%f whether found, %% a percent sign, and the escapes\n\\n \\t \\\\ \\ooo \\xhh",
       one_of([] { return output::format_names(" "); })},
@@ -114,6 +115,9 @@ constexpr OptionRow<O> kRows[] = {
       "show with each process what made it, and so on up to the first\none that is known (text, json; %a in a "
       "template)"},
      set_flag<O, &O::ancestors>},
+    {{0, "stat", nullptr,
+      "show inode, device and group of the file as they are by then\n(json, ecs, ocsf; %i %D %g in a template)"},
+     set_flag<O, &O::stat>},
     {{'0', "null", nullptr, "end records with a NUL instead of a newline"}, set_flag<O, &O::null_end>},
     {{'o', "output", "FILE", "write to FILE instead of stdout; what it held is replaced\nwhen all watches are in place",
       kFiles},

@@ -75,6 +75,8 @@ constexpr Contradiction kContradictions[] = {
      "--pair-renames, and %o, are about moved_from and moved_to: ask for both (-e move), without --mount"},
     {[](const WatchOptions &o) { return !o.time_format.empty() && has_records(o.format); },
      "--time-format is about text, csv and templates: json, ecs and ocsf have times of one form"},
+    {[](const WatchOptions &o) { return o.stat && !has_records(o.format); },
+     "--stat is about json, ecs and ocsf: a template says %i, %D or %g"},
     {[](const WatchOptions &o) { return o.append && o.output.empty(); },
      "--append is about a file: say which with -o FILE"},
     {[](const WatchOptions &o) { return !o.recursive && (o.max_depth || o.max_subdirs); },

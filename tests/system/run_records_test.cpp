@@ -1,4 +1,7 @@
 /* `fmon run`: what the records of a service hold and how they are shown. */
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include <filesystem>
 
 #include "run_service.h"
@@ -44,6 +47,21 @@ TEST_F(RunRecords, SayWhatIsADirectoryAndWhatWasRenamed)
     EXPECT_TRUE(has("json", "\"events\":[\"moved_to\"],\"path\":\"" + to + "\",\"from\":\"" + from + "\""));
     EXPECT_TRUE(has("csv", "," + from + "\n")) << content(out("csv"));
     EXPECT_EQ(0u, content(out("csv")).find("time,events,path,pid,process,from\n"));
+}
+
+TEST_F(RunRecords, SayWhatTheFileIsWhereThatIsAskedFor)
+{
+    const std::string asked = text("asked", "json") + "stat = true\n[[instance.output]]\n" + text("not", "json");
+    service.configure(instance_text("w", tree_text(tree.dir("w")) + "events = [\"create\"]\n", asked));
+    service.start();
+    make_file(tree.path("w/a"));
+    struct stat st;
+    ASSERT_EQ(0, stat(tree.path("w/a").c_str(), &st));
+    EXPECT_TRUE(has("asked", "w/a\",\"inode\":" + std::to_string(st.st_ino) + ",\"device\":\"" +
+                                 std::to_string(major(st.st_dev)) + ":" + std::to_string(minor(st.st_dev)) +
+                                 "\",\"group\":" + std::to_string(st.st_gid)));
+    EXPECT_TRUE(has("not", "w/a"));
+    EXPECT_EQ(std::string::npos, content(out("not")).find("inode"));
 }
 
 TEST_F(RunRecords, ShowPathsAndTimesAsTheConfigurationSays)

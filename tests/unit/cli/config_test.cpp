@@ -128,6 +128,7 @@ TEST(ConfigTest, HowPathsAndTimesAreShown)
         return config_of(with_output("type = \"stdout\"\n" + lines)).instances.at(0).outputs.at(0);
     };
     EXPECT_EQ("%F %T", output_of("format = \"text\"\ntime_format = \"%F %T\"").time_format);
+    EXPECT_TRUE(output_of("format = \"ecs\"\nstat = true").stat);
     EXPECT_TRUE(output_of("format = \"%p %a\"").ancestors);
     EXPECT_FALSE(output_of("format = \"%p %%a\"").ancestors);
 }
@@ -211,6 +212,8 @@ TEST(ConfigTest, FormsThatDoNotFitAreRefused)
 {
     EXPECT_EQ("f:8:15: 'time_format' is about text, csv and templates: json has times of one form",
               faults_of(with_output("type = \"stdout\"\nformat = \"json\"\ntime_format = \"%T\"")));
+    EXPECT_NE(std::string::npos, faults_of(with_output("type = \"stdout\"\nformat = \"csv\"\nstat = true"))
+                                     .find("'stat' is about json, ecs and ocsf"));
     EXPECT_NE(std::string::npos, faults_of(with_output("type = \"stdout\"\nformat = \"text\"\ntime_format = \"" +
                                                        std::string(129, 'x') + "\""))
                                      .find("of at most 128 bytes"));

@@ -141,6 +141,8 @@ const Bad kBad[] = {
     {{"-r", "/a", "@//"}, "is a path without \"*\", and not all there is"},
     {{"-r", "/a", "@/a/*"}, "is a path without \"*\", and not all there is"},
     {{"-r", "@/a"}, "no PATH to watch"},
+    {{"--stat", "/a"}, "a template says %i, %D or %g"},
+    {{"--stat", "-f", "csv", "/a"}, "a template says %i, %D or %g"},
     {{"--fromfile", ""}, "--fromfile takes"},
     {{"--fromfile", "/nonexistent/list"}, "--fromfile /nonexistent/list cannot be read: No such file"},
     {{"--fromfile", "/"}, "--fromfile / cannot be read: Is a directory"},

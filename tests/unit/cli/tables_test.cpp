@@ -85,6 +85,7 @@ WatchRows shown_rows()
             {"as-given", nullptr, [](const O &o) { return o.as_given; }},
             {"time-format", "%F", [](const O &o) { return o.time_format == "%F"; }},
             {"ancestors", nullptr, [](const O &o) { return o.ancestors; }},
+            {"stat", nullptr, [](const O &o) { return o.stat; }},
             {"null", nullptr, [](const O &o) { return o.null_end; }}};
 }
 

@@ -1,8 +1,12 @@
 /* The forms whose members others have named: ECS and OCSF. */
+#include <sys/stat.h>
+#include <sys/sysmacros.h>
+
 #include <functional>
 
 #include "agent/ancestors.h"
 #include "agent/event_names.h"
+#include "agent/paths.h"
 #include "orx_fmon.h"
 #include "output/activity.h"
 #include "output/formats.h"
@@ -88,6 +92,38 @@ TEST_F(SchemaForms, EcsEventOfWhichLittleIsKnown)
                   "\"file\":{\"path\":\"/\xEF\xBF\xBD\",\"name\":\"\xEF\xBF\xBD\",\"directory\":\"/\"},"
                   "\"fmon\":{\"events\":[\"delete\"],\"path_bytes\":\"L/8=\",\"instance\":\"watch\"}}"),
               line("ecs", event_of("/\xff", FMON_DELETE)));
+}
+
+TEST_F(SchemaForms, WhatTheFileIs)
+{
+    Event event = event_of("/x", FMON_MOVED_TO);
+    const auto has = [&](const char *form, const std::string &part) {
+        const std::string all = line(form, event);
+        EXPECT_NE(std::string::npos, all.find(part)) << all;
+    };
+    has("ecs", "\"directory\":\"/\"},");
+    has("ocsf", "\"type_id\":0},\"unmapped\"");
+    event.dir = Known::kYes;
+    has("ecs", "\"directory\":\"/\",\"type\":\"dir\"}");
+    has("ocsf", "\"type_id\":2},\"unmapped\"");
+    event.dir = Known::kNo;
+    has("ecs", "\"type\":\"file\"}");
+    has("ocsf", "\"type_id\":1},\"unmapped\"");
+    Identity link;
+    link.mode = S_IFLNK | 0777;
+    link.ino = 7;
+    link.gid = 3;
+    link.dev = makedev(8, 1);
+    event.file = &link;
+    event.from = "/y";
+    style.stat = true;
+    has("ecs", "\"type\":\"symlink\",\"inode\":\"7\",\"gid\":\"3\"}");
+    has("ecs", "\"fmon\":{\"events\":[\"moved_to\"],\"from\":\"/y\",\"device\":\"8:1\",");
+    has("ocsf",
+        "\"type_id\":7},\"unmapped\":{\"events\":[\"moved_to\"],\"from\":\"/"
+        "y\",\"inode\":7,\"device\":\"8:1\",\"group\":3,");
+    link.mode = S_IFMT;
+    has("ocsf", "\"type_id\":0},\"unmapped\"");
 }
 
 TEST_F(SchemaForms, EcsRecordsBesideEvents)

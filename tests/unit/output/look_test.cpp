@@ -1,6 +1,8 @@
 /* What a look at a path says where no source does. */
 #include "output/look.h"
 
+#include <unistd.h>
+
 #include "orx_fmon.h"
 #include "unit/agent/agent_testing.h"
 
@@ -14,7 +16,9 @@ Known found(const std::string &path, uint32_t kinds, Known said = Known::kUnknow
 {
     agent::Event event = agent_testing::event_of(path, kinds);
     event.dir = said;
-    output::look_for_directory(event, kinds);
+    agent::Identity there;
+    output::look_at_path(event, kinds, {true, false}, there);
+    EXPECT_EQ(nullptr, event.file) << "nobody asked";
     return event.dir;
 }
 
@@ -35,6 +39,25 @@ TEST(Look, SaysNothingOfWhatWent)
     const Directory directory;
     for (const uint32_t kind : {FMON_DELETE, FMON_MOVED_FROM, FMON_DELETE_SELF, FMON_MOVE_SELF})
         EXPECT_EQ(Known::kUnknown, found(directory.dir("d"), FMON_CREATE | kind)) << "another may be there";
+}
+
+TEST(Look, SaysWhatTheFileIs)
+{
+    const Directory directory;
+    agent::Identity there;
+    const auto look = [&](const std::string &path, uint32_t kinds) {
+        agent::Event event = agent_testing::event_of(path, kinds);
+        output::look_at_path(event, kinds, {false, true}, there);
+        EXPECT_EQ(Known::kUnknown, event.dir) << "nobody asked";
+        return event.file;
+    };
+    const agent::Identity *const file = look(directory.file("f"), FMON_CREATE);
+    ASSERT_NE(nullptr, file);
+    EXPECT_TRUE(file->is_file());
+    EXPECT_NE(0u, file->ino);
+    EXPECT_EQ(getegid(), file->gid);
+    EXPECT_EQ(nullptr, look(directory.path("f"), FMON_CREATE | FMON_DELETE)) << "another may be there";
+    EXPECT_EQ(nullptr, look(directory.path("none"), FMON_CREATE));
 }
 
 TEST(Look, DoesNotDoubtTheSource)

@@ -3,6 +3,7 @@
 
 #include "agent/ancestors.h"
 #include "agent/event_names.h"
+#include "agent/paths.h"
 #include "orx_fmon.h"
 #include "output/formats.h"
 #include "testlib/tree.h"
@@ -22,7 +23,7 @@ protected:
     Schema()
     {
         style.sources = {"watch"};
-        style.ancestors = true;
+        style.ancestors = style.stat = true;
         style.container_name = [](std::string_view) { return ContainerName{"web", "registry/web:1"}; };
     }
 
@@ -76,6 +77,12 @@ TEST_F(Schema, HasEveryEvent)
         event(event_of("/a", kEventTable[i].mask));
     event(event_of("/a", FMON_ALL_EVENTS, 42, &cat));
     event(event_of("/a", FMON_LINK, 42, &unknown));
+    Event renamed = event_of("/a", FMON_MOVED_TO);
+    const Identity file = {.ino = UINT64_MAX, .gid = 3};
+    renamed.file = &file;
+    renamed.from = "/b";
+    event(renamed);
+    EXPECT_NE(std::string::npos, lines.find("\"inode\":18446744073709551615,\"device\":\"0:0\",\"group\":3"));
     event(event_of("/not\xffutf8", FMON_CREATE));
     Event gone = event_of("/a", FMON_MODIFY);
     gone.deleted = gone.found = true;
