@@ -1,5 +1,7 @@
 #include "config_read.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 
 #include "agent/message.h"
@@ -331,6 +333,18 @@ std::vector<std::string> config_warnings(const Config &config)
         lines.push_back(
             "all instances of the monitor are taken: directories that are made in trees with marks of their "
             "own cannot be walked");
+    return lines;
+}
+
+std::vector<std::string> config_awaited(const Config &config)
+{
+    std::vector<std::string> lines;
+    for (const InstanceConfig &instance : config.instances)
+        for (const agent::Request &watch : instance.watches)
+            for (const std::string &path : watch.paths)
+                if (path.find('*') == std::string::npos && access(path.c_str(), F_OK) != 0)
+                    lines.push_back("instance " + instance.name + ": " + path + " is not there" +
+                                    (watch.wait ? " yet: it is waited for" : ", and cannot be waited for"));
     return lines;
 }
 

@@ -23,6 +23,9 @@ std::vector<std::string> load_config(const std::string &file, Config &config);
 /* What may be a mistake and is none: a line each. */
 std::vector<std::string> config_warnings(const Config &config);
 
+/* Paths that are not there, and are waited for from the start on: a line each. */
+std::vector<std::string> config_awaited(const Config &config);
+
 /* Instances of the monitor that the watches of an instance need. */
 size_t monitor_instances(const InstanceConfig &instance);
 

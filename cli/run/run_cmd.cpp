@@ -35,6 +35,7 @@ int run_service(const RunOptions &options)
         return agent::kError;
     complain(config_warnings(config));
     if (options.check) {
+        complain(config_awaited(config));
         agent::complain(options.config + " is right: " + agent::counted(config.instances.size(), "instance"));
         return agent::kDone;
     }

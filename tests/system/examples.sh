@@ -31,6 +31,8 @@ expectations() {
     cat <<'END'
 ./dev run /some/dir => - builds all of this
 ./dev test => - runs this
+systemctl enable --now fmon => - needs systemd and the package: see tests/packages
+systemctl reload fmon => - needs systemd and the package: see tests/packages
 fmon watch -r /etc => create.*/etc/new
 fmon watch --format json -r /data => "path":".*/data/new
 fmon watch -r --format json /data | jq .path => ^".*/data/new
@@ -80,7 +82,7 @@ examples() {
         fmon $verb --help | sed -n '/^Examples:/,/^$/s/^  \(sudo \)\{0,1\}\(.*[^ ]\)   *[^ ].*$/\2/p' | sed 's/   *.*//'
     done
     sed -n 's/^\.Dl \(fmon\)/\1/p' "$source_dir"/docs/*.1
-    awk '/^```/ { inside = !inside; next } inside' "$source_dir/README.md" | sed -n 's/  *# .*//; s/^\$ //; /^\(fmon\|\.\/dev\) /p'
+    awk '/^```/ { inside = !inside; next } inside' "$source_dir/README.md" | sed -n 's/  *# .*//; s/^\$ //; /^\(fmon\|systemctl\|\.\/dev\) /p'
 }
 
 prepare() {
