@@ -39,6 +39,7 @@ fmon watch -r --format json /data | jq .path => ^".*/data/new
 fmon watch -r --pid -e modify,close_write /srv => /srv/file .*sh\[
 fmon watch -r --user '!root' /usr => /usr/other
 fmon watch -r --process dpkg /usr => /usr/package .*dpkg\[
+fmon watch -r /srv @/srv/backup => create.*/srv/notes/new
 fmon watch -r -q -0 -e create --format %p /data | xargs -0 -n 1 handle => handled .*/data/new
 fmon watch -q -t 10 -n 1 -e create --include '/ready$' /run => create .*/run/ready
 fmon watch -q -n 1 -e create --include '/ready$' /run => create .*/run/ready
@@ -118,7 +119,7 @@ act() {
 
 # The example as it is run here: below $work, of this service and that watch, and quicker.
 local_form() {
-    printf '%s\n' "$1" | sed -E -e "s#(^|[ '])/(etc|srv|data|usr|run|var|home|boot)#\\1$work/\\2#g" \
+    printf '%s\n' "$1" | sed -E -e "s#(^|[ '@])/(etc|srv|data|usr|run|var|home|boot)#\\1$work/\\2#g" \
         -e "s#^fmon run( --check)?\$#fmon run\\1 --config $work/second.toml#" -e "s#^fmon stats#& --socket $work/first.sock#" \
         -e "s/ 4711/ $watch/; s/-d 10/-d 1/; s/--hold 5/--hold 1/"
 }
