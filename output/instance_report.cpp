@@ -1,6 +1,5 @@
 #include "instance_report.h"
 
-#include "agent/deleted_path.h"
 #include "agent/message.h"
 
 namespace output
@@ -30,9 +29,7 @@ void InstanceReport::event(const agent::Event &event)
 {
     std::string path;
     agent::Event visible = event;
-    agent::take_deleted(visible, path);
-    visible.mask = selection_.shown_kinds(visible);
-    if (visible.mask == 0)
+    if (!selection_.narrow(visible, path))
         return;
     shown_++;
     fanout_.event(visible, {event.mask, as_given_ ? &given_ : nullptr});

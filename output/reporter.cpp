@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include "agent/deleted_path.h"
 #include "agent/message.h"
 #include "agent/signals.h"
 #include "agent/time_format.h"
@@ -65,9 +64,7 @@ void Reporter::event(const agent::Event &event)
 {
     std::string path;
     agent::Event visible = event;
-    agent::take_deleted(visible, path);
-    visible.mask = finished_ ? 0 : selection_.shown_kinds(visible);
-    if (visible.mask == 0)
+    if (finished_ || !selection_.narrow(visible, path))
         return;
     if (gives_up()) {
         dropped_++;

@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "agent/below.h"
+#include "agent/deleted_path.h"
 
 namespace output
 {
@@ -56,6 +57,13 @@ uint32_t Selection::shown_kinds(const agent::Event &event) const
     const uint32_t kinds = event.mask & kinds_[event.source];
     const bool shown = kinds && (shows(event.path) || (!event.from.empty() && shows(event.from)));
     return shown && filter_.shows_cause(event) ? kinds : 0;
+}
+
+bool Selection::narrow(agent::Event &event, std::string &storage) const
+{
+    agent::take_deleted(event, storage);
+    event.mask = shown_kinds(event);
+    return event.mask != 0;
 }
 
 }  // namespace output

@@ -34,6 +34,9 @@ public:
 
     /* The kinds of the event that are shown; 0: it is not. A rename is when either of its paths is to be shown. */
     uint32_t shown_kinds(const agent::Event &event) const;
+    /* Leaves the event the kinds that are shown, and takes the kernel's mark of a deleted file off its path, which lies
+     * in `storage` then. False: it is not shown. */
+    bool narrow(agent::Event &event, std::string &storage) const;
 
 private:
     bool is_within_depth(std::string_view path) const;

@@ -2,7 +2,6 @@
 
 #include <unistd.h>
 
-#include "agent/deleted_path.h"
 #include "agent/message.h"
 #include "agent/time_format.h"
 
@@ -26,9 +25,7 @@ void TopReport::event(const agent::Event &event)
 {
     std::string path;
     agent::Event visible = event;
-    agent::take_deleted(visible, path);
-    visible.mask = selection_.shown_kinds(visible);
-    if (visible.mask == 0)
+    if (!selection_.narrow(visible, path))
         return;
     const bool reported = !visible.container.empty() || !visible.process;
     const std::string_view id = reported ? visible.container : std::string_view(visible.process->container);
