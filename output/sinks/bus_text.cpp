@@ -1,22 +1,16 @@
 #include "bus_text.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
-
 #include <algorithm>
 #include <cctype>
 
-#include "agent/escape.h"
 #include "agent/event_names.h"
-#include "agent/time_format.h"
+#include "output/json_writer.h"
 
 namespace output
 {
 
 namespace
 {
-
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
 
 /* From what says most to what says least. */
 constexpr std::string_view kKinds[] = {"delete",        "delete_self", "moved_from",  "moved_to", "move_self",
@@ -32,34 +26,18 @@ std::string safe_value(std::string_view value, bool dots)
     return out.empty() ? "_" : out;
 }
 
-void put(Writer &writer, const char *key, std::string_view text)
-{
-    std::string clean;
-    agent::append_utf8(text, clean);
-    writer.Key(key);
-    writer.String(clean.data(), static_cast<rapidjson::SizeType>(clean.size()));
-}
-
-void put(Writer &writer, const char *key, uint64_t number)
-{
-    writer.Key(key);
-    writer.Uint64(number);
-}
-
 template <typename Fields>
 std::string line_of(const char *type, const Origin &origin, uint64_t time_ns, Fields fields)
 {
     rapidjson::StringBuffer line;
-    Writer writer(line);
+    JsonWriter writer(line);
     writer.StartObject();
-    put(writer, "type", type);
-    std::string time;
-    agent::UtcTime().append(time_ns, time);
-    put(writer, "time", time);
+    put_text(writer, "type", type);
+    JsonTime().put(writer, "time", time_ns);
     fields(writer);
-    put(writer, "instance", origin.instance);
-    put(writer, "host", origin.host);
-    put(writer, "boot", origin.boot);
+    put_text(writer, "instance", origin.instance);
+    put_text(writer, "host", origin.host);
+    put_text(writer, "boot", origin.boot);
     writer.EndObject();
     return {line.GetString(), line.GetSize()};
 }
@@ -147,21 +125,21 @@ std::string bus_id(const SpoolEntry &entry)
 
 std::string heartbeat_text(const Origin &origin, uint64_t time_ns, const BusFigures &figures)
 {
-    return line_of("heartbeat", origin, time_ns, [&](Writer &writer) {
-        put(writer, "accepted", figures.accepted);
-        put(writer, "acknowledged", figures.acknowledged);
-        put(writer, "dropped", figures.dropped);
-        put(writer, "waiting", figures.waiting);
-        put(writer, "losses", figures.losses);
-        put(writer, "spool_bytes", figures.spool_bytes);
+    return line_of("heartbeat", origin, time_ns, [&](JsonWriter &writer) {
+        put_number(writer, "accepted", figures.accepted);
+        put_number(writer, "acknowledged", figures.acknowledged);
+        put_number(writer, "dropped", figures.dropped);
+        put_number(writer, "waiting", figures.waiting);
+        put_number(writer, "losses", figures.losses);
+        put_number(writer, "spool_bytes", figures.spool_bytes);
     });
 }
 
 std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count)
 {
-    return line_of("loss", origin, time_ns, [&](Writer &writer) {
-        put(writer, "source", "output");
-        put(writer, "count", count);
+    return line_of("loss", origin, time_ns, [&](JsonWriter &writer) {
+        put_text(writer, "source", "output");
+        put_number(writer, "count", count);
     });
 }
 
