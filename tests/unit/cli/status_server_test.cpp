@@ -1,6 +1,7 @@
 /* The socket on which a service answers: who may connect, what is left there, and who asks nothing. */
 #include "cli/run/status_server.h"
 
+#include <poll.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -105,8 +106,9 @@ TEST_F(StatusServerTest, WhoAsksOrReadsSlowlyHoldsNobodyUp)
     const common::Fd drips = connected(), deaf = connected();
     std::atomic<bool> over = false;
     std::thread dripping([&] {
-        while (!over && send(drips.get(), "G", 1, MSG_NOSIGNAL) == 1)
-            usleep(20'000);
+        pollfd hung_up = {drips.get(), 0, 0};
+        while (!over && poll(&hung_up, 1, 20) == 0 && send(drips.get(), "G", 1, MSG_NOSIGNAL) == 1)
+            ;
     });
     ASSERT_EQ(5, send(deaf.get(), "all\n\n", 5, 0));
     const uint64_t start = agent::steady_ms();
