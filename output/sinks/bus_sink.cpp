@@ -130,8 +130,9 @@ void BusSink::tick(uint64_t now)
         note_disk(false, error);
 }
 
-/* The time is a number that no other record of ours had, neither before a crash nor after it. */
-void BusSink::append_own(const char *kind, uint64_t time_ns, const std::string &text)
+/* The time is a number that no other record of ours had, neither before a crash nor after it. False: the disk takes
+ * none. */
+bool BusSink::append_own(const char *kind, uint64_t time_ns, const std::string &text)
 {
     SpoolRecord record;
     record.number = own_.number = std::max(own_.number + 1, time_ns);
@@ -139,18 +140,21 @@ void BusSink::append_own(const char *kind, uint64_t time_ns, const std::string &
     record.kind = kind;
     record.text = text;
     std::string error;
-    if (spool_.append({&record, 1}, error) == 0)
+    const bool taken = spool_.append({&record, 1}, error) != 0;
+    if (!taken)
         note_disk(false, error);
+    return taken;
 }
 
+/* A record that says so may itself be dropped: that counts, too, so that another one follows, whose total is right. */
 void BusSink::tell_dropped()
 {
     const uint64_t all = dropped();
     if (all == own_.told)
         return;
     const uint64_t time = agent::wall_clock_ns();
-    append_own("loss", time, dropped_text(plan_.bus.origin, time, all - own_.told));
-    own_.told = all;
+    if (append_own("loss", time, dropped_text(plan_.bus.origin, time, all - own_.told, all)))
+        own_.told = all;
 }
 
 void BusSink::beat()

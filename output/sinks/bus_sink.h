@@ -51,7 +51,7 @@ private:
     };
 
     void tick(uint64_t now);
-    void append_own(const char *kind, uint64_t time_ns, const std::string &text);
+    bool append_own(const char *kind, uint64_t time_ns, const std::string &text);
     void tell_dropped();
     void beat();
     uint64_t dropped() const;

@@ -135,11 +135,12 @@ std::string heartbeat_text(const Origin &origin, uint64_t time_ns, const BusFigu
     });
 }
 
-std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count)
+std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count, uint64_t total)
 {
     return line_of("loss", origin, time_ns, [&](JsonWriter &writer) {
         put_text(writer, "source", "output");
         put_number(writer, "count", count);
+        put_number(writer, "total", total);
     });
 }
 

@@ -48,9 +48,10 @@ std::string bus_id(const SpoolEntry &entry);
 struct BusFigures {
     uint64_t accepted = 0, acknowledged = 0, dropped = 0, waiting = 0, losses = 0, spool_bytes = 0;
 };
-/* A line of JSON each, without its end. `losses`: records of that type that were accepted. */
+/* A line of JSON each, without its end. `losses`: records of that type that were accepted; `total`: records dropped
+ * since the output was opened, `count` of them since the last such line. */
 std::string heartbeat_text(const Origin &origin, uint64_t time_ns, const BusFigures &figures);
-std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count);
+std::string dropped_text(const Origin &origin, uint64_t time_ns, uint64_t count, uint64_t total);
 
 }  // namespace output
 

@@ -89,9 +89,9 @@ TEST(BusText, AnIdIsOfBootInstanceAndNumber)
 TEST(BusText, OwnRecordsAreLinesOfJson)
 {
     const Origin origin = {"host", "boot", "w\"eb\xff"};
-    EXPECT_EQ(R"({"type":"loss","time":"1970-01-01T00:00:01.000000000Z","source":"output","count":3,)"
+    EXPECT_EQ(R"({"type":"loss","time":"1970-01-01T00:00:01.000000000Z","source":"output","count":3,"total":8,)"
               "\"instance\":\"w\\\"eb\xef\xbf\xbd\",\"host\":\"host\",\"boot\":\"boot\"}",
-              dropped_text(origin, 1'000'000'000, 3));
+              dropped_text(origin, 1'000'000'000, 3, 8));
     EXPECT_EQ(
         R"({"type":"heartbeat","time":"1970-01-01T00:00:01.000000000Z","accepted":6,"acknowledged":5,"dropped":4,)"
         R"("waiting":3,"losses":2,"spool_bytes":1,"instance":"","host":"","boot":""})",
