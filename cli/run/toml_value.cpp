@@ -1,6 +1,7 @@
 #include "toml_value.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 
 #define TOML_EXCEPTIONS 0
@@ -98,20 +99,55 @@ Place place_at(std::string_view text, size_t at)
             static_cast<uint32_t>(newline == std::string_view::npos ? at + 1 : at - newline)};
 }
 
+bool begins_key(char c) { return isalnum(static_cast<unsigned char>(c)) || strchr("_-\"'", c) != nullptr; }
+
+// Behind the brackets of a table's name that begins at `at`, and the blanks behind them.
+size_t begin_of_name(std::string_view text, size_t at)
+{
+    at += text.substr(at).starts_with("[[") ? 2 : 1;
+    return std::min(text.find_first_not_of(" \t", at), text.size());
+}
+
+// Where in a document a character stands, as far as that says what the library bears.
+struct Surroundings {
+    unsigned parts = 0;     /* dots of a key */
+    unsigned depth = 0;     /* brackets of values */
+    bool line_begin = true; /* nothing but blanks is before it */
+
+    bool begins_table(char c) const { return c == '[' && line_begin && depth == 0; }
+    void pass(char c)
+    {
+        if (strchr("=,{}[]\n", c))
+            parts = 0;
+        if (c == '[' || c == '{')
+            depth++;
+        else if ((c == ']' || c == '}') && depth > 0)
+            depth--;
+        line_begin = c == '\n' || (line_begin && (c == ' ' || c == '\t'));
+    }
+};
+
 // What the library does not bear: it makes a table of each part of a key, one within the other, and goes through them
-// by calling itself; and of a letter where none may be it takes for granted that it is none.
+// by calling itself; and of a letter where none may be, and of what a table's name begins with, it takes for granted
+// that they are none and a key's.
 const char *find_unbearable(std::string_view text, size_t &at)
 {
     constexpr std::string_view kMark = "\xef\xbb\xbf"; /* of UTF-8, at the begin */
     constexpr unsigned kMostParts = 64;
-    unsigned parts = 0;
+    Surroundings here;
     for (at = text.starts_with(kMark) ? kMark.size() : 0; at < text.size();) {
-        if (text[at] == '.' && ++parts == kMostParts)
+        if (text[at] == '.' && ++here.parts == kMostParts)
             return "a key has more than 64 parts";
         if (static_cast<unsigned char>(text[at]) >= 0x80)
             return "only texts and comments may have other letters than those of ASCII: put it into quotes";
-        if (strchr("=,{}[]\n", text[at]))
-            parts = 0;
+        if (here.begins_table(text[at])) {
+            at = begin_of_name(text, at);
+            here.line_begin = false;
+            if (at < text.size() && text[at] != ']' && !begins_key(text[at]))
+                return "a table needs a name within its brackets";
+            continue;
+        }
+        here.pass(text[at]);
         at = std::max(end_of_quoted(text, at), at + 1);
     }
     return nullptr;

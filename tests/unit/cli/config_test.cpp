@@ -249,6 +249,19 @@ TEST(ConfigTest, LettersAreAsciiOrQuoted)
     EXPECT_EQ("", faults_of("\ufeff# \u00e9\n" + with_instance("exclude = [" + texts + ", \"\u00e9\"]\n")));
 }
 
+TEST(ConfigTest, ATableHasAName)
+{
+    const std::string said = "a table needs a name within its brackets";
+    EXPECT_EQ("f:1:2: " + said, faults_of("[\n{"));
+    EXPECT_EQ("f:2:5: " + said, faults_of("a = [\"]\"]\n [[ =]]"));
+    EXPECT_EQ("f:3:3: " + said, faults_of("a = [\n[1]]\n[ {}]"));
+    EXPECT_EQ(std::string::npos, faults_of("[]").find(said)); /* what the library says itself */
+    EXPECT_NE("", faults_of("["));
+    EXPECT_EQ("", faults_of(with_instance("exclude = [\n\"a\", # [\n]\n")));
+    EXPECT_EQ("f:3:11: 'exclude' takes an array of texts, not an array",
+              faults_of(with_instance("exclude = [\n[\"a\"]\n]\n")));
+}
+
 TEST(ConfigTest, AnEmptyFileWatchesNothing) { EXPECT_EQ("f: nothing is watched: add an [[instance]]", faults_of("")); }
 
 TEST(ConfigTest, UnknownKeysAreNamedWithTheNearest)
