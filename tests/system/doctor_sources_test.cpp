@@ -121,6 +121,7 @@ TEST_F(DoctorSources, OfTwoFileSystemsWithOneIdOneIsServed)
 
 TEST_F(DoctorSources, WithoutTheRights)
 {
+    NEED(access("/usr/bin/setpriv", X_OK) == 0, "no setpriv");
     const std::string point = tree.dir("tmpfs");
     mount_tmpfs(point);
     if (text_of(point) != "filesystem")

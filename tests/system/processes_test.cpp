@@ -195,6 +195,7 @@ protected:
     {
         NEED(testlib::can_fanotify(), kNeeds);
         NEED(has_connector(), "the kernel reports processes on the host only");
+        NEED(access("/usr/bin/setpriv", X_OK) == 0, "no setpriv");
     }
     const std::string own_ = "system_proc*"; /* the marker of a barrier is this process's, too */
 };

@@ -167,6 +167,7 @@ TEST_F(Sources, AFileIsRefusedWhereOnlyAMarkOfAFileSystemWillDo)
 
 TEST_F(Sources, WithoutTheRightTheRemedyIsNamed)
 {
+    NEED(access("/usr/bin/setpriv", X_OK) == 0, "no setpriv");
     Words words = {"/usr/bin/setpriv", "--bounding-set", "-sys_admin", "--inh-caps", "-sys_admin", kFmon, "watch",
                    "--source",         "filesystem",     dir};
     Process process({words});
