@@ -203,7 +203,7 @@ void Session::check_findings()
     if (left_out.reported == 0)
         return;
     if (findings.first_denied.empty())
-        findings.first_denied = left_out.first;
+        findings.first_denied = left_out.latest;
     Facts facts = gather_facts();
     facts.max_dentries = max_dentries(request_);
     report_.warning(explain_left_out("", findings, left_out.reported, facts));

@@ -42,7 +42,7 @@ public:
 
     struct LeftOut {
         uint64_t reported = 0; /* in loss records */
-        std::string first;     /* the first of them that is known by its path */
+        std::string latest;    /* the latest of them that is known by its path */
     };
     /* `count` directories could not be watched: a record for each that is known by name and was not reported before,
      * and a single record for all others. */

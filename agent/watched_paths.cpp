@@ -158,13 +158,27 @@ void WatchedPaths::report_start()
 {
     const Established all = established();
     report_.established(all);
-    report_left_out(placer_.left_out());
+    report_left_out_at_start();
     report_.flush();
     if (!report_.has_records())
         note_start(all);
     for (const std::string &line : placer_.fallback_lines())
         report_.note(line);
     note_container(all.paths);
+}
+
+// The placer has said what it was refused. What the monitor was refused since then, in a watched tree, it has not, and
+// the session will not: it takes what has been reported for said.
+void WatchedPaths::report_left_out_at_start()
+{
+    const uint64_t said = placer_.left_out();
+    const LeftOut left_out = report_left_out(said);
+    if (left_out.reported <= said)
+        return;
+    Findings since;
+    since.counts.denied = left_out.reported - said;
+    since.first_denied = left_out.latest;
+    report_.warning(explain_left_out("", since, since.counts.denied, gather_facts()));
 }
 
 std::string WatchedPaths::how_watched(const Established &all) const
@@ -325,8 +339,8 @@ Watched::LeftOut WatchedPaths::report_left_out(uint64_t count)
         if (is_given(path))
             continue;
         report_.loss("watches", 1, path);
-        if (left_out.reported++ == 0)
-            left_out.first = path;
+        left_out.reported++;
+        left_out.latest = path;
     }
     // A refusal that comes between the look at the counters and this one is named now and counted later.
     const uint64_t known = left_out.reported + news.repeated, due = std::exchange(ahead_, 0) + known;

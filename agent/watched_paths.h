@@ -64,6 +64,7 @@ private:
     void report_mount(const std::string &point);
     bool has_marks_above(const std::string &point) const;
     void look_at_paths();
+    void report_left_out_at_start();
     void look_at_unreadable();
     void walk_again();
     void report_whole(const std::vector<std::string> &paths, uint64_t directories);

@@ -142,7 +142,7 @@ class FakeWatched : public agent::Watched
 {
 public:
     Lines calls;
-    std::string first_left_out;
+    std::string latest_left_out;
     bool expecting = false, gone = false;
     bool without_room = false, room = false;
     int slices = 0, slices_of_a_walk = 1;
@@ -165,7 +165,7 @@ public:
     LeftOut report_left_out(uint64_t left_out) override
     {
         calls.push_back("left out " + std::to_string(left_out));
-        return {left_out, first_left_out};
+        return {left_out, latest_left_out};
     }
     bool lacks_room() const override { return without_room; }
     bool has_room() override

@@ -240,7 +240,7 @@ TEST_F(SessionTest, DirectoriesThatCannotBeWatchedAreToldTogetherWithinASecond)
 TEST_F(SessionTest, ADirectoryThatMayNotBeReadIsNamed)
 {
     begin();
-    watched.first_left_out = "/secret";
+    watched.latest_left_out = "/secret";
     monitor.findings.emplace().counts.denied = 1;
     pass(1000);
     ASSERT_EQ(1u, report.warnings.size());

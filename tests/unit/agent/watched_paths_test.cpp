@@ -127,6 +127,14 @@ protected:
         return !paths->place(intake);
     }
 
+    /* The monitor may not read that directory. */
+    static void deny(const std::string &path)
+    {
+        struct fmon_refusal refusal = {-108, EACCES, FMON_LEFT_DENIED, FMON_STEP_INOTIFY, ""};
+        snprintf(refusal.path, sizeof refusal.path, "%s", path.c_str());
+        g_module.on_mark(path.c_str(), &refusal);
+    }
+
     bool is_watched(const std::string &path) const { return g_module.watches.count(path) != 0; }
 
     Directory directory;
@@ -352,14 +360,29 @@ TEST_F(PathsTest, ADirectoryThatIsNamedBeforeItIsCountedIsToldOnce)
     watch_paths({directory.dir("a")});
     report.take();
     const std::string closed = directory.path("a/closed");
-    struct fmon_refusal refusal = {-108, EACCES, FMON_LEFT_DENIED, FMON_STEP_INOTIFY, ""};
-    snprintf(refusal.path, sizeof refusal.path, "%s", closed.c_str());
-    g_module.on_mark(closed.c_str(), &refusal);
+    deny(closed);
     EXPECT_EQ(1u, paths->report_left_out(0).reported);
     EXPECT_EQ(Lines{"loss watches 1 " + closed}, report.take());
     EXPECT_EQ(0u, paths->report_left_out(1).reported);
     EXPECT_EQ(1u, paths->report_left_out(1).reported);
     EXPECT_EQ(Lines{"loss watches 1"}, report.take());
+}
+
+TEST_F(PathsTest, ADirectoryThatIsRefusedWhileTheStartIsReportedIsSaidOnce)
+{
+    request.recursive = true;
+    request.paths = {directory.dir("a")};
+    plan = make_plan(request, false);
+    paths.emplace(request, module, placement, plan, report);
+    ASSERT_TRUE(paths->place(intake));
+    deny(directory.path("a/closed"));
+    paths->report_start();
+    EXPECT_EQ((Lines{"established 1 0", "loss watches 1 " + directory.path("a/closed")}), report.take());
+    ASSERT_FALSE(report.warnings.empty());
+    EXPECT_EQ(
+        0u, report.warnings[0].find("1 directory is not watched: no permission to read " + directory.path("a/closed")))
+        << report.warnings[0];
+    EXPECT_EQ(0u, paths->report_left_out(1).reported);
 }
 
 TEST_F(PathsTest, AfterALossEachDirectoryIsLookedAtAgain)
