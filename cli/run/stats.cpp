@@ -1,13 +1,8 @@
 #include "stats.h"
 
-#include <rapidjson/stringbuffer.h>
-#include <rapidjson/writer.h>
 #include <unistd.h>
 
-#include <string_view>
-
-#include "agent/escape.h"
-#include "agent/time_format.h"
+#include "output/json_writer.h"
 
 namespace cli
 {
@@ -15,96 +10,64 @@ namespace cli
 namespace
 {
 
-using Writer = rapidjson::Writer<rapidjson::StringBuffer>;
+using output::JsonWriter, output::put_number, output::put_paths, output::put_text;
 
-void put(Writer &writer, std::string_view text)
-{
-    std::string clean;
-    if (!agent::is_utf8(text))
-        agent::append_utf8(text, clean);
-    const std::string_view shown = agent::is_utf8(text) ? text : std::string_view(clean);
-    writer.String(shown.data(), static_cast<rapidjson::SizeType>(shown.size()));
-}
-
-void put(Writer &writer, const char *key, std::string_view text)
-{
-    writer.Key(key);
-    put(writer, text);
-}
-
-void put(Writer &writer, const char *key, uint64_t number)
-{
-    writer.Key(key);
-    writer.Uint64(number);
-}
-
-void put_time(Writer &writer, const char *key, uint64_t ns)
-{
-    std::string text;
-    agent::UtcTime().append(ns, text);
-    put(writer, key, text);
-}
-
-void put_service(Writer &writer, const ServiceStats &stats)
+void put_service(JsonWriter &writer, const ServiceStats &stats)
 {
     writer.Key("service");
     writer.StartObject();
-    put(writer, "pid", static_cast<uint64_t>(getpid()));
-    put(writer, "version", FMON_VERSION);
-    put(writer, "host", stats.host);
-    put(writer, "boot", stats.boot);
-    put_time(writer, "start", stats.start_ns);
-    put(writer, "uptime_ms", stats.uptime_ms);
-    put(writer, "config", stats.config);
-    put(writer, "reloads", stats.reloads);
-    put(writer, "reload_error", stats.reload_error);
-    put(writer, "state", stats.state);
+    put_number(writer, "pid", static_cast<uint64_t>(getpid()));
+    put_text(writer, "version", FMON_VERSION);
+    put_text(writer, "host", stats.host);
+    put_text(writer, "boot", stats.boot);
+    output::JsonTime().put(writer, "start", stats.start_ns);
+    put_number(writer, "uptime_ms", stats.uptime_ms);
+    put_text(writer, "config", stats.config);
+    put_number(writer, "reloads", stats.reloads);
+    put_text(writer, "reload_error", stats.reload_error);
+    put_text(writer, "state", stats.state);
     writer.EndObject();
 }
 
-void put_monitor(Writer &writer, const struct fmon_status &monitor)
+void put_monitor(JsonWriter &writer, const struct fmon_status &monitor)
 {
     writer.Key("monitor");
     writer.StartObject();
-    put(writer, "records", monitor.records);
-    put(writer, "max_records", monitor.max_records);
-    put(writer, "inotify_watches", monitor.inotify_watches);
-    put(writer, "directories", monitor.directories);
-    put(writer, "file_systems", monitor.fs.file_systems);
+    put_number(writer, "records", monitor.records);
+    put_number(writer, "max_records", monitor.max_records);
+    put_number(writer, "inotify_watches", monitor.inotify_watches);
+    put_number(writer, "directories", monitor.directories);
+    put_number(writer, "file_systems", monitor.fs.file_systems);
     writer.EndObject();
 }
 
-void put_losses(Writer &writer, const std::map<std::string, uint64_t> &losses)
+void put_losses(JsonWriter &writer, const std::map<std::string, uint64_t> &losses)
 {
     writer.Key("losses");
     writer.StartObject();
     for (const auto &[source, count] : losses)
-        put(writer, source.c_str(), count);
+        put_number(writer, source, count);
     writer.EndObject();
 }
 
-void put_watch(Writer &writer, const WatchStats &watch)
+void put_watch(JsonWriter &writer, const WatchStats &watch)
 {
     writer.StartObject();
-    writer.Key("paths");
-    writer.StartArray();
-    for (const std::string &path : watch.paths)
-        put(writer, path);
-    writer.EndArray();
-    put(writer, "state", watch.state);
-    put(writer, "source", watch.source);
-    put(writer, "directories", watch.directories);
-    put(writer, "queue", watch.queue);
-    put(writer, "waiting_paths", watch.waiting_paths);
+    put_paths(writer, "paths", watch.paths);
+    put_text(writer, "state", watch.state);
+    put_text(writer, "source", watch.source);
+    put_number(writer, "directories", watch.directories);
+    put_number(writer, "queue", watch.queue);
+    put_number(writer, "waiting_paths", watch.waiting_paths);
     writer.EndObject();
 }
 
-void put_latencies(Writer &writer, const output::Latencies &latencies)
+void put_latencies(JsonWriter &writer, const output::Latencies &latencies)
 {
     writer.Key("latency_us");
     writer.StartObject();
-    put(writer, "count", latencies.count);
-    put(writer, "sum", latencies.sum_us);
+    put_number(writer, "count", latencies.count);
+    put_number(writer, "sum", latencies.sum_us);
     writer.Key("buckets");
     writer.StartArray();
     for (size_t i = 0; i < latencies.kRanges; i++) {
@@ -120,40 +83,41 @@ void put_latencies(Writer &writer, const output::Latencies &latencies)
     writer.EndObject();
 }
 
-void put_output(Writer &writer, const output::OutletFigures &output, uint64_t now_ms)
+void put_output(JsonWriter &writer, const output::OutletFigures &output, uint64_t now_ms)
 {
     const bool stuck = output.condition.stuck;
     writer.StartObject();
-    put(writer, "type", output.type);
-    put(writer, "format", output.format);
-    put(writer, "accepted", output.sink.accepted);
-    put(writer, "bytes", output.sink.bytes);
-    put(writer, "dropped", output.sink.dropped);
-    put(writer, "retries", output.sink.retries);
-    put(writer, "waiting", output.sink.waiting);
-    put(writer, "safe", output.safe);
+    put_text(writer, "type", output.type);
+    put_text(writer, "format", output.format);
+    put_number(writer, "accepted", output.sink.accepted);
+    put_number(writer, "bytes", output.sink.bytes);
+    put_number(writer, "dropped", output.sink.dropped);
+    put_number(writer, "retries", output.sink.retries);
+    put_number(writer, "waiting", output.sink.waiting);
+    put_number(writer, "safe", output.safe);
     writer.Key("stuck");
     writer.Bool(stuck);
-    put(writer, "stuck_ms", stuck && now_ms > output.condition.since_ms ? now_ms - output.condition.since_ms : 0);
-    put(writer, "text", output.condition.text);
+    put_number(writer, "stuck_ms",
+               stuck && now_ms > output.condition.since_ms ? now_ms - output.condition.since_ms : 0);
+    put_text(writer, "text", output.condition.text);
     writer.EndObject();
 }
 
-void put_instance(Writer &writer, const InstanceStats &instance, uint64_t now_ms)
+void put_instance(JsonWriter &writer, const InstanceStats &instance, uint64_t now_ms)
 {
     writer.StartObject();
-    put(writer, "name", instance.name);
+    put_text(writer, "name", instance.name);
     writer.Key("watches");
     writer.StartArray();
     for (const WatchStats &watch : instance.watches)
         put_watch(writer, watch);
     writer.EndArray();
-    put(writer, "events_in", instance.figures.events_in);
-    put(writer, "filtered", instance.figures.filtered);
-    put(writer, "limited", instance.figures.limited);
-    put(writer, "sampled", instance.figures.sampled);
-    put(writer, "summarised", instance.figures.summarised);
-    put(writer, "events", instance.figures.events);
+    put_number(writer, "events_in", instance.figures.events_in);
+    put_number(writer, "filtered", instance.figures.filtered);
+    put_number(writer, "limited", instance.figures.limited);
+    put_number(writer, "sampled", instance.figures.sampled);
+    put_number(writer, "summarised", instance.figures.summarised);
+    put_number(writer, "events", instance.figures.events);
     put_latencies(writer, instance.figures.latencies);
     writer.Key("outputs");
     writer.StartArray();
@@ -168,7 +132,7 @@ void put_instance(Writer &writer, const InstanceStats &instance, uint64_t now_ms
 std::string stats_json(const ServiceStats &stats, uint64_t now_ms)
 {
     rapidjson::StringBuffer buffer;
-    Writer writer(buffer);
+    JsonWriter writer(buffer);
     writer.StartObject();
     put_service(writer, stats);
     put_losses(writer, stats.losses);
