@@ -35,7 +35,7 @@ Lines wrong_marks(pid_t pid, const std::string &root)
     Lines wrong;
     if (by_filesystem()) /* one mark for all of them */
         return wrong;
-    for (int64_t end = now_ms() + 8000; now_ms() < end; pause_ms(50)) {
+    for (int64_t end = now_ms() + kPatienceMs; now_ms() < end; pause_ms(50)) {
         wrong = compare_marks(expected_marks({{root, kKinds, FMON_DIR | FMON_RECURSIVE}}), actual_marks(pid), "/");
         if (wrong.empty())
             break;

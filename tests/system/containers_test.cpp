@@ -90,7 +90,7 @@ TEST(Containers, ReusedMountIdsBelongToWhoHasThemNow)
         last = mounts_of(container.pid()).front();
     }
     EXPECT_TRUE(reused) << "no number came twice: nothing was shown";
-    const int64_t end = now_ms() + 2000;
+    const int64_t end = now_ms() + kPatienceMs;
     while (library.owner(last) != "host" && now_ms() < end)
         pause_ms(20);
     EXPECT_EQ("host", library.owner(last)) << "after the last one's end";

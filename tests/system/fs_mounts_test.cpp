@@ -108,7 +108,7 @@ TEST_F(FileSystems, NoUnmountIsRefusedAndNoPathOutlivesTheMount)
         }
         unmount(other);
         watch.barrier(top, {"create"}); /* what is left of the churn */
-        const int64_t end = now_ms() + 2000;
+        const int64_t end = now_ms() + kPatienceMs;
         bool silent = false;
         for (int i = 0; !silent && now_ms() < end; i++) {
             make_file(data + "/r" + std::to_string(i));
@@ -135,7 +135,7 @@ TEST_F(FileSystems, AnotherDirectoryIsBoundAtOnceAtTheSamePath)
     bind_mount(two, other);
     watch.process().send(SIGCONT);
     bool both = false;
-    const int64_t end = now_ms() + 2000;
+    const int64_t end = now_ms() + kPatienceMs;
     for (int i = 0; !both && now_ms() < end; i++) {
         const std::string name = "/g" + std::to_string(i);
         make_file(two + name);

@@ -57,7 +57,7 @@ public:
     std::string until_owner(const std::string &mount, const std::string &want) const
     {
         std::string have = owner(mount);
-        for (const int64_t end = now_ms() + 3000; have == "host" && have != want && now_ms() < end;) {
+        for (const int64_t end = now_ms() + kPatienceMs; have == "host" && have != want && now_ms() < end;) {
             pause_ms(20);
             have = owner(mount);
         }

@@ -152,7 +152,7 @@ TEST_P(ResyncOfAFileSystem, NoDirectoryIsBlindAfterALoss)
     }
     /* While what waited is read there may be further losses: the last word is what counts. */
     std::vector<std::string> words;
-    while (const auto record = watch.next(2000))
+    while (const auto record = watch.next(words.empty() || words.back() != "resynced " ? kPatienceMs : 2000))
         if (const std::string type = record->value("type", ""); type != "event")
             words.push_back(type + " " + record->value("source", ""));
     ASSERT_LE(2u, words.size());

@@ -15,10 +15,8 @@ using testlib::TempTree;
 namespace
 {
 
-constexpr int kPickUpMs = 8000;
-
 /* Whether something below `path` is told within `ms`. */
-bool tells(Watch &watch, const std::string &path, int ms = 1500)
+bool tells(Watch &watch, const std::string &path, int ms = kPatienceMs)
 {
     const int64_t deadline = now_ms() + ms;
     while (now_ms() < deadline)
@@ -29,7 +27,7 @@ bool tells(Watch &watch, const std::string &path, int ms = 1500)
 
 bool said(Watch &watch, const std::string &text)
 {
-    for (int i = 0; i < 80 && watch.process().errors().find(text) == std::string::npos; i++)
+    for (int i = 0; i < kPatienceMs / 100 && watch.process().errors().find(text) == std::string::npos; i++)
         pause_ms(100);
     return watch.process().errors().find(text) != std::string::npos;
 }
@@ -43,11 +41,11 @@ TEST(WaitingLinks, WhatIsMissingIsSaid)
     EXPECT_EQ(established["paths"], Json::array({there}));
     EXPECT_EQ(established["missing"], Json::array({missing}));
     make_dir(missing);
-    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], missing);
+    EXPECT_EQ(watch.next_of("appeared")["path"], missing);
     make_file(missing + "/f");
     EXPECT_TRUE(tells(watch, missing + "/f"));
     std::filesystem::remove_all(missing);
-    const Json ended = watch.next_of("ended", kPickUpMs);
+    const Json ended = watch.next_of("ended");
     EXPECT_EQ(ended["path"], missing);
     EXPECT_EQ("deleted", ended["reason"]);
     EXPECT_EQ(0, watch.stop());
@@ -61,8 +59,8 @@ TEST(WaitingLinks, ADirectoryAboveThatIsReplaced)
     watch.established();
     move(tree.path("a"), tree.path("old"));
     tree.dir("a/b");
-    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], path);
-    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], path);
+    EXPECT_EQ(watch.next_of("ended")["path"], path);
+    EXPECT_EQ(watch.next_of("appeared")["path"], path);
     make_file(tree.path("old/b/unseen"));
     make_file(path + "/seen");
     auto event = watch.next();
@@ -80,13 +78,13 @@ TEST(WaitingLinks, ALinkOfOnesOwnIsFollowed)
     Watch watch(tree.path("link"), {"--wait", "-e", "create"});
     watch.established();
     make_link(target, tree.path("link"));
-    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], tree.path("link"));
+    EXPECT_EQ(watch.next_of("appeared")["path"], tree.path("link"));
     make_file(target + "/f");
     EXPECT_TRUE(tells(watch, target + "/f"));
     remove_file(tree.path("link"));
-    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], tree.path("link"));
+    EXPECT_EQ(watch.next_of("ended")["path"], tree.path("link"));
     make_file(target + "/g");
-    EXPECT_FALSE(tells(watch, target + "/g"));
+    EXPECT_FALSE(tells(watch, target + "/g", 1500));
     EXPECT_EQ(0, watch.stop());
 }
 
@@ -113,13 +111,13 @@ TEST_F(StrangersLinks, AreNotFollowedByAWait)
     EXPECT_TRUE(run(as_stranger([&] { make_link(secret, home + "/x"); })));
     EXPECT_TRUE(said(watch, home + "/x on the way belongs to user")) << watch.process().errors();
     make_file(secret + "/log/f");
-    EXPECT_FALSE(tells(watch, tree.root()));
+    EXPECT_FALSE(tells(watch, tree.root(), 1500));
     EXPECT_TRUE(run(as_stranger([&] {
         remove_file(home + "/x");
         make_dir(home + "/x");
         make_dir(home + "/x/log");
     })));
-    EXPECT_EQ(watch.next_of("appeared", kPickUpMs)["path"], home + "/x/log");
+    EXPECT_EQ(watch.next_of("appeared")["path"], home + "/x/log");
     EXPECT_EQ(0, watch.stop());
 }
 
@@ -136,7 +134,7 @@ TEST_F(StrangersLinks, AreNotFollowedByAPattern)
     make_file(secret + "/log/f");
     make_file(home + "/y/log/f");
     EXPECT_TRUE(tells(watch, home + "/y/log/f"));
-    EXPECT_FALSE(tells(watch, tree.root()));
+    EXPECT_FALSE(tells(watch, tree.root(), 1500));
     EXPECT_EQ(0, watch.stop());
 }
 
@@ -153,10 +151,10 @@ TEST_F(StrangersLinks, DoNotTakeAWatchElsewhere)
         move(home + "/x", home + "/old");
         make_link(secret, home + "/x");
     })));
-    EXPECT_EQ(watch.next_of("ended", kPickUpMs)["path"], home + "/x/log");
+    EXPECT_EQ(watch.next_of("ended")["path"], home + "/x/log");
     make_file(secret + "/log/f");
     EXPECT_TRUE(run(as_stranger([&] { make_file(home + "/old/log/f"); })));
-    EXPECT_FALSE(tells(watch, tree.root()));
+    EXPECT_FALSE(tells(watch, tree.root(), 1500));
     EXPECT_EQ(0, watch.stop());
 }
 

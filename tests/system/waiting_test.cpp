@@ -14,14 +14,10 @@ using testlib::TempTree;
 namespace
 {
 
-/* Retried every second, so a path that has appeared is watched within two. */
-constexpr int kPickUpMs = 6000;
-
 /* Makes files in `dir` until one is reported; whether that happened, and that only such files were. */
 void expect_watched(Watch &watch, const std::string &dir, const std::string &prefix)
 {
-    Paths seen =
-        watch.until_reported([&](int round) { make_file(dir + "/" + prefix + std::to_string(round)); }, kPickUpMs);
+    Paths seen = watch.until_reported([&](int round) { make_file(dir + "/" + prefix + std::to_string(round)); });
     EXPECT_FALSE(seen.empty()) << dir << " is not watched";
     for (const auto &[path, kinds] : seen)
         EXPECT_NE(path.find(prefix), std::string::npos) << path;
