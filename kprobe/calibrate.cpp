@@ -312,4 +312,15 @@ void calibrate(const Tracefs &tracefs, Facts &out)
         m.inode_back, m.group, m.file_group);
 }
 
+// The second argument is the question, FIONREAD: a number that is no address.
+bool counts_failed_fetches(const Tracefs &tracefs, const Facts &facts)
+{
+    const Fd queue(inotify_init1(IN_CLOEXEC | IN_NONBLOCK));
+    uint64_t missed = 0;
+    if (queue)
+        experiment(
+            tracefs, kFilePoint, {deref(0, argument_place(facts, 2))}, "", [&] { ask_queue(queue.get()); }, &missed);
+    return missed != 0;
+}
+
 }  // namespace kprobe

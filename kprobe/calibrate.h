@@ -15,6 +15,9 @@ namespace kprobe
 // Fills what it can find; the rest stays unknown.
 void calibrate(const Tracefs &tracefs, Facts &out);
 
+// Whether the kernel counts a fetch that fails as a hit that it could not serve. False also where that does not show.
+bool counts_failed_fetches(const Tracefs &tracefs, const Facts &facts);
+
 }  // namespace kprobe
 
 #endif

@@ -60,7 +60,7 @@ bool observe(int event_id, const std::function<void()> &act, Hits &hits)
 }  // namespace
 
 std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const std::vector<std::string> &places,
-                               const char *type, const std::function<void()> &act)
+                               const char *type, const std::function<void()> &act, uint64_t *missed)
 {
     static unsigned serial;
     const std::string group = group_name(current_owner(), serial++, "calibrate");
@@ -82,6 +82,8 @@ std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const 
             for (const RawField &field : fields)
                 found.back().push_back(value_at(raw, field));
         }
+    if (missed)
+        *missed = tracefs.missed("one");
     tracefs.remove(group, "one");
     return found;
 }

@@ -43,6 +43,7 @@ struct Facts {
     uint8_t major = 0, minor = 0, patch = 0;
     bool arrays = true;                            // a fetch argument may be an array
     bool new_parent = true;                        // __fsnotify_parent begins with the entry (earlier: with its path)
+    bool faults_are_misses = false;                // calibrate.h's counts_failed_fetches(); not gathered here
     std::set<std::string, std::less<>> functions;  // of those that matter, the ones that are there
     DentryLayout dentry;
     MarkLayout mark;

@@ -9,6 +9,7 @@
 #include <cstring>
 #include <exception>
 
+#include "calibrate.h"
 #include "log.h"
 #include "open_files.h"
 #include "translate.h"
@@ -180,7 +181,10 @@ bool Library::look_around(std::string &why)
         return false;
     }
     why = lacking_descriptors(online_cpus().size());
-    return why.empty() && prove(why);
+    if (!why.empty() || !prove(why))
+        return false;
+    facts_.faults_are_misses = counts_failed_fetches(tracefs_, facts_);
+    return true;
 }
 
 bool Library::start()

@@ -99,6 +99,12 @@ int Probe::open_events_on(const Ring &ring, const Ring &wake_up)
     return status;
 }
 
+uint64_t Probe::missed() const
+{
+    const bool may_be_faults = kernel_.facts.faults_are_misses && plan.shape != Shape::kFile;
+    return may_be_faults ? 0 : kernel_.tracefs.missed(event_);
+}
+
 void Probe::abandon()
 {
     events.close();

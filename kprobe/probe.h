@@ -45,8 +45,11 @@ public:
     // Of one more CPU, filtered and switched as the others are. -ENODEV: it is offline; nothing is logged.
     int open_events_on(const Ring &ring, const Ring &wake_up);
 
-    // Hits that the kernel could not serve.
-    uint64_t missed() const { return kernel_.tracefs.missed(event_); }
+    // Hits that the kernel could not serve. Kernels before 5.14 count failed fetches as well, whose record comes all
+    // the same: an inotify event without a name, such as the end of a watch, has two. What was counted does not show,
+    // so that an inotify probe has no misses there. It needs none: a hit is missed inside another probe's handler, and
+    // functions that may sleep, as all these do, are not called there. Of a file there is always something to fetch.
+    uint64_t missed() const;
 
     // In a process that was forked: the definition is the parent's.
     void abandon();

@@ -69,10 +69,9 @@ start_watch() {
     done
 }
 
-# losses: what the watch reported of losses. That a kernel before 6.1 could not run a probe now and then is none of these: it
-# counts for all files of the system, and does not know which the filter would have taken.
+# losses: what the watch reported of losses.
 # shellcheck disable=SC2154 # $err, as above
-losses() { grep -E ' (was|were) lost|no longer known|overflow' "$err" | grep -v 'could not run the probe'; }
+losses() { grep -E ' (was|were) lost|no longer known|overflow' "$err"; }
 
 # use_inotify DIRECTORY...: another program that watches these, as $user; it is ready when this returns.
 use_inotify() {

@@ -178,6 +178,17 @@ void KernelDouble::write_list()
     for (const Definition &definition : definitions_)
         list += definition.text + "\n";
     file(tracing("kprobe_events"), list);
+    if (faults_are_misses)
+        write_profile();
+}
+
+void KernelDouble::write_profile()
+{
+    std::string list;
+    for (const Definition &definition : definitions_)
+        list += "  " + definition.event + " " + std::to_string(definition.hits) + " " +
+                std::to_string(definition.faults) + "\n";
+    file(tracing("kprobe_profile"), list);
 }
 
 std::string KernelDouble::format_of(const Definition &definition) const
@@ -231,10 +242,13 @@ int KernelDouble::hit(const Hit &hit)
         const auto type = static_cast<uint16_t>(it->id);
         memcpy(it->raw.data(), &type, sizeof(type));
         memcpy(it->raw.data() + 4, &hit.tid, sizeof(hit.tid));
+        it->hits++;
         for (const Fetch &fetch : it->fetches)
-            evaluate(memory, registers, fetch, it->raw.data());
+            it->faults += !evaluate(memory, registers, fetch, it->raw.data());
         records += perf.hit(it->id, hit.cpu, hit.pid, hit.tid, hit.time ? hit.time : now(), it->raw);
     }
+    if (faults_are_misses)
+        write_profile();
     return records;
 }
 

@@ -78,6 +78,9 @@ public:
     uint64_t file_of(int fd);
     uint64_t one_group = 0; /* of every descriptor, where it is not 0 */
 
+    /* As on a kernel before 5.14: a fetch that fails is found in kprobe_profile as a missed hit. */
+    bool faults_are_misses = false;
+
     /* ---- for the wrapped calls ---- */
     std::string real_path(const char *path) { return files_.real_path(path); }
     void opened(const std::string &path, int fd);
@@ -91,12 +94,14 @@ private:
         std::string text, group, event, point;
         std::vector<Fetch> fetches;
         int id;
+        uint64_t hits = 0, faults = 0;
         std::vector<unsigned char> raw; /* what the last record left in the ring's memory */
     };
     int define(const std::string &text);
     int remove(const std::string &name);
     int fail(const std::string &why);
     void write_list();
+    void write_profile();
     std::string format_of(const Definition &definition) const;
     uint32_t head() const { return 8 + static_cast<uint32_t>(memory.word()); }
 

@@ -155,11 +155,13 @@ bool parse_fetches(const std::string &text, size_t word, uint32_t offset, std::v
     return true;
 }
 
-void evaluate(const KernelMemory &memory, const Registers &registers, const Fetch &fetch, unsigned char *raw)
+bool evaluate(const KernelMemory &memory, const Registers &registers, const Fetch &fetch, unsigned char *raw)
 {
     std::vector<unsigned char> bytes(std::max<size_t>(fetch.bytes(), 8));
-    if (value_of(memory, registers, fetch.place, fetch.bytes(), bytes.data()))
-        memcpy(raw + fetch.offset, bytes.data(), fetch.bytes());
+    if (!value_of(memory, registers, fetch.place, fetch.bytes(), bytes.data()))
+        return false;
+    memcpy(raw + fetch.offset, bytes.data(), fetch.bytes());
+    return true;
 }
 
 }  // namespace testlib

@@ -54,8 +54,8 @@ struct Fetch {
 /* The arguments of a definition, packed from `offset` on. False: a kernel would refuse them, and its words. */
 bool parse_fetches(const std::string &text, size_t word, uint32_t offset, std::vector<Fetch> *out, std::string *why);
 
-/* Fills the argument's bytes; where memory cannot be read they stay as they are. */
-void evaluate(const KernelMemory &memory, const Registers &registers, const Fetch &fetch, unsigned char *raw);
+/* Fills the argument's bytes; where memory cannot be read they stay as they are. Whether it could be read. */
+bool evaluate(const KernelMemory &memory, const Registers &registers, const Fetch &fetch, unsigned char *raw);
 
 }  // namespace testlib
 

@@ -3,6 +3,8 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
+
 #include "kprobe_facts.h"
 #include "kprobe_subjects.h"
 #include "testlib/fault.h"
@@ -103,6 +105,27 @@ TEST(KprobeCalibrate, Refused)
     EXPECT_TRUE(facts.mark.complete());
     EXPECT_TRUE(testlib::has_line(testlib::take_log(),
                                   "2 calibration at security_inode_getattr refused: Failed to register probe event"));
+}
+
+TEST(KprobeCalibrate, WhetherFailedFetchesCountAsMisses)
+{
+    for (const bool is_64 : {true, false}) {
+        Calibration c(is_64);
+        Facts facts;
+        facts.is_64 = is_64;
+        ASSERT_TRUE(c.tracefs.find(c.why));
+        EXPECT_FALSE(counts_failed_fetches(c.tracefs, facts));
+        c.kernel.faults_are_misses = true;
+        EXPECT_TRUE(counts_failed_fetches(c.tracefs, facts));
+        for (const char *call : {"inotify_init1", "perf_event_open", "mmap"}) {
+            const Fault fault(call, 1, EMFILE, 5);
+            EXPECT_FALSE(counts_failed_fetches(c.tracefs, facts)) << call;
+        }
+        EXPECT_TRUE(c.kernel.definitions().empty()) << "experiments leave nothing";
+        EXPECT_EQ(0u, c.kernel.perf.open_events());
+        c.kernel.refuse(" inotify_ioctl", "no such function");
+        EXPECT_FALSE(counts_failed_fetches(c.tracefs, facts));
+    }
 }
 
 /* What cannot be found stays unknown, and never becomes something else. */

@@ -1,5 +1,6 @@
 /* The library as a whole over a made-up kernel: its start, its instances, its thread. */
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <sys/syscall.h>
 #include <unistd.h>
 
@@ -117,6 +118,22 @@ TEST(KprobeLibrary, FromAHitToTheCallback)
                 EXPECT_TRUE(testlib::await_sleep()); /* until the wake-up */
             }
         }
+    }
+}
+
+TEST(KprobeLibrary, AKernelThatCountsFailedFetches)
+{
+    for (const bool counts : {false, true}) {
+        Whole w;
+        w.kernel.faults_are_misses = counts;
+        Source source;
+        ASSERT_TRUE(source.open(w.probes, "clt_inotify"));
+        ASSERT_EQ(0, w.probes.find(source.handle)->add(testlib::inotify_probe_of(true, 6, 1).record(), keep));
+        w.kernel.faults_are_misses = true;
+        w.kernel.hit({"inotify_handle_inode_event", {0, IN_IGNORED, 0, 0, 0, 0}});
+        kp_losses losses = {};
+        ASSERT_EQ(0, w.probes.losses(losses));
+        EXPECT_EQ(counts, losses.missed == 0);
     }
 }
 

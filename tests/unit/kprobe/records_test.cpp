@@ -1,5 +1,6 @@
 /* Records that wait in an instance: their order, their descriptors, and what becomes of each. */
 #include <gtest/gtest.h>
+#include <sys/inotify.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -137,6 +138,30 @@ TEST(KprobeRecords, MissedByTheKernel)
     const std::string event = f.kernel.definitions()[0].substr(strlen("p:orx_1_2_3_clt_file/"));
     f.kernel.file(f.kernel.tracing("kprobe_profile"), "  " + event.substr(0, event.find(' ')) + " 100 7\n  Kc_1 9 9\n");
     EXPECT_EQ(7u, f.losses().missed);
+}
+
+/* The end of a watch has no name that could be fetched. */
+TEST(KprobeRecords, AFailedFetchIsNoMiss)
+{
+    Fixture f;
+    ASSERT_EQ(0, f.add(testlib::inotify_probe_of(true, 6, 1)));
+    f.kernel.faults_are_misses = true;
+    const auto end_a_watch = [&] {
+        f.kernel.hit({"inotify_handle_inode_event",
+                      {f.objects.mark(f.objects.inode(5, 0), 1), IN_IGNORED, 0, 0, /* its name */ 0, 0}});
+    };
+    end_a_watch();
+    EXPECT_EQ(1u, f.losses().missed) << "a kernel that was not looked at";
+    f.facts.faults_are_misses = true;
+    EXPECT_EQ(0u, f.losses().missed);
+    f.add_on("Kc");
+    end_a_watch();
+    f.create("/a");
+    EXPECT_EQ(Paths{"/a"}, f.parse());
+    EXPECT_EQ(0u, f.losses().missed);
+    const std::string event = f.kernel.definitions()[1].substr(strlen("p:orx_1_2_3_clt_file/"));
+    f.kernel.file(f.kernel.tracing("kprobe_profile"), event.substr(0, event.find(' ')) + " 100 7\n");
+    EXPECT_EQ(7u, f.losses().missed) << "of files there is always something to fetch";
 }
 
 TEST(KprobeRecords, EveryHitIsAccountedFor)
