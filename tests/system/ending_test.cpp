@@ -59,6 +59,12 @@ int64_t end_of(Process &fmon, int signal)
     return now_ms() - start;
 }
 
+/* The process got so little processor time that its end came by the clock, with the rest undone. */
+bool was_cut_off(const Process &fmon)
+{
+    return fmon.errors().find("told to end while the monitor is held up") != std::string::npos;
+}
+
 /* The kernel has no room left in a pipe of whatever size for what these events are told with. */
 void make_many(const TempTree &tree, int count)
 {
@@ -83,7 +89,10 @@ TEST_P(Ending, AReaderThatDoesNotRead)
         fmon.line();
         make_many(tree, 2000);
         pause_ms(300);
-        best = std::min(best, end_of(fmon, GetParam()));
+        const int64_t took = end_of(fmon, GetParam());
+        if (was_cut_off(fmon))
+            continue;
+        best = std::min(best, took);
         expect_has(fmon.errors(), " records dropped, since the output's reader did not read");
     }
     EXPECT_LT(best, kSoonMs);
@@ -127,7 +136,10 @@ TEST_P(Ending, ACommandThatTakesLong)
         make_file(tree.path("a"));
         make_file(tree.path("b"));
         await_text(results.path("out"), "ran");
-        best = std::min(best, end_of(fmon, GetParam()));
+        const int64_t took = end_of(fmon, GetParam());
+        if (was_cut_off(fmon))
+            continue;
+        best = std::min(best, took);
         expect_has(fmon.errors(), "/a was sent SIGTERM: it ran for too long");
         expect_has(fmon.errors(), "told to end: 1 event dropped, for which the command of --exec was not run");
         await_text(results.path("out"), "ended");
