@@ -68,18 +68,19 @@ void Fanout::add_outlet(std::unique_ptr<Outlet> outlet)
     outlets_.push_back(std::move(outlet));
 }
 
-uint64_t Fanout::keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms)
+Leftover Fanout::keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms)
 {
     const common::Lock hold(lock_);
     const uint64_t end = agent::steady_ms() + timeout_ms;
-    uint64_t left = 0;
+    Leftover left;
     std::erase_if(outlets_, [&](std::unique_ptr<Outlet> &outlet) {
         if (std::find(keys.begin(), keys.end(), outlet->key()) != keys.end())
             return false;
         outlet->offer();
         const uint64_t now = agent::steady_ms();
         outlet->drain(end > now ? end - now : 0);
-        left += outlet->give_up() + outlet->figures().sink.waiting;
+        left.lost += outlet->give_up();
+        left.add(outlet->leftover());
         return true;
     });
     return left;
@@ -201,16 +202,16 @@ void Fanout::measure()
     times_.clear();
 }
 
-uint64_t Fanout::drain()
+Leftover Fanout::drain()
 {
     const common::Lock hold(lock_);
     take_paced(true);
     deliver();
-    uint64_t left = std::exchange(given_up_, 0);
+    Leftover left = {std::exchange(given_up_, 0), 0};
     for (const std::unique_ptr<Outlet> &outlet : outlets_) {
         const uint64_t now = agent::steady_ms(), end = deadline_ms_;
         outlet->drain(end > now ? end - now : 0);
-        left += outlet->figures().sink.waiting;
+        left.add(outlet->leftover());
     }
     return left;
 }

@@ -60,8 +60,8 @@ public:
 
     /* An output that was opened; its `key` names it for remove_outlet(). */
     void add_outlet(std::unique_ptr<Outlet> outlet);
-    /* Of those whose key is not among these: drained, and gone. Records that were not delivered in time. */
-    uint64_t keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms);
+    /* Of those whose key is not among these: drained, and gone. What was not delivered in time. */
+    Leftover keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms);
 
     /* Filters see the paths as they are. */
     void event(const agent::Event &event, const Presentation &how);
@@ -73,8 +73,8 @@ public:
      * does not take is given up, and counted as not delivered. */
     void set_deadline(uint64_t deadline_ms) { deadline_ms_ = deadline_ms; }
 
-    /* At the end: until all is safe, or the deadline. Records that were not delivered. */
-    uint64_t drain();
+    /* At the end: until all is safe, or the deadline. */
+    Leftover drain();
 
     bool is_waiting() const { return waiting_; } /* somebody waits for an output */
     FanoutFigures figures() const;

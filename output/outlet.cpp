@@ -61,6 +61,12 @@ uint64_t Outlet::give_up()
     return left;
 }
 
+Leftover Outlet::leftover() const
+{
+    const uint64_t waiting = sink_->figures().waiting;
+    return sink_->keeps_waiting() ? Leftover{0, waiting} : Leftover{waiting, 0};
+}
+
 void Outlet::clear()
 {
     text_.clear();

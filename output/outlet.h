@@ -51,6 +51,8 @@ public:
     /* What gathered and was not taken will not be: how many records. */
     uint64_t give_up();
     bool drain(uint64_t timeout_ms) { return sink_->drain(timeout_ms); }
+    /* After that. */
+    Leftover leftover() const;
 
     OutletFigures figures() const { return {type_, format_, sink_->figures(), sink_->condition(), sink_->safe()}; }
     /* What the sink's condition says, where that is news. */

@@ -44,6 +44,18 @@ struct SinkFigures {
     uint64_t waiting = 0;  /* records that are accepted and not safe */
 };
 
+/* What an end has left behind. */
+struct Leftover {
+    uint64_t lost = 0; /* records that will not arrive */
+    uint64_t kept = 0; /* records on disk, which go on their way when the output is opened again */
+
+    void add(const Leftover &other)
+    {
+        lost += other.lost;
+        kept += other.kept;
+    }
+};
+
 struct Condition {
     bool stuck = false;    /* nothing gets on, or the last attempt failed */
     uint64_t since_ms = 0; /* of a clock that does not run backwards (agent::steady_ms) */
@@ -68,6 +80,8 @@ public:
 
     /* At the end: until all is safe or `timeout_ms` have passed. True: all is. */
     virtual bool drain(uint64_t timeout_ms) = 0;
+    /* Whether what waits outlives the process. */
+    virtual bool keeps_waiting() const { return false; }
 
     /* The number up to which all records are where they belong, or were dropped and counted; 0: none yet. */
     virtual uint64_t safe() const = 0;

@@ -47,7 +47,7 @@ Instance::Instance(const std::string &name, const Surroundings &around)
 
 Instance::~Instance() { end_watches(std::move(watches_)); }
 
-bool Instance::apply(const InstanceConfig &config, uint64_t drain_ms, uint64_t &undelivered, std::string &error)
+bool Instance::apply(const InstanceConfig &config, uint64_t drain_ms, output::Leftover &left, std::string &error)
 {
     std::vector<Output> kept, opened;
     Outlets outlets;
@@ -65,7 +65,7 @@ bool Instance::apply(const InstanceConfig &config, uint64_t drain_ms, uint64_t &
     }
     fanout_.set_filter(config.filter, around_.hidden);
     fanout_.set_pacing(config.pacing);
-    undelivered += fanout_.keep_outlets(keys_of(kept), drain_ms);
+    left.add(fanout_.keep_outlets(keys_of(kept), drain_ms));
     for (std::unique_ptr<output::Outlet> &outlet : outlets)
         fanout_.add_outlet(std::move(outlet));
     outputs_ = std::move(kept);
@@ -171,7 +171,7 @@ void Instance::end(uint64_t deadline_ms)
         watch->run->end();
 }
 
-uint64_t Instance::drain()
+output::Leftover Instance::drain()
 {
     end_watches(std::exchange(watches_, {}));
     return fanout_.drain();

@@ -49,13 +49,13 @@ public:
 
     /* Makes it what the configuration says. What is the same as before stays as it is: watches stay placed, outputs
      * open. New watches are begun before old ones end. False: an output cannot be had, or no thread: `error` is one
-     * line, and all is as before. Records that an output which goes did not deliver are added to `undelivered`. */
-    bool apply(const InstanceConfig &config, uint64_t drain_ms, uint64_t &undelivered, std::string &error);
+     * line, and all is as before. What an output that goes did not deliver is added to `left`. */
+    bool apply(const InstanceConfig &config, uint64_t drain_ms, output::Leftover &left, std::string &error);
 
     /* Ends all watches: what has come until now goes to the outputs. */
     void end(uint64_t deadline_ms);
-    /* After end(): waits for the watches, then for the outputs. Records that were not delivered. */
-    uint64_t drain();
+    /* After end(): waits for the watches, then for the outputs. */
+    output::Leftover drain();
 
     bool is_placing() const;
     bool is_broken() const;   /* the monitor has stopped */

@@ -146,7 +146,7 @@ bool Service::apply(const Config &config, std::string &error)
             instances_.push_back(std::make_unique<Instance>(wanted.name, around_));
             instance = instances_.back().get();
         }
-        if (!instance->apply(wanted, config.service.drain_ms, state_.undelivered, error))
+        if (!instance->apply(wanted, config.service.drain_ms, state_.left, error))
             return false;
     }
     std::erase_if(instances_, [&](std::unique_ptr<Instance> &instance) {
@@ -154,7 +154,7 @@ bool Service::apply(const Config &config, std::string &error)
         if (std::any_of(config.instances.begin(), config.instances.end(), same))
             return false;
         instance->end(agent::steady_ms() + config.service.drain_ms);
-        state_.undelivered += instance->drain();
+        state_.left.add(instance->drain());
         return true;
     });
     return true;
@@ -342,6 +342,22 @@ void Service::settle(uint64_t deadline_ms)
         poll(nullptr, 0, 20);
 }
 
+namespace
+{
+
+std::string text_of(const output::Leftover &left)
+{
+    if (!left.lost && !left.kept)
+        return "all is delivered";
+    std::string text = left.lost ? agent::counted(left.lost, "record") + " not delivered" : "";
+    if (left.kept)
+        text +=
+            (text.empty() ? "" : ", ") + agent::counted(left.kept, "record") + " kept in a spool for the next start";
+    return text;
+}
+
+}  // namespace
+
 int Service::end()
 {
     notify_.stopping();
@@ -353,19 +369,17 @@ int Service::end()
     settle(std::min(deadline, now + kSettleMs));
     for (const std::unique_ptr<Instance> &instance : instances_)
         instance->end(deadline);
-    uint64_t left = state_.undelivered;
     for (const std::unique_ptr<Instance> &instance : instances_) {
-        const uint64_t records = instance->drain();
+        const output::Leftover left = instance->drain();
         complain_news();
-        if (records)
-            agent::complain(instance->name() + ": " + agent::counted(records, "record") +
-                            " not delivered within the time to end ('drain')");
-        left += records;
+        if (left.lost || left.kept)
+            agent::complain(instance->name() + ": " + text_of(left) + ", since the time to end ('drain') is over");
+        state_.left.add(left);
     }
     if (state_.kept_ms)
         keep_time(told_ns, true);
     monitor_.stop();
-    agent::complain(left ? "ended: " + agent::counted(left, "record") + " not delivered" : "ended: all is delivered");
+    agent::complain("ended: " + text_of(state_.left));
     return state_.status;
 }
 

@@ -77,10 +77,10 @@ private:
         bool told = false;        /* to end */
         bool again = false;       /* told to read the configuration anew */
         int status = 0;
-        uint64_t undelivered = 0; /* records of outputs that went at reloads */
-        uint64_t fed_ms = 0;      /* when the watchdog was told that all is well */
-        uint64_t kept_ms = 0;     /* when it was last written down that this service watches; 0: never */
-        bool kept = true;         /* and could be */
+        output::Leftover left; /* by outputs that went */
+        uint64_t fed_ms = 0;   /* when the watchdog was told that all is well */
+        uint64_t kept_ms = 0;  /* when it was last written down that this service watches; 0: never */
+        bool kept = true;      /* and could be */
     } state_;
 };
 

@@ -35,6 +35,7 @@ public:
     size_t accept(std::span<const Record> records) override;
     void flush() override {} /* what was accepted is on its way */
     bool drain(uint64_t timeout_ms) override;
+    bool keeps_waiting() const override { return true; } /* in the spool */
     uint64_t safe() const override;
     Condition condition() const override;
     SinkFigures figures() const override;

@@ -23,6 +23,8 @@ struct World {
     std::vector<uint64_t> numbers;
     size_t flushes = 0, drains = 0;
     Condition condition;
+    size_t waiting = 0;
+    bool keeps = false; /* what waits */
 
     Texts all()
     {
@@ -55,7 +57,8 @@ public:
     bool drain(uint64_t) override { return ++world_.drains > 0; }
     uint64_t safe() const override { return world_.numbers.empty() ? 0 : world_.numbers.back(); }
     Condition condition() const override { return world_.condition; }
-    SinkFigures figures() const override { return {world_.taken.size()}; }
+    bool keeps_waiting() const override { return world_.keeps; }
+    SinkFigures figures() const override { return {world_.taken.size(), 0, 0, 0, world_.waiting}; }
 
 private:
     World &world_;
@@ -147,6 +150,21 @@ TEST_F(FanoutTest, EventsOfAnotherWatchMayComeMeanwhile)
     EXPECT_EQ((Texts{"create /a\n", "create /b\n"}), first.all());
 }
 
+TEST_F(FanoutTest, WhatASpoolKeepsIsNotLost)
+{
+    add(first, "1");
+    add(second, "2");
+    first.waiting = 3;
+    second.waiting = 5;
+    second.keeps = true;
+    const Leftover left = fanout.drain();
+    EXPECT_EQ(3u, left.lost);
+    EXPECT_EQ(5u, left.kept);
+    const Leftover gone = fanout.keep_outlets({"1"}, 0);
+    EXPECT_EQ(0u, gone.lost);
+    EXPECT_EQ(5u, gone.kept);
+}
+
 TEST_F(FanoutTest, AfterTheDeadlineWhatIsNotTakenIsCounted)
 {
     add(first, "1");
@@ -155,7 +173,7 @@ TEST_F(FanoutTest, AfterTheDeadlineWhatIsNotTakenIsCounted)
     for (const char *path : {"/a", "/b", "/c"})
         create(path);
     fanout.flush();
-    EXPECT_EQ(2u, fanout.drain());
+    EXPECT_EQ(2u, fanout.drain().lost);
     EXPECT_EQ(1u, first.drains);
     EXPECT_EQ(Texts{"create /a\n"}, first.all());
 }
@@ -165,7 +183,7 @@ TEST_F(FanoutTest, OutputsThatGoAreDrainedAndOthersStay)
     add(first, "1");
     add(second, "2");
     create("/a");
-    EXPECT_EQ(0u, fanout.keep_outlets({"2"}, 1000));
+    EXPECT_EQ(0u, fanout.keep_outlets({"2"}, 1000).lost);
     EXPECT_EQ(Texts{"create /a\n"}, first.all());
     EXPECT_EQ(1u, first.drains);
     create("/b");

@@ -49,7 +49,7 @@ protected:
     agent::ServiceMonitor monitor;
     Numbers numbers;
     Surroundings around{monitor, numbers, "host", "boot", {}, [] {}};
-    uint64_t undelivered = 0;
+    output::Leftover undelivered;
     std::string error;
 };
 
