@@ -87,7 +87,7 @@ TEST_F(AgentLibrary, LogsUnderItsUsersNameWhatFails)
     missing = "second";
     testlib::log_clear();
     EXPECT_EQ(nullptr, agent_library_entry(&library, 0));
-    EXPECT_EQ((Lines{{1, "load the symbol failed, errno: 38\n"}}), lines());
+    EXPECT_EQ((LevelLines{{1, "load the symbol failed, errno: 38\n"}}), level_lines());
     EXPECT_EQ("some.c", testlib::log_lines().at(0).file);
 }
 

@@ -78,7 +78,8 @@ TEST_F(ContainerDetect, IsAHostUntilTheLibraryAnswers)
     in_child([] {
         testlib::replace_dlopen(no_library);
         EXPECT_EQ(0, detect());
-        EXPECT_EQ((Lines{{1, "load hul base module failed, errno: 2\n"}, {3, "current env is host!"}}), lines());
+        EXPECT_EQ((LevelLines{{1, "load hul base module failed, errno: 2\n"}, {3, "current env is host!"}}),
+                  level_lines());
 
         testlib::replace_dlopen(open_library);
         testlib::replace_dlsym(find_nothing);
@@ -86,8 +87,8 @@ TEST_F(ContainerDetect, IsAHostUntilTheLibraryAnswers)
             path_seen.clear();
             EXPECT_EQ(0, detect());
             EXPECT_EQ(
-                (Lines{{1, "load hulbase symbol: GetAgentType failed, errno: 38\n"}, {3, "current env is host!"}}),
-                lines());
+                (LevelLines{{1, "load hulbase symbol: GetAgentType failed, errno: 38\n"}, {3, "current env is host!"}}),
+                level_lines());
             EXPECT_EQ("/agent/bin/../lib/libhulbase.so", path_seen);
             EXPECT_EQ(kDllFlags, flags_seen);
             EXPECT_EQ(i, testlib::dll_closes());
@@ -99,7 +100,7 @@ TEST_F(ContainerDetect, IsAHostUntilTheLibraryAnswers)
         answer = 0;
         testlib::CallCount opens("dlopen"), lookups("dlsym");
         EXPECT_EQ(1, detect());
-        EXPECT_EQ((Lines{{3, "current env is container!"}}), lines());
+        EXPECT_EQ((LevelLines{{3, "current env is container!"}}), level_lines());
         EXPECT_EQ("GetAgentType", symbol_seen);
         EXPECT_EQ(1, opens.calls());
         EXPECT_EQ(1, lookups.calls());
@@ -120,7 +121,7 @@ TEST_F(ContainerDetect, OnlyMinusOneIsAHost)
         }
         answer = -1;
         EXPECT_EQ(0, detect());
-        EXPECT_EQ((Lines{{3, "current env is host!"}}), lines());
+        EXPECT_EQ((LevelLines{{3, "current env is host!"}}), level_lines());
     });
 }
 

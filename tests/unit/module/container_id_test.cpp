@@ -70,7 +70,7 @@ TEST_F(ContainerId, OtherNamesAreTheHosts)
              ".scope/docker-" + kId,             /* suffix before the id */
          }) {
         EXPECT_EQ("host", read_group(group)) << group;
-        EXPECT_EQ((Lines{{4, kNone}}), lines()) << group;
+        EXPECT_EQ((LevelLines{{4, kNone}}), level_lines()) << group;
     }
     EXPECT_EQ("container_tool_utils", testlib::log_lines().at(0).file);
 }
@@ -206,7 +206,7 @@ TEST_F(ContainerId, HostIsWrittenWholeOrNotAtAll)
         EXPECT_EQ("", testlib::log_text()) << size;
     }
     EXPECT_EQ("host", read_from("0::/\n", 5));
-    EXPECT_EQ((Lines{{4, kNone}}), lines());
+    EXPECT_EQ((LevelLines{{4, kNone}}), level_lines());
 }
 
 TEST_F(ContainerId, WithoutABufferNothingIsWritten)
@@ -239,7 +239,7 @@ TEST_F(ContainerId, AMissingFileIsAFailure)
     char out[8] = "before";
     EXPECT_EQ(-1, read_container_id(77, out, 8));
     EXPECT_STREQ("", out);
-    EXPECT_EQ((Lines{{1, "open cgroup: 77 failed, path:/proc/77/task/77/cgroup\n"}}), lines());
+    EXPECT_EQ((LevelLines{{1, "open cgroup: 77 failed, path:/proc/77/task/77/cgroup\n"}}), level_lines());
     EXPECT_EQ("container_tool_utils", testlib::log_lines().at(0).file);
     EXPECT_EQ(-1, read_container_id(77, nullptr, 8));
 }
@@ -251,9 +251,9 @@ TEST_F(ContainerId, EveryNumberIsAPath)
         testlib::log_clear();
         char out[8];
         EXPECT_EQ(-1, read_container_id(pid, out, 8));
-        EXPECT_EQ(
-            (Lines{{1, "open cgroup: " + number + " failed, path:/proc/" + number + "/task/" + number + "/cgroup\n"}}),
-            lines());
+        EXPECT_EQ((LevelLines{{1, "open cgroup: " + number + " failed, path:/proc/" + number + "/task/" + number +
+                                      "/cgroup\n"}}),
+                  level_lines());
     }
 }
 

@@ -133,7 +133,7 @@ TEST_F(ContainerInfo, MembersAreWrittenInOrder)
         "\"image_tag\":\"6\",\"repository\":\"7\",\"container_name\":\"8\",\"capability\":\"9\","
         "\"ports_binding\":\"10\",\"privileged\":11}",
         written.json);
-    EXPECT_EQ((Lines{{4, "get container info by id:ab\n"}}), lines());
+    EXPECT_EQ((LevelLines{{4, "get container info by id:ab\n"}}), level_lines());
     EXPECT_EQ("container_tool_utils", testlib::log_lines().at(0).file);
     EXPECT_EQ((Calls{"get ab", "free"}), library.calls);
 }
@@ -175,7 +175,7 @@ TEST_F(ContainerInfo, WithoutARecordTheMembersAreEmpty)
     Written written = write("ab");
     EXPECT_EQ(-1, written.result);
     EXPECT_EQ(kUnknown, written.json);
-    EXPECT_EQ((Lines{{4, "get container info by id:ab\n"}, {1, kNoRecord}}), lines());
+    EXPECT_EQ((LevelLines{{4, "get container info by id:ab\n"}, {1, kNoRecord}}), level_lines());
     EXPECT_EQ((Calls{"get ab"}), library.calls);
 
     written = write("ab", 1);
@@ -191,7 +191,7 @@ TEST_F(ContainerInfo, OfTheHostNothingIsWritten)
         const Written written = write(id, 1);
         EXPECT_EQ(0, written.result);
         EXPECT_EQ("{}", written.json);
-        EXPECT_EQ((Lines{{4, "container id is host/NULL!\n"}}), lines());
+        EXPECT_EQ((LevelLines{{4, "container id is host/NULL!\n"}}), level_lines());
         EXPECT_EQ(Calls{}, library.calls);
     }
     for (const char *id : {"hos", "hosts", "Host", ""}) {
@@ -226,13 +226,13 @@ TEST_F(ContainerInfo, WithoutAnObjectNothingIsAdded)
 TEST_F(ContainerInfo, AContainerOfStatusZeroIsUsable)
 {
     EXPECT_EQ(1, usable("ab"));
-    EXPECT_EQ((Lines{{3, "get container info by id:ab\n"}}), lines());
+    EXPECT_EQ((LevelLines{{3, "get container info by id:ab\n"}}), level_lines());
     EXPECT_EQ("container_tool_utils", testlib::log_lines().at(0).file);
     EXPECT_EQ((Calls{"get ab", "free"}), library.calls);
     for (int32_t status : {1, -1, 256, INT32_MIN}) {
         give_record(status);
         EXPECT_EQ(0, usable("ab")) << status;
-        EXPECT_EQ((Lines{{3, "get container info by id:ab\n"}}), lines());
+        EXPECT_EQ((LevelLines{{3, "get container info by id:ab\n"}}), level_lines());
         EXPECT_EQ((Calls{"get ab", "free"}), library.calls);
     }
 }
@@ -241,7 +241,7 @@ TEST_F(ContainerInfo, AnUnknownContainerIsNot)
 {
     library.has_record = false;
     EXPECT_EQ(0, usable("ab"));
-    EXPECT_EQ((Lines{{3, "get container info by id:ab\n"}, {1, kNoRecord}}), lines());
+    EXPECT_EQ((LevelLines{{3, "get container info by id:ab\n"}, {1, kNoRecord}}), level_lines());
     EXPECT_EQ((Calls{"get ab"}), library.calls);
 }
 
@@ -250,7 +250,7 @@ TEST_F(ContainerInfo, TheHostIsUsableAndNothingIsNot)
     EXPECT_EQ(1, usable("host"));
     EXPECT_EQ("", testlib::log_text());
     EXPECT_EQ(0, usable(nullptr));
-    EXPECT_EQ((Lines{{4, "container id is NULL!\n"}}), lines());
+    EXPECT_EQ((LevelLines{{4, "container id is NULL!\n"}}), level_lines());
     EXPECT_EQ(Calls{}, library.calls);
 }
 
@@ -274,7 +274,8 @@ TEST_F(ContainerInfo, AMissingLibraryIsLookedForAgain)
             const Written written = write("ab");
             EXPECT_EQ(-1, written.result);
             EXPECT_EQ(kUnknown, written.json);
-            EXPECT_EQ((Lines{{4, "get container info by id:ab\n"}, {1, kOpenFailed}, {1, kNoRecord}}), lines());
+            EXPECT_EQ((LevelLines{{4, "get container info by id:ab\n"}, {1, kOpenFailed}, {1, kNoRecord}}),
+                      level_lines());
             EXPECT_EQ("orx_sensitivedir", testlib::log_lines().at(1).file);
             EXPECT_EQ(i, library.opened.size());
         }
@@ -282,7 +283,7 @@ TEST_F(ContainerInfo, AMissingLibraryIsLookedForAgain)
         EXPECT_EQ(kDllFlags, library.flags);
         EXPECT_EQ(0, testlib::dll_closes());
         EXPECT_EQ(0, usable("ab"));
-        EXPECT_EQ((Lines{{3, "get container info by id:ab\n"}, {1, kOpenFailed}, {1, kNoRecord}}), lines());
+        EXPECT_EQ((LevelLines{{3, "get container info by id:ab\n"}, {1, kOpenFailed}, {1, kNoRecord}}), level_lines());
 
         library.present = true;
         EXPECT_EQ(1, usable("ab"));
@@ -299,7 +300,8 @@ TEST_F(ContainerInfo, ALibraryWithoutAnEntryIsClosedAndLookedForAgain)
                 const Written written = write("ab");
                 EXPECT_EQ(-1, written.result);
                 EXPECT_EQ(kUnknown, written.json);
-                EXPECT_EQ((Lines{{4, "get container info by id:ab\n"}, {1, kEntryMissing}, {1, kNoRecord}}), lines());
+                EXPECT_EQ((LevelLines{{4, "get container info by id:ab\n"}, {1, kEntryMissing}, {1, kNoRecord}}),
+                          level_lines());
                 EXPECT_EQ("orx_sensitivedir", testlib::log_lines().at(1).file);
                 EXPECT_EQ(Calls{}, library.calls);
                 EXPECT_EQ(i, testlib::dll_closes());

@@ -7,9 +7,9 @@
 #include <string>
 
 #include "core_fixture.h"
+#include "tree_flags.h"
 
 inline constexpr uint32_t kModify = FMON_MODIFY, kClose = FMON_CLOSE_WRITE, kCreate = FMON_CREATE;
-inline constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE;
 
 class Dispatch : public testlib::CoreTest
 {

@@ -52,7 +52,7 @@ TEST_F(Export, ThirtyTwoRowsAndNoMore)
     EXPECT_EQ(32, fmon_shell.row_count);
     testlib::log_clear();
     EXPECT_EQ(-1, create("the 33rd"));
-    EXPECT_EQ(Lines{}, lines()); /* the core was not asked */
+    EXPECT_EQ(LevelLines{}, level_lines()); /* the core was not asked */
     EXPECT_EQ(32, fmon_shell.row_count);
 
     EXPECT_EQ(0, _orx_fmon_del_instance(31));
@@ -109,7 +109,7 @@ TEST_F(Export, DeletingWhatIsNotThere)
     EXPECT_EQ(-1, _orx_fmon_del_instance(1));
     EXPECT_EQ(-1, _orx_fmon_del_instance(32));
     EXPECT_EQ(-1, _orx_fmon_del_instance(0xffffffff));
-    EXPECT_EQ(Lines{}, lines());
+    EXPECT_EQ(LevelLines{}, level_lines());
     EXPECT_EQ(0, _orx_fmon_del_instance(0));
     EXPECT_EQ(-1, _orx_fmon_del_instance(0));
 }

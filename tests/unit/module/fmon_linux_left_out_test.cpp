@@ -24,7 +24,7 @@ TEST_F(LeftOut, LimitOfFanotify)
     const std::string a = tree.dir("t/a");
     m.fanotify.mark_error = ENOSPC;
     m.fanotify.fail_mark_at = 2;
-    EXPECT_EQ(0, m.add(t, FMON_MODIFY, kTree));
+    EXPECT_EQ(0, m.add(t, FMON_MODIFY, kSyncedTree));
     expect_one(&fmon_left_out::fanotify_limit,
                refusal(FMON_LINUX_EFANOTIFY, ENOSPC, FMON_LEFT_FANOTIFY_LIMIT, FMON_STEP_FANOTIFY, a));
     expect_directories(2);
@@ -37,7 +37,7 @@ TEST_F(LeftOut, FullCache)
     EXPECT_EQ(0, m.add(t, FMON_CREATE, FMON_DIR));
     fmon.dcache.max_entries = static_cast<int32_t>(fmon.dcache.count);
     EXPECT_LT(before, fmon.dcache.count);
-    EXPECT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE, kTree, 0, 0));
+    EXPECT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE, kSyncedTree, 0, 0));
     expect_one(&fmon_left_out::cache_full, refusal(FMON_ENOMEM, 0, FMON_LEFT_CACHE_FULL, FMON_STEP_CACHE, a));
     tree.dir("t/made");
     pump_all();
@@ -155,7 +155,7 @@ TEST_F(LeftOut, ADirectoryThatIsRefusedTwiceCountsOnce)
     m.fanotify.mark_error = ENOSPC;
     m.fanotify.fail_mark_at = 2;
     Fault watch_fails("inotify_add_watch", 2, EACCES), read_fails("opendir", 2, EACCES);
-    EXPECT_EQ(0, m.add(t, FMON_MODIFY | FMON_CREATE, kTree));
+    EXPECT_EQ(0, m.add(t, FMON_MODIFY | FMON_CREATE, kSyncedTree));
     const struct fmon_status now = status_now();
     EXPECT_EQ(3u, now.refusals);
     EXPECT_EQ(1u, now.left_out.fanotify_limit) << "what was met first";

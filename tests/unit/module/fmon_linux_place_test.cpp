@@ -261,7 +261,7 @@ TEST_F(Place, ADirectoryMovedOverAWatchedOneIsMarked)
 
 TEST_F(Place, ADirectoryMadeAgainWhileTheOldOneIsHeldIsMarked)
 {
-    for (uint32_t parent_flags : {uint32_t{kTree}, uint32_t{FMON_DIR}}) {
+    for (uint32_t parent_flags : {uint32_t{kSyncedTree}, uint32_t{FMON_DIR}}) {
         tree.dir("t/d");
         ASSERT_EQ(0, m.add(t, FMON_CREATE, parent_flags));
         ASSERT_EQ(0, m.add(tree.path("t/d"), FMON_ATTRIB, FMON_DIR));
@@ -283,7 +283,7 @@ TEST_F(Place, ADirectoryMadeAgainWhileTheOldOneIsHeldIsMarked)
 TEST_F(Place, ADirectoryMadeAgainWhereNothingElseIsWatchedIsFound)
 {
     tree.dir("t/d/e");
-    ASSERT_EQ(0, m.add(tree.path("t/d"), FMON_CREATE, kTree));
+    ASSERT_EQ(0, m.add(tree.path("t/d"), FMON_CREATE, kSyncedTree));
     ASSERT_EQ(0, fmon_add_watch(m.id2, tree.path("t/d/e").c_str(), FMON_ATTRIB, FMON_DIR | FMON_DELETED, 0, 0));
     hold("t/d");
     tree.remove("t/d");
@@ -303,7 +303,7 @@ TEST_F(Place, AnAncestorThatBecameALinkDecidesNothing)
 {
     tree.dir("t/p/d");
     tree.dir("outside/d/in");
-    ASSERT_EQ(0, m.add(tree.path("t/p/d"), FMON_CREATE, kTree));
+    ASSERT_EQ(0, m.add(tree.path("t/p/d"), FMON_CREATE, kSyncedTree));
     move("t/p", "t/q");
     tree.link("t/p", tree.path("outside"));
     fmon_linux_check_places(fmon.tbd_interval);

@@ -97,7 +97,7 @@ TEST_F(Status, AMountWatchIsAWatchWithoutDirectories)
 TEST_F(Status, AFileInPlaceOfADirectory)
 {
     EXPECT_EQ(0, m.add(tree.file("t/x"), FMON_ATTRIB, FMON_FILE));
-    EXPECT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE, kTree, 0, 0));
+    EXPECT_EQ(0, fmon_add_watch(m.id2, t.c_str(), FMON_CREATE, kSyncedTree, 0, 0));
     expect_directories(1);
     tree.remove("t/x");
     tree.dir("t/x");

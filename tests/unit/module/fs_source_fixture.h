@@ -27,12 +27,12 @@
 #include "testlib/fake_host.h"
 #include "testlib/fault.h"
 #include "testlib/tree.h"
+#include "tree_flags.h"
 
 using Events = std::vector<std::string>;
 
 inline constexpr uint64_t kRename = 0x10000000;
 inline constexpr uint64_t kBase = FAN_CREATE | FAN_DELETE | FAN_ONDIR | kRename;
-inline constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE;
 
 /* The keys, while it lives. */
 struct Keys {

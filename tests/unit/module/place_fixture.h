@@ -23,11 +23,10 @@
 #include "testlib/fake_host.h"
 #include "testlib/fault.h"
 #include "testlib/tree.h"
+#include "tree_flags.h"
 
 namespace testlib
 {
-
-constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
 
 class Place : public ::testing::Test
 {
@@ -42,7 +41,7 @@ protected:
         if (held >= 0)
             close(held);
     }
-    void watch(uint32_t mask = FMON_CREATE) { ASSERT_EQ(0, m.add(t, mask, kTree)); }
+    void watch(uint32_t mask = FMON_CREATE) { ASSERT_EQ(0, m.add(t, mask, kSyncedTree)); }
     void pump_all() { m.pump_all(); }
     void move(const std::string &from, const std::string &to, unsigned flags = 0)
     {

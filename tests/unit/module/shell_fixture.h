@@ -21,10 +21,10 @@
 #include "testlib/tree.h"
 
 /* The log as (level, text). */
-using Lines = std::vector<std::pair<int, std::string>>;
-inline Lines lines()
+using LevelLines = std::vector<std::pair<int, std::string>>;
+inline LevelLines level_lines()
 {
-    Lines out;
+    LevelLines out;
     for (const testlib::LogLine &line : testlib::log_lines())
         out.emplace_back(line.level, line.text);
     return out;

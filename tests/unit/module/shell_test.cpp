@@ -31,7 +31,7 @@ TEST_F(Entry, StartsWithTheBuiltInValues)
 TEST_F(Entry, SaysWhatItDoesInOrder)
 {
     start();
-    Lines own;
+    LevelLines own;
     for (const testlib::LogLine &line : testlib::log_lines()) {
         if (line.file == "container_tool_utils") {
             EXPECT_TRUE(own.empty()) << "host or container is asked first";
@@ -39,8 +39,8 @@ TEST_F(Entry, SaysWhatItDoesInOrder)
         }
         own.emplace_back(line.level, line.file + ": " + line.text);
     }
-    EXPECT_EQ((Lines{{3, "fmon_shell.c: orx_fmon plugin init"},
-                     {3, "fmon.c: init fmon: max events 10000, max dentries 8000\n"}}),
+    EXPECT_EQ((LevelLines{{3, "fmon_shell.c: orx_fmon plugin init"},
+                          {3, "fmon.c: init fmon: max events 10000, max dentries 8000\n"}}),
               own);
 }
 
@@ -59,7 +59,7 @@ TEST_F(Entry, DisablesItselfWithoutALock)
 {
     testlib::fail_mutex_init(true);
     EXPECT_EQ(-1, orx_fmon_init(0, nullptr));
-    EXPECT_EQ("orx_fmon plugin init", lines().back().second); /* no message of its own */
+    EXPECT_EQ("orx_fmon plugin init", level_lines().back().second); /* no message of its own */
     EXPECT_EQ(FMON_DISABLED, fmon_shell.run_state);
     EXPECT_EQ(0u, fmon.inited);
 

@@ -21,13 +21,12 @@
 #include "testlib/fake_host.h"
 #include "testlib/fault.h"
 #include "testlib/tree.h"
+#include "tree_flags.h"
 
 namespace testlib
 {
 
 using Strings = std::vector<std::string>;
-
-inline constexpr uint32_t kTree = FMON_DIR | FMON_RECURSIVE | FMON_SYNC;
 
 inline struct fmon_status status_now()
 {
@@ -80,7 +79,7 @@ protected:
     }
     ~Status() override { _orx_fmon_on_mark(nullptr); }
 
-    int watch(uint32_t mask = FMON_CREATE) { return m.add(t, mask, kTree); }
+    int watch(uint32_t mask = FMON_CREATE) { return m.add(t, mask, kSyncedTree); }
     void pump_all() { m.pump_all(); }
     void expect_directories(uint64_t count)
     {

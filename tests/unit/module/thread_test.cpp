@@ -34,17 +34,17 @@ TEST_F(Thread, EndsInOrder)
 {
     turns(0);
     const std::string tid = std::to_string(gettid()), no_library = "load kprobe thread module failed, errno: ";
-    Lines said = lines();
+    LevelLines said = level_lines();
     ASSERT_LT(1u, said.size());
     EXPECT_EQ(no_library, said[1].second.substr(0, no_library.size()));
     said[1].second = no_library; /* the number is whatever the loader left */
-    EXPECT_EQ((Lines{{3, "fmon tid = " + tid},
-                     {1, no_library},
-                     {2, "get os_info failed!"},
-                     {2, "calculate kprobe cmd failed !"},
-                     {2, "register inotify event failed!"},
-                     {1, "select failed: Bad file descriptor\n"},
-                     {3, "orx_fmon close"}}),
+    EXPECT_EQ((LevelLines{{3, "fmon tid = " + tid},
+                          {1, no_library},
+                          {2, "get os_info failed!"},
+                          {2, "calculate kprobe cmd failed !"},
+                          {2, "register inotify event failed!"},
+                          {1, "select failed: Bad file descriptor\n"},
+                          {3, "orx_fmon close"}}),
               said);
     EXPECT_EQ(0, testlib::mutex_live());
     EXPECT_EQ(nullptr, fmon_shell.lock.load());

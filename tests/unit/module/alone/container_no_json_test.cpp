@@ -36,7 +36,7 @@ TEST(ContainerNoJson, TheObjectStaysAsItWas)
     cJSON *json = testlib::json_object();
     has_record = true;
     EXPECT_EQ(-1, container_info_to_json(1, json, "ab", 1));
-    EXPECT_EQ((Lines{{4, "get container info by id:ab\n"}}), lines());
+    EXPECT_EQ((LevelLines{{4, "get container info by id:ab\n"}}), level_lines());
     EXPECT_EQ(1, given);
     EXPECT_EQ(1, returned);
     has_record = false;
