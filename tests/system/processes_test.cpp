@@ -197,7 +197,7 @@ protected:
         NEED(has_connector(), "the kernel reports processes on the host only");
         NEED(access("/usr/bin/setpriv", X_OK) == 0, "no setpriv");
     }
-    const std::string own_ = "system_proc*"; /* the marker of a barrier is this process's, too */
+    const std::string own_ = "system_test*"; /* the marker of a barrier is this process's, too */
 };
 
 }  // namespace
