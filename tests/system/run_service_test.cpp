@@ -258,7 +258,8 @@ TEST_F(RunService, WhatIsNotDeliveredInTimeIsSaid)
     service.process().send(SIGTERM);
     EXPECT_EQ(0, service.process().wait()) << service.process().errors();
     EXPECT_LT(now_ms() - start, 8000);
-    EXPECT_NE(std::string::npos, service.process().errors().find(" not delivered, since the time to end ('drain') is over"))
+    EXPECT_NE(std::string::npos,
+              service.process().errors().find(" not delivered, since the time to end ('drain') is over"))
         << service.process().errors();
 }
 
