@@ -61,6 +61,6 @@ void raise_descriptor_limit()
         g_given = given;
 }
 
-std::string usual_descriptors() { return g_given ? "ulimit -S -n " + std::to_string(uint64_t{g_given}) + "\n" : ""; }
+std::string default_descriptors() { return g_given ? "ulimit -S -n " + std::to_string(uint64_t{g_given}) + "\n" : ""; }
 
 }  // namespace agent

@@ -26,7 +26,7 @@ std::string reason_text(int error_number);
 void raise_descriptor_limit();
 
 /* What gives the limit back to a command of the shell, which may hold programs that are; empty: it was not raised. */
-std::string usual_descriptors();
+std::string default_descriptors();
 
 }  // namespace agent
 

@@ -10,7 +10,7 @@ namespace agent
 {
 
 const DumpType kDumpTypeTable[kDumpTypes] = {
-    {"all", "everything below (usual)"},
+    {"all", "everything below (default)"},
     {"instances", "the clients' instances: their watches, and the events that wait for them"},
     {"waiting", "watches whose path is missing, and patterns"},
     {"dentries", "directories and files that are known, with their watches"},

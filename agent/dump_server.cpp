@@ -90,16 +90,16 @@ bool may_ask(const Peer &peer) { return peer.uid == 0 || peer.uid == geteuid(); 
 
 uint64_t max_records()
 {
-    constexpr uint64_t kUsual = 10000;
+    constexpr uint64_t kDefault = 10000;
     char path[512];
     if (orx_dirutils_path_transform("@/../config/fmon.ini", path, sizeof path) != 0)
-        return kUsual;
+        return kDefault;
     void *const ini = orx_ini_file_load(path);
     const char *const text = ini ? orx_ini_file_get(ini, "fmon", "max_events") : nullptr;
     const uint64_t number = text ? strtoull(text, nullptr, 10) : 0;
     if (ini)
         orx_ini_file_free(ini);
-    return number ? number : kUsual;
+    return number ? number : kDefault;
 }
 
 DumpServer::~DumpServer() { stop(); }

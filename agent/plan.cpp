@@ -16,9 +16,9 @@ namespace agent
 namespace
 {
 
-constexpr uint32_t kUsual = FMON_CREATE | FMON_DELETE | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_MOVED_FROM |
-                            FMON_MOVED_TO | FMON_ATTRIB | FMON_DELETE_SELF | FMON_MOVE_SELF;
-constexpr uint32_t kUsualMount = FMON_MODIFY | FMON_CLOSE_WRITE;
+constexpr uint32_t kDefault = FMON_CREATE | FMON_DELETE | FMON_MODIFY | FMON_CLOSE_WRITE | FMON_MOVED_FROM |
+                              FMON_MOVED_TO | FMON_ATTRIB | FMON_DELETE_SELF | FMON_MOVE_SELF;
+constexpr uint32_t kDefaultMount = FMON_MODIFY | FMON_CLOSE_WRITE;
 
 /* The instances with --pid, in the plan's order. */
 enum : size_t { kNamed, kOthers, kAll };
@@ -33,7 +33,7 @@ bool names_all(const Request &options)
 uint32_t asked_events(const Request &options)
 {
     if (options.events == 0)
-        return options.mount ? kUsualMount : kUsual;
+        return options.mount ? kDefaultMount : kDefault;
     return options.mount ? options.events & kProcessEvents : options.events;
 }
 

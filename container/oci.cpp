@@ -10,7 +10,7 @@ namespace
 {
 
 /* What engines give to every container. */
-constexpr std::string_view kUsual[] = {
+constexpr std::string_view kDefault[] = {
     "CAP_AUDIT_WRITE", "CAP_CHOWN",   "CAP_DAC_OVERRIDE", "CAP_FOWNER",           "CAP_FSETID",
     "CAP_KILL",        "CAP_MKNOD",   "CAP_NET_RAW",      "CAP_NET_BIND_SERVICE", "CAP_SETFCAP",
     "CAP_SETGID",      "CAP_SETPCAP", "CAP_SETUID",       "CAP_SYS_CHROOT",
@@ -64,9 +64,9 @@ void take_mounts(const Json &config, Details &out)
     fill(out.mounts, mounts);
 }
 
-bool is_usual(std::string_view name)
+bool is_default(std::string_view name)
 {
-    return std::find(std::begin(kUsual), std::end(kUsual), name) != std::end(kUsual);
+    return std::find(std::begin(kDefault), std::end(kDefault), name) != std::end(kDefault);
 }
 
 // Nothing says "privileged" here. It is what engines make of it: every capability, and nothing of /proc covered.
@@ -83,7 +83,7 @@ void take_rights(const Json &config, Details &out)
     std::string added;
     each_at(config, {"process", "capabilities", "bounding"}, [&](const Json &capability) {
         const std::string name = text_of(capability);
-        if (!is_usual(name))
+        if (!is_default(name))
             append_to_list(added, name);
     });
     out.privileged = out.privileged || is_privileged(config, added);

@@ -78,7 +78,7 @@ bool Executor::run(const agent::Event &event, const Patience &patience, std::str
 {
     std::vector<std::string> own = own_variables(event);
     std::vector<char *> variables = environment(own);
-    std::string shell = "sh", option = "-c", command = agent::usual_descriptors() + command_;
+    std::string shell = "sh", option = "-c", command = agent::default_descriptors() + command_;
     char *const arguments[] = {shell.data(), option.data(), command.data(), nullptr};
     SpawnSetting setting;
     posix_spawn_file_actions_addopen(&setting.files, 0, "/dev/null", 0, 0);

@@ -13,8 +13,8 @@
 namespace output
 {
 
-/* `Usual`: a class of agent/time_format.h. */
-template <typename Usual>
+/* `Default`: a class of agent/time_format.h. */
+template <typename Default>
 class RecordTime
 {
 public:
@@ -32,11 +32,11 @@ public:
         if (formatted_)
             formatted_->append(ns, out);
         else
-            usual_.append(ns, out);
+            default_.append(ns, out);
     }
 
 private:
-    Usual usual_;
+    Default default_;
     std::optional<agent::FormattedTime> formatted_;
 };
 

@@ -39,7 +39,7 @@ Status: 0 nothing is missing that root could have on this machine; 1 something i
 )";
 
 constexpr OptionRow<O> kRows[] = {
-    {{'f', "format", "FORM", "text (usual) or json: one object a line", one_of("text json"), "Options"},
+    {{'f', "format", "FORM", "text (default) or json: one object a line", one_of("text json"), "Options"},
      set_choice<O, &O::json>},
     {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},
 };

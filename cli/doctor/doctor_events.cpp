@@ -68,13 +68,13 @@ Check judge_limit(const char *section, const char *name, const char *key, uint64
 
 Check judge_queue(const char *section, const char *key, uint64_t limit)
 {
-    constexpr uint64_t kUsual = 16384;
+    constexpr uint64_t kDefault = 16384;
     Check check = {section, "queue", State::kOk, agent::with_commas(limit) + " events", "", true};
-    if (limit >= kUsual)
+    if (limit >= kDefault)
         return check;
     check.state = State::kWarn;
-    check.text += limit ? ", fewer than usual: events are lost when much happens at once" : "";
-    check.remedy = std::string("raise it with sysctl ") + key + "=" + std::to_string(kUsual);
+    check.text += limit ? ", fewer than by default: events are lost when much happens at once" : "";
+    check.remedy = std::string("raise it with sysctl ") + key + "=" + std::to_string(kDefault);
     return check;
 }
 

@@ -58,7 +58,7 @@ bool take_hold(DumpOptions &options, const Given &given, std::string &error)
 }
 
 constexpr OptionRow<DumpOptions> kRows[] = {
-    {{'t', "type", "TYPE", "what to show, one of the types below or its number; usual: all", one_of(type_names),
+    {{'t', "type", "TYPE", "what to show, one of the types below or its number; default: all", one_of(type_names),
       "Options"},
      take_type},
     {{0, "hold", "S",

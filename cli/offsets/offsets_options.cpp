@@ -43,7 +43,7 @@ constexpr OptionRow<O> kRows[] = {
       {},
       "Options"},
      take_release},
-    {{'f', "format", "FORM", "text: as it is written in fmon.ini (usual); json: one object", one_of("text json")},
+    {{'f', "format", "FORM", "text: as it is written in fmon.ini (default); json: one object", one_of("text json")},
      set_choice<O, &O::json>},
     {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},
 };

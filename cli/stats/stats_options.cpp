@@ -25,9 +25,9 @@ Status: 0 done; 2 wrong usage, or no service answers.
 )";
 
 constexpr OptionRow<O> kRows[] = {
-    {{0, "socket", "PATH", "the service's socket; usual: /run/fmon/fmon.sock", kFiles, "Options"},
+    {{0, "socket", "PATH", "the service's socket; default: /run/fmon/fmon.sock", kFiles, "Options"},
      set_text<O, &O::socket>},
-    {{'f', "format", "FORM", "text (usual), json: one object, or prometheus: text exposition",
+    {{'f', "format", "FORM", "text (default), json: one object, or prometheus: text exposition",
       one_of("text json prometheus")},
      set_choice<O, &O::form>},
     {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},

@@ -53,7 +53,7 @@ constexpr OptionRow<O> kRows[] = {
      set_flag<O, &O::recursive>},
     {{0, "fromfile", "FILE", "further PATHs, one a line of FILE; - is the standard input", kFiles}, take::fromfile},
     {{'e', "events", "LIST",
-      "kinds of events, separated by commas; -e help lists them.\nUsual: create,delete,modify,close_write,moved_from,"
+      "kinds of events, separated by commas; -e help lists them.\nDefault: create,delete,modify,close_write,moved_from,"
       "moved_to,\nattrib,delete_self,move_self; with --mount modify,close_write",
       list_of(event_names)},
      take::events},
@@ -148,9 +148,9 @@ constexpr OptionRow<O> kRows[] = {
       one_of("auto marks filesystem")},
      set_choice<O, &O::source>},
     {{0, "probes", "WHEN", "use kernel probes: auto, on or off", one_of("auto on off")}, set_choice<O, &O::probes>},
-    {{0, "log", "WHERE", "the monitor's own log: file (usual) or stderr", one_of("file stderr")},
+    {{0, "log", "WHERE", "the monitor's own log: file (default) or stderr", one_of("file stderr")},
      set_choice<O, &O::log_to_stderr>},
-    {{0, "log-level", "N", "2 warnings, 3 information, 4 everything; usual: 2", one_of("2 3 4")}, take::log_level},
+    {{0, "log-level", "N", "2 warnings, 3 information, 4 everything; default: 2", one_of("2 3 4")}, take::log_level},
     {{'v', "verbose", nullptr, "as --log stderr --log-level 4"}, take::verbose},
     {{'h', "help", nullptr, "this text"}, set_flag<O, &O::help>},
 };

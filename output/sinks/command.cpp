@@ -100,7 +100,7 @@ int CommandTransport::start()
 
 int CommandTransport::spawn(int input)
 {
-    std::string shell = "sh", option = "-c", text = agent::usual_descriptors() + command_;
+    std::string shell = "sh", option = "-c", text = agent::default_descriptors() + command_;
     char *const arguments[] = {shell.data(), option.data(), text.data(), nullptr};
     SpawnSetting setting;
     setting.own_group();

@@ -46,7 +46,7 @@ constexpr uint32_t kSelf = FMON_DELETE_SELF | FMON_MOVE_SELF;
 
 }  // namespace
 
-TEST(CliMasks, TheUsualKinds)
+TEST(CliMasks, TheDefaultKinds)
 {
     const Masks masks = masks_of({});
     EXPECT_EQ(uint32_t{FMON_ALL_EVENTS & ~(FMON_OPEN | FMON_ACCESS | FMON_CLOSE_NOWRITE)}, masks.shown);

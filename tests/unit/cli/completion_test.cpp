@@ -191,8 +191,8 @@ TEST_F(ZshCompletion, HandsTheTablesOn)
 {
     NEED(is_installed("zsh"), "zsh is not installed");
     EXPECT_EQ(
-        "*-f+[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
-        "*--format=[text (usual) or json\\: one object a line]:FORM: _fmon_words text json "
+        "*-f+[text (default) or json\\: one object a line]:FORM: _fmon_words text json "
+        "*--format=[text (default) or json\\: one object a line]:FORM: _fmon_words text json "
         "(-h --help)-h[this text] (-h --help)--help[this text]",
         specs("doctor"));
     EXPECT_NE(specs("watch").find("*:argument: _fmon_files"), std::string::npos);

@@ -43,7 +43,7 @@ std::string complaint(const std::vector<std::string> &arguments)
 
 }  // namespace
 
-TEST(CliDumpOptions, Usual)
+TEST(CliDumpOptions, Defaults)
 {
     const DumpOptions options = given({}, true);
     EXPECT_EQ(0, options.pid);
