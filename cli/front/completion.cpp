@@ -39,7 +39,7 @@ std::string quoted(std::string_view text)
 // The call that completes such words.
 std::string call(const std::string &prefix, const Words &words)
 {
-    constexpr const char *kFunctions[] = {"_any", "_files", "_words", "_list", "_watches"};
+    constexpr const char *kFunctions[] = {"_any", "_files", "_words", "_list", "_watches", "_paths"};
     const std::string all = words.all();
     return prefix + kFunctions[words.kind] + (all.empty() ? "" : " " + all);
 }
@@ -166,6 +166,8 @@ std::string fish_value(const Words &words)
 {
     if (words.kind == Words::kFiles)
         return " -r -F";
+    if (words.kind == Words::kPaths)
+        return " -r -F -a '(__fmon_paths)'";
     return words.kind == Words::kAny ? " -x" : " -x -a " + quoted("(" + call("__fmon", words) + ")");
 }
 

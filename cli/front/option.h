@@ -22,6 +22,7 @@ struct Words {
         kOneOf,   /* one of `literal` or `table` */
         kListOf,  /* the same, several with commas between them */
         kWatches, /* processes of running watches */
+        kPaths,   /* names of files, and behind an "@" of directories */
     };
     Kind kind = kAny;
     const char *literal = nullptr; /* words with blanks between them */
@@ -32,6 +33,7 @@ struct Words {
 
 inline constexpr Words kFiles = {Words::kFiles, nullptr, nullptr};
 inline constexpr Words kWatches = {Words::kWatches, nullptr, nullptr};
+inline constexpr Words kPaths = {Words::kPaths, nullptr, nullptr};
 constexpr Words one_of(const char *literal) { return {Words::kOneOf, literal, nullptr}; }
 constexpr Words one_of(std::string (*table)()) { return {Words::kOneOf, nullptr, table}; }
 constexpr Words list_of(std::string (*table)()) { return {Words::kListOf, nullptr, table}; }

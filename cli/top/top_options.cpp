@@ -14,10 +14,10 @@ using O = TopOptions;
 using R = OptionRow<O>;
 
 constexpr char kHead[] =
-    R"(Usage: fmon top [OPTION]... [PATH]...
+    R"(Usage: fmon top [OPTION]... [PATH]... [@PATH]...
 
 Shows which files, directories, processes and containers are busiest, as it changes. Without a PATH the whole system is
-watched (root), for what is created, deleted, renamed and written.
+watched (root), for what is created, deleted, renamed and written. What lies below an @PATH is left out.
 )";
 
 constexpr char kTail[] = R"(
@@ -129,7 +129,7 @@ bool take_arguments(O &options, VerbOf<O>::Arguments arguments, std::string &err
 
 }  // namespace
 
-const VerbOf<O> kTop({"top", "show what is busiest, as it changes", kHead, kTail, nullptr, kFiles}, rows(),
+const VerbOf<O> kTop({"top", "show what is busiest, as it changes", kHead, kTail, nullptr, kPaths}, rows(),
                      take_arguments, run_top);
 
 }  // namespace cli

@@ -159,7 +159,7 @@ constexpr OptionRow<O> kRows[] = {
 
 std::span<const OptionRow<WatchOptions>> watch_rows() { return kRows; }
 
-constinit const VerbOf<O> kWatch({"watch", "show what happens to files, and who did it", kHead, kTail, nullptr, kFiles},
+constinit const VerbOf<O> kWatch({"watch", "show what happens to files, and who did it", kHead, kTail, nullptr, kPaths},
                                  kRows, take::paths, run_watch);
 
 }  // namespace cli

@@ -11,6 +11,17 @@ _fmon_files()
     compopt -o filenames 2>/dev/null || :
 }
 
+# Paths to be watched, and behind an "@" those to be left out.
+_fmon_paths()
+{
+    if [[ $current != @* ]]; then
+        _fmon_files
+        return
+    fi
+    mapfile -t COMPREPLY < <(compgen -P @ -S / -d -- "${current#@}")
+    compopt -o nospace 2>/dev/null || :
+}
+
 _fmon_words()
 {
     mapfile -t COMPREPLY < <(compgen -W "$*" -- "$current")

@@ -16,6 +16,13 @@ function __fmon_words
     printf '%s\n' $argv
 end
 
+# Behind an "@" paths to be left out; fish completes files by itself.
+function __fmon_paths
+    set -l word (commandline -ct)
+    string match -q '@*' -- $word; or return
+    __fish_complete_directories (string sub -s 2 -- $word) '' | string replace -r '^' '@'
+end
+
 # Words with commas between them: the last is completed.
 function __fmon_list
     set -l before (commandline -ct | string replace -r -- '^--[a-z-]+=' '' | string match -r '^.*,')

@@ -6,6 +6,16 @@
 
 _fmon_files() { _files; }
 
+# Paths to be watched, and behind an "@" those to be left out.
+_fmon_paths()
+{
+    if compset -P @; then
+        _files -/
+    else
+        _files
+    fi
+}
+
 _fmon_words()
 {
     local -a end

@@ -166,6 +166,10 @@ TEST_F(BashCompletion, Files)
 {
     EXPECT_EQ(directory.path("bash.script"), replies("fmon watch " + directory.path("bas")));
     EXPECT_EQ(directory.path("bash.script"), replies("fmon watch -o " + directory.path("bas")));
+    directory.dir("left");
+    EXPECT_EQ("@" + directory.path("left") + "/", replies("fmon watch @" + directory.path("le")));
+    EXPECT_EQ("@" + directory.path("left") + "/", replies("fmon top @" + directory.path("")));
+    EXPECT_EQ("", replies("fmon watch -o @" + directory.path("le")));
     EXPECT_EQ("", replies("fmon watch -n ''"));
 }
 
@@ -185,6 +189,9 @@ TEST_F(FishCompletion, CompletesAsBashDoes)
     EXPECT_EQ("", replies("fmon doctor "));
     EXPECT_EQ(directory.path("fish.script"), replies("fmon offsets " + directory.path("fis")));
     EXPECT_EQ(directory.path("fish.script"), replies("fmon watch -o " + directory.path("fis")));
+    EXPECT_EQ(directory.path("fish.script"), replies("fmon watch " + directory.path("fis")));
+    directory.dir("left");
+    EXPECT_EQ("@" + directory.path("left") + "/", replies("fmon watch @" + directory.path("le")));
 }
 
 TEST_F(ZshCompletion, HandsTheTablesOn)
@@ -195,7 +202,7 @@ TEST_F(ZshCompletion, HandsTheTablesOn)
         "*--format=[text (default) or json\\: one object a line]:FORM: _fmon_words text json "
         "(-h --help)-h[this text] (-h --help)--help[this text]",
         specs("doctor"));
-    EXPECT_NE(specs("watch").find("*:argument: _fmon_files"), std::string::npos);
+    EXPECT_NE(specs("watch").find("*:argument: _fmon_paths"), std::string::npos);
     EXPECT_NE(specs("dump").find("*--hold=[let events gather in the monitor for S seconds first (at most 60)]:S: "),
               std::string::npos);
 }
