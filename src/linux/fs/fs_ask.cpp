@@ -230,8 +230,11 @@ int fs_ask_key(int fd, struct fs_stored_key *out, int *mount_id, bool *opens)
     int got = handle_at(fd, "", AT_EMPTY_PATH, &raw, &mount);
     if (opens)
         *opens = got == 0;
-    if (got != 0 && errno == EOPNOTSUPP)
+    if (got != 0 && errno == EOPNOTSUPP) {
         got = handle_at(fd, "", AT_EMPTY_PATH | AT_HANDLE_FID, &raw, &mount);
+        if (got != 0 && errno == EINVAL) /* a kernel before 6.5 does not know the flag */
+            errno = EOPNOTSUPP;
+    }
     if (got != 0 || fstatfs(fd, &fs) != 0)
         return -1;
     memcpy(fsid, &fs.f_fsid, sizeof(fsid));

@@ -224,6 +224,11 @@ TEST_F(FsAsk, AFileSystemWithoutHandlesSaysSo)
     const int got = fs_ask_key(proc, &key, nullptr, &opens);
     EXPECT_TRUE(got == 0 || errno == EOPNOTSUPP);
     EXPECT_FALSE(opens);
+    {
+        const Fault old_kernel("name_to_handle_at", 2, EINVAL);
+        EXPECT_EQ(-1, fs_ask_key(proc, &key, nullptr, nullptr));
+        EXPECT_EQ(EOPNOTSUPP, errno);
+    }
     close(proc);
     EXPECT_EQ(-1, fs_ask_key(-1, &key, nullptr, nullptr));
     EXPECT_EQ(EBADF, errno);
