@@ -146,7 +146,7 @@ look() {
     waiting=$left
 }
 
-# All at once: 30 seconds are enough for a slow machine.
+# All at once: a minute is enough for a slow machine.
 waiting=
 examples | sort -u >"$work/examples"
 expectations >"$work/expected"
@@ -169,7 +169,7 @@ while IFS= read -r line; do
     esac
 done <examples
 rounds=0
-until look && [ -z "$waiting" ] || [ $rounds -ge 300 ]; do
+until look && [ -z "$waiting" ] || [ $rounds -ge 600 ]; do
     rounds=$((rounds + 1))
     act
     sleep 0.1
