@@ -4,9 +4,14 @@
  */
 #include <fcntl.h>
 #include <gtest/gtest.h>
+#include <linux/fs.h>
+#include <sched.h>
+#include <sys/ioctl.h>
 #include <sys/mman.h>
+#include <sys/mount.h>
 #include <sys/sendfile.h>
 #include <sys/stat.h>
+#include <sys/syscall.h>
 #include <sys/wait.h>
 #include <sys/xattr.h>
 #include <unistd.h>
@@ -14,6 +19,7 @@
 #include <climits>
 #include <cstdlib>
 #include <cstring>
+#include <optional>
 
 #include "file_systems.h"
 
@@ -92,6 +98,18 @@ void write_in_a_root_of_its_own(const std::string &root, const std::string &path
     EXPECT_EQ(0, status);
 }
 
+/* In a mount namespace whose root is that directory, bound to itself. */
+void write_behind_a_pivot(const std::string &root, const std::string &path)
+{
+    ASSERT_EQ(0, unshare(CLONE_NEWNS)) << strerror(errno);
+    ASSERT_EQ(0, mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr)) << strerror(errno);
+    ASSERT_EQ(0, mount(root.c_str(), root.c_str(), nullptr, MS_BIND, nullptr)) << strerror(errno);
+    ASSERT_EQ(0, chdir(root.c_str())) << strerror(errno);
+    ASSERT_EQ(0, syscall(SYS_pivot_root, ".", ".")) << strerror(errno);
+    ASSERT_EQ(0, umount2(".", MNT_DETACH)) << strerror(errno);
+    write_at(path);
+}
+
 class UnusualWays : public FileSystems
 {
 protected:
@@ -100,7 +118,7 @@ protected:
     void make_files()
     {
         for (const char *name : {"mapped", "copied", "sent", "spliced", "cut", "by root", "by pid", "in chroot",
-                                 "xattr", "times", "source"})
+                                 "pivoted", "xattr", "times", "source"})
             write_to(Opened(at(name), O_WRONLY | O_CREAT));
         make_file(other);
     }
@@ -114,6 +132,7 @@ protected:
         write_at("/proc/self/root" + at("by root"));
         write_at("/proc/" + std::to_string(getpid()) + "/root" + at("by pid"));
         write_in_a_root_of_its_own(dir, "/in chroot");
+        elsewhere.emplace([this] { write_behind_a_pivot(dir, "/pivoted"); });
         name_what_had_no_name(dir, at("unnamed"));
         EXPECT_EQ(0, link(other.c_str(), at("from outside").c_str()));
         write_at(other);
@@ -127,7 +146,7 @@ protected:
     static Paths reported()
     {
         Paths all;
-        for (const char *name : {"copied", "sent", "spliced", "by root", "by pid", "in chroot"})
+        for (const char *name : {"copied", "sent", "spliced", "by root", "by pid", "in chroot", "pivoted"})
             all[name] = names("modify,close_write");
         for (const char *name : {"xattr", "times"})
             all[name] = names("attrib");
@@ -143,6 +162,8 @@ protected:
         return seen;
     }
     const std::string dir = tree.dir("dir"), other = tree.path("other");
+    /* By marks on directories the path is known only while the namespace is there: without, it would be a loss. */
+    std::optional<Child> elsewhere;
 };
 
 TEST_F(UnusualWays, ByTheMarkOfAFileSystem)
@@ -166,6 +187,31 @@ TEST_F(UnusualWays, ByMarksOnDirectories)
     take_all();
     EXPECT_EQ(reported(), without_numbers(watch.barrier(dir)));
     EXPECT_EQ(0, watch.stop());
+}
+
+/* By FICLONE, as cp does on file systems that share what is stored. */
+TEST_F(UnusualWays, AClonedRangeIsAWrite)
+{
+    const std::string point = tree.dir("point"), image = tree.path("image");
+    const std::string command = "exec 2>&1 >/dev/null; truncate -s 120M " + image + " && mkfs.btrfs -q " + image +
+                                " && mount -o loop " + image + " " + point;
+    NEED(system(command.c_str()) == 0, "needs btrfs, its programs and a loop device");
+    for (const std::string source : {"filesystem", "marks"}) {
+        SCOPED_TRACE(source);
+        const std::string place = point + "/" + source;
+        make_dir(place);
+        for (const char *name : {"/source", "/cloned"})
+            write_to(Opened(place + name, O_WRONLY | O_CREAT));
+        Watch watch(place, {"-r", "--source", source, "-e", kKinds});
+        watch.established();
+        {
+            const Opened from(place + "/source", O_RDONLY), to(place + "/cloned", O_WRONLY);
+            EXPECT_EQ(0, ioctl(to, FICLONE, int{from})) << strerror(errno);
+        }
+        EXPECT_EQ((Paths{{"cloned", names("modify,close_write")}}), watch.barrier(place));
+        EXPECT_EQ(0, watch.stop());
+    }
+    unmount(point);
 }
 
 /* As a server of NFS does: of a file that nobody has looked at since the mount, the kernel does not know the place. */
