@@ -333,12 +333,12 @@ void Service::restore(const std::string &reason)
 /* ---- the end ---- */
 
 // What the kernel holds, then what the monitor does, is handed on first: a status is given between two rounds of the
-// monitor's thread, so that what was read is in its table, or gone from it, by then.
+// monitor's threads, so that what was read waits for the table, is in it, or gone from it, by then.
 void Service::settle(uint64_t deadline_ms)
 {
     struct fmon_status status;
-    while (agent::steady_ms() < deadline_ms &&
-           (agent::has_unread_records() || (monitor_.module().read_status(status) && status.records)))
+    while (agent::steady_ms() < deadline_ms && (agent::has_unread_records() || (monitor_.module().read_status(status) &&
+                                                                                (status.records || status.fs.memory))))
         poll(nullptr, 0, 20);
 }
 

@@ -183,6 +183,16 @@ bool fs_queue_take(struct fs_queue *queue, struct fs_queued *out)
     return true;
 }
 
+size_t fs_queue_waiting(struct fs_queue *queue)
+{
+    size_t bytes = 0;
+    pthread_mutex_lock(&queue->lock);
+    for (const struct fs_block *block = queue->first; block; block = block->next)
+        bytes += block->end;
+    pthread_mutex_unlock(&queue->lock);
+    return bytes - queue->begin;
+}
+
 void fs_queue_hold(struct fs_queue *queue)
 {
     pthread_mutex_lock(&queue->lock);

@@ -47,6 +47,9 @@ bool fs_queue_put(struct fs_queue *queue, const char *path, uint32_t path_len, u
 /* The oldest event; false: none waits. */
 bool fs_queue_take(struct fs_queue *queue, struct fs_queued *out);
 
+/* Bytes of events that wait. Of whoever takes out. */
+size_t fs_queue_waiting(struct fs_queue *queue);
+
 /* Until the release a descriptor that cannot be read stays so, but for a block full of events. */
 void fs_queue_hold(struct fs_queue *queue);
 void fs_queue_release(struct fs_queue *queue);

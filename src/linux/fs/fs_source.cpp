@@ -407,7 +407,7 @@ void fs_source_status(struct fmon_status *out)
     out->fs.max_directories = counts.limit;
     out->fs.records = counts.records;
     out->fs.asked = counts.asked;
-    out->fs.memory = fs_source.queue.memory;
+    out->fs.memory = fs_queue_waiting(&fs_source.queue) + (fs_source.again ? fs_source.arena.used : 0);
     out->fs.max_memory = fs_source.queue.limit;
     out->fs.lost = {fs_source.counters.overflows, fs_source.counters.dropped, fs_source.counters.unresolved};
     out->lost.path += fs_source.counters.too_long;

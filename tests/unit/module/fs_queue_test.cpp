@@ -51,6 +51,26 @@ TEST_F(FsQueue, GivesBackWhatWasPutInInOrder)
     EXPECT_EQ("", take());
 }
 
+TEST_F(FsQueue, WhatWaitsIsWhatWasNotTaken)
+{
+    open(65536);
+    EXPECT_EQ(0u, fs_queue_waiting(&queue_));
+    put("/a");
+    const size_t one = fs_queue_waiting(&queue_);
+    EXPECT_GT(one, 0u);
+    put("/b");
+    EXPECT_EQ(2 * one, fs_queue_waiting(&queue_));
+    take();
+    EXPECT_EQ(one, fs_queue_waiting(&queue_));
+    take();
+    EXPECT_EQ(0u, fs_queue_waiting(&queue_));
+    put("/c");
+    EXPECT_EQ(one, fs_queue_waiting(&queue_));
+    EXPECT_EQ("/c:1:2", take());
+    EXPECT_EQ("", take());
+    EXPECT_EQ(0u, fs_queue_waiting(&queue_));
+}
+
 TEST_F(FsQueue, CanBeReadWhileAnythingWaits)
 {
     open(65536);
