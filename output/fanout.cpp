@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <chrono>
 #include <ctime>
+#include <iterator>
 #include <utility>
 
 #include "agent/time_format.h"
@@ -63,26 +64,40 @@ void Fanout::set_pacing(const PacingOptions &options)
 void Fanout::add_outlet(std::unique_ptr<Outlet> outlet)
 {
     const common::Lock hold(lock_);
+    enter(std::move(outlet));
+}
+
+void Fanout::enter(std::unique_ptr<Outlet> outlet)
+{
     outlet->formatter().begin(outlet->text());
     outlet->end_record(next_number(), agent::wall_clock_ns(), "heading", nullptr);
     outlets_.push_back(std::move(outlet));
 }
 
-Leftover Fanout::keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms)
+// What takes long, the draining, holds no record up.
+Leftover Fanout::replace_outlets(const std::vector<std::string> &kept, std::vector<std::unique_ptr<Outlet>> fresh,
+                                 uint64_t timeout_ms)
 {
-    const common::Lock hold(lock_);
+    std::vector<std::unique_ptr<Outlet>> gone;
+    {
+        const common::Lock hold(lock_);
+        const auto first = std::stable_partition(outlets_.begin(), outlets_.end(), [&](const auto &outlet) {
+            return std::find(kept.begin(), kept.end(), outlet->key()) != kept.end();
+        });
+        gone.assign(std::move_iterator(first), std::move_iterator(outlets_.end()));
+        outlets_.erase(first, outlets_.end());
+        for (std::unique_ptr<Outlet> &outlet : fresh)
+            enter(std::move(outlet));
+    }
     const uint64_t end = agent::steady_ms() + timeout_ms;
     Leftover left;
-    std::erase_if(outlets_, [&](std::unique_ptr<Outlet> &outlet) {
-        if (std::find(keys.begin(), keys.end(), outlet->key()) != keys.end())
-            return false;
+    for (const std::unique_ptr<Outlet> &outlet : gone) {
         outlet->offer();
         const uint64_t now = agent::steady_ms();
         outlet->drain(end > now ? end - now : 0);
         left.lost += outlet->give_up();
         left.add(outlet->leftover());
-        return true;
-    });
+    }
     return left;
 }
 

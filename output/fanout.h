@@ -58,10 +58,12 @@ public:
     /* Asks for a container's name, for filters and forms: to be called from within this object's functions. */
     EventFilter::NameOf container_name();
 
-    /* An output that was opened; its `key` names it for remove_outlet(). */
+    /* An output that was opened; its `key` names it for replace_outlets(). */
     void add_outlet(std::unique_ptr<Outlet> outlet);
-    /* Of those whose key is not among these: drained, and gone. What was not delivered in time. */
-    Leftover keep_outlets(const std::vector<std::string> &keys, uint64_t timeout_ms);
+    /* Those whose key is not among `kept` go, and are drained, and the fresh ones, which were opened, come: each record
+     * has the one or the other. Returns what was not delivered in time. */
+    Leftover replace_outlets(const std::vector<std::string> &kept, std::vector<std::unique_ptr<Outlet>> fresh,
+                             uint64_t timeout_ms);
 
     /* Filters see the paths as they are. */
     void event(const agent::Event &event, const Presentation &how);
@@ -91,6 +93,7 @@ private:
     void measure() REQUIRES(lock_);
     void add(const char *type, const std::function<void(Formatter &, uint64_t, std::string &)> &make) REQUIRES(lock_);
     uint64_t next_number() REQUIRES(lock_);
+    void enter(std::unique_ptr<Outlet> outlet) REQUIRES(lock_);
 
     const Origin origin_;
     mutable common::Mutex lock_;

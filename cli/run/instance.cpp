@@ -65,9 +65,7 @@ bool Instance::apply(const InstanceConfig &config, uint64_t drain_ms, output::Le
     }
     fanout_.set_filter(config.filter, around_.hidden);
     fanout_.set_pacing(config.pacing);
-    left.add(fanout_.keep_outlets(keys_of(kept), drain_ms));
-    for (std::unique_ptr<output::Outlet> &outlet : outlets)
-        fanout_.add_outlet(std::move(outlet));
+    left.add(fanout_.replace_outlets(keys_of(kept), std::move(outlets), drain_ms));
     outputs_ = std::move(kept);
     outputs_.insert(outputs_.end(), opened.begin(), opened.end());
     return apply_watches(config, error);

@@ -1,6 +1,7 @@
 /* An instance's events on their way to outputs that take them, take some, or take none. */
 #include "output/fanout.h"
 
+#include <functional>
 #include <future>
 
 #include "agent/time_format.h"
@@ -25,6 +26,7 @@ struct World {
     Condition condition;
     size_t waiting = 0;
     bool keeps = false; /* what waits */
+    std::function<void()> while_draining;
 
     Texts all()
     {
@@ -54,7 +56,12 @@ public:
         return count;
     }
     void flush() override { world_.flushes++; }
-    bool drain(uint64_t) override { return ++world_.drains > 0; }
+    bool drain(uint64_t) override
+    {
+        if (world_.while_draining)
+            world_.while_draining();
+        return ++world_.drains > 0;
+    }
     uint64_t safe() const override { return world_.numbers.empty() ? 0 : world_.numbers.back(); }
     Condition condition() const override { return world_.condition; }
     bool keeps_waiting() const override { return world_.keeps; }
@@ -67,11 +74,15 @@ private:
 class FanoutTest : public testing::Test
 {
 protected:
-    void add(World &world, const std::string &key, const std::string &format = "%e %p")
+    static std::unique_ptr<Outlet> opened(World &world, const std::string &key, const std::string &format = "%e %p")
     {
         std::string error;
-        fanout.add_outlet(std::make_unique<Outlet>(key, "fake", format, make_formatter(format, {}, error),
-                                                   std::make_unique<FakeSink>(world)));
+        return std::make_unique<Outlet>(key, "fake", format, make_formatter(format, {}, error),
+                                        std::make_unique<FakeSink>(world));
+    }
+    void add(World &world, const std::string &key, const std::string &format = "%e %p")
+    {
+        fanout.add_outlet(opened(world, key, format));
     }
 
     void create(const std::string &path) { fanout.event(event_of(path, FMON_CREATE), {FMON_CREATE}); }
@@ -160,7 +171,7 @@ TEST_F(FanoutTest, WhatASpoolKeepsIsNotLost)
     const Leftover left = fanout.drain();
     EXPECT_EQ(3u, left.lost);
     EXPECT_EQ(5u, left.kept);
-    const Leftover gone = fanout.keep_outlets({"1"}, 0);
+    const Leftover gone = fanout.replace_outlets({"1"}, {}, 0);
     EXPECT_EQ(0u, gone.lost);
     EXPECT_EQ(5u, gone.kept);
 }
@@ -183,13 +194,28 @@ TEST_F(FanoutTest, OutputsThatGoAreDrainedAndOthersStay)
     add(first, "1");
     add(second, "2");
     create("/a");
-    EXPECT_EQ(0u, fanout.keep_outlets({"2"}, 1000).lost);
+    EXPECT_EQ(0u, fanout.replace_outlets({"2"}, {}, 1000).lost);
     EXPECT_EQ(Texts{"create /a\n"}, first.all());
     EXPECT_EQ(1u, first.drains);
     create("/b");
     fanout.flush();
     EXPECT_EQ((Texts{"create /a\n", "create /b\n"}), second.all());
     EXPECT_EQ(1u, fanout.outlet_figures().size());
+}
+
+TEST_F(FanoutTest, WhatComesWhileAnOutputIsReplacedGoesToTheNewOne)
+{
+    add(first, "1");
+    create("/a");
+    first.while_draining = [&] {
+        create("/b");
+        fanout.flush();
+    };
+    std::vector<std::unique_ptr<Outlet>> fresh;
+    fresh.push_back(opened(second, "2"));
+    EXPECT_EQ(0u, fanout.replace_outlets({}, std::move(fresh), 1000).lost);
+    EXPECT_EQ(Texts{"create /a\n"}, first.all());
+    EXPECT_EQ(Texts{"create /b\n"}, second.all());
 }
 
 TEST_F(FanoutTest, PathsAreShownAsGivenAndFilteredAsTheyAre)
