@@ -93,10 +93,8 @@ Leftover Fanout::replace_outlets(const std::vector<std::string> &kept, std::vect
     Leftover left;
     for (const std::unique_ptr<Outlet> &outlet : gone) {
         outlet->offer();
-        const uint64_t now = agent::steady_ms();
-        outlet->drain(end > now ? end - now : 0);
+        left.add(outlet->drain(end));
         left.lost += outlet->give_up();
-        left.add(outlet->leftover());
     }
     return left;
 }
@@ -223,11 +221,8 @@ Leftover Fanout::drain()
     take_paced(true);
     deliver();
     Leftover left = {std::exchange(given_up_, 0), 0};
-    for (const std::unique_ptr<Outlet> &outlet : outlets_) {
-        const uint64_t now = agent::steady_ms(), end = deadline_ms_;
-        outlet->drain(end > now ? end - now : 0);
-        left.add(outlet->leftover());
-    }
+    for (const std::unique_ptr<Outlet> &outlet : outlets_)
+        left.add(outlet->drain(deadline_ms_));
     return left;
 }
 

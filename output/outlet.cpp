@@ -2,6 +2,8 @@
 
 #include <utility>
 
+#include "agent/time_format.h"
+
 namespace output
 {
 
@@ -61,8 +63,10 @@ uint64_t Outlet::give_up()
     return left;
 }
 
-Leftover Outlet::leftover() const
+Leftover Outlet::drain(uint64_t deadline_ms)
 {
+    const uint64_t now = agent::steady_ms();
+    sink_->drain(deadline_ms > now ? deadline_ms - now : 0);
     const uint64_t waiting = sink_->figures().waiting;
     return sink_->keeps_waiting() ? Leftover{0, waiting} : Leftover{waiting, 0};
 }

@@ -50,9 +50,8 @@ public:
     void flush() { sink_->flush(); }
     /* What gathered and was not taken will not be: how many records. */
     uint64_t give_up();
-    bool drain(uint64_t timeout_ms) { return sink_->drain(timeout_ms); }
-    /* After that. */
-    Leftover leftover() const;
+    /* At the end: until all that was taken is safe, or until then, by agent::steady_ms(). What is not. */
+    Leftover drain(uint64_t deadline_ms);
 
     OutletFigures figures() const { return {type_, format_, sink_->figures(), sink_->condition(), sink_->safe()}; }
     /* What the sink's condition says, where that is news. */
