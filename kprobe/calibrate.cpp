@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <functional>
 #include <vector>
 
 #include "common/fd.h"
@@ -58,6 +57,41 @@ bool matches(const std::vector<Values> &found, size_t index, Wanted &&wanted)
     return true;
 }
 
+// Values that follow each other: what stands at the offsets 0, step, 2 * step and so on of one thing.
+struct Run {
+    size_t first, count;
+    int step;
+};
+
+template <typename Place>
+Run add_run(Fetches &fetches, int size, int step, const char *type, Place &&place)
+{
+    const Run run = {fetches.size(), static_cast<size_t>(size / step), step};
+    for (int offset = 0; offset < size; offset += step)
+        fetches.push_back({place(offset), type});
+    return run;
+}
+
+// The first offset at which stands what is wanted; kUnknown: none, or nothing was found.
+template <typename Wanted>
+int offset_of(const std::vector<Values> &found, const Run &run, Wanted &&wanted)
+{
+    for (size_t i = 0; !found.empty() && i < run.count; i++)
+        if (matches(found, run.first + i, wanted))
+            return static_cast<int>(i) * run.step;
+    return kUnknown;
+}
+
+// The offsets at which both subjects have a pointer: the same one, or each its own.
+std::vector<int> pointers(const Facts &facts, const std::vector<Values> &found, const Run &words, bool same)
+{
+    std::vector<int> offsets;
+    for (size_t i = words.first; i < words.first + words.count; i++)
+        if (is_pointer(found[0][i], facts) && is_pointer(found[1][i], facts) && (found[0][i] == found[1][i]) == same)
+            offsets.push_back(static_cast<int>(i - words.first) * words.step);
+    return offsets;
+}
+
 // ---- entries ----
 
 // stat() goes through security_inode_getattr, whose argument points to a struct path: the mount, then the entry.
@@ -74,34 +108,30 @@ public:
             stat(kSubjects[i].path, &stats_[i]);
     }
 
+    // The name stands in the entry, as short as it is, and the pointer to it beside.
     void find(DentryLayout &at)
     {
-        find_names(at);
+        Fetches fetches;
+        const Run direct = add_run(fetches, kDentrySize, 4, "u32", [&](int o) { return deref(o, entry_); });
+        const Run pointed =
+            add_run(fetches, kDentrySize, word_, "u32", [&](int o) { return deref(0, deref(o, entry_)); });
+        const Run words = add_run(fetches, kDentrySize, word_, "", [&](int o) { return deref(o, entry_); });
+        const std::vector<Values> found = look(fetches);
+        const auto wanted = [](uint64_t value, size_t i) { return value == beginning(kSubjects[i].name); };
+        at.inline_name = offset_of(found, direct, wanted);
+        at.name = offset_of(found, pointed, wanted);
         if (at.name < 0)
             return;
-        const std::vector<Values> words = look(each(kDentrySize, word_, [&](int o) { return deref(o, entry_); }), "");
-        if (words.empty())
-            return;
         find_parent(at);
-        find_inode(words, at);
-        find_super(words, at);
+        find_inode(pointers(facts_, found, words, false), at);
+        find_super(pointers(facts_, found, words, true), at);
     }
 
 private:
-    using Place = std::function<std::string(int)>;
-
-    static std::vector<std::string> each(int limit, int step, const Place &place)
-    {
-        std::vector<std::string> places;
-        for (int offset = 0; offset < limit; offset += step)
-            places.push_back(place(offset));
-        return places;
-    }
-
     // Empty unless there was one hit of each subject.
-    std::vector<Values> look(const std::vector<std::string> &places, const char *type)
+    std::vector<Values> look(const Fetches &fetches)
     {
-        auto found = experiment(tracefs_, "security_inode_getattr", places, type, [] {
+        auto found = experiment(tracefs_, "security_inode_getattr", fetches, [] {
             struct stat st;
             for (const Subject &subject : kSubjects)
                 stat(subject.path, &st);
@@ -111,72 +141,69 @@ private:
         return found;
     }
 
-    // The name stands in the entry, as short as it is, and the pointer to it beside.
-    void find_names(DentryLayout &at)
-    {
-        const auto wanted = [](uint64_t value, size_t i) { return value == beginning(kSubjects[i].name); };
-        const auto direct = look(each(kDentrySize, 4, [&](int o) { return deref(o, entry_); }), "u32");
-        const auto pointed = look(each(kDentrySize, word_, [&](int o) { return deref(0, deref(o, entry_)); }), "u32");
-        for (size_t i = 0; !direct.empty() && i < direct[0].size() && at.inline_name < 0; i++)
-            if (matches(direct, i, wanted))
-                at.inline_name = static_cast<int>(i) * 4;
-        for (size_t i = 0; !pointed.empty() && i < pointed[0].size() && at.name < 0; i++)
-            if (matches(pointed, i, wanted))
-                at.name = static_cast<int>(i) * word_;
-    }
-
     void find_parent(DentryLayout &at)
     {
-        const auto found =
-            look(each(kDentrySize, word_, [&](int o) { return deref(0, deref(at.name, deref(o, entry_))); }), "u32");
-        const auto wanted = [](uint64_t value, size_t i) {
+        Fetches fetches;
+        const Run names = add_run(fetches, kDentrySize, word_, "u32",
+                                  [&](int o) { return deref(0, deref(at.name, deref(o, entry_))); });
+        at.parent = offset_of(look(fetches), names, [](uint64_t value, size_t i) {
             return cut(value, kSubjects[i].parent) == cut(beginning(kSubjects[i].parent), kSubjects[i].parent);
-        };
-        for (size_t i = 0; !found.empty() && i < found[0].size() && at.parent < 0; i++)
-            if (matches(found, i, wanted))
-                at.parent = static_cast<int>(i) * word_;
+        });
     }
 
-    // Looks behind each pointer of the entry that `likely` takes for a number that `wanted` knows.
-    template <typename Likely, typename Wanted>
-    void find_behind(const std::vector<Values> &words, int size, Likely &&likely, Wanted &&wanted, int &pointer,
-                     int &inner)
+    struct Behind {
+        int pointer = kUnknown, inner = kUnknown;
+        std::vector<uint32_t> heads;  // what the pointer of each subject points to begins with
+    };
+
+    // Behind which of these pointers, and how far, stands a number that `wanted` knows.
+    template <typename Wanted>
+    Behind find_behind(const std::vector<int> &pointers, int size, Wanted &&wanted)
     {
-        for (size_t i = 0; i < words[0].size() && pointer < 0; i++) {
-            if (!is_pointer(words[0][i], facts_) || !is_pointer(words[1][i], facts_) ||
-                !likely(words[0][i] == words[1][i]))
-                continue;
-            const int offset = static_cast<int>(i) * word_;
-            const auto found = look(each(size, 4, [&](int o) { return deref(o, deref(offset, entry_)); }), "u32");
-            for (size_t j = 0; !found.empty() && j < found[0].size() && pointer < 0; j++)
-                if (matches(found, j, wanted)) {
-                    pointer = offset;
-                    inner = static_cast<int>(j) * 4;
-                }
+        const size_t at_once = kMostFetches / (static_cast<size_t>(size) / 4);
+        for (size_t begin = 0; begin < pointers.size(); begin += at_once) {
+            Fetches fetches;
+            std::vector<Run> runs;
+            for (size_t i = begin; i < std::min(begin + at_once, pointers.size()); i++)
+                runs.push_back(
+                    add_run(fetches, size, 4, "u32", [&](int o) { return deref(o, deref(pointers[i], entry_)); }));
+            const std::vector<Values> found = look(fetches);
+            for (size_t i = 0; i < runs.size(); i++) {
+                const int inner = offset_of(found, runs[i], wanted);
+                if (inner < 0)
+                    continue;
+                Behind behind = {pointers[begin + i], inner, {}};
+                for (const Values &values : found)
+                    behind.heads.push_back(static_cast<uint32_t>(values[runs[i].first]));
+                return behind;
+            }
         }
+        return {};
     }
 
-    void find_inode(const std::vector<Values> &words, DentryLayout &at)
+    void find_inode(const std::vector<int> &pointers, DentryLayout &at)
     {
-        find_behind(
-            words, kInodeSize, [](bool same) { return !same; },
-            [&](uint64_t value, size_t i) { return value == static_cast<uint32_t>(stats_[i].st_ino); }, at.inode,
-            at.i_ino);
+        const Behind inode = find_behind(pointers, kInodeSize, [&](uint64_t value, size_t i) {
+            return value == static_cast<uint32_t>(stats_[i].st_ino);
+        });
+        at.inode = inode.pointer;
+        at.i_ino = inode.inner;
         if (at.inode < 0)
             return;
         // The first field of all: what kind of file it is.
-        const auto found = look({deref(0, deref(at.inode, entry_))}, "u16");
-        if (!found.empty() && matches(found, 0, [&](uint64_t value, size_t i) { return value == stats_[i].st_mode; }))
-            at.i_mode = 0;
+        for (size_t i = 0; i < kCount; i++)
+            if (static_cast<uint16_t>(inode.heads[i]) != stats_[i].st_mode)
+                return;
+        at.i_mode = 0;
     }
 
     // Both subjects are on one file system.
-    void find_super(const std::vector<Values> &words, DentryLayout &at)
+    void find_super(const std::vector<int> &pointers, DentryLayout &at)
     {
         const uint64_t device = uint64_t{major(stats_[0].st_dev)} << 20 | minor(stats_[0].st_dev);
-        find_behind(
-            words, kSuperSize, [](bool same) { return same; }, [&](uint64_t value, size_t) { return value == device; },
-            at.super, at.s_dev);
+        const Behind super = find_behind(pointers, kSuperSize, [&](uint64_t value, size_t) { return value == device; });
+        at.super = super.pointer;
+        at.s_dev = super.inner;
     }
 
     const Tracefs &tracefs_;
@@ -217,24 +244,22 @@ public:
 
     void find(MarkLayout &at)
     {
-        std::vector<std::string> places;
-        for (int offset = 0; offset < kMarkSize; offset += 4)
-            places.push_back(deref(offset, mark_));
-        const auto words = look(places, "u32");
-        for (size_t i = 0; !words.empty() && i < words[0].size() && at.wd < 0; i++)
-            if (matches(words, i, [&](uint64_t value, size_t n) { return static_cast<int>(value) == watches_.wd[n]; }))
-                at.wd = static_cast<int>(i) * 4;
-        for (int from = 0; from < kMarkSize && at.object < 0; from += word_ * kAtOnce)
-            find_object(from, at);
-        find_group(at);
+        Fetches fetches;
+        const Run numbers = add_run(fetches, kMarkSize, 4, "u32", [&](int o) { return deref(o, mark_); });
+        const Run words = add_run(fetches, kMarkSize, word_, "", [&](int o) { return deref(o, mark_); });
+        const std::vector<Values> found = look(fetches);
+        at.wd = offset_of(found, numbers,
+                          [&](uint64_t value, size_t i) { return static_cast<int>(value) == watches_.wd[i]; });
+        if (found.empty())
+            return;
+        find_object(pointers(facts_, found, words, false), at);
+        find_group(found, words, at);
     }
 
 private:
-    static constexpr int kAtOnce = 8;  // connectors tried in one experiment
-
-    std::vector<Values> look(const std::vector<std::string> &places, const char *type)
+    std::vector<Values> look(const Fetches &fetches)
     {
-        auto found = experiment(tracefs_, "inotify_handle_inode_event", places, type, [] {
+        auto found = experiment(tracefs_, "inotify_handle_inode_event", fetches, [] {
             for (const Subject &subject : kSubjects)
                 Fd(open(subject.path, O_RDONLY | O_DIRECTORY | O_CLOEXEC));
         });
@@ -244,47 +269,56 @@ private:
     }
 
     // The third argument is the inode; the connector's object points to it or into it, as far in both subjects.
-    void find_object(int from, MarkLayout &at)
+    void find_object(const std::vector<int> &connectors, MarkLayout &at)
     {
-        const int inner = kConnectorSize / word_;
-        std::vector<std::string> places = {argument_place(facts_, 3)};
-        for (int i = 0; i < kAtOnce; i++)
-            for (int j = 0; j < inner; j++)
-                places.push_back(deref(j * word_, deref(from + i * word_, mark_)));
-        const auto found = look(places, "");
-        for (size_t i = 1; !found.empty() && i < found[0].size() && at.object < 0; i++) {
-            const uint64_t back = found[0][i] - found[0][0];
-            if (!is_pointer(found[0][0], facts_) || back >= kInodeRoom || found[1][i] - found[1][0] != back)
+        const size_t at_once = (kMostFetches - 1) / static_cast<size_t>(kConnectorSize / word_);
+        for (size_t begin = 0; begin < connectors.size() && at.object < 0; begin += at_once) {
+            Fetches fetches = {{argument_place(facts_, 3), ""}};
+            std::vector<Run> runs;
+            for (size_t i = begin; i < std::min(begin + at_once, connectors.size()); i++)
+                runs.push_back(add_run(fetches, kConnectorSize, word_, "",
+                                       [&](int o) { return deref(o, deref(connectors[i], mark_)); }));
+            const auto found = look(fetches);
+            if (found.empty() || !is_pointer(found[0][0], facts_))
                 continue;
-            at.connector = from + static_cast<int>(i - 1) / inner * word_;
-            at.object = static_cast<int>(i - 1) % inner * word_;
-            at.inode_back = static_cast<int>(back);
+            for (size_t i = 0; i < runs.size() && at.object < 0; i++)
+                if (leads_back(found, runs[i], at))
+                    at.connector = connectors[begin + i];
         }
     }
 
-    std::vector<std::string> words_behind(const std::string &place, int size) const
+    // The first value is the inode.
+    static bool leads_back(const std::vector<Values> &found, const Run &run, MarkLayout &at)
     {
-        std::vector<std::string> places;
-        for (int offset = 0; offset < size; offset += word_)
-            places.push_back(deref(offset, place));
-        return places;
+        for (size_t i = run.first; i < run.first + run.count; i++) {
+            const uint64_t back = found[0][i] - found[0][0];
+            if (back >= kInodeRoom || found[1][i] - found[1][0] != back)
+                continue;
+            at.object = static_cast<int>(i - run.first) * run.step;
+            at.inode_back = static_cast<int>(back);
+            return true;
+        }
+        return false;
     }
 
     // What both marks and the descriptor's open file point to is the inotify instance. The first place counts: behind a
     // small kernel's mark lies another one of the same instance.
-    void find_group(MarkLayout &at)
+    void find_group(const std::vector<Values> &marks, const Run &words, MarkLayout &at)
     {
-        const auto marks = look(words_behind(mark_, kMarkSize), "");
-        const auto file = experiment(tracefs_, kFilePoint, words_behind(argument_place(facts_, 1), kFileSize), "",
-                                     [this] { ask_queue(watches_.fd()); });
-        for (size_t i = 0; file.size() == 1 && !marks.empty() && i < marks[0].size(); i++)
-            for (size_t j = 0; j < file[0].size(); j++) {
-                if (!is_pointer(marks[0][i], facts_) || marks[1][i] != marks[0][i] || file[0][j] != marks[0][i])
-                    continue;
-                at.group = static_cast<int>(i) * word_;
-                at.file_group = static_cast<int>(j) * word_;
-                return;
-            }
+        const std::string file = argument_place(facts_, 1);
+        Fetches fetches;
+        const Run pointers = add_run(fetches, kFileSize, word_, "", [&](int o) { return deref(o, file); });
+        const auto found = experiment(tracefs_, kFilePoint, fetches, [this] { ask_queue(watches_.fd()); });
+        for (size_t i = 0; found.size() == 1 && i < words.count; i++) {
+            const uint64_t group = marks[0][words.first + i];
+            const auto begin = found[0].begin(), end = begin + static_cast<ptrdiff_t>(pointers.count),
+                       same = std::find(begin, end, group);
+            if (!is_pointer(group, facts_) || marks[1][words.first + i] != group || same == end)
+                continue;
+            at.group = static_cast<int>(i) * word_;
+            at.file_group = static_cast<int>(same - begin) * word_;
+            return;
+        }
     }
 
     const Tracefs &tracefs_;
@@ -319,7 +353,7 @@ bool counts_failed_fetches(const Tracefs &tracefs, const Facts &facts)
     uint64_t missed = 0;
     if (queue)
         experiment(
-            tracefs, kFilePoint, {deref(0, argument_place(facts, 2))}, "", [&] { ask_queue(queue.get()); }, &missed);
+            tracefs, kFilePoint, {{deref(0, argument_place(facts, 2)), ""}}, [&] { ask_queue(queue.get()); }, &missed);
     return missed != 0;
 }
 

@@ -59,15 +59,15 @@ bool observe(int event_id, const std::function<void()> &act, Hits &hits)
 
 }  // namespace
 
-std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const std::vector<std::string> &places,
-                               const char *type, const std::function<void()> &act, uint64_t *missed)
+std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const Fetches &fetches,
+                               const std::function<void()> &act, uint64_t *missed)
 {
     static unsigned serial;
     const std::string group = group_name(current_owner(), serial++, "calibrate");
     Plan plan;
     plan.point = point;
-    for (size_t i = 0; i < places.size(); i++)
-        plan.args.push_back({"v" + std::to_string(i), places[i], type});
+    for (size_t i = 0; i < fetches.size(); i++)
+        plan.args.push_back({"v" + std::to_string(i), fetches[i].place, fetches[i].type});
     std::string why;
     if (tracefs.define(plan.command(group, "one"), why) < 0) {
         KP_LOG(2, "calibration at %s refused: %s", point, why.c_str());
@@ -76,7 +76,7 @@ std::vector<Values> experiment(const Tracefs &tracefs, const char *point, const 
     const std::vector<RawField> fields = tracefs.format(group, "one");
     Hits hits;
     std::vector<Values> found;
-    if (fields.size() == places.size() && observe(tracefs.event_id(group, "one"), act, hits))
+    if (fields.size() == fetches.size() && observe(tracefs.event_id(group, "one"), act, hits))
         for (const auto &[time, raw] : hits.raw) {
             found.emplace_back();
             for (const RawField &field : fields)

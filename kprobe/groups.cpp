@@ -91,7 +91,7 @@ bool Groups::is_known(int fd) const
 int Groups::ask(const Tracefs &tracefs, const Facts &facts, const std::vector<int> &fds, std::vector<uint64_t> &groups)
 {
     const std::string group = deref(facts.mark.file_group, argument_place(facts, 1));
-    const auto hits = experiment(tracefs, kFilePoint, {group}, "", [&] {
+    const auto hits = experiment(tracefs, kFilePoint, {{group, ""}}, [&] {
         for (const int fd : fds)
             ask_queue(fd);
     });

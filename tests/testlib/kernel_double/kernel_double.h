@@ -67,7 +67,8 @@ public:
 
     /* The definitions in force, "p:GROUP/EVENT POINT ARGS". */
     std::vector<std::string> definitions();
-    int id_of(const std::string &event); /* the first event whose name begins so; -1: none */
+    int id_of(const std::string &event);                /* the first event whose name begins so; -1: none */
+    int defined() const { return next_id_ - kFirstId; } /* so far, with those that are gone */
 
     /* Runs the probes at a function, the one that was defined last at first. Returns how many records came of it. */
     int hit(const Hit &hit);
@@ -111,7 +112,8 @@ private:
     std::map<std::string, std::string> refused_;
     std::vector<Definition> definitions_;
     std::map<int, uint64_t> groups_;
-    int next_id_ = 1500;
+    static constexpr int kFirstId = 1500;
+    int next_id_ = kFirstId;
 };
 
 /* CLOCK_MONOTONIC goes on by that much, in nanoseconds. */

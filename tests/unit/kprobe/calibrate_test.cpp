@@ -71,6 +71,16 @@ TEST(KprobeCalibrate, FindsAllOffsets)
     }
 }
 
+/* The kernel waits for all its processors when a probe goes: some fifty milliseconds of each start. */
+TEST(KprobeCalibrate, TakesFewExperiments)
+{
+    for (const bool is_64 : {true, false}) {
+        Calibration c(is_64);
+        c.gather();
+        EXPECT_EQ(7, c.kernel.defined());
+    }
+}
+
 TEST(KprobeCalibrate, BelievesNothingThatDoesNotFit)
 {
     Calibration c(false);
