@@ -212,7 +212,8 @@ int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size)
 {
     World world;
     world.input = {data, size};
-    const struct fs_world callbacks = {&world, open_mount, read_more, done, deliver, lost, displaced, &kAsks, true};
+    const struct fs_world callbacks = {&world,    open_mount, read_more, done, deliver, lost,
+                                       displaced, nullptr,    nullptr,   0,    &kAsks,  true};
     struct fs_engine *engine = fs_engine_new(8, 7, &callbacks);
     while (world.input.size)
         step(engine, world.input);

@@ -109,6 +109,9 @@ FsGroup::FsGroup(const std::string &mount, uint64_t mask, uint32_t limit, int ow
                                    FsGroupWorld::lost,
                                    FsGroupWorld::displaced,
                                    nullptr,
+                                   nullptr,
+                                   0,
+                                   nullptr,
                                    true};
     engine = fs_engine_new(limit, own_pid, &world);
 }

@@ -46,8 +46,10 @@ void let_go(struct fs_engine *engine, struct fs_node *node)
         return;
     const int system = node->system;
     fs_node_unpin(node);
-    if (--engine->table.systems[system].ties == 0)
-        fs_table_forget(&engine->table, system);
+    if (--engine->table.systems[system].ties > 0)
+        return;
+    fs_loud_release(engine, system);
+    fs_table_forget(&engine->table, system);
 }
 
 void free_tie(struct fs_engine *engine, struct fs_tie *tie)
@@ -67,6 +69,7 @@ void attach(struct fs_engine *engine, struct fs_tie *tie)
     engine->generation++;
     engine->counts.anchors += !tie->in;
     engine->shallow += !tie->in && !tie->recursive;
+    fs_loud_check(engine, FS_LOUD_NEW_TIE);
 }
 
 void detach(struct fs_engine *engine, struct fs_tie *tie)
@@ -240,6 +243,7 @@ void fs_engine_flush(struct fs_engine *engine)
     engine->generation++;
     engine->mount_generation++;
     fs_moves_clear(&engine->moves);
+    fs_loud_release(engine, -1);
     fs_table_forget(&engine->table, -1);
     for (struct fs_tie *tie = engine->ties; tie; tie = tie->next_of_all)
         if (is_live(tie) && !is_in_place(engine, tie))

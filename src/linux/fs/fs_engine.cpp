@@ -70,8 +70,10 @@ void process(struct fs_engine *engine, struct fs_record *record)
         return;
     enum fs_side from, to;
     fs_tell(engine, record, &from, &to);
-    if (moves)
-        fs_learn(engine, record, from, to);
+    if (!moves)
+        return;
+    fs_learn(engine, record, from, to);
+    fs_loud_check(engine, FS_LOUD_MOVED);
 }
 
 /* The current record. False: the chunk has none any more. What others are told of may bring further chunks. */
@@ -97,6 +99,7 @@ void end_epoch(struct fs_engine *engine)
 {
     fs_moves_clear(&engine->moves);
     engine->table.epoch = ++engine->epoch;
+    fs_loud_check(engine, FS_LOUD_RETRY);
 }
 
 /* The first chunk. True: it was the caller's. */
@@ -165,6 +168,10 @@ struct fs_engine *fs_engine_new(uint32_t limit, int32_t own_pid, const struct fs
         return nullptr;
     }
     engine->world = *world;
+    if (!fs_loud_init(engine)) {
+        fs_engine_free(engine);
+        return nullptr;
+    }
     if (!engine->world.asks)
         engine->world.asks = &fs_kernel;
     engine->own_pid = own_pid;
@@ -187,6 +194,7 @@ void fs_engine_free(struct fs_engine *engine)
     fs_moves_release(&engine->moves);
     fs_table_release(&engine->table);
     free(engine->paths.bytes);
+    free(engine->loud.all);
     free(engine);
 }
 
@@ -236,8 +244,10 @@ void fs_engine_lost(struct fs_engine *engine, enum fs_loss kind)
 void fs_engine_forget(struct fs_engine *engine, const int32_t fsid[2])
 {
     const int system = fs_table_system(&engine->table, fsid);
-    if (system >= 0)
-        fs_table_forget(&engine->table, system);
+    if (system < 0)
+        return;
+    fs_loud_release(engine, system);
+    fs_table_forget(&engine->table, system);
 }
 
 void fs_engine_counts(const struct fs_engine *engine, struct fs_counts *out)
@@ -245,4 +255,5 @@ void fs_engine_counts(const struct fs_engine *engine, struct fs_counts *out)
     *out = engine->counts;
     out->directories = engine->table.count;
     out->limit = engine->table.limit;
+    out->ignored = engine->loud.count;
 }

@@ -26,7 +26,8 @@ enum { FS_PATH_MAX = 1022 }; /* bytes of the longest path that is handed on */
 
 enum fs_loss {
     FS_LOST_OVERFLOW,   /* the kernel's queue was full; counted once an overflow record */
-    FS_LOST_UNRESOLVED, /* records whose directory could not be found out, and records that are cut */
+    FS_LOST_UNRESOLVED, /* records whose directory could not be found out, and records that are cut; and once for each
+                           directory that came inside while the kernel was asked to report nothing of its files */
     FS_LOST_TOO_LONG,   /* events below an anchor with a path longer than FS_PATH_MAX */
     FS_LOSSES
 };
@@ -76,6 +77,13 @@ struct fs_world {
      * is removed and added anew. The directory's own MOVE_SELF is still to come. */
     void (*displaced)(void *arg, uint64_t id);
 
+    /* The kernel is asked to report nothing of the files in a directory, and to report it again. Both false: it
+     * refuses, for the moment at least; what is not there any more is no failure of heed(). At most so many directories
+     * at once; 0, or ignore null: none. A directory may be asked for again that is ignored. */
+    bool (*ignore)(void *arg, const struct fs_key *directory);
+    bool (*heed)(void *arg, const struct fs_key *directory);
+    uint32_t most_ignored;
+
     /* Where the kernel is asked; null: fs_kernel of fs_ask.h. */
     const struct fs_asks *asks;
 
@@ -90,6 +98,7 @@ struct fs_counts {
     uint32_t directories; /* in the table now */
     uint32_t limit;
     uint32_t anchors;
+    uint32_t ignored; /* directories */
 };
 
 /* An engine whose table holds `limit` directories; those at and above anchors stay, and may be more. Records of process

@@ -2,7 +2,7 @@
  * fs_state.h: the engine's inside, shared by its sources: fs_engine.cpp (its life, the turn over the records),
  * fs_anchor.cpp (anchors and joints), fs_resolve.cpp (where a directory lies), fs_path.cpp (the paths of an entry),
  * fs_tell.cpp (what is handed on), fs_entries.cpp (what entries are on the disk), fs_learn.cpp (what records say of
- * directories).
+ * directories), fs_loud.cpp (directories outside that the kernel is asked to be silent of).
  */
 #ifndef FMON_FS_STATE_H
 #define FMON_FS_STATE_H
@@ -50,12 +50,22 @@ struct fs_open_directory {
     uint64_t names[FS_NAME_BITS / 64]; /* a bit for each name's hash */
 };
 
+/* Directories outside of whose files the kernel reports nothing. */
+struct fs_loud {
+    struct fs_node **all; /* pinned */
+    uint32_t count, limit;
+    uint32_t next;       /* whose place is given to another when all are taken */
+    uint32_t generation; /* in which all of them lay outside */
+    bool retry;          /* one cannot be heard again, for the moment */
+};
+
 struct fs_engine {
     struct fs_world world;
     struct fs_table table;
     struct fs_batch batch;
     struct fs_moves moves;
     struct fs_paths paths; /* of the entry that is told now */
+    struct fs_loud loud;
     struct fs_tie *ties;
     struct fs_counts counts;
     struct fs_open_directory open[FS_OPEN_DIRECTORIES];
@@ -104,6 +114,18 @@ void fs_tell(struct fs_engine *engine, const struct fs_record *record, enum fs_s
 bool fs_entry_is(struct fs_engine *engine, struct fs_node *node, const struct fs_entry *entry,
                  const struct fs_key *key);
 void fs_close_directories(struct fs_engine *engine);
+
+/* fs_loud.cpp */
+bool fs_loud_init(struct fs_engine *engine); /* false: no memory */
+/* A record of a file in a directory that lies outside. */
+void fs_loud_note(struct fs_engine *engine, struct fs_node *node, const struct fs_record *record);
+/* What lay outside may lie inside: hears those again that do not certainly lie outside, and counts what that loses:
+ * what happened in a directory that was moved, from then on; and what happens where the kernel cannot be told now, from
+ * the beginning, and once more when it can. */
+enum fs_loud_why { FS_LOUD_MOVED, FS_LOUD_NEW_TIE, FS_LOUD_RETRY };
+void fs_loud_check(struct fs_engine *engine, enum fs_loud_why why);
+/* Hears those of a file system again (-1: of all), which are no loss. */
+void fs_loud_release(struct fs_engine *engine, int system);
 
 /* fs_learn.cpp: what a record says of directories. */
 void fs_learn(struct fs_engine *engine, const struct fs_record *record, enum fs_side from, enum fs_side to);

@@ -43,6 +43,7 @@ struct fs_node {
     uint8_t key_len; /* the handle's bytes follow the structure */
     uint8_t name_len;
     uint8_t flags;
+    uint16_t heard; /* records of files in it that nobody wanted, see fs_loud.cpp */
 };
 
 struct fs_known_system {

@@ -155,8 +155,10 @@ enum fs_side tell_entry(struct fs_engine *engine, const struct fs_record *record
         fs_engine_lost(engine, FS_LOST_UNRESOLVED);
         return FS_SIDE_UNKNOWN;
     }
-    if (node->outside == engine->generation && (entry->name_len || !engine->shallow))
+    if (node->outside == engine->generation && (entry->name_len || !engine->shallow)) {
+        fs_loud_note(engine, node, record);
         return FS_SIDE_OUTSIDE;
+    }
     fs_node_pin(node);
     fs_find_paths(engine, node, entry->name, entry->name_len, kinds & (FMON_DELETE_SELF | FMON_MOVE_SELF));
     const enum fs_side side = side_of(&engine->paths);

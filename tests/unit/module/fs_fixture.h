@@ -44,8 +44,10 @@ struct World {
     unsigned blind_mounts = 0; /* the first ones: they show nothing */
     bool read_fails = false;
     bool lists = true;
+    bool ignores = true, heeds = true; /* what the kernel is asked is done */
 
     Lines told;
+    std::vector<int> ignored; /* directories, in the order in which the kernel was asked */
     std::vector<uint64_t> displaced;
     std::array<uint64_t, FS_LOSSES> lost{};
     int opened = 0; /* descriptors, less those that were closed */
@@ -176,6 +178,20 @@ inline void deliver(void *arg, const struct fs_event *event)
 inline void lost(void *arg, enum fs_loss kind, uint64_t count) { world_of(arg).lost[kind] += count; }
 inline void displaced(void *arg, uint64_t id) { world_of(arg).displaced.push_back(id); }
 
+inline bool ignore(void *arg, const struct fs_key *directory)
+{
+    World &world = world_of(arg);
+    if (world.ignores)
+        world.ignored.push_back(number_of(directory));
+    return world.ignores;
+}
+
+inline bool heed(void *arg, const struct fs_key *directory)
+{
+    World &world = world_of(arg);
+    return world.heeds && std::erase(world.ignored, number_of(directory)) > 0;
+}
+
 class FsFixture : public testing::Test
 {
 protected:
@@ -188,10 +204,10 @@ protected:
         EXPECT_EQ(0, world.given) << "chunks";
     }
 
-    void restart(uint32_t limit, bool ordered = true)
+    void restart(uint32_t limit, bool ordered = true, uint32_t most_ignored = 0)
     {
-        const struct fs_world callbacks = {&world, open_mount, read_more, done,   deliver,
-                                           lost,   displaced,  &kAsks,    ordered};
+        const struct fs_world callbacks = {&world,    open_mount, read_more, done,         deliver, lost,
+                                           displaced, ignore,     heed,      most_ignored, &kAsks,  ordered};
         fs_engine_free(engine);
         engine = fs_engine_new(limit, kOwnPid, &callbacks);
     }
