@@ -85,6 +85,7 @@ struct fmon_fs_keys {
     uint32_t memory_kib;  /* of what waits */
     uint32_t queue;       /* not 0: the kernel's queue has its limit */
     uint32_t rest_ms;     /* of its reader, while records come */
+    uint32_t ignored;     /* directories outside that the kernel may be asked to report nothing of */
 };
 
 /* What a source knows of its next event beside the arguments of event_process(), which takes it. */

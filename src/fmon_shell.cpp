@@ -23,6 +23,7 @@ struct fmon_shell fmon_shell = {
     .fs_events = 0,
     .fs_memory_kib = 0,
     .fs_queue = 0,
+    .fs_ignore = 0,
     .fs_directories = 65536,
     .fs_memory = 64, /* MiB */
     .fs_rest = 2,    /* ms */
@@ -46,6 +47,7 @@ constexpr uint32_t kCountMax = 1000000000;
 /* MiB; in bytes still a 32-bit number. */
 constexpr int32_t kFsMemoryMax = 2048;
 constexpr int32_t kFsRestMax = 100;
+constexpr uint32_t kFsIgnoreMax = 1024;
 
 /* A missing key, and a value of 0 or below, leave the current value. */
 void read_positive(void *ini, const char *key, int32_t *value)
@@ -73,6 +75,7 @@ void read_fs_keys(void *ini)
     read_count(ini, "fs_memory_kib", &fmon_shell.fs_memory_kib);
     read_count(ini, "fs_queue", &fmon_shell.fs_queue);
     read_positive(ini, "fs_rest", &fmon_shell.fs_rest);
+    read_count(ini, "fs_ignore", &fmon_shell.fs_ignore);
 }
 
 void load_config()
@@ -142,8 +145,9 @@ uint32_t fs_rest_ms()
 int start_core()
 {
     fmon.hardened = fmon_shell.hardened;
-    fmon.fs_keys = {fmon_shell.fs_events, static_cast<uint32_t>(fmon_shell.fs_directories), fs_memory_kib(),
-                    fmon_shell.fs_queue, fs_rest_ms()};
+    fmon.fs_keys = {fmon_shell.fs_events, static_cast<uint32_t>(fmon_shell.fs_directories),
+                    fs_memory_kib(),      fmon_shell.fs_queue,
+                    fs_rest_ms(),         fmon_shell.fs_ignore < kFsIgnoreMax ? fmon_shell.fs_ignore : kFsIgnoreMax};
     if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
         disable();
         FMON_LOG(1, kFile, "fmon init failed\n");

@@ -30,7 +30,7 @@ struct fmon_shell {
     int32_t max_events, max_dentries, tbd_interval;
     uint32_t rate_limit, rate_interval, rate_log;
     uint32_t hardened; /* handed to the core at the start, with the next four */
-    uint32_t fs_events, fs_memory_kib, fs_queue;
+    uint32_t fs_events, fs_memory_kib, fs_queue, fs_ignore;
     int32_t fs_directories, fs_memory, fs_rest; /* entries, MiB, ms */
     std::atomic<void *> lock;                   /* null: none yet, or no more */
     std::atomic<bool> closed;                   /* calls are turned away */

@@ -27,7 +27,7 @@ namespace
 
 PaperFanotify *paper;
 
-constexpr unsigned kReportDirectory = 0x400;
+constexpr unsigned kReportDirectory = 0x400, kIgnore = 0x400; /* of an init, of a mark */
 
 /* The reader's end belongs to whoever asked for it. */
 int paper_group()
@@ -139,12 +139,17 @@ PaperFanotify::~PaperFanotify()
 
 uint64_t PaperFanotify::fs_mask_of(const std::string &path, bool system) const
 {
+    return mask_of_type(path, system ? unsigned{FAN_MARK_FILESYSTEM} : 0);
+}
+
+uint64_t PaperFanotify::fs_ignored_of(const std::string &path) const { return mask_of_type(path, kIgnore); }
+
+uint64_t PaperFanotify::mask_of_type(const std::string &path, unsigned type) const
+{
     uint64_t mask = 0;
-    for (const auto &call : marks) {
-        if (call.fd != fs_group || call.path != path || ((call.flags & FAN_MARK_FILESYSTEM) != 0) != system)
-            continue;
-        mask = (call.flags & FAN_MARK_ADD) ? mask | call.mask : mask & ~call.mask;
-    }
+    for (const auto &call : marks)
+        if (call.fd == fs_group && call.path == path && (call.flags & (FAN_MARK_FILESYSTEM | kIgnore)) == type)
+            mask = (call.flags & FAN_MARK_ADD) ? mask | call.mask : mask & ~call.mask;
     return mask;
 }
 

@@ -50,6 +50,7 @@ public:
     uint64_t fs_refused_bits = 0;             /* of a mark: EINVAL */
     int fs_group = -1, fs_feed = -1;          /* the pipe, until the next such group */
     uint64_t fs_mask_of(const std::string &path, bool system) const;
+    uint64_t fs_ignored_of(const std::string &path) const; /* by an ignore mark */
 
     unsigned event_flags = ~0U; /* how the latest fanotify_init was told to open events' files */
 
@@ -57,6 +58,9 @@ public:
     void *(*probe_symbol)(const char *symbol) = nullptr;
 
     uint64_t mask_of(int fd, const std::string &path) const; /* what is marked now */
+
+private:
+    uint64_t mask_of_type(const std::string &path, unsigned type) const;
 };
 
 /* A started monitor on the real backend, hardened where the program is run so or the test says so; stopped, with its

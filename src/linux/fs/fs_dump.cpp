@@ -31,7 +31,8 @@ void dump_state()
 {
     struct fs_counts counts;
     fs_engine_counts(fs_source.engine, &counts);
-    FMON_LOG(4, kFile, "  table: %u of %u directories, %u anchors\n", counts.directories, counts.limit, counts.anchors);
+    FMON_LOG(4, kFile, "  table: %u of %u directories, %u anchors, %u ignored\n", counts.directories, counts.limit,
+             counts.anchors, counts.ignored);
     FMON_LOG(4, kFile, "  waiting: %zu of %zu bytes, %zu of them records as they were read\n",
              static_cast<size_t>(fs_source.queue.memory), fs_source.queue.limit, fs_source.arena.size);
     FMON_LOG(4, kFile, "  records: %" PRIu64 ", asked: %" PRIu64 "\n", counts.records, counts.asked);

@@ -15,6 +15,7 @@ namespace
 /* Newer than some systems' headers. */
 constexpr unsigned kReportDirName = 0xc00, kReportTarget = 0x1200;
 constexpr uint64_t kRename = 0x10000000;
+constexpr unsigned kIgnoreSurviving = 0x440, kEvictable = 0x200;
 
 /* A kind that is never asked for: only whether its removal is accepted counts. */
 constexpr uint64_t kNeverAsked = 0x1000; /* FAN_OPEN_EXEC */
@@ -23,6 +24,8 @@ constexpr uint32_t kMoves = FMON_MOVED_FROM | FMON_MOVED_TO;
 constexpr uint32_t kEntries = FMON_CREATE | FMON_DELETE | kMoves;
 constexpr uint32_t kContents =
     FMON_ACCESS | FMON_MODIFY | FMON_ATTRIB | FMON_CLOSE_WRITE | FMON_CLOSE_NOWRITE | FMON_OPEN;
+
+constexpr uint64_t kOfFiles = kContents | FMON_CREATE | FMON_DELETE | FAN_EVENT_ON_CHILD;
 
 static_assert(FAN_MODIFY == FMON_MODIFY && FAN_ATTRIB == FMON_ATTRIB && FAN_OPEN == FMON_OPEN &&
                   FAN_CREATE == FMON_CREATE && FAN_DELETE == FMON_DELETE && FAN_MOVED_TO == FMON_MOVED_TO &&
@@ -88,6 +91,23 @@ int fs_group_unmark(const struct fs_group *group, int fd, bool system, uint64_t 
 {
     const unsigned type = system ? unsigned{FAN_MARK_FILESYSTEM} : unsigned{FAN_MARK_ONLYDIR};
     return fanotify_call_mark(group->fd, FAN_MARK_REMOVE | type, bits, fd);
+}
+
+/* Renames are not among what is ignored: they tell that a directory's file, or the directory itself, went elsewhere. */
+int fs_group_ignore(const struct fs_group *group, int fd)
+{
+    if (!group->rename) {
+        errno = EINVAL;
+        return -1;
+    }
+    return fanotify_call_mark(group->fd, FAN_MARK_ADD | FAN_MARK_ONLYDIR | kIgnoreSurviving | kEvictable, kOfFiles, fd);
+}
+
+int fs_group_heed(const struct fs_group *group, int fd)
+{
+    const int result =
+        fanotify_call_mark(group->fd, FAN_MARK_REMOVE | FAN_MARK_ONLYDIR | kIgnoreSurviving, kOfFiles, fd);
+    return result == 0 || errno == ENOENT ? 0 : -1;
 }
 
 bool fs_group_is_marked(const struct fs_group *group, int fd)

@@ -34,6 +34,12 @@ int fs_group_unmark(const struct fs_group *group, int fd, bool system, uint64_t 
  * word. */
 bool fs_group_is_marked(const struct fs_group *group, int fd);
 
+/* Of the files in an open directory nothing is reported, though its file system is marked; what happens to directories
+ * is, and renames are. Undone by the second, which is no failure where nothing was ignored. -1 and errno: EINVAL where
+ * the kernel cannot (before 6.0). The kernel may forget such a mark, when memory is short. */
+int fs_group_ignore(const struct fs_group *group, int fd);
+int fs_group_heed(const struct fs_group *group, int fd);
+
 /* Reads records until nothing waits or fewer than FS_GROUP_ROOM bytes are left. Returns the bytes read; *drained:
  * nothing waited any more. An error other than that is as if nothing waited, and *error is its errno. */
 enum { FS_GROUP_ROOM = 4096 }; /* more than any record takes */

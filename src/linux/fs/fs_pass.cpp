@@ -164,13 +164,10 @@ bool open_another(const int32_t fsid[2])
     return false;
 }
 
-int open_mount(void *, const int32_t fsid[2], unsigned n)
-{
-    while (n >= count_open(fsid))
-        if (!open_another(fsid))
-            return -1;
-    return nth_open(fsid, n);
-}
+int open_mount(void *, const int32_t fsid[2], unsigned n) { return fs_pass_mount(fsid, n); }
+
+bool ignore(void *, const struct fs_key *directory) { return fs_ignore(directory); }
+bool heed(void *, const struct fs_key *directory) { return fs_heed(directory); }
 
 bool read_more(void *, struct fs_chunk *out)
 {
@@ -303,7 +300,7 @@ bool pass_once()
 
 }  // namespace
 
-struct fs_world fs_pass_world(void)
+struct fs_world fs_pass_world(uint32_t most_ignored)
 {
     struct fs_world world = {};
     world.open_mount = open_mount;
@@ -312,10 +309,29 @@ struct fs_world fs_pass_world(void)
     world.deliver = deliver;
     world.lost = lost;
     world.displaced = displaced;
+    world.ignore = ignore;
+    world.heed = heed;
+    world.most_ignored = most_ignored;
     return world;
 }
 
+int fs_pass_mount(const int32_t fsid[2], unsigned n)
+{
+    while (n >= count_open(fsid))
+        if (!open_another(fsid))
+            return -1;
+    return nth_open(fsid, n);
+}
+
 void fs_pass_begin(void) { fs_source.read_until = now_ms() + TURN_MS; }
+
+bool fs_pass_mount_failed(const int32_t fsid[2])
+{
+    for (unsigned i = 0; i < fs_source.open.count; i++)
+        if (fs_source.open.all[i].fd < 0 && fs_same_fsid(fs_source.open.all[i].fsid, fsid))
+            return true;
+    return false;
+}
 
 /* The monitor thread is woken when all that was read is in the queue: earlier, both threads would wait for each other.
  */

@@ -93,7 +93,7 @@ int open_directory(const struct fs_root *root)
     const int mount_fd = fs_mount_open(root->mount_id, root->system->fsid, root->path);
     if (mount_fd < 0)
         return -1;
-    const int fd = fs_open_handle(mount_fd, &root->key, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
+    const int fd = fs_open_handle(mount_fd, &root->key.key, O_RDONLY | O_DIRECTORY | O_NONBLOCK | O_CLOEXEC);
     close(mount_fd);
     return fd;
 }

@@ -128,26 +128,17 @@ struct fs_source {
     struct fs_root *global; /* for system-wide events; null: nobody wants them */
     uint32_t wanted;        /* kinds of all roots */
     uint64_t next_id;
+    bool cannot_ignore;         /* this kernel */
     std::atomic<uint32_t> news; /* FS_NEWS_* for the monitor thread */
 };
 extern struct fs_source fs_source; /* hidden */
 
 enum { FS_NEWS_MOUNTS = 1, FS_NEWS_DISPLACED = 2 };
 
-/* Holds the source's lock while it lives. */
-class FsLock
-{
-public:
-    FsLock() { pthread_mutex_lock(&fs_source.lock); }
-    ~FsLock() { pthread_mutex_unlock(&fs_source.lock); }
-    FsLock(const FsLock &) = delete;
-    FsLock &operator=(const FsLock &) = delete;
-};
-
 /* ---- fs_pass.cpp; with the source's lock ---- */
 
 /* What the engine calls. */
-struct fs_world fs_pass_world(void);
+struct fs_world fs_pass_world(uint32_t most_ignored);
 
 /* The engine is called: it may have records read for some time. */
 void fs_pass_begin(void);
@@ -158,10 +149,36 @@ bool fs_pass(void);
 /* Takes everything that waits, within a time. */
 void fs_pass_all(void);
 
-/* Closes what was opened for the engine. */
+/* An open directory of the n-th mount of the file system, of those that are served; -1: there are no more. */
+int fs_pass_mount(const int32_t fsid[2], unsigned n);
+
+/* Whether one of them was there, and could not be opened since the latest closing. */
+bool fs_pass_mount_failed(const int32_t fsid[2]);
+
+/* Closes what was opened for the engine. The end of the lock does so, too. */
 void fs_pass_close_mounts(void);
 
 void fs_pass_free(void);
+
+/* Holds the source's lock while it lives. */
+class FsLock
+{
+public:
+    FsLock() { pthread_mutex_lock(&fs_source.lock); }
+    ~FsLock()
+    {
+        fs_pass_close_mounts();
+        pthread_mutex_unlock(&fs_source.lock);
+    }
+    FsLock(const FsLock &) = delete;
+    FsLock &operator=(const FsLock &) = delete;
+};
+
+/* ---- fs_ignore.cpp; with the source's lock ---- */
+
+/* What the engine's ignore() and heed() are. */
+bool fs_ignore(const struct fs_key *directory);
+bool fs_heed(const struct fs_key *directory);
 
 /* ---- fs_view.cpp ---- */
 
@@ -188,7 +205,7 @@ bool fs_is_mounted(const char *point, int mount_id, const struct fs_key *root);
 /* ---- fs_system.cpp; with the source's lock ---- */
 
 /* As open_by_handle_at. */
-int fs_open_handle(int mount_fd, const struct fs_stored_key *key, int flags);
+int fs_open_handle(int mount_fd, const struct fs_key *key, int flags);
 
 /* Whether a handle of the file system can be opened: -1 and errno. */
 int fs_look_opens(const struct fs_look *look);

@@ -81,6 +81,7 @@ void reset()
     fs_source.global = nullptr;
     fs_source.wanted = 0;
     fs_source.error = 0;
+    fs_source.cannot_ignore = false;
     fs_source.news = 0;
     list_init(&fs_source.roots);
     list_init(&fs_source.systems);
@@ -94,7 +95,7 @@ int open_parts(const struct fmon_fs_keys *keys)
     if (fs_group_open(&fs_source.group, keys->queue != 0) < 0 ||
         fs_queue_open(&fs_source.queue, size_t{keys->memory_kib} * 1024) < 0)
         return errno;
-    const struct fs_world world = fs_pass_world();
+    const struct fs_world world = fs_pass_world(keys->ignored);
     fs_source.engine = fs_engine_new(keys->directories, getpid(), &world);
     if (!fs_source.engine)
         return ENOMEM;

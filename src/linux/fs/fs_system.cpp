@@ -77,22 +77,22 @@ void take_bits(struct fs_system *system, uint64_t bits)
 
 }  // namespace
 
-int fs_open_handle(int mount_fd, const struct fs_stored_key *key, int flags)
+int fs_open_handle(int mount_fd, const struct fs_key *key, int flags)
 {
     union {
         struct file_handle handle;
         char room[sizeof(struct file_handle) + FS_HANDLE_MAX];
     } u;
-    u.handle.handle_bytes = key->key.len;
-    u.handle.handle_type = key->key.type;
-    memcpy(u.room + offsetof(struct file_handle, f_handle), key->bytes, key->key.len);
+    u.handle.handle_bytes = key->len;
+    u.handle.handle_type = key->type;
+    memcpy(u.room + offsetof(struct file_handle, f_handle), key->bytes, key->len);
     return open_by_handle_at(mount_fd, &u.handle, flags);
 }
 
 int fs_look_opens(const struct fs_look *look)
 {
     errno = EOPNOTSUPP;
-    const int fd = look->opens ? fs_open_handle(look->fd, &look->key, O_PATH | O_CLOEXEC) : -1;
+    const int fd = look->opens ? fs_open_handle(look->fd, &look->key.key, O_PATH | O_CLOEXEC) : -1;
     if (fd < 0)
         return -1;
     close(fd);

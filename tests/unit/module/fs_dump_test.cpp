@@ -13,7 +13,7 @@ namespace
 
 /* The keys, while it lives. */
 struct Keys {
-    explicit Keys(uint32_t events) { fmon.fs_keys = {events, 1000, 65536, 0, 2}; }
+    explicit Keys(uint32_t events) { fmon.fs_keys = {events, 1000, 65536, 0, 2, 0}; }
     ~Keys() { fmon.fs_keys = {}; }
 };
 

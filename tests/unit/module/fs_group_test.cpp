@@ -162,6 +162,38 @@ TEST_F(FsGroup, WhetherAMarkIsStillThere)
     EXPECT_TRUE(fs_group_is_marked(&group_, 3));
 }
 
+TEST_F(FsGroup, FilesOfADirectoryAreIgnoredAndRenamesAndDirectoriesAreNot)
+{
+    constexpr unsigned kIgnore = 0x440, kEvictable = 0x200;
+    EXPECT_EQ(0, fs_group_ignore(&group_, 3));
+    EXPECT_EQ(FAN_MARK_ADD | FAN_MARK_ONLYDIR | kIgnore | kEvictable, kernel.operations[0]);
+    EXPECT_EQ(0u, kernel.masks[0] & (kRename | FAN_ONDIR | FAN_MOVED_FROM | FAN_MOVED_TO | FAN_DELETE_SELF));
+    EXPECT_NE(0u, kernel.masks[0] & FAN_EVENT_ON_CHILD);
+    EXPECT_EQ(0, fs_group_heed(&group_, 3));
+    EXPECT_EQ(FAN_MARK_REMOVE | FAN_MARK_ONLYDIR | kIgnore, kernel.operations[1]);
+    EXPECT_EQ(kernel.masks[0], kernel.masks[1]);
+}
+
+TEST_F(FsGroup, NothingIsIgnoredWhereTheKernelCannot)
+{
+    kernel.mark_error = EINVAL;
+    EXPECT_EQ(-1, fs_group_ignore(&group_, 3));
+    EXPECT_EQ(EINVAL, errno);
+    group_.rename = false; /* which way a directory went would not be known */
+    kernel.operations.clear();
+    EXPECT_EQ(-1, fs_group_ignore(&group_, 3));
+    EXPECT_EQ(EINVAL, errno);
+    EXPECT_TRUE(kernel.operations.empty());
+}
+
+TEST_F(FsGroup, WhatIsNotIgnoredIsHeard)
+{
+    kernel.mark_error = ENOENT;
+    EXPECT_EQ(0, fs_group_heed(&group_, 3));
+    kernel.mark_error = ENOMEM;
+    EXPECT_EQ(-1, fs_group_heed(&group_, 3));
+}
+
 /* ---- reading ---- */
 
 class FsGroupRead : public ::testing::Test

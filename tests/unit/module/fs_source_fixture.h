@@ -36,7 +36,10 @@ inline constexpr uint64_t kBase = FAN_CREATE | FAN_DELETE | FAN_ONDIR | kRename;
 
 /* The keys, while it lives. */
 struct Keys {
-    explicit Keys(uint32_t events = 1, uint32_t memory_kib = 65536) { fmon.fs_keys = {events, 1000, memory_kib, 0, 2}; }
+    explicit Keys(uint32_t events = 1, uint32_t memory_kib = 65536, uint32_t ignored = 0)
+    {
+        fmon.fs_keys = {events, 1000, memory_kib, 0, 2, ignored};
+    }
     ~Keys() { fmon.fs_keys = {}; }
 };
 
@@ -55,7 +58,7 @@ inline bool can_open_handles()
 class FsSource : public ::testing::Test
 {
 protected:
-    FsSource() { EXPECT_EQ(0, m.result); }
+    explicit FsSource(uint32_t ignored = 0) : keys_(1, 65536, ignored) { EXPECT_EQ(0, m.result); }
     ~FsSource() override { g_container_flag = 0; }
 
     uint64_t system(const std::string &path) { return m.fanotify.fs_mask_of(path, true); }

@@ -67,7 +67,7 @@ protected:
         fmon_shell.rate_interval = 200;
         fmon_shell.rate_log = 0;
         fmon_shell.hardened = 0;
-        fmon_shell.fs_events = fmon_shell.fs_memory_kib = fmon_shell.fs_queue = 0;
+        fmon_shell.fs_events = fmon_shell.fs_memory_kib = fmon_shell.fs_queue = fmon_shell.fs_ignore = 0;
         fmon_shell.fs_directories = 65536;
         fmon_shell.fs_memory = 64;
         fmon_shell.fs_rest = 2;

@@ -291,24 +291,27 @@ TEST_F(Config, KeysOfTheSourceOfFileSystems)
                       {{"fmon", "fs_directories"}, "500"},
                       {{"fmon", "fs_memory"}, "3"},
                       {{"fmon", "fs_queue"}, "1"},
-                      {{"fmon", "fs_rest"}, "20"}});
+                      {{"fmon", "fs_rest"}, "20"},
+                      {{"fmon", "fs_ignore"}, "64"}});
     start();
     EXPECT_EQ(1u, fmon.fs_keys.events);
     EXPECT_EQ(500u, fmon.fs_keys.directories);
     EXPECT_EQ(3072u, fmon.fs_keys.memory_kib);
     EXPECT_EQ(1u, fmon.fs_keys.queue);
     EXPECT_EQ(20u, fmon.fs_keys.rest_ms);
+    EXPECT_EQ(64u, fmon.fs_keys.ignored);
 }
 
 TEST_F(Config, TheSourceOfFileSystemsIsNotUsedWithoutItsKey)
 {
-    fmon.fs_keys = {1, 1, 1, 1, 1};
+    fmon.fs_keys = {1, 1, 1, 1, 1, 1};
     start();
     EXPECT_EQ(0u, fmon.fs_keys.events);
     EXPECT_EQ(65536u, fmon.fs_keys.directories);
     EXPECT_EQ(65536u, fmon.fs_keys.memory_kib);
     EXPECT_EQ(0u, fmon.fs_keys.queue);
     EXPECT_EQ(2u, fmon.fs_keys.rest_ms);
+    EXPECT_EQ(0u, fmon.fs_keys.ignored);
 }
 
 TEST_F(Config, TheRestOfTheSourceHasALimit)
@@ -316,6 +319,13 @@ TEST_F(Config, TheRestOfTheSourceHasALimit)
     testlib::set_ini({{{"fmon", "fs_rest"}, "1000000"}});
     start();
     EXPECT_EQ(100u, fmon.fs_keys.rest_ms);
+}
+
+TEST_F(Config, IgnoredDirectoriesHaveALimit)
+{
+    testlib::set_ini({{{"fmon", "fs_ignore"}, "1000000"}});
+    start();
+    EXPECT_EQ(1024u, fmon.fs_keys.ignored);
 }
 
 TEST_F(Config, MemoryOfTheSourceInKibGoesBeforeThatInMib)
