@@ -108,7 +108,8 @@ constexpr Row kRows[] = {
      }},
     {"table", lost<&fmon_fs_losses::unresolved>,
      [](uint64_t n, const std::string &) {
-         return counted(n, "event") + " came for a directory whose path could not be found out any more";
+         return counted(n, "event") + " came for a directory whose path could not be found out any more, or that was " +
+                "ignored (fs_ignore) until it was moved";
      }},
     {"watches", [](const Status &now) { return now.fs.left_out; },
      [](uint64_t n, const std::string &) {

@@ -16,6 +16,7 @@ const Setting kSettingTable[kSettings] = {
     {"fs_memory_kib", 0, 2097152, nullptr},
     {"fs_queue", 0, 1, nullptr},
     {"fs_rest", 1, 100, nullptr},
+    {"fs_ignore", 0, 1024, nullptr},
 };
 
 }  // namespace agent

@@ -16,7 +16,7 @@ struct Setting {
     const char *preset; /* what the command sets without being told; null: what fmon.ini says */
 };
 
-inline constexpr size_t kSettings = 12;
+inline constexpr size_t kSettings = 13;
 extern const Setting kSettingTable[kSettings];
 
 }  // namespace agent

@@ -74,6 +74,15 @@ contestant fmon(const std::string &stage, const char *source, const char *events
         false};
 }
 
+/* The kernel is asked to be silent of loud directories outside. */
+contestant ignoring(const std::string &stage, const char *name, const char *events)
+{
+    contestant who = fmon(stage, "filesystem", events);
+    who.name = name;
+    who.command.insert(who.command.end(), {"--set", "fs_ignore=64"});
+    return who;
+}
+
 contestant inotifywait(const char *events) { return {"inotifywait", {"inotifywait", "-m", "-r", "-e", events}, false}; }
 
 /* It looks at mounts of devices only, unless it is told to look at the one that it is on. */
@@ -215,10 +224,12 @@ void compare_churns(const std::string &stage, const char *place, int files)
                                        fmon(stage, "filesystem", kContents)};
     if (is_there("fatrace"))
         compare({"churn: modify and close_write", kClosed, writers}, place, files);
-    constexpr char kDefault[] = "create,delete,moved_from,moved_to,attrib,modify,close_write";
+    constexpr char kDefault[] = "create,delete,moved_from,moved_to,attrib,modify,close_write",
+                   kNoAttrib[] = "create,delete,moved_from,moved_to,modify,close_write";
     compare({"a churn outside of what is watched",
              0,
-             {nobody(), bare(), fmon(stage, "marks", kDefault), fmon(stage, "filesystem", kDefault)}},
+             {nobody(), bare(), fmon(stage, "marks", kDefault), fmon(stage, "filesystem", kDefault),
+              ignoring(stage, "fmon, ignoring", kDefault), ignoring(stage, "the same without attrib", kNoAttrib)}},
             place, files);
 }
 

@@ -217,7 +217,8 @@ struct fmon_fallback {
 struct fmon_fs_losses {
     uint64_t overflows;  /* of the kernel's queue: how many events each lost is not known */
     uint64_t dropped;    /* records and events thrown away at the limit of memory */
-    uint64_t unresolved; /* records whose directory could not be found out any more */
+    uint64_t unresolved; /* records whose directory could not be found out any more; directories that fmon.ini's
+                            fs_ignore kept silent until they came into a watched one */
 };
 
 /* The source of whole file systems (fmon.ini's fs_events). Everything is 0 while the key is. */

@@ -139,7 +139,7 @@ constexpr OptionRow<O> kRows[] = {
      set_flag<O, &O::keep_going>},
     {{0, "set", "KEY=N",
       "a value of fmon.ini for this run: max_events, max_dentries,\ntbd_interval, rate_limit, rate_interval, "
-      "rate_log,\nhardened, fs_directories, fs_memory, fs_memory_kib, fs_queue,\nfs_rest",
+      "rate_log,\nhardened, fs_directories, fs_memory, fs_memory_kib, fs_queue,\nfs_rest, fs_ignore",
       one_of(take::setting_words), "The monitor"},
      take::setting},
     {{0, "source", "HOW",

@@ -158,7 +158,7 @@ const Bad kBad[] = {
     {{"-t", "", "/a"}, "--timeout takes"},
     {{"--set", "foo=1", "/a"},
      "max_events, max_dentries, tbd_interval, rate_limit, rate_interval, rate_log, hardened, "
-     "fs_directories, fs_memory, fs_memory_kib, fs_queue, fs_rest"},
+     "fs_directories, fs_memory, fs_memory_kib, fs_queue, fs_rest, fs_ignore"},
     {{"--set", "max_events", "/a"}, "max_events=NUMBER"},
     {{"--set", "max_events=0", "/a"}, "1 to 2147483647"},
     {{"--set", "max_dentries=2097153", "/a"}, "1 to 2097152"},
@@ -167,6 +167,7 @@ const Bad kBad[] = {
     {{"--set", "rate_log=2", "/a"}, "0 to 1"},
     {{"--set", "fs_directories=0", "/a"}, "1 to 2147483647"},
     {{"--set", "fs_memory=2049", "/a"}, "1 to 2048"},
+    {{"--set", "fs_ignore=1025", "/a"}, "0 to 1024"},
     {{"--set", "fs_events=1", "/a"}, "unknown key 'fs_events'"},
     {{"--probes", "maybe", "/a"}, "auto, on or off"},
     {{"--log", "disk", "/a"}, "file or stderr"},
