@@ -142,12 +142,14 @@ uint32_t fs_rest_ms()
     return static_cast<uint32_t>(fmon_shell.fs_rest < kFsRestMax ? fmon_shell.fs_rest : kFsRestMax);
 }
 
+uint32_t fs_ignored() { return fmon_shell.fs_ignore < kFsIgnoreMax ? fmon_shell.fs_ignore : kFsIgnoreMax; }
+
 int start_core()
 {
     fmon.hardened = fmon_shell.hardened;
     fmon.fs_keys = {fmon_shell.fs_events, static_cast<uint32_t>(fmon_shell.fs_directories),
                     fs_memory_kib(),      fmon_shell.fs_queue,
-                    fs_rest_ms(),         fmon_shell.fs_ignore < kFsIgnoreMax ? fmon_shell.fs_ignore : kFsIgnoreMax};
+                    fs_rest_ms(),         fs_ignored()};
     if (fmon_init(fmon_shell.max_events, fmon_shell.max_dentries, fmon_shell.tbd_interval) < 0) {
         disable();
         FMON_LOG(1, kFile, "fmon init failed\n");
